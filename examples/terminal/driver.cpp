@@ -1,0 +1,40 @@
+#include "driver.h"
+
+#include <algorithm>
+#include <string>
+
+#include "failure.h"
+
+namespace {
+
+std::string Advice(const std::string& status) {
+    if (status == "NVML unavailable / NVIDIA GPU monitoring disabled.") {
+        return "Install the NVIDIA driver, which provides libnvidia-ml.so.1, or add --simulate to see simulated GPUs.";
+    }
+    if (status == "NVML initialization failed.") {
+        return "The NVIDIA driver is installed but does not answer: load its kernel module, reboot if it was just "
+               "updated, or add --simulate to see simulated GPUs.";
+    }
+    return "The NVIDIA driver answers but has no GPU to show: check that the GPU is powered, seated and passed through "
+           "to this system, or add --simulate to see simulated GPUs.";
+}
+
+}  // namespace
+
+void RequireDriver(const NvmlGpuMonitor& monitor) {
+    if (monitor.IsAvailable()) return;
+    const std::string status = monitor.Status();
+    throw Failure(status + '\n' + Advice(status));
+}
+
+void RequireGpu(const std::vector<GpuTelemetryHistory>& gpus, unsigned int index) {
+    const auto hasIndex = [index](const GpuTelemetryHistory& gpu) { return gpu.Device.Index == index; };
+    if (std::any_of(gpus.begin(), gpus.end(), hasIndex)) return;
+    std::string sentence = "There is no GPU " + std::to_string(index) + ". GPUs here: ";
+    const char* separator = "";
+    for (const GpuTelemetryHistory& gpu : gpus) {
+        sentence += separator + std::to_string(gpu.Device.Index);
+        separator = ", ";
+    }
+    throw Failure(sentence + '.', kExitUsage);
+}

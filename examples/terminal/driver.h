@@ -1,0 +1,14 @@
+#ifndef GPU_MONITOR_DRIVER_H
+#define GPU_MONITOR_DRIVER_H
+
+#include <vector>
+
+#include "nvml_gpu_monitor.h"
+
+/// Throws `Failure` with what the monitor says about the driver and what the user can do about it, unless NVML is up.
+void RequireDriver(const NvmlGpuMonitor& monitor);
+
+/// Throws `Failure` unless one of `gpus` has this NVML index.
+void RequireGpu(const std::vector<GpuTelemetryHistory>& gpus, unsigned int index);
+
+#endif  // GPU_MONITOR_DRIVER_H

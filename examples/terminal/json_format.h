@@ -1,0 +1,21 @@
+#ifndef GPU_MONITOR_JSON_FORMAT_H
+#define GPU_MONITOR_JSON_FORMAT_H
+
+#include <string>
+#include <vector>
+
+#include "readings.h"
+
+// Every text ends with a line break. A value that was not read is left out.
+
+/// One object with the identity of every GPU in `devices`.
+std::string ListJson(const std::string& driverVersion, const std::vector<GpuDeviceInfo>& devices);
+
+/// One object with identity and reading of every GPU in `gpus`, which may be empty.
+std::string SampleJson(const std::string& driverVersion, const std::vector<GpuReading>& gpus);
+
+/// One sample of one GPU as one line, with the GPU's processes unless `processes` is null.
+std::string StreamJson(const GpuDeviceInfo& device, const GpuTelemetrySample& sample,
+                       const std::vector<GpuProcessMemory>* processes);
+
+#endif  // GPU_MONITOR_JSON_FORMAT_H

@@ -1,0 +1,56 @@
+#ifndef GPU_MONITOR_READINGS_H
+#define GPU_MONITOR_READINGS_H
+
+#include <nlohmann/json.hpp>
+#include <vector>
+
+#include "nvml_gpu_monitor.h"
+
+/// Keeps the order of its keys: JSON output reads in the order of the tables below.
+using Json = nlohmann::ordered_json;
+
+/// One value of a sample: the table, JSON and the stream all show it from here.
+struct Reading {
+    /// JSON key, with the unit of the JSON value.
+    const char* Key;
+    /// Row name in the text table; null when only JSON has this reading.
+    const char* Label;
+    /// Unit of the value in text.
+    const char* Unit;
+    /// Null when the value was not read.
+    Json (*Get)(const GpuTelemetrySample& sample);
+    /// Column heading and width in the text stream; null when the stream has no column for it.
+    const char* StreamHeading = nullptr;
+    int StreamWidth = 0;
+    /// Digits after the decimal point, in text.
+    int Decimals = 0;
+    /// What a JSON value is divided by to give the number in text.
+    double TextDivisor = 1.0;
+};
+
+/// One fact of a GPU's identity.
+struct IdentityField {
+    const char* Key;
+    const char* Label;
+    const char* Unit;
+    /// Null when the value was not read.
+    Json (*Get)(const GpuDeviceInfo& device);
+    double TextDivisor = 1.0;
+};
+
+/// One reading of one GPU.
+struct GpuReading {
+    GpuDeviceInfo Device;
+    GpuTelemetrySample Sample;
+};
+
+/// Every reading, in the order of output.
+const std::vector<Reading>& Readings();
+
+/// Every identity field, in the order of output.
+const std::vector<IdentityField>& IdentityFields();
+
+/// False when nothing at all could be read: the GPU did not answer.
+bool HasAnyReading(const GpuTelemetrySample& sample);
+
+#endif  // GPU_MONITOR_READINGS_H

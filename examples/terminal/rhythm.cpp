@@ -1,0 +1,43 @@
+#include "rhythm.h"
+
+#include <algorithm>
+
+namespace {
+
+/// How long after the expected start of a cycle to look: late enough for the sampler to have begun, so that the look
+/// waits for the rest of the cycle by itself.
+constexpr double kMarginSeconds = 0.005;
+/// Wait after a first look in vain; each further one doubles it.
+constexpr double kFirstRetrySeconds = 0.01;
+
+}  // namespace
+
+Rhythm::Rhythm(std::chrono::milliseconds interval)
+    : IntervalSeconds(std::chrono::duration<double>(interval).count()),
+      PeriodSeconds(IntervalSeconds),
+      RetrySeconds(kFirstRetrySeconds) {}
+
+double Rhythm::AfterStart(double now) const {
+    return now + kMarginSeconds;
+}
+
+double Rhythm::AfterNewSample(const GpuTelemetryHistory& history, double now) {
+    RetrySeconds = kFirstRetrySeconds;
+    const auto& samples = history.Samples;
+    // The cycle has ended by now, so the next one starts within the interval. That bounds the guess when the last two
+    // samples lie far apart because the process was suspended.
+    double next = now + IntervalSeconds;
+    if (samples.size() >= 2) {
+        const double newest = samples.back().TimestampSeconds;
+        const double previous = samples[samples.size() - 2].TimestampSeconds;
+        next = std::min(next, newest + (newest - previous));
+        PeriodSeconds = std::max(next - newest, IntervalSeconds);
+    }
+    return next + kMarginSeconds;
+}
+
+double Rhythm::AfterNothing(double now) {
+    const double next = now + RetrySeconds;
+    RetrySeconds = std::min(RetrySeconds * 2.0, IntervalSeconds);
+    return next;
+}

@@ -1,0 +1,277 @@
+#ifndef NVML_GPU_MONITOR_H
+#define NVML_GPU_MONITOR_H
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+/// \file
+/// Telemetry of NVIDIA GPUs for a program that embeds it.
+///
+/// The module opens NVIDIA's management library (NVML, `libnvidia-ml.so.1`) at run time. Nothing has to be linked or
+/// installed to build with it, and on a machine without the NVIDIA driver it says so in `Status` and stays harmless.
+///
+///     NvmlGpuMonitor monitor;
+///     if (!monitor.Start()) std::puts(monitor.Status().c_str());
+///     ...
+///     for (const GpuTelemetryHistory& gpu : monitor.Snapshot()) Plot(gpu.Device.Name, gpu.Samples);
+///
+/// Every record is a plain value that the host owns: nothing in it points back into the monitor.
+
+/// Identity of one GPU, read once when NVML starts. Texts are as NVML delivers them.
+struct GpuDeviceInfo {
+    /// Product name. Never unread: a GPU without a readable name is not listed. Source: `nvmlDeviceGetName`.
+    std::string Name;
+    /// NVML device index: the number that addresses this GPU in every operation. Indices can have gaps.
+    unsigned int Index = 0;
+    /// NVML's UUID text, stable across reboots; empty when not read. Source: `nvmlDeviceGetUUID`.
+    std::string Uuid;
+    /// PCI bus id, the full form where the driver gives it; empty when not read. Source: `nvmlDeviceGetPciInfo_v3`.
+    std::string PciBusId;
+    /// Version of the installed driver, the same for every GPU; empty when not read. Source:
+    /// `nvmlSystemGetDriverVersion`.
+    std::string DriverVersion;
+    /// Version of the video BIOS; empty when not read. Source: `nvmlDeviceGetVbiosVersion`.
+    std::string VbiosVersion;
+    /// "Kepler" to "Blackwell", or "Unknown" for an architecture this module has no name for; empty when not read.
+    /// Source: `nvmlDeviceGetArchitecture`.
+    std::string Architecture;
+    /// Size of the BAR1 aperture in bytes; 0 when not read. Source: `nvmlDeviceGetBAR1MemoryInfo`.
+    uint64_t Bar1TotalBytes = 0;
+};
+
+/// One reading of one GPU at one moment.
+///
+/// A field that could not be read keeps its default, so samples with only some fields filled are normal: -1 for
+/// integers and -1.0 for floating-point fields. `TimestampSeconds`, the byte counts and `PerformanceLimitReasons` have
+/// 0 instead; test a byte count by its total.
+struct GpuTelemetrySample {
+    /// Seconds of the steady clock at the moment of reading; only differences mean anything. 0.0: no reading took
+    /// place.
+    double TimestampSeconds = 0.0;
+    /// Temperature of the GPU die, degrees Celsius. Source: `nvmlDeviceGetTemperature`.
+    int TemperatureC = -1;
+    /// Share of time in which the GPU was busy, percent. Source: `nvmlDeviceGetUtilizationRates`.
+    int GpuUtilizationPercent = -1;
+    /// Share of time in which the memory controller was busy, percent. Source: `nvmlDeviceGetUtilizationRates`.
+    int MemoryUtilizationPercent = -1;
+    /// Load of the video encoder, percent. Source: `nvmlDeviceGetEncoderUtilization`.
+    int EncoderUtilizationPercent = -1;
+    /// Load of the video decoder, percent. Source: `nvmlDeviceGetDecoderUtilization`.
+    int DecoderUtilizationPercent = -1;
+    /// Video memory in use, bytes, with what the driver reserves. Source: `nvmlDeviceGetMemoryInfo`.
+    uint64_t VramUsedBytes = 0;
+    /// Video memory in total, bytes; 0 when not read. Source: `nvmlDeviceGetMemoryInfo`.
+    uint64_t VramTotalBytes = 0;
+    /// BAR1 aperture in use, bytes. Source: `nvmlDeviceGetBAR1MemoryInfo`.
+    uint64_t Bar1UsedBytes = 0;
+    /// BAR1 aperture in total, bytes; 0 when not read. Source: `nvmlDeviceGetBAR1MemoryInfo`.
+    uint64_t Bar1TotalBytes = 0;
+    /// Power that the board draws, watts. Source: `nvmlDeviceGetPowerUsage`.
+    double PowerWatts = -1.0;
+    /// Power limit in force, watts. Source: `nvmlDeviceGetEnforcedPowerLimit`; where that cannot be read,
+    /// `nvmlDeviceGetPowerManagementLimit`.
+    double PowerLimitWatts = -1.0;
+    /// The board's default power limit, watts. Source: `nvmlDeviceGetPowerManagementDefaultLimit`.
+    double DefaultPowerLimitWatts = -1.0;
+    /// Lowest power limit that the driver accepts, watts. Source: `nvmlDeviceGetPowerManagementLimitConstraints`.
+    double MinimumPowerLimitWatts = -1.0;
+    /// Highest power limit that the driver accepts, watts. Source: `nvmlDeviceGetPowerManagementLimitConstraints`.
+    double MaximumPowerLimitWatts = -1.0;
+    /// Fan speed, percent of its maximum. Source: `nvmlDeviceGetFanSpeed`.
+    int FanPercent = -1;
+    /// Graphics clock, MHz. Source: `nvmlDeviceGetClockInfo`.
+    int GraphicsClockMHz = -1;
+    /// Clock of the streaming multiprocessors, MHz. Source: `nvmlDeviceGetClockInfo`.
+    int SmClockMHz = -1;
+    /// Memory clock, MHz. Source: `nvmlDeviceGetClockInfo`.
+    int MemoryClockMHz = -1;
+    /// Clock of the video engines, MHz. Source: `nvmlDeviceGetClockInfo`.
+    int VideoClockMHz = -1;
+    /// Performance state: 0 is the fastest, 15 the slowest. Source: `nvmlDeviceGetPerformanceState`.
+    int PerformanceState = -1;
+    /// Generation of the PCIe link as it runs now; an idle GPU lowers it. Source:
+    /// `nvmlDeviceGetCurrPcieLinkGeneration`.
+    int PcieGeneration = -1;
+    /// Lanes of the PCIe link as it runs now. Source: `nvmlDeviceGetCurrPcieLinkWidth`.
+    int PcieWidth = -1;
+    /// Data the GPU received over PCIe, MiB per second. Source: `nvmlDeviceGetPcieThroughput`.
+    double PcieReceiveMiBPerSecond = -1.0;
+    /// Data the GPU sent over PCIe, MiB per second. Source: `nvmlDeviceGetPcieThroughput`.
+    double PcieTransmitMiBPerSecond = -1.0;
+    /// NVML's bit mask of what limits the clocks at this moment; 0 when nothing does and also when not read. Source:
+    /// `nvmlDeviceGetCurrentClocksThrottleReasons`.
+    uint64_t PerformanceLimitReasons = 0;
+    /// GPU time of the host's latest frame, milliseconds; -1.0 when the host's profiler has none. Source:
+    /// `GPUProfiler`.
+    double FrameTimeMs = -1.0;
+};
+
+/// Video memory of one process on one GPU.
+struct GpuProcessMemory {
+    /// Process id as NVML reports it: in a container it can be the host's.
+    int Pid = 0;
+    /// Video memory that the process uses on this GPU, bytes. Source: `nvmlDeviceGetComputeRunningProcesses` and
+    /// `nvmlDeviceGetGraphicsRunningProcesses`, the newest version that the driver has.
+    uint64_t VramUsedBytes = 0;
+};
+
+/// Everything that the monitor keeps about one GPU.
+struct GpuTelemetryHistory {
+    GpuDeviceInfo Device;
+    /// Oldest first, newest last. At most 6000: once full, each new sample drops the oldest.
+    std::deque<GpuTelemetrySample> Samples;
+    /// The processes that used video memory on this GPU at the latest sampling cycle that reached it, each listed once
+    /// with the largest value NVML gave for it. In no particular order.
+    std::vector<GpuProcessMemory> ProcessMemory;
+};
+
+/// Reads every NVIDIA GPU once per interval on a thread of its own and keeps bounded histories; the host takes copies.
+///
+/// Create one and keep it for the life of the application.
+///
+/// Threads: `Start`, `Stop`, `PauseSampling`, `ResumeSampling` and the destructor belong to one controlling thread at a
+/// time. Every other operation may be called from any thread at any time. One mutex serializes everything, and the
+/// sampler holds it for a whole cycle over all GPUs: on real hardware an operation can wait tens of milliseconds per
+/// GPU, so keep them off a render thread. The host's `GPUProfiler` is asked with that mutex held and must never call
+/// into the monitor.
+///
+/// Failure: NVML's failures are reported by results and by `Status`; nothing is thrown for them and nothing is logged.
+/// Only the standard library's own exceptions (out of memory, no thread to be had, a broken mutex) pass out.
+///
+/// Cost: an open NVML keeps a laptop's GPU awake; only `Stop` releases it.
+class NvmlGpuMonitor {
+public:
+    /// Opens nothing and starts nothing: `IsAvailable` is false, `Status` and `Snapshot` are empty.
+    NvmlGpuMonitor();
+
+    /// Calls `Stop`. Locked clocks and power limits that were set on a GPU outlive the monitor.
+    ~NvmlGpuMonitor();
+
+    NvmlGpuMonitor(const NvmlGpuMonitor&) = delete;
+    NvmlGpuMonitor& operator=(const NvmlGpuMonitor&) = delete;
+
+    /// Starts NVML, unless it is up, and the sampler thread. The first cycle follows the initial sample delay.
+    ///
+    /// An NVML that was down is started afresh: GPUs are discovered and all histories begin empty. The first start can
+    /// take seconds where the driver is not kept loaded.
+    /// Result: true when the sampler runs, also when it ran before. False when NVML cannot be started: `Status` says
+    /// why, no thread exists, and a later call tries again.
+    /// Throws: `std::system_error` when no thread can be created (NVML is then up and the sampler is not running), and
+    /// what allocation throws (NVML is then closed).
+    /// Threads: the controlling thread.
+    bool Start();
+
+    /// Ends the sampler thread, shuts NVML down and closes it. Valid in every state, any number of times.
+    ///
+    /// Waits for a cycle in progress, not for the interval. Histories and `Status` keep what they hold until the next
+    /// start. Clocks and power limits stay as they are on the GPU.
+    /// Threads: the controlling thread.
+    void Stop();
+
+    /// Ends the sampler thread and leaves NVML up and the histories in place: a gap in their timestamps is all that a
+    /// pause leaves. Everything else goes on working. No effect when the sampler is not running.
+    ///
+    /// Waits for a cycle in progress, not for the interval.
+    /// Threads: the controlling thread.
+    void PauseSampling();
+
+    /// Goes on after `PauseSampling`, with the histories as they are. In every other state the same as `Start`.
+    ///
+    /// Result, exceptions and threads: as `Start`.
+    bool ResumeSampling();
+
+    /// True while NVML is up with at least one GPU. Never starts NVML.
+    ///
+    /// Threads: any thread, any time; waits for a cycle in progress.
+    bool IsAvailable() const;
+
+    /// The outcome of the latest attempt to start NVML as one line for the user; empty before the first attempt. A stop
+    /// does not change it. Never starts NVML.
+    ///
+    /// Threads: any thread, any time; waits for a cycle in progress.
+    std::string Status() const;
+
+    /// Sets the wait between the end of one cycle and the start of the next, 100 to 10000 ms; a value outside becomes
+    /// the nearer bound. Default: 1000 ms.
+    ///
+    /// Takes effect at once: each call, also one that changes nothing, ends the sampler's current wait, so that a cycle
+    /// runs now. Only an initial delay starts over instead.
+    /// Threads: any thread, any time; waits for a cycle in progress.
+    void SetSampleInterval(std::chrono::milliseconds interval);
+
+    /// Sets how long each newly started sampler waits before its first cycle, 0 to 10000 ms; a value outside becomes
+    /// the nearer bound. Default: 0 ms.
+    ///
+    /// A delay that is running is not disturbed: the new one counts from the next start or resume on, or when
+    /// `SetSampleInterval` makes the running one start over.
+    /// Threads: any thread, any time; waits for a cycle in progress.
+    void SetInitialSampleDelay(std::chrono::milliseconds delay);
+
+    /// Copies all histories, one per GPU in ascending NVML index order, with all of a cycle's updates or none.
+    ///
+    /// Works in every state and never starts NVML: empty before the first start, the last data after a stop or a pause.
+    /// Cost: up to 6000 samples per GPU are copied while the sampler waits. Call it once per interval at most.
+    /// Threads: any thread, any time; waits for a cycle in progress.
+    /// Ownership: the copy is the caller's and shares nothing with the monitor.
+    std::vector<GpuTelemetryHistory> Snapshot() const;
+
+    /// Reads one sample of NVML device 0 at once. As `ReadCurrentSample(0, output)`.
+    bool ReadCurrentSample(GpuTelemetrySample* output);
+
+    /// Reads one sample of one GPU at once, outside the sampler's rhythm; the histories do not change.
+    ///
+    /// `deviceIndex` is the NVML index (`GpuDeviceInfo::Index`), not a position in a snapshot.
+    /// Result: true when power or graphics clock could be read. False when neither could: what else was read is in
+    /// `*output`. False also when `output` is null (nothing happens), NVML cannot be started (`Status` says why) or no
+    /// GPU has this index; a non-null `*output` then holds its defaults, so `TimestampSeconds` is 0.0.
+    /// Side effect: starts NVML if needed, with empty histories, and leaves it open until `Stop`; never starts the
+    /// sampler.
+    /// Source: the queries named at the fields of `GpuTelemetrySample`.
+    /// Cost: all these queries; on real hardware PCIe throughput alone takes about 20 ms per direction.
+    /// Threads: any thread, any time; waits for a cycle in progress.
+    bool ReadCurrentSample(unsigned int deviceIndex, GpuTelemetrySample* output);
+
+private:
+    /// Body of the sampler thread: the initial delay, then cycles with a wait after each.
+    void SamplerLoop();
+    /// Waits out the initial delay, from its beginning again whenever a wake-up cuts it short. False: the sampler is to
+    /// end.
+    bool WaitInitialDelay();
+    /// Waits for `duration`, or until the sampler is to end or `WakeGeneration` is no longer `generation`. `lock` holds
+    /// `Mutex`, also afterwards.
+    void WaitForWakeLocked(std::unique_lock<std::mutex>& lock, std::chrono::milliseconds duration, uint64_t generation);
+    /// The work of one cycle: a sample and the process list of every GPU; the caller holds `Mutex`.
+    void SampleAllDevicesLocked();
+
+    /// Starts the sampler thread, and NVML before it when it is down; the caller holds `Mutex`.
+    bool StartSamplingLocked();
+    /// Starts NVML and rebuilds `Histories`, unless NVML is up; the caller holds `Mutex`.
+    bool InitializeLocked();
+    /// Shuts NVML down and closes it, whatever is open; the caller holds `Mutex`.
+    void ShutdownLocked();
+    /// Twins of ReadCurrentSample; the caller holds `Mutex`.
+    bool ReadCurrentSampleLocked(GpuTelemetrySample* output);
+    bool ReadCurrentSampleLocked(unsigned int deviceIndex, GpuTelemetrySample* output);
+
+    // Mutex guards every member except SamplerThread, which belongs to the controlling thread.
+    void* Library = nullptr;
+    bool bInitialized = false;
+    bool bRunning = false;
+    std::string StatusText;
+    std::chrono::milliseconds SampleInterval{1000};
+    std::chrono::milliseconds InitialSampleDelay{0};
+    uint64_t WakeGeneration = 0;
+    std::thread SamplerThread;
+    mutable std::mutex Mutex;
+    std::condition_variable WakeCv;
+    std::vector<GpuTelemetryHistory> Histories;
+    void* PrimaryDevice = nullptr;
+};
+
+#endif  // NVML_GPU_MONITOR_H

@@ -1,0 +1,30 @@
+#ifndef GPU_PROFILER_H
+#define GPU_PROFILER_H
+
+/// Stands in for the frame profiler of a host that has none: it never has a frame, so samples carry no frame time.
+///
+/// A host with a profiler of its own supplies a header of this name with the same three members, and the monitor is
+/// compiled against that one. The monitor asks it while holding its own mutex: `GetLatestSnapshot` may take a lock, but
+/// must never call into the monitor.
+class GPUProfiler {
+public:
+    /// The latest frame. A host's record may hold more; the monitor reads only this field.
+    struct FrameSnapshot {
+        /// GPU time of the frame in milliseconds; 0 or less when it was not measured.
+        double GpuFrameTimeMs = 0.0;
+    };
+
+    /// The profiler of this process, created at the first call.
+    static GPUProfiler* Get() {
+        static GPUProfiler profiler;
+        return &profiler;
+    }
+
+    /// Copies the latest frame into `snapshot`; false when there is none.
+    bool GetLatestSnapshot(FrameSnapshot* snapshot) const {
+        static_cast<void>(snapshot);
+        return false;
+    }
+};
+
+#endif  // GPU_PROFILER_H

@@ -1,0 +1,128 @@
+#!/usr/bin/env bash
+# Makes sure that what this project is built with is installed. Silent when it is.
+#
+#   scripts/setup.sh [run|test|ci]     default: test
+#
+# run: build and run the terminal program. test: also build and run the tests and benchmarks. ci: also every check of
+# .ci/run. Each set contains the ones before it.
+set -euo pipefail
+
+compiler=${CXX:-c++}
+
+have() { command -v -- "$1" >/dev/null; }
+
+# Asks the compiler itself, so that a header outside the package manager's places counts too.
+header() {
+    # Unquoted: CXX may carry a launcher or flags.
+    # shellcheck disable=SC2086
+    printf '#if !__has_include(<%s>)\n#error missing\n#endif\n' "$1" |
+        $compiler -std=c++17 -E -x c++ - >/dev/null 2>&1
+}
+
+# set | package of Debian and Ubuntu | probe that succeeds when what the package brings is there
+needs=(
+    "run|g++|have ${compiler%% *}"
+    "run|cmake|have cmake"
+    "run|ninja-build|have ninja"
+    "run|libcli11-dev|header CLI/CLI.hpp"
+    "run|nlohmann-json3-dev|header nlohmann/json.hpp"
+    "test|libgtest-dev|header gtest/gtest.h"
+    "test|libgmock-dev|header gmock/gmock.h"
+    "test|libbenchmark-dev|header benchmark/benchmark.h"
+    "ci|g++|have g++" # the sanitizer builds name it; the compiler above may be another one
+    "ci|clang|have clang++"
+    "ci|clang-format|have clang-format"
+    "ci|clang-tidy|have clang-tidy"
+    "ci|shellcheck|have shellcheck"
+    "ci|jq|have jq"
+)
+
+# Fills `missing` with the packages whose probe fails. Without a compiler no header can be probed, so the packages with
+# headers then count as missing as well.
+find_missing() {
+    local need set package probe
+    missing=()
+    for need in "${needs[@]}"; do
+        IFS='|' read -r set package probe <<<"$need"
+        [[ $wanted == *" $set "* ]] || continue
+        [[ " ${missing[*]-} " == *" $package "* ]] && continue
+        read -ra probe <<<"$probe"
+        "${probe[@]}" || missing+=("$package")
+    done
+}
+
+# An installed CMake can be too old for CMakePresets.json, and would only say that it cannot read that file.
+require_recent_cmake() {
+    have cmake || return 0
+    local version major minor
+    version=$(cmake --version)
+    version=${version#cmake version }
+    version=${version%%[!0-9.]*}
+    IFS=. read -r major minor _ <<<"$version"
+    if ((major > 3 || (major == 3 && minor >= 21))); then return 0; fi
+    {
+        echo "setup: CMake $version is too old: the presets that the scripts build with need 3.21 or newer."
+        echo "Debian 12 and Ubuntu 22.04 bring one; on an older system put a newer CMake first in PATH."
+        echo "The library alone still builds with CMake 3.16 or newer, without the presets."
+    } >&2
+    exit 1
+}
+
+install_missing() {
+    local as_root=()
+    local install=(apt-get install --yes --no-install-recommends "${missing[@]}")
+    if ((EUID != 0)); then
+        if ! have sudo; then
+            {
+                echo "setup: missing packages: ${missing[*]}"
+                echo "Installing them takes root, and there is no sudo here. As root, run:"
+                echo "    apt-get update && ${install[*]}"
+            } >&2
+            exit 1
+        fi
+        as_root=(sudo)
+    fi
+    echo "setup: installing ${missing[*]}" >&2
+    # Standard output stays free for what the calling script is asked for. A package source that cannot be reached need
+    # not matter, so the installation decides. The lock is often held for a moment by automatic updates.
+    local apt_environment=(env DEBIAN_FRONTEND=noninteractive)
+    "${as_root[@]}" "${apt_environment[@]}" apt-get -q update </dev/null >&2 ||
+        echo "setup: apt-get update failed; going on with the package lists at hand" >&2
+    if ! "${as_root[@]}" "${apt_environment[@]}" "${install[@]}" -q -o DPkg::Lock::Timeout=120 </dev/null >&2; then
+        {
+            echo "setup: could not install ${missing[*]}; to see why, run:"
+            echo "    ${as_root[*]:+sudo }apt-get update && ${as_root[*]:+sudo }${install[*]}"
+        } >&2
+        exit 1
+    fi
+}
+
+case "${1:-test}" in
+    run) wanted=' run ' ;;
+    test) wanted=' run test ' ;;
+    ci) wanted=' run test ci ' ;;
+    *)
+        echo "usage: ${0##*/} [run|test|ci]" >&2
+        exit 2
+        ;;
+esac
+
+require_recent_cmake
+find_missing
+if ((${#missing[@]} == 0)); then exit 0; fi
+
+if ! have apt-get; then
+    {
+        echo "setup: missing, by the names of the Debian packages that bring it: ${missing[*]}"
+        echo "There is no apt-get here: install them with this system's own package manager."
+    } >&2
+    exit 1
+fi
+install_missing
+hash -r
+require_recent_cmake
+find_missing
+if ((${#missing[@]} > 0)); then
+    echo "setup: installed, but still not found: ${missing[*]}" >&2
+    exit 1
+fi

@@ -1,0 +1,292 @@
+#include "board_model.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <iterator>
+#include <utility>
+
+namespace simulated_nvml {
+
+namespace {
+
+constexpr double kTickSeconds = 0.05;
+/// A board has worked for a while when it is first seen: warm, with its clocks settled.
+constexpr int64_t kWarmUpTicks = 4800;
+/// After this long nothing of an earlier state is left, because the slowest part settles in 20 s: a longer gap between
+/// two readings is skipped.
+constexpr int64_t kMemoryTicks = 36000;
+
+constexpr double kPhaseSeconds = 18.0;
+constexpr double kPhaseChangeSeconds = 3.0;
+constexpr double kRippleSeconds = 1.3;
+constexpr double kIdleDemand = 0.03;
+
+constexpr double kAmbientC = 27.0;
+constexpr double kHeatSeconds = 20.0;
+constexpr double kFanSeconds = 4.0;
+constexpr double kAveragingSeconds = 0.4;
+
+constexpr uint64_t kReservedBytes = uint64_t{320} << 20;
+
+/// Streams of random numbers; each process slot takes three of its own from `kProcesses` on.
+enum Stream : uint64_t { kPhases, kRipple, kPcie, kCoders, kProcesses };
+
+/// One phase of a workload: up to which random number it is taken, and what it asks of the board.
+struct Phase {
+    double UpTo;
+    double Lowest;
+    double Highest;
+};
+using Phases = std::array<Phase, 3>;
+
+const Phases& PhasesOf(Workload load) {
+    static constexpr Phases kGame = {{{0.70, 0.80, 1.00}, {0.88, 0.30, 0.55}, {1.0, 0.0, 0.05}}};
+    static constexpr Phases kTraining = {{{0.85, 0.95, 1.00}, {0.95, 0.15, 0.40}, {1.0, 0.0, 0.01}}};
+    static constexpr Phases kVideo = {{{0.50, 0.10, 0.30}, {0.80, 0.60, 1.00}, {1.0, 0.0, 0.04}}};
+    static constexpr Phases kOffice = {{{0.60, 0.0, 0.10}, {0.90, 0.20, 0.50}, {1.0, 0.80, 1.00}}};
+    switch (load) {
+        case Workload::Training: return kTraining;
+        case Workload::Video: return kVideo;
+        case Workload::Office: return kOffice;
+        case Workload::Game: break;
+    }
+    return kGame;
+}
+
+uint64_t Mix(uint64_t value) {
+    value += 0x9E3779B97F4A7C15U;
+    value = (value ^ (value >> 30U)) * 0xBF58476D1CE4E5B9U;
+    value = (value ^ (value >> 27U)) * 0x94D049BB133111EBU;
+    return value ^ (value >> 31U);
+}
+
+double Blend(double from, double to, double share) {
+    return from + (to - from) * share;
+}
+
+double SmoothStep(double share) {
+    const double x = std::clamp(share, 0.0, 1.0);
+    return x * x * (3.0 - 2.0 * x);
+}
+
+/// One tick of `value` on its way to `target`.
+double Approach(double value, double target, double seconds) {
+    return Blend(value, target, kTickSeconds / seconds);
+}
+
+unsigned int Rounded(double value) {
+    return static_cast<unsigned int>(std::lround(std::max(value, 0.0)));
+}
+
+}  // namespace
+
+BoardModel::BoardModel(Board board, unsigned int index, uint64_t seed)
+    : Description(std::move(board)),
+      Seed(Mix(seed * 64 + index)),
+      PhaseOffsetSeconds(kPhaseSeconds * Random(kPhases, -1)),
+      PowerLimit(Description.DefaultPowerLimitMilliwatts),
+      Ticks(-kWarmUpTicks),
+      Milliwatts(Description.IdlePowerMilliwatts),
+      TemperatureC(kAmbientC) {}
+
+void BoardModel::AdvanceTo(double seconds) {
+    if (Description.Fixed.has_value()) {
+        Current = *Description.Fixed;
+        return;
+    }
+    const auto target = static_cast<int64_t>(std::floor(seconds / kTickSeconds));
+    if (target <= Ticks) return;
+    Ticks = std::max(Ticks, target - kMemoryTicks);
+    while (Ticks < target) {
+        ++Ticks;
+        Step();
+    }
+    Publish();
+}
+
+double BoardModel::Seconds() const {
+    return static_cast<double>(Ticks) * kTickSeconds + PhaseOffsetSeconds;
+}
+
+double BoardModel::Random(uint64_t stream, int64_t place) const {
+    const uint64_t bits = Mix(Seed ^ Mix(stream * 0x10001U + static_cast<uint64_t>(place)));
+    return static_cast<double>(bits >> 11U) * 0x1.0p-53;
+}
+
+double BoardModel::PhaseDemand(int64_t phase) const {
+    const double choice = Random(kPhases, 2 * phase);
+    const Phases& phases = PhasesOf(Description.Load);
+    const Phase* chosen = std::find_if(phases.begin(), std::prev(phases.end()),
+                                       [choice](const Phase& candidate) { return choice < candidate.UpTo; });
+    return Blend(chosen->Lowest, chosen->Highest, Random(kPhases, 2 * phase + 1));
+}
+
+double BoardModel::Demand(double seconds) const {
+    const auto phase = static_cast<int64_t>(std::floor(seconds / kPhaseSeconds));
+    const double intoPhase = seconds - static_cast<double>(phase) * kPhaseSeconds;
+    const double base = Blend(PhaseDemand(phase - 1), PhaseDemand(phase), SmoothStep(intoPhase / kPhaseChangeSeconds));
+
+    const auto ripple = static_cast<int64_t>(std::floor(seconds / kRippleSeconds));
+    const double intoRipple = seconds / kRippleSeconds - static_cast<double>(ripple);
+    const double wave = Blend(Random(kRipple, ripple), Random(kRipple, ripple + 1), SmoothStep(intoRipple)) - 0.5;
+    return std::clamp(base * (1.0 + 0.25 * wave), 0.0, 1.0);
+}
+
+bool BoardModel::IsIdle(double demand) const {
+    return demand < kIdleDemand;
+}
+
+void BoardModel::Step() {
+    const double demand = Demand(Seconds());
+    Reasons = 0;
+    ChooseMemoryClock(demand);
+    ChooseGraphicsClock(demand);
+    UpdatePowerAndHeat(demand);
+}
+
+void BoardModel::ChooseMemoryClock(double demand) {
+    const std::vector<ClockGroup>& groups = Description.Clocks;
+    MemoryGroup = IsIdle(demand) ? groups.size() - 1 : 0;
+    if (!MemoryLock.has_value()) return;
+    const auto within = [this](const ClockGroup& group) {
+        return group.MemoryMHz >= MemoryLock->Lowest && group.MemoryMHz <= MemoryLock->Highest;
+    };
+    if (within(groups[MemoryGroup])) return;
+    const auto locked = std::find_if(groups.begin(), groups.end(), within);
+    if (locked == groups.end()) return;
+    MemoryGroup = static_cast<size_t>(std::distance(groups.begin(), locked));
+    Reasons |= kReasonApplicationClocks;
+}
+
+void BoardModel::ChooseGraphicsClock(double demand) {
+    const double highest = Description.Clocks[MemoryGroup].GraphicsMHz.front();
+    double wanted = WantedGraphicsClock(demand);
+    if (wanted > highest * HeatHeadroom) {
+        wanted = highest * HeatHeadroom;
+        Reasons |= kReasonSoftwareThermal;
+    }
+    if (TemperatureC >= Description.SlowdownTemperatureC) {
+        wanted *= 0.5;
+        Reasons |= kReasonHardwareSlowdown | kReasonHardwareThermal;
+    }
+    GraphicsMHz = HighestClockWithin(wanted, demand);
+}
+
+double BoardModel::WantedGraphicsClock(double demand) {
+    const std::vector<unsigned int>& clocks = Description.Clocks[MemoryGroup].GraphicsMHz;
+    const double lowest = clocks.back();
+    const double highest = clocks.front();
+    const double free = IsIdle(demand) ? lowest : highest * std::min(1.0, 0.75 + 0.5 * demand);
+    if (!GraphicsLock.has_value()) {
+        if (IsIdle(demand)) Reasons |= kReasonIdle;
+        return free;
+    }
+    const double locked = std::clamp(free, std::clamp<double>(GraphicsLock->Lowest, lowest, highest),
+                                     std::clamp<double>(GraphicsLock->Highest, lowest, highest));
+    if (locked < free) Reasons |= kReasonApplicationClocks;
+    return locked;
+}
+
+double BoardModel::PowerAt(double graphicsMHz, double demand) const {
+    const double highest = Description.Clocks.front().GraphicsMHz.front();
+    const double speed = graphicsMHz / highest;
+    // A slower clock is busy for a larger share of the time with the same work.
+    const double busy = speed > 0.0 ? std::min(1.0, demand / speed) : 0.0;
+    const double dynamic = static_cast<double>(Description.PeakPowerMilliwatts) - Description.IdlePowerMilliwatts;
+    return Description.IdlePowerMilliwatts + dynamic * (0.1 * speed + 0.9 * busy * std::pow(speed, 2.4));
+}
+
+unsigned int BoardModel::HighestClockWithin(double highestMHz, double demand) {
+    const std::vector<unsigned int>& clocks = Description.Clocks[MemoryGroup].GraphicsMHz;
+    const auto allowed =
+        std::partition_point(clocks.begin(), std::prev(clocks.end()),
+                             [highestMHz](unsigned int clock) { return static_cast<double>(clock) > highestMHz; });
+    const auto affordable = std::partition_point(allowed, std::prev(clocks.end()), [&](unsigned int clock) {
+        return PowerAt(clock, demand) > static_cast<double>(PowerLimit);
+    });
+    if (affordable != allowed) Reasons |= kReasonSoftwarePowerCap;
+    return *affordable;
+}
+
+void BoardModel::UpdatePowerAndHeat(double demand) {
+    const double highest = Description.Clocks.front().GraphicsMHz.front();
+    Milliwatts = Approach(Milliwatts, PowerAt(GraphicsMHz, demand), kAveragingSeconds);
+    GpuPercent = Approach(GpuPercent, std::min(100.0, 100.0 * demand * highest / GraphicsMHz), kAveragingSeconds);
+
+    // The default limit heats a board with its fan at full speed to some 18 degrees below its slowdown.
+    const double kelvinPerMilliwatt =
+        (Description.SlowdownTemperatureC - 18.0 - kAmbientC) / Description.DefaultPowerLimitMilliwatts;
+    const double cooling = 1.25 - 0.25 * FanPercent / 100.0;
+    TemperatureC = Approach(TemperatureC, kAmbientC + kelvinPerMilliwatt * cooling * Milliwatts, kHeatSeconds);
+
+    const double fanRange = Description.SlowdownTemperatureC - 15.0 - 50.0;
+    const double fanTarget =
+        TemperatureC < 48.0 ? 0.0 : std::clamp(30.0 + 70.0 * (TemperatureC - 50.0) / fanRange, 30.0, 100.0);
+    FanPercent = Approach(FanPercent, fanTarget, kFanSeconds);
+
+    const bool bHot = TemperatureC > Description.SlowdownTemperatureC - 8.0;
+    HeatHeadroom = std::clamp(HeatHeadroom + (bHot ? -0.002 : 0.001), 0.4, 1.0);
+}
+
+void BoardModel::Publish() {
+    const double demand = Demand(Seconds());
+    Current.TemperatureC = Rounded(TemperatureC);
+    Current.PowerMilliwatts = Rounded(Milliwatts);
+    Current.FanPercent = Rounded(FanPercent);
+    Current.GraphicsMHz = GraphicsMHz;
+    Current.SmMHz = GraphicsMHz;
+    Current.MemoryMHz = Description.Clocks[MemoryGroup].MemoryMHz;
+    Current.VideoMHz = VideoClockMHz(GraphicsMHz);
+    Current.PerformanceState = MemoryGroup == 0 ? 0 : (MemoryGroup + 1 == Description.Clocks.size() ? 8 : 5);
+    Current.LimitReasons = Reasons;
+    PublishLoad(demand);
+    PublishPcie(demand);
+    PublishProcesses();
+}
+
+void BoardModel::PublishLoad(double demand) {
+    const auto phase = static_cast<int64_t>(std::floor(Seconds() / kPhaseSeconds));
+    const bool bRecords = Description.Load == Workload::Game && Random(kCoders, phase) < 0.5;
+    const bool bPlays = Description.Load == Workload::Video;
+    Current.GpuPercent = Rounded(GpuPercent);
+    Current.MemoryPercent = Rounded(GpuPercent * 0.55);
+    Current.EncoderPercent = bRecords ? Rounded(15.0 + 20.0 * demand) : 0;
+    Current.DecoderPercent = bPlays ? Rounded(25.0 + 30.0 * demand) : 0;
+}
+
+void BoardModel::PublishPcie(double demand) {
+    const auto second = static_cast<int64_t>(std::floor(Seconds()));
+    const double linkKiB = 900000.0 * Description.MaxPcieWidth / 16.0 * Description.MaxPcieGeneration;
+    const bool bIdle = (Reasons & kReasonIdle) != 0;
+    Current.PcieGeneration = bIdle ? 1 : Description.MaxPcieGeneration;
+    Current.PcieWidth = Description.MaxPcieWidth;
+    Current.PcieReceiveKiBPerSecond = Rounded(linkKiB * demand * (0.2 + 0.4 * Random(kPcie, 2 * second)));
+    Current.PcieTransmitKiBPerSecond = Rounded(linkKiB * demand * (0.05 + 0.1 * Random(kPcie, 2 * second + 1)));
+}
+
+void BoardModel::PublishProcesses() {
+    constexpr int64_t kSlots = 5;
+    Current.ComputeProcesses.clear();
+    Current.GraphicsProcesses.clear();
+    Current.VramUsedBytes = kReservedBytes;
+    Current.Bar1UsedBytes = std::min<uint64_t>(kReservedBytes / 32, Description.Bar1TotalBytes);
+    const double freeBytes = static_cast<double>(Description.VramTotalBytes - kReservedBytes);
+    for (int64_t slot = 0; slot < kSlots; ++slot) {
+        // Every slot runs one program after another, each for its own time; the first slot is never empty.
+        const double lifeSeconds = 40.0 + 23.0 * static_cast<double>(slot);
+        const auto life = slot == 0 ? 0 : static_cast<int64_t>(std::floor(Seconds() / lifeSeconds));
+        const uint64_t stream = kProcesses + 3 * static_cast<uint64_t>(slot);
+        if (slot != 0 && Random(stream, life) > 0.6) continue;
+        Process process;
+        process.Pid = 1000 + Rounded(30000.0 * Random(stream + 1, life));
+        const double share = slot == 1 ? 0.5 : 0.1;
+        process.UsedBytes =
+            static_cast<uint64_t>(freeBytes * share * (0.3 + 0.7 * Random(stream + 2, life))) & ~uint64_t{0xFFFF};
+        Current.VramUsedBytes += process.UsedBytes;
+        if (!Description.bDraws || slot % 2 == 1) Current.ComputeProcesses.push_back(process);
+        if (Description.bDraws) Current.GraphicsProcesses.push_back(process);
+    }
+}
+
+}  // namespace simulated_nvml

@@ -1,0 +1,86 @@
+#ifndef BOARD_MODEL_H
+#define BOARD_MODEL_H
+
+#include <cstdint>
+#include <optional>
+
+#include "simulated_nvml.h"
+
+namespace simulated_nvml {
+
+/// A board that lives: a workload keeps it busy, and load, limits and heat decide its clocks and its power.
+///
+/// Time runs in fixed steps from the board's start, so the same seed gives the same readings at the same moment,
+/// however often they are asked for. Not safe to use from two threads at once.
+class BoardModel {
+public:
+    /// Lowest and highest clock that a lock allows, MHz.
+    struct ClockRange {
+        unsigned int Lowest;
+        unsigned int Highest;
+    };
+
+    /// The clock of the video engines that goes with a graphics clock.
+    static unsigned int VideoClockMHz(unsigned int graphicsMHz) { return graphicsMHz * 85 / 100; }
+
+    BoardModel(Board board, unsigned int index, uint64_t seed);
+
+    const Board& Identity() const { return Description; }
+    /// Brings the readings to `seconds` after the board's start; the time of an earlier call or one before it changes
+    /// nothing.
+    void AdvanceTo(double seconds);
+    const Readings& Now() const { return Current; }
+
+    unsigned int PowerLimitMilliwatts() const { return PowerLimit; }
+    void SetPowerLimit(unsigned int milliwatts) { PowerLimit = milliwatts; }
+    /// Without a range, the lock is released.
+    void LockGraphicsClocks(std::optional<ClockRange> range) { GraphicsLock = range; }
+    void LockMemoryClocks(std::optional<ClockRange> range) { MemoryLock = range; }
+
+private:
+    /// A number from 0 to 1 that belongs to this board, this `stream` of numbers and this place in it.
+    double Random(uint64_t stream, int64_t place) const;
+    /// How much the workload asks of the board at a moment, 0 to 1.
+    double Demand(double seconds) const;
+    double PhaseDemand(int64_t phase) const;
+
+    void Step();
+    void ChooseMemoryClock(double demand);
+    void ChooseGraphicsClock(double demand);
+    double WantedGraphicsClock(double demand);
+    double PowerAt(double graphicsMHz, double demand) const;
+    /// The highest listed graphics clock up to `highestMHz` whose power stays within the limit.
+    unsigned int HighestClockWithin(double highestMHz, double demand);
+    void UpdatePowerAndHeat(double demand);
+
+    void Publish();
+    void PublishLoad(double demand);
+    void PublishPcie(double demand);
+    void PublishProcesses();
+    bool IsIdle(double demand) const;
+    /// The workload's own time: the boards of one machine do not change their phases together.
+    double Seconds() const;
+
+    Board Description;
+    uint64_t Seed;
+    double PhaseOffsetSeconds;
+    unsigned int PowerLimit;
+    std::optional<ClockRange> GraphicsLock;
+    std::optional<ClockRange> MemoryLock;
+    Readings Current;
+
+    int64_t Ticks;
+    size_t MemoryGroup = 0;
+    unsigned int GraphicsMHz = 0;
+    uint64_t Reasons = 0;
+    double Milliwatts;
+    double TemperatureC;
+    double FanPercent = 0.0;
+    /// How far heat lets the clock go, as a share of the highest.
+    double HeatHeadroom = 1.0;
+    double GpuPercent = 0.0;
+};
+
+}  // namespace simulated_nvml
+
+#endif  // BOARD_MODEL_H

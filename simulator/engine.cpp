@@ -1,0 +1,224 @@
+#include "engine.h"
+
+#include <cstdio>
+#include <stdexcept>
+#include <thread>
+#include <utility>
+
+#include "environment.h"
+
+namespace simulated_nvml {
+
+namespace {
+
+constexpr unsigned int kHandleIndexBits = 8;
+
+std::string CallText(EntryPoint name, std::optional<unsigned int> board, Arguments arguments) {
+    std::string values = board.has_value() ? std::to_string(*board) : "";
+    for (const std::optional<uint64_t>& argument : arguments) {
+        if (!values.empty()) values += ", ";
+        values += argument.has_value() ? std::to_string(*argument) : "null";
+    }
+    return std::string(kEntryPointNames[IndexOf(name)]) + "(" + values + ")";
+}
+
+bool StartsNvml(EntryPoint name) {
+    return name == EntryPoint::nvmlInit_v2 || name == EntryPoint::nvmlInit;
+}
+
+/// How long an entry point takes on hardware.
+std::chrono::microseconds RealisticDelay(EntryPoint name) {
+    switch (name) {
+        case EntryPoint::nvmlDeviceGetPcieThroughput: return std::chrono::milliseconds(20);
+        case EntryPoint::nvmlDeviceGetComputeRunningProcesses_v3:
+        case EntryPoint::nvmlDeviceGetComputeRunningProcesses_v2:
+        case EntryPoint::nvmlDeviceGetComputeRunningProcesses:
+        case EntryPoint::nvmlDeviceGetGraphicsRunningProcesses_v3:
+        case EntryPoint::nvmlDeviceGetGraphicsRunningProcesses_v2:
+        case EntryPoint::nvmlDeviceGetGraphicsRunningProcesses: return std::chrono::microseconds(4500);
+        case EntryPoint::nvmlDeviceGetFanSpeed: return std::chrono::microseconds(100);
+        default: return std::chrono::microseconds(3);
+    }
+}
+
+void Wait(std::chrono::microseconds duration) {
+    // Too short to sleep for: a sleep takes some 60 us at least.
+    constexpr std::chrono::microseconds kShortestSleep{90};
+    if (duration >= kShortestSleep) {
+        std::this_thread::sleep_for(duration);
+        return;
+    }
+    const auto end = std::chrono::steady_clock::now() + duration;
+    while (std::chrono::steady_clock::now() < end) {
+    }
+}
+
+}  // namespace
+
+void Script::UseRealisticDelays() {
+    for (unsigned int i = 0; i < kEntryPointCount; ++i) Delays[i] = RealisticDelay(static_cast<EntryPoint>(i));
+}
+
+thread_local bool Engine::bInsideCall = false;
+
+Engine& Engine::Get() {
+    static Engine& engine = *new Engine;
+    return engine;
+}
+
+Engine::Visit::Visit(Engine& engine, EntryPoint name)
+    : Name(name), bAlone(engine.ThreadsInside.fetch_add(1) == 0), Lock(engine.Mutex), Visited(engine) {
+    bInsideCall = true;
+}
+
+Engine::Visit::~Visit() {
+    bInsideCall = false;
+    Visited.ThreadsInside.fetch_sub(1);
+}
+
+NvmlReturn Engine::Initialize(EntryPoint name) {
+    return SystemCall(name, {}, [this] {
+        if (InitCount == 0 && !bScripted && Boards.empty() && !TakeOverEnvironment()) return kUnknown;
+        if (InitCount++ == 0) ++Generation;
+        return kSuccess;
+    });
+}
+
+NvmlReturn Engine::Shutdown() {
+    return SystemCall(EntryPoint::nvmlShutdown, {}, [this] {
+        --InitCount;
+        return kSuccess;
+    });
+}
+
+bool Engine::TakeOverEnvironment() {
+    Environment environment;
+    std::string problem;
+    if (!ReadEnvironment(&environment, &problem)) {
+        std::fprintf(stderr, "Simulated NVML: %s\n", problem.c_str());
+        return false;
+    }
+    Wanted.Seed = environment.Seed;
+    Wanted.bAdministrator = environment.bAdministrator;
+    Wanted.CallsLeft = environment.LostAfterCalls;
+    if (environment.bRealisticDelays) Wanted.UseRealisticDelays();
+    MakeBoards(std::move(environment.Boards));
+    return true;
+}
+
+void Engine::MakeBoards(std::vector<Board> boards) {
+    Boards.clear();
+    for (Board& board : boards) {
+        Boards.emplace_back(std::move(board), static_cast<unsigned int>(Boards.size()), Wanted.Seed);
+    }
+    BoardsSince = std::chrono::steady_clock::now();
+    ++Generation;
+}
+
+void Engine::RestartBoards() {
+    std::vector<Board> boards;
+    for (const BoardModel& board : Boards) boards.push_back(board.Identity());
+    MakeBoards(std::move(boards));
+}
+
+void Engine::ForgetInitialization() {
+    InitCount = 0;
+    ++Generation;
+}
+
+void Engine::AddMisuse(std::string sentence) {
+    Seen.Misuse.push_back(std::move(sentence));
+}
+
+void Engine::LogLine(const std::string& line) {
+    if (Seen.bRecordLog) Seen.Log.push_back(line);
+}
+
+void Engine::Note(const Visit& visit, std::optional<unsigned int> board, Arguments arguments) {
+    const EntryPoint name = visit.Name;
+    ++Seen.Calls[IndexOf(name)];
+    if (Seen.bRecordLog) Seen.Log.push_back(CallText(name, board, arguments));
+    if (InitCount == 0 && !StartsNvml(name)) {
+        AddMisuse(CallText(name, board, arguments) + " while NVML was not initialized.");
+    }
+    if (!visit.bAlone && Wanted.bForbidConcurrentCalls) {
+        AddMisuse(CallText(name, board, arguments) + " while another thread was inside NVML.");
+    }
+    Changed.notify_all();
+}
+
+std::optional<unsigned int> Engine::NoteHandle(const Visit& visit, NvmlDevice device) {
+    const std::optional<unsigned int> board = BoardOf(device);
+    if (InitCount != 0 && !board.has_value()) {
+        AddMisuse(CallText(visit.Name, std::nullopt, {}) + " with a handle that is null, stale or unknown.");
+    }
+    return board;
+}
+
+NvmlReturn Engine::Admit(Visit& visit, std::optional<unsigned int> board) {
+    Changed.wait(visit.Lock, [&] { return Wanted.Blocked != visit.Name; });
+    const std::chrono::microseconds delay = Wanted.Delays[IndexOf(visit.Name)];
+    if (delay.count() > 0) {
+        visit.Lock.unlock();
+        Wait(delay);
+        visit.Lock.lock();
+    }
+    const bool bLost = board.has_value() && IsLost(*board);
+    const std::optional<NvmlReturn> failure = ScriptedFailure(visit.Name, board);
+    if (failure.has_value()) return *failure;
+    if (InitCount == 0 && !StartsNvml(visit.Name)) return kUninitialized;
+    return bLost ? kGpuIsLost : kSuccess;
+}
+
+std::optional<NvmlReturn> Engine::ScriptedFailure(EntryPoint name, std::optional<unsigned int> board) {
+    std::optional<NvmlReturn> failure;
+    for (FailureRule& rule : Wanted.Failures) {
+        if (rule.Name != name || (rule.Board.has_value() && rule.Board != board)) continue;
+        if (++rule.CallsSeen >= rule.NthCall) failure = rule.Code;
+    }
+    return failure;
+}
+
+bool Engine::IsLost(unsigned int board) {
+    const auto found = Wanted.CallsLeft.find(board);
+    if (found == Wanted.CallsLeft.end()) return false;
+    if (found->second == 0) return true;
+    --found->second;
+    return false;
+}
+
+NvmlDevice Engine::HandleOf(unsigned int index) const {
+    return reinterpret_cast<NvmlDevice>((Generation << kHandleIndexBits) | (index + 1U));
+}
+
+std::optional<unsigned int> Engine::BoardOf(NvmlDevice device) const {
+    const auto handle = reinterpret_cast<uintptr_t>(device);
+    const uintptr_t place = handle & ((1U << kHandleIndexBits) - 1U);
+    if (handle >> kHandleIndexBits != Generation || place == 0 || place > Boards.size()) return std::nullopt;
+    return static_cast<unsigned int>(place - 1);
+}
+
+BoardModel* Engine::FindBoard(NvmlDevice device) {
+    const std::optional<unsigned int> board = BoardOf(device);
+    return board.has_value() ? &Boards[*board] : nullptr;
+}
+
+double Engine::ElapsedSeconds() const {
+    if (Wanted.HeldSeconds.has_value()) return *Wanted.HeldSeconds;
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - BoardsSince).count();
+}
+
+std::optional<EntryPoint> FindEntryPoint(const std::string& name) {
+    for (unsigned int i = 0; i < kEntryPointCount; ++i) {
+        if (name == kEntryPointNames[i]) return static_cast<EntryPoint>(i);
+    }
+    return std::nullopt;
+}
+
+EntryPoint EntryPointOf(const std::string& name) {
+    const std::optional<EntryPoint> found = FindEntryPoint(name);
+    if (!found.has_value()) throw std::invalid_argument("The simulated NVML has no entry point " + name + ".");
+    return *found;
+}
+
+}  // namespace simulated_nvml

@@ -1,0 +1,183 @@
+#ifndef ENGINE_H
+#define ENGINE_H
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <initializer_list>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "board_model.h"
+#include "entry_point_list.h"
+#include "nvml_abi.h"
+#include "simulated_nvml.h"
+
+namespace simulated_nvml {
+
+/// One value for each entry point.
+template <typename T>
+using PerEntryPoint = std::array<T, kEntryPointCount>;
+
+constexpr size_t IndexOf(EntryPoint name) {
+    return static_cast<size_t>(name);
+}
+
+struct FailureRule {
+    EntryPoint Name;
+    unsigned int Code;
+    uint64_t NthCall;
+    std::optional<unsigned int> Board;
+    uint64_t CallsSeen = 0;
+};
+
+/// What the script or the environment asks for; a default-constructed one asks for nothing.
+struct Script {
+    PerEntryPoint<bool> Hidden{};
+    PerEntryPoint<std::chrono::microseconds> Delays{};
+    PerEntryPoint<int> ListChanges{};
+    std::vector<FailureRule> Failures;
+    /// Calls that a board still answers before it is lost.
+    std::map<unsigned int, uint64_t> CallsLeft;
+    std::optional<EntryPoint> Blocked;
+    std::optional<double> HeldSeconds;
+    size_t ProcessRecordBytes = sizeof(ProcessRecord);
+    uint64_t Seed = 0;
+    bool bUnterminatedText = false;
+    bool bAdministrator = true;
+    bool bForbidConcurrentCalls = false;
+
+    void UseRealisticDelays();
+};
+
+/// What was seen of the caller.
+struct Observations {
+    PerEntryPoint<uint64_t> Calls{};
+    std::vector<std::string> Log;
+    std::vector<std::string> Misuse;
+    unsigned int OpenLibraries = 0;
+    bool bRecordLog = false;
+};
+
+/// Values that the log shows for a call; one without a value is a null buffer.
+using Arguments = std::initializer_list<std::optional<uint64_t>>;
+
+/// The simulator behind the entry points and the script. There is one, and it is never destroyed, because a program
+/// may call into NVML until its last moment.
+class Engine {
+public:
+    static Engine& Get();
+
+    // ---- For entry points ----
+
+    NvmlReturn Initialize(EntryPoint name);
+    NvmlReturn Shutdown();
+
+    /// Runs `body` as one call that is about no board.
+    template <typename Body>
+    NvmlReturn SystemCall(EntryPoint name, Arguments arguments, Body body) {
+        Visit visit(*this, name);
+        Note(visit, std::nullopt, arguments);
+        const NvmlReturn verdict = Admit(visit, std::nullopt);
+        return verdict == kSuccess ? body() : verdict;
+    }
+
+    /// Runs `body` as one call about the board at `index`, or about a board that does not exist.
+    template <typename Body>
+    NvmlReturn IndexCall(EntryPoint name, unsigned int index, Body body) {
+        Visit visit(*this, name);
+        Note(visit, index, {});
+        const NvmlReturn verdict = Admit(visit, index);
+        if (verdict != kSuccess) return verdict;
+        return index < Boards.size() ? body(HandleOf(index)) : kInvalidArgument;
+    }
+
+    /// Runs `body` with the board that `device` stands for, brought to this moment.
+    template <typename Body>
+    NvmlReturn DeviceCall(EntryPoint name, NvmlDevice device, Arguments arguments, Body body) {
+        Visit visit(*this, name);
+        Note(visit, NoteHandle(visit, device), arguments);
+        const NvmlReturn verdict = Admit(visit, BoardOf(device));
+        if (verdict != kSuccess) return verdict;
+        BoardModel* board = FindBoard(device);
+        if (board == nullptr) return kInvalidArgument;
+        if (board->Identity().Unsupported.count(kEntryPointNames[IndexOf(name)]) != 0) return kNotSupported;
+        board->AdvanceTo(ElapsedSeconds());
+        return body(*board);
+    }
+
+    unsigned int BoardCount() const { return static_cast<unsigned int>(Boards.size()); }
+
+    // ---- For the script; the caller holds Mutex ----
+
+    void MakeBoards(std::vector<Board> boards);
+    /// The same boards from their first moment on.
+    void RestartBoards();
+    void ForgetInitialization();
+    void AddMisuse(std::string sentence);
+    /// Adds a line to the log where one is kept.
+    void LogLine(const std::string& line);
+
+    mutable std::mutex Mutex;
+    /// Signalled when a call begins and when the script lets go of one.
+    mutable std::condition_variable Changed;
+    Script Wanted;
+    Observations Seen;
+    unsigned int InitCount = 0;
+    /// True once a script has set up the boards: the environment has no say any more.
+    bool bScripted = false;
+
+    static thread_local bool bInsideCall;
+
+private:
+    /// One thread's stay inside an entry point; holds Mutex but for scripted waits.
+    class Visit {
+    public:
+        Visit(Engine& engine, EntryPoint name);
+        ~Visit();
+        Visit(const Visit&) = delete;
+        Visit& operator=(const Visit&) = delete;
+
+        EntryPoint Name;
+        bool bAlone;
+        std::unique_lock<std::mutex> Lock;
+
+    private:
+        Engine& Visited;
+    };
+
+    /// Counts, logs and polices a call that begins.
+    void Note(const Visit& visit, std::optional<unsigned int> board, Arguments arguments);
+    /// The board of `device`; a handle that is none is misuse.
+    std::optional<unsigned int> NoteHandle(const Visit& visit, NvmlDevice device);
+    /// Waits as long as the script wants, then tells how the script or the state of NVML answers the call.
+    NvmlReturn Admit(Visit& visit, std::optional<unsigned int> board);
+    std::optional<NvmlReturn> ScriptedFailure(EntryPoint name, std::optional<unsigned int> board);
+    bool IsLost(unsigned int board);
+    bool TakeOverEnvironment();
+
+    NvmlDevice HandleOf(unsigned int index) const;
+    std::optional<unsigned int> BoardOf(NvmlDevice device) const;
+    BoardModel* FindBoard(NvmlDevice device);
+    double ElapsedSeconds() const;
+
+    std::vector<BoardModel> Boards;
+    std::chrono::steady_clock::time_point BoardsSince;
+    /// Part of every handle: one more with each initialization and each new set of boards.
+    uintptr_t Generation = 0;
+    std::atomic<int> ThreadsInside{0};
+};
+
+std::optional<EntryPoint> FindEntryPoint(const std::string& name);
+
+/// The entry point of this name; throws `std::invalid_argument` when there is none.
+EntryPoint EntryPointOf(const std::string& name);
+
+}  // namespace simulated_nvml
+
+#endif  // ENGINE_H

@@ -1,0 +1,132 @@
+#include "environment.h"
+
+#include <charconv>
+#include <cstdlib>
+#include <optional>
+
+namespace simulated_nvml {
+
+namespace {
+
+constexpr uint64_t kMaxBoards = 64;
+
+using BoardMaker = Board (*)(unsigned int index);
+struct BoardKind {
+    const char* Name;
+    BoardMaker Make;
+};
+constexpr BoardKind kBoardKinds[] = {
+    {"desktop", DesktopBoard}, {"laptop", LaptopBoard}, {"datacenter", DataCenterBoard}, {"old", OldBoard}};
+
+std::optional<std::string> Variable(const char* name) {
+    const char* value = std::getenv(name);
+    return value != nullptr ? std::optional<std::string>(value) : std::nullopt;
+}
+
+std::optional<uint64_t> WholeNumber(const std::string& text) {
+    uint64_t number = 0;
+    const char* end = text.data() + text.size();
+    const auto [rest, error] = std::from_chars(text.data(), end, number);
+    return error == std::errc() && rest == end ? std::optional<uint64_t>(number) : std::nullopt;
+}
+
+std::vector<std::string> SplitAtCommas(const std::string& text) {
+    std::vector<std::string> parts(1);
+    for (const char character : text) {
+        if (character == ',') {
+            parts.emplace_back();
+        } else {
+            parts.back() += character;
+        }
+    }
+    return parts;
+}
+
+BoardMaker MakerOf(const std::string& kind) {
+    for (const BoardKind& candidate : kBoardKinds) {
+        if (kind == candidate.Name) return candidate.Make;
+    }
+    return nullptr;
+}
+
+/// The makers that NVML_SIM_BOARDS names, one per board; empty when it makes no sense.
+std::vector<BoardMaker> BoardMakers(const std::string& value) {
+    std::vector<BoardMaker> makers;
+    if (const std::optional<uint64_t> count = WholeNumber(value)) {
+        if (*count > kMaxBoards) return {};
+        for (uint64_t i = 0; i < *count; ++i) makers.push_back(kBoardKinds[i % std::size(kBoardKinds)].Make);
+        return makers;
+    }
+    for (const std::string& kind : SplitAtCommas(value)) {
+        makers.push_back(MakerOf(kind));
+        if (makers.back() == nullptr || makers.size() > kMaxBoards) return {};
+    }
+    return makers;
+}
+
+bool ReadBoards(Environment* environment) {
+    for (const BoardMaker make : BoardMakers(Variable("NVML_SIM_BOARDS").value_or("1"))) {
+        environment->Boards.push_back(make(static_cast<unsigned int>(environment->Boards.size())));
+    }
+    return !environment->Boards.empty();
+}
+
+bool ReadSeed(Environment* environment) {
+    const std::optional<uint64_t> seed = WholeNumber(Variable("NVML_SIM_SEED").value_or("0"));
+    environment->Seed = seed.value_or(0);
+    return seed.has_value();
+}
+
+bool ReadDelays(Environment* environment) {
+    const std::optional<std::string> delays = Variable("NVML_SIM_DELAYS");
+    environment->bRealisticDelays = delays == "realistic";
+    return !delays.has_value() || *delays == "realistic" || *delays == "none";
+}
+
+bool ReadRights(Environment* environment) {
+    const std::optional<std::string> rights = Variable("NVML_SIM_RIGHTS");
+    environment->bAdministrator = rights != "user";
+    return !rights.has_value() || *rights == "user" || *rights == "admin";
+}
+
+bool ReadLosses(Environment* environment) {
+    const std::optional<std::string> losses = Variable("NVML_SIM_LOSE");
+    if (!losses.has_value()) return true;
+    for (const std::string& loss : SplitAtCommas(*losses)) {
+        const size_t at = loss.find('@');
+        if (at == std::string::npos) return false;
+        const std::optional<uint64_t> board = WholeNumber(loss.substr(0, at));
+        const std::optional<uint64_t> calls = WholeNumber(loss.substr(at + 1));
+        if (!board.has_value() || *board >= environment->Boards.size() || !calls.has_value()) return false;
+        environment->LostAfterCalls[static_cast<unsigned int>(*board)] = *calls;
+    }
+    return true;
+}
+
+struct Setting {
+    const char* Name;
+    bool (*Read)(Environment* environment);
+    const char* Expected;
+};
+/// Boards stand first: what is said of a board later must be about one that exists.
+constexpr Setting kSettings[] = {
+    {"NVML_SIM_BOARDS", ReadBoards, "a number from 1 to 64, or up to 64 of desktop, laptop, datacenter, old"},
+    {"NVML_SIM_SEED", ReadSeed, "a whole number"},
+    {"NVML_SIM_DELAYS", ReadDelays, "realistic or none"},
+    {"NVML_SIM_RIGHTS", ReadRights, "user or admin"},
+    {"NVML_SIM_LOSE", ReadLosses, "GPU@CALLS with the index of a simulated GPU, such as 1@500"},
+};
+
+}  // namespace
+
+bool ReadEnvironment(Environment* environment, std::string* problem) {
+    for (const Setting& setting : kSettings) {
+        if (setting.Read(environment)) continue;
+        *problem = std::string(setting.Name) + "=" + Variable(setting.Name).value_or("") +
+                   " makes no sense: expected " + setting.Expected + ".";
+        return false;
+    }
+    return true;
+}
+
+}  // namespace simulated_nvml

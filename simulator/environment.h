@@ -1,0 +1,32 @@
+#ifndef ENVIRONMENT_H
+#define ENVIRONMENT_H
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "simulated_nvml.h"
+
+namespace simulated_nvml {
+
+/// What the `NVML_SIM_...` environment variables ask for.
+struct Environment {
+    /// NVML_SIM_BOARDS: a number of boards, or their kinds; default one desktop board.
+    std::vector<Board> Boards;
+    /// NVML_SIM_SEED: a whole number; default 0.
+    uint64_t Seed = 0;
+    /// NVML_SIM_DELAYS=realistic.
+    bool bRealisticDelays = false;
+    /// NVML_SIM_RIGHTS=user takes the right to change settings away; default admin.
+    bool bAdministrator = true;
+    /// NVML_SIM_LOSE=GPU@CALLS, several separated by commas: after how many calls a board is lost.
+    std::map<unsigned int, uint64_t> LostAfterCalls;
+};
+
+/// Reads all variables into `environment`. False when one makes no sense: `*problem` then says which and why.
+bool ReadEnvironment(Environment* environment, std::string* problem);
+
+}  // namespace simulated_nvml
+
+#endif  // ENVIRONMENT_H

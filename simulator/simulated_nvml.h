@@ -1,0 +1,212 @@
+#ifndef SIMULATED_NVML_H
+#define SIMULATED_NVML_H
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+/// \file
+/// The script of the simulated NVML: which boards there are, what goes wrong, and what the caller did.
+///
+/// The simulator is a real `libnvidia-ml.so.1`. A program that only wants GPUs to show needs nothing of this header:
+/// it puts the simulator's folder on its library path and sets the `NVML_SIM_...` environment variables. A test links
+/// the simulator and scripts it from here; the environment then has no say.
+
+#define SIMULATED_NVML_EXPORT __attribute__((visibility("default")))
+
+namespace simulated_nvml {
+
+/// What entry points answer.
+constexpr unsigned int kSuccess = 0;
+constexpr unsigned int kUninitialized = 1;
+constexpr unsigned int kInvalidArgument = 2;
+constexpr unsigned int kNotSupported = 3;
+constexpr unsigned int kNoPermission = 4;
+constexpr unsigned int kNotFound = 6;
+constexpr unsigned int kInsufficientSize = 7;
+constexpr unsigned int kGpuIsLost = 15;
+constexpr unsigned int kUnknown = 999;
+
+/// Bits of `Readings::LimitReasons`.
+constexpr uint64_t kReasonIdle = 0x1;
+constexpr uint64_t kReasonApplicationClocks = 0x2;
+constexpr uint64_t kReasonSoftwarePowerCap = 0x4;
+constexpr uint64_t kReasonHardwareSlowdown = 0x8;
+constexpr uint64_t kReasonSyncBoost = 0x10;
+constexpr uint64_t kReasonSoftwareThermal = 0x20;
+constexpr uint64_t kReasonHardwareThermal = 0x40;
+constexpr uint64_t kReasonHardwarePowerBrake = 0x80;
+constexpr uint64_t kReasonDisplayClocks = 0x100;
+
+struct Process {
+    unsigned int Pid = 0;
+    uint64_t UsedBytes = 0;
+};
+
+/// What a board tells at one moment, in NVML's own units.
+struct Readings {
+    unsigned int TemperatureC = 0;
+    unsigned int GpuPercent = 0;
+    unsigned int MemoryPercent = 0;
+    unsigned int EncoderPercent = 0;
+    unsigned int DecoderPercent = 0;
+    unsigned int PowerMilliwatts = 0;
+    unsigned int FanPercent = 0;
+    unsigned int GraphicsMHz = 0;
+    unsigned int SmMHz = 0;
+    unsigned int MemoryMHz = 0;
+    unsigned int VideoMHz = 0;
+    unsigned int PerformanceState = 0;
+    unsigned int PcieGeneration = 0;
+    unsigned int PcieWidth = 0;
+    unsigned int PcieReceiveKiBPerSecond = 0;
+    unsigned int PcieTransmitKiBPerSecond = 0;
+    uint64_t LimitReasons = 0;
+    uint64_t VramUsedBytes = 0;
+    uint64_t Bar1UsedBytes = 0;
+    std::vector<Process> ComputeProcesses;
+    std::vector<Process> GraphicsProcesses;
+};
+
+/// One memory clock and the graphics clocks that go with it, highest first.
+struct ClockGroup {
+    unsigned int MemoryMHz = 0;
+    std::vector<unsigned int> GraphicsMHz;
+};
+
+/// What keeps a board busy.
+enum class Workload { Game, Training, Video, Office };
+
+/// What a board is: fixed for its life.
+struct Board {
+    std::string Name;
+    std::string Uuid;
+    std::string BusId;
+    std::string BusIdLegacy;
+    std::string VbiosVersion;
+    unsigned int PciBus = 0;
+    unsigned int PciDeviceId = 0;
+    unsigned int PciSubSystemId = 0;
+    /// NVML's code: 2 Kepler to 10 Blackwell.
+    unsigned int Architecture = 0;
+    uint64_t VramTotalBytes = 0;
+    uint64_t Bar1TotalBytes = 0;
+    /// Highest memory clock first. At least one group with at least one graphics clock.
+    std::vector<ClockGroup> Clocks;
+    unsigned int IdlePowerMilliwatts = 0;
+    /// What the board would draw at its highest clocks and full load if no limit held it.
+    unsigned int PeakPowerMilliwatts = 0;
+    unsigned int DefaultPowerLimitMilliwatts = 0;
+    unsigned int MinimumPowerLimitMilliwatts = 0;
+    unsigned int MaximumPowerLimitMilliwatts = 0;
+    unsigned int SlowdownTemperatureC = 0;
+    unsigned int ShutdownTemperatureC = 0;
+    unsigned int MaxPcieGeneration = 0;
+    unsigned int MaxPcieWidth = 0;
+    Workload Load = Workload::Game;
+    /// Whether programs on it draw, so that they stand in the graphics process list.
+    bool bDraws = true;
+    /// Entry points that answer "not supported" on this board.
+    std::set<std::string> Unsupported;
+    /// Told for ever instead of a living workload's readings.
+    std::optional<Readings> Fixed;
+};
+
+/// A desktop card: everything can be read and set.
+SIMULATED_NVML_EXPORT Board DesktopBoard(unsigned int index);
+/// A laptop card: no fan, and a power limit that only the laptop itself controls.
+SIMULATED_NVML_EXPORT Board LaptopBoard(unsigned int index);
+/// A data-center card: no fan reading, and nothing draws on it.
+SIMULATED_NVML_EXPORT Board DataCenterBoard(unsigned int index);
+/// An old card: no locked clocks, no power readings, few readings at all.
+SIMULATED_NVML_EXPORT Board OldBoard(unsigned int index);
+
+/// The one script of the simulator in this process.
+///
+/// Operations that name an entry point or a board throw `std::invalid_argument` when there is none of that name or
+/// index, so that a script with a typing error cannot pass for one that does nothing.
+/// Threads: any thread, any time.
+class SIMULATED_NVML_EXPORT SimulatedNvml {
+public:
+    static SimulatedNvml& Get();
+
+    SimulatedNvml(const SimulatedNvml&) = delete;
+    SimulatedNvml& operator=(const SimulatedNvml&) = delete;
+
+    /// Back to one desktop board that nothing is wrong with, an empty log, and NVML not initialized.
+    void Reset();
+
+    // ---- Boards and time ----
+
+    /// Replaces all boards; handles of the old ones become stale. At most 64.
+    void SetBoards(std::vector<Board> boards);
+    /// Boards with the same seed live the same life.
+    void SetSeed(uint64_t seed);
+    /// Stops the boards' clock at `seconds` after their start. It can be set forward again and again, never back.
+    void HoldTimeAt(double seconds);
+
+    // ---- What goes wrong ----
+
+    /// Hides a name from a loader that asks `OnLookup`.
+    void HideEntryPoint(const std::string& name);
+    /// From its n-th call on from now, `name` answers `code` and writes nothing; on one board only if `board` is given.
+    void FailFrom(const std::string& name, unsigned int code, uint64_t nthCall = 1,
+                  std::optional<unsigned int> board = std::nullopt);
+    /// Takes back every `FailFrom`.
+    void StopFailing();
+    /// Lets a board do `calls` more calls; it then answers `kGpuIsLost` to every call, for good.
+    void LoseBoard(unsigned int board, uint64_t calls);
+    /// Makes every call of `name` take this long.
+    void SetDelay(const std::string& name, std::chrono::microseconds delay);
+    /// Makes every call take as long as on hardware.
+    void UseRealisticDelays();
+    /// Holds calls of `name` inside NVML until `Unblock`.
+    void Block(const std::string& name);
+    void Unblock();
+    /// Fills text buffers to the last byte, without a terminator.
+    void UseUnterminatedText();
+    /// Makes the list that `name` reports longer or shorter by `entries` once its size has been asked for.
+    void ChangeListAfterSizeQuery(const std::string& name, int entries);
+    /// Writes process records with this distance: 24, or the 32 of some drivers.
+    void SetProcessRecordBytes(size_t bytes);
+    /// With false, every change of a setting answers `kNoPermission`.
+    void SetAdministratorRights(bool bAllowed);
+    /// Makes it misuse when two threads are inside NVML at once.
+    void ForbidConcurrentCalls();
+
+    // ---- What the caller did ----
+
+    /// Keeps a log from now on. Without it, only the counts are kept.
+    void RecordLog();
+    /// In order: "dlopen(FLAGS)", "dlsym NAME", "dlclose" and calls such as "nvmlDeviceGetClockInfo(0, 2)": the board's
+    /// index, then the values passed in. Null buffers show as "null".
+    std::vector<std::string> Log() const;
+    /// Calls of `name` so far, on every board together, the failing ones included.
+    uint64_t Calls(const std::string& name) const;
+    /// Waits until `name` has been called `count` times in all, counted when a call begins. False when it takes longer
+    /// than `timeout`.
+    bool WaitForCalls(const std::string& name, uint64_t count, std::chrono::milliseconds timeout) const;
+    /// What the caller did wrong, one sentence each: calls before initialization or after shutdown, stale handles, two
+    /// threads inside where that is forbidden, a library closed while NVML was up.
+    std::vector<std::string> Misuse() const;
+    /// True on a thread that is inside an entry point.
+    static bool InsideCall();
+
+    // ---- For a loader that stands between the caller and the simulator ----
+
+    void OnOpen(int flags);
+    /// False when `name` is hidden, or is none of NVML's, which is misuse.
+    bool OnLookup(const std::string& name);
+    void OnClose();
+
+private:
+    SimulatedNvml();
+    ~SimulatedNvml();
+};
+
+}  // namespace simulated_nvml
+
+#endif  // SIMULATED_NVML_H

@@ -1,0 +1,673 @@
+#include "nvml_gpu_monitor.h"
+
+#include <dlfcn.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <initializer_list>
+#include <unordered_map>
+#include <utility>
+
+#include "gpu_profiler.h"
+
+namespace {
+
+// ---- NVML as this module sees it: types, codes, records. NVML's own header is not used. ----
+
+using NvmlReturn = unsigned int;
+using NvmlDevice = void*;
+
+constexpr NvmlReturn kNvmlSuccess = 0;
+
+constexpr unsigned int kNvmlTemperatureGpu = 0;
+constexpr unsigned int kNvmlClockGraphics = 0;
+constexpr unsigned int kNvmlClockSm = 1;
+constexpr unsigned int kNvmlClockMemory = 2;
+constexpr unsigned int kNvmlClockVideo = 3;
+constexpr unsigned int kNvmlPcieUtilTxBytes = 0;
+constexpr unsigned int kNvmlPcieUtilRxBytes = 1;
+
+// NVML writes these records, so their layout is its binary interface.
+
+struct NvmlUtilization {
+    unsigned int Gpu;
+    unsigned int Memory;
+};
+static_assert(sizeof(NvmlUtilization) == 8);
+static_assert(offsetof(NvmlUtilization, Gpu) == 0);
+static_assert(offsetof(NvmlUtilization, Memory) == 4);
+
+/// Serves frame-buffer memory and the BAR1 aperture alike.
+struct NvmlMemory {
+    uint64_t Total;
+    uint64_t Free;
+    uint64_t Used;
+};
+static_assert(sizeof(NvmlMemory) == 24);
+static_assert(offsetof(NvmlMemory, Total) == 0);
+static_assert(offsetof(NvmlMemory, Free) == 8);
+static_assert(offsetof(NvmlMemory, Used) == 16);
+
+struct NvmlPciInfo {
+    char BusIdLegacy[16];
+    unsigned int Domain;
+    unsigned int Bus;
+    unsigned int Device;
+    unsigned int PciDeviceId;
+    unsigned int PciSubSystemId;
+    char BusId[32];
+};
+static_assert(sizeof(NvmlPciInfo) == 68);
+static_assert(offsetof(NvmlPciInfo, BusIdLegacy) == 0);
+static_assert(offsetof(NvmlPciInfo, Domain) == 16);
+static_assert(offsetof(NvmlPciInfo, Bus) == 20);
+static_assert(offsetof(NvmlPciInfo, Device) == 24);
+static_assert(offsetof(NvmlPciInfo, PciDeviceId) == 28);
+static_assert(offsetof(NvmlPciInfo, PciSubSystemId) == 32);
+static_assert(offsetof(NvmlPciInfo, BusId) == 36);
+
+struct NvmlProcessInfo {
+    unsigned int Pid;
+    uint64_t UsedGpuMemory;
+    unsigned int GpuInstanceId;
+    unsigned int ComputeInstanceId;
+};
+static_assert(sizeof(NvmlProcessInfo) == 24);
+static_assert(offsetof(NvmlProcessInfo, Pid) == 0);
+static_assert(offsetof(NvmlProcessInfo, UsedGpuMemory) == 8);
+static_assert(offsetof(NvmlProcessInfo, GpuInstanceId) == 16);
+static_assert(offsetof(NvmlProcessInfo, ComputeInstanceId) == 20);
+
+using InitFn = NvmlReturn (*)();
+using ShutdownFn = NvmlReturn (*)();
+using DeviceCountFn = NvmlReturn (*)(unsigned int* count);
+using HandleByIndexFn = NvmlReturn (*)(unsigned int index, NvmlDevice* device);
+using SystemTextFn = NvmlReturn (*)(char* text, unsigned int size);
+using DeviceTextFn = NvmlReturn (*)(NvmlDevice device, char* text, unsigned int size);
+using PciInfoFn = NvmlReturn (*)(NvmlDevice device, NvmlPciInfo* pci);
+using ValueFn = NvmlReturn (*)(NvmlDevice device, unsigned int* value);
+using SelectedValueFn = NvmlReturn (*)(NvmlDevice device, unsigned int selector, unsigned int* value);
+using ValuePairFn = NvmlReturn (*)(NvmlDevice device, unsigned int* first, unsigned int* second);
+using BitMaskFn = NvmlReturn (*)(NvmlDevice device, unsigned long long* mask);
+using UtilizationFn = NvmlReturn (*)(NvmlDevice device, NvmlUtilization* utilization);
+using MemoryFn = NvmlReturn (*)(NvmlDevice device, NvmlMemory* memory);
+using ProcessFn = NvmlReturn (*)(NvmlDevice device, unsigned int* count, NvmlProcessInfo* processes);
+
+// ---- Lookup by name. Nothing is cached but the library handle, so a missing name costs only what it would fill. ----
+
+/// The entry point `name`; null when the open `library` does not export it.
+template <typename T>
+T Symbol(void* library, const char* name) {
+    return reinterpret_cast<T>(dlsym(library, name));
+}
+
+/// The first of `names`, newest version first, that `library` exports; null when it exports none.
+template <typename T>
+T NewestSymbol(void* library, std::initializer_list<const char*> names) {
+    for (const char* name : names) {
+        if (const T entryPoint = Symbol<T>(library, name)) return entryPoint;
+    }
+    return nullptr;
+}
+
+HandleByIndexFn HandleByIndexSymbol(void* library) {
+    return NewestSymbol<HandleByIndexFn>(library, {"nvmlDeviceGetHandleByIndex_v2", "nvmlDeviceGetHandleByIndex"});
+}
+
+/// True when `query` is exported and its call succeeds. Only then may its outputs be used.
+template <typename Fn, typename... Arguments>
+bool Succeeds(Fn query, Arguments... arguments) {
+    return query != nullptr && query(arguments...) == kNvmlSuccess;
+}
+
+bool GetDevice(void* library, unsigned int index, NvmlDevice* device) {
+    if (device == nullptr) return false;
+    *device = nullptr;
+    if (library == nullptr) return false;
+    return Succeeds(HandleByIndexSymbol(library), index, device) && *device != nullptr;
+}
+
+/// The text in a buffer that NVML filled, with or without a terminator.
+template <size_t Size>
+std::string BufferText(const char (&buffer)[Size]) {
+    return std::string(buffer, std::find(buffer, buffer + Size, '\0'));
+}
+
+// ---- Startup and discovery ----
+
+constexpr const char* kNoGpuFound = "No NVIDIA GPU found.";
+
+/// The entry points without which NVML cannot be started.
+struct StartupEntryPoints {
+    explicit StartupEntryPoints(void* library)
+        : Init(NewestSymbol<InitFn>(library, {"nvmlInit_v2", "nvmlInit"})),
+          GetCount(NewestSymbol<DeviceCountFn>(library, {"nvmlDeviceGetCount_v2", "nvmlDeviceGetCount"})),
+          GetHandle(HandleByIndexSymbol(library)),
+          GetName(Symbol<DeviceTextFn>(library, "nvmlDeviceGetName")) {}
+
+    bool Complete() const {
+        return Init != nullptr && GetCount != nullptr && GetHandle != nullptr && GetName != nullptr;
+    }
+
+    InitFn Init;
+    DeviceCountFn GetCount;
+    HandleByIndexFn GetHandle;
+    DeviceTextFn GetName;
+};
+
+/// Shuts NVML down if it was initialized, closes the library if it is open, and clears the handle.
+void CloseNvml(void** library, bool bNvmlInitialized) {
+    if (*library == nullptr) return;
+    if (bNvmlInitialized) Succeeds(Symbol<ShutdownFn>(*library, "nvmlShutdown"));
+    dlclose(*library);
+    *library = nullptr;
+}
+
+/// Closes NVML again when startup ends early, by a failure or by an exception.
+class StartupGuard {
+public:
+    explicit StartupGuard(void** library) : Library(library) {}
+    ~StartupGuard() {
+        if (!bStarted) CloseNvml(Library, bNvmlInitialized);
+    }
+    StartupGuard(const StartupGuard&) = delete;
+    StartupGuard& operator=(const StartupGuard&) = delete;
+
+    /// From here on NVML's driver callbacks may exist: closing without a shutdown would unmap their code.
+    void NvmlInitialized() { bNvmlInitialized = true; }
+    void Started() { bStarted = true; }
+
+private:
+    void** Library;
+    bool bNvmlInitialized = false;
+    bool bStarted = false;
+};
+
+const char* ArchitectureName(unsigned int architecture) {
+    switch (architecture) {
+        case 2: return "Kepler";
+        case 3: return "Maxwell";
+        case 4: return "Pascal";
+        case 5: return "Volta";
+        case 6: return "Turing";
+        case 7: return "Ampere";
+        case 8: return "Ada";
+        case 9: return "Hopper";
+        case 10: return "Blackwell";
+        default: return "Unknown";
+    }
+}
+
+std::string ReadDriverVersion(void* library) {
+    char driverVersion[96] = {};
+    // The result is not examined: a failing query leaves the buffer empty or with the best text it has.
+    Succeeds(Symbol<SystemTextFn>(library, "nvmlSystemGetDriverVersion"), driverVersion,
+             static_cast<unsigned int>(sizeof driverVersion));
+    return BufferText(driverVersion);
+}
+
+std::string ReadDeviceText(void* library, NvmlDevice device, const char* name) {
+    char value[128] = {};
+    const bool bRead =
+        Succeeds(Symbol<DeviceTextFn>(library, name), device, value, static_cast<unsigned int>(sizeof value));
+    return bRead ? BufferText(value) : std::string();
+}
+
+std::string ReadPciBusId(void* library, NvmlDevice device) {
+    NvmlPciInfo pci{};
+    if (!Succeeds(Symbol<PciInfoFn>(library, "nvmlDeviceGetPciInfo_v3"), device, &pci)) return {};
+    return pci.BusId[0] != '\0' ? BufferText(pci.BusId) : BufferText(pci.BusIdLegacy);
+}
+
+std::string ReadArchitecture(void* library, NvmlDevice device) {
+    unsigned int architecture = 0;
+    if (!Succeeds(Symbol<ValueFn>(library, "nvmlDeviceGetArchitecture"), device, &architecture)) return {};
+    return ArchitectureName(architecture);
+}
+
+uint64_t ReadBar1TotalBytes(void* library, NvmlDevice device) {
+    NvmlMemory bar1{};
+    return Succeeds(Symbol<MemoryFn>(library, "nvmlDeviceGetBAR1MemoryInfo"), device, &bar1) ? bar1.Total : 0;
+}
+
+/// Fills what NVML may or may not tell about a GPU; a query that is missing or fails leaves only its own field empty.
+void ReadOptionalIdentity(void* library, NvmlDevice device, GpuDeviceInfo* info) {
+    info->Uuid = ReadDeviceText(library, device, "nvmlDeviceGetUUID");
+    info->VbiosVersion = ReadDeviceText(library, device, "nvmlDeviceGetVbiosVersion");
+    info->PciBusId = ReadPciBusId(library, device);
+    info->Architecture = ReadArchitecture(library, device);
+    info->Bar1TotalBytes = ReadBar1TotalBytes(library, device);
+}
+
+/// One empty history for every GPU with a handle and a name; `primaryDevice` receives the handle of the first.
+std::vector<GpuTelemetryHistory> DiscoverDevices(void* library, const StartupEntryPoints& nvml, unsigned int devices,
+                                                 NvmlDevice* primaryDevice) {
+    const std::string driverVersion = ReadDriverVersion(library);
+    std::vector<GpuTelemetryHistory> histories;
+    for (unsigned int i = 0; i < devices; ++i) {
+        NvmlDevice device = nullptr;
+        char text[96] = {};
+        if (nvml.GetHandle(i, &device) != kNvmlSuccess) continue;
+        if (nvml.GetName(device, text, static_cast<unsigned int>(sizeof text)) != kNvmlSuccess) continue;
+        if (*primaryDevice == nullptr) *primaryDevice = device;
+
+        GpuTelemetryHistory history;
+        history.Device.Name = BufferText(text);
+        history.Device.Index = i;
+        history.Device.DriverVersion = driverVersion;
+        ReadOptionalIdentity(library, device, &history.Device);
+        histories.push_back(std::move(history));
+    }
+    return histories;
+}
+
+// ---- Reading one sample ----
+
+double NowSeconds() {
+    const std::chrono::nanoseconds now = std::chrono::steady_clock::now().time_since_epoch();
+    return static_cast<double>(now.count()) / 1e9;
+}
+
+double LatestGpuFrameTimeMs() {
+    GPUProfiler::FrameSnapshot frame{};
+    if (!GPUProfiler::Get()->GetLatestSnapshot(&frame)) return -1.0;
+    return frame.GpuFrameTimeMs <= 0.0 ? -1.0 : frame.GpuFrameTimeMs;
+}
+
+double WattsFromMilliwatts(unsigned int milliwatts) {
+    return milliwatts / 1000.0;
+}
+
+double MiBPerSecondFromKiB(unsigned int kibPerSecond) {
+    return kibPerSecond * 0.0009765625;
+}
+
+void ReadPowerLimits(void* library, NvmlDevice device, GpuTelemetrySample* sample) {
+    unsigned int milliwatts = 0;
+    const auto enforced = Symbol<ValueFn>(library, "nvmlDeviceGetEnforcedPowerLimit");
+    const auto configured = Symbol<ValueFn>(library, "nvmlDeviceGetPowerManagementLimit");
+    if (Succeeds(enforced, device, &milliwatts) || Succeeds(configured, device, &milliwatts)) {
+        sample->PowerLimitWatts = WattsFromMilliwatts(milliwatts);
+    }
+
+    const auto defaults = Symbol<ValueFn>(library, "nvmlDeviceGetPowerManagementDefaultLimit");
+    if (Succeeds(defaults, device, &milliwatts)) sample->DefaultPowerLimitWatts = WattsFromMilliwatts(milliwatts);
+
+    unsigned int minimum = 0;
+    unsigned int maximum = 0;
+    const auto constraints = Symbol<ValuePairFn>(library, "nvmlDeviceGetPowerManagementLimitConstraints");
+    if (Succeeds(constraints, device, &minimum, &maximum)) {
+        sample->MinimumPowerLimitWatts = WattsFromMilliwatts(minimum);
+        sample->MaximumPowerLimitWatts = WattsFromMilliwatts(maximum);
+    }
+}
+
+/// The queries of one sample, looked up in the order of the members.
+struct SampleEntryPoints {
+    explicit SampleEntryPoints(void* library)
+        : Temperature(Symbol<SelectedValueFn>(library, "nvmlDeviceGetTemperature")),
+          Utilization(Symbol<UtilizationFn>(library, "nvmlDeviceGetUtilizationRates")),
+          Memory(Symbol<MemoryFn>(library, "nvmlDeviceGetMemoryInfo")),
+          Power(Symbol<ValueFn>(library, "nvmlDeviceGetPowerUsage")),
+          Fan(Symbol<ValueFn>(library, "nvmlDeviceGetFanSpeed")),
+          Clock(Symbol<SelectedValueFn>(library, "nvmlDeviceGetClockInfo")),
+          PerformanceState(Symbol<ValueFn>(library, "nvmlDeviceGetPerformanceState")),
+          Encoder(Symbol<ValuePairFn>(library, "nvmlDeviceGetEncoderUtilization")),
+          Decoder(Symbol<ValuePairFn>(library, "nvmlDeviceGetDecoderUtilization")),
+          Bar1Memory(Symbol<MemoryFn>(library, "nvmlDeviceGetBAR1MemoryInfo")),
+          PcieGeneration(Symbol<ValueFn>(library, "nvmlDeviceGetCurrPcieLinkGeneration")),
+          PcieWidth(Symbol<ValueFn>(library, "nvmlDeviceGetCurrPcieLinkWidth")),
+          PcieThroughput(Symbol<SelectedValueFn>(library, "nvmlDeviceGetPcieThroughput")),
+          LimitReasons(Symbol<BitMaskFn>(library, "nvmlDeviceGetCurrentClocksThrottleReasons")) {}
+
+    SelectedValueFn Temperature;
+    UtilizationFn Utilization;
+    MemoryFn Memory;
+    ValueFn Power;
+    ValueFn Fan;
+    SelectedValueFn Clock;
+    ValueFn PerformanceState;
+    ValuePairFn Encoder;
+    ValuePairFn Decoder;
+    MemoryFn Bar1Memory;
+    ValueFn PcieGeneration;
+    ValueFn PcieWidth;
+    SelectedValueFn PcieThroughput;
+    BitMaskFn LimitReasons;
+};
+
+/// Reads one GPU into one sample; every query fills its own fields or leaves them as they are.
+class SampleReader {
+public:
+    SampleReader(void* library, NvmlDevice device, GpuTelemetrySample* sample)
+        : Library(library), Device(device), Sample(sample), Nvml(library) {}
+
+    /// Makes all queries in their fixed order.
+    void Read() {
+        ReadInt(Nvml.Temperature, &Sample->TemperatureC, kNvmlTemperatureGpu);
+        ReadUtilization();
+        ReadMemory(Nvml.Memory, &Sample->VramUsedBytes, &Sample->VramTotalBytes);
+        if (Succeeds(Nvml.Power, Device, &Value)) Sample->PowerWatts = WattsFromMilliwatts(Value);
+        ReadPowerLimits(Library, Device, Sample);
+        ReadInt(Nvml.Fan, &Sample->FanPercent);
+        ReadInt(Nvml.Clock, &Sample->GraphicsClockMHz, kNvmlClockGraphics);
+        ReadInt(Nvml.Clock, &Sample->SmClockMHz, kNvmlClockSm);
+        ReadInt(Nvml.Clock, &Sample->MemoryClockMHz, kNvmlClockMemory);
+        ReadInt(Nvml.Clock, &Sample->VideoClockMHz, kNvmlClockVideo);
+        ReadInt(Nvml.PerformanceState, &Sample->PerformanceState);
+        ReadCoder(Nvml.Encoder, &Sample->EncoderUtilizationPercent);
+        ReadCoder(Nvml.Decoder, &Sample->DecoderUtilizationPercent);
+        ReadMemory(Nvml.Bar1Memory, &Sample->Bar1UsedBytes, &Sample->Bar1TotalBytes);
+        ReadInt(Nvml.PcieGeneration, &Sample->PcieGeneration);
+        ReadInt(Nvml.PcieWidth, &Sample->PcieWidth);
+        ReadPcieThroughput(kNvmlPcieUtilRxBytes, &Sample->PcieReceiveMiBPerSecond);
+        ReadPcieThroughput(kNvmlPcieUtilTxBytes, &Sample->PcieTransmitMiBPerSecond);
+        ReadLimitReasons();
+    }
+
+private:
+    template <typename Fn, typename... Selector>
+    void ReadInt(Fn query, int* field, Selector... selector) {
+        if (Succeeds(query, Device, selector..., &Value)) *field = static_cast<int>(Value);
+    }
+
+    void ReadUtilization() {
+        NvmlUtilization utilization{};
+        if (!Succeeds(Nvml.Utilization, Device, &utilization)) return;
+        Sample->GpuUtilizationPercent = static_cast<int>(utilization.Gpu);
+        Sample->MemoryUtilizationPercent = static_cast<int>(utilization.Memory);
+    }
+
+    void ReadMemory(MemoryFn query, uint64_t* usedBytes, uint64_t* totalBytes) {
+        if (!Succeeds(query, Device, &MemoryInfo)) return;
+        *usedBytes = MemoryInfo.Used;
+        *totalBytes = MemoryInfo.Total;
+    }
+
+    void ReadCoder(ValuePairFn query, int* percent) {
+        if (Succeeds(query, Device, &Value, &SamplingPeriod)) *percent = static_cast<int>(Value);
+    }
+
+    void ReadPcieThroughput(unsigned int counter, double* mibPerSecond) {
+        if (Succeeds(Nvml.PcieThroughput, Device, counter, &Value)) *mibPerSecond = MiBPerSecondFromKiB(Value);
+    }
+
+    void ReadLimitReasons() {
+        unsigned long long reasons = 0;
+        if (Succeeds(Nvml.LimitReasons, Device, &reasons)) Sample->PerformanceLimitReasons = reasons;
+    }
+
+    void* Library;
+    NvmlDevice Device;
+    GpuTelemetrySample* Sample;
+    SampleEntryPoints Nvml;
+    unsigned int Value = 0;
+    unsigned int SamplingPeriod = 0;
+    NvmlMemory MemoryInfo{};
+};
+
+// ---- The sampler's cycle ----
+
+constexpr size_t kMaxHistorySamples = 6000;
+
+constexpr unsigned int kDefaultProcessRecords = 128;
+constexpr unsigned int kMaxProcessRecords = 4096;
+
+/// Zeroed room for `count` process records. Some drivers write 32 bytes per record through this interface, so that much
+/// is owned for each record offered.
+std::vector<NvmlProcessInfo> ProcessBuffer(unsigned int count) {
+    constexpr size_t kLargestRecordBytes = 32;
+    return std::vector<NvmlProcessInfo>((count * kLargestRecordBytes + sizeof(NvmlProcessInfo) - 1) /
+                                        sizeof(NvmlProcessInfo));
+}
+
+/// Adds what one process query reports for one GPU to `out`; a process that is there already keeps its larger value.
+void MergeProcessMemory(ProcessFn fn, NvmlDevice device, std::unordered_map<int, uint64_t>& out) {
+    if (fn == nullptr) return;
+    unsigned int count = 0;
+    // While processes run, NVML answers the count query with a failure code and the count.
+    fn(device, &count, nullptr);
+    if (count == 0) count = kDefaultProcessRecords;
+    count = std::min(count, kMaxProcessRecords);
+
+    const unsigned int offered = count;
+    std::vector<NvmlProcessInfo> processes = ProcessBuffer(offered);
+    if (fn(device, &count, processes.data()) != kNvmlSuccess) return;
+    for (unsigned int i = 0; i < std::min(count, offered); ++i) {
+        const uint64_t used = processes[i].UsedGpuMemory;
+        if (processes[i].Pid == 0 || used == 0 || used == UINT64_MAX) continue;
+        uint64_t& bytes = out[static_cast<int>(processes[i].Pid)];
+        bytes = std::max(bytes, used);
+    }
+}
+
+/// The entry points that a cycle itself uses, looked up in the order of the members.
+struct CycleEntryPoints {
+    explicit CycleEntryPoints(void* library)
+        : GetHandle(HandleByIndexSymbol(library)),
+          ComputeProcesses(NewestSymbol<ProcessFn>(
+              library, {"nvmlDeviceGetComputeRunningProcesses_v3", "nvmlDeviceGetComputeRunningProcesses_v2",
+                        "nvmlDeviceGetComputeRunningProcesses"})),
+          GraphicsProcesses(NewestSymbol<ProcessFn>(
+              library, {"nvmlDeviceGetGraphicsRunningProcesses_v3", "nvmlDeviceGetGraphicsRunningProcesses_v2",
+                        "nvmlDeviceGetGraphicsRunningProcesses"})) {}
+
+    HandleByIndexFn GetHandle;
+    ProcessFn ComputeProcesses;
+    ProcessFn GraphicsProcesses;
+};
+
+/// Replaces the process list of `history` by what runs on its GPU now.
+void UpdateProcessMemory(const CycleEntryPoints& nvml, NvmlDevice device, GpuTelemetryHistory* history) {
+    std::unordered_map<int, uint64_t> processBytes;
+    MergeProcessMemory(nvml.ComputeProcesses, device, processBytes);
+    MergeProcessMemory(nvml.GraphicsProcesses, device, processBytes);
+    history->ProcessMemory.clear();
+    history->ProcessMemory.reserve(processBytes.size());
+    for (const auto& [pid, bytes] : processBytes) history->ProcessMemory.push_back({pid, bytes});
+}
+
+void AppendSample(const GpuTelemetrySample& sample, std::deque<GpuTelemetrySample>* samples) {
+    samples->push_back(sample);
+    while (samples->size() > kMaxHistorySamples) samples->pop_front();
+}
+
+}  // namespace
+
+// ---- Lifecycle ----
+
+NvmlGpuMonitor::NvmlGpuMonitor() = default;
+
+NvmlGpuMonitor::~NvmlGpuMonitor() {
+    Stop();
+}
+
+bool NvmlGpuMonitor::Start() {
+    const std::lock_guard<std::mutex> lock(Mutex);
+    return StartSamplingLocked();
+}
+
+void NvmlGpuMonitor::Stop() {
+    PauseSampling();
+    const std::lock_guard<std::mutex> lock(Mutex);
+    ShutdownLocked();
+}
+
+void NvmlGpuMonitor::PauseSampling() {
+    {
+        const std::lock_guard<std::mutex> lock(Mutex);
+        bRunning = false;
+        ++WakeGeneration;
+    }
+    WakeCv.notify_all();
+    if (SamplerThread.joinable()) SamplerThread.join();
+}
+
+bool NvmlGpuMonitor::ResumeSampling() {
+    const std::lock_guard<std::mutex> lock(Mutex);
+    return StartSamplingLocked();
+}
+
+bool NvmlGpuMonitor::StartSamplingLocked() {
+    if (bRunning) return bInitialized;
+    if (!InitializeLocked()) return false;
+    // The thread waits for Mutex first, so it finds bRunning set; when it cannot be created, the flag is still clear.
+    SamplerThread = std::thread(&NvmlGpuMonitor::SamplerLoop, this);
+    bRunning = true;
+    return true;
+}
+
+bool NvmlGpuMonitor::IsAvailable() const {
+    const std::lock_guard<std::mutex> lock(Mutex);
+    return bInitialized;
+}
+
+std::string NvmlGpuMonitor::Status() const {
+    const std::lock_guard<std::mutex> lock(Mutex);
+    return StatusText;
+}
+
+// ---- Settings ----
+
+void NvmlGpuMonitor::SetSampleInterval(std::chrono::milliseconds interval) {
+    {
+        const std::lock_guard<std::mutex> lock(Mutex);
+        SampleInterval = std::clamp(interval, std::chrono::milliseconds(100), std::chrono::milliseconds(10000));
+        ++WakeGeneration;
+    }
+    WakeCv.notify_all();
+}
+
+void NvmlGpuMonitor::SetInitialSampleDelay(std::chrono::milliseconds delay) {
+    const std::lock_guard<std::mutex> lock(Mutex);
+    InitialSampleDelay = std::clamp(delay, std::chrono::milliseconds(0), std::chrono::milliseconds(10000));
+}
+
+// ---- Readings ----
+
+std::vector<GpuTelemetryHistory> NvmlGpuMonitor::Snapshot() const {
+    const std::lock_guard<std::mutex> lock(Mutex);
+    return Histories;
+}
+
+bool NvmlGpuMonitor::ReadCurrentSample(GpuTelemetrySample* output) {
+    const std::lock_guard<std::mutex> lock(Mutex);
+    return ReadCurrentSampleLocked(output);
+}
+
+bool NvmlGpuMonitor::ReadCurrentSample(unsigned int deviceIndex, GpuTelemetrySample* output) {
+    const std::lock_guard<std::mutex> lock(Mutex);
+    return ReadCurrentSampleLocked(deviceIndex, output);
+}
+
+// ---- The sampler thread ----
+
+void NvmlGpuMonitor::SamplerLoop() {
+    if (!WaitInitialDelay()) return;
+    for (;;) {
+        std::chrono::milliseconds interval{};
+        uint64_t generation = 0;
+        {
+            const std::lock_guard<std::mutex> cycle(Mutex);
+            if (!bRunning) return;
+            interval = SampleInterval;
+            generation = WakeGeneration;
+            SampleAllDevicesLocked();
+        }
+        std::unique_lock<std::mutex> wait(Mutex);
+        WaitForWakeLocked(wait, interval, generation);
+    }
+}
+
+bool NvmlGpuMonitor::WaitInitialDelay() {
+    std::unique_lock<std::mutex> lock(Mutex);
+    while (bRunning) {
+        const std::chrono::milliseconds delay = InitialSampleDelay;
+        const uint64_t generation = WakeGeneration;
+        if (delay <= std::chrono::milliseconds(0)) return true;
+        WaitForWakeLocked(lock, delay, generation);
+        if (bRunning && WakeGeneration == generation) return true;
+    }
+    return false;
+}
+
+void NvmlGpuMonitor::WaitForWakeLocked(std::unique_lock<std::mutex>& lock, std::chrono::milliseconds duration,
+                                       uint64_t generation) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::nanoseconds(duration);
+    WakeCv.wait_until(lock, deadline, [&] { return !bRunning || WakeGeneration != generation; });
+}
+
+void NvmlGpuMonitor::SampleAllDevicesLocked() {
+    const CycleEntryPoints nvml(Library);
+    for (GpuTelemetryHistory& history : Histories) {
+        NvmlDevice device = nullptr;
+        if (!Succeeds(nvml.GetHandle, history.Device.Index, &device)) continue;
+        GpuTelemetrySample sample;
+        // Also a reading that reports failure is kept: the fields that it could fill are worth having.
+        ReadCurrentSampleLocked(history.Device.Index, &sample);
+        UpdateProcessMemory(nvml, device, &history);
+        AppendSample(sample, &history.Samples);
+    }
+}
+
+// ---- Operations that run under Mutex ----
+
+bool NvmlGpuMonitor::InitializeLocked() {
+    if (bInitialized) return true;
+    Library = dlopen("libnvidia-ml.so.1", RTLD_LAZY);
+    if (Library == nullptr) {
+        StatusText = "NVML unavailable / NVIDIA GPU monitoring disabled.";
+        return false;
+    }
+    StartupGuard guard(&Library);
+    const StartupEntryPoints nvml(Library);
+    if (!nvml.Complete() || nvml.Init() != kNvmlSuccess) {
+        StatusText = "NVML initialization failed.";
+        return false;
+    }
+    guard.NvmlInitialized();
+
+    unsigned int devices = 0;
+    if (nvml.GetCount(&devices) != kNvmlSuccess || devices == 0) {
+        StatusText = kNoGpuFound;
+        return false;
+    }
+    Histories.clear();
+    NvmlDevice primaryDevice = nullptr;
+    Histories = DiscoverDevices(Library, nvml, devices, &primaryDevice);
+    if (Histories.empty()) {
+        StatusText = kNoGpuFound;
+        return false;
+    }
+    std::string active = "NVML active: " + std::to_string(Histories.size()) + " NVIDIA GPU(s).";
+
+    // Nothing below can throw, so NVML is up in all its members or in none.
+    guard.Started();
+    PrimaryDevice = primaryDevice;
+    bInitialized = true;
+    StatusText = std::move(active);
+    return true;
+}
+
+void NvmlGpuMonitor::ShutdownLocked() {
+    CloseNvml(&Library, bInitialized);
+    PrimaryDevice = nullptr;
+    bInitialized = false;
+}
+
+bool NvmlGpuMonitor::ReadCurrentSampleLocked(GpuTelemetrySample* output) {
+    return ReadCurrentSampleLocked(0, output);
+}
+
+bool NvmlGpuMonitor::ReadCurrentSampleLocked(unsigned int deviceIndex, GpuTelemetrySample* output) {
+    if (output == nullptr) return false;
+    *output = GpuTelemetrySample{};
+    if (!InitializeLocked()) return false;
+    NvmlDevice device = nullptr;
+    if (!GetDevice(Library, deviceIndex, &device)) return false;
+
+    output->TimestampSeconds = NowSeconds();
+    output->FrameTimeMs = LatestGpuFrameTimeMs();
+    SampleReader(Library, device, output).Read();
+    return output->PowerWatts >= 0.0 || output->GraphicsClockMHz >= 0;
+}

@@ -1,0 +1,212 @@
+// Opening NVML, its fallbacks and failures, and the discovery of GPUs.
+
+#include <new>
+#include <type_traits>
+
+#include "monitor_test.h"
+
+namespace {
+
+using simulated_nvml::Board;
+using simulated_nvml::DesktopBoard;
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::IsEmpty;
+using testing::SizeIs;
+using testing::StartsWith;
+
+static_assert(!std::is_copy_constructible_v<NvmlGpuMonitor> && !std::is_copy_assignable_v<NvmlGpuMonitor>);
+static_assert(!std::is_move_constructible_v<NvmlGpuMonitor> && !std::is_move_assignable_v<NvmlGpuMonitor>);
+
+class StartupTest : public MonitorTest {
+protected:
+    /// Starts NVML without the sampler, whose calls would come in between, and tells what was discovered.
+    std::vector<GpuDeviceInfo> Discover() {
+        GpuTelemetrySample sample;
+        Monitor.ReadCurrentSample(&sample);
+        std::vector<GpuDeviceInfo> devices;
+        for (const GpuTelemetryHistory& history : Monitor.Snapshot()) devices.push_back(history.Device);
+        return devices;
+    }
+
+    /// Expects a start as scripted to fail with `status` and these last words, and one without the script to succeed.
+    void ExpectFailedStart(const std::string& status, const std::string& lastWords) {
+        EXPECT_FALSE(Monitor.Start());
+        EXPECT_FALSE(Monitor.IsAvailable());
+        EXPECT_EQ(Monitor.Status(), status);
+        EXPECT_THAT(Log(), EndsWith(lastWords));
+        host_seams::Reset();
+        StartOver();
+        EXPECT_TRUE(Monitor.Start());
+        EXPECT_EQ(Monitor.Status(), "NVML active: 1 NVIDIA GPU(s).");
+        Monitor.Stop();
+        StartOver();
+    }
+};
+
+TEST_F(StartupTest, NewMonitorHasOpenedNothing) {
+    EXPECT_FALSE(Monitor.IsAvailable());
+    EXPECT_EQ(Monitor.Status(), "");
+    EXPECT_THAT(Monitor.Snapshot(), IsEmpty());
+    Monitor.Stop();
+    EXPECT_EQ(Log(), "");
+}
+
+TEST_F(StartupTest, MakesItsLookupsAndCallsInOrderAndOnce) {
+    Discover();
+    EXPECT_THAT(Log(),
+                StartsWith("dlopen(1) ?Init_v2 ?Count_v2 ?HandleByIndex_v2 ?Name Init_v2() Count_v2() "
+                           "?DriverVersion DriverVersion(96) HandleByIndex_v2(0) Name(0, 96) ?UUID UUID(0, 128) "
+                           "?VbiosVersion VbiosVersion(0, 128) ?PciInfo_v3 PciInfo_v3(0) "
+                           "?Architecture Architecture(0) ?BAR1MemoryInfo BAR1MemoryInfo(0) ?HandleByIndex_v2 "));
+    EXPECT_TRUE(Monitor.Start());
+    EXPECT_TRUE(Monitor.Start());
+    EXPECT_EQ(Sim.Calls("nvmlInit_v2") + Sim.Calls("nvmlDeviceGetName"), 2);
+    Monitor.Stop();
+    const std::string log = Log();
+    EXPECT_THAT(log, EndsWith("?Shutdown Shutdown() dlclose "));
+    Monitor.Stop();
+    EXPECT_EQ(Log(), log);
+}
+
+TEST_F(StartupTest, TakesUnversionedNamesRightAfterAMiss) {
+    for (const char* name : {"nvmlInit_v2", "nvmlDeviceGetCount_v2", "nvmlDeviceGetHandleByIndex_v2"}) {
+        Sim.HideEntryPoint(name);
+    }
+    EXPECT_THAT(Discover(), SizeIs(1));
+    EXPECT_THAT(Log(), StartsWith("dlopen(1) ?Init_v2 ?Init ?Count_v2 ?Count ?HandleByIndex_v2 ?HandleByIndex ?Name "
+                                  "Init() Count() ?DriverVersion DriverVersion(96) HandleByIndex(0) "));
+}
+
+TEST_F(StartupTest, FailuresSayWhyAndLeaveNothingOpen) {
+    host_seams::RemoveLibrary();
+    ExpectFailedStart("NVML unavailable / NVIDIA GPU monitoring disabled.", "");
+
+    const std::vector<std::string> required[] = {{"nvmlInit_v2", "nvmlInit"},
+                                                 {"nvmlDeviceGetCount_v2", "nvmlDeviceGetCount"},
+                                                 {"nvmlDeviceGetHandleByIndex_v2", "nvmlDeviceGetHandleByIndex"},
+                                                 {"nvmlDeviceGetName"}};
+    for (const std::vector<std::string>& names : required) {
+        for (const std::string& name : names) Sim.HideEntryPoint(name);
+        ExpectFailedStart("NVML initialization failed.", "?Name dlclose ");
+    }
+    Sim.FailFrom("nvmlInit_v2", simulated_nvml::kUnknown);
+    ExpectFailedStart("NVML initialization failed.", "Init_v2() dlclose ");
+
+    Sim.SetBoards({});
+    ExpectFailedStart("No NVIDIA GPU found.", "Count_v2() ?Shutdown Shutdown() dlclose ");
+    for (const char* name : {"nvmlDeviceGetCount_v2", "nvmlDeviceGetHandleByIndex_v2", "nvmlDeviceGetName"}) {
+        Sim.FailFrom(name, simulated_nvml::kGpuIsLost);
+        ExpectFailedStart("No NVIDIA GPU found.", "?Shutdown Shutdown() dlclose ");
+    }
+}
+
+TEST_F(StartupTest, FailedStartKeepsOrEmptiesTheHistoriesOfTheOneBefore) {
+    EXPECT_THAT(Discover(), SizeIs(1));
+    Monitor.Stop();
+    Sim.FailFrom("nvmlDeviceGetCount_v2", simulated_nvml::kUnknown);
+    EXPECT_THAT(Discover(), SizeIs(1)) << "no count, nothing replaced";
+    Sim.StopFailing();
+    Sim.FailFrom("nvmlDeviceGetName", simulated_nvml::kUnknown);
+    EXPECT_THAT(Discover(), IsEmpty());
+}
+
+TEST_F(StartupTest, SkippedDevicesLeaveGapsInTheIndices) {
+    SetBoards(4);
+    Sim.FailFrom("nvmlDeviceGetName", simulated_nvml::kUnknown, 1, 0);
+    Sim.FailFrom("nvmlDeviceGetHandleByIndex_v2", simulated_nvml::kGpuIsLost, 1, 2);
+    const std::vector<GpuDeviceInfo> devices = Discover();
+    EXPECT_EQ(Monitor.Status(), "NVML active: 2 NVIDIA GPU(s).");
+    ASSERT_THAT(devices, SizeIs(2));
+    EXPECT_EQ(devices[0].Index, 1U);
+    EXPECT_EQ(devices[1].Index, 3U);
+    EXPECT_EQ(devices[1].Uuid, DesktopBoard(3).Uuid);
+    EXPECT_EQ(Sim.Calls("nvmlDeviceGetUUID"), 2) << "a skipped device is asked nothing more";
+    EXPECT_THAT(Log(), EndsWith("CurrentClocksThrottleReasons(0) ")) << "device 0 is NVML's, admitted or not";
+}
+
+TEST_F(StartupTest, IdentityIsReadAndEachMissingPartLeavesOnlyItsFieldEmpty) {
+    const Board board = DesktopBoard(0);
+    const std::pair<const char*, std::string> parts[] = {{"nvmlSystemGetDriverVersion", "550.120"},
+                                                         {"nvmlDeviceGetUUID", board.Uuid},
+                                                         {"nvmlDeviceGetVbiosVersion", board.VbiosVersion},
+                                                         {"nvmlDeviceGetPciInfo_v3", board.BusId},
+                                                         {"nvmlDeviceGetArchitecture", "Ada"},
+                                                         {"nvmlDeviceGetBAR1MemoryInfo", "17179869184"}};
+    const auto expectIdentityWithout = [&](const std::string& missing) {
+        const GpuDeviceInfo device = Discover().front();
+        EXPECT_EQ(device.Name, board.Name);
+        std::vector<std::string> expected;
+        for (const auto& [name, text] : parts) expected.push_back(name == missing ? "" : text);
+        if (expected.back().empty()) expected.back() = "0";
+        EXPECT_THAT(expected, ElementsAre(device.DriverVersion, device.Uuid, device.VbiosVersion, device.PciBusId,
+                                          device.Architecture, std::to_string(device.Bar1TotalBytes)));
+        Monitor.Stop();
+        StartOver();
+    };
+    expectIdentityWithout("nothing");
+    for (const auto& [name, text] : parts) {
+        SCOPED_TRACE(name);
+        Sim.HideEntryPoint(name);
+        expectIdentityWithout(name);
+        Sim.FailFrom(name, simulated_nvml::kNotSupported);
+        expectIdentityWithout(name);
+    }
+}
+
+TEST_F(StartupTest, TextsWithoutATerminatorEndWithTheirBuffers) {
+    Sim.UseUnterminatedText();
+    const GpuDeviceInfo device = Discover().front();
+    EXPECT_THAT(device.Name, AllOf(StartsWith(DesktopBoard(0).Name), SizeIs(96)));
+    EXPECT_THAT(device.DriverVersion, SizeIs(96));
+    EXPECT_THAT(device.Uuid, SizeIs(128));
+    EXPECT_THAT(device.VbiosVersion, SizeIs(128));
+    EXPECT_THAT(device.PciBusId, SizeIs(32));
+    Monitor.Stop();
+
+    Board board = DesktopBoard(0);
+    board.BusId = std::string(1, '\0');
+    Sim.SetBoards({board});
+    EXPECT_THAT(Discover().front().PciBusId, AllOf(StartsWith(board.BusIdLegacy), SizeIs(16))) << "the legacy form";
+}
+
+TEST_F(StartupTest, DriverWithoutAShutdownIsClosedAllTheSame) {
+    Sim.HideEntryPoint("nvmlShutdown");
+    Discover();
+    Monitor.Stop();
+    EXPECT_THAT(Log(), EndsWith("?Shutdown dlclose "));
+    // Rightly misuse in the simulator's eyes; here the driver leaves no choice.
+    EXPECT_THAT(Sim.Misuse(), ElementsAre("dlclose while NVML was initialized."));
+    Sim.Reset();
+}
+
+TEST_F(StartupTest, OutOfMemoryAnywhereInAStartClosesNvmlAndPassesOn) {
+    SetBoards(2);
+    uint64_t nth = 0;
+    do {
+        NvmlGpuMonitor monitor;
+        host_seams::FailAllocation(++nth);
+        try {
+            monitor.Start();
+            host_seams::FailAllocation(0);
+            EXPECT_FALSE(host_seams::AllocationFailed()) << nth << " was not passed on";
+        } catch (const std::bad_alloc&) {
+            EXPECT_TRUE(monitor.IsAvailable() || Sim.Log().back() == "dlclose") << nth;
+            EXPECT_TRUE(monitor.Start()) << nth;
+            EXPECT_THAT(monitor.Snapshot(), SizeIs(2)) << nth;
+        }
+    } while (host_seams::AllocationFailed());
+    EXPECT_GT(nth, 10U);
+}
+
+TEST_F(StartupTest, ThreadThatCannotBeCreatedLeavesTheSamplerStopped) {
+    host_seams::RefuseThreads(true);
+    EXPECT_THROW(Monitor.Start(), std::system_error);
+    EXPECT_THROW(Monitor.ResumeSampling(), std::system_error) << "a sampler that never ran must not count as running";
+    host_seams::RefuseThreads(false);
+    EXPECT_TRUE(Monitor.Start());
+    EXPECT_TRUE(WaitForCalls("nvmlDeviceGetTemperature", 1));
+}
+
+}  // namespace

@@ -1,0 +1,78 @@
+#ifndef MONITOR_TEST_H
+#define MONITOR_TEST_H
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "gpu_profiler.h"
+#include "host_seams.h"
+#include "nvml_gpu_monitor.h"
+#include "simulated_nvml.h"
+
+/// Now, in the seconds that samples are stamped with.
+inline double SteadySeconds() {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+/// Every test begins with one desktop board that nothing is wrong with, and fails when the simulator saw misuse or NVML
+/// was left open.
+class ScriptedTest : public testing::Test {
+protected:
+    ScriptedTest() {
+        host_seams::Reset();
+        GPUProfiler::Get()->FrameTimeMs.reset();
+        StartOver();
+    }
+    ~ScriptedTest() override {
+        EXPECT_THAT(Log(), testing::AnyOf("", testing::EndsWith("dlclose "))) << "NVML was left open";
+        EXPECT_THAT(Sim.Misuse(), testing::IsEmpty());
+    }
+
+    void StartOver() {
+        EXPECT_THAT(Sim.Misuse(), testing::IsEmpty());
+        Sim.Reset();
+        Sim.RecordLog();
+        Sim.ForbidConcurrentCalls();
+    }
+
+    void SetBoards(unsigned int count) {
+        std::vector<simulated_nvml::Board> boards;
+        for (unsigned int i = 0; i < count; ++i) boards.push_back(simulated_nvml::DesktopBoard(i));
+        Sim.SetBoards(boards);
+    }
+
+    void SetFixedBoard(const simulated_nvml::Readings& readings) {
+        simulated_nvml::Board board = simulated_nvml::DesktopBoard(0);
+        board.Fixed = readings;
+        Sim.SetBoards({board});
+    }
+
+    /// The log from entry `from` on, one word after another: "?Name" is a lookup, "Name(...)" a call, and the common
+    /// beginnings of NVML's names are left out.
+    std::string Log(size_t from = 0) const {
+        std::string text;
+        const std::vector<std::string> log = Sim.Log();
+        for (size_t i = from; i < log.size(); ++i) text += log[i] + " ";
+        text = std::regex_replace(text, std::regex("dlsym "), "?");
+        return std::regex_replace(text, std::regex("nvmlDeviceGet|nvmlSystemGet|nvml"), "");
+    }
+
+    bool WaitForCalls(const std::string& name, uint64_t count) const {
+        return Sim.WaitForCalls(name, count, std::chrono::seconds(60));
+    }
+
+    simulated_nvml::SimulatedNvml& Sim = simulated_nvml::SimulatedNvml::Get();
+};
+
+/// With a monitor, which is gone when the simulator is asked what it saw.
+class MonitorTest : public ScriptedTest {
+protected:
+    NvmlGpuMonitor Monitor;
+};
+
+#endif  // MONITOR_TEST_H
