@@ -83,7 +83,7 @@ struct GpuTelemetrySample {
     double MinimumPowerLimitWatts = -1.0;
     /// Highest power limit that the driver accepts, watts. Source: `nvmlDeviceGetPowerManagementLimitConstraints`.
     double MaximumPowerLimitWatts = -1.0;
-    /// Fan speed, percent of its maximum. Source: `nvmlDeviceGetFanSpeed`.
+    /// Fan speed, percent; can exceed 100 on some boards. Source: `nvmlDeviceGetFanSpeed`.
     int FanPercent = -1;
     /// Graphics clock, MHz. Source: `nvmlDeviceGetClockInfo`.
     int GraphicsClockMHz = -1;
@@ -107,8 +107,8 @@ struct GpuTelemetrySample {
     /// NVML's bit mask of what limits the clocks at this moment; 0 when nothing does and also when not read. Source:
     /// `nvmlDeviceGetCurrentClocksThrottleReasons`.
     uint64_t PerformanceLimitReasons = 0;
-    /// GPU time of the host's latest frame, milliseconds; -1.0 when the host's profiler has none. Source:
-    /// `GPUProfiler`.
+    /// GPU time of the host's latest frame, milliseconds; -1.0 when the host's profiler has none or tells 0 or less.
+    /// Anything else is as the profiler tells it, NaN included. Source: `GPUProfiler`.
     double FrameTimeMs = -1.0;
 };
 
@@ -123,26 +123,31 @@ struct GpuProcessMemory {
 
 /// Everything that the monitor keeps about one GPU.
 struct GpuTelemetryHistory {
+    /// Which GPU this is.
     GpuDeviceInfo Device;
     /// Oldest first, newest last. At most 6000: once full, each new sample drops the oldest.
     std::deque<GpuTelemetrySample> Samples;
     /// The processes that used video memory on this GPU at the latest sampling cycle that reached it, each listed once
-    /// with the largest value NVML gave for it. In no particular order.
+    /// with the largest value NVML gave for it, in no particular order. Compute and graphics processes are read from
+    /// lists of at most 4096 each; a list that could not be read adds nothing, which looks as if nothing ran.
     std::vector<GpuProcessMemory> ProcessMemory;
 };
 
 /// Reads every NVIDIA GPU once per interval on a thread of its own and keeps bounded histories; the host takes copies.
 ///
-/// Create one and keep it for the life of the application.
+/// Create one, keep it while the application runs, and stop it before `main` returns: its thread must not outlive the
+/// host's profiler.
 ///
 /// Threads: `Start`, `Stop`, `PauseSampling`, `ResumeSampling` and the destructor belong to one controlling thread at a
 /// time. Every other operation may be called from any thread at any time. One mutex serializes everything, and the
 /// sampler holds it for a whole cycle over all GPUs: on real hardware an operation can wait tens of milliseconds per
-/// GPU, so keep them off a render thread. The host's `GPUProfiler` is asked with that mutex held and must never call
-/// into the monitor.
+/// GPU, so keep them off a render thread. The host's `GPUProfiler` is asked with that mutex held, by the sampler thread
+/// and by threads that read a sample: it must be safe to call from them, must not throw, and must never call into the
+/// monitor.
 ///
 /// Failure: NVML's failures are reported by results and by `Status`; nothing is thrown for them and nothing is logged.
-/// Only the standard library's own exceptions (out of memory, no thread to be had, a broken mutex) pass out.
+/// Only the standard library's own exceptions (out of memory, no thread to be had, a broken mutex) pass out of an
+/// operation. On the sampler thread nobody could catch one, so there it ends the process.
 ///
 /// Cost: an open NVML keeps a laptop's GPU awake; only `Stop` releases it.
 class NvmlGpuMonitor {
@@ -162,15 +167,15 @@ public:
     /// take seconds where the driver is not kept loaded.
     /// Result: true when the sampler runs, also when it ran before. False when NVML cannot be started: `Status` says
     /// why, no thread exists, and a later call tries again.
-    /// Throws: `std::system_error` when no thread can be created (NVML is then up and the sampler is not running), and
-    /// what allocation throws (NVML is then closed).
+    /// Throws: `std::system_error` or `std::bad_alloc` when no thread can be created; NVML is then up and the sampler
+    /// not running. `std::bad_alloc` when memory runs out while NVML starts; NVML is then closed.
     /// Threads: the controlling thread.
     bool Start();
 
     /// Ends the sampler thread, shuts NVML down and closes it. Valid in every state, any number of times.
     ///
-    /// Waits for a cycle in progress, not for the interval. Histories and `Status` keep what they hold until the next
-    /// start. Clocks and power limits stay as they are on the GPU.
+    /// Waits for a cycle in progress, not for the interval. Histories and `Status` keep what they hold until NVML is
+    /// started again. Clocks and power limits stay as they are on the GPU.
     /// Threads: the controlling thread.
     void Stop();
 
@@ -191,8 +196,8 @@ public:
     /// Threads: any thread, any time; waits for a cycle in progress.
     bool IsAvailable() const;
 
-    /// The outcome of the latest attempt to start NVML as one line for the user; empty before the first attempt. A stop
-    /// does not change it. Never starts NVML.
+    /// The outcome of the latest attempt to start NVML as one line for the user; empty before the first attempt.
+    /// Neither a stop nor an attempt that ended with an exception changes it. Never starts NVML.
     ///
     /// Threads: any thread, any time; waits for a cycle in progress.
     std::string Status() const;
@@ -216,6 +221,7 @@ public:
     /// Copies all histories, one per GPU in ascending NVML index order, with all of a cycle's updates or none.
     ///
     /// Works in every state and never starts NVML: empty before the first start, the last data after a stop or a pause.
+    /// A start that fails after NVML told how many GPUs there are leaves it empty.
     /// Cost: up to 6000 samples per GPU are copied while the sampler waits. Call it once per interval at most.
     /// Threads: any thread, any time; waits for a cycle in progress.
     /// Ownership: the copy is the caller's and shares nothing with the monitor.
@@ -227,14 +233,17 @@ public:
     /// Reads one sample of one GPU at once, outside the sampler's rhythm; the histories do not change.
     ///
     /// `deviceIndex` is the NVML index (`GpuDeviceInfo::Index`), not a position in a snapshot.
+    /// An index that discovery skipped is read all the same, as far as the driver allows.
     /// Result: true when power or graphics clock could be read. False when neither could: what else was read is in
-    /// `*output`. False also when `output` is null (nothing happens), NVML cannot be started (`Status` says why) or no
-    /// GPU has this index; a non-null `*output` then holds its defaults, so `TimestampSeconds` is 0.0.
+    /// `*output`. False also when `output` is null (nothing happens), NVML cannot be started (`Status` says why), or
+    /// the driver gives no handle for this index (there is no such GPU, or it is lost); a non-null `*output` then holds
+    /// its defaults, so `TimestampSeconds` is 0.0. The same after an exception.
     /// Side effect: starts NVML if needed, with empty histories, and leaves it open until `Stop`; never starts the
     /// sampler.
     /// Source: the queries named at the fields of `GpuTelemetrySample`.
     /// Cost: all these queries; on real hardware PCIe throughput alone takes about 20 ms per direction.
     /// Threads: any thread, any time; waits for a cycle in progress.
+    /// Ownership: the caller owns `*output`, and nothing in it points back into the monitor.
     bool ReadCurrentSample(unsigned int deviceIndex, GpuTelemetrySample* output);
 
 private:
@@ -245,7 +254,7 @@ private:
     bool WaitInitialDelay();
     /// Waits for `duration`, or until the sampler is to end or `WakeGeneration` is no longer `generation`. `lock` holds
     /// `Mutex`, also afterwards.
-    void WaitForWakeLocked(std::unique_lock<std::mutex>& lock, std::chrono::milliseconds duration, uint64_t generation);
+    void WaitForWake(std::unique_lock<std::mutex>& lock, std::chrono::milliseconds duration, uint64_t generation);
     /// The work of one cycle: a sample and the process list of every GPU; the caller holds `Mutex`.
     void SampleAllDevicesLocked();
 

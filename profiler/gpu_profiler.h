@@ -4,8 +4,9 @@
 /// Stands in for the frame profiler of a host that has none: it never has a frame, so samples carry no frame time.
 ///
 /// A host with a profiler of its own supplies a header of this name with the same three members, and the monitor is
-/// compiled against that one. The monitor asks it while holding its own mutex: `GetLatestSnapshot` may take a lock, but
-/// must never call into the monitor.
+/// compiled against that one. The monitor asks it from its sampler thread and from every thread that reads a sample,
+/// while it holds its own mutex: `GetLatestSnapshot` must be safe to call from them and may take a lock, but must not
+/// throw and must never call into the monitor.
 class GPUProfiler {
 public:
     /// The latest frame. A host's record may hold more; the monitor reads only this field.

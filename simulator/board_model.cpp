@@ -23,14 +23,19 @@ constexpr double kRippleSeconds = 1.3;
 constexpr double kIdleDemand = 0.03;
 
 constexpr double kAmbientC = 27.0;
+constexpr double kFanStartC = 48.0;
+/// How far below its slowdown a board begins to lower its clocks by itself.
+constexpr double kHeatMarginC = 8.0;
 constexpr double kHeatSeconds = 20.0;
 constexpr double kFanSeconds = 4.0;
 constexpr double kAveragingSeconds = 0.4;
 
-constexpr uint64_t kReservedBytes = uint64_t{320} << 20;
-
 /// Streams of random numbers; each process slot takes three of its own from `kProcesses` on.
-enum Stream : uint64_t { kPhases, kRipple, kPcie, kCoders, kProcesses };
+constexpr uint64_t kPhases = 0;
+constexpr uint64_t kRipple = 1;
+constexpr uint64_t kPcie = 2;
+constexpr uint64_t kCoders = 3;
+constexpr uint64_t kProcesses = 4;
 
 /// One phase of a workload: up to which random number it is taken, and what it asks of the board.
 struct Phase {
@@ -88,13 +93,13 @@ BoardModel::BoardModel(Board board, unsigned int index, uint64_t seed)
       PowerLimit(Description.DefaultPowerLimitMilliwatts),
       Ticks(-kWarmUpTicks),
       Milliwatts(Description.IdlePowerMilliwatts),
-      TemperatureC(kAmbientC) {}
+      TemperatureC(kAmbientC) {
+    if (Description.Fixed.has_value()) Current = *Description.Fixed;
+    for (const std::string& name : Description.Unsupported) Unsupported[IndexOf(EntryPointOf(name))] = true;
+}
 
 void BoardModel::AdvanceTo(double seconds) {
-    if (Description.Fixed.has_value()) {
-        Current = *Description.Fixed;
-        return;
-    }
+    if (Description.Fixed.has_value()) return;
     const auto target = static_cast<int64_t>(std::floor(seconds / kTickSeconds));
     if (target <= Ticks) return;
     Ticks = std::max(Ticks, target - kMemoryTicks);
@@ -110,7 +115,7 @@ double BoardModel::Seconds() const {
 }
 
 double BoardModel::Random(uint64_t stream, int64_t place) const {
-    const uint64_t bits = Mix(Seed ^ Mix(stream * 0x10001U + static_cast<uint64_t>(place)));
+    const uint64_t bits = Mix(Mix(Seed ^ stream) + static_cast<uint64_t>(place));
     return static_cast<double>(bits >> 11U) * 0x1.0p-53;
 }
 
@@ -147,16 +152,25 @@ void BoardModel::Step() {
 
 void BoardModel::ChooseMemoryClock(double demand) {
     const std::vector<ClockGroup>& groups = Description.Clocks;
-    MemoryGroup = IsIdle(demand) ? groups.size() - 1 : 0;
+    const size_t wanted = IsIdle(demand) ? SlowestGroupForGraphicsLock() : 0;
+    MemoryGroup = wanted;
     if (!MemoryLock.has_value()) return;
-    const auto within = [this](const ClockGroup& group) {
-        return group.MemoryMHz >= MemoryLock->Lowest && group.MemoryMHz <= MemoryLock->Highest;
-    };
-    if (within(groups[MemoryGroup])) return;
-    const auto locked = std::find_if(groups.begin(), groups.end(), within);
-    if (locked == groups.end()) return;
-    MemoryGroup = static_cast<size_t>(std::distance(groups.begin(), locked));
-    Reasons |= kReasonApplicationClocks;
+    // The listed clock that comes nearest to the range.
+    const auto allowed = std::find_if(groups.begin(), std::prev(groups.end()), [this](const ClockGroup& group) {
+        return group.MemoryMHz <= MemoryLock->Highest;
+    });
+    const auto locked = static_cast<size_t>(std::distance(groups.begin(), allowed));
+    const bool bWithin = groups[wanted].MemoryMHz >= MemoryLock->Lowest && wanted >= locked;
+    if (!bWithin) MemoryGroup = locked;
+    if (groups[MemoryGroup].MemoryMHz < groups[wanted].MemoryMHz) Reasons |= kReasonApplicationClocks;
+}
+
+size_t BoardModel::SlowestGroupForGraphicsLock() const {
+    const std::vector<ClockGroup>& groups = Description.Clocks;
+    const unsigned int lowest = GraphicsLock.has_value() ? GraphicsLock->Lowest : 0;
+    const auto reaches = [lowest](const ClockGroup& group) { return group.GraphicsMHz.front() >= lowest; };
+    const auto slowest = std::find_if(groups.rbegin(), groups.rend(), reaches);
+    return slowest == groups.rend() ? 0 : static_cast<size_t>(std::distance(slowest, groups.rend()) - 1);
 }
 
 void BoardModel::ChooseGraphicsClock(double demand) {
@@ -212,20 +226,20 @@ unsigned int BoardModel::HighestClockWithin(double highestMHz, double demand) {
 void BoardModel::UpdatePowerAndHeat(double demand) {
     const double highest = Description.Clocks.front().GraphicsMHz.front();
     Milliwatts = Approach(Milliwatts, PowerAt(GraphicsMHz, demand), kAveragingSeconds);
-    GpuPercent = Approach(GpuPercent, std::min(100.0, 100.0 * demand * highest / GraphicsMHz), kAveragingSeconds);
+    // What keeps an idle board busy is too little to show at its low clock either.
+    const double busy = IsIdle(demand) ? demand : std::min(1.0, demand * highest / GraphicsMHz);
+    GpuPercent = Approach(GpuPercent, 100.0 * busy, kAveragingSeconds);
 
-    // The default limit heats a board with its fan at full speed to some 18 degrees below its slowdown.
     const double kelvinPerMilliwatt =
-        (Description.SlowdownTemperatureC - 18.0 - kAmbientC) / Description.DefaultPowerLimitMilliwatts;
+        (Description.FullLoadTemperatureC - kAmbientC) / Description.DefaultPowerLimitMilliwatts;
     const double cooling = 1.25 - 0.25 * FanPercent / 100.0;
     TemperatureC = Approach(TemperatureC, kAmbientC + kelvinPerMilliwatt * cooling * Milliwatts, kHeatSeconds);
 
-    const double fanRange = Description.SlowdownTemperatureC - 15.0 - 50.0;
-    const double fanTarget =
-        TemperatureC < 48.0 ? 0.0 : std::clamp(30.0 + 70.0 * (TemperatureC - 50.0) / fanRange, 30.0, 100.0);
+    const double fanShare = (TemperatureC - kFanStartC) / (Description.FullLoadTemperatureC - kFanStartC);
+    const double fanTarget = fanShare < 0.0 ? 0.0 : std::clamp(30.0 + 70.0 * fanShare, 30.0, 100.0);
     FanPercent = Approach(FanPercent, fanTarget, kFanSeconds);
 
-    const bool bHot = TemperatureC > Description.SlowdownTemperatureC - 8.0;
+    const bool bHot = TemperatureC > Description.SlowdownTemperatureC - kHeatMarginC;
     HeatHeadroom = std::clamp(HeatHeadroom + (bHot ? -0.002 : 0.001), 0.4, 1.0);
 }
 
@@ -247,19 +261,18 @@ void BoardModel::Publish() {
 
 void BoardModel::PublishLoad(double demand) {
     const auto phase = static_cast<int64_t>(std::floor(Seconds() / kPhaseSeconds));
-    const bool bRecords = Description.Load == Workload::Game && Random(kCoders, phase) < 0.5;
+    const bool bRecords = Description.Load == Workload::Game && Random(kCoders, 2 * phase) < 0.5;
     const bool bPlays = Description.Load == Workload::Video;
     Current.GpuPercent = Rounded(GpuPercent);
-    Current.MemoryPercent = Rounded(GpuPercent * 0.55);
-    Current.EncoderPercent = bRecords ? Rounded(15.0 + 20.0 * demand) : 0;
-    Current.DecoderPercent = bPlays ? Rounded(25.0 + 30.0 * demand) : 0;
+    Current.MemoryPercent = Rounded(GpuPercent * Blend(0.35, 0.65, Random(kCoders, 2 * phase + 1)));
+    Current.EncoderPercent = bRecords ? Rounded(40.0 * demand) : 0;
+    Current.DecoderPercent = bPlays ? Rounded(60.0 * demand) : 0;
 }
 
 void BoardModel::PublishPcie(double demand) {
     const auto second = static_cast<int64_t>(std::floor(Seconds()));
     const double linkKiB = 900000.0 * Description.MaxPcieWidth / 16.0 * Description.MaxPcieGeneration;
-    const bool bIdle = (Reasons & kReasonIdle) != 0;
-    Current.PcieGeneration = bIdle ? 1 : Description.MaxPcieGeneration;
+    Current.PcieGeneration = IsIdle(demand) ? 1 : Description.MaxPcieGeneration;
     Current.PcieWidth = Description.MaxPcieWidth;
     Current.PcieReceiveKiBPerSecond = Rounded(linkKiB * demand * (0.2 + 0.4 * Random(kPcie, 2 * second)));
     Current.PcieTransmitKiBPerSecond = Rounded(linkKiB * demand * (0.05 + 0.1 * Random(kPcie, 2 * second + 1)));
@@ -269,9 +282,9 @@ void BoardModel::PublishProcesses() {
     constexpr int64_t kSlots = 5;
     Current.ComputeProcesses.clear();
     Current.GraphicsProcesses.clear();
-    Current.VramUsedBytes = kReservedBytes;
-    Current.Bar1UsedBytes = std::min<uint64_t>(kReservedBytes / 32, Description.Bar1TotalBytes);
-    const double freeBytes = static_cast<double>(Description.VramTotalBytes - kReservedBytes);
+    Current.VramUsedBytes = kReservedVramBytes;
+    Current.Bar1UsedBytes = std::min<uint64_t>(kReservedVramBytes / 32, Description.Bar1TotalBytes);
+    const auto freeBytes = static_cast<double>(Description.VramTotalBytes - kReservedVramBytes);
     for (int64_t slot = 0; slot < kSlots; ++slot) {
         // Every slot runs one program after another, each for its own time; the first slot is never empty.
         const double lifeSeconds = 40.0 + 23.0 * static_cast<double>(slot);
@@ -279,7 +292,8 @@ void BoardModel::PublishProcesses() {
         const uint64_t stream = kProcesses + 3 * static_cast<uint64_t>(slot);
         if (slot != 0 && Random(stream, life) > 0.6) continue;
         Process process;
-        process.Pid = 1000 + Rounded(30000.0 * Random(stream + 1, life));
+        // Each slot has process ids of its own, so that none stands for two programs.
+        process.Pid = static_cast<unsigned int>(1000 + 6000 * slot) + Rounded(5999.0 * Random(stream + 1, life));
         const double share = slot == 1 ? 0.5 : 0.1;
         process.UsedBytes =
             static_cast<uint64_t>(freeBytes * share * (0.3 + 0.7 * Random(stream + 2, life))) & ~uint64_t{0xFFFF};

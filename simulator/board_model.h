@@ -4,9 +4,13 @@
 #include <cstdint>
 #include <optional>
 
+#include "entry_point_list.h"
 #include "simulated_nvml.h"
 
 namespace simulated_nvml {
+
+/// Video memory that the driver keeps for itself: a living board has more than that.
+constexpr uint64_t kReservedVramBytes = uint64_t{320} << 20;
 
 /// A board that lives: a workload keeps it busy, and load, limits and heat decide its clocks and its power.
 ///
@@ -26,6 +30,7 @@ public:
     BoardModel(Board board, unsigned int index, uint64_t seed);
 
     const Board& Identity() const { return Description; }
+    bool Supports(EntryPoint name) const { return !Unsupported[IndexOf(name)]; }
     /// Brings the readings to `seconds` after the board's start; the time of an earlier call or one before it changes
     /// nothing.
     void AdvanceTo(double seconds);
@@ -46,6 +51,8 @@ private:
 
     void Step();
     void ChooseMemoryClock(double demand);
+    /// The slowest memory clock at which the graphics clocks reach into the range they are locked to.
+    size_t SlowestGroupForGraphicsLock() const;
     void ChooseGraphicsClock(double demand);
     double WantedGraphicsClock(double demand);
     double PowerAt(double graphicsMHz, double demand) const;
@@ -62,6 +69,7 @@ private:
     double Seconds() const;
 
     Board Description;
+    PerEntryPoint<bool> Unsupported{};
     uint64_t Seed;
     double PhaseOffsetSeconds;
     unsigned int PowerLimit;

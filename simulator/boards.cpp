@@ -53,6 +53,7 @@ Board DesktopBoard(unsigned int index) {
     board.DefaultPowerLimitMilliwatts = 320000;
     board.MinimumPowerLimitMilliwatts = 150000;
     board.MaximumPowerLimitMilliwatts = 352000;
+    board.FullLoadTemperatureC = 76;
     board.SlowdownTemperatureC = 97;
     board.ShutdownTemperatureC = 102;
     board.MaxPcieGeneration = 4;
@@ -74,6 +75,7 @@ Board LaptopBoard(unsigned int index) {
     board.DefaultPowerLimitMilliwatts = 100000;
     board.MinimumPowerLimitMilliwatts = 80000;
     board.MaximumPowerLimitMilliwatts = 115000;
+    board.FullLoadTemperatureC = 83;
     board.SlowdownTemperatureC = 87;
     board.ShutdownTemperatureC = 100;
     board.MaxPcieGeneration = 4;
@@ -97,6 +99,7 @@ Board DataCenterBoard(unsigned int index) {
     board.DefaultPowerLimitMilliwatts = 350000;
     board.MinimumPowerLimitMilliwatts = 200000;
     board.MaximumPowerLimitMilliwatts = 350000;
+    board.FullLoadTemperatureC = 72;
     board.SlowdownTemperatureC = 92;
     board.ShutdownTemperatureC = 95;
     board.MaxPcieGeneration = 5;
@@ -119,6 +122,7 @@ Board OldBoard(unsigned int index) {
     board.DefaultPowerLimitMilliwatts = 195000;
     board.MinimumPowerLimitMilliwatts = 195000;
     board.MaximumPowerLimitMilliwatts = 195000;
+    board.FullLoadTemperatureC = 80;
     board.SlowdownTemperatureC = 98;
     board.ShutdownTemperatureC = 103;
     board.MaxPcieGeneration = 3;

@@ -42,13 +42,10 @@ std::chrono::microseconds RealisticDelay(EntryPoint name) {
 }
 
 void Wait(std::chrono::microseconds duration) {
-    // Too short to sleep for: a sleep takes some 60 us at least.
-    constexpr std::chrono::microseconds kShortestSleep{90};
-    if (duration >= kShortestSleep) {
-        std::this_thread::sleep_for(duration);
-        return;
-    }
+    // A sleep ends some 60 us late, so the last stretch is spent awake.
+    constexpr std::chrono::microseconds kAwake{100};
     const auto end = std::chrono::steady_clock::now() + duration;
+    if (duration > kAwake) std::this_thread::sleep_until(end - kAwake);
     while (std::chrono::steady_clock::now() < end) {
     }
 }
@@ -91,6 +88,12 @@ NvmlReturn Engine::Shutdown() {
     });
 }
 
+void Engine::NoteTextCall(EntryPoint name) {
+    const Visit visit(*this, name);
+    ++Seen.Calls[IndexOf(name)];
+    LogLine(std::string(kEntryPointNames[IndexOf(name)]) + "()");
+}
+
 bool Engine::TakeOverEnvironment() {
     Environment environment;
     std::string problem;
@@ -106,11 +109,18 @@ bool Engine::TakeOverEnvironment() {
     return true;
 }
 
+void Engine::TakeOverScript() {
+    bScripted = true;
+    if (Boards.empty()) MakeBoards({DesktopBoard(0)});
+}
+
 void Engine::MakeBoards(std::vector<Board> boards) {
-    Boards.clear();
+    std::vector<BoardModel> models;
+    models.reserve(boards.size());
     for (Board& board : boards) {
-        Boards.emplace_back(std::move(board), static_cast<unsigned int>(Boards.size()), Wanted.Seed);
+        models.emplace_back(std::move(board), static_cast<unsigned int>(models.size()), Wanted.Seed);
     }
+    Boards = std::move(models);
     BoardsSince = std::chrono::steady_clock::now();
     ++Generation;
 }
@@ -127,7 +137,9 @@ void Engine::ForgetInitialization() {
 }
 
 void Engine::AddMisuse(std::string sentence) {
-    Seen.Misuse.push_back(std::move(sentence));
+    // A client that is not tested may misuse NVML for days.
+    constexpr size_t kMostSentences = 1000;
+    if (Seen.Misuse.size() < kMostSentences) Seen.Misuse.push_back(std::move(sentence));
 }
 
 void Engine::LogLine(const std::string& line) {
@@ -156,21 +168,21 @@ std::optional<unsigned int> Engine::NoteHandle(const Visit& visit, NvmlDevice de
 }
 
 NvmlReturn Engine::Admit(Visit& visit, std::optional<unsigned int> board) {
-    Changed.wait(visit.Lock, [&] { return Wanted.Blocked != visit.Name; });
-    const std::chrono::microseconds delay = Wanted.Delays[IndexOf(visit.Name)];
+    const size_t name = IndexOf(visit.Name);
+    Changed.wait(visit.Lock, [&] { return !Wanted.Blocked[name]; });
+    const std::chrono::microseconds delay = Wanted.Delays[name];
     if (delay.count() > 0) {
         visit.Lock.unlock();
         Wait(delay);
         visit.Lock.lock();
     }
-    const bool bLost = board.has_value() && IsLost(*board);
-    const std::optional<NvmlReturn> failure = ScriptedFailure(visit.Name, board);
+    const std::optional<NvmlReturn> failure = CountAgainstRules(visit.Name, board);
+    if (board.has_value() && !SpendCall(*board)) return kGpuIsLost;
     if (failure.has_value()) return *failure;
-    if (InitCount == 0 && !StartsNvml(visit.Name)) return kUninitialized;
-    return bLost ? kGpuIsLost : kSuccess;
+    return InitCount == 0 && !StartsNvml(visit.Name) ? kUninitialized : kSuccess;
 }
 
-std::optional<NvmlReturn> Engine::ScriptedFailure(EntryPoint name, std::optional<unsigned int> board) {
+std::optional<NvmlReturn> Engine::CountAgainstRules(EntryPoint name, std::optional<unsigned int> board) {
     std::optional<NvmlReturn> failure;
     for (FailureRule& rule : Wanted.Failures) {
         if (rule.Name != name || (rule.Board.has_value() && rule.Board != board)) continue;
@@ -179,12 +191,12 @@ std::optional<NvmlReturn> Engine::ScriptedFailure(EntryPoint name, std::optional
     return failure;
 }
 
-bool Engine::IsLost(unsigned int board) {
+bool Engine::SpendCall(unsigned int board) {
     const auto found = Wanted.CallsLeft.find(board);
-    if (found == Wanted.CallsLeft.end()) return false;
-    if (found->second == 0) return true;
+    if (found == Wanted.CallsLeft.end()) return true;
+    if (found->second == 0) return false;
     --found->second;
-    return false;
+    return true;
 }
 
 NvmlDevice Engine::HandleOf(unsigned int index) const {

@@ -1,11 +1,11 @@
 #ifndef ENGINE_H
 #define ENGINE_H
 
-#include <array>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <exception>
 #include <initializer_list>
 #include <map>
 #include <mutex>
@@ -20,14 +20,6 @@
 
 namespace simulated_nvml {
 
-/// One value for each entry point.
-template <typename T>
-using PerEntryPoint = std::array<T, kEntryPointCount>;
-
-constexpr size_t IndexOf(EntryPoint name) {
-    return static_cast<size_t>(name);
-}
-
 struct FailureRule {
     EntryPoint Name;
     unsigned int Code;
@@ -38,13 +30,14 @@ struct FailureRule {
 
 /// What the script or the environment asks for; a default-constructed one asks for nothing.
 struct Script {
+    bool bLibraryRemoved = false;
     PerEntryPoint<bool> Hidden{};
     PerEntryPoint<std::chrono::microseconds> Delays{};
     PerEntryPoint<int> ListChanges{};
     std::vector<FailureRule> Failures;
     /// Calls that a board still answers before it is lost.
     std::map<unsigned int, uint64_t> CallsLeft;
-    std::optional<EntryPoint> Blocked;
+    PerEntryPoint<bool> Blocked{};
     std::optional<double> HeldSeconds;
     size_t ProcessRecordBytes = sizeof(ProcessRecord);
     uint64_t Seed = 0;
@@ -62,6 +55,8 @@ struct Observations {
     std::vector<std::string> Misuse;
     unsigned int OpenLibraries = 0;
     bool bRecordLog = false;
+    /// Lists whose size was asked for and that were not read since.
+    PerEntryPoint<bool> SizeAsked{};
 };
 
 /// Values that the log shows for a call; one without a value is a null buffer.
@@ -81,40 +76,48 @@ public:
     /// Runs `body` as one call that is about no board.
     template <typename Body>
     NvmlReturn SystemCall(EntryPoint name, Arguments arguments, Body body) {
-        Visit visit(*this, name);
-        Note(visit, std::nullopt, arguments);
-        const NvmlReturn verdict = Admit(visit, std::nullopt);
-        return verdict == kSuccess ? body() : verdict;
+        return Run(name, [&](Visit& visit) {
+            Note(visit, std::nullopt, arguments);
+            const NvmlReturn verdict = Admit(visit, std::nullopt);
+            return verdict == kSuccess ? body() : verdict;
+        });
     }
 
     /// Runs `body` as one call about the board at `index`, or about a board that does not exist.
     template <typename Body>
     NvmlReturn IndexCall(EntryPoint name, unsigned int index, Body body) {
-        Visit visit(*this, name);
-        Note(visit, index, {});
-        const NvmlReturn verdict = Admit(visit, index);
-        if (verdict != kSuccess) return verdict;
-        return index < Boards.size() ? body(HandleOf(index)) : kInvalidArgument;
+        return Run(name, [&](Visit& visit) {
+            Note(visit, index, {});
+            const NvmlReturn verdict = Admit(visit, index);
+            if (verdict != kSuccess) return verdict;
+            return index < Boards.size() ? body(HandleOf(index)) : kInvalidArgument;
+        });
     }
 
     /// Runs `body` with the board that `device` stands for, brought to this moment.
     template <typename Body>
     NvmlReturn DeviceCall(EntryPoint name, NvmlDevice device, Arguments arguments, Body body) {
-        Visit visit(*this, name);
-        Note(visit, NoteHandle(visit, device), arguments);
-        const NvmlReturn verdict = Admit(visit, BoardOf(device));
-        if (verdict != kSuccess) return verdict;
-        BoardModel* board = FindBoard(device);
-        if (board == nullptr) return kInvalidArgument;
-        if (board->Identity().Unsupported.count(kEntryPointNames[IndexOf(name)]) != 0) return kNotSupported;
-        board->AdvanceTo(ElapsedSeconds());
-        return body(*board);
+        return Run(name, [&](Visit& visit) {
+            Note(visit, NoteHandle(visit, device), arguments);
+            const NvmlReturn verdict = Admit(visit, BoardOf(device));
+            if (verdict != kSuccess) return verdict;
+            BoardModel* board = FindBoard(device);
+            if (board == nullptr) return kInvalidArgument;
+            if (!board->Supports(name)) return kNotSupported;
+            board->AdvanceTo(ElapsedSeconds());
+            return body(*board);
+        });
     }
+
+    /// A call that needs no NVML and cannot fail.
+    void NoteTextCall(EntryPoint name);
 
     unsigned int BoardCount() const { return static_cast<unsigned int>(Boards.size()); }
 
     // ---- For the script; the caller holds Mutex ----
 
+    /// From here on the environment has no say.
+    void TakeOverScript();
     void MakeBoards(std::vector<Board> boards);
     /// The same boards from their first moment on.
     void RestartBoards();
@@ -129,9 +132,6 @@ public:
     Script Wanted;
     Observations Seen;
     unsigned int InitCount = 0;
-    /// True once a script has set up the boards: the environment has no say any more.
-    bool bScripted = false;
-
     static thread_local bool bInsideCall;
 
 private:
@@ -151,14 +151,27 @@ private:
         Engine& Visited;
     };
 
+    /// Runs `call` as a visit. Nothing is thrown into a client that is written in C: out of memory is a failure.
+    template <typename VisitBody>
+    NvmlReturn Run(EntryPoint name, VisitBody call) {
+        try {
+            Visit visit(*this, name);
+            return call(visit);
+        } catch (const std::exception&) {
+            return kUnknown;
+        }
+    }
+
     /// Counts, logs and polices a call that begins.
     void Note(const Visit& visit, std::optional<unsigned int> board, Arguments arguments);
     /// The board of `device`; a handle that is none is misuse.
     std::optional<unsigned int> NoteHandle(const Visit& visit, NvmlDevice device);
     /// Waits as long as the script wants, then tells how the script or the state of NVML answers the call.
     NvmlReturn Admit(Visit& visit, std::optional<unsigned int> board);
-    std::optional<NvmlReturn> ScriptedFailure(EntryPoint name, std::optional<unsigned int> board);
-    bool IsLost(unsigned int board);
+    /// Counts a call against the failure rules; the code of one that applies.
+    std::optional<NvmlReturn> CountAgainstRules(EntryPoint name, std::optional<unsigned int> board);
+    /// Takes one of the calls that a board has left. False: it is lost.
+    bool SpendCall(unsigned int board);
     bool TakeOverEnvironment();
 
     NvmlDevice HandleOf(unsigned int index) const;
@@ -166,17 +179,13 @@ private:
     BoardModel* FindBoard(NvmlDevice device);
     double ElapsedSeconds() const;
 
+    bool bScripted = false;
     std::vector<BoardModel> Boards;
     std::chrono::steady_clock::time_point BoardsSince;
     /// Part of every handle: one more with each initialization and each new set of boards.
     uintptr_t Generation = 0;
     std::atomic<int> ThreadsInside{0};
 };
-
-std::optional<EntryPoint> FindEntryPoint(const std::string& name);
-
-/// The entry point of this name; throws `std::invalid_argument` when there is none.
-EntryPoint EntryPointOf(const std::string& name);
 
 }  // namespace simulated_nvml
 

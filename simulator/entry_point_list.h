@@ -1,6 +1,11 @@
 #ifndef ENTRY_POINT_LIST_H
 #define ENTRY_POINT_LIST_H
 
+#include <array>
+#include <cstddef>
+#include <optional>
+#include <string>
+
 /// \file
 /// Every name that the simulator exports, once. Lists and look-up tables are made from this one.
 
@@ -73,6 +78,19 @@ constexpr const char* kEntryPointNames[] = {
 };
 
 constexpr unsigned int kEntryPointCount = sizeof kEntryPointNames / sizeof kEntryPointNames[0];
+
+/// One value for each entry point.
+template <typename T>
+using PerEntryPoint = std::array<T, kEntryPointCount>;
+
+constexpr size_t IndexOf(EntryPoint name) {
+    return static_cast<size_t>(name);
+}
+
+std::optional<EntryPoint> FindEntryPoint(const std::string& name);
+
+/// The entry point of this name; throws `std::invalid_argument` when there is none.
+EntryPoint EntryPointOf(const std::string& name);
 
 }  // namespace simulated_nvml
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <optional>
+#include <utility>
 
 #include "engine.h"
 
@@ -37,6 +38,7 @@ NvmlReturn StoreText(char* output, unsigned int size, const std::string& text) {
     if (output == nullptr) return kInvalidArgument;
     if (Nvml().Wanted.bUnterminatedText) {
         std::memset(output, 'x', size);
+        // NOLINTNEXTLINE(bugprone-not-null-terminated-result): that is what was asked for.
         std::memcpy(output, text.data(), std::min<size_t>(size, text.size()));
         return kSuccess;
     }
@@ -73,7 +75,7 @@ NvmlReturn MemoryCall(EntryPoint name, NvmlDevice device, MemoryRecord* output, 
     return Nvml().DeviceCall(name, device, {}, [&](const BoardModel& board) {
         if (output == nullptr) return kInvalidArgument;
         const uint64_t totalBytes = board.Identity().*total;
-        const uint64_t usedBytes = board.Now().*used;
+        const uint64_t usedBytes = std::min(board.Now().*used, totalBytes);
         *output = {totalBytes, totalBytes - usedBytes, usedBytes};
         return kSuccess;
     });
@@ -89,29 +91,34 @@ NvmlReturn CoderCall(EntryPoint name, NvmlDevice device, unsigned int* percent, 
 
 // ---- Answers that are lists ----
 
+/// How many entries a list has for a caller that offers this room. The script can change it after a size query.
+size_t ListedEntries(EntryPoint name, size_t entries, bool bSizeQuery) {
+    const bool bSizeAsked = std::exchange(Nvml().Seen.SizeAsked[IndexOf(name)], bSizeQuery);
+    if (bSizeQuery || !bSizeAsked) return entries;
+    const int64_t changed = static_cast<int64_t>(entries) + Nvml().Wanted.ListChanges[IndexOf(name)];
+    return static_cast<size_t>(std::max<int64_t>(changed, 0));
+}
+
 /// The protocol of all list queries: a room too small is answered with the size needed, and `write(index, entry)` is
-/// called for each entry when there is room.
+/// called for each entry when there is room. An entry that only the script adds is like the last one.
 template <typename Entry, typename Write>
-NvmlReturn ListCall(EntryPoint name, std::vector<Entry> entries, unsigned int* count, bool bHasRoom, Write write) {
+NvmlReturn ListCall(EntryPoint name, const std::vector<Entry>& entries, unsigned int* count, const void* output,
+                    Write write) {
     if (count == nullptr) return kInvalidArgument;
-    const bool bSizeQuery = *count == 0;
-    if (!bSizeQuery && !bHasRoom) return kInvalidArgument;
-    const int change = Nvml().Wanted.ListChanges[IndexOf(name)];
-    if (!bSizeQuery && change != 0) {
-        const int changed = std::max(0, static_cast<int>(entries.size()) + change);
-        entries.resize(static_cast<size_t>(changed), entries.empty() ? Entry{} : entries.back());
-    }
     const unsigned int room = *count;
-    *count = static_cast<unsigned int>(entries.size());
-    if (entries.size() > room) return kInsufficientSize;
-    for (size_t i = 0; i < entries.size(); ++i) write(i, entries[i]);
+    if (room != 0 && output == nullptr) return kInvalidArgument;
+    const size_t listed = ListedEntries(name, entries.size(), room == 0);
+    *count = static_cast<unsigned int>(listed);
+    if (listed > room) return kInsufficientSize;
+    for (size_t i = 0; i < listed; ++i) {
+        write(i, i < entries.size() ? entries[i] : entries.empty() ? Entry{} : entries.back());
+    }
     return kSuccess;
 }
 
 NvmlReturn ClockListCall(EntryPoint name, const std::vector<unsigned int>& clocks, unsigned int* count,
                          unsigned int* output) {
-    return ListCall(name, clocks, count, output != nullptr,
-                    [output](size_t i, unsigned int clock) { output[i] = clock; });
+    return ListCall(name, clocks, count, output, [output](size_t i, unsigned int clock) { output[i] = clock; });
 }
 
 std::optional<uint64_t> RoomArgument(const unsigned int* count) {
@@ -129,7 +136,7 @@ NvmlReturn ProcessesCall(EntryPoint name, NvmlDevice device, unsigned int* count
             std::memset(bytes + i * recordBytes, 0, recordBytes);
             std::memcpy(bytes + i * recordBytes, &record, sizeof record);
         };
-        return ListCall(name, board.Now().*processes, count, output != nullptr, write);
+        return ListCall(name, board.Now().*processes, count, output, write);
     });
 }
 
@@ -205,6 +212,7 @@ NVML_EXPORT NvmlReturn nvmlShutdown() {
 }
 
 NVML_EXPORT const char* nvmlErrorString(NvmlReturn result) {
+    Nvml().NoteTextCall(EntryPoint::nvmlErrorString);
     switch (result) {
         case kSuccess: return "Success";
         case kUninitialized: return "NVML is not initialized";
@@ -291,14 +299,14 @@ NVML_EXPORT NvmlReturn nvmlDeviceGetTemperature(NvmlDevice device, unsigned int 
 
 NVML_EXPORT NvmlReturn nvmlDeviceGetTemperatureThreshold(NvmlDevice device, unsigned int threshold,
                                                          unsigned int* celsius) {
-    return Nvml().DeviceCall(EntryPoint::nvmlDeviceGetTemperatureThreshold, device, {threshold},
-                             [&](const BoardModel& board) {
-                                 if (threshold == kThresholdShutdown)
-                                     return Store(celsius, board.Identity().ShutdownTemperatureC);
-                                 if (threshold == kThresholdSlowdown)
-                                     return Store(celsius, board.Identity().SlowdownTemperatureC);
-                                 return kInvalidArgument;
-                             });
+    constexpr EntryPoint kName = EntryPoint::nvmlDeviceGetTemperatureThreshold;
+    return Nvml().DeviceCall(kName, device, {threshold}, [&](const BoardModel& board) {
+        switch (threshold) {
+            case kThresholdShutdown: return Store(celsius, board.Identity().ShutdownTemperatureC);
+            case kThresholdSlowdown: return Store(celsius, board.Identity().SlowdownTemperatureC);
+            default: return kInvalidArgument;
+        }
+    });
 }
 
 NVML_EXPORT NvmlReturn nvmlDeviceGetUtilizationRates(NvmlDevice device, UtilizationRecord* utilization) {

@@ -1,7 +1,11 @@
 #include "environment.h"
 
+#include <unistd.h>
+
+#include <algorithm>
 #include <charconv>
 #include <cstdlib>
+#include <iterator>
 #include <optional>
 
 namespace simulated_nvml {
@@ -72,7 +76,9 @@ bool ReadBoards(Environment* environment) {
 }
 
 bool ReadSeed(Environment* environment) {
-    const std::optional<uint64_t> seed = WholeNumber(Variable("NVML_SIM_SEED").value_or("0"));
+    const std::optional<std::string> text = Variable("NVML_SIM_SEED");
+    if (!text.has_value()) return true;
+    const std::optional<uint64_t> seed = WholeNumber(*text);
     environment->Seed = seed.value_or(0);
     return seed.has_value();
 }
@@ -98,7 +104,7 @@ bool ReadLosses(Environment* environment) {
         const std::optional<uint64_t> board = WholeNumber(loss.substr(0, at));
         const std::optional<uint64_t> calls = WholeNumber(loss.substr(at + 1));
         if (!board.has_value() || *board >= environment->Boards.size() || !calls.has_value()) return false;
-        environment->LostAfterCalls[static_cast<unsigned int>(*board)] = *calls;
+        if (!environment->LostAfterCalls.emplace(static_cast<unsigned int>(*board), *calls).second) return false;
     }
     return true;
 }
@@ -114,12 +120,28 @@ constexpr Setting kSettings[] = {
     {"NVML_SIM_SEED", ReadSeed, "a whole number"},
     {"NVML_SIM_DELAYS", ReadDelays, "realistic or none"},
     {"NVML_SIM_RIGHTS", ReadRights, "user or admin"},
-    {"NVML_SIM_LOSE", ReadLosses, "GPU@CALLS with the index of a simulated GPU, such as 1@500"},
+    {"NVML_SIM_LOSE", ReadLosses, "GPU@CALLS with the index of a simulated GPU, such as 1@500, once per GPU"},
 };
+
+/// A variable that looks like one of ours and is none: a misspelt name must not pass for a setting that was taken.
+std::optional<std::string> UnknownVariable() {
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        const std::string variable(*entry);
+        const std::string name = variable.substr(0, variable.find('='));
+        const auto isIt = [&name](const Setting& setting) { return name == setting.Name; };
+        const bool bOurs = name.rfind("NVML_SIM_", 0) == 0;
+        if (bOurs && std::none_of(std::begin(kSettings), std::end(kSettings), isIt)) return name;
+    }
+    return std::nullopt;
+}
 
 }  // namespace
 
 bool ReadEnvironment(Environment* environment, std::string* problem) {
+    if (const std::optional<std::string> name = UnknownVariable()) {
+        *problem = "There is no variable " + *name + ".";
+        return false;
+    }
     for (const Setting& setting : kSettings) {
         if (setting.Read(environment)) continue;
         *problem = std::string(setting.Name) + "=" + Variable(setting.Name).value_or("") +

@@ -14,8 +14,8 @@ namespace simulated_nvml {
 struct Environment {
     /// NVML_SIM_BOARDS: a number of boards, or their kinds; default one desktop board.
     std::vector<Board> Boards;
-    /// NVML_SIM_SEED: a whole number; default 0.
-    uint64_t Seed = 0;
+    /// NVML_SIM_SEED: a whole number. By default a life in which much happens from the first moment on.
+    uint64_t Seed = 3;
     /// NVML_SIM_DELAYS=realistic.
     bool bRealisticDelays = false;
     /// NVML_SIM_RIGHTS=user takes the right to change settings away; default admin.

@@ -3,6 +3,7 @@
 #include "simulated_nvml.h"
 
 #include <algorithm>
+#include <functional>
 #include <stdexcept>
 #include <utility>
 
@@ -18,6 +19,25 @@ std::unique_lock<std::mutex> Locked() {
     return std::unique_lock<std::mutex>(Engine::Get().Mutex);
 }
 
+/// For an operation that changes something: from the first one on, the environment has no say.
+std::unique_lock<std::mutex> Scripting() {
+    auto lock = Locked();
+    Engine::Get().TakeOverScript();
+    return lock;
+}
+
+void Require(bool bSensible, const char* sentence) {
+    if (!bSensible) throw std::invalid_argument(sentence);
+}
+
+void RequireBoard(std::optional<unsigned int> board) {
+    Require(!board.has_value() || *board < Engine::Get().BoardCount(), "There is no simulated board of this index.");
+}
+
+bool IsList(const std::string& name) {
+    return name.find("Supported") != std::string::npos || name.find("Processes") != std::string::npos;
+}
+
 /// The engine's script and observations, used as one expression under the lock.
 Script& Wanted() {
     return Engine::Get().Wanted;
@@ -27,10 +47,50 @@ Observations& Seen() {
     return Engine::Get().Seen;
 }
 
-}  // namespace
+bool HasSensibleClocks(const Board& board) {
+    const auto fastestFirst = [](const ClockGroup& a, const ClockGroup& b) { return a.MemoryMHz > b.MemoryMHz; };
+    const auto isSensible = [](const ClockGroup& group) {
+        return !group.GraphicsMHz.empty() && group.GraphicsMHz.back() > 0 &&
+               std::is_sorted(group.GraphicsMHz.begin(), group.GraphicsMHz.end(), std::greater<>());
+    };
+    return std::is_sorted(board.Clocks.begin(), board.Clocks.end(), fastestFirst) &&
+           std::all_of(board.Clocks.begin(), board.Clocks.end(), isSensible);
+}
 
-SimulatedNvml::SimulatedNvml() = default;
-SimulatedNvml::~SimulatedNvml() = default;
+void CheckLivingBoard(const Board& board) {
+    Require(!board.Clocks.empty() && HasSensibleClocks(board), "A living board needs clocks, the highest first.");
+    Require(board.VramTotalBytes > kReservedVramBytes, "A living board needs more than 320 MiB of video memory.");
+    Require(board.IdlePowerMilliwatts < board.DefaultPowerLimitMilliwatts &&
+                board.IdlePowerMilliwatts < board.PeakPowerMilliwatts,
+            "A living board needs less power when idle than under load.");
+    Require(board.FullLoadTemperatureC >= 60 && board.FullLoadTemperatureC < board.SlowdownTemperatureC &&
+                board.SlowdownTemperatureC < board.ShutdownTemperatureC,
+            "A living board needs temperatures from 60 degrees at full load up to slowdown and shutdown.");
+}
+
+void CheckBoard(const Board& board) {
+    for (const std::string& name : board.Unsupported) {
+        EntryPointOf(name);
+        Require(name.rfind("nvmlDevice", 0) == 0 && name.rfind("nvmlDeviceGetCount", 0) != 0 &&
+                    name.rfind("nvmlDeviceGetHandle", 0) != 0,
+                "Only a query or a change of a board can be one that it does not support.");
+    }
+    if (!board.Fixed.has_value()) CheckLivingBoard(board);
+}
+
+/// A loader's stay inside the simulator.
+class LoaderVisit {
+public:
+    LoaderVisit() { Engine::bInsideCall = true; }
+    ~LoaderVisit() { Engine::bInsideCall = false; }
+    LoaderVisit(const LoaderVisit&) = delete;
+    LoaderVisit& operator=(const LoaderVisit&) = delete;
+
+private:
+    std::unique_lock<std::mutex> Lock = Locked();
+};
+
+}  // namespace
 
 SimulatedNvml& SimulatedNvml::Get() {
     static SimulatedNvml script;
@@ -42,99 +102,111 @@ void SimulatedNvml::Reset() {
     Engine& engine = Engine::Get();
     engine.Wanted = Script{};
     engine.Seen = Observations{};
-    engine.bScripted = true;
+    engine.TakeOverScript();
     engine.ForgetInitialization();
     engine.MakeBoards({DesktopBoard(0)});
+    engine.Changed.notify_all();
 }
 
 void SimulatedNvml::SetBoards(std::vector<Board> boards) {
-    if (boards.size() > kMaxBoards) throw std::invalid_argument("The simulated NVML has room for 64 boards.");
-    for (const Board& board : boards) {
-        if (board.Clocks.empty() && !board.Fixed.has_value())
-            throw std::invalid_argument("A living board needs clocks.");
-        for (const std::string& name : board.Unsupported) EntryPointOf(name);
-    }
-    const auto lock = Locked();
-    Engine::Get().bScripted = true;
+    Require(boards.size() <= kMaxBoards, "The simulated NVML has room for 64 boards.");
+    for (const Board& board : boards) CheckBoard(board);
+    const auto lock = Scripting();
+    Wanted().CallsLeft.clear();
     Engine::Get().MakeBoards(std::move(boards));
 }
 
 void SimulatedNvml::SetSeed(uint64_t seed) {
-    const auto lock = Locked();
+    const auto lock = Scripting();
     Wanted().Seed = seed;
     Engine::Get().RestartBoards();
 }
 
 void SimulatedNvml::HoldTimeAt(double seconds) {
-    const auto lock = Locked();
+    constexpr double kYear = 3.2e7;
+    Require(seconds >= 0.0 && seconds <= kYear, "The boards' clock runs from 0 to one year.");
+    const auto lock = Scripting();
     Wanted().HeldSeconds = std::max(seconds, Wanted().HeldSeconds.value_or(seconds));
 }
 
+void SimulatedNvml::RemoveLibrary() {
+    const auto lock = Scripting();
+    Wanted().bLibraryRemoved = true;
+}
+
 void SimulatedNvml::HideEntryPoint(const std::string& name) {
-    const auto lock = Locked();
+    const auto lock = Scripting();
     Wanted().Hidden[IndexOf(EntryPointOf(name))] = true;
 }
 
 void SimulatedNvml::FailFrom(const std::string& name, unsigned int code, uint64_t nthCall,
                              std::optional<unsigned int> board) {
-    const auto lock = Locked();
+    Require(code != kSuccess, "A failure needs a code other than success.");
+    Require(name != "nvmlErrorString", "nvmlErrorString cannot fail.");
+    const auto lock = Scripting();
+    RequireBoard(board);
     Wanted().Failures.push_back({EntryPointOf(name), code, nthCall, board});
 }
 
 void SimulatedNvml::StopFailing() {
-    const auto lock = Locked();
+    const auto lock = Scripting();
     Wanted().Failures.clear();
 }
 
 void SimulatedNvml::LoseBoard(unsigned int board, uint64_t calls) {
-    const auto lock = Locked();
+    const auto lock = Scripting();
+    RequireBoard(board);
     Wanted().CallsLeft[board] = calls;
 }
 
 void SimulatedNvml::SetDelay(const std::string& name, std::chrono::microseconds delay) {
-    const auto lock = Locked();
+    const auto lock = Scripting();
     Wanted().Delays[IndexOf(EntryPointOf(name))] = delay;
 }
 
 void SimulatedNvml::UseRealisticDelays() {
-    const auto lock = Locked();
+    const auto lock = Scripting();
     Wanted().UseRealisticDelays();
 }
 
 void SimulatedNvml::Block(const std::string& name) {
-    const auto lock = Locked();
-    Wanted().Blocked = EntryPointOf(name);
+    const auto lock = Scripting();
+    Wanted().Blocked[IndexOf(EntryPointOf(name))] = true;
 }
 
 void SimulatedNvml::Unblock() {
-    const auto lock = Locked();
-    Wanted().Blocked.reset();
+    const auto lock = Scripting();
+    Wanted().Blocked = {};
     Engine::Get().Changed.notify_all();
 }
 
 void SimulatedNvml::UseUnterminatedText() {
-    const auto lock = Locked();
+    const auto lock = Scripting();
     Wanted().bUnterminatedText = true;
 }
 
 void SimulatedNvml::ChangeListAfterSizeQuery(const std::string& name, int entries) {
-    const auto lock = Locked();
+    constexpr int kMostEntries = 1000000;
+    Require(IsList(name), "Only a list query can change its list.");
+    Require(entries >= -kMostEntries && entries <= kMostEntries, "A list changes by a million entries at most.");
+    const auto lock = Scripting();
     Wanted().ListChanges[IndexOf(EntryPointOf(name))] = entries;
 }
 
 void SimulatedNvml::SetProcessRecordBytes(size_t bytes) {
-    if (bytes < sizeof(ProcessRecord)) throw std::invalid_argument("A process record has 24 bytes at least.");
-    const auto lock = Locked();
+    constexpr size_t kLongRecordBytes = 32;
+    Require(bytes == sizeof(ProcessRecord) || bytes == kLongRecordBytes, "A process record has 24 or 32 bytes.");
+    const auto lock = Scripting();
     Wanted().ProcessRecordBytes = bytes;
 }
 
 void SimulatedNvml::SetAdministratorRights(bool bAllowed) {
-    const auto lock = Locked();
+    const auto lock = Scripting();
     Wanted().bAdministrator = bAllowed;
 }
 
 void SimulatedNvml::ForbidConcurrentCalls() {
-    const auto lock = Locked();
+    const auto lock = Scripting();
     Wanted().bForbidConcurrentCalls = true;
 }
 
@@ -155,8 +227,11 @@ uint64_t SimulatedNvml::Calls(const std::string& name) const {
 
 bool SimulatedNvml::WaitForCalls(const std::string& name, uint64_t count, std::chrono::milliseconds timeout) const {
     const size_t entryPoint = IndexOf(EntryPointOf(name));
+    // A longer wait would overflow the clock.
+    constexpr std::chrono::milliseconds kLongestTimeout = std::chrono::hours(1000);
     auto lock = Locked();
-    return Engine::Get().Changed.wait_for(lock, timeout, [&] { return Seen().Calls[entryPoint] >= count; });
+    return Engine::Get().Changed.wait_for(lock, std::min(timeout, kLongestTimeout),
+                                          [&] { return Seen().Calls[entryPoint] >= count; });
 }
 
 std::vector<std::string> SimulatedNvml::Misuse() const {
@@ -168,24 +243,27 @@ bool SimulatedNvml::InsideCall() {
     return Engine::bInsideCall;
 }
 
-void SimulatedNvml::OnOpen(int flags) {
-    const auto lock = Locked();
-    ++Seen().OpenLibraries;
+bool SimulatedNvml::OnOpen(int flags) {
+    const LoaderVisit visit;
     Engine::Get().LogLine("dlopen(" + std::to_string(flags) + ")");
+    if (Wanted().bLibraryRemoved) return false;
+    ++Seen().OpenLibraries;
+    return true;
 }
 
-bool SimulatedNvml::OnLookup(const std::string& name) {
-    const auto lock = Locked();
+bool SimulatedNvml::OnLookup(const char* name) {
+    const LoaderVisit visit;
     Engine& engine = Engine::Get();
-    engine.LogLine("dlsym " + name);
-    if (Seen().OpenLibraries == 0) engine.AddMisuse("dlsym " + name + " in a library that is not open.");
+    const std::string lookup = std::string("dlsym ") + name;
+    engine.LogLine(lookup);
+    if (Seen().OpenLibraries == 0) engine.AddMisuse(lookup + " in a library that is not open.");
     const std::optional<EntryPoint> entryPoint = FindEntryPoint(name);
-    if (!entryPoint.has_value()) engine.AddMisuse("dlsym " + name + ", a name that NVML does not have.");
+    if (!entryPoint.has_value()) engine.AddMisuse(lookup + ", a name that NVML does not have.");
     return entryPoint.has_value() && !Wanted().Hidden[IndexOf(*entryPoint)];
 }
 
 void SimulatedNvml::OnClose() {
-    const auto lock = Locked();
+    const LoaderVisit visit;
     Engine& engine = Engine::Get();
     engine.LogLine("dlclose");
     if (Seen().OpenLibraries == 0) {

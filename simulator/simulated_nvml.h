@@ -80,7 +80,8 @@ struct ClockGroup {
 /// What keeps a board busy.
 enum class Workload { Game, Training, Video, Office };
 
-/// What a board is: fixed for its life.
+/// What a board is: fixed for its life. One that lives needs clocks, more than 320 MiB of video memory, and powers and
+/// temperatures in a sensible order; for one with fixed readings nothing is required.
 struct Board {
     std::string Name;
     std::string Uuid;
@@ -94,7 +95,7 @@ struct Board {
     unsigned int Architecture = 0;
     uint64_t VramTotalBytes = 0;
     uint64_t Bar1TotalBytes = 0;
-    /// Highest memory clock first. At least one group with at least one graphics clock.
+    /// Highest memory clock first.
     std::vector<ClockGroup> Clocks;
     unsigned int IdlePowerMilliwatts = 0;
     /// What the board would draw at its highest clocks and full load if no limit held it.
@@ -102,6 +103,8 @@ struct Board {
     unsigned int DefaultPowerLimitMilliwatts = 0;
     unsigned int MinimumPowerLimitMilliwatts = 0;
     unsigned int MaximumPowerLimitMilliwatts = 0;
+    /// What the default power limit heats it to with the fan at full speed.
+    unsigned int FullLoadTemperatureC = 0;
     unsigned int SlowdownTemperatureC = 0;
     unsigned int ShutdownTemperatureC = 0;
     unsigned int MaxPcieGeneration = 0;
@@ -109,7 +112,7 @@ struct Board {
     Workload Load = Workload::Game;
     /// Whether programs on it draw, so that they stand in the graphics process list.
     bool bDraws = true;
-    /// Entry points that answer "not supported" on this board.
+    /// Entry points that answer "not supported" on this board. Only queries and changes of a board can.
     std::set<std::string> Unsupported;
     /// Told for ever instead of a living workload's readings.
     std::optional<Readings> Fixed;
@@ -126,8 +129,8 @@ SIMULATED_NVML_EXPORT Board OldBoard(unsigned int index);
 
 /// The one script of the simulator in this process.
 ///
-/// Operations that name an entry point or a board throw `std::invalid_argument` when there is none of that name or
-/// index, so that a script with a typing error cannot pass for one that does nothing.
+/// Operations throw `std::invalid_argument` for an entry point or a board that does not exist and for values that make
+/// no sense, so that a script with a typing error cannot pass for one that does nothing.
 /// Threads: any thread, any time.
 class SIMULATED_NVML_EXPORT SimulatedNvml {
 public:
@@ -136,23 +139,29 @@ public:
     SimulatedNvml(const SimulatedNvml&) = delete;
     SimulatedNvml& operator=(const SimulatedNvml&) = delete;
 
-    /// Back to one desktop board that nothing is wrong with, an empty log, and NVML not initialized.
+    /// Back to one desktop board that nothing is wrong with, an empty log, and NVML not initialized. Calls that were
+    /// held go on; a library that is open then is forgotten, so close it first.
     void Reset();
 
     // ---- Boards and time ----
 
-    /// Replaces all boards; handles of the old ones become stale. At most 64.
+    /// Replaces all boards, lost ones too; handles of the old ones become stale. At most 64.
     void SetBoards(std::vector<Board> boards);
-    /// Boards with the same seed live the same life.
+    /// Boards with the same seed live the same life. Makes the boards anew: locks, limits and handles are gone.
     void SetSeed(uint64_t seed);
     /// Stops the boards' clock at `seconds` after their start. It can be set forward again and again, never back.
     void HoldTimeAt(double seconds);
 
     // ---- What goes wrong ----
 
-    /// Hides a name from a loader that asks `OnLookup`.
+    // The first two need a loader that asks the simulator (simulated_loader.cpp).
+
+    /// Makes the machine one without NVML.
+    void RemoveLibrary();
+    /// Takes a name out of the library.
     void HideEntryPoint(const std::string& name);
-    /// From its n-th call on from now, `name` answers `code` and writes nothing; on one board only if `board` is given.
+    /// From its n-th call on from now, `name` answers `code`, which is a failure, and writes nothing; on one board only
+    /// if `board` is given.
     void FailFrom(const std::string& name, unsigned int code, uint64_t nthCall = 1,
                   std::optional<unsigned int> board = std::nullopt);
     /// Takes back every `FailFrom`.
@@ -168,9 +177,9 @@ public:
     void Unblock();
     /// Fills text buffers to the last byte, without a terminator.
     void UseUnterminatedText();
-    /// Makes the list that `name` reports longer or shorter by `entries` once its size has been asked for.
+    /// Makes the list that `name` reports longer or shorter by `entries` each time its size has been asked for.
     void ChangeListAfterSizeQuery(const std::string& name, int entries);
-    /// Writes process records with this distance: 24, or the 32 of some drivers.
+    /// Writes process records of 24 bytes, or of the 32 of some drivers.
     void SetProcessRecordBytes(size_t bytes);
     /// With false, every change of a setting answers `kNoPermission`.
     void SetAdministratorRights(bool bAllowed);
@@ -181,8 +190,8 @@ public:
 
     /// Keeps a log from now on. Without it, only the counts are kept.
     void RecordLog();
-    /// In order: "dlopen(FLAGS)", "dlsym NAME", "dlclose" and calls such as "nvmlDeviceGetClockInfo(0, 2)": the board's
-    /// index, then the values passed in. Null buffers show as "null".
+    /// In order, where a loader asks the simulator: "dlopen(FLAGS)", "dlsym NAME", "dlclose" and calls such as
+    /// "nvmlDeviceGetClockInfo(0, 2)": the board's index, then the values passed in. Null buffers show as "null".
     std::vector<std::string> Log() const;
     /// Calls of `name` so far, on every board together, the failing ones included.
     uint64_t Calls(const std::string& name) const;
@@ -190,21 +199,22 @@ public:
     /// than `timeout`.
     bool WaitForCalls(const std::string& name, uint64_t count, std::chrono::milliseconds timeout) const;
     /// What the caller did wrong, one sentence each: calls before initialization or after shutdown, stale handles, two
-    /// threads inside where that is forbidden, a library closed while NVML was up.
+    /// threads inside where that is forbidden, a library closed while NVML was up. The first thousand.
     std::vector<std::string> Misuse() const;
-    /// True on a thread that is inside an entry point.
+    /// True on a thread that is at work inside the simulator: what it allocates there is none of the caller's.
     static bool InsideCall();
 
-    // ---- For a loader that stands between the caller and the simulator ----
+    // ---- For a loader that stands between the caller and the simulator, such as simulated_loader.cpp ----
 
-    void OnOpen(int flags);
+    /// False when NVML is not installed.
+    bool OnOpen(int flags);
     /// False when `name` is hidden, or is none of NVML's, which is misuse.
-    bool OnLookup(const std::string& name);
+    bool OnLookup(const char* name);
     void OnClose();
 
 private:
-    SimulatedNvml();
-    ~SimulatedNvml();
+    SimulatedNvml() = default;
+    ~SimulatedNvml() = default;
 };
 
 }  // namespace simulated_nvml

@@ -110,6 +110,7 @@ T NewestSymbol(void* library, std::initializer_list<const char*> names) {
     return nullptr;
 }
 
+/// The query behind every device handle.
 HandleByIndexFn HandleByIndexSymbol(void* library) {
     return NewestSymbol<HandleByIndexFn>(library, {"nvmlDeviceGetHandleByIndex_v2", "nvmlDeviceGetHandleByIndex"});
 }
@@ -120,6 +121,8 @@ bool Succeeds(Fn query, Arguments... arguments) {
     return query != nullptr && query(arguments...) == kNvmlSuccess;
 }
 
+/// Gets the handle of the GPU with NVML index `index`; whether there is one is for NVML to say. Only after true may
+/// `*device` be used.
 bool GetDevice(void* library, unsigned int index, NvmlDevice* device) {
     if (device == nullptr) return false;
     *device = nullptr;
@@ -134,8 +137,6 @@ std::string BufferText(const char (&buffer)[Size]) {
 }
 
 // ---- Startup and discovery ----
-
-constexpr const char* kNoGpuFound = "No NVIDIA GPU found.";
 
 /// The entry points without which NVML cannot be started.
 struct StartupEntryPoints {
@@ -183,6 +184,7 @@ private:
     bool bStarted = false;
 };
 
+/// The codes are NVML's. Kepler is the oldest that it tells.
 const char* ArchitectureName(unsigned int architecture) {
     switch (architecture) {
         case 2: return "Kepler";
@@ -263,16 +265,21 @@ std::vector<GpuTelemetryHistory> DiscoverDevices(void* library, const StartupEnt
 
 // ---- Reading one sample ----
 
+/// The steady clock, so that setting the machine's time leaves no mark in a history.
 double NowSeconds() {
     const std::chrono::nanoseconds now = std::chrono::steady_clock::now().time_since_epoch();
     return static_cast<double>(now.count()) / 1e9;
 }
 
+/// -1.0 when the host's profiler has no frame or did not measure it; whatever else it tells is passed on, NaN included.
 double LatestGpuFrameTimeMs() {
+    // The host's record may own memory, so it is made and destroyed for each reading.
     GPUProfiler::FrameSnapshot frame{};
     if (!GPUProfiler::Get()->GetLatestSnapshot(&frame)) return -1.0;
     return frame.GpuFrameTimeMs <= 0.0 ? -1.0 : frame.GpuFrameTimeMs;
 }
+
+// Both take NVML's whole unsigned range: a detour through int would lose half of it.
 
 double WattsFromMilliwatts(unsigned int milliwatts) {
     return milliwatts / 1000.0;
@@ -282,10 +289,12 @@ double MiBPerSecondFromKiB(unsigned int kibPerSecond) {
     return kibPerSecond * 0.0009765625;
 }
 
+/// Fills the power-limit fields. Limits are taken as reported, also a range that makes no sense.
 void ReadPowerLimits(void* library, NvmlDevice device, GpuTelemetrySample* sample) {
     unsigned int milliwatts = 0;
     const auto enforced = Symbol<ValueFn>(library, "nvmlDeviceGetEnforcedPowerLimit");
     const auto configured = Symbol<ValueFn>(library, "nvmlDeviceGetPowerManagementLimit");
+    // The enforced limit is the one in force; the configured one stands in for drivers and boards that do not tell it.
     if (Succeeds(enforced, device, &milliwatts) || Succeeds(configured, device, &milliwatts)) {
         sample->PowerLimitWatts = WattsFromMilliwatts(milliwatts);
     }
@@ -401,6 +410,7 @@ private:
     NvmlDevice Device;
     GpuTelemetrySample* Sample;
     SampleEntryPoints Nvml;
+    // Scratch that the queries share: what is left in it never counts, because only a success is read from it.
     unsigned int Value = 0;
     unsigned int SamplingPeriod = 0;
     NvmlMemory MemoryInfo{};
@@ -410,7 +420,9 @@ private:
 
 constexpr size_t kMaxHistorySamples = 6000;
 
+/// Room for programs that start between the count query and the list query of an idle GPU.
 constexpr unsigned int kDefaultProcessRecords = 128;
+/// Keeps a driver with a nonsensical count from taking all memory.
 constexpr unsigned int kMaxProcessRecords = 4096;
 
 /// Zeroed room for `count` process records. Some drivers write 32 bytes per record through this interface, so that much
@@ -430,11 +442,13 @@ void MergeProcessMemory(ProcessFn fn, NvmlDevice device, std::unordered_map<int,
     if (count == 0) count = kDefaultProcessRecords;
     count = std::min(count, kMaxProcessRecords);
 
+    // NVML overwrites the count, and what it writes cannot be trusted to stay within what was offered.
     const unsigned int offered = count;
     std::vector<NvmlProcessInfo> processes = ProcessBuffer(offered);
     if (fn(device, &count, processes.data()) != kNvmlSuccess) return;
     for (unsigned int i = 0; i < std::min(count, offered); ++i) {
         const uint64_t used = processes[i].UsedGpuMemory;
+        // All ones is how NVML says that it does not know.
         if (processes[i].Pid == 0 || used == 0 || used == UINT64_MAX) continue;
         uint64_t& bytes = out[static_cast<int>(processes[i].Pid)];
         bytes = std::max(bytes, used);
@@ -467,6 +481,7 @@ void UpdateProcessMemory(const CycleEntryPoints& nvml, NvmlDevice device, GpuTel
     for (const auto& [pid, bytes] : processBytes) history->ProcessMemory.push_back({pid, bytes});
 }
 
+/// A full history drops one sample for each that it takes.
 void AppendSample(const GpuTelemetrySample& sample, std::deque<GpuTelemetrySample>* samples) {
     samples->push_back(sample);
     while (samples->size() > kMaxHistorySamples) samples->pop_front();
@@ -500,6 +515,7 @@ void NvmlGpuMonitor::PauseSampling() {
         ++WakeGeneration;
     }
     WakeCv.notify_all();
+    // Without Mutex, which the sampler needs to see that it is to end.
     if (SamplerThread.joinable()) SamplerThread.join();
 }
 
@@ -533,6 +549,7 @@ void NvmlGpuMonitor::SetSampleInterval(std::chrono::milliseconds interval) {
     {
         const std::lock_guard<std::mutex> lock(Mutex);
         SampleInterval = std::clamp(interval, std::chrono::milliseconds(100), std::chrono::milliseconds(10000));
+        // Also when nothing changed: to ask for the interval is to ask for a cycle now.
         ++WakeGeneration;
     }
     WakeCv.notify_all();
@@ -571,11 +588,12 @@ void NvmlGpuMonitor::SamplerLoop() {
             const std::lock_guard<std::mutex> cycle(Mutex);
             if (!bRunning) return;
             interval = SampleInterval;
+            // Taken before the work, so that a wake-up which arrives during it ends the wait after it.
             generation = WakeGeneration;
             SampleAllDevicesLocked();
         }
         std::unique_lock<std::mutex> wait(Mutex);
-        WaitForWakeLocked(wait, interval, generation);
+        WaitForWake(wait, interval, generation);
     }
 }
 
@@ -585,14 +603,15 @@ bool NvmlGpuMonitor::WaitInitialDelay() {
         const std::chrono::milliseconds delay = InitialSampleDelay;
         const uint64_t generation = WakeGeneration;
         if (delay <= std::chrono::milliseconds(0)) return true;
-        WaitForWakeLocked(lock, delay, generation);
+        WaitForWake(lock, delay, generation);
         if (bRunning && WakeGeneration == generation) return true;
     }
     return false;
 }
 
-void NvmlGpuMonitor::WaitForWakeLocked(std::unique_lock<std::mutex>& lock, std::chrono::milliseconds duration,
-                                       uint64_t generation) {
+void NvmlGpuMonitor::WaitForWake(std::unique_lock<std::mutex>& lock, std::chrono::milliseconds duration,
+                                 uint64_t generation) {
+    // Computed once: a spurious wake-up goes back to sleep until this same moment.
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::nanoseconds(duration);
     WakeCv.wait_until(lock, deadline, [&] { return !bRunning || WakeGeneration != generation; });
 }
@@ -614,35 +633,28 @@ void NvmlGpuMonitor::SampleAllDevicesLocked() {
 
 bool NvmlGpuMonitor::InitializeLocked() {
     if (bInitialized) return true;
-    Library = dlopen("libnvidia-ml.so.1", RTLD_LAZY);
-    if (Library == nullptr) {
-        StatusText = "NVML unavailable / NVIDIA GPU monitoring disabled.";
+    const auto fail = [this](const char* status) {
+        StatusText = status;
         return false;
-    }
+    };
+    Library = dlopen("libnvidia-ml.so.1", RTLD_LAZY);
+    if (Library == nullptr) return fail("NVML unavailable / NVIDIA GPU monitoring disabled.");
     StartupGuard guard(&Library);
     const StartupEntryPoints nvml(Library);
-    if (!nvml.Complete() || nvml.Init() != kNvmlSuccess) {
-        StatusText = "NVML initialization failed.";
-        return false;
-    }
+    if (!nvml.Complete() || nvml.Init() != kNvmlSuccess) return fail("NVML initialization failed.");
     guard.NvmlInitialized();
 
     unsigned int devices = 0;
-    if (nvml.GetCount(&devices) != kNvmlSuccess || devices == 0) {
-        StatusText = kNoGpuFound;
-        return false;
-    }
+    if (nvml.GetCount(&devices) != kNvmlSuccess || devices == 0) return fail("No NVIDIA GPU found.");
     Histories.clear();
     NvmlDevice primaryDevice = nullptr;
-    Histories = DiscoverDevices(Library, nvml, devices, &primaryDevice);
-    if (Histories.empty()) {
-        StatusText = kNoGpuFound;
-        return false;
-    }
-    std::string active = "NVML active: " + std::to_string(Histories.size()) + " NVIDIA GPU(s).";
+    std::vector<GpuTelemetryHistory> discovered = DiscoverDevices(Library, nvml, devices, &primaryDevice);
+    if (discovered.empty()) return fail("No NVIDIA GPU found.");
+    std::string active = "NVML active: " + std::to_string(discovered.size()) + " NVIDIA GPU(s).";
 
-    // Nothing below can throw, so NVML is up in all its members or in none.
+    // Nothing below can throw, so NVML is up in all members or in none.
     guard.Started();
+    Histories = std::move(discovered);
     PrimaryDevice = primaryDevice;
     bInitialized = true;
     StatusText = std::move(active);
@@ -666,6 +678,7 @@ bool NvmlGpuMonitor::ReadCurrentSampleLocked(unsigned int deviceIndex, GpuTeleme
     NvmlDevice device = nullptr;
     if (!GetDevice(Library, deviceIndex, &device)) return false;
 
+    // The profiler is asked under Mutex: its lock comes second, and it must not call back into the monitor.
     output->TimestampSeconds = NowSeconds();
     output->FrameTimeMs = LatestGpuFrameTimeMs();
     SampleReader(Library, device, output).Read();

@@ -14,62 +14,44 @@ std::map<std::string, void*> Exports;
 /// Stands for an open library; nothing looks into it.
 int OpenLibrary = 0;
 
-NvmlReturn NullHandle(unsigned int, NvmlDevice* device) {
-    *device = nullptr;
-    return kNvmlSuccess;
-}
-
-NvmlReturn SomeHandle(unsigned int, NvmlDevice* device) {
-    *device = &OpenLibrary;
-    return kNvmlSuccess;
-}
-
-NvmlReturn RefusedHandle(unsigned int index, NvmlDevice* device) {
-    SomeHandle(index, device);
-    return 2;
-}
-
 void Export(const char* name, HandleByIndexFn entryPoint) {
     Exports[name] = reinterpret_cast<void*>(entryPoint);
 }
 
 TEST(GetDeviceTest, NeedsAPlaceALibraryAndAHandle) {
     NvmlDevice device = &OpenLibrary;
-    Exports.clear();
     EXPECT_FALSE(GetDevice(&OpenLibrary, 0, nullptr));
     EXPECT_FALSE(GetDevice(nullptr, 0, &device));
     EXPECT_EQ(device, nullptr);
     EXPECT_FALSE(GetDevice(&OpenLibrary, 0, &device)) << "no entry point";
 
-    Export("nvmlDeviceGetHandleByIndex", SomeHandle);
+    const auto tellHandle = [](unsigned int index, NvmlDevice* handle) -> NvmlReturn {
+        *handle = index < 2 ? &OpenLibrary : nullptr;
+        return index == 1 ? 999 : kNvmlSuccess;
+    };
+    Export("nvmlDeviceGetHandleByIndex", tellHandle);
     EXPECT_TRUE(GetDevice(&OpenLibrary, 0, &device)) << "the older name serves";
-    Export("nvmlDeviceGetHandleByIndex_v2", NullHandle);
-    EXPECT_FALSE(GetDevice(&OpenLibrary, 0, &device)) << "a null handle is none, and the older name is not tried";
-    Export("nvmlDeviceGetHandleByIndex_v2", RefusedHandle);
-    EXPECT_FALSE(GetDevice(&OpenLibrary, 0, &device));
+    EXPECT_FALSE(GetDevice(&OpenLibrary, 1, &device)) << "a failure, whatever the handle";
+    EXPECT_FALSE(GetDevice(&OpenLibrary, 2, &device)) << "no handle, whatever the result";
+    Export("nvmlDeviceGetHandleByIndex_v2", [](unsigned int, NvmlDevice*) -> NvmlReturn { return 999; });
+    EXPECT_FALSE(GetDevice(&OpenLibrary, 0, &device)) << "a newer name that fails is not replaced by the older one";
 }
 
 TEST(ArchitectureNameTest, NamesEveryKnownCodeAndNoOther) {
-    const std::map<unsigned int, std::string> names = {
-        {0, "Unknown"},    {1, "Unknown"},  {2, "Kepler"},          {3, "Maxwell"}, {4, "Pascal"},
-        {5, "Volta"},      {6, "Turing"},   {7, "Ampere"},          {8, "Ada"},     {9, "Hopper"},
-        {10, "Blackwell"}, {11, "Unknown"}, {UINT32_MAX, "Unknown"}};
-    for (const auto& [code, name] : names) EXPECT_EQ(ArchitectureName(code), name) << code;
-}
-
-NvmlReturn BoastingProcesses(NvmlDevice, unsigned int* count, NvmlProcessInfo* processes) {
-    if (processes == nullptr) {
-        *count = 2;
-    } else {
-        for (unsigned int i = 0; i < *count; ++i) processes[i] = {i + 1, 100, 0, 0};
-        *count = 1000000;
-    }
-    return kNvmlSuccess;
+    const std::string names[] = {"Unknown", "Unknown", "Kepler", "Maxwell", "Pascal",    "Volta",
+                                 "Turing",  "Ampere",  "Ada",    "Hopper",  "Blackwell", "Unknown"};
+    for (unsigned int code = 0; code < std::size(names); ++code) EXPECT_EQ(ArchitectureName(code), names[code]);
+    EXPECT_EQ(ArchitectureName(UINT32_MAX), std::string("Unknown"));
 }
 
 TEST(MergeProcessMemoryTest, ReadsNoMoreRecordsThanItOffered) {
+    const auto boast = [](NvmlDevice, unsigned int* count, NvmlProcessInfo* processes) -> NvmlReturn {
+        for (unsigned int i = 0; processes != nullptr && i < *count; ++i) processes[i] = {i + 1, 100, 0, 0};
+        *count = processes == nullptr ? 2 : 1000000;
+        return kNvmlSuccess;
+    };
     std::unordered_map<int, uint64_t> processes;
-    MergeProcessMemory(BoastingProcesses, nullptr, processes);
+    MergeProcessMemory(boast, nullptr, processes);
     EXPECT_EQ(processes, (std::unordered_map<int, uint64_t>{{1, 100}, {2, 100}}));
 }
 

@@ -3,6 +3,7 @@
 #include <future>
 #include <map>
 #include <thread>
+#include <tuple>
 
 #include "monitor_test.h"
 
@@ -10,10 +11,7 @@ namespace {
 
 using simulated_nvml::Process;
 using std::chrono::milliseconds;
-using testing::EndsWith;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::SizeIs;
+using namespace testing;
 
 using ProcessBytes = std::map<int, uint64_t>;
 
@@ -95,8 +93,8 @@ TEST_F(SamplerTest, CycleLooksUpThreeNamesThenReadsEachBoardCompletely) {
     SnapshotAfterFirstCycle();
     std::string log = Log(beforeCycle);
     // What a reading itself does and how many processes there are is left out.
-    log = std::regex_replace(log, std::regex("\\?Temperature.*?CurrentClocksThrottleReasons\\((.)\\)"), "sample($1)");
-    log = std::regex_replace(log, std::regex("\\((.), [1-9][0-9]*\\)"), "($1, n)");
+    log = std::regex_replace(log, std::regex(R"(\?Temperature.*?CurrentClocksThrottleReasons\((.)\))"), "sample($1)");
+    log = std::regex_replace(log, std::regex(R"(\((.), [1-9][0-9]*\))"), "($1, n)");
     EXPECT_EQ(log,
               "?HandleByIndex_v2 ?ComputeRunningProcesses_v3 ?GraphicsRunningProcesses_v3 "
               "HandleByIndex_v2(0) ?HandleByIndex_v2 HandleByIndex_v2(0) sample(0) "
@@ -114,13 +112,9 @@ TEST_F(SamplerTest, ProcessesAreMergedByTheirLargestValue) {
 }
 
 TEST_F(SamplerTest, ProcessListIsAskedForOnceWithinItsBounds) {
-    const struct {
-        unsigned int Processes;
-        int ChangeAfterSizeQuery;
-        const char* Room;
-        size_t Listed;
-    } cases[] = {{0, 0, "128", 0},     {1, 0, "1", 1},  {4096, 0, "4096", 4096},
-                 {5000, 0, "4096", 0}, {3, +1, "3", 0}, {3, -2, "3", 1}};
+    const std::tuple<unsigned int, int, const char*, size_t> cases[] = {{0, 0, "128", 0},        {1, 0, "1", 1},
+                                                                        {4096, 0, "4096", 4096}, {5000, 0, "4096", 0},
+                                                                        {3, +1, "3", 0},         {3, -2, "3", 1}};
     for (const auto& [processes, change, room, listed] : cases) {
         Sim.ChangeListAfterSizeQuery("nvmlDeviceGetComputeRunningProcesses_v3", change);
         EXPECT_THAT(ListedOf(ManyProcesses(processes)), SizeIs(listed)) << processes;
@@ -190,12 +184,8 @@ TEST_F(SamplerTest, DefaultIsACycleAtOnceAndThenOneSecond) {
 }
 
 TEST_F(SamplerTest, IntervalAndInitialDelayAreKeptWithinTheirBounds) {
-    const struct {
-        int Asked;
-        int Interval;
-        int Delay;
-    } cases[] = {{-5, 100, 0},    {0, 100, 0},           {50, 100, 50},
-                 {250, 250, 250}, {10000, 10000, 10000}, {20000, 10000, 10000}};
+    const int cases[][3] = {{-5, 100, 0},    {0, 100, 0},           {50, 100, 50},
+                            {250, 250, 250}, {10000, 10000, 10000}, {20000, 10000, 10000}};
     for (const auto& [asked, interval, delay] : cases) {
         SCOPED_TRACE(asked);
         NvmlGpuMonitor monitor;

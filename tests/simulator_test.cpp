@@ -13,11 +13,8 @@
 
 namespace {
 
-using namespace simulated_nvml;  // NOLINT(google-build-using-namespace): the subject of every line here
-using testing::Each;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
+using namespace simulated_nvml;
+using namespace testing;
 
 uintptr_t Register(const void* pointer) {
     return reinterpret_cast<uintptr_t>(pointer);

@@ -9,12 +9,7 @@ namespace {
 
 using simulated_nvml::Board;
 using simulated_nvml::DesktopBoard;
-using testing::AllOf;
-using testing::ElementsAre;
-using testing::EndsWith;
-using testing::IsEmpty;
-using testing::SizeIs;
-using testing::StartsWith;
+using namespace testing;
 
 static_assert(!std::is_copy_constructible_v<NvmlGpuMonitor> && !std::is_copy_assignable_v<NvmlGpuMonitor>);
 static_assert(!std::is_move_constructible_v<NvmlGpuMonitor> && !std::is_move_assignable_v<NvmlGpuMonitor>);
@@ -36,7 +31,6 @@ protected:
         EXPECT_FALSE(Monitor.IsAvailable());
         EXPECT_EQ(Monitor.Status(), status);
         EXPECT_THAT(Log(), EndsWith(lastWords));
-        host_seams::Reset();
         StartOver();
         EXPECT_TRUE(Monitor.Start());
         EXPECT_EQ(Monitor.Status(), "NVML active: 1 NVIDIA GPU(s).");
@@ -80,8 +74,8 @@ TEST_F(StartupTest, TakesUnversionedNamesRightAfterAMiss) {
 }
 
 TEST_F(StartupTest, FailuresSayWhyAndLeaveNothingOpen) {
-    host_seams::RemoveLibrary();
-    ExpectFailedStart("NVML unavailable / NVIDIA GPU monitoring disabled.", "");
+    Sim.RemoveLibrary();
+    ExpectFailedStart("NVML unavailable / NVIDIA GPU monitoring disabled.", "dlopen(1) ");
 
     const std::vector<std::string> required[] = {{"nvmlInit_v2", "nvmlInit"},
                                                  {"nvmlDeviceGetCount_v2", "nvmlDeviceGetCount"},

@@ -16,11 +16,7 @@
 namespace {
 
 using nlohmann::json;
-using testing::AllOf;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::Not;
-using testing::SizeIs;
+using namespace testing;
 
 struct Result {
     int Status;
@@ -63,10 +59,8 @@ std::vector<json> Lines(const std::string& output) {
 }
 
 TEST(TerminalTest, ListTellsTheIdentityOfEveryGpu) {
-    const Result table = GpuMonitor("list --simulate=4");
-    EXPECT_EQ(table.Status, 0) << table.Errors;
-    EXPECT_THAT(table.Output, AllOf(HasSubstr("RTX 4080"), HasSubstr("H100"), HasSubstr("Kepler"), HasSubstr("550.120"),
-                                    HasSubstr("GPU-27041")));
+    EXPECT_THAT(GpuMonitor("list --simulate=4").Output,
+                AllOf(HasSubstr("RTX 4080"), HasSubstr("H100"), HasSubstr("Kepler"), HasSubstr("GPU-270410de")));
     const json gpus = json::parse(GpuMonitor("--simulate=laptop,old list --json").Output).at("gpus");
     ASSERT_THAT(gpus, SizeIs(2));
     EXPECT_EQ(gpus[0].at("architecture"), "Ampere");

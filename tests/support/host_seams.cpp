@@ -1,16 +1,13 @@
 #include "host_seams.h"
 
-#include <dlfcn.h>
 #include <pthread.h>
 
 #include <atomic>
 #include <condition_variable>
 #include <cstdlib>
-#include <cstring>
 #include <mutex>
 #include <new>
 #include <system_error>
-#include <utility>
 
 #include "simulated_nvml.h"
 
@@ -24,24 +21,10 @@ std::mutex Mutex;
 std::condition_variable WaitBegan;
 std::vector<host_seams::TimedWait> Waits;
 int SpuriousWakeUps = 0;
-std::atomic<bool> bLibraryRemoved{false};
 std::atomic<bool> bThreadsRefused{false};
 
 thread_local uint64_t AllocationsUntilFailure = 0;
 thread_local bool bAllocationFailed = false;
-
-simulated_nvml::SimulatedNvml& Sim() {
-    return simulated_nvml::SimulatedNvml::Get();
-}
-
-/// Runs what is none of the module's work, so that its allocations do not count.
-template <typename Work>
-auto Uncounted(Work work) {
-    const uint64_t saved = std::exchange(AllocationsUntilFailure, 0);
-    auto result = work();
-    AllocationsUntilFailure = saved;
-    return result;
-}
 
 std::chrono::nanoseconds Nanoseconds(const timespec& time) {
     return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
@@ -59,7 +42,7 @@ bool NoteWait(const timespec& deadline) {
 }  // namespace
 
 void* operator new(size_t bytes) {
-    if (AllocationsUntilFailure > 0 && !Sim().InsideCall() && --AllocationsUntilFailure == 0) {
+    if (AllocationsUntilFailure > 0 && !simulated_nvml::SimulatedNvml::InsideCall() && --AllocationsUntilFailure == 0) {
         bAllocationFailed = true;
         throw std::bad_alloc();
     }
@@ -75,31 +58,9 @@ void operator delete(void* memory, size_t) noexcept {
 
 extern "C" {
 
-void* __real_dlopen(const char* file, int flags);
-void* __real_dlsym(void* library, const char* name);
-int __real_dlclose(void* library);
 int __real_pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
                                   const timespec* deadline);
 void START_THREAD(__real_)(void* thread, void* state, void (*depend)());
-
-void* __wrap_dlopen(const char* file, int flags) {
-    if (bLibraryRemoved || std::strcmp(file, "libnvidia-ml.so.1") != 0) return nullptr;
-    return Uncounted([&] {
-        Sim().OnOpen(flags);
-        return __real_dlopen(file, flags);
-    });
-}
-
-void* __wrap_dlsym(void* library, const char* name) {
-    return Uncounted([&] { return Sim().OnLookup(name) ? __real_dlsym(library, name) : nullptr; });
-}
-
-int __wrap_dlclose(void* library) {
-    return Uncounted([&] {
-        Sim().OnClose();
-        return __real_dlclose(library);
-    });
-}
 
 void START_THREAD(__wrap_)(void* thread, void* state, void (*depend)()) {
     if (bThreadsRefused) throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
@@ -117,14 +78,9 @@ namespace host_seams {
 
 void Reset() {
     const std::lock_guard<std::mutex> lock(Mutex);
-    bLibraryRemoved = false;
     bThreadsRefused = false;
     SpuriousWakeUps = 0;
     Waits.clear();
-}
-
-void RemoveLibrary() {
-    bLibraryRemoved = true;
 }
 
 void RefuseThreads(bool bRefuse) {

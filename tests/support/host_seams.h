@@ -5,15 +5,12 @@
 #include <cstdint>
 #include <vector>
 
-/// What stands between the module and the rest of the process: loader, threads, memory, timed waits. Linked over the
-/// real functions in the test programs only.
+/// What stands between the module and the rest of the process: threads, memory, timed waits. Linked over the real
+/// functions in the test programs only.
 namespace host_seams {
 
 /// Everything works, nothing is remembered.
 void Reset();
-
-/// Makes the machine one without NVML.
-void RemoveLibrary();
 
 /// Makes std::thread fail as it does when the system has none to give.
 void RefuseThreads(bool bRefuse);
