@@ -36,7 +36,7 @@ const GpuTelemetrySample kNothingRead = {0.0, -1, -1, -1, -1, -1, 0, 0, 0, 0, -1
 
 class SampleTest : public MonitorTest {
 protected:
-    SampleTest() { SetFixedBoard(kReadings); }
+    SampleTest() { SetFixedBoards(1, kReadings); }
 
     GpuTelemetrySample Read(bool bExpected = true) {
         GpuTelemetrySample sample;
@@ -100,12 +100,12 @@ TEST_F(SampleTest, QueryThatIsMissingOrFailsLeavesOnlyItsOwnFieldsUnread) {
         }
         Monitor.Stop();
         StartOver();
-        SetFixedBoard(kReadings);
+        SetFixedBoards(1, kReadings);
         Sim.HideEntryPoint(query);
         EXPECT_EQ(FieldsOf(Read()), FieldsOf(expected)) << query << " missing";
         Monitor.Stop();
         StartOver();
-        SetFixedBoard(kReadings);
+        SetFixedBoards(1, kReadings);
     }
 }
 
@@ -130,7 +130,7 @@ TEST_F(SampleTest, ConfiguredLimitIsAskedOnlyWhenTheEnforcedOneCannotBeRead) {
 TEST_F(SampleTest, SucceedsWithPowerOrGraphicsClock) {
     Readings readings = kReadings;
     readings.PowerMilliwatts = 0;
-    SetFixedBoard(readings);
+    SetFixedBoards(1, readings);
     Sim.FailFrom("nvmlDeviceGetClockInfo", simulated_nvml::kNotSupported);
     EXPECT_EQ(Read().PowerWatts, 0.0) << "0 mW is a reading";
     Sim.FailFrom("nvmlDeviceGetPowerUsage", simulated_nvml::kNotSupported);

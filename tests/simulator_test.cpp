@@ -16,11 +16,9 @@ namespace {
 using namespace simulated_nvml;
 using namespace testing;
 
-uintptr_t Register(const void* pointer) {
-    return reinterpret_cast<uintptr_t>(pointer);
-}
-uintptr_t Register(uintptr_t number) {
-    return number;
+template <typename T>
+uintptr_t Register(T argument) {
+    return (uintptr_t)argument;  // a pointer or a number
 }
 
 /// Calls an export as a client does that knows only its name: each argument travels in a register of its own.

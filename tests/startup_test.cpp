@@ -107,7 +107,7 @@ TEST_F(StartupTest, FailedStartKeepsOrEmptiesTheHistoriesOfTheOneBefore) {
 }
 
 TEST_F(StartupTest, SkippedDevicesLeaveGapsInTheIndices) {
-    SetBoards(4);
+    SetFixedBoards(4, {});
     Sim.FailFrom("nvmlDeviceGetName", simulated_nvml::kUnknown, 1, 0);
     Sim.FailFrom("nvmlDeviceGetHandleByIndex_v2", simulated_nvml::kGpuIsLost, 1, 2);
     const std::vector<GpuDeviceInfo> devices = Discover();
@@ -176,7 +176,7 @@ TEST_F(StartupTest, DriverWithoutAShutdownIsClosedAllTheSame) {
 }
 
 TEST_F(StartupTest, OutOfMemoryAnywhereInAStartClosesNvmlAndPassesOn) {
-    SetBoards(2);
+    SetFixedBoards(2, {});
     uint64_t nth = 0;
     do {
         NvmlGpuMonitor monitor;

@@ -32,9 +32,8 @@ std::string FileText(const std::string& path) {
 
 /// Runs a shell script in which $gpu_monitor is the program.
 Result Shell(const std::string& script) {
-    const std::string path = testing::TempDir() + "gpu_monitor_" + std::to_string(getpid());
-    const std::string command = "gpu_monitor='" GPU_MONITOR "'; unset LD_LIBRARY_PATH; " + script;
-    std::ofstream(path) << command;
+    const std::string path = TempDir() + "gpu_monitor_" + std::to_string(getpid());
+    std::ofstream(path) << "gpu_monitor='" GPU_MONITOR "'; unset LD_LIBRARY_PATH; " << script;
     const int status = std::system(("sh '" + path + "' >'" + path + ".out' 2>'" + path + ".err'").c_str());
     Result result = {WEXITSTATUS(status), FileText(path + ".out"), FileText(path + ".err")};
     for (const char* ending : {"", ".out", ".err"}) unlink((path + ending).c_str());

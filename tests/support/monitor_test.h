@@ -4,9 +4,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
-#include <regex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "gpu_profiler.h"
@@ -41,26 +42,36 @@ protected:
         Sim.ForbidConcurrentCalls();
     }
 
-    void SetBoards(unsigned int count) {
+    /// Boards that always tell these readings.
+    void SetFixedBoards(unsigned int count, const simulated_nvml::Readings& readings) {
         std::vector<simulated_nvml::Board> boards;
-        for (unsigned int i = 0; i < count; ++i) boards.push_back(simulated_nvml::DesktopBoard(i));
+        for (unsigned int i = 0; i < count; ++i) {
+            boards.push_back(simulated_nvml::DesktopBoard(i));
+            boards.back().Fixed = readings;
+        }
         Sim.SetBoards(boards);
     }
 
-    void SetFixedBoard(const simulated_nvml::Readings& readings) {
-        simulated_nvml::Board board = simulated_nvml::DesktopBoard(0);
-        board.Fixed = readings;
-        Sim.SetBoards({board});
-    }
-
-    /// The log from entry `from` on, one word after another: "?Name" is a lookup, "Name(...)" a call, and the common
-    /// beginnings of NVML's names are left out.
-    std::string Log(size_t from = 0) const {
+    /// The log from entry `from` on, as far as it contains one of `words`: "?Name" is a lookup, "Name(...)" a call, and
+    /// the common beginnings of NVML's names are left out.
+    std::string Log(size_t from = 0, const std::vector<std::string>& words = {""}) const {
         std::string text;
         const std::vector<std::string> log = Sim.Log();
-        for (size_t i = from; i < log.size(); ++i) text += log[i] + " ";
-        text = std::regex_replace(text, std::regex("dlsym "), "?");
-        return std::regex_replace(text, std::regex("nvmlDeviceGet|nvmlSystemGet|nvml"), "");
+        for (size_t i = from; i < log.size(); ++i) {
+            const auto contains = [&](const std::string& word) { return log[i].find(word) != std::string::npos; };
+            if (std::any_of(words.begin(), words.end(), contains)) text += Brief(log[i]) + " ";
+        }
+        return text;
+    }
+
+    static std::string Brief(std::string line) {
+        const std::pair<std::string, std::string> words[] = {
+            {"dlsym ", "?"}, {"nvmlDeviceGet", ""}, {"nvmlSystemGet", ""}, {"nvml", ""}};
+        for (const auto& [word, brief] : words) {
+            const size_t place = line.find(word);
+            if (place != std::string::npos) line.replace(place, word.size(), brief);
+        }
+        return line;
     }
 
     bool WaitForCalls(const std::string& name, uint64_t count) const {
