@@ -110,8 +110,9 @@ bool Engine::TakeOverEnvironment() {
 }
 
 void Engine::TakeOverScript() {
+    // A script that wants no boards has said so.
+    if (!bScripted && Boards.empty()) MakeBoards({DesktopBoard(0)});
     bScripted = true;
-    if (Boards.empty()) MakeBoards({DesktopBoard(0)});
 }
 
 void Engine::MakeBoards(std::vector<Board> boards) {

@@ -89,6 +89,12 @@ NvmlReturn CoderCall(EntryPoint name, NvmlDevice device, unsigned int* percent, 
     });
 }
 
+/// The limit that was set is also the one in force: no simulated board enforces a lower one by itself.
+NvmlReturn PowerLimitCall(EntryPoint name, NvmlDevice device, Milliwatts* limit) {
+    return Nvml().DeviceCall(name, device, {},
+                             [&](const BoardModel& board) { return Store(limit, board.PowerLimitMilliwatts()); });
+}
+
 // ---- Answers that are lists ----
 
 /// How many entries a list has for a caller that offers this room. The script can change it after a size query.
@@ -395,13 +401,11 @@ NVML_EXPORT NvmlReturn nvmlDeviceGetPowerUsage(NvmlDevice device, Milliwatts* us
 }
 
 NVML_EXPORT NvmlReturn nvmlDeviceGetEnforcedPowerLimit(NvmlDevice device, Milliwatts* limit) {
-    return Nvml().DeviceCall(EntryPoint::nvmlDeviceGetEnforcedPowerLimit, device, {},
-                             [&](const BoardModel& board) { return Store(limit, board.PowerLimitMilliwatts()); });
+    return PowerLimitCall(EntryPoint::nvmlDeviceGetEnforcedPowerLimit, device, limit);
 }
 
 NVML_EXPORT NvmlReturn nvmlDeviceGetPowerManagementLimit(NvmlDevice device, Milliwatts* limit) {
-    return Nvml().DeviceCall(EntryPoint::nvmlDeviceGetPowerManagementLimit, device, {},
-                             [&](const BoardModel& board) { return Store(limit, board.PowerLimitMilliwatts()); });
+    return PowerLimitCall(EntryPoint::nvmlDeviceGetPowerManagementLimit, device, limit);
 }
 
 NVML_EXPORT NvmlReturn nvmlDeviceGetPowerManagementDefaultLimit(NvmlDevice device, Milliwatts* limit) {
