@@ -25,10 +25,10 @@ auto FieldsOf(const GpuTelemetrySample& s) {
 
 // A board's readings and the sample that they make, in the order of the fields.
 // clang-format off
-const Readings kReadings = {61, 62, 63, 64, 65, UINT32_MAX, 66, 2100, 2101, 9501, 1785, 2, 4, 16, 2048, 512, UINT64_MAX,
+const Readings kReadings = {61, 62, 63, 64, 65, UINT32_MAX, 66, 2100, 2101, 9501, 1785, 2, 4, 16, UINT32_MAX, 512, UINT64_MAX,
                             5'000'000'000, 12'000'000, {}, {}};
 const GpuTelemetrySample kSample = {0.0, 61, 62, 63, 64, 65, 5'000'000'000, 16376ULL << 20U, 12'000'000, 16ULL << 30U,
-                                    4294967.295, 320.0, 320.0, 150.0, 352.0, 66, 2100, 2101, 9501, 1785, 2, 4, 16, 2.0, 0.5,
+                                    4294967.295, 320.0, 320.0, 150.0, 352.0, 66, 2100, 2101, 9501, 1785, 2, 4, 16, 4294967295.0 / 1024.0, 0.5,
                                     UINT64_MAX, -1.0};
 const GpuTelemetrySample kNothingRead = {0.0, -1, -1, -1, -1, -1, 0, 0, 0, 0, -1.0, -1.0, -1.0, -1.0, -1.0, -1, -1, -1,
                                          -1, -1, -1, -1, -1, -1.0, -1.0, 0, -1.0};
@@ -127,14 +127,17 @@ TEST_F(SampleTest, ConfiguredLimitIsAskedOnlyWhenTheEnforcedOneCannotBeRead) {
     EXPECT_EQ(Read().PowerLimitWatts, -1.0);
 }
 
-TEST_F(SampleTest, SucceedsWithPowerOrGraphicsClock) {
+TEST_F(SampleTest, SucceedsWithPowerOrGraphicsClockAlsoWhenTheyAreZero) {
     Readings readings = kReadings;
-    readings.PowerMilliwatts = 0;
+    readings.PowerMilliwatts = readings.GraphicsMHz = 0;
     SetFixedBoards(1, readings);
     Sim.FailFrom("nvmlDeviceGetClockInfo", simulated_nvml::kNotSupported);
-    EXPECT_EQ(Read().PowerWatts, 0.0) << "0 mW is a reading";
+    EXPECT_EQ(Read().PowerWatts, 0.0);
+    Sim.StopFailing();
     Sim.FailFrom("nvmlDeviceGetPowerUsage", simulated_nvml::kNotSupported);
-    EXPECT_EQ(Read(false).TemperatureC, 61);
+    Sim.FailFrom("nvmlDeviceGetClockInfo", simulated_nvml::kNotSupported, 2);
+    EXPECT_EQ(Read().GraphicsClockMHz, 0);
+    EXPECT_EQ(Read(false).TemperatureC, 61) << "no clock any more";
 }
 
 TEST_F(SampleTest, FrameTimeComesFromTheHostsProfiler) {

@@ -86,25 +86,26 @@ protected:
 // ---- What a cycle does ----
 
 TEST_F(SamplerTest, CycleLooksUpThreeNamesThenReadsEachBoardCompletely) {
-    SetFixedBoards(2, {});
+    SetFixedBoards(3, {});
+    Sim.FailFrom("nvmlDeviceGetName", simulated_nvml::kUnknown, 1, 0);
     GpuTelemetrySample sample;
     Monitor.ReadCurrentSample(&sample);
     const size_t beforeCycle = Sim.Log().size();
     SnapshotAfterFirstCycle();
     EXPECT_EQ(Log(beforeCycle, {"Handle", "Processes", "Temperature("}),
               "?HandleByIndex_v2 ?ComputeRunningProcesses_v3 ?GraphicsRunningProcesses_v3 "
-              "HandleByIndex_v2(0) ?HandleByIndex_v2 HandleByIndex_v2(0) Temperature(0, 0) "
-              "ComputeRunningProcesses_v3(0, 0) ComputeRunningProcesses_v3(0, 128) "
-              "GraphicsRunningProcesses_v3(0, 0) GraphicsRunningProcesses_v3(0, 128) "
               "HandleByIndex_v2(1) ?HandleByIndex_v2 HandleByIndex_v2(1) Temperature(1, 0) "
               "ComputeRunningProcesses_v3(1, 0) ComputeRunningProcesses_v3(1, 128) "
-              "GraphicsRunningProcesses_v3(1, 0) GraphicsRunningProcesses_v3(1, 128) ");
+              "GraphicsRunningProcesses_v3(1, 0) GraphicsRunningProcesses_v3(1, 128) "
+              "HandleByIndex_v2(2) ?HandleByIndex_v2 HandleByIndex_v2(2) Temperature(2, 0) "
+              "ComputeRunningProcesses_v3(2, 0) ComputeRunningProcesses_v3(2, 128) "
+              "GraphicsRunningProcesses_v3(2, 0) GraphicsRunningProcesses_v3(2, 128) ");
 }
 
 TEST_F(SamplerTest, ProcessesAreMergedByTheirLargestValue) {
-    EXPECT_EQ(ListedOf({{10, 300}, {11, 0}, {0, 5}, {12, UINT64_MAX}, {13, 700}, {13, 100}, {UINT32_MAX, 9}},
+    EXPECT_EQ(ListedOf({{10, 300}, {11, 0}, {0, 5}, {12, UINT64_MAX}, {13, 700}, {13, 100}, {UINT32_MAX, UINT32_MAX}},
                        {{10, 500}, {14, 1}}),
-              (ProcessBytes{{10, 500}, {13, 700}, {14, 1}, {-1, 9}}));
+              (ProcessBytes{{10, 500}, {13, 700}, {14, 1}, {-1, UINT32_MAX}}));
 }
 
 TEST_F(SamplerTest, ProcessListIsAskedForOnceWithinItsBounds) {
@@ -155,7 +156,9 @@ TEST_F(SamplerTest, BoardWithoutAHandleIsSkippedAndPartialSamplesAreKept) {
     EXPECT_EQ(histories[1].Samples.back().PowerWatts, -1.0);
     EXPECT_GE(histories[1].Samples.back().TemperatureC, 0);
     Sim.StopFailing();
-    EXPECT_THAT(SnapshotAfterNextCycle()[0].Samples, SizeIs(2));
+    const GpuTelemetryHistory resumed = SnapshotAfterNextCycle()[0];
+    EXPECT_THAT(resumed.Samples, SizeIs(2));
+    EXPECT_THAT(resumed.ProcessMemory, SizeIs(1)) << "replaced, not added to";
 }
 
 TEST_F(SamplerTest, HistoryKeepsTheNewest6000Samples) {

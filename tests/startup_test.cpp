@@ -111,6 +111,7 @@ TEST_F(StartupTest, SkippedDevicesLeaveGapsInTheIndices) {
     Sim.FailFrom("nvmlDeviceGetName", simulated_nvml::kUnknown, 1, 0);
     Sim.FailFrom("nvmlDeviceGetHandleByIndex_v2", simulated_nvml::kGpuIsLost, 1, 2);
     const std::vector<GpuDeviceInfo> devices = Discover();
+    EXPECT_EQ(Discover().size(), devices.size());
     EXPECT_EQ(Monitor.Status(), "NVML active: 2 NVIDIA GPU(s).");
     ASSERT_THAT(devices, SizeIs(2));
     EXPECT_EQ(devices[0].Index, 1U);
