@@ -11,7 +11,7 @@ function(nvml_gpu_monitor_configure target profiler_dir)
     # Warnings in a host's header are the host's affair.
     target_include_directories(${target} SYSTEM PRIVATE "${profiler_dir}")
     target_link_libraries(${target} PUBLIC Threads::Threads PRIVATE ${CMAKE_DL_LIBS})
-    set_target_properties(${target} PROPERTIES CXX_EXTENSIONS OFF POSITION_INDEPENDENT_CODE ON)
+    set_target_properties(${target} PROPERTIES CXX_STANDARD 17 CXX_EXTENSIONS OFF POSITION_INDEPENDENT_CODE ON)
 endfunction()
 
 add_library(nvml_gpu_monitor src/nvml_gpu_monitor.cpp)

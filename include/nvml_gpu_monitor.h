@@ -221,7 +221,7 @@ public:
     /// Copies all histories, one per GPU in ascending NVML index order, with all of a cycle's updates or none.
     ///
     /// Works in every state and never starts NVML: empty before the first start, the last data after a stop or a pause.
-    /// A start that fails after NVML told how many GPUs there are leaves it empty.
+    /// A start that fails after NVML told that there are GPUs leaves it empty.
     /// Cost: up to 6000 samples per GPU are copied while the sampler waits. Call it once per interval at most.
     /// Threads: any thread, any time; waits for a cycle in progress.
     /// Ownership: the copy is the caller's and shares nothing with the monitor.

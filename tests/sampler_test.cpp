@@ -313,6 +313,7 @@ TEST_F(SamplerTest, StopDuringASlowCycleLetsTheCycleFinish) {
 
 TEST_F(SamplerTest, ManyThreadsMayUseARunningMonitor) {
     SetFixedBoards(2, {});
+    Monitor.SetInitialSampleDelay(milliseconds(10));
     Monitor.Start();
     const auto beAHost = [this](unsigned int host) {
         for (int i = 0; i < 50; ++i) {
@@ -320,7 +321,7 @@ TEST_F(SamplerTest, ManyThreadsMayUseARunningMonitor) {
             Monitor.SetInitialSampleDelay(milliseconds(i));
             EXPECT_THAT(Monitor.Snapshot(), SizeIs(2));
             GpuTelemetrySample sample;
-            EXPECT_TRUE(Monitor.ReadCurrentSample(host % 2, &sample));
+            EXPECT_TRUE(host == 0 ? Monitor.ReadCurrentSample(&sample) : Monitor.ReadCurrentSample(1, &sample));
             EXPECT_TRUE(Monitor.IsAvailable());
             EXPECT_EQ(Monitor.Status(), "NVML active: 2 NVIDIA GPU(s).");
         }
