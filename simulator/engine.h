@@ -5,6 +5,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <cstring>
 #include <exception>
 #include <initializer_list>
 #include <map>
@@ -44,6 +45,7 @@ struct Script {
     bool bUnterminatedText = false;
     bool bAdministrator = true;
     bool bForbidConcurrentCalls = false;
+    bool bFailuresWrite = false;
 
     void UseRealisticDelays();
 };
@@ -79,7 +81,9 @@ public:
         return Run(name, [&](Visit& visit) {
             Note(visit, std::nullopt, arguments);
             const NvmlReturn verdict = Admit(visit, std::nullopt);
-            return verdict == kSuccess ? body() : verdict;
+            if (verdict == kSuccess) return body();
+            if (WritesWhenFailing(name)) body();
+            return verdict;
         });
     }
 
@@ -100,12 +104,13 @@ public:
         return Run(name, [&](Visit& visit) {
             Note(visit, NoteHandle(visit, device), arguments);
             const NvmlReturn verdict = Admit(visit, BoardOf(device));
-            if (verdict != kSuccess) return verdict;
             BoardModel* board = FindBoard(device);
+            if (verdict != kSuccess && (board == nullptr || !WritesWhenFailing(name))) return verdict;
             if (board == nullptr) return kInvalidArgument;
             if (!board->Supports(name)) return kNotSupported;
             board->AdvanceTo(ElapsedSeconds());
-            return body(*board);
+            const NvmlReturn answer = body(*board);
+            return verdict != kSuccess ? verdict : answer;
         });
     }
 
@@ -170,6 +175,11 @@ private:
     NvmlReturn Admit(Visit& visit, std::optional<unsigned int> board);
     /// Counts a call against the failure rules; the code of one that applies.
     std::optional<NvmlReturn> CountAgainstRules(EntryPoint name, std::optional<unsigned int> board);
+    /// Whether a failing call of this query still fills its outputs.
+    bool WritesWhenFailing(EntryPoint name) const {
+        return Wanted.bFailuresWrite && InitCount != 0 &&
+               std::strstr(kEntryPointNames[IndexOf(name)], "Get") != nullptr;
+    }
     /// Takes one of the calls that a board has left. False: it is lost.
     bool SpendCall(unsigned int board);
     bool TakeOverEnvironment();

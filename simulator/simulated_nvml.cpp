@@ -205,6 +205,11 @@ void SimulatedNvml::SetAdministratorRights(bool bAllowed) {
     Wanted().bAdministrator = bAllowed;
 }
 
+void SimulatedNvml::LetFailuresWrite() {
+    const auto lock = Scripting();
+    Wanted().bFailuresWrite = true;
+}
+
 void SimulatedNvml::ForbidConcurrentCalls() {
     const auto lock = Scripting();
     Wanted().bForbidConcurrentCalls = true;

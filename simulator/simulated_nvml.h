@@ -183,6 +183,8 @@ public:
     void SetProcessRecordBytes(size_t bytes);
     /// With false, every change of a setting answers `kNoPermission`.
     void SetAdministratorRights(bool bAllowed);
+    /// Makes queries that fail by `FailFrom` or `LoseBoard` fill their outputs as if they had succeeded.
+    void LetFailuresWrite();
     /// Makes it misuse when two threads are inside NVML at once.
     void ForbidConcurrentCalls();
 

@@ -21,15 +21,15 @@ void Export(const char* name, HandleByIndexFn entryPoint) {
 TEST(GetDeviceTest, NeedsAPlaceALibraryAndAHandle) {
     NvmlDevice device = &OpenLibrary;
     EXPECT_FALSE(GetDevice(&OpenLibrary, 0, nullptr));
-    EXPECT_FALSE(GetDevice(nullptr, 0, &device));
-    EXPECT_EQ(device, nullptr);
     EXPECT_FALSE(GetDevice(&OpenLibrary, 0, &device)) << "no entry point";
+    EXPECT_EQ(device, nullptr);
 
     const auto tellHandle = [](unsigned int index, NvmlDevice* handle) -> NvmlReturn {
         *handle = index < 2 ? &OpenLibrary : nullptr;
         return index == 1 ? 999 : kNvmlSuccess;
     };
     Export("nvmlDeviceGetHandleByIndex", tellHandle);
+    EXPECT_FALSE(GetDevice(nullptr, 0, &device));
     EXPECT_TRUE(GetDevice(&OpenLibrary, 0, &device)) << "the older name serves";
     EXPECT_FALSE(GetDevice(&OpenLibrary, 1, &device)) << "a failure, whatever the handle";
     EXPECT_FALSE(GetDevice(&OpenLibrary, 2, &device)) << "no handle, whatever the result";
@@ -45,14 +45,17 @@ TEST(ArchitectureNameTest, NamesEveryKnownCodeAndNoOther) {
 }
 
 TEST(MergeProcessMemoryTest, ReadsNoMoreRecordsThanItOffered) {
+    // Of three records it leaves the second as it was, and it tells of more than it was offered.
     const auto boast = [](NvmlDevice, unsigned int* count, NvmlProcessInfo* processes) -> NvmlReturn {
-        for (unsigned int i = 0; processes != nullptr && i < *count; ++i) processes[i] = {i + 1, 100, 0, 0};
-        *count = processes == nullptr ? 2 : 1000000;
+        for (const unsigned int i : {0U, 2U, 3U}) {
+            if (processes != nullptr) processes[i] = {i + 1, 100, 0, 0};
+        }
+        *count = processes == nullptr ? 3 : 1000000;
         return kNvmlSuccess;
     };
     std::unordered_map<int, uint64_t> processes;
     MergeProcessMemory(boast, nullptr, processes);
-    EXPECT_EQ(processes, (std::unordered_map<int, uint64_t>{{1, 100}, {2, 100}}));
+    EXPECT_EQ(processes, (std::unordered_map<int, uint64_t>{{1, 100}, {3, 100}}));
 }
 
 }  // namespace

@@ -14,13 +14,11 @@ using simulated_nvml::Readings;
 /// Every field that NVML fills, to compare and to print.
 auto FieldsOf(const GpuTelemetrySample& s) {
     return std::make_tuple(
-        std::make_tuple(s.TemperatureC, s.GpuUtilizationPercent, s.MemoryUtilizationPercent,
-                        s.EncoderUtilizationPercent, s.DecoderUtilizationPercent, s.VramUsedBytes, s.VramTotalBytes,
-                        s.Bar1UsedBytes, s.Bar1TotalBytes),
-        std::make_tuple(s.PowerWatts, s.PowerLimitWatts, s.DefaultPowerLimitWatts, s.MinimumPowerLimitWatts,
-                        s.MaximumPowerLimitWatts, s.FanPercent, s.GraphicsClockMHz, s.SmClockMHz, s.MemoryClockMHz),
-        std::make_tuple(s.VideoClockMHz, s.PerformanceState, s.PcieGeneration, s.PcieWidth, s.PcieReceiveMiBPerSecond,
-                        s.PcieTransmitMiBPerSecond, s.PerformanceLimitReasons));
+        s.TemperatureC, s.GpuUtilizationPercent, s.MemoryUtilizationPercent, s.EncoderUtilizationPercent,
+        s.DecoderUtilizationPercent, s.VramUsedBytes, s.VramTotalBytes, s.Bar1UsedBytes, s.Bar1TotalBytes, s.PowerWatts,
+        s.PowerLimitWatts, s.DefaultPowerLimitWatts, s.MinimumPowerLimitWatts, s.MaximumPowerLimitWatts, s.FanPercent,
+        s.GraphicsClockMHz, s.SmClockMHz, s.MemoryClockMHz, s.VideoClockMHz, s.PerformanceState, s.PcieGeneration,
+        s.PcieWidth, s.PcieReceiveMiBPerSecond, s.PcieTransmitMiBPerSecond, s.PerformanceLimitReasons);
 }
 
 // A board's readings and the sample that they make, in the order of the fields.
@@ -142,7 +140,7 @@ TEST_F(SampleTest, SucceedsWithPowerOrGraphicsClockAlsoWhenTheyAreZero) {
 
 TEST_F(SampleTest, FrameTimeComesFromTheHostsProfiler) {
     EXPECT_EQ(Read().FrameTimeMs, -1.0) << "no frame";
-    const std::pair<double, double> cases[] = {{16.5, 16.5}, {0.0, -1.0}, {-3.0, -1.0}};
+    const std::pair<double, double> cases[] = {{16.5, 16.5}, {0.001, 0.001}, {0.0, -1.0}, {-3.0, -1.0}};
     for (const auto& [frameTime, expected] : cases) {
         GPUProfiler::Get()->FrameTimeMs = frameTime;
         EXPECT_EQ(Read().FrameTimeMs, expected);
@@ -167,7 +165,6 @@ TEST_F(SampleTest, ReadingThatCannotBeginLeavesTheDefaults) {
     Monitor.Stop();
     Sim.RemoveLibrary();
     expectDefaults(0);
-    EXPECT_EQ(Monitor.Status(), "NVML unavailable / NVIDIA GPU monitoring disabled.");
 }
 
 }  // namespace

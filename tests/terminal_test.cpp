@@ -24,20 +24,20 @@ struct Result {
     std::string Errors;
 };
 
+/// The text of a file, which is removed.
 std::string FileText(const std::string& path) {
     std::ostringstream text;
     text << std::ifstream(path).rdbuf();
+    unlink(path.c_str());
     return text.str();
 }
 
 /// Runs a shell script in which $gpu_monitor is the program.
 Result Shell(const std::string& script) {
     const std::string path = TempDir() + "gpu_monitor_" + std::to_string(getpid());
-    std::ofstream(path) << "gpu_monitor='" GPU_MONITOR "'; unset LD_LIBRARY_PATH; " << script;
-    const int status = std::system(("sh '" + path + "' >'" + path + ".out' 2>'" + path + ".err'").c_str());
-    Result result = {WEXITSTATUS(status), FileText(path + ".out"), FileText(path + ".err")};
-    for (const char* ending : {"", ".out", ".err"}) unlink((path + ending).c_str());
-    return result;
+    std::ofstream(path + ".sh") << "gpu_monitor='" GPU_MONITOR "'; unset LD_LIBRARY_PATH; rm \"$0\"; " << script;
+    const int status = std::system(("sh '" + path + ".sh' >'" + path + ".out' 2>'" + path + ".err'").c_str());
+    return {WEXITSTATUS(status), FileText(path + ".out"), FileText(path + ".err")};
 }
 
 Result GpuMonitor(const std::string& arguments) {

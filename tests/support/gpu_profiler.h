@@ -20,9 +20,8 @@ public:
     }
 
     bool GetLatestSnapshot(FrameSnapshot* snapshot) const {
-        if (!FrameTimeMs.has_value()) return false;
-        *snapshot = {"frame", {1.0, 2.0}, *FrameTimeMs};
-        return true;
+        *snapshot = {"frame", {1.0, 2.0}, FrameTimeMs.value_or(7.0)};
+        return FrameTimeMs.has_value();
     }
 
     std::optional<double> FrameTimeMs;

@@ -26,15 +26,11 @@ std::atomic<bool> bThreadsRefused{false};
 thread_local uint64_t AllocationsUntilFailure = 0;
 thread_local bool bAllocationFailed = false;
 
-std::chrono::nanoseconds Nanoseconds(const timespec& time) {
-    return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
-}
-
 /// Notes a wait; true when it is to end at once.
 bool NoteWait(const timespec& deadline) {
-    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    const auto end = std::chrono::seconds(deadline.tv_sec) + std::chrono::nanoseconds(deadline.tv_nsec);
     const std::lock_guard<std::mutex> lock(Mutex);
-    Waits.push_back({Nanoseconds(deadline), Nanoseconds(deadline) - now});
+    Waits.push_back({end, end - std::chrono::steady_clock::now().time_since_epoch()});
     WaitBegan.notify_all();
     return SpuriousWakeUps > 0 && SpuriousWakeUps-- > 0;
 }

@@ -40,6 +40,7 @@ protected:
         Sim.Reset();
         Sim.RecordLog();
         Sim.ForbidConcurrentCalls();
+        Sim.LetFailuresWrite();
     }
 
     /// Boards that always tell these readings.
