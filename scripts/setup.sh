@@ -34,7 +34,6 @@ needs=(
     "ci|clang-format|have clang-format"
     "ci|clang-tidy|have clang-tidy"
     "ci|shellcheck|have shellcheck"
-    "ci|jq|have jq"
 )
 
 # Fills `missing` with the packages whose probe fails. Without a compiler no header can be probed, so the packages with

@@ -137,6 +137,8 @@ public:
     Script Wanted;
     Observations Seen;
     unsigned int InitCount = 0;
+
+    /// This thread is at work inside the simulator.
     static thread_local bool bInsideCall;
 
 private:
@@ -189,6 +191,7 @@ private:
     BoardModel* FindBoard(NvmlDevice device);
     double ElapsedSeconds() const;
 
+    /// A script has taken over.
     bool bScripted = false;
     std::vector<BoardModel> Boards;
     std::chrono::steady_clock::time_point BoardsSince;

@@ -23,11 +23,11 @@ auto FieldsOf(const GpuTelemetrySample& s) {
 
 // A board's readings and the sample that they make, in the order of the fields.
 // clang-format off
-const Readings kReadings = {61, 62, 63, 64, 65, UINT32_MAX, 66, 2100, 2101, 9501, 1785, 2, 4, 16, UINT32_MAX, 512, UINT64_MAX,
-                            5'000'000'000, 12'000'000, {}, {}};
+const Readings kReadings = {61, 62, 63, 64, 65, UINT32_MAX, 66, 2100, 2101, 9501, 1785, 2, 4, 16, UINT32_MAX, 512,
+                            UINT64_MAX, 5'000'000'000, 12'000'000, {}, {}};
 const GpuTelemetrySample kSample = {0.0, 61, 62, 63, 64, 65, 5'000'000'000, 16376ULL << 20U, 12'000'000, 16ULL << 30U,
-                                    4294967.295, 320.0, 320.0, 150.0, 352.0, 66, 2100, 2101, 9501, 1785, 2, 4, 16, 4294967295.0 / 1024.0, 0.5,
-                                    UINT64_MAX, -1.0};
+                                    4294967.295, 320.0, 320.0, 150.0, 352.0, 66, 2100, 2101, 9501, 1785, 2, 4, 16,
+                                    4294967295.0 / 1024.0, 0.5, UINT64_MAX, -1.0};
 const GpuTelemetrySample kNothingRead = {0.0, -1, -1, -1, -1, -1, 0, 0, 0, 0, -1.0, -1.0, -1.0, -1.0, -1.0, -1, -1, -1,
                                          -1, -1, -1, -1, -1, -1.0, -1.0, 0, -1.0};
 // clang-format on

@@ -158,10 +158,10 @@ TEST_F(SimulatorTest, LimitsActOnTheBoardAndTheReasonsSaySo) {
     const unsigned int hot = Value("nvmlDeviceGetTemperature", device, kSensorGpu);
 
     EXPECT_EQ(Call("nvmlDeviceSetGpuLockedClocks", device, 900U, 900U), kSuccess);
-    EXPECT_EQ(Call("nvmlDeviceSetMemoryLockedClocks", device, 5001U, 5001U), kSuccess);
+    EXPECT_EQ(Call("nvmlDeviceSetMemoryLockedClocks", device, 6000U, 6000U), kSuccess);
     EXPECT_EQ(reasonsAfter(60.0), kReasonApplicationClocks);
     EXPECT_EQ(Value("nvmlDeviceGetClockInfo", device, kClockGraphics), 900U);
-    EXPECT_EQ(Value("nvmlDeviceGetClockInfo", device, kClockMemory), 5001U);
+    EXPECT_EQ(Value("nvmlDeviceGetClockInfo", device, kClockMemory), 5001U) << "the nearest clock of the list";
     EXPECT_LT(Value("nvmlDeviceGetTemperature", device, kSensorGpu), hot);
     EXPECT_EQ(Call("nvmlDeviceResetGpuLockedClocks", device), kSuccess);
     reasonsAfter(1.0);
