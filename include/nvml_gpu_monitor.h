@@ -11,7 +11,7 @@
 #include <vector>
 
 /// \file
-/// Telemetry of NVIDIA GPUs for a program that embeds it.
+/// Telemetry and tuning of NVIDIA GPUs for a program that embeds it.
 ///
 /// The module opens NVIDIA's management library (NVML, `libnvidia-ml.so.1`) at run time. Nothing has to be linked or
 /// installed to build with it, and on a machine without the NVIDIA driver it says so in `Status` and stays harmless.
@@ -133,7 +133,102 @@ struct GpuTelemetryHistory {
     std::vector<GpuProcessMemory> ProcessMemory;
 };
 
+/// What became of a change of a GPU's clocks or power limit. The sentence that comes with a failure is for the user.
+enum class GpuClockOperationResult : uint8_t {
+    /// The driver took the change.
+    Success = 0,
+    /// The driver refuses this user. Changes usually need root, in a container CAP_SYS_ADMIN; the same call with more
+    /// rights can succeed. No query can tell beforehand.
+    NoPermission = 1,
+    /// Not with this driver, this GPU or this value: trying again does not help, another value may.
+    Unsupported = 2,
+    /// Anything else: NVML could not be started, the GPU is gone, or the driver failed.
+    Error = 3,
+};
+
+/// A graphics clock and a memory clock that a GPU can be locked to together.
+struct GpuClockPair {
+    /// Graphics clock, MHz.
+    int GraphicsClockMHz = 0;
+    /// Memory clock, MHz.
+    int MemoryClockMHz = 0;
+
+    friend bool operator==(const GpuClockPair& a, const GpuClockPair& b) {
+        return a.GraphicsClockMHz == b.GraphicsClockMHz && a.MemoryClockMHz == b.MemoryClockMHz;
+    }
+    friend bool operator!=(const GpuClockPair& a, const GpuClockPair& b) { return !(a == b); }
+};
+
+/// Which clocks one GPU can be locked to and what it runs at now.
+struct GpuClockCapabilities {
+    /// NVML index that was asked about; 0 when NVML could not be started.
+    unsigned int DeviceIndex = 0;
+    /// `GpuDeviceInfo::Uuid` of that GPU; empty when discovery skipped it.
+    std::string DeviceUuid;
+    /// `GpuDeviceInfo::Name` of that GPU; empty when discovery skipped it.
+    std::string DeviceName;
+    /// Every pair that can be locked, each once, by ascending graphics clock and then ascending memory clock; empty
+    /// when clocks cannot be locked. Source: `nvmlDeviceGetSupportedMemoryClocks` and
+    /// `nvmlDeviceGetSupportedGraphicsClocks`, at most 4096 clocks from each list.
+    std::vector<GpuClockPair> SupportedPairs;
+    /// Graphics clock at this moment, MHz; -1 when not read. Source: `nvmlDeviceGetClockInfo`.
+    int CurrentGraphicsClockMHz = -1;
+    /// Memory clock at this moment, MHz; -1 when not read. Source: `nvmlDeviceGetClockInfo`.
+    int CurrentMemoryClockMHz = -1;
+    /// True when `SupportedPairs` is not empty. A lock can still be refused for lack of rights.
+    bool CanControl = false;
+    /// One line for the user: why clocks cannot be locked or the query failed; otherwise the monitor's `Status()`.
+    std::string Status;
+};
+
+/// The clocks of NVML device 0 before a lock, for `RestoreClockState`.
+struct GpuClockState {
+    /// True when the clocks of device 0 could be locked at the time of the capture.
+    bool Valid = false;
+    /// Graphics clock that device 0 ran at, MHz; -1 when not read. Which clocks were locked is not known.
+    int GraphicsClockMHz = -1;
+    /// Memory clock that device 0 ran at, MHz; -1 when not read.
+    int MemoryClockMHz = -1;
+};
+
+/// Whether a setting of a GPU can be changed.
+enum class GpuCapabilityState : uint8_t {
+    /// It can, as far as the driver tells; a change can still be refused for lack of rights.
+    Supported = 0,
+    /// This GPU does not have it.
+    Unsupported = 1,
+    /// For the host's own use, after a change was refused: no operation of this module tells it.
+    PermissionRequired = 2,
+    /// The installed driver lacks what control needs; a newer one may have it.
+    DriverLimitation = 3,
+    /// NVML, the GPU or the range cannot be used now. Also the state of a record that was never filled.
+    Unavailable = 4,
+};
+
+/// Whether and in which range the power limit of one GPU can be set.
+struct GpuPowerCapabilities {
+    /// NVML index that was asked about.
+    unsigned int DeviceIndex = 0;
+    /// `GpuDeviceInfo::Uuid` of that GPU; empty when there is no such GPU.
+    std::string DeviceUuid;
+    GpuCapabilityState State = GpuCapabilityState::Unavailable;
+    /// Limit in force, watts; -1.0 when not read. Source: `nvmlDeviceGetEnforcedPowerLimit`; where that cannot be read,
+    /// `nvmlDeviceGetPowerManagementLimit`.
+    double CurrentWatts = -1.0;
+    /// The board's default limit, watts; -1.0 when not read. Source: `nvmlDeviceGetPowerManagementDefaultLimit`.
+    double DefaultWatts = -1.0;
+    /// Lowest limit that the driver accepts, watts; -1.0 when not read. Source:
+    /// `nvmlDeviceGetPowerManagementLimitConstraints`.
+    double MinimumWatts = -1.0;
+    /// Highest limit that the driver accepts, watts; -1.0 when not read. Source:
+    /// `nvmlDeviceGetPowerManagementLimitConstraints`.
+    double MaximumWatts = -1.0;
+    /// One sentence for the user that explains `State`.
+    std::string Status;
+};
+
 /// Reads every NVIDIA GPU once per interval on a thread of its own and keeps bounded histories; the host takes copies.
+/// It also tells whether clocks and power limit of a GPU can be changed, and changes them.
 ///
 /// Create one, keep it while the application runs, and stop it before `main` returns: its thread must not outlive the
 /// host's profiler.
@@ -148,6 +243,10 @@ struct GpuTelemetryHistory {
 /// Failure: NVML's failures are reported by results and by `Status`; nothing is thrown for them and nothing is logged.
 /// Only the standard library's own exceptions (out of memory, no thread to be had, a broken mutex) pass out of an
 /// operation. On the sampler thread nobody could catch one, so there it ends the process.
+///
+/// Tuning: what the host sets belongs to the driver, not to the monitor. A locked clock or a power limit outlives
+/// `Stop`, the monitor and the process, and acts on every program of the machine; nothing is reset unless the host asks
+/// for it.
 ///
 /// Cost: an open NVML keeps a laptop's GPU awake; only `Stop` releases it.
 class NvmlGpuMonitor {
@@ -227,6 +326,107 @@ public:
     /// Ownership: the copy is the caller's and shares nothing with the monitor.
     std::vector<GpuTelemetryHistory> Snapshot() const;
 
+    /// Tells the clock capabilities of NVML device 0. As `GetClockCapabilities(0, output)`.
+    bool GetClockCapabilities(GpuClockCapabilities* output);
+
+    /// Tells which clocks a GPU can be locked to, what it runs at now, and in words why its clocks cannot be locked.
+    ///
+    /// `deviceIndex` is the NVML index (`GpuDeviceInfo::Index`), not a position in a snapshot.
+    /// Result: true when `*output` describes the GPU; whether its clocks can be locked is `CanControl`. False when
+    /// `output` is null (nothing happens), NVML cannot be started (only `Status` is filled), or the driver gives no
+    /// handle for this index (`Status`, the index and, for a discovered GPU, its name and UUID are filled). What was
+    /// not read holds its default, whatever the record held before. After an exception it is filled in part at most.
+    /// Side effect: starts NVML if needed, with empty histories, and leaves it open until `Stop`; never starts the
+    /// sampler. Changes nothing on the GPU.
+    /// Source: the queries named at the fields of `GpuClockCapabilities`.
+    /// Cost: two calls per memory clock and a handful more; nothing is kept from one query to the next.
+    /// Threads: any thread, any time; waits for a cycle in progress.
+    /// Ownership: the caller owns `*output`, and nothing in it points back into the monitor.
+    bool GetClockCapabilities(unsigned int deviceIndex, GpuClockCapabilities* output);
+
+    /// Tells whether and in which range the power limit of a GPU can be set, and in words why not.
+    ///
+    /// `deviceIndex` is the NVML index (`GpuDeviceInfo::Index`), not a position in a snapshot.
+    /// Result: true when the GPU was found; whether its limit can be set is `State`. False when `output` is null
+    /// (nothing happens), NVML cannot be started, there is no handle for this index or discovery skipped the GPU:
+    /// `State` is then `Unavailable`, and only `DeviceIndex` and `Status` are filled. What was not read holds its
+    /// default, whatever the record held before. After an exception it is filled in part at most.
+    /// Side effect: starts NVML if needed, with empty histories, and leaves it open until `Stop`; never starts the
+    /// sampler. Changes nothing on the GPU.
+    /// Source: the queries named at the fields of `GpuPowerCapabilities`.
+    /// Threads: any thread, any time; waits for a cycle in progress.
+    /// Ownership: the caller owns `*output`, and nothing in it points back into the monitor.
+    bool GetPowerCapabilities(unsigned int deviceIndex, GpuPowerCapabilities* output);
+
+    /// Notes what NVML device 0 runs at now, if its clocks can be locked.
+    ///
+    /// Result: false when `output` is null (nothing happens) or the clocks of device 0 cannot be locked for any reason;
+    /// a non-null `*output` then holds its defaults. `GetClockCapabilities` tells the reason.
+    /// Side effect, source, cost, threads and ownership: as `GetClockCapabilities`.
+    bool CaptureClockState(GpuClockState* output);
+
+    /// Locks the clocks of NVML device 0. As `SetLockedClock(0, pair, error)`.
+    GpuClockOperationResult SetLockedClock(const GpuClockPair& pair, std::string* error = nullptr);
+
+    /// Locks a GPU's graphics and memory clock to one listed pair, until they are reset.
+    ///
+    /// `deviceIndex` is the NVML index (`GpuDeviceInfo::Index`), not a position in a snapshot.
+    /// `pair` must be one of `GpuClockCapabilities::SupportedPairs`, which are queried anew in this call.
+    /// Result: `Success` when both clocks are locked; the GPU can still run slower, for heat or power. `Unsupported`
+    /// for a pair that is not listed, also when nothing is. `Error` when NVML cannot be started or there is no such
+    /// GPU. Otherwise what the driver answers.
+    /// After a failure: when the driver refused the graphics clock, an earlier lock is as it was. When it refused the
+    /// memory clock, both locks are reset, an earlier lock too.
+    /// `error`: null, or receives one sentence for the user in place of what it held; untouched on success.
+    /// Lasting effect: the lock outlives `Stop`, the monitor and the process. `RestoreDefaultClocks` releases it.
+    /// Rights: usually root, in a container CAP_SYS_ADMIN; only the attempt shows it, as `NoPermission`.
+    /// Side effect: starts NVML if needed, with empty histories, and leaves it open until `Stop`.
+    /// Source: `nvmlDeviceSetGpuLockedClocks`, `nvmlDeviceSetMemoryLockedClocks`.
+    /// Threads: any thread, any time; waits for a cycle in progress.
+    GpuClockOperationResult SetLockedClock(unsigned int deviceIndex, const GpuClockPair& pair,
+                                           std::string* error = nullptr);
+
+    /// Releases the locked clocks of NVML device 0. As `RestoreDefaultClocks(0, error)`: `state` is not looked at, and
+    /// its clocks are not applied, because they tell what ran and not what was locked.
+    GpuClockOperationResult RestoreClockState(const GpuClockState& state, std::string* error = nullptr);
+
+    /// Releases the locked clocks of NVML device 0. As `RestoreDefaultClocks(0, error)`.
+    GpuClockOperationResult RestoreDefaultClocks(std::string* error = nullptr);
+
+    /// Releases the locked memory and graphics clock of a GPU, whoever locked them and whether or not they are locked.
+    ///
+    /// `deviceIndex` is the NVML index (`GpuDeviceInfo::Index`), not a position in a snapshot. As a literal it needs
+    /// its type, `0U`: a plain 0 could also be a null `error`. Result: `Success` when both were reset. `Error` when
+    /// NVML cannot be started or there is no such GPU, `Unsupported` when the driver lacks a reset; otherwise what the
+    /// driver answers, for the memory clock first. A reset that fails does not keep the other from being tried.
+    /// `error`: null, or receives one sentence for the user in place of what it held; untouched on success.
+    /// Rights and side effect: as `SetLockedClock`.
+    /// Source: `nvmlDeviceResetMemoryLockedClocks`, `nvmlDeviceResetGpuLockedClocks`.
+    /// Threads: any thread, any time; waits for a cycle in progress.
+    GpuClockOperationResult RestoreDefaultClocks(unsigned int deviceIndex, std::string* error = nullptr);
+
+    /// Sets the power limit of a GPU, rounded to whole milliwatts.
+    ///
+    /// `deviceIndex` is the NVML index (`GpuDeviceInfo::Index`), not a position in a snapshot.
+    /// `watts` must be within `GpuPowerCapabilities::MinimumWatts` to `MaximumWatts`, both included, which are queried
+    /// anew in this call.
+    /// Result: `Success` when the driver took the limit. `Unsupported` for a value that is outside or not finite, and
+    /// when the state of the limit is not `Supported`. `Error` when NVML cannot be started or there is no such GPU.
+    /// Otherwise what the driver answers. After a failure the limit is as it was.
+    /// `error`: null, or receives one sentence for the user in place of what it held; untouched on success.
+    /// Lasting effect: the limit outlives `Stop`, the monitor and the process. `RestoreDefaultPowerLimit` takes it
+    /// back. Rights and side effect: as `SetLockedClock`. Source: `nvmlDeviceSetPowerManagementLimit`. Threads: any
+    /// thread, any time; waits for a cycle in progress.
+    GpuClockOperationResult SetPowerLimit(unsigned int deviceIndex, double watts, std::string* error = nullptr);
+
+    /// Sets the power limit of a GPU to the board's default.
+    ///
+    /// Result: as `SetPowerLimit` with the default limit, but `Unsupported` also when NVML cannot be started, there is
+    /// no such GPU, or the default limit cannot be read; `error` then receives the `Status` of
+    /// `GetPowerCapabilities`.
+    /// Everything else: as `SetPowerLimit`.
+    GpuClockOperationResult RestoreDefaultPowerLimit(unsigned int deviceIndex, std::string* error = nullptr);
+
     /// Reads one sample of NVML device 0 at once. As `ReadCurrentSample(0, output)`.
     bool ReadCurrentSample(GpuTelemetrySample* output);
 
@@ -264,7 +464,19 @@ private:
     bool InitializeLocked();
     /// Shuts NVML down and closes it, whatever is open; the caller holds `Mutex`.
     void ShutdownLocked();
-    /// Twins of ReadCurrentSample; the caller holds `Mutex`.
+    /// Twins of the public operations of the same names; the caller holds `Mutex`.
+    bool GetClockCapabilitiesLocked(GpuClockCapabilities* output);
+    bool GetClockCapabilitiesLocked(unsigned int deviceIndex, GpuClockCapabilities* output);
+    bool GetPowerCapabilitiesLocked(unsigned int deviceIndex, GpuPowerCapabilities* output);
+    bool CaptureClockStateLocked(GpuClockState* output);
+    GpuClockOperationResult SetLockedClockLocked(const GpuClockPair& pair, std::string* error);
+    GpuClockOperationResult SetLockedClockLocked(unsigned int deviceIndex, const GpuClockPair& pair,
+                                                 std::string* error);
+    GpuClockOperationResult RestoreClockStateLocked(const GpuClockState& state, std::string* error);
+    GpuClockOperationResult RestoreDefaultClocksLocked(std::string* error);
+    GpuClockOperationResult RestoreDefaultClocksLocked(unsigned int deviceIndex, std::string* error);
+    GpuClockOperationResult SetPowerLimitLocked(unsigned int deviceIndex, double watts, std::string* error);
+    GpuClockOperationResult RestoreDefaultPowerLimitLocked(unsigned int deviceIndex, std::string* error);
     bool ReadCurrentSampleLocked(GpuTelemetrySample* output);
     bool ReadCurrentSampleLocked(unsigned int deviceIndex, GpuTelemetrySample* output);
 

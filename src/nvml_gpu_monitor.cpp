@@ -3,8 +3,10 @@
 #include <dlfcn.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstddef>
 #include <initializer_list>
+#include <set>
 #include <unordered_map>
 #include <utility>
 
@@ -18,6 +20,9 @@ using NvmlReturn = unsigned int;
 using NvmlDevice = void*;
 
 constexpr NvmlReturn kNvmlSuccess = 0;
+constexpr NvmlReturn kNvmlErrorNotSupported = 3;
+constexpr NvmlReturn kNvmlErrorNoPermission = 4;
+constexpr NvmlReturn kNvmlErrorInsufficientSize = 7;
 
 constexpr unsigned int kNvmlTemperatureGpu = 0;
 constexpr unsigned int kNvmlClockGraphics = 0;
@@ -92,6 +97,12 @@ using BitMaskFn = NvmlReturn (*)(NvmlDevice device, unsigned long long* mask);
 using UtilizationFn = NvmlReturn (*)(NvmlDevice device, NvmlUtilization* utilization);
 using MemoryFn = NvmlReturn (*)(NvmlDevice device, NvmlMemory* memory);
 using ProcessFn = NvmlReturn (*)(NvmlDevice device, unsigned int* count, NvmlProcessInfo* processes);
+using MemoryClocksFn = NvmlReturn (*)(NvmlDevice device, unsigned int* count, unsigned int* clocks);
+using GraphicsClocksFn = NvmlReturn (*)(NvmlDevice device, unsigned int memoryClock, unsigned int* count,
+                                        unsigned int* clocks);
+using LockClocksFn = NvmlReturn (*)(NvmlDevice device, unsigned int lowest, unsigned int highest);
+using ResetClocksFn = NvmlReturn (*)(NvmlDevice device);
+using SetLimitFn = NvmlReturn (*)(NvmlDevice device, unsigned int milliwatts);
 
 // ---- Lookup by name. Nothing is cached but the library handle, so a missing name costs only what it would fill. ----
 
@@ -487,6 +498,230 @@ void AppendSample(const GpuTelemetrySample& sample, std::deque<GpuTelemetrySampl
     while (samples->size() > kMaxHistorySamples) samples->pop_front();
 }
 
+// ---- Results of changes ----
+
+/// Tells the user why an operation failed, unless nobody wants to know.
+void SetClockError(std::string* error, const char* message) {
+    if (error == nullptr) return;
+    *error = message != nullptr ? message : "NVML clock operation failed";
+}
+
+/// What NVML's answer to a change means. `operation` names the change in the sentence of a failure.
+GpuClockOperationResult MapClockResult(NvmlReturn result, const char* operation, std::string* error) {
+    if (result == kNvmlSuccess) return GpuClockOperationResult::Success;
+    const std::string change(operation);
+    if (result == kNvmlErrorNoPermission) {
+        SetClockError(error, ("NVML denied " + change + " for this user.").c_str());
+        return GpuClockOperationResult::NoPermission;
+    }
+    if (result == kNvmlErrorNotSupported) {
+        SetClockError(error, ("The NVIDIA driver does not support " + change + ".").c_str());
+        return GpuClockOperationResult::Unsupported;
+    }
+    SetClockError(error, ("NVML " + change + " failed.").c_str());
+    return GpuClockOperationResult::Error;
+}
+
+/// Writes `message` and gives back `result`, for a failure that is found before NVML is asked for a change.
+GpuClockOperationResult Refuse(GpuClockOperationResult result, const std::string& message, std::string* error) {
+    SetClockError(error, message.c_str());
+    return result;
+}
+
+/// The discovered GPU with NVML index `index`; null when discovery skipped it or there is none.
+const GpuDeviceInfo* FindDevice(const std::vector<GpuTelemetryHistory>& histories, unsigned int index) {
+    for (const GpuTelemetryHistory& history : histories) {
+        if (history.Device.Index == index) return &history.Device;
+    }
+    return nullptr;
+}
+
+// ---- Clock capabilities ----
+
+/// Keeps a driver with a nonsensical count from taking all memory.
+constexpr unsigned int kMaxClocks = 4096;
+
+/// Graphics clock first: the order in which hosts are given the pairs.
+using ClockPairs = std::set<std::pair<int, int>>;
+
+/// What a driver exports that can lock clocks, looked up in the order of the members.
+struct ClockCapabilityEntryPoints {
+    explicit ClockCapabilityEntryPoints(void* library)
+        : MemoryClocks(Symbol<MemoryClocksFn>(library, "nvmlDeviceGetSupportedMemoryClocks")),
+          GraphicsClocks(Symbol<GraphicsClocksFn>(library, "nvmlDeviceGetSupportedGraphicsClocks")),
+          LockGraphics(Symbol<LockClocksFn>(library, "nvmlDeviceSetGpuLockedClocks")),
+          ResetGraphics(Symbol<ResetClocksFn>(library, "nvmlDeviceResetGpuLockedClocks")),
+          LockMemory(Symbol<LockClocksFn>(library, "nvmlDeviceSetMemoryLockedClocks")),
+          ResetMemory(Symbol<ResetClocksFn>(library, "nvmlDeviceResetMemoryLockedClocks")) {}
+
+    bool Complete() const {
+        return MemoryClocks != nullptr && GraphicsClocks != nullptr && LockGraphics != nullptr &&
+               ResetGraphics != nullptr && LockMemory != nullptr && ResetMemory != nullptr;
+    }
+
+    MemoryClocksFn MemoryClocks;
+    GraphicsClocksFn GraphicsClocks;
+    // A query calls none of these; that they are there shows that the driver can lock clocks.
+    LockClocksFn LockGraphics;
+    ResetClocksFn ResetGraphics;
+    LockClocksFn LockMemory;
+    ResetClocksFn ResetMemory;
+};
+
+/// Whether a query for the size of a list was answered.
+bool CountQuerySucceeded(NvmlReturn result) {
+    // Without room for the list, some drivers give the size and call the room too small.
+    return result == kNvmlSuccess || result == kNvmlErrorInsufficientSize;
+}
+
+/// How many clocks a list has; 0 when it cannot be told or makes no sense. `selector` is what the list belongs to.
+template <typename Fn, typename... Selector>
+unsigned int CountClocks(Fn query, NvmlDevice device, Selector... selector) {
+    unsigned int count = 0;
+    if (!CountQuerySucceeded(query(device, selector..., &count, nullptr)) || count > kMaxClocks) return 0;
+    return count;
+}
+
+/// `count` clocks, 0 where NVML wrote none; empty when the query failed.
+template <typename Fn, typename... Selector>
+std::vector<unsigned int> ReadClocks(Fn query, unsigned int count, NvmlDevice device, Selector... selector) {
+    std::vector<unsigned int> clocks(count);
+    if (query(device, selector..., &count, clocks.data()) != kNvmlSuccess) clocks.clear();
+    return clocks;
+}
+
+/// Adds every graphics clock that goes with one memory clock. A list that cannot be read adds nothing.
+void AddClockPairs(GraphicsClocksFn query, NvmlDevice device, unsigned int memory, ClockPairs* pairs) {
+    const unsigned int count = CountClocks(query, device, memory);
+    if (count == 0) return;
+    for (const unsigned int graphics : ReadClocks(query, count, device, memory)) {
+        if (graphics != 0) pairs->emplace(static_cast<int>(graphics), static_cast<int>(memory));
+    }
+}
+
+/// Collects every pair that the GPU can be locked to. Result: null, or why there is none.
+const char* ReadClockPairs(void* library, NvmlDevice device, ClockPairs* pairs) {
+    const ClockCapabilityEntryPoints nvml(library);
+    if (!nvml.Complete()) return "NVML locked-clock control is not supported by this driver.";
+    const unsigned int count = CountClocks(nvml.MemoryClocks, device);
+    if (count == 0) return "NVML did not expose supported memory clocks.";
+    const std::vector<unsigned int> memoryClocks = ReadClocks(nvml.MemoryClocks, count, device);
+    if (memoryClocks.empty()) return "NVML supported memory-clock query failed.";
+    for (const unsigned int memory : memoryClocks) AddClockPairs(nvml.GraphicsClocks, device, memory, pairs);
+    return pairs->empty() ? "NVML returned no supported locked-clock pairs." : nullptr;
+}
+
+void ReadCurrentClocks(void* library, NvmlDevice device, GpuClockCapabilities* output) {
+    const auto clock = Symbol<SelectedValueFn>(library, "nvmlDeviceGetClockInfo");
+    unsigned int value = 0;
+    const auto read = [&](unsigned int type, int* megahertz) {
+        if (Succeeds(clock, device, type, &value)) *megahertz = static_cast<int>(value);
+    };
+    read(kNvmlClockGraphics, &output->CurrentGraphicsClockMHz);
+    read(kNvmlClockMemory, &output->CurrentMemoryClockMHz);
+}
+
+// ---- Locked clocks ----
+
+/// What a lock and its undo need, looked up in the order of the members.
+struct LockedClockEntryPoints {
+    explicit LockedClockEntryPoints(void* library)
+        : LockGraphics(Symbol<LockClocksFn>(library, "nvmlDeviceSetGpuLockedClocks")),
+          LockMemory(Symbol<LockClocksFn>(library, "nvmlDeviceSetMemoryLockedClocks")),
+          ResetGraphics(Symbol<ResetClocksFn>(library, "nvmlDeviceResetGpuLockedClocks")),
+          ResetMemory(Symbol<ResetClocksFn>(library, "nvmlDeviceResetMemoryLockedClocks")) {}
+
+    bool Complete() const {
+        return LockGraphics != nullptr && LockMemory != nullptr && ResetGraphics != nullptr && ResetMemory != nullptr;
+    }
+
+    LockClocksFn LockGraphics;
+    LockClocksFn LockMemory;
+    ResetClocksFn ResetGraphics;
+    ResetClocksFn ResetMemory;
+};
+
+/// Locks both clocks of a GPU or, when the memory clock cannot be locked, none.
+GpuClockOperationResult LockClockPair(const LockedClockEntryPoints& nvml, NvmlDevice device, const GpuClockPair& pair,
+                                      std::string* error) {
+    const auto graphics = static_cast<unsigned int>(pair.GraphicsClockMHz);
+    const auto memory = static_cast<unsigned int>(pair.MemoryClockMHz);
+    const GpuClockOperationResult graphicsResult =
+        MapClockResult(nvml.LockGraphics(device, graphics, graphics), "GPU locked-clock control", error);
+    if (graphicsResult != GpuClockOperationResult::Success) return graphicsResult;
+
+    const NvmlReturn memoryResult = nvml.LockMemory(device, memory, memory);
+    // Undone before the sentence is made: running out of memory for it must not leave half a lock.
+    if (memoryResult != kNvmlSuccess) {
+        nvml.ResetGraphics(device);
+        nvml.ResetMemory(device);
+    }
+    return MapClockResult(memoryResult, "memory locked-clock control", error);
+}
+
+// ---- Power-limit capabilities ----
+
+/// What a driver exports that can control the power limit, looked up in the order of the members.
+struct PowerLimitEntryPoints {
+    explicit PowerLimitEntryPoints(void* library)
+        : Enforced(Symbol<ValueFn>(library, "nvmlDeviceGetEnforcedPowerLimit")),
+          Configured(Symbol<ValueFn>(library, "nvmlDeviceGetPowerManagementLimit")),
+          Default(Symbol<ValueFn>(library, "nvmlDeviceGetPowerManagementDefaultLimit")),
+          Constraints(Symbol<ValuePairFn>(library, "nvmlDeviceGetPowerManagementLimitConstraints")),
+          Set(Symbol<SetLimitFn>(library, "nvmlDeviceSetPowerManagementLimit")) {}
+
+    bool Complete() const {
+        return (Enforced != nullptr || Configured != nullptr) && Default != nullptr && Constraints != nullptr &&
+               Set != nullptr;
+    }
+
+    ValueFn Enforced;
+    ValueFn Configured;
+    ValueFn Default;
+    ValuePairFn Constraints;
+    // A query does not call it; that it is there shows that the driver can set a limit.
+    SetLimitFn Set;
+};
+
+/// The limit in force or, where the driver or the board does not tell it, the configured one. Result: of the last call.
+NvmlReturn ReadCurrentLimit(const PowerLimitEntryPoints& nvml, NvmlDevice device, unsigned int* milliwatts) {
+    NvmlReturn result = kNvmlErrorNotSupported;
+    if (nvml.Enforced != nullptr) result = nvml.Enforced(device, milliwatts);
+    if (result != kNvmlSuccess && nvml.Configured != nullptr) result = nvml.Configured(device, milliwatts);
+    return result;
+}
+
+void Conclude(GpuCapabilityState state, const char* status, GpuPowerCapabilities* output) {
+    output->State = state;
+    output->Status = status;
+}
+
+/// Reads all limits, and concludes from the results whether the limit can be set. What can be read stays in the record
+/// whatever the conclusion.
+void ReadPowerCapabilities(const PowerLimitEntryPoints& nvml, NvmlDevice device, GpuPowerCapabilities* output) {
+    unsigned int value = 0;
+    unsigned int minimum = 0;
+    unsigned int maximum = 0;
+    const NvmlReturn currentResult = ReadCurrentLimit(nvml, device, &value);
+    if (currentResult == kNvmlSuccess) output->CurrentWatts = WattsFromMilliwatts(value);
+    if (nvml.Default(device, &value) == kNvmlSuccess) output->DefaultWatts = WattsFromMilliwatts(value);
+    const NvmlReturn constraintsResult = nvml.Constraints(device, &minimum, &maximum);
+    if (constraintsResult == kNvmlSuccess) {
+        output->MinimumWatts = WattsFromMilliwatts(minimum);
+        output->MaximumWatts = WattsFromMilliwatts(maximum);
+    }
+
+    if (currentResult == kNvmlErrorNotSupported || constraintsResult == kNvmlErrorNotSupported) {
+        Conclude(GpuCapabilityState::Unsupported, "Power-limit control is not supported by this GPU.", output);
+    } else if (currentResult != kNvmlSuccess || constraintsResult != kNvmlSuccess || minimum == 0 ||
+               maximum < minimum) {
+        Conclude(GpuCapabilityState::Unavailable, "Power-limit constraints are temporarily unavailable.", output);
+    } else {
+        Conclude(GpuCapabilityState::Supported,
+                 "Power-limit control supported; authorization may be required to apply.", output);
+    }
+}
+
 }  // namespace
 
 // ---- Lifecycle ----
@@ -560,12 +795,72 @@ void NvmlGpuMonitor::SetInitialSampleDelay(std::chrono::milliseconds delay) {
     InitialSampleDelay = std::clamp(delay, std::chrono::milliseconds(0), std::chrono::milliseconds(10000));
 }
 
-// ---- Readings ----
+// ---- Histories ----
 
 std::vector<GpuTelemetryHistory> NvmlGpuMonitor::Snapshot() const {
     const std::lock_guard<std::mutex> lock(Mutex);
     return Histories;
 }
+
+// ---- Tuning ----
+
+bool NvmlGpuMonitor::GetClockCapabilities(GpuClockCapabilities* output) {
+    const std::lock_guard<std::mutex> lock(Mutex);
+    return GetClockCapabilitiesLocked(output);
+}
+
+bool NvmlGpuMonitor::GetClockCapabilities(unsigned int deviceIndex, GpuClockCapabilities* output) {
+    const std::lock_guard<std::mutex> lock(Mutex);
+    return GetClockCapabilitiesLocked(deviceIndex, output);
+}
+
+bool NvmlGpuMonitor::GetPowerCapabilities(unsigned int deviceIndex, GpuPowerCapabilities* output) {
+    const std::lock_guard<std::mutex> lock(Mutex);
+    return GetPowerCapabilitiesLocked(deviceIndex, output);
+}
+
+bool NvmlGpuMonitor::CaptureClockState(GpuClockState* output) {
+    const std::lock_guard<std::mutex> lock(Mutex);
+    return CaptureClockStateLocked(output);
+}
+
+GpuClockOperationResult NvmlGpuMonitor::SetLockedClock(const GpuClockPair& pair, std::string* error) {
+    const std::lock_guard<std::mutex> lock(Mutex);
+    return SetLockedClockLocked(pair, error);
+}
+
+GpuClockOperationResult NvmlGpuMonitor::SetLockedClock(unsigned int deviceIndex, const GpuClockPair& pair,
+                                                       std::string* error) {
+    const std::lock_guard<std::mutex> lock(Mutex);
+    return SetLockedClockLocked(deviceIndex, pair, error);
+}
+
+GpuClockOperationResult NvmlGpuMonitor::RestoreClockState(const GpuClockState& state, std::string* error) {
+    const std::lock_guard<std::mutex> lock(Mutex);
+    return RestoreClockStateLocked(state, error);
+}
+
+GpuClockOperationResult NvmlGpuMonitor::RestoreDefaultClocks(std::string* error) {
+    const std::lock_guard<std::mutex> lock(Mutex);
+    return RestoreDefaultClocksLocked(error);
+}
+
+GpuClockOperationResult NvmlGpuMonitor::RestoreDefaultClocks(unsigned int deviceIndex, std::string* error) {
+    const std::lock_guard<std::mutex> lock(Mutex);
+    return RestoreDefaultClocksLocked(deviceIndex, error);
+}
+
+GpuClockOperationResult NvmlGpuMonitor::SetPowerLimit(unsigned int deviceIndex, double watts, std::string* error) {
+    const std::lock_guard<std::mutex> lock(Mutex);
+    return SetPowerLimitLocked(deviceIndex, watts, error);
+}
+
+GpuClockOperationResult NvmlGpuMonitor::RestoreDefaultPowerLimit(unsigned int deviceIndex, std::string* error) {
+    const std::lock_guard<std::mutex> lock(Mutex);
+    return RestoreDefaultPowerLimitLocked(deviceIndex, error);
+}
+
+// ---- One sample ----
 
 bool NvmlGpuMonitor::ReadCurrentSample(GpuTelemetrySample* output) {
     const std::lock_guard<std::mutex> lock(Mutex);
@@ -665,6 +960,154 @@ void NvmlGpuMonitor::ShutdownLocked() {
     CloseNvml(&Library, bInitialized);
     PrimaryDevice = nullptr;
     bInitialized = false;
+}
+
+bool NvmlGpuMonitor::GetClockCapabilitiesLocked(GpuClockCapabilities* output) {
+    return GetClockCapabilitiesLocked(0, output);
+}
+
+bool NvmlGpuMonitor::GetClockCapabilitiesLocked(unsigned int deviceIndex, GpuClockCapabilities* output) {
+    if (output == nullptr) return false;
+    *output = GpuClockCapabilities{};
+    const bool bStarted = InitializeLocked();
+    output->Status = StatusText;
+    if (!bStarted) return false;
+    output->DeviceIndex = deviceIndex;
+    if (const GpuDeviceInfo* info = FindDevice(Histories, deviceIndex)) {
+        output->DeviceName = info->Name;
+        output->DeviceUuid = info->Uuid;
+    }
+    NvmlDevice device = nullptr;
+    if (!GetDevice(Library, deviceIndex, &device)) {
+        output->Status = "NVML has no usable NVIDIA device.";
+        return false;
+    }
+
+    ReadCurrentClocks(Library, device, output);
+    ClockPairs pairs;
+    const char* const obstacle = ReadClockPairs(Library, device, &pairs);
+    if (obstacle != nullptr) output->Status = obstacle;
+    output->SupportedPairs.reserve(pairs.size());
+    for (const auto& [graphics, memory] : pairs) output->SupportedPairs.push_back({graphics, memory});
+    output->CanControl = !pairs.empty();
+    return true;
+}
+
+bool NvmlGpuMonitor::GetPowerCapabilitiesLocked(unsigned int deviceIndex, GpuPowerCapabilities* output) {
+    if (output == nullptr) return false;
+    *output = GpuPowerCapabilities{};
+    output->DeviceIndex = deviceIndex;
+    if (!InitializeLocked()) {
+        output->Status = StatusText;
+        return false;
+    }
+    const GpuDeviceInfo* const info = FindDevice(Histories, deviceIndex);
+    NvmlDevice device = nullptr;
+    if (!GetDevice(Library, deviceIndex, &device) || info == nullptr) {
+        output->Status = "NVIDIA GPU is unavailable.";
+        return false;
+    }
+    output->DeviceUuid = info->Uuid;
+
+    const PowerLimitEntryPoints nvml(Library);
+    if (nvml.Complete()) {
+        ReadPowerCapabilities(nvml, device, output);
+    } else {
+        Conclude(GpuCapabilityState::DriverLimitation, "Power-limit control is not exposed by this NVIDIA driver.",
+                 output);
+    }
+    return true;
+}
+
+bool NvmlGpuMonitor::CaptureClockStateLocked(GpuClockState* output) {
+    if (output == nullptr) return false;
+    *output = GpuClockState{};
+    GpuClockCapabilities capabilities;
+    if (!GetClockCapabilitiesLocked(&capabilities) || !capabilities.CanControl) return false;
+    *output = {true, capabilities.CurrentGraphicsClockMHz, capabilities.CurrentMemoryClockMHz};
+    return true;
+}
+
+GpuClockOperationResult NvmlGpuMonitor::SetLockedClockLocked(const GpuClockPair& pair, std::string* error) {
+    return SetLockedClockLocked(0, pair, error);
+}
+
+GpuClockOperationResult NvmlGpuMonitor::SetLockedClockLocked(unsigned int deviceIndex, const GpuClockPair& pair,
+                                                             std::string* error) {
+    using Result = GpuClockOperationResult;
+    GpuClockCapabilities capabilities;
+    if (!GetClockCapabilitiesLocked(deviceIndex, &capabilities)) {
+        return Refuse(Result::Error, capabilities.Status, error);
+    }
+    const std::vector<GpuClockPair>& listed = capabilities.SupportedPairs;
+    if (std::find(listed.begin(), listed.end(), pair) == listed.end()) {
+        return Refuse(Result::Unsupported, "Requested clock pair is not supported by NVML.", error);
+    }
+    const LockedClockEntryPoints nvml(Library);
+    if (!nvml.Complete()) return Refuse(Result::Unsupported, "NVML locked-clock control is unavailable.", error);
+    NvmlDevice device = nullptr;
+    if (!GetDevice(Library, deviceIndex, &device)) return Refuse(Result::Error, "NVIDIA GPU is unavailable.", error);
+    return LockClockPair(nvml, device, pair, error);
+}
+
+GpuClockOperationResult NvmlGpuMonitor::RestoreClockStateLocked(const GpuClockState& /*state*/, std::string* error) {
+    // What ran before a lock was no lock, so applying it would put one in the place of the other.
+    return RestoreDefaultClocksLocked(error);
+}
+
+GpuClockOperationResult NvmlGpuMonitor::RestoreDefaultClocksLocked(std::string* error) {
+    return RestoreDefaultClocksLocked(0, error);
+}
+
+GpuClockOperationResult NvmlGpuMonitor::RestoreDefaultClocksLocked(unsigned int deviceIndex, std::string* error) {
+    using Result = GpuClockOperationResult;
+    if (!InitializeLocked()) return Refuse(Result::Error, StatusText, error);
+    NvmlDevice device = nullptr;
+    if (!GetDevice(Library, deviceIndex, &device)) {
+        return Refuse(Result::Error, "NVML has no usable NVIDIA device.", error);
+    }
+    const auto resetGraphics = Symbol<ResetClocksFn>(Library, "nvmlDeviceResetGpuLockedClocks");
+    const auto resetMemory = Symbol<ResetClocksFn>(Library, "nvmlDeviceResetMemoryLockedClocks");
+    if (resetGraphics == nullptr || resetMemory == nullptr) {
+        return Refuse(Result::Unsupported, "NVML locked-clock reset is unavailable.", error);
+    }
+
+    // Both are tried before either failure is told, so that one lock at least is released.
+    const NvmlReturn memoryResult = resetMemory(device);
+    const NvmlReturn graphicsResult = resetGraphics(device);
+    if (memoryResult != kNvmlSuccess) return MapClockResult(memoryResult, "memory locked-clock reset", error);
+    return MapClockResult(graphicsResult, "GPU locked-clock reset", error);
+}
+
+GpuClockOperationResult NvmlGpuMonitor::SetPowerLimitLocked(unsigned int deviceIndex, double watts,
+                                                            std::string* error) {
+    using Result = GpuClockOperationResult;
+    GpuPowerCapabilities capabilities;
+    if (!GetPowerCapabilitiesLocked(deviceIndex, &capabilities)) {
+        return Refuse(Result::Error, capabilities.Status, error);
+    }
+    if (capabilities.State != GpuCapabilityState::Supported) {
+        return Refuse(Result::Unsupported, capabilities.Status, error);
+    }
+    if (!std::isfinite(watts) || watts < capabilities.MinimumWatts || watts > capabilities.MaximumWatts) {
+        return Refuse(Result::Unsupported, "Requested power limit is outside the driver-supported range.", error);
+    }
+    // Within a range that NVML told, so NVML's unsigned milliwatts hold it.
+    const double milliwatts = std::round(watts * 1000.0);
+    const auto set = Symbol<SetLimitFn>(Library, "nvmlDeviceSetPowerManagementLimit");
+    NvmlDevice device = nullptr;
+    if (!GetDevice(Library, deviceIndex, &device) || set == nullptr) {
+        return Refuse(Result::Unsupported, "NVML power-limit control is unavailable.", error);
+    }
+    return MapClockResult(set(device, static_cast<unsigned int>(milliwatts)), "power-limit control", error);
+}
+
+GpuClockOperationResult NvmlGpuMonitor::RestoreDefaultPowerLimitLocked(unsigned int deviceIndex, std::string* error) {
+    GpuPowerCapabilities capabilities;
+    if (!GetPowerCapabilitiesLocked(deviceIndex, &capabilities) || capabilities.DefaultWatts <= 0.0) {
+        return Refuse(GpuClockOperationResult::Unsupported, capabilities.Status, error);
+    }
+    return SetPowerLimitLocked(deviceIndex, capabilities.DefaultWatts, error);
 }
 
 bool NvmlGpuMonitor::ReadCurrentSampleLocked(GpuTelemetrySample* output) {
