@@ -4,6 +4,7 @@
 #include <array>
 #include <cmath>
 #include <iterator>
+#include <limits>
 #include <utility>
 
 namespace simulated_nvml {
@@ -13,8 +14,8 @@ namespace {
 constexpr double kTickSeconds = 0.05;
 /// A board has worked for a while when it is first seen: warm, with its clocks settled.
 constexpr int64_t kWarmUpTicks = 4800;
-/// After this long nothing of an earlier state is left, because the slowest part settles in 20 s: a longer gap between
-/// two readings is skipped.
+/// After this long nothing of an earlier state is left, because the slowest part settles in 20 s: of a longer gap
+/// between two readings, only so much is lived.
 constexpr int64_t kMemoryTicks = 36000;
 
 constexpr double kPhaseSeconds = 18.0;
@@ -90,7 +91,6 @@ BoardModel::BoardModel(Board board, unsigned int index, uint64_t seed)
     : Description(std::move(board)),
       Seed(Mix(seed * 64 + index)),
       PhaseOffsetSeconds(kPhaseSeconds * Random(kPhases, -1)),
-      PowerLimit(Description.DefaultPowerLimitMilliwatts),
       Ticks(-kWarmUpTicks),
       Milliwatts(Description.IdlePowerMilliwatts),
       TemperatureC(kAmbientC) {
@@ -101,8 +101,8 @@ BoardModel::BoardModel(Board board, unsigned int index, uint64_t seed)
 void BoardModel::AdvanceTo(double seconds) {
     if (Description.Fixed.has_value()) return;
     const auto target = static_cast<int64_t>(std::floor(seconds / kTickSeconds));
-    if (target <= Ticks) return;
-    Ticks = std::max(Ticks, target - kMemoryTicks);
+    if (target == Ticks) return;
+    if (target < Ticks || target - Ticks > kMemoryTicks) Ticks = target - kMemoryTicks;
     while (Ticks < target) {
         ++Ticks;
         Step();
@@ -154,30 +154,30 @@ void BoardModel::ChooseMemoryClock(double demand) {
     const std::vector<ClockGroup>& groups = Description.Clocks;
     const size_t wanted = IsIdle(demand) ? SlowestGroupForGraphicsLock() : 0;
     MemoryGroup = wanted;
-    if (!MemoryLock.has_value()) return;
+    if (!InForce.MemoryLock.has_value()) return;
     // The listed clock that comes nearest to the range.
     const auto allowed = std::find_if(groups.begin(), std::prev(groups.end()), [this](const ClockGroup& group) {
-        return group.MemoryMHz <= MemoryLock->Highest;
+        return group.MemoryMHz <= InForce.MemoryLock->Highest;
     });
     const auto locked = static_cast<size_t>(std::distance(groups.begin(), allowed));
-    const bool bWithin = groups[wanted].MemoryMHz >= MemoryLock->Lowest && wanted >= locked;
+    const bool bWithin = groups[wanted].MemoryMHz >= InForce.MemoryLock->Lowest && wanted >= locked;
     if (!bWithin) MemoryGroup = locked;
     if (groups[MemoryGroup].MemoryMHz < groups[wanted].MemoryMHz) Reasons |= kReasonApplicationClocks;
 }
 
 size_t BoardModel::SlowestGroupForGraphicsLock() const {
     const std::vector<ClockGroup>& groups = Description.Clocks;
-    const unsigned int lowest = GraphicsLock.has_value() ? GraphicsLock->Lowest : 0;
+    const unsigned int lowest = InForce.GraphicsLock.has_value() ? InForce.GraphicsLock->Lowest : 0;
     const auto reaches = [lowest](const ClockGroup& group) { return group.GraphicsMHz.front() >= lowest; };
     const auto slowest = std::find_if(groups.rbegin(), groups.rend(), reaches);
     return slowest == groups.rend() ? 0 : static_cast<size_t>(std::distance(slowest, groups.rend()) - 1);
 }
 
 void BoardModel::ChooseGraphicsClock(double demand) {
-    const double highest = Description.Clocks[MemoryGroup].GraphicsMHz.front();
+    const double coolEnough = HeatHeadroom * Description.Clocks.front().GraphicsMHz.front();
     double wanted = WantedGraphicsClock(demand);
-    if (wanted > highest * HeatHeadroom) {
-        wanted = highest * HeatHeadroom;
+    if (wanted > coolEnough) {
+        wanted = coolEnough;
         Reasons |= kReasonSoftwareThermal;
     }
     if (TemperatureC >= Description.SlowdownTemperatureC) {
@@ -192,13 +192,12 @@ double BoardModel::WantedGraphicsClock(double demand) {
     const double lowest = clocks.back();
     const double highest = clocks.front();
     const double free = IsIdle(demand) ? lowest : highest * std::min(1.0, 0.75 + 0.5 * demand);
-    if (!GraphicsLock.has_value()) {
-        if (IsIdle(demand)) Reasons |= kReasonIdle;
-        return free;
-    }
-    const double locked = std::clamp(free, std::clamp<double>(GraphicsLock->Lowest, lowest, highest),
-                                     std::clamp<double>(GraphicsLock->Highest, lowest, highest));
+    const ClockRange range = InForce.GraphicsLock.value_or(ClockRange{0, std::numeric_limits<unsigned int>::max()});
+    const double locked = std::clamp(free, std::clamp<double>(range.Lowest, lowest, highest),
+                                     std::clamp<double>(range.Highest, lowest, highest));
     if (locked < free) Reasons |= kReasonApplicationClocks;
+    // A lock that holds an idle board faster leaves nothing that holds it slower.
+    if (IsIdle(demand) && locked <= free) Reasons |= kReasonIdle;
     return locked;
 }
 
@@ -216,11 +215,11 @@ unsigned int BoardModel::HighestClockWithin(double highestMHz, double demand) {
     const auto allowed =
         std::partition_point(clocks.begin(), std::prev(clocks.end()),
                              [highestMHz](unsigned int clock) { return static_cast<double>(clock) > highestMHz; });
-    const auto affordable = std::partition_point(allowed, std::prev(clocks.end()), [&](unsigned int clock) {
-        return PowerAt(clock, demand) > static_cast<double>(PowerLimit);
-    });
-    if (affordable != allowed) Reasons |= kReasonSoftwarePowerCap;
-    return *affordable;
+    const auto isTooMuch = [&](unsigned int clock) { return PowerAt(clock, demand) > PowerLimitMilliwatts(); };
+    // The usual case, told apart because the search takes most of the time of a step.
+    if (!isTooMuch(*allowed)) return *allowed;
+    Reasons |= kReasonSoftwarePowerCap;
+    return *std::partition_point(allowed, std::prev(clocks.end()), isTooMuch);
 }
 
 void BoardModel::UpdatePowerAndHeat(double demand) {

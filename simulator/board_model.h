@@ -2,8 +2,8 @@
 #define BOARD_MODEL_H
 
 #include <cstdint>
-#include <optional>
 
+#include "board_settings.h"
 #include "entry_point_list.h"
 #include "simulated_nvml.h"
 
@@ -18,12 +18,6 @@ constexpr uint64_t kReservedVramBytes = uint64_t{320} << 20;
 /// however often they are asked for. Not safe to use from two threads at once.
 class BoardModel {
 public:
-    /// Lowest and highest clock that a lock allows, MHz.
-    struct ClockRange {
-        unsigned int Lowest;
-        unsigned int Highest;
-    };
-
     /// The clock of the video engines that goes with a graphics clock.
     static unsigned int VideoClockMHz(unsigned int graphicsMHz) { return graphicsMHz * 85 / 100; }
 
@@ -31,16 +25,16 @@ public:
 
     const Board& Identity() const { return Description; }
     bool Supports(EntryPoint name) const { return !Unsupported[IndexOf(name)]; }
-    /// Brings the readings to `seconds` after the board's start; the time of an earlier call or one before it changes
-    /// nothing.
+    /// Brings the readings to `seconds` after the board's start, or before it; on a clock that was set back, too.
     void AdvanceTo(double seconds);
     const Readings& Now() const { return Current; }
 
-    unsigned int PowerLimitMilliwatts() const { return PowerLimit; }
-    void SetPowerLimit(unsigned int milliwatts) { PowerLimit = milliwatts; }
-    /// Without a range, the lock is released.
-    void LockGraphicsClocks(std::optional<ClockRange> range) { GraphicsLock = range; }
-    void LockMemoryClocks(std::optional<ClockRange> range) { MemoryLock = range; }
+    const BoardSettings& Settings() const { return InForce; }
+    /// The readings follow from the next tick on.
+    void Apply(const BoardSettings& settings) { InForce = settings; }
+    unsigned int PowerLimitMilliwatts() const {
+        return InForce.PowerLimitMilliwatts.value_or(Description.DefaultPowerLimitMilliwatts);
+    }
 
 private:
     /// A number from 0 to 1 that belongs to this board, this `stream` of numbers and this place in it.
@@ -72,9 +66,7 @@ private:
     PerEntryPoint<bool> Unsupported{};
     uint64_t Seed;
     double PhaseOffsetSeconds;
-    unsigned int PowerLimit;
-    std::optional<ClockRange> GraphicsLock;
-    std::optional<ClockRange> MemoryLock;
+    BoardSettings InForce;
     Readings Current;
 
     int64_t Ticks;

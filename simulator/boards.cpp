@@ -154,4 +154,27 @@ Board OldBoard(unsigned int index) {
     return board;
 }
 
+Board WorkstationBoard(unsigned int index) {
+    Board board = BoardAt(index, "Quadro RTX 5000", 0x1EB010DEU);
+    board.VbiosVersion = "90.04.4F.00.07";
+    board.Architecture = 6;
+    board.VramTotalBytes = 16 * kGiB;
+    board.Bar1TotalBytes = 256 * kMiB;
+    const std::vector<unsigned int> graphics = Steps(2100, 300, 15);
+    board.Clocks = {{7001, graphics}, {6501, graphics}, {5001, graphics}, {810, graphics}, {405, Steps(645, 300, 15)}};
+    board.IdlePowerMilliwatts = 11000;
+    board.PeakPowerMilliwatts = 250000;
+    board.DefaultPowerLimitMilliwatts = 230000;
+    board.MinimumPowerLimitMilliwatts = 125000;
+    board.MaximumPowerLimitMilliwatts = 230000;
+    board.FullLoadTemperatureC = 80;
+    board.SlowdownTemperatureC = 93;
+    board.ShutdownTemperatureC = 96;
+    board.MaxPcieGeneration = 3;
+    board.MaxPcieWidth = 16;
+    board.Load = Workload::Office;
+    board.Unsupported = {"nvmlDeviceSetMemoryLockedClocks"};
+    return board;
+}
+
 }  // namespace simulated_nvml

@@ -1,6 +1,5 @@
 #include "engine.h"
 
-#include <cstdio>
 #include <stdexcept>
 #include <thread>
 #include <utility>
@@ -75,7 +74,7 @@ Engine::Visit::~Visit() {
 
 NvmlReturn Engine::Initialize(EntryPoint name) {
     return SystemCall(name, {}, [this] {
-        if (InitCount == 0 && !bScripted && Boards.empty() && !TakeOverEnvironment()) return kUnknown;
+        if (InitCount == 0 && !bScripted && !StartFromEnvironment()) return kUnknown;
         if (InitCount++ == 0) ++Generation;
         return kSuccess;
     });
@@ -94,12 +93,20 @@ void Engine::NoteTextCall(EntryPoint name) {
     LogLine(std::string(kEntryPointNames[IndexOf(name)]) + "()");
 }
 
+bool Engine::StartFromEnvironment() {
+    if (Boards.empty() && !TakeOverEnvironment()) return false;
+    return KeptState == nullptr || KeptState->Start();
+}
+
 bool Engine::TakeOverEnvironment() {
     Environment environment;
     std::string problem;
     if (!ReadEnvironment(&environment, &problem)) {
-        std::fprintf(stderr, "Simulated NVML: %s\n", problem.c_str());
+        SayProblem(problem);
         return false;
+    }
+    if (!environment.StatePath.empty()) {
+        KeptState = std::make_unique<StateFile>(environment.StatePath, environment.Boards);
     }
     Wanted.Seed = environment.Seed;
     Wanted.bAdministrator = environment.bAdministrator;
@@ -113,6 +120,7 @@ void Engine::TakeOverScript() {
     // A script that wants no boards has said so.
     if (!bScripted && Boards.empty()) MakeBoards({DesktopBoard(0)});
     bScripted = true;
+    KeptState.reset();
 }
 
 void Engine::MakeBoards(std::vector<Board> boards) {
@@ -192,6 +200,14 @@ std::optional<NvmlReturn> Engine::CountAgainstRules(EntryPoint name, std::option
     return failure;
 }
 
+bool Engine::SpendLookup(EntryPoint name) {
+    std::optional<uint64_t>& left = Wanted.LookupsLeft[IndexOf(name)];
+    if (!left.has_value()) return true;
+    if (*left == 0) return false;
+    --*left;
+    return true;
+}
+
 bool Engine::SpendCall(unsigned int board) {
     const auto found = Wanted.CallsLeft.find(board);
     if (found == Wanted.CallsLeft.end()) return true;
@@ -216,9 +232,28 @@ BoardModel* Engine::FindBoard(NvmlDevice device) {
     return board.has_value() ? &Boards[*board] : nullptr;
 }
 
+NvmlReturn Engine::Change(BoardModel* board, const SettingsEdit& edit) {
+    if (!Wanted.bAdministrator) return kNoPermission;
+    // The next call about the board finds the change in the file.
+    if (KeptState != nullptr) return KeptState->Change(board->Identity(), edit);
+    BoardSettings settings = board->Settings();
+    const NvmlReturn result = edit(board->Identity(), &settings);
+    if (result == kSuccess) board->Apply(settings);
+    return result;
+}
+
+void Engine::BringToNow(BoardModel* board) {
+    if (KeptState != nullptr) board->Apply(KeptState->Now().Settings.at(board->Identity().Uuid));
+    board->AdvanceTo(ElapsedSeconds());
+}
+
 double Engine::ElapsedSeconds() const {
+    using Seconds = std::chrono::duration<double>;
     if (Wanted.HeldSeconds.has_value()) return *Wanted.HeldSeconds;
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - BoardsSince).count();
+    if (KeptState != nullptr) {
+        return Seconds(std::chrono::system_clock::now().time_since_epoch()).count() - KeptState->Latest().SinceSeconds;
+    }
+    return Seconds(std::chrono::steady_clock::now() - BoardsSince).count();
 }
 
 std::optional<EntryPoint> FindEntryPoint(const std::string& name) {

@@ -9,6 +9,7 @@
 #include <exception>
 #include <initializer_list>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -18,6 +19,7 @@
 #include "entry_point_list.h"
 #include "nvml_abi.h"
 #include "simulated_nvml.h"
+#include "state_file.h"
 
 namespace simulated_nvml {
 
@@ -32,7 +34,8 @@ struct FailureRule {
 /// What the script or the environment asks for; a default-constructed one asks for nothing.
 struct Script {
     bool bLibraryRemoved = false;
-    PerEntryPoint<bool> Hidden{};
+    /// Lookups that still find a name which is to be hidden.
+    PerEntryPoint<std::optional<uint64_t>> LookupsLeft{};
     PerEntryPoint<std::chrono::microseconds> Delays{};
     PerEntryPoint<int> ListChanges{};
     std::vector<FailureRule> Failures;
@@ -108,7 +111,7 @@ public:
             if (verdict != kSuccess && (board == nullptr || !WritesWhenFailing(name))) return verdict;
             if (board == nullptr) return kInvalidArgument;
             if (!board->Supports(name)) return kNotSupported;
-            board->AdvanceTo(ElapsedSeconds());
+            BringToNow(board);
             const NvmlReturn answer = body(*board);
             return verdict != kSuccess ? verdict : answer;
         });
@@ -116,6 +119,9 @@ public:
 
     /// A call that needs no NVML and cannot fail.
     void NoteTextCall(EntryPoint name);
+
+    /// Changes settings of a board that a call is about.
+    NvmlReturn Change(BoardModel* board, const SettingsEdit& edit);
 
     unsigned int BoardCount() const { return static_cast<unsigned int>(Boards.size()); }
 
@@ -127,6 +133,8 @@ public:
     /// The same boards from their first moment on.
     void RestartBoards();
     void ForgetInitialization();
+    /// Takes one of the lookups that a name has left. False: it is hidden.
+    bool SpendLookup(EntryPoint name);
     void AddMisuse(std::string sentence);
     /// Adds a line to the log where one is kept.
     void LogLine(const std::string& line);
@@ -184,16 +192,22 @@ private:
     }
     /// Takes one of the calls that a board has left. False: it is lost.
     bool SpendCall(unsigned int board);
+    /// Sets NVML up as the environment wants it. False: it makes no sense, and stderr says why.
+    bool StartFromEnvironment();
     bool TakeOverEnvironment();
 
     NvmlDevice HandleOf(unsigned int index) const;
     std::optional<unsigned int> BoardOf(NvmlDevice device) const;
     BoardModel* FindBoard(NvmlDevice device);
+    void BringToNow(BoardModel* board);
+    /// How long the boards have lived.
     double ElapsedSeconds() const;
 
     /// A script has taken over.
     bool bScripted = false;
     std::vector<BoardModel> Boards;
+    /// What outlives the process, where the environment names a file for it.
+    std::unique_ptr<StateFile> KeptState;
     std::chrono::steady_clock::time_point BoardsSince;
     /// Part of every handle: one more with each initialization and each new set of boards.
     uintptr_t Generation = 0;

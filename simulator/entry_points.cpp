@@ -165,26 +165,24 @@ NvmlReturn StoreClock(unsigned int* output, std::optional<unsigned int> clock) {
 
 // ---- Changes ----
 
-using ClockLock = void (BoardModel::*)(std::optional<BoardModel::ClockRange> range);
+using ClockLock = std::optional<ClockRange> BoardSettings::*;
 
-template <typename Change>
-NvmlReturn ChangeCall(EntryPoint name, NvmlDevice device, Arguments arguments, Change change) {
-    return Nvml().DeviceCall(name, device, arguments, [&](BoardModel& board) {
-        return Nvml().Wanted.bAdministrator ? change(board) : kNoPermission;
-    });
+NvmlReturn ChangeCall(EntryPoint name, NvmlDevice device, Arguments arguments, const SettingsEdit& edit) {
+    return Nvml().DeviceCall(name, device, arguments, [&](BoardModel& board) { return Nvml().Change(&board, edit); });
 }
 
 NvmlReturn LockCall(EntryPoint name, NvmlDevice device, unsigned int lowest, unsigned int highest, ClockLock lock) {
-    return ChangeCall(name, device, {lowest, highest}, [&](BoardModel& board) {
-        if (lowest > highest || highest == 0) return kInvalidArgument;
-        (board.*lock)(BoardModel::ClockRange{lowest, highest});
+    return ChangeCall(name, device, {lowest, highest}, [&](const Board&, BoardSettings* settings) {
+        const ClockRange range{lowest, highest};
+        if (!IsSensible(range)) return kInvalidArgument;
+        settings->*lock = range;
         return kSuccess;
     });
 }
 
 NvmlReturn UnlockCall(EntryPoint name, NvmlDevice device, ClockLock lock) {
-    return ChangeCall(name, device, {}, [&](BoardModel& board) {
-        (board.*lock)(std::nullopt);
+    return ChangeCall(name, device, {}, [&](const Board&, BoardSettings* settings) {
+        settings->*lock = std::nullopt;
         return kSuccess;
     });
 }
@@ -423,12 +421,10 @@ NVML_EXPORT NvmlReturn nvmlDeviceGetPowerManagementLimitConstraints(NvmlDevice d
 }
 
 NVML_EXPORT NvmlReturn nvmlDeviceSetPowerManagementLimit(NvmlDevice device, Milliwatts limit) {
-    return ChangeCall(EntryPoint::nvmlDeviceSetPowerManagementLimit, device, {limit}, [&](BoardModel& board) {
-        const Board& identity = board.Identity();
-        if (limit < identity.MinimumPowerLimitMilliwatts || limit > identity.MaximumPowerLimitMilliwatts) {
-            return kInvalidArgument;
-        }
-        board.SetPowerLimit(limit);
+    constexpr EntryPoint kName = EntryPoint::nvmlDeviceSetPowerManagementLimit;
+    return ChangeCall(kName, device, {limit}, [&](const Board& board, BoardSettings* settings) {
+        if (!AllowsPowerLimit(board, limit)) return kInvalidArgument;
+        settings->PowerLimitMilliwatts = limit;
         return kSuccess;
     });
 }
@@ -457,20 +453,19 @@ NVML_EXPORT NvmlReturn nvmlDeviceGetSupportedGraphicsClocks(NvmlDevice device, u
 }
 
 NVML_EXPORT NvmlReturn nvmlDeviceSetGpuLockedClocks(NvmlDevice device, unsigned int lowest, unsigned int highest) {
-    return LockCall(EntryPoint::nvmlDeviceSetGpuLockedClocks, device, lowest, highest, &BoardModel::LockGraphicsClocks);
+    return LockCall(EntryPoint::nvmlDeviceSetGpuLockedClocks, device, lowest, highest, &BoardSettings::GraphicsLock);
 }
 
 NVML_EXPORT NvmlReturn nvmlDeviceResetGpuLockedClocks(NvmlDevice device) {
-    return UnlockCall(EntryPoint::nvmlDeviceResetGpuLockedClocks, device, &BoardModel::LockGraphicsClocks);
+    return UnlockCall(EntryPoint::nvmlDeviceResetGpuLockedClocks, device, &BoardSettings::GraphicsLock);
 }
 
 NVML_EXPORT NvmlReturn nvmlDeviceSetMemoryLockedClocks(NvmlDevice device, unsigned int lowest, unsigned int highest) {
-    return LockCall(EntryPoint::nvmlDeviceSetMemoryLockedClocks, device, lowest, highest,
-                    &BoardModel::LockMemoryClocks);
+    return LockCall(EntryPoint::nvmlDeviceSetMemoryLockedClocks, device, lowest, highest, &BoardSettings::MemoryLock);
 }
 
 NVML_EXPORT NvmlReturn nvmlDeviceResetMemoryLockedClocks(NvmlDevice device) {
-    return UnlockCall(EntryPoint::nvmlDeviceResetMemoryLockedClocks, device, &BoardModel::LockMemoryClocks);
+    return UnlockCall(EntryPoint::nvmlDeviceResetMemoryLockedClocks, device, &BoardSettings::MemoryLock);
 }
 
 // ---- Processes: the same 24-byte records under every name ----

@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <iterator>
 #include <optional>
 
@@ -19,8 +21,11 @@ struct BoardKind {
     const char* Name;
     BoardMaker Make;
 };
-constexpr BoardKind kBoardKinds[] = {
-    {"desktop", DesktopBoard}, {"laptop", LaptopBoard}, {"datacenter", DataCenterBoard}, {"old", OldBoard}};
+constexpr BoardKind kBoardKinds[] = {{"desktop", DesktopBoard},
+                                     {"laptop", LaptopBoard},
+                                     {"datacenter", DataCenterBoard},
+                                     {"old", OldBoard},
+                                     {"workstation", WorkstationBoard}};
 
 std::optional<std::string> Variable(const char* name) {
     const char* value = std::getenv(name);
@@ -95,6 +100,14 @@ bool ReadRights(Environment* environment) {
     return !rights.has_value() || *rights == "user" || *rights == "admin";
 }
 
+bool ReadStatePath(Environment* environment) {
+    const std::optional<std::string> path = Variable("NVML_SIM_STATE");
+    if (!path.has_value()) return true;
+    // The client may change its working directory.
+    if (!path->empty()) environment->StatePath = std::filesystem::absolute(*path).string();
+    return !path->empty();
+}
+
 bool ReadLosses(Environment* environment) {
     const std::optional<std::string> losses = Variable("NVML_SIM_LOSE");
     if (!losses.has_value()) return true;
@@ -116,10 +129,12 @@ struct Setting {
 };
 /// Boards stand first: what is said of a board later must be about one that exists.
 constexpr Setting kSettings[] = {
-    {"NVML_SIM_BOARDS", ReadBoards, "a number from 1 to 64, or up to 64 of desktop, laptop, datacenter, old"},
+    {"NVML_SIM_BOARDS", ReadBoards,
+     "a number from 1 to 64, or up to 64 of desktop, laptop, datacenter, old, workstation"},
     {"NVML_SIM_SEED", ReadSeed, "a whole number"},
     {"NVML_SIM_DELAYS", ReadDelays, "realistic or none"},
     {"NVML_SIM_RIGHTS", ReadRights, "user or admin"},
+    {"NVML_SIM_STATE", ReadStatePath, "the path of a file"},
     {"NVML_SIM_LOSE", ReadLosses, "GPU@CALLS with the index of a simulated GPU, such as 1@500, once per GPU"},
 };
 
@@ -149,6 +164,10 @@ bool ReadEnvironment(Environment* environment, std::string* problem) {
         return false;
     }
     return true;
+}
+
+void SayProblem(const std::string& sentence) {
+    std::fprintf(stderr, "Simulated NVML: %s\n", sentence.c_str());
 }
 
 }  // namespace simulated_nvml

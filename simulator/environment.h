@@ -20,12 +20,18 @@ struct Environment {
     bool bRealisticDelays = false;
     /// NVML_SIM_RIGHTS=user takes the right to change settings away; default admin.
     bool bAdministrator = true;
+    /// NVML_SIM_STATE=FILE: where locked clocks and power limits are kept, so that they outlive the process and that
+    /// processes share them (state_file.h). By default they end with the process.
+    std::string StatePath;
     /// NVML_SIM_LOSE=GPU@CALLS, several separated by commas: after how many calls a board is lost.
     std::map<unsigned int, uint64_t> LostAfterCalls;
 };
 
 /// Reads all variables into `environment`. False when one makes no sense: `*problem` then says which and why.
 bool ReadEnvironment(Environment* environment, std::string* problem);
+
+/// Tells the user, on stderr, what is wrong with a variable or with what it names.
+void SayProblem(const std::string& sentence);
 
 }  // namespace simulated_nvml
 

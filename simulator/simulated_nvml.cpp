@@ -134,9 +134,10 @@ void SimulatedNvml::RemoveLibrary() {
     Wanted().bLibraryRemoved = true;
 }
 
-void SimulatedNvml::HideEntryPoint(const std::string& name) {
+void SimulatedNvml::HideEntryPoint(const std::string& name, uint64_t nthLookup) {
+    Require(nthLookup >= 1, "Lookups are counted from 1.");
     const auto lock = Scripting();
-    Wanted().Hidden[IndexOf(EntryPointOf(name))] = true;
+    Wanted().LookupsLeft[IndexOf(EntryPointOf(name))] = nthLookup - 1;
 }
 
 void SimulatedNvml::FailFrom(const std::string& name, unsigned int code, uint64_t nthCall,
@@ -264,7 +265,7 @@ bool SimulatedNvml::OnLookup(const char* name) {
     if (Seen().OpenLibraries == 0) engine.AddMisuse(lookup + " in a library that is not open.");
     const std::optional<EntryPoint> entryPoint = FindEntryPoint(name);
     if (!entryPoint.has_value()) engine.AddMisuse(lookup + ", a name that NVML does not have.");
-    return entryPoint.has_value() && !Wanted().Hidden[IndexOf(*entryPoint)];
+    return entryPoint.has_value() && engine.SpendLookup(*entryPoint);
 }
 
 void SimulatedNvml::OnClose() {

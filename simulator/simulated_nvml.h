@@ -127,6 +127,9 @@ SIMULATED_NVML_EXPORT Board DataCenterBoard(unsigned int index);
 /// An old card: no locked clocks, no power readings, few readings at all.
 SIMULATED_NVML_EXPORT Board OldBoard(unsigned int index);
 
+/// A workstation card: its graphics clocks can be locked, its memory clocks cannot.
+SIMULATED_NVML_EXPORT Board WorkstationBoard(unsigned int index);
+
 /// The one script of the simulator in this process.
 ///
 /// Operations throw `std::invalid_argument` for an entry point or a board that does not exist and for values that make
@@ -158,8 +161,8 @@ public:
 
     /// Makes the machine one without NVML.
     void RemoveLibrary();
-    /// Takes a name out of the library.
-    void HideEntryPoint(const std::string& name);
+    /// Takes a name out of the library, or lets only the lookups before the n-th from now on find it.
+    void HideEntryPoint(const std::string& name, uint64_t nthLookup = 1);
     /// From its n-th call on from now, `name` answers `code`, which is a failure, and writes nothing; on one board only
     /// if `board` is given.
     void FailFrom(const std::string& name, unsigned int code, uint64_t nthCall = 1,

@@ -4,6 +4,7 @@
 #include <stdlib.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 #include <sstream>
 #include <system_error>
@@ -24,7 +25,7 @@ bool IsBoardCount(const std::string& text) {
 }
 
 bool IsBoardKind(const std::string& text) {
-    return text == "desktop" || text == "laptop" || text == "datacenter" || text == "old";
+    return text == "desktop" || text == "laptop" || text == "datacenter" || text == "old" || text == "workstation";
 }
 
 bool IsBoardKindList(const std::string& text) {
@@ -54,7 +55,7 @@ fs::path SimulatorPath() {
 std::string SimulationError(const std::string& boards) {
     if (IsBoardCount(boards) || IsBoardKindList(boards)) return {};
     return "'" + boards +
-           "' is neither a number from 1 to 64 nor a list of kinds such as desktop,laptop,datacenter,old";
+           "' is neither a number from 1 to 64 nor a list of kinds such as desktop,laptop,datacenter,old,workstation";
 }
 
 void UseSimulatedNvml(const std::string& boards) {
@@ -66,4 +67,12 @@ void UseSimulatedNvml(const std::string& boards) {
     if (dlopen(path.c_str(), RTLD_LAZY | RTLD_LOCAL) == nullptr) {
         throw Failure(std::string("The simulated NVML cannot be loaded: ") + dlerror() + '.');
     }
+}
+
+std::string SimulationNotice(bool bChanges) {
+    std::string notice = "Simulated GPUs: readings do not come from hardware.";
+    if (bChanges && std::getenv("NVML_SIM_STATE") == nullptr) {
+        notice += " Changes vanish with this process; NVML_SIM_STATE=FILE keeps them.";
+    }
+    return notice + '\n';
 }
