@@ -38,3 +38,17 @@ void RequireGpu(const std::vector<GpuTelemetryHistory>& gpus, unsigned int index
     }
     throw Failure(sentence + '.', kExitUsage);
 }
+
+std::vector<GpuDeviceInfo> DiscoverGpus(std::optional<unsigned int> only, NvmlGpuMonitor* monitor) {
+    // The cheapest query is what starts NVML; its answer is not needed.
+    GpuPowerCapabilities ignored;
+    monitor->GetPowerCapabilities(0, &ignored);
+    RequireDriver(*monitor);
+    const std::vector<GpuTelemetryHistory> gpus = monitor->Snapshot();
+    if (only) RequireGpu(gpus, *only);
+    std::vector<GpuDeviceInfo> devices;
+    for (const GpuTelemetryHistory& gpu : gpus) {
+        if (only.value_or(gpu.Device.Index) == gpu.Device.Index) devices.push_back(gpu.Device);
+    }
+    return devices;
+}

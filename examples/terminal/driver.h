@@ -1,6 +1,7 @@
 #ifndef GPU_MONITOR_DRIVER_H
 #define GPU_MONITOR_DRIVER_H
 
+#include <optional>
 #include <vector>
 
 #include "nvml_gpu_monitor.h"
@@ -10,5 +11,9 @@ void RequireDriver(const NvmlGpuMonitor& monitor);
 
 /// Throws `Failure` unless one of `gpus` has this NVML index.
 void RequireGpu(const std::vector<GpuTelemetryHistory>& gpus, unsigned int index);
+
+/// Starts NVML without the sampler. Result: every GPU or, with `only`, the one with that index; at least one. Throws
+/// `Failure`.
+std::vector<GpuDeviceInfo> DiscoverGpus(std::optional<unsigned int> only, NvmlGpuMonitor* monitor);
 
 #endif  // GPU_MONITOR_DRIVER_H

@@ -8,10 +8,14 @@
 
 // Exit statuses of the program, listed in its help too.
 constexpr int kExitSuccess = 0;
-/// No usable driver or GPU, a reading that failed, or output that could not be written.
+/// No usable driver or GPU, a reading or change that failed, or output that could not be written.
 constexpr int kExitFailure = 1;
 /// An unknown option or command, a bad value, or a GPU index that does not exist.
 constexpr int kExitUsage = 2;
+/// A change that the driver refuses this user.
+constexpr int kExitNoPermission = 3;
+/// A change that the driver or the GPU does not have, clocks that are not listed, or a limit outside the range.
+constexpr int kExitUnsupported = 4;
 
 /// Ends the program with one sentence for the user and an exit status.
 class Failure : public std::runtime_error {

@@ -39,6 +39,15 @@ void AddIdentity(const GpuDeviceInfo& device, Json* json) {
     }
 }
 
+/// As much of a GPU's identity as tells which one it is.
+Json ShortIdentity(const GpuDeviceInfo& device) {
+    Json json;
+    json["index"] = device.Index;
+    json["name"] = device.Name;
+    if (!device.Uuid.empty()) json["uuid"] = device.Uuid;
+    return json;
+}
+
 void AddReadings(const GpuTelemetrySample& sample, Json* json) {
     (*json)["time"] = UtcTime(sample.TimestampSeconds);
     (*json)["timestamp_seconds"] = sample.TimestampSeconds;
@@ -58,7 +67,42 @@ Json ProcessList(std::vector<GpuProcessMemory> processes) {
     return list;
 }
 
-/// The object that `list` and `sample` print: `gpus` and what all GPUs share.
+void AddIfRead(const char* key, int megahertz, Json* json) {
+    if (megahertz >= 0) (*json)[key] = megahertz;
+}
+
+Json ClockGroupList(const std::vector<GpuClockPair>& pairs) {
+    Json list = Json::array();
+    for (const auto& [memoryClock, graphicsClocks] : GroupByMemoryClock(pairs)) {
+        list.push_back({{"memory_clock_mhz", memoryClock}, {"graphics_clocks_mhz", graphicsClocks}});
+    }
+    return list;
+}
+
+const char* StateWord(GpuCapabilityState state) {
+    switch (state) {
+        case GpuCapabilityState::Supported: return "supported";
+        case GpuCapabilityState::Unsupported: return "unsupported";
+        case GpuCapabilityState::PermissionRequired: return "permission_required";
+        case GpuCapabilityState::DriverLimitation: return "driver_limitation";
+        case GpuCapabilityState::Unavailable: break;
+    }
+    return "unavailable";
+}
+
+struct PowerValue {
+    const char* Key;
+    double GpuPowerCapabilities::*Watts;
+};
+
+constexpr PowerValue kPowerValues[] = {
+    {"current_watts", &GpuPowerCapabilities::CurrentWatts},
+    {"default_watts", &GpuPowerCapabilities::DefaultWatts},
+    {"minimum_watts", &GpuPowerCapabilities::MinimumWatts},
+    {"maximum_watts", &GpuPowerCapabilities::MaximumWatts},
+};
+
+/// The object that a query prints: `gpus` and what all GPUs share.
 Json Document(const std::string& driverVersion, Json gpus) {
     Json document = Json::object();
     if (!driverVersion.empty()) document["driver_version"] = driverVersion;
@@ -86,11 +130,34 @@ std::string SampleJson(const std::string& driverVersion, const std::vector<GpuRe
 
 std::string StreamJson(const GpuDeviceInfo& device, const GpuTelemetrySample& sample,
                        const std::vector<GpuProcessMemory>* processes) {
-    Json json;
-    json["index"] = device.Index;
-    json["name"] = device.Name;
-    if (!device.Uuid.empty()) json["uuid"] = device.Uuid;
+    Json json = ShortIdentity(device);
     AddReadings(sample, &json);
     if (processes != nullptr) json["processes"] = ProcessList(*processes);
     return Line(json, kOneLine);
+}
+
+std::string ClocksJson(const std::string& driverVersion, const std::vector<GpuClocks>& gpus) {
+    Json list = Json::array();
+    for (const auto& [device, capabilities] : gpus) {
+        Json& json = list.emplace_back(ShortIdentity(device));
+        json["can_control"] = capabilities.CanControl;
+        json["status"] = capabilities.Status;
+        AddIfRead("graphics_clock_mhz", capabilities.CurrentGraphicsClockMHz, &json);
+        AddIfRead("memory_clock_mhz", capabilities.CurrentMemoryClockMHz, &json);
+        json["supported"] = ClockGroupList(capabilities.SupportedPairs);
+    }
+    return Line(Document(driverVersion, std::move(list)), kIndent);
+}
+
+std::string PowerJson(const std::string& driverVersion, const std::vector<GpuPower>& gpus) {
+    Json list = Json::array();
+    for (const auto& [device, capabilities] : gpus) {
+        Json& json = list.emplace_back(ShortIdentity(device));
+        json["state"] = StateWord(capabilities.State);
+        json["status"] = capabilities.Status;
+        for (const auto& [key, watts] : kPowerValues) {
+            if (capabilities.*watts >= 0.0) json[key] = capabilities.*watts;
+        }
+    }
+    return Line(Document(driverVersion, std::move(list)), kIndent);
 }

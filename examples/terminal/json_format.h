@@ -14,6 +14,12 @@ std::string ListJson(const std::string& driverVersion, const std::vector<GpuDevi
 /// One object with identity and reading of every GPU in `gpus`, which may be empty.
 std::string SampleJson(const std::string& driverVersion, const std::vector<GpuReading>& gpus);
 
+/// One object with the clocks of every GPU in `gpus`, which may be empty.
+std::string ClocksJson(const std::string& driverVersion, const std::vector<GpuClocks>& gpus);
+
+/// One object with the power limit of every GPU in `gpus`, which may be empty.
+std::string PowerJson(const std::string& driverVersion, const std::vector<GpuPower>& gpus);
+
 /// One sample of one GPU as one line, with the GPU's processes unless `processes` is null.
 std::string StreamJson(const GpuDeviceInfo& device, const GpuTelemetrySample& sample,
                        const std::vector<GpuProcessMemory>* processes);

@@ -1,7 +1,5 @@
-// gpu_monitor: what the NVIDIA GPUs of this machine are doing, once or continuously, for people and for programs.
-//
-// Exit status: 0 success; 1 no usable driver or GPU, a reading that failed or output that could not be written; 2 wrong
-// usage, which includes a GPU index that does not exist.
+// gpu_monitor: what the NVIDIA GPUs of this machine are doing, once or continuously, for people and for programs, and
+// changes of their clocks and power limits. The exit statuses stand in failure.h.
 
 #include <fcntl.h>
 #include <signal.h>
@@ -11,17 +9,21 @@
 #include <chrono>
 #include <cstddef>
 #include <exception>
+#include <functional>
 #include <iostream>
 #include <optional>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "failure.h"
+#include "nvml_gpu_monitor.h"
 #include "one_shot.h"
 #include "output.h"
 #include "simulate.h"
 #include "stream.h"
+#include "tuning.h"
 
 namespace {
 
@@ -33,95 +35,181 @@ constexpr const char* kFooter =
     "  gpu_monitor stream                            a line per GPU and second\n"
     "  gpu_monitor stream --interval 100 --count 600 --json > minute.jsonl\n"
     "  gpu_monitor stream --simulate=desktop,laptop  without any GPU\n"
+    "  gpu_monitor clocks --gpu 0                    which clocks can be locked\n"
+    "  sudo gpu_monitor lock-clocks --gpu 0 1500 5001\n"
+    "  sudo gpu_monitor reset-clocks                 release the locks of every GPU\n"
+    "  gpu_monitor power                             power limits and their ranges\n"
+    "  sudo gpu_monitor set-power --gpu 0 250.5\n"
+    "  sudo gpu_monitor reset-power --gpu 0          back to the board's default\n"
+    "\n"
+    "Locked clocks and power limits outlast the program and act on all programs.\n"
     "\n"
     "Exit status:\n"
     "  0  success\n"
-    "  1  no usable driver or GPU, a reading that failed, or output that could not be written\n"
-    "  2  wrong usage: an unknown option or command, a bad value, or a GPU that does not exist\n";
+    "  1  no usable driver or GPU, a reading or change that failed, or output that\n"
+    "     could not be written\n"
+    "  2  wrong usage: an unknown option or command, a bad value, or a GPU that does\n"
+    "     not exist\n"
+    "  3  no permission for a change\n"
+    "  4  a change that is not supported: a driver or GPU without the control, clocks\n"
+    "     that are not listed, or a power limit outside the range\n";
 
 constexpr size_t kHelpColumn = 24;
 constexpr int kMaxCount = 1000000000;
+constexpr int kMaxClockMHz = 1000000;
 
-/// What the command line asks for.
+/// What the command line asks for. Commands of a kind share their options, because only one command is given.
 struct CommandLine {
     std::optional<std::string> SimulatedBoards;
-    bool bListJson = false;
-    SampleOptions Sample;
-    int IntervalMs = 1000;
+    QueryOptions Query;
     StreamOptions Stream;
-    const CLI::App* List = nullptr;
-    const CLI::App* SampleCommand = nullptr;
+    int IntervalMs = 1000;
+    TuningOptions Tuning;
+    GpuClockPair Clocks;
+    double Watts = 0.0;
+    /// The command that was given. Result: the exit status.
+    std::function<int()> Run;
+    bool bChanges = false;
 };
 
 std::string UsageMessage(const CLI::App* app, const CLI::Error& error) {
     std::string problem = error.what();
     // A misspelt command counts as a missing one, which would not help whoever misspelt it.
     const std::vector<std::string> unexpected = app->remaining();
-    if (error.get_name() == "RequiredError" && !unexpected.empty()) problem = "Not a command: " + unexpected.front();
+    const bool bNoCommand = error.get_name() == "RequiredError" && app->get_subcommands().empty();
+    if (bNoCommand && !unexpected.empty()) problem = "Not a command: " + unexpected.front();
     return problem + ". Run gpu_monitor --help for usage.\n";
+}
+
+/// Empty when `text` is a plain decimal number. What else would pass for one, infinity for example, is no limit.
+std::string DecimalError(const std::string& text) {
+    const bool bDecimal = !text.empty() && text.find_first_not_of("0123456789.") == std::string::npos;
+    return bDecimal ? "" : "'" + text + "' is not a decimal number";
+}
+
+/// Adds a command that ends with `run`.
+CLI::App* AddCommand(CLI::App* app, CommandLine* commandLine, const char* name, const char* description,
+                     std::function<int()> run) {
+    CLI::App* command = app->add_subcommand(name, description);
+    command->final_callback([commandLine, run = std::move(run)] { commandLine->Run = run; });
+    return command;
 }
 
 void AddGpuOption(CLI::App* command, std::optional<unsigned int>* gpu) {
     command->add_option("--gpu", *gpu, "Only the GPU with this index")->type_name("N");
 }
 
-void AddSample(CLI::App* app, CommandLine* commandLine) {
-    CLI::App* sample = app->add_subcommand("sample", "Read every GPU once and show all readings");
-    AddGpuOption(sample, &commandLine->Sample.Gpu);
-    sample->add_flag("--json", commandLine->Sample.bJson, "Print one JSON object");
-    commandLine->SampleCommand = sample;
+/// Adds a command that shows something once.
+void AddQuery(CLI::App* app, CommandLine* commandLine, const char* name, const char* description,
+              int (*run)(const QueryOptions&)) {
+    CLI::App* query =
+        AddCommand(app, commandLine, name, description, [commandLine, run] { return run(commandLine->Query); });
+    AddGpuOption(query, &commandLine->Query.Gpu);
+    query->add_flag("--json", commandLine->Query.bJson, "Print one JSON object");
+}
+
+int RunStreamCommand(CommandLine* commandLine) {
+    commandLine->Stream.Interval = std::chrono::milliseconds(commandLine->IntervalMs);
+    RunStream(commandLine->Stream);
+    return kExitSuccess;
+}
+
+/// Leaves the bounds to the description of the option: with them twice, it would not fit its line of the help.
+CLI::Validator InRange(int lowest, int highest) {
+    return CLI::Range(lowest, highest).description("");
 }
 
 void AddStream(CLI::App* app, CommandLine* commandLine) {
-    CLI::App* stream = app->add_subcommand("stream", "Show a line per GPU and sampling cycle until Ctrl-C");
+    CLI::App* stream = AddCommand(app, commandLine, "stream", "Show a line per GPU and sampling cycle until Ctrl-C",
+                                  [commandLine] { return RunStreamCommand(commandLine); });
     AddGpuOption(stream, &commandLine->Stream.Gpu);
     stream->add_option("--interval", commandLine->IntervalMs, "Wait between two cycles, 100 to 10000 milliseconds")
         ->type_name("MS")
-        ->check(CLI::Range(100, 10000))
+        ->check(InRange(100, 10000))
         ->capture_default_str();
     stream->add_option("--count", commandLine->Stream.Count, "End after this many cycles")
         ->type_name("N")
-        ->check(CLI::Range(1, kMaxCount));
+        ->check(InRange(1, kMaxCount));
     stream->add_flag("--json", commandLine->Stream.bJson, "Print JSON Lines: one object per line");
+}
+
+/// Adds a command that changes GPUs.
+CLI::App* AddChange(CLI::App* app, CommandLine* commandLine, const char* name, const char* description,
+                    std::function<int()> run) {
+    CLI::App* change = AddCommand(app, commandLine, name, description, std::move(run));
+    change->parse_complete_callback([commandLine] { commandLine->bChanges = true; });
+    return change;
+}
+
+/// A value for several GPUs, which differ, would be a mistake as a rule.
+void RequireGpuOption(CLI::App* change, CommandLine* commandLine) {
+    change->add_option("--gpu", commandLine->Tuning.Gpu, "The GPU with this index")->type_name("N")->required();
+}
+
+void AddClock(CLI::App* lock, const char* name, const char* description, int* megahertz) {
+    lock->add_option(name, *megahertz, description)->type_name("")->required()->check(InRange(1, kMaxClockMHz));
+}
+
+void AddClockChanges(CLI::App* app, CommandLine* commandLine) {
+    CLI::App* lock = AddChange(app, commandLine, "lock-clocks", "Lock the clocks of a GPU to one listed pair",
+                               [commandLine] { return RunLockClocks(commandLine->Tuning, commandLine->Clocks); });
+    RequireGpuOption(lock, commandLine);
+    AddClock(lock, "GRAPHICS", "Graphics clock, MHz", &commandLine->Clocks.GraphicsClockMHz);
+    AddClock(lock, "MEMORY", "Memory clock, MHz", &commandLine->Clocks.MemoryClockMHz);
+    CLI::App* reset = AddChange(app, commandLine, "reset-clocks", "Release locked clocks, of every GPU or one",
+                                [commandLine] { return RunResetClocks(commandLine->Tuning); });
+    AddGpuOption(reset, &commandLine->Tuning.Gpu);
+}
+
+void AddPowerChanges(CLI::App* app, CommandLine* commandLine) {
+    CLI::App* set = AddChange(app, commandLine, "set-power", "Set the power limit of a GPU",
+                              [commandLine] { return RunSetPower(commandLine->Tuning, commandLine->Watts); });
+    RequireGpuOption(set, commandLine);
+    set->add_option("WATTS", commandLine->Watts, "Power limit, W, to the milliwatt")
+        ->type_name("")
+        ->required()
+        ->check(DecimalError);
+    CLI::App* reset = AddChange(app, commandLine, "reset-power", "Set the default power limit, of every GPU or one",
+                                [commandLine] { return RunResetPower(commandLine->Tuning); });
+    AddGpuOption(reset, &commandLine->Tuning.Gpu);
 }
 
 void Describe(CLI::App* app, CommandLine* commandLine) {
     // Commands inherit what is set before they are added.
     app->get_formatter()->column_width(kHelpColumn);
-    app->footer(kFooter);
     app->failure_message(UsageMessage);
     app->fallthrough();
     app->require_subcommand(1);
     app->set_version_flag("--version", std::string("gpu_monitor ") + GPU_MONITOR_VERSION);
     app->add_option("--simulate", commandLine->SimulatedBoards,
-                    "Simulate N GPUs or kinds: desktop,laptop,datacenter,old")
+                    "Simulate N GPUs or kinds: desktop,laptop,\ndatacenter,old,workstation")
         ->type_name("[N]")
         ->expected(0, 1)
         ->default_str("1")
         ->check(SimulationError);
 
-    CLI::App* list = app->add_subcommand("list", "Show which GPUs there are");
-    list->add_flag("--json", commandLine->bListJson, "Print one JSON object");
-    commandLine->List = list;
-    AddSample(app, commandLine);
+    AddQuery(app, commandLine, "list", "Show which GPUs there are", RunList);
+    AddQuery(app, commandLine, "sample", "Read every GPU once and show all readings", RunSample);
     AddStream(app, commandLine);
+    AddQuery(app, commandLine, "clocks", "Show the clocks and which can be locked", RunClocks);
+    AddClockChanges(app, commandLine);
+    AddQuery(app, commandLine, "power", "Show the power limits and their ranges", RunPower);
+    AddPowerChanges(app, commandLine);
+    // Last, so that the help of a command stays short.
+    app->footer(kFooter);
 }
 
-int RunCommand(const CommandLine& commandLine) {
-    if (commandLine.SimulatedBoards) {
-        UseSimulatedNvml(*commandLine.SimulatedBoards);
-        std::cerr << "Simulated GPUs: readings do not come from hardware.\n";
+int RunCommand(CommandLine* commandLine) {
+    if (const std::optional<std::string>& boards = commandLine->SimulatedBoards) {
+        UseSimulatedNvml(*boards);
+        std::cerr << SimulationNotice(commandLine->bChanges);
+        commandLine->Tuning.SimulateOption = "--simulate=" + *boards;
     }
-    if (commandLine.List->parsed()) return RunList(commandLine.bListJson);
-    if (commandLine.SampleCommand->parsed()) return RunSample(commandLine.Sample);
-    StreamOptions stream = commandLine.Stream;
-    stream.Interval = std::chrono::milliseconds(commandLine.IntervalMs);
-    RunStream(stream);
-    return kExitSuccess;
+    return commandLine->Run();
 }
 
 int Run(int argc, char** argv) {
-    CLI::App app("Shows what the NVIDIA GPUs of this machine are doing.", "gpu_monitor");
+    CLI::App app("Shows what the NVIDIA GPUs of this machine are doing, and tunes them.", "gpu_monitor");
     CommandLine commandLine;
     Describe(&app, &commandLine);
     try {
@@ -132,7 +220,7 @@ int Run(int argc, char** argv) {
         WriteOutput(help.str());
         return status == 0 ? kExitSuccess : kExitUsage;
     }
-    return RunCommand(commandLine);
+    return RunCommand(&commandLine);
 }
 
 /// Sees to it that a standard stream which is closed does not become a file that is opened later. Read-only, so that

@@ -11,53 +11,65 @@
 #include "nvml_gpu_monitor.h"
 #include "output.h"
 #include "text_format.h"
+#include "text_layout.h"
+#include "tuning_format.h"
 
 namespace {
 
-/// Starts NVML without the sampler. Result: every GPU, at least one.
-std::vector<GpuTelemetryHistory> DiscoverGpus(NvmlGpuMonitor* monitor) {
-    // A first reading is what starts NVML; its values are not needed.
-    GpuTelemetrySample sample;
-    monitor->ReadCurrentSample(&sample);
-    RequireDriver(*monitor);
-    return monitor->Snapshot();
-}
+/// How answers are shown.
+template <typename Answer>
+struct Formats {
+    std::string (*Json)(const std::string& driverVersion, const std::vector<Answer>& gpus);
+    std::string (*Text)(const std::vector<Answer>& gpus, size_t width);
+};
 
-/// Reads the wanted GPUs. One that does not answer is named on standard error and left out.
-std::vector<GpuReading> ReadGpus(const std::vector<GpuTelemetryHistory>& gpus, const SampleOptions& options,
-                                 NvmlGpuMonitor* monitor) {
-    std::vector<GpuReading> readings;
-    for (const GpuTelemetryHistory& gpu : gpus) {
-        const unsigned int index = gpu.Device.Index;
-        if (options.Gpu.value_or(index) != index) continue;
-        GpuReading reading{gpu.Device, {}};
-        monitor->ReadCurrentSample(index, &reading.Sample);
-        if (HasAnyReading(reading.Sample)) {
-            readings.push_back(std::move(reading));
+/// Asks the wanted GPUs and prints their answers. `ask` fills the answer of one GPU; it gives back what is wrong with a
+/// GPU that does not answer, which is told on standard error. Result: the exit status.
+template <typename Answer, typename Ask>
+int RunQuery(const QueryOptions& options, const Formats<Answer>& formats, Ask ask) {
+    NvmlGpuMonitor monitor;
+    const std::vector<GpuDeviceInfo> devices = DiscoverGpus(options.Gpu, &monitor);
+    std::vector<Answer> answers;
+    for (const GpuDeviceInfo& device : devices) {
+        Answer answer{device, {}};
+        const std::string problem = ask(&monitor, &answer);
+        if (problem.empty()) {
+            answers.push_back(std::move(answer));
         } else {
-            std::cerr << "GPU " << index << " (" << gpu.Device.Name << ") gave no reading.\n";
+            std::cerr << GpuInSentence(device) << problem << '\n';
         }
     }
-    return readings;
+    WriteOutput(options.bJson ? formats.Json(devices.front().DriverVersion, answers)
+                              : formats.Text(answers, OutputWidth()));
+    return answers.size() == devices.size() ? kExitSuccess : kExitFailure;
 }
 
 }  // namespace
 
-int RunList(bool bJson) {
+int RunList(const QueryOptions& options) {
     NvmlGpuMonitor monitor;
-    std::vector<GpuDeviceInfo> devices;
-    for (GpuTelemetryHistory& gpu : DiscoverGpus(&monitor)) devices.push_back(std::move(gpu.Device));
-    WriteOutput(bJson ? ListJson(devices.front().DriverVersion, devices) : ListText(devices));
+    const std::vector<GpuDeviceInfo> devices = DiscoverGpus(options.Gpu, &monitor);
+    WriteOutput(options.bJson ? ListJson(devices.front().DriverVersion, devices) : ListText(devices));
     return kExitSuccess;
 }
 
-int RunSample(const SampleOptions& options) {
-    NvmlGpuMonitor monitor;
-    const std::vector<GpuTelemetryHistory> gpus = DiscoverGpus(&monitor);
-    if (options.Gpu) RequireGpu(gpus, *options.Gpu);
-    const size_t wanted = options.Gpu ? 1 : gpus.size();
-    const std::vector<GpuReading> readings = ReadGpus(gpus, options, &monitor);
-    const std::string& driverVersion = gpus.front().Device.DriverVersion;
-    WriteOutput(options.bJson ? SampleJson(driverVersion, readings) : SampleText(readings, OutputWidth()));
-    return readings.size() == wanted ? kExitSuccess : kExitFailure;
+int RunSample(const QueryOptions& options) {
+    return RunQuery<GpuReading>(options, {SampleJson, SampleText}, [](NvmlGpuMonitor* monitor, GpuReading* gpu) {
+        monitor->ReadCurrentSample(gpu->Device.Index, &gpu->Sample);
+        return std::string(HasAnyReading(gpu->Sample) ? "" : " gave no reading.");
+    });
+}
+
+int RunClocks(const QueryOptions& options) {
+    return RunQuery<GpuClocks>(options, {ClocksJson, ClocksText}, [](NvmlGpuMonitor* monitor, GpuClocks* gpu) {
+        const bool bAnswered = monitor->GetClockCapabilities(gpu->Device.Index, &gpu->Capabilities);
+        return bAnswered ? std::string() : ": " + gpu->Capabilities.Status;
+    });
+}
+
+int RunPower(const QueryOptions& options) {
+    return RunQuery<GpuPower>(options, {PowerJson, PowerText}, [](NvmlGpuMonitor* monitor, GpuPower* gpu) {
+        const bool bAnswered = monitor->GetPowerCapabilities(gpu->Device.Index, &gpu->Capabilities);
+        return bAnswered ? std::string() : ": " + gpu->Capabilities.Status;
+    });
 }

@@ -3,17 +3,25 @@
 
 #include <optional>
 
-struct SampleOptions {
-    /// NVML index of the only GPU to read.
+struct QueryOptions {
+    /// NVML index of the only GPU to ask.
     std::optional<unsigned int> Gpu;
     bool bJson = false;
 };
 
-/// Prints the identity of every GPU. Result: the exit status. Throws `Failure`.
-int RunList(bool bJson);
+// Each asks the wanted GPUs once and prints what they answer. Result: the exit status, which is a failure when a GPU
+// did not answer. Throws `Failure`.
 
-/// Reads every GPU once, or one of them, and prints the readings. Result: the exit status, which is a failure when a
-/// GPU could not be read. Throws `Failure`.
-int RunSample(const SampleOptions& options);
+/// The identity of the GPUs.
+int RunList(const QueryOptions& options);
+
+/// All readings.
+int RunSample(const QueryOptions& options);
+
+/// The clocks that run, and those that can be locked.
+int RunClocks(const QueryOptions& options);
+
+/// The power limit and its range.
+int RunPower(const QueryOptions& options);
 
 #endif  // GPU_MONITOR_ONE_SHOT_H

@@ -67,7 +67,9 @@ Json LimitMask(const GpuTelemetrySample& sample) {
     return sample.PerformanceLimitReasons == 0 ? Json() : Json(sample.PerformanceLimitReasons);
 }
 
-Json LimitWords(const GpuTelemetrySample& sample) {
+}  // namespace
+
+Json PerformanceLimits(const GpuTelemetrySample& sample) {
     Json words;
     uint64_t unknown = sample.PerformanceLimitReasons;
     for (const LimitReason& reason : kLimitReasons) {
@@ -77,8 +79,6 @@ Json LimitWords(const GpuTelemetrySample& sample) {
     if (unknown != 0) words.push_back(Hexadecimal(unknown));
     return words;
 }
-
-}  // namespace
 
 const std::vector<Reading>& Readings() {
     using S = GpuTelemetrySample;
@@ -111,7 +111,7 @@ const std::vector<Reading>& Readings() {
          1},
         {"frame_time_ms", "Frame time", "ms", Decimal<&S::FrameTimeMs>, nullptr, 0, 2},
         {"performance_limit_reasons", nullptr, "", LimitMask},
-        {"performance_limits", "Limited by", "", LimitWords, "limited by", 21},
+        {"performance_limits", "Limited by", "", PerformanceLimits, "limited by", 21},
     };
     // clang-format on
     return kReadings;
@@ -137,4 +137,10 @@ bool HasAnyReading(const GpuTelemetrySample& sample) {
     gpuOnly.FrameTimeMs = -1.0;
     const auto isRead = [&gpuOnly](const Reading& reading) { return !reading.Get(gpuOnly).is_null(); };
     return std::any_of(Readings().begin(), Readings().end(), isRead);
+}
+
+ClockGroups GroupByMemoryClock(const std::vector<GpuClockPair>& pairs) {
+    ClockGroups groups;
+    for (const GpuClockPair& pair : pairs) groups[pair.MemoryClockMHz].push_back(pair.GraphicsClockMHz);
+    return groups;
 }

@@ -1,6 +1,8 @@
 #ifndef GPU_MONITOR_READINGS_H
 #define GPU_MONITOR_READINGS_H
 
+#include <functional>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <vector>
 
@@ -44,6 +46,21 @@ struct GpuReading {
     GpuTelemetrySample Sample;
 };
 
+/// What the driver tells about the clocks of one GPU.
+struct GpuClocks {
+    GpuDeviceInfo Device;
+    GpuClockCapabilities Capabilities;
+};
+
+/// What the driver tells about the power limit of one GPU.
+struct GpuPower {
+    GpuDeviceInfo Device;
+    GpuPowerCapabilities Capabilities;
+};
+
+/// Graphics clocks in ascending order for each memory clock, the highest memory clock first. MHz.
+using ClockGroups = std::map<int, std::vector<int>, std::greater<>>;
+
 /// Every reading, in the order of output.
 const std::vector<Reading>& Readings();
 
@@ -52,5 +69,11 @@ const std::vector<IdentityField>& IdentityFields();
 
 /// False when nothing at all could be read: the GPU did not answer.
 bool HasAnyReading(const GpuTelemetrySample& sample);
+
+/// What limits the clocks, a word or two each; null when nothing does.
+Json PerformanceLimits(const GpuTelemetrySample& sample);
+
+/// `pairs` in the order in which the monitor gives them, in groups.
+ClockGroups GroupByMemoryClock(const std::vector<GpuClockPair>& pairs);
 
 #endif  // GPU_MONITOR_READINGS_H

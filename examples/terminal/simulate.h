@@ -12,4 +12,7 @@ std::string SimulationError(const std::string& boards);
 /// environment variable.
 void UseSimulatedNvml(const std::string& boards);
 
+/// What the user of simulated GPUs should know, as a line; `bChanges`: the command changes them.
+std::string SimulationNotice(bool bChanges);
+
 #endif  // GPU_MONITOR_SIMULATE_H

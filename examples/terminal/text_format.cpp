@@ -1,12 +1,10 @@
 #include "text_format.h"
 
 #include <algorithm>
-#include <iomanip>
-#include <sstream>
+
+#include "text_layout.h"
 
 namespace {
-
-constexpr const char* kNotRead = "-";
 
 // Four GPUs fit a line of 80.
 constexpr int kLabelWidth = 19;
@@ -16,24 +14,6 @@ constexpr int kGap = 2;
 
 constexpr int kTimeWidth = 8;
 constexpr int kIndexWidth = 3;
-
-std::string Number(double value, int decimals) {
-    std::ostringstream text;
-    text << std::fixed << std::setprecision(decimals) << value;
-    return text.str();
-}
-
-std::string Left(const std::string& text, int width) {
-    std::ostringstream padded;
-    padded << std::left << std::setw(width) << text;
-    return padded.str();
-}
-
-std::string Right(const std::string& text, int width) {
-    std::ostringstream padded;
-    padded << std::setw(width) << text;
-    return padded.str();
-}
 
 /// The first `count` of `words`.
 std::string Joined(const Json& words, size_t count) {
@@ -58,19 +38,6 @@ std::string Shortened(const Json& words, size_t width) {
     return text;
 }
 
-/// Breaks `text` into lines of at most `width`, between words where it can.
-std::vector<std::string> Wrapped(std::string text, size_t width) {
-    std::vector<std::string> lines;
-    while (text.size() > width) {
-        const size_t space = text.rfind(' ', width);
-        const bool bBetweenWords = space != std::string::npos && space > 0;
-        lines.push_back(text.substr(0, bBetweenWords ? space : width));
-        text.erase(0, bBetweenWords ? space + 1 : width);
-    }
-    lines.push_back(text);
-    return lines;
-}
-
 using GpuIterator = std::vector<GpuReading>::const_iterator;
 
 /// One row of one block; takes several lines when a cell does.
@@ -93,15 +60,11 @@ std::string TableRow(const Reading& reading, GpuIterator first, GpuIterator last
     return text;
 }
 
-std::string GpuName(const GpuDeviceInfo& device) {
-    return "GPU " + std::to_string(device.Index);
-}
-
 std::string TableBlock(GpuIterator first, GpuIterator last) {
     std::string names;
     std::string headings(kLabelWidth + kGap + kUnitWidth, ' ');
     for (auto gpu = first; gpu != last; ++gpu) {
-        names += GpuName(gpu->Device) + ": " + gpu->Device.Name + '\n';
+        names += GpuTitle(gpu->Device) + '\n';
         headings += Right(GpuName(gpu->Device), kGap + kCellWidth);
     }
     std::string text = names + '\n' + headings + '\n';
@@ -168,4 +131,8 @@ std::string StreamHeading() {
 std::string StreamText(const GpuDeviceInfo& device, const GpuTelemetrySample& sample, double seconds) {
     return StreamLine(Number(seconds, 1), std::to_string(device.Index),
                       [&sample](const Reading& reading) { return StreamCell(reading, sample); });
+}
+
+std::string LimitText(const GpuTelemetrySample& sample) {
+    return ValueText(PerformanceLimits(sample), 0, 1.0);
 }

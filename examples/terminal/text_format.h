@@ -21,4 +21,7 @@ std::string StreamHeading();
 /// One sample of one GPU as a line of the stream, taken `seconds` after its start.
 std::string StreamText(const GpuDeviceInfo& device, const GpuTelemetrySample& sample, double seconds);
 
+/// What limits the clocks, in the words of the table and the stream, without a line break.
+std::string LimitText(const GpuTelemetrySample& sample);
+
 #endif  // GPU_MONITOR_TEXT_FORMAT_H
