@@ -44,6 +44,18 @@ TEST(ArchitectureNameTest, NamesEveryKnownCodeAndNoOther) {
     EXPECT_EQ(ArchitectureName(UINT32_MAX), std::string("Unknown"));
 }
 
+TEST(SetClockErrorTest, HasATextForANullMessageOnly) {
+    std::string error = "a text of before";
+    SetClockError(&error, nullptr);
+    EXPECT_EQ(error, "NVML clock operation failed");
+    SetClockError(&error, "");
+    EXPECT_EQ(error, "");
+}
+
+TEST(CountQuerySucceededTest, TakesARoomThatIsTooSmallForAnAnswer) {
+    for (NvmlReturn code = 0; code < 1000; ++code) EXPECT_EQ(CountQuerySucceeded(code), code == 0 || code == 7) << code;
+}
+
 TEST(MergeProcessMemoryTest, ReadsNoMoreRecordsThanItOffered) {
     // Of three records it leaves the second as it was, and it tells of more than it was offered.
     const auto boast = [](NvmlDevice, unsigned int* count, NvmlProcessInfo* processes) -> NvmlReturn {

@@ -315,7 +315,7 @@ TEST_F(SamplerTest, StopDuringASlowCycleLetsTheCycleFinish) {
 }
 
 TEST_F(SamplerTest, ManyThreadsMayUseARunningMonitor) {
-    SetFixedBoards(2, {});
+    SetFixedBoards(2, {}, {{11201, {2100}}});
     Monitor.SetInitialSampleDelay(milliseconds(10));
     Monitor.Start();
     const auto beAHost = [this](unsigned int host) {
@@ -325,6 +325,9 @@ TEST_F(SamplerTest, ManyThreadsMayUseARunningMonitor) {
             EXPECT_THAT(Monitor.Snapshot(), SizeIs(2));
             GpuTelemetrySample sample;
             EXPECT_TRUE(host == 0 ? Monitor.ReadCurrentSample(&sample) : Monitor.ReadCurrentSample(1, &sample));
+            EXPECT_EQ(Monitor.SetPowerLimit(host % 2, 200.0 + i), GpuClockOperationResult::Success);
+            EXPECT_EQ(Monitor.SetLockedClock({2100, 11201}), GpuClockOperationResult::Success);
+            EXPECT_EQ(Monitor.RestoreDefaultClocks(host % 2), GpuClockOperationResult::Success);
             Monitor.IsAvailable();
             EXPECT_EQ(Monitor.Status(), "NVML active: 2 NVIDIA GPU(s).");
         }

@@ -50,7 +50,16 @@ protected:
         return value;
     }
 
+    /// What limits the clocks of board 0 a while later.
+    unsigned long long ReasonsAfter(double seconds) {
+        unsigned long long reasons = 0;
+        Sim.HoldTimeAt(Seconds += seconds);
+        EXPECT_EQ(Call("nvmlDeviceGetCurrentClocksThrottleReasons", Handle(0), &reasons), kSuccess);
+        return reasons;
+    }
+
     SimulatedNvml& Sim = SimulatedNvml::Get();
+    double Seconds = 0.0;
     unsigned int Output = 0;
 };
 
@@ -140,32 +149,48 @@ TEST_F(SimulatorTest, LimitsActOnTheBoardAndTheReasonsSaySo) {
     board.Load = Workload::Training;  // near full load nearly all the time
     Sim.SetBoards({board});
     void* const device = Handle(0);
-    double seconds = 0.0;
-    const auto reasonsAfter = [&](double pause) {
-        unsigned long long reasons = 0;
-        Sim.HoldTimeAt(seconds += pause);
-        EXPECT_EQ(Call("nvmlDeviceGetCurrentClocksThrottleReasons", device, &reasons), kSuccess);
-        return reasons;
-    };
     // Until the board runs against its own limit, within a time in which any training does.
-    while (reasonsAfter(1.0) != kReasonSoftwarePowerCap) ASSERT_LT(seconds, 600.0);
+    while (ReasonsAfter(1.0) != kReasonSoftwarePowerCap) ASSERT_LT(Seconds, 600.0);
     const unsigned int clock = Value("nvmlDeviceGetClockInfo", device, kClockGraphics);
 
     EXPECT_EQ(Call("nvmlDeviceSetPowerManagementLimit", device, 180000U), kSuccess);
-    EXPECT_EQ(reasonsAfter(3.0), kReasonSoftwarePowerCap);
+    EXPECT_EQ(ReasonsAfter(3.0), kReasonSoftwarePowerCap);
     EXPECT_LE(Value("nvmlDeviceGetPowerUsage", device), 181000U);
     EXPECT_LT(Value("nvmlDeviceGetClockInfo", device, kClockGraphics), clock);
     const unsigned int hot = Value("nvmlDeviceGetTemperature", device, kSensorGpu);
 
     EXPECT_EQ(Call("nvmlDeviceSetGpuLockedClocks", device, 900U, 900U), kSuccess);
     EXPECT_EQ(Call("nvmlDeviceSetMemoryLockedClocks", device, 6000U, 6000U), kSuccess);
-    EXPECT_EQ(reasonsAfter(60.0), kReasonApplicationClocks);
+    EXPECT_EQ(ReasonsAfter(60.0), kReasonApplicationClocks);
     EXPECT_EQ(Value("nvmlDeviceGetClockInfo", device, kClockGraphics), 900U);
     EXPECT_EQ(Value("nvmlDeviceGetClockInfo", device, kClockMemory), 5001U) << "the nearest clock of the list";
     EXPECT_LT(Value("nvmlDeviceGetTemperature", device, kSensorGpu), hot);
     EXPECT_EQ(Call("nvmlDeviceResetGpuLockedClocks", device), kSuccess);
-    reasonsAfter(1.0);
+    ReasonsAfter(1.0);
     EXPECT_GT(Value("nvmlDeviceGetClockInfo", device, kClockGraphics), 900U);
+}
+
+TEST_F(SimulatorTest, ClocksLockedOnAnIdleBoardHoldAtTheNextTick) {
+    Board board = DesktopBoard(0);
+    board.Load = Workload::Office;
+    Sim.SetBoards({board});
+    void* const device = Handle(0);
+    constexpr double kTick = 0.051;
+    while (ReasonsAfter(kTick) != kReasonIdle) ASSERT_LT(Seconds, 600.0);
+    // Graphics lock, memory lock, then memory clock and reasons. A lock at 0 is refused, and the memory runs as slowly
+    // as the graphics lock allows.
+    const unsigned int cases[][4] = {
+        {900, 0, 810, 0}, {420, 405, 405, 0}, {210, 405, 405, kReasonIdle}, {3105, 11201, 11201, 0}};
+    for (const auto& [graphics, memory, memoryClock, reasons] : cases) {
+        Call("nvmlDeviceSetGpuLockedClocks", device, graphics, graphics);
+        Call("nvmlDeviceSetMemoryLockedClocks", device, memory, memory);
+        EXPECT_EQ(ReasonsAfter(kTick), reasons) << graphics;
+        EXPECT_EQ(Value("nvmlDeviceGetClockInfo", device, kClockGraphics), graphics);
+        EXPECT_EQ(Value("nvmlDeviceGetClockInfo", device, kClockMemory), memoryClock);
+    }
+    Call("nvmlDeviceResetGpuLockedClocks", device);
+    Call("nvmlDeviceResetMemoryLockedClocks", device);
+    EXPECT_EQ(ReasonsAfter(kTick), kReasonIdle);
 }
 
 TEST_F(SimulatorTest, LostBoardStaysLostAndTheOthersDoNot) {

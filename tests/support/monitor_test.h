@@ -44,11 +44,13 @@ protected:
     }
 
     /// Boards that always tell these readings.
-    void SetFixedBoards(unsigned int count, const simulated_nvml::Readings& readings) {
+    void SetFixedBoards(unsigned int count, const simulated_nvml::Readings& readings,
+                        const std::vector<simulated_nvml::ClockGroup>& clocks = {}) {
         std::vector<simulated_nvml::Board> boards;
         for (unsigned int i = 0; i < count; ++i) {
             boards.push_back(simulated_nvml::DesktopBoard(i));
             boards.back().Fixed = readings;
+            boards.back().Clocks = clocks;
         }
         Sim.SetBoards(boards);
     }
