@@ -140,7 +140,8 @@ enum class GpuClockOperationResult : uint8_t {
     /// The driver refuses this user. Changes usually need root, in a container CAP_SYS_ADMIN; the same call with more
     /// rights can succeed. No query can tell beforehand.
     NoPermission = 1,
-    /// Not with this driver, this GPU or this value: trying again does not help, another value may.
+    /// Not with this driver, this GPU or this value: another value may be taken. Of the power limit also when it cannot
+    /// be set at this moment, which the sentence then says.
     Unsupported = 2,
     /// Anything else: NVML could not be started, the GPU is gone, or the driver failed.
     Error = 3,
@@ -163,13 +164,13 @@ struct GpuClockPair {
 struct GpuClockCapabilities {
     /// NVML index that was asked about; 0 when NVML could not be started.
     unsigned int DeviceIndex = 0;
-    /// `GpuDeviceInfo::Uuid` of that GPU; empty when discovery skipped it.
+    /// `GpuDeviceInfo::Uuid` of that GPU; empty when it was not read or no GPU of this index was discovered.
     std::string DeviceUuid;
-    /// `GpuDeviceInfo::Name` of that GPU; empty when discovery skipped it.
+    /// `GpuDeviceInfo::Name` of that GPU; empty when no GPU of this index was discovered.
     std::string DeviceName;
     /// Every pair that can be locked, each once, by ascending graphics clock and then ascending memory clock; empty
     /// when clocks cannot be locked. Source: `nvmlDeviceGetSupportedMemoryClocks` and
-    /// `nvmlDeviceGetSupportedGraphicsClocks`, at most 4096 clocks from each list.
+    /// `nvmlDeviceGetSupportedGraphicsClocks`; a list of more than 4096 clocks counts as not readable.
     std::vector<GpuClockPair> SupportedPairs;
     /// Graphics clock at this moment, MHz; -1 when not read. Source: `nvmlDeviceGetClockInfo`.
     int CurrentGraphicsClockMHz = -1;
@@ -185,9 +186,10 @@ struct GpuClockCapabilities {
 struct GpuClockState {
     /// True when the clocks of device 0 could be locked at the time of the capture.
     bool Valid = false;
-    /// Graphics clock that device 0 ran at, MHz; -1 when not read. Which clocks were locked is not known.
+    /// Graphics clock that device 0 ran at, MHz; -1 when not read. Which clocks were locked is not known. Source:
+    /// `nvmlDeviceGetClockInfo`.
     int GraphicsClockMHz = -1;
-    /// Memory clock that device 0 ran at, MHz; -1 when not read.
+    /// Memory clock that device 0 ran at, MHz; -1 when not read. Source: `nvmlDeviceGetClockInfo`.
     int MemoryClockMHz = -1;
 };
 
@@ -209,8 +211,9 @@ enum class GpuCapabilityState : uint8_t {
 struct GpuPowerCapabilities {
     /// NVML index that was asked about.
     unsigned int DeviceIndex = 0;
-    /// `GpuDeviceInfo::Uuid` of that GPU; empty when there is no such GPU.
+    /// `GpuDeviceInfo::Uuid` of that GPU; empty when it was not read or the query gave false.
     std::string DeviceUuid;
+    /// What follows from the driver's entry points and from the readings of the limit and its range.
     GpuCapabilityState State = GpuCapabilityState::Unavailable;
     /// Limit in force, watts; -1.0 when not read. Source: `nvmlDeviceGetEnforcedPowerLimit`; where that cannot be read,
     /// `nvmlDeviceGetPowerManagementLimit`.
@@ -360,8 +363,9 @@ public:
 
     /// Notes what NVML device 0 runs at now, if its clocks can be locked.
     ///
-    /// Result: false when `output` is null (nothing happens) or the clocks of device 0 cannot be locked for any reason;
-    /// a non-null `*output` then holds its defaults. `GetClockCapabilities` tells the reason.
+    /// Result: true when the clocks of device 0 can be locked: `*output` is then valid, also with clocks that could
+    /// not be read. False when `output` is null (nothing happens) or they cannot be locked for any reason; a non-null
+    /// `*output` then holds its defaults. `GetClockCapabilities` tells the reason.
     /// Side effect, source, cost, threads and ownership: as `GetClockCapabilities`.
     bool CaptureClockState(GpuClockState* output);
 
@@ -376,12 +380,13 @@ public:
     /// for a pair that is not listed, also when nothing is. `Error` when NVML cannot be started or there is no such
     /// GPU. Otherwise what the driver answers.
     /// After a failure: when the driver refused the graphics clock, an earlier lock is as it was. When it refused the
-    /// memory clock, both locks are reset, an earlier lock too.
-    /// `error`: null, or receives one sentence for the user in place of what it held; untouched on success.
+    /// memory clock, both locks are reset as far as it lets them, an earlier lock too.
+    /// `error`: null, or receives one sentence for the user in place of what it held. Untouched on success, not kept.
     /// Lasting effect: the lock outlives `Stop`, the monitor and the process. `RestoreDefaultClocks` releases it.
     /// Rights: usually root, in a container CAP_SYS_ADMIN; only the attempt shows it, as `NoPermission`.
     /// Side effect: starts NVML if needed, with empty histories, and leaves it open until `Stop`.
     /// Source: `nvmlDeviceSetGpuLockedClocks`, `nvmlDeviceSetMemoryLockedClocks`.
+    /// Cost: a whole query of the clock capabilities comes first.
     /// Threads: any thread, any time; waits for a cycle in progress.
     GpuClockOperationResult SetLockedClock(unsigned int deviceIndex, const GpuClockPair& pair,
                                            std::string* error = nullptr);
@@ -393,13 +398,15 @@ public:
     /// Releases the locked clocks of NVML device 0. As `RestoreDefaultClocks(0, error)`.
     GpuClockOperationResult RestoreDefaultClocks(std::string* error = nullptr);
 
-    /// Releases the locked memory and graphics clock of a GPU, whoever locked them and whether or not they are locked.
+    /// Releases the locked memory and graphics clock of a GPU, whoever locked them and whether or not they are locked,
+    /// also of one that discovery skipped.
     ///
-    /// `deviceIndex` is the NVML index (`GpuDeviceInfo::Index`), not a position in a snapshot. As a literal it needs
-    /// its type, `0U`: a plain 0 could also be a null `error`. Result: `Success` when both were reset. `Error` when
-    /// NVML cannot be started or there is no such GPU, `Unsupported` when the driver lacks a reset; otherwise what the
-    /// driver answers, for the memory clock first. A reset that fails does not keep the other from being tried.
-    /// `error`: null, or receives one sentence for the user in place of what it held; untouched on success.
+    /// `deviceIndex` is the NVML index (`GpuDeviceInfo::Index`), not a position in a snapshot. Without `error`, a
+    /// literal 0 has to be `0U`: it could be either argument.
+    /// Result: `Success` when both were reset. `Error` when NVML cannot be started or there is no such GPU,
+    /// `Unsupported` when the driver lacks a reset, and then none is made; otherwise what the driver answers, for the
+    /// memory clock first. A reset that fails does not keep the other from being tried.
+    /// `error`: null, or receives one sentence for the user in place of what it held. Untouched on success, not kept.
     /// Rights and side effect: as `SetLockedClock`.
     /// Source: `nvmlDeviceResetMemoryLockedClocks`, `nvmlDeviceResetGpuLockedClocks`.
     /// Threads: any thread, any time; waits for a cycle in progress.
@@ -411,19 +418,20 @@ public:
     /// `watts` must be within `GpuPowerCapabilities::MinimumWatts` to `MaximumWatts`, both included, which are queried
     /// anew in this call.
     /// Result: `Success` when the driver took the limit. `Unsupported` for a value that is outside or not finite, and
-    /// when the state of the limit is not `Supported`. `Error` when NVML cannot be started or there is no such GPU.
+    /// when the limit cannot be set, be it only for now. `Error` when NVML cannot be started or there is no such GPU.
     /// Otherwise what the driver answers. After a failure the limit is as it was.
-    /// `error`: null, or receives one sentence for the user in place of what it held; untouched on success.
-    /// Lasting effect: the limit outlives `Stop`, the monitor and the process. `RestoreDefaultPowerLimit` takes it
-    /// back. Rights and side effect: as `SetLockedClock`. Source: `nvmlDeviceSetPowerManagementLimit`. Threads: any
-    /// thread, any time; waits for a cycle in progress.
+    /// `error`: null, or receives one sentence for the user in place of what it held. Untouched on success, not kept.
+    /// Lasting effect: the limit outlives `Stop`, the monitor and the process. `RestoreDefaultPowerLimit` undoes it.
+    /// Rights and side effect: as `SetLockedClock`.
+    /// Source: `nvmlDeviceSetPowerManagementLimit`.
+    /// Threads: any thread, any time; waits for a cycle in progress.
     GpuClockOperationResult SetPowerLimit(unsigned int deviceIndex, double watts, std::string* error = nullptr);
 
     /// Sets the power limit of a GPU to the board's default.
     ///
     /// Result: as `SetPowerLimit` with the default limit, but `Unsupported` also when NVML cannot be started, there is
-    /// no such GPU, or the default limit cannot be read; `error` then receives the `Status` of
-    /// `GetPowerCapabilities`.
+    /// no such GPU, or no default limit can be read; `error` then receives the `Status` of `GetPowerCapabilities`,
+    /// which can say that control is supported when only the default is missing.
     /// Everything else: as `SetPowerLimit`.
     GpuClockOperationResult RestoreDefaultPowerLimit(unsigned int deviceIndex, std::string* error = nullptr);
 

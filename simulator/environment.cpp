@@ -103,9 +103,11 @@ bool ReadRights(Environment* environment) {
 bool ReadStatePath(Environment* environment) {
     const std::optional<std::string> path = Variable("NVML_SIM_STATE");
     if (!path.has_value()) return true;
-    // The client may change its working directory.
-    if (!path->empty()) environment->StatePath = std::filesystem::absolute(*path).string();
-    return !path->empty();
+    if (path->empty()) return false;
+    // The client may change its working directory. One that is in none that exists has to give a whole path.
+    std::error_code error;
+    environment->StatePath = std::filesystem::absolute(*path, error).string();
+    return !error;
 }
 
 bool ReadLosses(Environment* environment) {

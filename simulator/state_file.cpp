@@ -43,8 +43,8 @@ public:
     throw Problem("cannot be used: " + why);
 }
 
-[[noreturn]] void ThrowSystemError() {
-    ThrowUnusable(std::generic_category().message(errno));
+[[noreturn]] void ThrowSystemError(int error = errno) {
+    ThrowUnusable(std::generic_category().message(error));
 }
 
 void Require(bool bSensible, const std::string& otherwise) {
@@ -79,6 +79,8 @@ public:
     LockedFile& operator=(const LockedFile&) = delete;
 
     std::string Text() const {
+        constexpr size_t kMostBytes = size_t{1} << 20U;
+        if (Size() > kMostBytes) ThrowUnusable("it is larger than 1 MiB");
         std::string text(Size(), '\0');
         const ssize_t bytes = Uninterrupted([&] { return pread(Descriptor, text.data(), text.size(), 0); });
         if (bytes < 0) ThrowSystemError();
@@ -91,6 +93,8 @@ public:
     void Replace(std::string text) const {
         const size_t length = text.size();
         text.resize(std::max(length, Size()), '\n');
+        // Before anything is overwritten: half a text would make no sense.
+        if (const int error = posix_fallocate(Descriptor, 0, static_cast<off_t>(text.size()))) ThrowSystemError(error);
         const ssize_t bytes = Uninterrupted([&] { return pwrite(Descriptor, text.data(), text.size(), 0); });
         if (bytes < 0) ThrowSystemError();
         if (static_cast<size_t>(bytes) != text.size()) ThrowUnusable("there is no room for it");
@@ -139,8 +143,14 @@ private:
 // ---- What stands in it ----
 
 Json Parsed(const std::string& text) {
+    // What is deeper would be copied and written with as deep a stack.
+    constexpr int kDeepest = 64;
+    const auto limitDepth = [](int depth, Json::parse_event_t /*event*/, Json& /*parsed*/) {
+        Require(depth <= kDeepest, "it is nested too deeply");
+        return true;
+    };
     try {
-        return Json::parse(text);
+        return Json::parse(text, limitDepth);
     } catch (const Json::parse_error& error) {
         throw Problem("makes no sense: it is no JSON from byte " + std::to_string(error.byte) + " on");
     } catch (const Json::exception&) {
@@ -152,10 +162,10 @@ bool IsUnsignedInt(const Json& value) {
     return value.is_number_unsigned() && value.get<uint64_t>() <= std::numeric_limits<unsigned int>::max();
 }
 
-double SinceOf(const Json& document) {
+double SinceOf(const Json& document, double known) {
     // So far away that the boards' clock still counts every moment up to it.
     constexpr double kLatest = 1e11;
-    const Json since = document.value(kSince, Json());
+    const Json since = document.value(kSince, Json(known));
     Require(since.is_number() && since >= 0.0 && since <= kLatest, Quoted(kSince) + " is no time in seconds");
     return since.get<double>();
 }
@@ -211,9 +221,10 @@ BoardSettings SettingsOf(const Board& board, const Json& boards) {
             ClockRangeOf(place, kMemory, "nvmlDeviceSetMemoryLockedClocks"), PowerLimitOf(place)};
 }
 
-StateFile::State StateOf(const Json& document, const std::vector<Board>& boards) {
+/// `since` is when the boards' life began as far as this process knows, for a document that does not say.
+StateFile::State StateOf(const Json& document, const std::vector<Board>& boards, double since) {
     Require(document.is_object(), "it is no JSON object");
-    StateFile::State state{SinceOf(document), IsAdministrator(document), {}};
+    StateFile::State state{SinceOf(document, since), IsAdministrator(document), {}};
     const Json settings = document.value(kBoards, Json::object());
     Require(settings.is_object(), Quoted(kBoards) + " is no object");
     for (const Board& board : boards) state.Settings[board.Uuid] = SettingsOf(board, settings);
@@ -270,16 +281,17 @@ template <typename Body>
 bool StateFile::Attempt(Body body) {
     try {
         body();
-        bProblemSaid = false;
+        ProblemSaid.clear();
         return true;
     } catch (const Problem& problem) {
-        if (!std::exchange(bProblemSaid, true)) SayProblem("NVML_SIM_STATE=" + Path + ' ' + problem.what() + '.');
+        const std::string sentence = "NVML_SIM_STATE=" + Path + ' ' + problem.what() + '.';
+        if (std::exchange(ProblemSaid, sentence) != sentence) SayProblem(sentence);
         return false;
     }
 }
 
 bool StateFile::Start() {
-    bProblemSaid = false;
+    ProblemSaid.clear();
     return Attempt([this] {
         Create();
         std::string text = LockedFile::ForReading(Path).Text();
@@ -307,7 +319,7 @@ std::string StateFile::BeginLife() const {
 void StateFile::Take(const std::string& text) {
     // An empty file is one that is about to be written.
     if (text.empty() || text == LatestText) return;
-    LatestState = StateOf(Parsed(text), Boards);
+    LatestState = StateOf(Parsed(text), Boards, LatestState.SinceSeconds);
     LatestText = text;
 }
 

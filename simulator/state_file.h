@@ -69,7 +69,8 @@ private:
     std::vector<Board> Boards;
     State LatestState;
     std::string LatestText;
-    bool bProblemSaid = false;
+    /// The sentence that was said last, until the file makes sense again.
+    std::string ProblemSaid;
 };
 
 }  // namespace simulated_nvml

@@ -325,9 +325,17 @@ TEST_F(SamplerTest, ManyThreadsMayUseARunningMonitor) {
             EXPECT_THAT(Monitor.Snapshot(), SizeIs(2));
             GpuTelemetrySample sample;
             EXPECT_TRUE(host == 0 ? Monitor.ReadCurrentSample(&sample) : Monitor.ReadCurrentSample(1, &sample));
-            EXPECT_EQ(Monitor.SetPowerLimit(host % 2, 200.0 + i), GpuClockOperationResult::Success);
-            EXPECT_EQ(Monitor.SetLockedClock({2100, 11201}), GpuClockOperationResult::Success);
-            EXPECT_EQ(Monitor.RestoreDefaultClocks(host % 2), GpuClockOperationResult::Success);
+            GpuClockCapabilities clocks;
+            GpuPowerCapabilities power;
+            GpuClockState state;
+            EXPECT_TRUE(Monitor.GetClockCapabilities(&clocks) && Monitor.GetClockCapabilities(1, &clocks) &&
+                        Monitor.GetPowerCapabilities(1, &power) && Monitor.CaptureClockState(&state));
+            for (const GpuClockOperationResult result :
+                 {Monitor.SetLockedClock({2100, 11201}), Monitor.SetLockedClock(1, {2100, 11201}),
+                  Monitor.RestoreClockState(state), Monitor.RestoreDefaultClocks(), Monitor.RestoreDefaultClocks(1),
+                  Monitor.SetPowerLimit(1, 200.0 + i), Monitor.RestoreDefaultPowerLimit(1)}) {
+                EXPECT_EQ(result, GpuClockOperationResult::Success);
+            }
             Monitor.IsAvailable();
             EXPECT_EQ(Monitor.Status(), "NVML active: 2 NVIDIA GPU(s).");
         }

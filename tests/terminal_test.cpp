@@ -221,7 +221,7 @@ TEST(TerminalTest, WrongUsageIsSaidAndEndsWithTwo) {
              "lock-clocks --gpu 0 1500.5 5001 --simulate", "lock-clocks --gpu 0 0 5001 --simulate",
              "set-power 250 --simulate", "set-power --gpu 0 --simulate=1", "set-power --gpu 0 nan --simulate",
              "set-power --gpu 0 inf --simulate", "set-power --gpu 0 250W --simulate",
-             "set-power --gpu 0 '' --simulate"}) {
+             "set-power --gpu 0 '' --simulate", "set-power --gpu '' 200 --simulate", "sample --gpu 00 --simulate"}) {
         // clang-format on
         ExpectFailure(GpuMonitor(arguments), 2, ".\n", arguments);
     }

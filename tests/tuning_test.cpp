@@ -13,6 +13,8 @@ using Pair = GpuClockPair;
 using Groups = std::vector<ClockGroup>;
 using State = GpuCapabilityState;
 
+static_assert(sizeof(GpuClockOperationResult) == 1 && sizeof(State) == 1 && static_cast<int>(State::Unavailable) == 4);
+
 const char* const kHandle = "nvmlDeviceGetHandleByIndex_v2";
 
 /// A name that NVML lacks (`Code` 0) or that fails with `Code`, from its n-th lookup or call on.
@@ -78,7 +80,7 @@ protected:
     ClocksTest() { MakeWhole(); }
 
     /// Two boards with these clocks that nothing is wrong with. NVML is closed.
-    void MakeWhole(const Groups& clocks = {{5001, {1500, 300}}, {810, {1500, 300, 300}}}) {
+    void MakeWhole(const Groups& clocks = {{5001, {1500}}, {810, {1500, 300, 300}}}) {
         Monitor.Stop();
         StartOver();
         Readings readings;
@@ -101,7 +103,10 @@ protected:
 
     std::string Reset() {
         const std::string outcome = Outcome([&](std::string* error) { return Monitor.RestoreDefaultClocks(error); });
-        EXPECT_EQ(Outcome([&](std::string* error) { return Monitor.RestoreClockState({}, error); }), outcome);
+        EXPECT_EQ(Outcome([&](std::string* error) {
+                      return Monitor.RestoreClockState({true, 1500, 810}, error);
+                  }),
+                  outcome);
         return outcome;
     }
 };
@@ -109,7 +114,7 @@ protected:
 TEST_F(ClocksTest, QueryListsEveryPairOnceInOrder) {
     EXPECT_TRUE(Pair() == (Pair{0, 0}) && Pair() != (Pair{0, 1}) && Pair() != (Pair{1, 0}));
     const GpuClockCapabilities answer = Query();
-    EXPECT_THAT(answer.SupportedPairs, ElementsAre(Pair{300, 810}, Pair{300, 5001}, Pair{1500, 810}, Pair{1500, 5001}));
+    EXPECT_THAT(answer.SupportedPairs, ElementsAre(Pair{300, 810}, Pair{1500, 810}, Pair{1500, 5001}));
     EXPECT_EQ(answer.Status, "NVML active: 2 NVIDIA GPU(s).");
     EXPECT_EQ(answer.DeviceName + answer.DeviceUuid, DesktopBoard(0).Name + DesktopBoard(0).Uuid);
     EXPECT_EQ(answer.CurrentGraphicsClockMHz, 1200);
@@ -121,7 +126,7 @@ TEST_F(ClocksTest, QueryListsEveryPairOnceInOrder) {
               "?SupportedMemoryClocks ?SupportedGraphicsClocks ?DeviceSetGpuLockedClocks ?DeviceResetGpuLockedClocks "
               "?DeviceSetMemoryLockedClocks ?DeviceResetMemoryLockedClocks "
               "SupportedMemoryClocks(0, 0) SupportedMemoryClocks(0, 2) "
-              "SupportedGraphicsClocks(0, 5001, 0) SupportedGraphicsClocks(0, 5001, 2) "
+              "SupportedGraphicsClocks(0, 5001, 0) SupportedGraphicsClocks(0, 5001, 1) "
               "SupportedGraphicsClocks(0, 810, 0) SupportedGraphicsClocks(0, 810, 3) ");
 }
 
@@ -154,7 +159,8 @@ TEST_F(ClocksTest, WhatKeepsClocksFromBeingLockedIsSaid) {
         EXPECT_THAT(answer.SupportedPairs, IsEmpty()) << status;
         EXPECT_EQ(answer.CurrentGraphicsClockMHz, 1200) << "read all the same";
     }
-    EXPECT_EQ(Lock(), kNotListed);
+    Break({{kMemoryList}});
+    EXPECT_EQ(Lock(), kNotListed) << "whatever keeps it from being listed";
     GpuClockState state{true, 1, 2};
     EXPECT_FALSE(Monitor.CaptureClockState(&state));
     EXPECT_TRUE(!state.Valid && state.GraphicsClockMHz == -1 && state.MemoryClockMHz == -1);
@@ -165,7 +171,9 @@ TEST_F(ClocksTest, ListsOf4096ClocksAndOnesThatShrinkAreTaken) {
         MakeWhole(clocks);
         Sim.ChangeListAfterSizeQuery(kMemoryList, change);
         Sim.ChangeListAfterSizeQuery(kGraphicsList, change);
-        return Query().SupportedPairs;
+        const std::vector<Pair> listed = Query().SupportedPairs;
+        EXPECT_EQ(listed.capacity(), listed.size());
+        return listed;
     };
     Groups groups(4096);
     std::vector<unsigned int> clocks(4096);
@@ -173,7 +181,7 @@ TEST_F(ClocksTest, ListsOf4096ClocksAndOnesThatShrinkAreTaken) {
     EXPECT_THAT(pairs(groups), AllOf(SizeIs(4096), Contains(Pair{1, 0})));
     EXPECT_THAT(pairs({{5001, clocks}, {810, {}}, {405, {200}}}),
                 AllOf(SizeIs(4097), Contains(Pair{4096, 5001}), Contains(Pair{200, 405})));
-    EXPECT_THAT(Log(), EndsWith(" SupportedGraphicsClocks(0, 810, 0) SupportedGraphicsClocks(0, 405, 0) "
+    EXPECT_THAT(Log(), EndsWith("(0, 5001, 4096) SupportedGraphicsClocks(0, 810, 0) SupportedGraphicsClocks(0, 405, 0) "
                                 "SupportedGraphicsClocks(0, 405, 1) "));
     EXPECT_THAT(pairs({{5001, {1500, 300}}, {810, {1500}}}, -1), ElementsAre(Pair{1500, 5001}));
     EXPECT_THAT(Log(), EndsWith("SupportedGraphicsClocks(0, 0, 0) ")) << "what was not written is zero";
@@ -187,7 +195,8 @@ TEST_F(ClocksTest, CurrentClocksThatCannotBeReadDoNotStandInTheWay) {
     EXPECT_EQ(state.MemoryClockMHz, -1);
     Break({{"nvmlDeviceGetClockInfo"}});
     EXPECT_TRUE(Monitor.CaptureClockState(&state) && state.Valid);
-    EXPECT_EQ(state.GraphicsClockMHz, -1);
+    EXPECT_TRUE(state.GraphicsClockMHz == -1 && state.MemoryClockMHz == -1);
+    EXPECT_THAT(Log(), EndsWith(" SupportedGraphicsClocks(0, 810, 3) ")) << "device 0";
 }
 
 TEST_F(ClocksTest, LockSetsBothClocksAndResetReleasesThem) {
@@ -224,7 +233,8 @@ TEST_F(ClocksTest, WhatNvmlRefusesIsMappedAndHalfALockIsUndone) {
 }
 
 TEST_F(ClocksTest, ChangeThatCannotBeMadeIsRefusedBeforeNvmlIsAsked) {
-    for (const Pair& pair : {Pair{1500, 405}, Pair{1200, 810}, Pair{}}) EXPECT_EQ(Lock(pair), kNotListed);
+    for (const Pair& pair : {Pair{300, 5001}, Pair{1500, 405}, Pair{1200, 810}, Pair{}})
+        EXPECT_EQ(Lock(pair), kNotListed);
     for (const char* name : {kLockGraphics, kLockMemory, kResetGraphics, kResetMemory}) {
         Break({{name, 0, 2}});  // there for the query, gone when the lock looks
         EXPECT_EQ(Lock(), "Unsupported: NVML locked-clock control is unavailable. ");
@@ -233,6 +243,7 @@ TEST_F(ClocksTest, ChangeThatCannotBeMadeIsRefusedBeforeNvmlIsAsked) {
     for (const char* name : {kResetGraphics, kResetMemory}) {
         Break({{name}});
         EXPECT_EQ(Reset(), "Unsupported: NVML locked-clock reset is unavailable. ");
+        EXPECT_THAT(Log(), EndsWith(" ?DeviceResetGpuLockedClocks ?DeviceResetMemoryLockedClocks "));
         MakeWhole();
     }
     Query();
@@ -250,6 +261,7 @@ TEST_F(ClocksTest, WithoutADriverOrTheGpuTheRecordsSaySo) {
         EXPECT_EQ(answer.Status, status);
         EXPECT_EQ(answer.DeviceIndex, index);
         EXPECT_EQ(answer.DeviceUuid, uuid);
+        EXPECT_EQ(answer.DeviceName.empty(), uuid.empty());
         EXPECT_EQ(answer.CurrentGraphicsClockMHz, -1);
         EXPECT_EQ(Lock() + Reset(), "Error: " + status + " Error: " + status + ' ');
         Monitor.Stop();
@@ -400,6 +412,7 @@ TEST_F(PowerTest, WhatNvmlRefusesIsMapped) {
     for (const auto& [code, outcome] : Refusals("power-limit control")) {
         Break({{kSet, code}});
         EXPECT_EQ(Set(150.0), outcome + "DeviceSetPowerManagementLimit(1, 150000) ");
+        EXPECT_THAT(Log(), HasSubstr(" ?DeviceSetPowerManagementLimit ?HandleByIndex_v2 HandleByIndex_v2(1) Device"));
         EXPECT_EQ(Restore(), outcome + "DeviceSetPowerManagementLimit(1, 320000) ");
         EXPECT_NE(Monitor.SetPowerLimit(1, 150.0), GpuClockOperationResult::Success) << "with nowhere to say why";
     }

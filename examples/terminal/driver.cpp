@@ -4,6 +4,7 @@
 #include <string>
 
 #include "failure.h"
+#include "simulate.h"
 
 namespace {
 
@@ -24,7 +25,8 @@ std::string Advice(const std::string& status) {
 void RequireDriver(const NvmlGpuMonitor& monitor) {
     if (monitor.IsAvailable()) return;
     const std::string status = monitor.Status();
-    throw Failure(status + '\n' + Advice(status));
+    // What is wrong with a simulated driver, it has said itself.
+    throw Failure(IsSimulating() ? status : status + '\n' + Advice(status));
 }
 
 void RequireGpu(const std::vector<GpuTelemetryHistory>& gpus, unsigned int index) {

@@ -81,6 +81,14 @@ std::string UsageMessage(const CLI::App* app, const CLI::Error& error) {
     return problem + ". Run gpu_monitor --help for usage.\n";
 }
 
+/// Empty when `text` is a whole number as people write it. A leading zero would make it an octal one, and an empty
+/// text, as of a variable that is not set, would be no option at all.
+std::string WholeNumberError(const std::string& text) {
+    const bool bDigits = !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
+    const bool bWhole = bDigits && (text == "0" || text.front() != '0');
+    return bWhole ? "" : "'" + text + "' is not a whole number";
+}
+
 /// Empty when `text` is a plain decimal number. What else would pass for one, infinity for example, is no limit.
 std::string DecimalError(const std::string& text) {
     const bool bDecimal = !text.empty() && text.find_first_not_of("0123456789.") == std::string::npos;
@@ -96,7 +104,7 @@ CLI::App* AddCommand(CLI::App* app, CommandLine* commandLine, const char* name, 
 }
 
 void AddGpuOption(CLI::App* command, std::optional<unsigned int>* gpu) {
-    command->add_option("--gpu", *gpu, "Only the GPU with this index")->type_name("N");
+    command->add_option("--gpu", *gpu, "Only the GPU with this index")->type_name("N")->check(WholeNumberError);
 }
 
 /// Adds a command that shows something once.
@@ -125,10 +133,12 @@ void AddStream(CLI::App* app, CommandLine* commandLine) {
     AddGpuOption(stream, &commandLine->Stream.Gpu);
     stream->add_option("--interval", commandLine->IntervalMs, "Wait between two cycles, 100 to 10000 milliseconds")
         ->type_name("MS")
+        ->check(WholeNumberError)
         ->check(InRange(100, 10000))
         ->capture_default_str();
     stream->add_option("--count", commandLine->Stream.Count, "End after this many cycles")
         ->type_name("N")
+        ->check(WholeNumberError)
         ->check(InRange(1, kMaxCount));
     stream->add_flag("--json", commandLine->Stream.bJson, "Print JSON Lines: one object per line");
 }
@@ -143,11 +153,18 @@ CLI::App* AddChange(CLI::App* app, CommandLine* commandLine, const char* name, c
 
 /// A value for several GPUs, which differ, would be a mistake as a rule.
 void RequireGpuOption(CLI::App* change, CommandLine* commandLine) {
-    change->add_option("--gpu", commandLine->Tuning.Gpu, "The GPU with this index")->type_name("N")->required();
+    change->add_option("--gpu", commandLine->Tuning.Gpu, "The GPU with this index")
+        ->type_name("N")
+        ->required()
+        ->check(WholeNumberError);
 }
 
 void AddClock(CLI::App* lock, const char* name, const char* description, int* megahertz) {
-    lock->add_option(name, *megahertz, description)->type_name("")->required()->check(InRange(1, kMaxClockMHz));
+    lock->add_option(name, *megahertz, description)
+        ->type_name("")
+        ->required()
+        ->check(WholeNumberError)
+        ->check(InRange(1, kMaxClockMHz));
 }
 
 void AddClockChanges(CLI::App* app, CommandLine* commandLine) {
@@ -201,6 +218,8 @@ void Describe(CLI::App* app, CommandLine* commandLine) {
 
 int RunCommand(CommandLine* commandLine) {
     if (const std::optional<std::string>& boards = commandLine->SimulatedBoards) {
+        // An empty text is not checked by the parser.
+        if (boards->empty()) throw Failure(SimulationError(*boards) + '.', kExitUsage);
         UseSimulatedNvml(*boards);
         std::cerr << SimulationNotice(commandLine->bChanges);
         commandLine->Tuning.SimulateOption = "--simulate=" + *boards;

@@ -69,7 +69,11 @@ int RunClocks(const QueryOptions& options) {
 
 int RunPower(const QueryOptions& options) {
     return RunQuery<GpuPower>(options, {PowerJson, PowerText}, [](NvmlGpuMonitor* monitor, GpuPower* gpu) {
-        const bool bAnswered = monitor->GetPowerCapabilities(gpu->Device.Index, &gpu->Capabilities);
-        return bAnswered ? std::string() : ": " + gpu->Capabilities.Status;
+        const GpuPowerCapabilities& answer = gpu->Capabilities;
+        const bool bFound = monitor->GetPowerCapabilities(gpu->Device.Index, &gpu->Capabilities);
+        // A GPU that is lost in the middle of the query was found and tells nothing.
+        const bool bSilent = answer.State == GpuCapabilityState::Unavailable && answer.CurrentWatts < 0.0 &&
+                             answer.DefaultWatts < 0.0 && answer.MaximumWatts < 0.0;
+        return bFound && !bSilent ? std::string() : ": " + answer.Status;
     });
 }

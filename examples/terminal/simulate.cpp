@@ -50,6 +50,8 @@ fs::path SimulatorPath() {
     return {};
 }
 
+bool bSimulating = false;
+
 }  // namespace
 
 std::string SimulationError(const std::string& boards) {
@@ -67,6 +69,11 @@ void UseSimulatedNvml(const std::string& boards) {
     if (dlopen(path.c_str(), RTLD_LAZY | RTLD_LOCAL) == nullptr) {
         throw Failure(std::string("The simulated NVML cannot be loaded: ") + dlerror() + '.');
     }
+    bSimulating = true;
+}
+
+bool IsSimulating() {
+    return bSimulating;
 }
 
 std::string SimulationNotice(bool bChanges) {

@@ -12,6 +12,9 @@ std::string SimulationError(const std::string& boards);
 /// environment variable.
 void UseSimulatedNvml(const std::string& boards);
 
+/// Whether `UseSimulatedNvml` has been called.
+bool IsSimulating();
+
 /// What the user of simulated GPUs should know, as a line; `bChanges`: the command changes them.
 std::string SimulationNotice(bool bChanges);
 

@@ -1,17 +1,19 @@
 #include "tuning.h"
 
+#include <poll.h>
+
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <cstdlib>
 #include <iostream>
-#include <thread>
+#include <utility>
 #include <vector>
 
 #include "clock.h"
 #include "driver.h"
 #include "failure.h"
 #include "output.h"
+#include "signals.h"
 #include "text_format.h"
 #include "text_layout.h"
 #include "tuning_format.h"
@@ -21,9 +23,9 @@ namespace {
 using OperationResult = GpuClockOperationResult;
 
 constexpr double kSettleSeconds = 2.0;
-constexpr std::chrono::milliseconds kSettlePause{50};
-/// Released clocks have no value to wait for; by then they have mostly moved.
-constexpr std::chrono::milliseconds kReleasePause{200};
+/// Released clocks have no value to wait for, and need not move at all.
+constexpr double kReleaseSeconds = 0.2;
+constexpr int kPauseMs = 50;
 
 constexpr const char* kRightsAdvice =
     "Changing GPUs needs root: run the same command with sudo, or in a container with CAP_SYS_ADMIN.\n";
@@ -49,20 +51,13 @@ public:
 
     /// Changes the wanted GPUs and tells the user about each. Result: the exit status. Throws `Failure`.
     int Run() {
+        StopDescriptor = CatchStopSignals();
         std::vector<OperationResult> results;
-        std::string text;
         for (const GpuDeviceInfo& device : DiscoverGpus(Options.Gpu, &Monitor)) {
-            std::string error;
-            results.push_back(Apply(device.Index, &error));
-            if (results.back() == OperationResult::Success) {
-                text += (text.empty() ? "" : "\n") + Paragraph(device, Report(device.Index), OutputWidth());
-            } else {
-                TellFailure(device, error);
-            }
+            results.push_back(ChangeAndTell(device));
         }
         const bool bDenied = std::find(results.begin(), results.end(), OperationResult::NoPermission) != results.end();
         if (bDenied) std::cerr << kRightsAdvice;
-        WriteOutput(text);
         return ExitStatus(results);
     }
 
@@ -74,16 +69,53 @@ protected:
         return text;
     }
 
+    /// Reads a GPU until `bEnough` says so, but only for so long, and not any more once a stop was asked for.
+    template <typename Enough>
+    GpuTelemetrySample ReadUntil(unsigned int gpu, double seconds, Enough bEnough) {
+        const double deadline = NowSeconds() + seconds;
+        GpuTelemetrySample sample;
+        pollfd stop = {StopDescriptor, POLLIN, 0};
+        do {
+            Monitor.ReadCurrentSample(gpu, &sample);
+        } while (!bEnough(sample) && NowSeconds() < deadline && poll(&stop, 1, kPauseMs) == 0);
+        return sample;
+    }
+
     NvmlGpuMonitor Monitor;
 
 private:
     virtual OperationResult Apply(unsigned int gpu, std::string* error) = 0;
+
+    /// Whether a GPU that was not changed could be asked: one that is gone has not said that it does not support it.
+    virtual bool Answers(unsigned int gpu) = 0;
 
     /// What is in force on a GPU that has just been changed, and how that is undone.
     virtual Details Report(unsigned int gpu) = 0;
 
     /// What else the user should know of a failure, as a sentence; or empty.
     virtual std::string Advice(unsigned int /*gpu*/, const std::string& /*error*/) { return {}; }
+
+    /// What is told is printed before the next GPU is changed: only it says how this is undone.
+    OperationResult ChangeAndTell(const GpuDeviceInfo& device) {
+        std::string error;
+        const OperationResult result = Apply(device.Index, &error);
+        if (result == OperationResult::Success) {
+            const std::string separator = std::exchange(bPrinted, true) ? "\n" : "";
+            Print(separator + Paragraph(device, Report(device.Index), OutputWidth()));
+            return result;
+        }
+        TellFailure(device, error);
+        const bool bGone = result == OperationResult::Unsupported && !Answers(device.Index);
+        return bGone ? OperationResult::Error : result;
+    }
+
+    static void Print(const std::string& text) {
+        try {
+            WriteOutput(text);
+        } catch (const Failure& failure) {
+            throw Failure(std::string(failure.what()) + " The GPU was changed all the same.");
+        }
+    }
 
     void TellFailure(const GpuDeviceInfo& device, const std::string& error) {
         std::cerr << GpuInSentence(device) << ": " << error << '\n';
@@ -92,6 +124,8 @@ private:
     }
 
     const TuningOptions& Options;
+    int StopDescriptor = -1;
+    bool bPrinted = false;
 };
 
 // ---- Locked clocks ----
@@ -118,10 +152,21 @@ std::vector<GpuClockPair> NearestPairs(const std::vector<GpuClockPair>& listed, 
     return nearest;
 }
 
-/// Locks the clocks of GPUs to one pair.
-class LockClocks : public Change {
+class ClockChange : public Change {
 public:
-    LockClocks(const TuningOptions& options, const GpuClockPair& pair) : Change(options), Pair(pair) {}
+    using Change::Change;
+
+private:
+    bool Answers(unsigned int gpu) override {
+        GpuClockCapabilities capabilities;
+        return Monitor.GetClockCapabilities(gpu, &capabilities);
+    }
+};
+
+/// Locks the clocks of GPUs to one pair.
+class LockClocks : public ClockChange {
+public:
+    LockClocks(const TuningOptions& options, const GpuClockPair& pair) : ClockChange(options), Pair(pair) {}
 
 private:
     OperationResult Apply(unsigned int gpu, std::string* error) override {
@@ -129,18 +174,19 @@ private:
     }
 
     Details Report(unsigned int gpu) override {
-        const GpuTelemetrySample now = ReadSettled(gpu);
+        const GpuTelemetrySample now =
+            ReadUntil(gpu, kSettleSeconds, [this](const GpuTelemetrySample& sample) { return Runs(sample); });
         Details details = {{"Asked", ClocksText(Pair.GraphicsClockMHz, Pair.MemoryClockMHz)},
                            {"Running", ClocksText(now.GraphicsClockMHz, now.MemoryClockMHz)}};
         if (!Runs(now)) details.push_back({"Note", Difference(now)});
-        details.push_back({"Undo", Command("reset-clocks", gpu), true});
+        details.push_back({"Undo", "releases the clocks and brings no earlier lock back:"});
+        details.push_back({"", Command("reset-clocks", gpu), true});
         return details;
     }
 
     std::string Advice(unsigned int gpu, const std::string& error) override {
-        // The monitor leaves no half of a lock behind.
         const bool bMemoryStep = error.find("memory locked-clock control") != std::string::npos;
-        if (bMemoryStep) return "Both locks of this GPU were released, an earlier one too.";
+        if (bMemoryStep) return ReleaseAdvice(gpu);
         GpuClockCapabilities capabilities;
         Monitor.GetClockCapabilities(gpu, &capabilities);
         if (!capabilities.CanControl) return capabilities.Status == error ? "" : capabilities.Status;
@@ -152,16 +198,11 @@ private:
         return sample.GraphicsClockMHz == Pair.GraphicsClockMHz && sample.MemoryClockMHz == Pair.MemoryClockMHz;
     }
 
-    /// Reads until the clocks are those that were asked for, but not for long.
-    GpuTelemetrySample ReadSettled(unsigned int gpu) {
-        const double deadline = NowSeconds() + kSettleSeconds;
-        GpuTelemetrySample sample;
-        Monitor.ReadCurrentSample(gpu, &sample);
-        while (!Runs(sample) && NowSeconds() < deadline) {
-            std::this_thread::sleep_for(kSettlePause);
-            Monitor.ReadCurrentSample(gpu, &sample);
-        }
-        return sample;
+    /// The monitor resets both locks when the second one fails, but does not tell whether that worked.
+    std::string ReleaseAdvice(unsigned int gpu) {
+        const bool bReleased = Monitor.RestoreDefaultClocks(gpu) == OperationResult::Success;
+        return bReleased ? "Both locks of this GPU were released, an earlier one too."
+                         : "Its graphics clock may still be locked. To release it: " + Command("reset-clocks", gpu);
     }
 
     static std::string Difference(const GpuTelemetrySample& now) {
@@ -184,24 +225,31 @@ private:
 };
 
 /// Releases locked clocks.
-class ResetClocks : public Change {
+class ResetClocks : public ClockChange {
 public:
-    using Change::Change;
+    using ClockChange::ClockChange;
 
 private:
     OperationResult Apply(unsigned int gpu, std::string* error) override {
+        Monitor.ReadCurrentSample(gpu, &Before);
         return Monitor.RestoreDefaultClocks(gpu, error);
     }
 
     Details Report(unsigned int gpu) override {
-        std::this_thread::sleep_for(kReleasePause);
-        GpuTelemetrySample now;
-        Monitor.ReadCurrentSample(gpu, &now);
+        const GpuTelemetrySample now =
+            ReadUntil(gpu, kReleaseSeconds, [this](const GpuTelemetrySample& sample) { return HasMoved(sample); });
         return {{"Asked", "no locked clocks"},
                 {"Running", ClocksText(now.GraphicsClockMHz, now.MemoryClockMHz)},
                 {"Undo", "impossible: NVML does not tell what was locked. To lock again:"},
                 {"", Command("lock-clocks", gpu, "GRAPHICS MEMORY"), true}};
     }
+
+    bool HasMoved(const GpuTelemetrySample& sample) const {
+        return sample.GraphicsClockMHz != Before.GraphicsClockMHz || sample.MemoryClockMHz != Before.MemoryClockMHz;
+    }
+
+    /// Of the GPU that is being changed.
+    GpuTelemetrySample Before;
 };
 
 // ---- Power limit ----
@@ -224,6 +272,12 @@ private:
     OperationResult Apply(unsigned int gpu, std::string* error) override {
         Monitor.GetPowerCapabilities(gpu, &Before);
         return Watts ? Monitor.SetPowerLimit(gpu, *Watts, error) : Monitor.RestoreDefaultPowerLimit(gpu, error);
+    }
+
+    bool Answers(unsigned int gpu) override {
+        GpuPowerCapabilities capabilities;
+        return Monitor.GetPowerCapabilities(gpu, &capabilities) &&
+               capabilities.State != GpuCapabilityState::Unavailable;
     }
 
     Details Report(unsigned int gpu) override {
@@ -251,7 +305,8 @@ private:
 
     Details Undo(unsigned int gpu, const GpuPowerCapabilities& now) const {
         const double before = Before.CurrentWatts;
-        const bool bChanged = !IsSameLimit(before, now.CurrentWatts) || !IsSameLimit(before, Asked());
+        const double inForce = now.CurrentWatts < 0.0 ? Asked() : now.CurrentWatts;
+        const bool bChanged = !IsSameLimit(before, inForce) || !IsSameLimit(before, Asked());
         if (!bChanged) return {{"Undo", "not needed: the limit was the same before"}};
         const std::string reset = Command("reset-power", gpu);
         if (IsSameLimit(before, Before.DefaultWatts)) return {{"Undo", reset, true}};
