@@ -32,17 +32,19 @@ std::string FileText(const std::string& path) {
     return text.str();
 }
 
+/// Begins a script in which the simulated GPUs keep their settings from one `gpu_monitor` to the next.
+constexpr const char* kKeepState =
+    R"(NVML_SIM_STATE=$(mktemp); export NVML_SIM_STATE; trap 'rm "$NVML_SIM_STATE"' EXIT; )"
+    R"(gpu_monitor() { "$gpu_monitor" "$@"; }; )";
+
 /// Runs a shell script in which $gpu_monitor is the program.
-Result Shell(const std::string& script) {
+Result Shell(const std::string& script, const char* preamble = "") {
     const std::string path = TempDir() + "gpu_monitor_" + std::to_string(getpid());
-    std::ofstream(path + ".sh") << "gpu_monitor='" GPU_MONITOR "'; unset LD_LIBRARY_PATH; rm \"$0\"; " << script;
+    std::ofstream(path + ".sh") << "gpu_monitor='" GPU_MONITOR "'; unset LD_LIBRARY_PATH; rm \"$0\"; " << preamble
+                                << script;
     const int status = std::system(("sh '" + path + ".sh' >'" + path + ".out' 2>'" + path + ".err'").c_str());
     return {WEXITSTATUS(status), FileText(path + ".out"), FileText(path + ".err")};
 }
-
-/// Begins a script in which the simulated GPUs keep their settings from one `gpu_monitor` to the next.
-const std::string kKeepState = R"(NVML_SIM_STATE=$(mktemp); export NVML_SIM_STATE; trap 'rm "$NVML_SIM_STATE"' EXIT; )"
-                               R"(gpu_monitor() { "$gpu_monitor" "$@"; }; )";
 
 Result GpuMonitor(const std::string& arguments) {
     return Shell("\"$gpu_monitor\" " + arguments);
@@ -149,7 +151,6 @@ TEST(TerminalTest, ClocksAndPowerTellWhatCanBeSet) {
 TEST(TerminalTest, AStreamThatRunsBesideShowsEveryChange) {
     // `shows` reads the stream until a line of it matches.
     const Result result = Shell(
-        kKeepState +
         "fifo=$(mktemp -u); mkfifo $fifo; "
         "\"$gpu_monitor\" stream --simulate --interval 100 --count 600 --json >$fifo & exec 3<$fifo; rm $fifo; "
         "shows() { while read -r line <&3; do case $line in $1) return;; esac; done; echo \"never: $1\"; false; }; "
@@ -158,18 +159,20 @@ TEST(TerminalTest, AStreamThatRunsBesideShowsEveryChange) {
         "gpu_monitor set-power --gpu 0 200.5 --simulate && shows '*\"power_limit_watts\":200.5,*' && "
         "gpu_monitor reset-power --simulate && shows '*\"power_limit_watts\":320.0,*' && "
         "gpu_monitor reset-clocks --simulate && shows '*\"memory_clock_mhz\":11201,*'; "
-        "status=$?; kill $!; wait $!; exit $status");
+        "status=$?; kill $!; wait $!; exit $status",
+        kKeepState);
     EXPECT_EQ(result.Status, 0) << result.Errors;
     EXPECT_THAT(result.Output, AllOf(HasSubstr("Running  1500 MHz graphics, 5001 MHz memory\n"),
                                      HasSubstr("In force  200.5 W\n"), Not(HasSubstr("never"))));
 }
 
 TEST(TerminalTest, AChangeTellsTheCommandThatUndoesIt) {
-    const Result result = Shell(kKeepState +
-                                "undo() { eval \"$(gpu_monitor \"$@\" --simulate=2 | sed -n 's/^Undo *//p')\"; }; "
-                                "gpu_monitor set-power --gpu 0 250.125 --simulate=2 >&2; "
-                                "undo reset-power; gpu_monitor power --gpu 0 --simulate=2; "
-                                "gpu_monitor reset-power --gpu 0 --simulate=2 >&2; undo set-power --gpu 0 200");
+    const Result result = Shell(
+        "undo() { eval \"$(gpu_monitor \"$@\" --simulate=2 | sed -n 's/^Undo *//p')\"; }; "
+        "gpu_monitor set-power --gpu 0 250.125 --simulate=2 >&2; "
+        "undo reset-power; gpu_monitor power --gpu 0 --simulate=2; "
+        "gpu_monitor reset-power --gpu 0 --simulate=2 >&2; undo set-power --gpu 0 200",
+        kKeepState);
     EXPECT_THAT(result.Output, AllOf(HasSubstr("In force  250.125 W\n"), HasSubstr("Asked     320 W\n")));
     EXPECT_THAT(result.Errors, Not(HasSubstr("vanish")));
     EXPECT_THAT(GpuMonitor("reset-power --simulate").Output, HasSubstr("not needed"));
@@ -193,8 +196,8 @@ TEST(TerminalTest, AChangeThatTheGpuDoesNotHaveIsRefusedWithAdvice) {
 TEST(TerminalTest, AChangeWithoutTheRightEndsWithThreeAndNamesSudo) {
     for (const std::string command :
          {"lock-clocks --gpu 0 1500 5001", "reset-clocks", "set-power --gpu 0 200", "reset-power"}) {
-        const std::string withdrawn = kKeepState + R"(echo '{"rights": "user"}' >"$NVML_SIM_STATE"; gpu_monitor )";
-        ExpectFailure(Shell(withdrawn + command + " --simulate"), 3, "sudo", command);
+        const std::string withdrawn = R"(echo '{"rights": "user"}' >"$NVML_SIM_STATE"; gpu_monitor )";
+        ExpectFailure(Shell(withdrawn + command + " --simulate", kKeepState), 3, "sudo", command);
     }
 }
 

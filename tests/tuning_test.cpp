@@ -1,6 +1,7 @@
 // What can be changed on a GPU, changing it, and taking the change back: clocks first, then the power limit.
 
 #include <cmath>
+#include <set>
 #include <tuple>
 
 #include "monitor_test.h"
@@ -67,14 +68,6 @@ const char* const kLockMemory = "nvmlDeviceSetMemoryLockedClocks";
 const char* const kResetGraphics = "nvmlDeviceResetGpuLockedClocks";
 const char* const kResetMemory = "nvmlDeviceResetMemoryLockedClocks";
 
-// What the log tells of changes.
-const std::string kGraphicsLock = "DeviceSetGpuLockedClocks(0, 1500, 1500) ";
-const std::string kLock = kGraphicsLock + "DeviceSetMemoryLockedClocks(0, 810, 810) ";
-const std::string kUndo = "DeviceResetGpuLockedClocks(0) DeviceResetMemoryLockedClocks(0) ";
-const std::string kReset = "DeviceResetMemoryLockedClocks(0) DeviceResetGpuLockedClocks(0) ";
-
-const std::string kNotListed = "Unsupported: Requested clock pair is not supported by NVML. ";
-
 class ClocksTest : public TuningTest {
 protected:
     ClocksTest() { MakeWhole(); }
@@ -102,13 +95,20 @@ protected:
     }
 
     std::string Reset() {
-        const std::string outcome = Outcome([&](std::string* error) { return Monitor.RestoreDefaultClocks(error); });
+        std::string outcome = Outcome([&](std::string* error) { return Monitor.RestoreDefaultClocks(error); });
         EXPECT_EQ(Outcome([&](std::string* error) {
                       return Monitor.RestoreClockState({true, 1500, 810}, error);
                   }),
                   outcome);
         return outcome;
     }
+
+    // What the log tells of changes.
+    const std::string GraphicsLocked = "DeviceSetGpuLockedClocks(0, 1500, 1500) ";
+    const std::string Locked = GraphicsLocked + "DeviceSetMemoryLockedClocks(0, 810, 810) ";
+    const std::string Undone = "DeviceResetGpuLockedClocks(0) DeviceResetMemoryLockedClocks(0) ";
+    const std::string Released = "DeviceResetMemoryLockedClocks(0) DeviceResetGpuLockedClocks(0) ";
+    const std::string NotListed = "Unsupported: Requested clock pair is not supported by NVML. ";
 };
 
 TEST_F(ClocksTest, QueryListsEveryPairOnceInOrder) {
@@ -160,7 +160,7 @@ TEST_F(ClocksTest, WhatKeepsClocksFromBeingLockedIsSaid) {
         EXPECT_EQ(answer.CurrentGraphicsClockMHz, 1200) << "read all the same";
     }
     Break({{kMemoryList}});
-    EXPECT_EQ(Lock(), kNotListed) << "whatever keeps it from being listed";
+    EXPECT_EQ(Lock(), NotListed) << "whatever keeps it from being listed";
     GpuClockState state{true, 1, 2};
     EXPECT_FALSE(Monitor.CaptureClockState(&state));
     EXPECT_TRUE(!state.Valid && state.GraphicsClockMHz == -1 && state.MemoryClockMHz == -1);
@@ -171,7 +171,7 @@ TEST_F(ClocksTest, ListsOf4096ClocksAndOnesThatShrinkAreTaken) {
         MakeWhole(clocks);
         Sim.ChangeListAfterSizeQuery(kMemoryList, change);
         Sim.ChangeListAfterSizeQuery(kGraphicsList, change);
-        const std::vector<Pair> listed = Query().SupportedPairs;
+        std::vector<Pair> listed = Query().SupportedPairs;
         EXPECT_EQ(listed.capacity(), listed.size());
         return listed;
     };
@@ -215,26 +215,25 @@ TEST_F(ClocksTest, LockSetsBothClocksAndResetReleasesThem) {
 TEST_F(ClocksTest, WhatNvmlRefusesIsMappedAndHalfALockIsUndone) {
     for (const auto& [code, outcome] : Refusals("GPU locked-clock control")) {
         Break({{kLockGraphics, code}});
-        EXPECT_EQ(Lock(), outcome + kGraphicsLock);
+        EXPECT_EQ(Lock(), outcome + GraphicsLocked);
     }
     for (const auto& [code, outcome] : Refusals("memory locked-clock control")) {
         Break({{kLockMemory, code}, {kResetGraphics, kUnknown}, {kResetMemory, kUnknown}});
-        EXPECT_EQ(Lock(), outcome + kLock + kUndo);
+        EXPECT_EQ(Lock(), outcome + Locked + Undone);
         EXPECT_NE(Monitor.SetLockedClock({1500, 810}), GpuClockOperationResult::Success) << "with nowhere to say why";
     }
     for (const auto& [code, outcome] : Refusals("memory locked-clock reset")) {
         Break({{kResetMemory, code}, {kResetGraphics, kGpuIsLost}});
-        EXPECT_EQ(Reset(), outcome + kReset);
+        EXPECT_EQ(Reset(), outcome + Released);
     }
     for (const auto& [code, outcome] : Refusals("GPU locked-clock reset")) {
         Break({{kResetGraphics, code}});
-        EXPECT_EQ(Reset(), outcome + kReset);
+        EXPECT_EQ(Reset(), outcome + Released);
     }
 }
 
 TEST_F(ClocksTest, ChangeThatCannotBeMadeIsRefusedBeforeNvmlIsAsked) {
-    for (const Pair& pair : {Pair{300, 5001}, Pair{1500, 405}, Pair{1200, 810}, Pair{}})
-        EXPECT_EQ(Lock(pair), kNotListed);
+    EXPECT_THAT((std::set{Lock({300, 5001}), Lock({1500, 405}), Lock({1200, 810}), Lock({})}), ElementsAre(NotListed));
     for (const char* name : {kLockGraphics, kLockMemory, kResetGraphics, kResetMemory}) {
         Break({{name, 0, 2}});  // there for the query, gone when the lock looks
         EXPECT_EQ(Lock(), "Unsupported: NVML locked-clock control is unavailable. ");
@@ -278,7 +277,7 @@ TEST_F(ClocksTest, WithoutAnIndexItIsNvmlsDevice0AlsoWhenDiscoverySkippedIt) {
     GpuClockCapabilities answer;
     EXPECT_TRUE(Monitor.GetClockCapabilities(&answer) && answer.CanControl);
     EXPECT_EQ(answer.DeviceName + answer.DeviceUuid, "");
-    EXPECT_EQ(Lock() + Reset(), "Success " + kLock + "Success " + kReset);
+    EXPECT_EQ(Lock() + Reset(), "Success " + Locked + "Success " + Released);
 }
 
 // ---- Power limit ----
@@ -288,9 +287,6 @@ const char* const kConfigured = "nvmlDeviceGetPowerManagementLimit";
 const char* const kDefault = "nvmlDeviceGetPowerManagementDefaultLimit";
 const char* const kRange = "nvmlDeviceGetPowerManagementLimitConstraints";
 const char* const kSet = "nvmlDeviceSetPowerManagementLimit";
-
-const std::string kSetTo320 = "Success DeviceSetPowerManagementLimit(1, 320000) ";
-const std::string kOutside = "Unsupported: Requested power limit is outside the driver-supported range. ";
 
 class PowerTest : public TuningTest {
 protected:
@@ -326,6 +322,9 @@ protected:
     std::string Restore() {
         return Outcome([&](std::string* error) { return Monitor.RestoreDefaultPowerLimit(1, error); });
     }
+
+    const std::string SetTo320 = "Success DeviceSetPowerManagementLimit(1, 320000) ";
+    const std::string Outside = "Unsupported: Requested power limit is outside the driver-supported range. ";
 };
 
 TEST_F(PowerTest, QueryReadsAllLimitsInOrder) {
@@ -381,8 +380,8 @@ TEST_F(PowerTest, StateFollowsFromWhatTheDriverHasAndAnswers) {
         EXPECT_EQ(answer.Status, status);
         EXPECT_EQ(Watts(answer), watts);
         const std::string refusal = std::string("Unsupported: ") + status + ' ';
-        EXPECT_EQ(Set(320.0), state == State::Supported ? kSetTo320 : refusal);
-        EXPECT_EQ(Restore(), state == State::Supported && watts[1] > 0.0 ? kSetTo320 : refusal);
+        EXPECT_EQ(Set(320.0), state == State::Supported ? SetTo320 : refusal);
+        EXPECT_EQ(Restore(), state == State::Supported && watts[1] > 0.0 ? SetTo320 : refusal);
         Monitor.Stop();
         StartOver();
     }
@@ -397,13 +396,13 @@ TEST_F(PowerTest, LimitsWithinTheRangeAreSetInWholeMilliwatts) {
     EXPECT_EQ(Set(212.4996), setTo("212500"));
     EXPECT_EQ(Set(200.0625), setTo("200063"));
     for (const double watts : {350.0004, 99.9999, -200.0, std::nan(""), HUGE_VAL, -HUGE_VAL}) {
-        EXPECT_EQ(Set(watts), kOutside) << watts;
+        EXPECT_EQ(Set(watts), Outside) << watts;
     }
-    EXPECT_EQ(Restore(), kSetTo320);
+    EXPECT_EQ(Restore(), SetTo320);
     SetRange(1, UINT32_MAX);
     EXPECT_EQ(Set(4294967.295), setTo("4294967295"));
     SetRange(100000, 319999);
-    EXPECT_EQ(Restore(), kOutside);
+    EXPECT_EQ(Restore(), Outside);
     SetRange(100000, 350000, 0);
     EXPECT_EQ(Restore(), "Unsupported: " + Query().Status + ' ') << "a board without a default";
 }
