@@ -1,22 +1,33 @@
 find_package(Threads REQUIRED)
+include(cmake/configure.cmake)
 
-# Gives `target` everything that compiling src/nvml_gpu_monitor.cpp takes, with the gpu_profiler.h of `profiler_dir`.
-function(nvml_gpu_monitor_configure target profiler_dir)
-    get_filename_component(profiler_dir "${profiler_dir}" ABSOLUTE BASE_DIR "${CMAKE_SOURCE_DIR}")
-    if(NOT EXISTS "${profiler_dir}/gpu_profiler.h")
-        message(FATAL_ERROR "NVML_GPU_MONITOR_PROFILER_DIR is ${profiler_dir}, which holds no gpu_profiler.h.")
-    endif()
-    target_compile_features(${target} PUBLIC cxx_std_17)
-    target_include_directories(${target} PUBLIC "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>")
-    # Warnings in a host's header are the host's affair.
-    target_include_directories(${target} SYSTEM PRIVATE "${profiler_dir}")
-    target_link_libraries(${target} PUBLIC Threads::Threads PRIVATE ${CMAKE_DL_LIBS})
-    set_target_properties(${target} PROPERTIES CXX_STANDARD 17 CXX_EXTENSIONS OFF POSITION_INDEPENDENT_CODE ON)
-endfunction()
-
-add_library(nvml_gpu_monitor src/nvml_gpu_monitor.cpp)
+if(NVML_GPU_MONITOR_PROFILER_DIR)
+    # Part of the host: a shared library, which hides what it instantiates, would have a GPUProfiler of its own.
+    add_library(nvml_gpu_monitor STATIC src/nvml_gpu_monitor.cpp)
+    set(profiler_dir "${NVML_GPU_MONITOR_PROFILER_DIR}")
+else()
+    add_library(nvml_gpu_monitor src/nvml_gpu_monitor.cpp)
+    set(profiler_dir "${CMAKE_CURRENT_SOURCE_DIR}/profiler")
+endif()
 add_library(nvml_gpu_monitor::nvml_gpu_monitor ALIAS nvml_gpu_monitor)
-nvml_gpu_monitor_configure(nvml_gpu_monitor "${NVML_GPU_MONITOR_PROFILER_DIR}")
+nvml_gpu_monitor_configure(nvml_gpu_monitor "${CMAKE_CURRENT_SOURCE_DIR}/include" "${profiler_dir}")
+
+# A shared library shows its class and nothing else: not its internals, nor what it instantiates of the standard library.
+# Before version 1, every minor version may change the class, so the soname has both numbers.
+set_target_properties(nvml_gpu_monitor PROPERTIES
+    VERSION ${PROJECT_VERSION}
+    SOVERSION ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR}
+    CXX_VISIBILITY_PRESET hidden
+    VISIBILITY_INLINES_HIDDEN ON)
+get_target_property(NVML_GPU_MONITOR_LIBRARY_TYPE nvml_gpu_monitor TYPE)
+if(NVML_GPU_MONITOR_LIBRARY_TYPE STREQUAL "SHARED_LIBRARY")
+    target_compile_definitions(nvml_gpu_monitor PRIVATE "NVML_GPU_MONITOR_API=__attribute__((visibility(\"default\")))")
+    target_link_options(nvml_gpu_monitor PRIVATE
+        "LINKER:--version-script=${CMAKE_CURRENT_SOURCE_DIR}/cmake/exports.map")
+    set_target_properties(nvml_gpu_monitor PROPERTIES
+        LINK_DEPENDS "${CMAKE_CURRENT_SOURCE_DIR}/cmake/exports.map")
+endif()
+
 if(NVML_GPU_MONITOR_TOP_LEVEL)
     include(cmake/warnings.cmake)
     nvml_gpu_monitor_strict_warnings(nvml_gpu_monitor)

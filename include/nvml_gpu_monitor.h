@@ -23,6 +23,16 @@
 ///
 /// Every record is a plain value that the host owns: nothing in it points back into the monitor.
 
+// Xlib has macros of these names, with which nothing below means what it says.
+#if defined(Status) || defined(Success)
+#error "nvml_gpu_monitor.h: include it in a source without Xlib's headers, or #undef Status and Success before it."
+#endif
+
+// What exports the class from a library; the shared build sets it.
+#ifndef NVML_GPU_MONITOR_API
+#define NVML_GPU_MONITOR_API
+#endif
+
 /// Identity of one GPU, read once when NVML starts. Texts are as NVML delivers them.
 struct GpuDeviceInfo {
     /// Product name. Never unread: a GPU without a readable name is not listed. Source: `nvmlDeviceGetName`.
@@ -51,8 +61,8 @@ struct GpuDeviceInfo {
 /// integers and -1.0 for floating-point fields. `TimestampSeconds`, the byte counts and `PerformanceLimitReasons` have
 /// 0 instead; test a byte count by its total.
 struct GpuTelemetrySample {
-    /// Seconds of the steady clock at the moment of reading; only differences mean anything. 0.0: no reading took
-    /// place.
+    /// Seconds of `std::chrono::steady_clock` since its epoch at the moment of reading; only differences mean anything.
+    /// 0.0: no reading took place.
     double TimestampSeconds = 0.0;
     /// Temperature of the GPU die, degrees Celsius. Source: `nvmlDeviceGetTemperature`.
     int TemperatureC = -1;
@@ -104,7 +114,9 @@ struct GpuTelemetrySample {
     double PcieReceiveMiBPerSecond = -1.0;
     /// Data the GPU sent over PCIe, MiB per second. Source: `nvmlDeviceGetPcieThroughput`.
     double PcieTransmitMiBPerSecond = -1.0;
-    /// NVML's bit mask of what limits the clocks at this moment; 0 when nothing does and also when not read. Source:
+    /// NVML's bit mask of what limits the clocks at this moment; 0 when nothing does and also when not read. 0x1 idle,
+    /// which is no limit; 0x2 application clocks; 0x4 power cap; 0x8 hardware slowdown; 0x10 sync boost; 0x20 thermal
+    /// slowdown by the driver, 0x40 by the hardware; 0x80 power brake; 0x100 display clocks. Source:
     /// `nvmlDeviceGetCurrentClocksThrottleReasons`.
     uint64_t PerformanceLimitReasons = 0;
     /// GPU time of the host's latest frame, milliseconds; -1.0 when the host's profiler has none or tells 0 or less.
@@ -125,11 +137,13 @@ struct GpuProcessMemory {
 struct GpuTelemetryHistory {
     /// Which GPU this is.
     GpuDeviceInfo Device;
-    /// Oldest first, newest last. At most 6000: once full, each new sample drops the oldest.
+    /// Oldest first, newest last. At most 6000: once full, each new sample drops the oldest. A GPU that is lost gets no
+    /// more of them, and nothing else tells that it is.
     std::deque<GpuTelemetrySample> Samples;
     /// The processes that used video memory on this GPU at the latest sampling cycle that reached it, each listed once
     /// with the largest value NVML gave for it, in no particular order. Compute and graphics processes are read from
-    /// lists of at most 4096 each; a list that could not be read adds nothing, which looks as if nothing ran.
+    /// lists of at most 4096 each; a list that could not be read adds nothing, which looks as if nothing ran, and a
+    /// process whose memory NVML does not know is left out.
     std::vector<GpuProcessMemory> ProcessMemory;
 };
 
@@ -239,9 +253,12 @@ struct GpuPowerCapabilities {
 /// Threads: `Start`, `Stop`, `PauseSampling`, `ResumeSampling` and the destructor belong to one controlling thread at a
 /// time. Every other operation may be called from any thread at any time. One mutex serializes everything, and the
 /// sampler holds it for a whole cycle over all GPUs: on real hardware an operation can wait tens of milliseconds per
-/// GPU, so keep them off a render thread. The host's `GPUProfiler` is asked with that mutex held, by the sampler thread
-/// and by threads that read a sample: it must be safe to call from them, must not throw, and must never call into the
-/// monitor.
+/// GPU, so keep them off a render thread. A driver call that hangs holds it too, and then every operation waits, `Stop`
+/// and the destructor included. The host's `GPUProfiler` is asked with that mutex held, by the sampler thread and by
+/// threads that read a sample: it must be safe to call from them, must not throw, and must never call into the monitor.
+///
+/// Start: where NVML is down, every reading, query and change starts it, which can take seconds, and everything else
+/// waits meanwhile. A child process of `fork` must not use the monitor of its parent.
 ///
 /// Failure: NVML's failures are reported by results and by `Status`; nothing is thrown for them and nothing is logged.
 /// Only the standard library's own exceptions (out of memory, no thread to be had, a broken mutex) pass out of an
@@ -252,7 +269,7 @@ struct GpuPowerCapabilities {
 /// for it.
 ///
 /// Cost: an open NVML keeps a laptop's GPU awake; only `Stop` releases it.
-class NvmlGpuMonitor {
+class NVML_GPU_MONITOR_API NvmlGpuMonitor {
 public:
     /// Opens nothing and starts nothing: `IsAvailable` is false, `Status` and `Snapshot` are empty.
     NvmlGpuMonitor();
@@ -357,6 +374,7 @@ public:
     /// Side effect: starts NVML if needed, with empty histories, and leaves it open until `Stop`; never starts the
     /// sampler. Changes nothing on the GPU.
     /// Source: the queries named at the fields of `GpuPowerCapabilities`.
+    /// Cost: a handful of calls; nothing is kept from one query to the next.
     /// Threads: any thread, any time; waits for a cycle in progress.
     /// Ownership: the caller owns `*output`, and nothing in it points back into the monitor.
     bool GetPowerCapabilities(unsigned int deviceIndex, GpuPowerCapabilities* output);
@@ -409,6 +427,7 @@ public:
     /// `error`: null, or receives one sentence for the user in place of what it held. Untouched on success, not kept.
     /// Rights and side effect: as `SetLockedClock`.
     /// Source: `nvmlDeviceResetMemoryLockedClocks`, `nvmlDeviceResetGpuLockedClocks`.
+    /// Cost: two calls.
     /// Threads: any thread, any time; waits for a cycle in progress.
     GpuClockOperationResult RestoreDefaultClocks(unsigned int deviceIndex, std::string* error = nullptr);
 
@@ -424,6 +443,7 @@ public:
     /// Lasting effect: the limit outlives `Stop`, the monitor and the process. `RestoreDefaultPowerLimit` undoes it.
     /// Rights and side effect: as `SetLockedClock`.
     /// Source: `nvmlDeviceSetPowerManagementLimit`.
+    /// Cost: a whole query of the power capabilities comes first.
     /// Threads: any thread, any time; waits for a cycle in progress.
     GpuClockOperationResult SetPowerLimit(unsigned int deviceIndex, double watts, std::string* error = nullptr);
 

@@ -6,10 +6,10 @@
 /// A host with a profiler of its own supplies a header of this name with the same three members, and the monitor is
 /// compiled against that one. The monitor asks it from its sampler thread and from every thread that reads a sample,
 /// while it holds its own mutex: `GetLatestSnapshot` must be safe to call from them and may take a lock, but must not
-/// throw and must never call into the monitor.
+/// throw and must never call into the monitor. `Get` must give a profiler whenever the monitor reads, never null.
 class GPUProfiler {
 public:
-    /// The latest frame. A host's record may hold more; the monitor reads only this field.
+    /// The latest frame. A host's record may hold more; the monitor makes one without arguments and reads this field.
     struct FrameSnapshot {
         /// GPU time of the frame in milliseconds; 0 or less when it was not measured.
         double GpuFrameTimeMs = 0.0;

@@ -29,11 +29,13 @@ needs=(
     "test|libgtest-dev|header gtest/gtest.h"
     "test|libgmock-dev|header gmock/gmock.h"
     "test|libbenchmark-dev|header benchmark/benchmark.h"
+    "test|pkg-config|have pkg-config"
     "ci|g++|have g++" # the sanitizer builds name it; the compiler above may be another one
     "ci|clang|have clang++"
     "ci|clang-format|have clang-format"
     "ci|clang-tidy|have clang-tidy"
     "ci|shellcheck|have shellcheck"
+    "ci|dpkg-dev|have dpkg-shlibdeps"
 )
 
 # Fills `missing` with the packages whose probe fails. Without a compiler no header can be probed, so the packages with

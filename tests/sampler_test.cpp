@@ -2,7 +2,6 @@
 
 #include <future>
 #include <map>
-#include <thread>
 #include <tuple>
 
 #include "monitor_test.h"
@@ -326,27 +325,26 @@ TEST_F(SamplerTest, ManyThreadsMayUseARunningMonitor) {
             GpuTelemetrySample sample;
             EXPECT_TRUE(host == 0 ? Monitor.ReadCurrentSample(&sample) : Monitor.ReadCurrentSample(1, &sample));
             GpuClockCapabilities clocks;
+            EXPECT_TRUE(Monitor.GetClockCapabilities(&clocks) && Monitor.GetClockCapabilities(1, &clocks));
             GpuPowerCapabilities power;
             GpuClockState state;
-            EXPECT_TRUE(Monitor.GetClockCapabilities(&clocks) && Monitor.GetClockCapabilities(1, &clocks) &&
-                        Monitor.GetPowerCapabilities(1, &power) && Monitor.CaptureClockState(&state));
-            for (const GpuClockOperationResult result :
-                 {Monitor.SetLockedClock({2100, 11201}), Monitor.SetLockedClock(1, {2100, 11201}),
-                  Monitor.RestoreClockState(state), Monitor.RestoreDefaultClocks(), Monitor.RestoreDefaultClocks(1),
-                  Monitor.SetPowerLimit(1, 200.0 + i), Monitor.RestoreDefaultPowerLimit(1)}) {
-                EXPECT_EQ(result, GpuClockOperationResult::Success);
-            }
+            EXPECT_TRUE(Monitor.GetPowerCapabilities(1, &power) && Monitor.CaptureClockState(&state));
+            const std::vector<GpuClockOperationResult> changes = {
+                Monitor.SetLockedClock({2100, 11201}), Monitor.SetLockedClock(1, {2100, 11201}),
+                Monitor.RestoreClockState(state),      Monitor.RestoreDefaultClocks(),
+                Monitor.RestoreDefaultClocks(1),       Monitor.SetPowerLimit(1, 200.0 + i),
+                Monitor.RestoreDefaultPowerLimit(1)};
+            EXPECT_THAT(changes, Each(GpuClockOperationResult::Success));
             Monitor.IsAvailable();
             EXPECT_EQ(Monitor.Status(), "NVML active: 2 NVIDIA GPU(s).");
         }
     };
-    std::vector<std::thread> hosts;
-    for (unsigned int host = 0; host < 4; ++host) hosts.emplace_back(beAHost, host);
+    std::vector<std::future<void>> hosts;
+    for (unsigned int host = 0; host < 4; ++host) hosts.push_back(std::async(std::launch::async, beAHost, host));
     for (int i = 0; i < 20; ++i) {
         Monitor.Stop();
         EXPECT_TRUE(Monitor.Start());
     }
-    for (std::thread& host : hosts) host.join();
 }
 
 }  // namespace

@@ -1,0 +1,78 @@
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+if(NVML_GPU_MONITOR_PROFILER_DIR)
+    message(WARNING "The library that gets installed needs this host's GPUProfiler wherever it is linked.")
+endif()
+
+set(package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/nvml_gpu_monitor")
+set(source_dir "${CMAKE_INSTALL_DATADIR}/nvml_gpu_monitor")
+
+# ---- The library, for hosts ----
+
+install(TARGETS nvml_gpu_monitor EXPORT nvml_gpu_monitor
+    LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT runtime NAMELINK_COMPONENT development
+    ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT development
+    INCLUDES DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
+install(FILES include/nvml_gpu_monitor.h DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}" COMPONENT development)
+# For hosts that compile the library with the header of their own profiler.
+install(FILES src/nvml_gpu_monitor.cpp DESTINATION "${source_dir}" COMPONENT development)
+install(FILES profiler/gpu_profiler.h DESTINATION "${source_dir}/profiler" COMPONENT development)
+
+# ---- find_package ----
+
+install(EXPORT nvml_gpu_monitor NAMESPACE nvml_gpu_monitor:: FILE nvml_gpu_monitorTargets.cmake
+    DESTINATION "${package_dir}" COMPONENT development)
+configure_package_config_file(cmake/nvml_gpu_monitorConfig.cmake.in
+    "${CMAKE_CURRENT_BINARY_DIR}/package/nvml_gpu_monitorConfig.cmake"
+    INSTALL_DESTINATION "${package_dir}"
+    PATH_VARS CMAKE_INSTALL_INCLUDEDIR source_dir)
+# As the soname: before version 1, every minor version may be another one.
+write_basic_package_version_file("${CMAKE_CURRENT_BINARY_DIR}/package/nvml_gpu_monitorConfigVersion.cmake"
+    COMPATIBILITY SameMinorVersion)
+install(FILES
+    "${CMAKE_CURRENT_BINARY_DIR}/package/nvml_gpu_monitorConfig.cmake"
+    "${CMAKE_CURRENT_BINARY_DIR}/package/nvml_gpu_monitorConfigVersion.cmake"
+    cmake/configure.cmake
+    DESTINATION "${package_dir}" COMPONENT development)
+
+# ---- pkg-config ----
+
+# A static library brings nothing along, so its users link what it needs.
+set(pkg_config_libs "")
+set(pkg_config_private_libs "-l${CMAKE_DL_LIBS} -pthread")
+if(NVML_GPU_MONITOR_LIBRARY_TYPE STREQUAL "STATIC_LIBRARY")
+    set(pkg_config_libs " ${pkg_config_private_libs}")
+endif()
+file(RELATIVE_PATH pkg_config_prefix
+    "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig" "${CMAKE_INSTALL_PREFIX}")
+string(REGEX REPLACE "/$" "" pkg_config_prefix "${pkg_config_prefix}")
+# Relative to the prefix, so that an installation can be moved; folders that are not below it stay where they are.
+foreach(folder LIBDIR INCLUDEDIR)
+    set(pkg_config_${folder} "${CMAKE_INSTALL_${folder}}")
+    if(NOT IS_ABSOLUTE "${pkg_config_${folder}}")
+        set(pkg_config_${folder} "\${prefix}/${pkg_config_${folder}}")
+    endif()
+endforeach()
+configure_file(cmake/nvml_gpu_monitor.pc.in "${CMAKE_CURRENT_BINARY_DIR}/package/nvml_gpu_monitor.pc" @ONLY)
+install(FILES "${CMAKE_CURRENT_BINARY_DIR}/package/nvml_gpu_monitor.pc"
+    DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig" COMPONENT development)
+
+# ---- The program and the simulator ----
+
+if(TARGET gpu_monitor)
+    file(RELATIVE_PATH library_from_programs
+        "${CMAKE_INSTALL_FULL_BINDIR}" "${CMAKE_INSTALL_FULL_LIBDIR}")
+    set_target_properties(gpu_monitor PROPERTIES INSTALL_RPATH "$ORIGIN/${library_from_programs}")
+    install(TARGETS gpu_monitor RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT tools)
+endif()
+if(TARGET simulated_nvml)
+    # In a folder of its own, where no loader finds it unasked: it must never stand in for a driver by accident.
+    install(TARGETS simulated_nvml
+        LIBRARY DESTINATION lib/nvml_gpu_monitor/simulator COMPONENT simulator NAMELINK_SKIP)
+endif()
+
+# A host makes packages of its own.
+if(NVML_GPU_MONITOR_TOP_LEVEL)
+    include(cmake/packages.cmake)
+endif()

@@ -1,0 +1,53 @@
+# `cpack` makes Debian packages of what is built: the library when it is a shared one, what compiling against it takes,
+# the program, and the simulator.
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_VENDOR "nvml_gpu_monitor")
+set(CPACK_PACKAGE_CONTACT "nvml_gpu_monitor developers")
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+# The program's own library, which no installed package brings yet.
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS "${CMAKE_CURRENT_BINARY_DIR}")
+
+set(CPACK_COMPONENTS_ALL development)
+if(NVML_GPU_MONITOR_LIBRARY_TYPE STREQUAL "SHARED_LIBRARY")
+    list(APPEND CPACK_COMPONENTS_ALL runtime)
+    set(library_package "libnvml-gpu-monitor${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR}")
+    set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${library_package} (= ${PROJECT_VERSION})")
+    set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${library_package} (= ${PROJECT_VERSION})")
+endif()
+if(TARGET gpu_monitor)
+    list(APPEND CPACK_COMPONENTS_ALL tools)
+endif()
+if(TARGET simulated_nvml)
+    list(APPEND CPACK_COMPONENTS_ALL simulator)
+endif()
+
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME "${library_package}")
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "Telemetry and tuning of NVIDIA GPUs, shared library
+Reads every NVIDIA GPU into bounded histories for a program that embeds it,
+and changes clocks and power limits. Harmless where there is no driver.")
+
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libnvml-gpu-monitor-dev)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "Telemetry and tuning of NVIDIA GPUs, development files
+Header, CMake package, pkg-config file, and the source for programs that
+compile it with their own frame profiler.")
+
+set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME gpu-monitor)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS nvml-gpu-monitor-simulator)
+set(CPACK_DEBIAN_TOOLS_DESCRIPTION "Shows and tunes the NVIDIA GPUs of this machine
+Readings once or continuously, as text or JSON, and changes of clocks and
+power limits.")
+
+set(CPACK_DEBIAN_SIMULATOR_PACKAGE_NAME nvml-gpu-monitor-simulator)
+set(CPACK_DEBIAN_SIMULATOR_PACKAGE_SECTION devel)
+set(CPACK_DEBIAN_SIMULATOR_DESCRIPTION "Simulated NVIDIA management library
+Stands in for libnvidia-ml.so.1 on machines without a GPU, for programs that
+ask for it.")
+
+include(CPack)

@@ -1,0 +1,23 @@
+#!/bin/sh
+# Hosts without CMake, built with bare compiler lines: one that links the installed library, and one that compiles it
+# with its own profiler.
+#
+#   pkg_config.sh FOLDER_OF_THE_PC_FILE ENGINE SIMULATOR BUILD_FOLDER COMPILER [FLAG...]
+set -eu
+
+export PKG_CONFIG_PATH="$1"
+engine=$2 simulator=$3 build=$4
+shift 4
+
+host=$(dirname "$0")/host.cpp
+package() { pkg-config "$@" nvml_gpu_monitor; }
+mkdir -p "$build"
+
+# What pkg-config prints is meant to be split.
+# shellcheck disable=SC2046
+"$@" -std=c++17 "$host" $(package --cflags --libs) -ldl -Wl,-rpath,"$(package --variable=libdir)" -o "$build/linked"
+"$build/linked" "$simulator"
+# shellcheck disable=SC2046
+"$@" -std=c++17 -I "$engine" "$host" "$(package --variable=source)" $(package --cflags) -ldl -pthread \
+    -o "$build/compiled"
+"$build/compiled" "$simulator"
