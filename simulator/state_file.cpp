@@ -43,8 +43,8 @@ public:
     throw Problem("cannot be used: " + why);
 }
 
-[[noreturn]] void ThrowSystemError(int error = errno) {
-    ThrowUnusable(std::generic_category().message(error));
+[[noreturn]] void ThrowSystemError() {
+    ThrowUnusable(std::generic_category().message(errno));
 }
 
 void Require(bool bSensible, const std::string& otherwise) {
@@ -93,8 +93,7 @@ public:
     void Replace(std::string text) const {
         const size_t length = text.size();
         text.resize(std::max(length, Size()), '\n');
-        // Before anything is overwritten: half a text would make no sense.
-        if (const int error = posix_fallocate(Descriptor, 0, static_cast<off_t>(text.size()))) ThrowSystemError(error);
+        ReserveRoom(static_cast<off_t>(text.size()));
         const ssize_t bytes = Uninterrupted([&] { return pwrite(Descriptor, text.data(), text.size(), 0); });
         if (bytes < 0) ThrowSystemError();
         if (static_cast<size_t>(bytes) != text.size()) ThrowUnusable("there is no room for it");
@@ -119,6 +118,12 @@ private:
     /// Does not wait for the other end, should the path name a pipe.
     static int Open(const std::string& path, int access) {
         return Uninterrupted([&] { return open(path.c_str(), access | O_CLOEXEC | O_NONBLOCK); });
+    }
+    /// Before anything is overwritten, because half a text would make no sense. Where a file system cannot reserve
+    /// room, it is left to luck.
+    void ReserveRoom(off_t bytes) const {
+        const auto reserve = [&] { return fallocate(Descriptor, FALLOC_FL_KEEP_SIZE, 0, bytes); };
+        if (Uninterrupted(reserve) < 0 && errno != EOPNOTSUPP) ThrowSystemError();
     }
     void Lock(int lock) const {
         if (Uninterrupted([&] { return flock(Descriptor, lock); }) < 0) ThrowSystemError();
