@@ -36,6 +36,7 @@ needs=(
     "ci|clang-tidy|have clang-tidy"
     "ci|shellcheck|have shellcheck"
     "ci|dpkg-dev|have dpkg-shlibdeps"
+    "ci|file|have file" # cpack looks for dependencies in what it calls an executable
 )
 
 # Fills `missing` with the packages whose probe fails. Without a compiler no header can be probed, so the packages with
