@@ -262,7 +262,8 @@ struct GpuPowerCapabilities {
 ///
 /// Failure: NVML's failures are reported by results and by `Status`; nothing is thrown for them and nothing is logged.
 /// Only the standard library's own exceptions (out of memory, no thread to be had, a broken mutex) pass out of an
-/// operation. On the sampler thread nobody could catch one, so there it ends the process.
+/// operation. On the sampler thread, running out of memory ends the cycle: GPUs that it has reached keep its updates,
+/// and the next cycle runs after the usual wait. Nobody could catch any other exception there, so it ends the process.
 ///
 /// Tuning: what the host sets belongs to the driver, not to the monitor. A locked clock or a power limit outlives
 /// `Stop`, the monitor and the process, and acts on every program of the machine; nothing is reset unless the host asks
@@ -341,7 +342,8 @@ public:
     ///
     /// Works in every state and never starts NVML: empty before the first start, the last data after a stop or a pause.
     /// A start that fails after NVML told that there are GPUs leaves it empty.
-    /// Cost: up to 6000 samples per GPU are copied while the sampler waits. Call it once per interval at most.
+    /// Cost: up to 6000 samples per GPU are copied while the sampler waits, about 1 MiB and half a millisecond for each
+    /// GPU. Call it once per interval at most.
     /// Threads: any thread, any time; waits for a cycle in progress.
     /// Ownership: the copy is the caller's and shares nothing with the monitor.
     std::vector<GpuTelemetryHistory> Snapshot() const;

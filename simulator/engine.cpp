@@ -193,6 +193,7 @@ NvmlReturn Engine::Admit(Visit& visit, std::optional<unsigned int> board) {
 
 std::optional<NvmlReturn> Engine::CountAgainstRules(EntryPoint name, std::optional<unsigned int> board) {
     std::optional<NvmlReturn> failure;
+    if (Wanted.CallsUntilFailure > 0 && --Wanted.CallsUntilFailure == 0) failure = Wanted.FailureCode;
     for (FailureRule& rule : Wanted.Failures) {
         if (rule.Name != name || (rule.Board.has_value() && rule.Board != board)) continue;
         if (++rule.CallsSeen >= rule.NthCall) failure = rule.Code;
@@ -201,6 +202,7 @@ std::optional<NvmlReturn> Engine::CountAgainstRules(EntryPoint name, std::option
 }
 
 bool Engine::SpendLookup(EntryPoint name) {
+    if (Wanted.LookupsUntilMiss > 0 && --Wanted.LookupsUntilMiss == 0) return false;
     std::optional<uint64_t>& left = Wanted.LookupsLeft[IndexOf(name)];
     if (!left.has_value()) return true;
     if (*left == 0) return false;

@@ -39,6 +39,10 @@ struct Script {
     PerEntryPoint<std::chrono::microseconds> Delays{};
     PerEntryPoint<int> ListChanges{};
     std::vector<FailureRule> Failures;
+    /// Calls until one fails and lookups until one misses, that one included; 0 for none.
+    uint64_t CallsUntilFailure = 0;
+    unsigned int FailureCode = kSuccess;
+    uint64_t LookupsUntilMiss = 0;
     /// Calls that a board still answers before it is lost.
     std::map<unsigned int, uint64_t> CallsLeft;
     PerEntryPoint<bool> Blocked{};

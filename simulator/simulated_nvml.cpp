@@ -149,9 +149,23 @@ void SimulatedNvml::FailFrom(const std::string& name, unsigned int code, uint64_
     Wanted().Failures.push_back({EntryPointOf(name), code, nthCall, board});
 }
 
+void SimulatedNvml::FailNthCall(uint64_t nth, unsigned int code) {
+    Require(nth >= 1 && code != kSuccess, "A failure has a code, and calls are counted from 1.");
+    const auto lock = Scripting();
+    Wanted().CallsUntilFailure = nth;
+    Wanted().FailureCode = code;
+}
+
 void SimulatedNvml::StopFailing() {
     const auto lock = Scripting();
     Wanted().Failures.clear();
+    Wanted().CallsUntilFailure = 0;
+}
+
+void SimulatedNvml::MissNthLookup(uint64_t nth) {
+    Require(nth >= 1, "Lookups are counted from 1.");
+    const auto lock = Scripting();
+    Wanted().LookupsUntilMiss = nth;
 }
 
 void SimulatedNvml::LoseBoard(unsigned int board, uint64_t calls) {

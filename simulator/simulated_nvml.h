@@ -157,7 +157,7 @@ public:
 
     // ---- What goes wrong ----
 
-    // The first two need a loader that asks the simulator (simulated_loader.cpp).
+    // What is said of the library and of lookups needs a loader that asks the simulator (simulated_loader.cpp).
 
     /// Makes the machine one without NVML.
     void RemoveLibrary();
@@ -167,8 +167,12 @@ public:
     /// if `board` is given.
     void FailFrom(const std::string& name, unsigned int code, uint64_t nthCall = 1,
                   std::optional<unsigned int> board = std::nullopt);
-    /// Takes back every `FailFrom`.
+    /// The n-th call from now on, whatever its name, answers `code`, which is a failure; only this one.
+    void FailNthCall(uint64_t nth, unsigned int code);
+    /// Takes back every `FailFrom` and `FailNthCall`.
     void StopFailing();
+    /// The n-th lookup from now on, whatever its name, finds nothing; only this one.
+    void MissNthLookup(uint64_t nth);
     /// Lets a board do `calls` more calls; it then answers `kGpuIsLost` to every call, for good.
     void LoseBoard(unsigned int board, uint64_t calls);
     /// Makes every call of `name` take this long.

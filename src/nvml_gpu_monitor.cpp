@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstddef>
 #include <initializer_list>
+#include <new>
 #include <set>
 #include <unordered_map>
 #include <utility>
@@ -482,14 +483,15 @@ struct CycleEntryPoints {
     ProcessFn GraphicsProcesses;
 };
 
-/// Replaces the process list of `history` by what runs on its GPU now.
-void UpdateProcessMemory(const CycleEntryPoints& nvml, NvmlDevice device, GpuTelemetryHistory* history) {
+/// What runs on a GPU now.
+std::vector<GpuProcessMemory> ReadProcessMemory(const CycleEntryPoints& nvml, NvmlDevice device) {
     std::unordered_map<int, uint64_t> processBytes;
     MergeProcessMemory(nvml.ComputeProcesses, device, processBytes);
     MergeProcessMemory(nvml.GraphicsProcesses, device, processBytes);
-    history->ProcessMemory.clear();
-    history->ProcessMemory.reserve(processBytes.size());
-    for (const auto& [pid, bytes] : processBytes) history->ProcessMemory.push_back({pid, bytes});
+    std::vector<GpuProcessMemory> processes;
+    processes.reserve(processBytes.size());
+    for (const auto& [pid, bytes] : processBytes) processes.push_back({pid, bytes});
+    return processes;
 }
 
 /// A full history drops one sample for each that it takes.
@@ -885,7 +887,11 @@ void NvmlGpuMonitor::SamplerLoop() {
             interval = SampleInterval;
             // Taken before the work, so that a wake-up which arrives during it ends the wait after it.
             generation = WakeGeneration;
-            SampleAllDevicesLocked();
+            try {
+                SampleAllDevicesLocked();
+            } catch (const std::bad_alloc&) {
+                // Nobody could be told here, and the host is not to die of telemetry: the next cycle tries again.
+            }
         }
         std::unique_lock<std::mutex> wait(Mutex);
         WaitForWake(wait, interval, generation);
@@ -919,8 +925,10 @@ void NvmlGpuMonitor::SampleAllDevicesLocked() {
         GpuTelemetrySample sample;
         // Also a reading that reports failure is kept: the fields that it could fill are worth having.
         ReadCurrentSampleLocked(history.Device.Index, &sample);
-        UpdateProcessMemory(nvml, device, &history);
+        std::vector<GpuProcessMemory> processes = ReadProcessMemory(nvml, device);
         AppendSample(sample, &history.Samples);
+        // Last, because this cannot run out of memory: a GPU has all of its updates or none.
+        history.ProcessMemory = std::move(processes);
     }
 }
 

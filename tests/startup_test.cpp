@@ -1,6 +1,5 @@
 // Opening NVML, its fallbacks and failures, and the discovery of GPUs.
 
-#include <new>
 #include <type_traits>
 
 #include "monitor_test.h"
@@ -174,25 +173,6 @@ TEST_F(StartupTest, DriverWithoutAShutdownIsClosedAllTheSame) {
     // Rightly misuse in the simulator's eyes; here the driver leaves no choice.
     EXPECT_THAT(Sim.Misuse(), ElementsAre("dlclose while NVML was initialized."));
     Sim.Reset();
-}
-
-TEST_F(StartupTest, OutOfMemoryAnywhereInAStartClosesNvmlAndPassesOn) {
-    SetFixedBoards(2, {});
-    uint64_t nth = 0;
-    do {
-        NvmlGpuMonitor monitor;
-        host_seams::FailAllocation(++nth);
-        try {
-            monitor.Start();
-            host_seams::FailAllocation(0);
-            EXPECT_FALSE(host_seams::AllocationFailed()) << nth << " was not passed on";
-        } catch (const std::bad_alloc&) {
-            EXPECT_TRUE(monitor.IsAvailable() || Sim.Log().back() == "dlclose") << nth;
-            EXPECT_TRUE(monitor.Start()) << nth;
-            EXPECT_THAT(monitor.Snapshot(), SizeIs(2)) << nth;
-        }
-    } while (host_seams::AllocationFailed());
-    EXPECT_GT(nth, 10U);
 }
 
 TEST_F(StartupTest, ThreadThatCannotBeCreatedLeavesTheSamplerStopped) {

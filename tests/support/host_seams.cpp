@@ -4,12 +4,8 @@
 
 #include <atomic>
 #include <condition_variable>
-#include <cstdlib>
 #include <mutex>
-#include <new>
 #include <system_error>
-
-#include "simulated_nvml.h"
 
 // std::thread's constructor calls this member of the standard library; the arguments are passed on as they come.
 #define START_THREAD(prefix) \
@@ -23,9 +19,6 @@ std::vector<host_seams::TimedWait> Waits;
 int SpuriousWakeUps = 0;
 std::atomic<bool> bThreadsRefused{false};
 
-thread_local uint64_t AllocationsUntilFailure = 0;
-thread_local bool bAllocationFailed = false;
-
 /// Notes a wait; true when it is to end at once.
 bool NoteWait(const timespec& deadline) {
     const auto end = std::chrono::seconds(deadline.tv_sec) + std::chrono::nanoseconds(deadline.tv_nsec);
@@ -36,21 +29,6 @@ bool NoteWait(const timespec& deadline) {
 }
 
 }  // namespace
-
-void* operator new(size_t bytes) {
-    if (AllocationsUntilFailure > 0 && !simulated_nvml::SimulatedNvml::InsideCall() && --AllocationsUntilFailure == 0) {
-        bAllocationFailed = true;
-        throw std::bad_alloc();
-    }
-    if (void* memory = std::malloc(bytes)) return memory;
-    throw std::bad_alloc();
-}
-void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-void operator delete(void* memory, size_t) noexcept {
-    std::free(memory);
-}
 
 extern "C" {
 
@@ -81,15 +59,6 @@ void Reset() {
 
 void RefuseThreads(bool bRefuse) {
     bThreadsRefused = bRefuse;
-}
-
-void FailAllocation(uint64_t nth) {
-    AllocationsUntilFailure = nth;
-    bAllocationFailed = bAllocationFailed && nth == 0;
-}
-
-bool AllocationFailed() {
-    return bAllocationFailed;
 }
 
 std::vector<TimedWait> TimedWaits() {

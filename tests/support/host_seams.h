@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <vector>
 
-/// What stands between the module and the rest of the process: threads, memory, timed waits. Linked over the real
+/// What stands between the module and the rest of the process: threads, timed waits. Linked over the real
 /// functions in the test programs only.
 namespace host_seams {
 
@@ -14,12 +14,6 @@ void Reset();
 
 /// Makes std::thread fail as it does when the system has none to give.
 void RefuseThreads(bool bRefuse);
-
-/// Makes the n-th allocation of this thread from now on throw `std::bad_alloc`, once; 0 for none. What the simulator
-/// allocates does not count.
-void FailAllocation(uint64_t nth);
-/// True when the allocation that was last to fail has failed.
-bool AllocationFailed();
 
 /// A timed wait on a condition variable.
 struct TimedWait {

@@ -1,0 +1,264 @@
+// One whole life of a monitor, again and again: each time another call of NVML fails, another lookup misses, or another
+// allocation throws, until each has been tried. After each, nothing may be broken, and everything works again.
+//
+// Prints how many failures were tried. Exit status: 0, or 1 with a sentence about each failure that broke something.
+
+#include <pthread.h>
+
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <mutex>
+#include <new>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "failing_memory.h"
+#include "nvml_gpu_monitor.h"
+#include "simulated_nvml.h"
+
+namespace {
+
+using namespace failing_memory;
+using simulated_nvml::SimulatedNvml;
+
+constexpr int kCycles = 3;
+constexpr std::chrono::seconds kLongInterval{10};
+
+// ---- The sampler's waits ----
+
+/// How often the sampler has begun to wait for its next cycle: each of its cycles ends so.
+std::mutex WaitMutex;
+std::condition_variable WaitBegan;
+int Waits = 0;
+
+void WaitForEndOfCycle(int cycle) {
+    std::unique_lock<std::mutex> lock(WaitMutex);
+    WaitBegan.wait(lock, [cycle] { return Waits >= cycle; });
+}
+
+}  // namespace
+
+// NOLINTBEGIN(bugprone-reserved-identifier): the linker gives these names.
+
+extern "C" int __real_pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
+                                             const timespec* deadline);
+
+extern "C" int __wrap_pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
+                                             const timespec* deadline) {
+    {
+        const std::lock_guard<std::mutex> lock(WaitMutex);
+        ++Waits;
+    }
+    WaitBegan.notify_all();
+    return __real_pthread_cond_clockwait(condition, mutex, clock, deadline);
+}
+
+// NOLINTEND(bugprone-reserved-identifier)
+
+namespace {
+
+/// The faults that were found, one sentence each.
+std::vector<std::string> Faults;
+/// What is made to fail at present.
+std::string Present;
+
+void Expect(bool bHolds, const std::string& sentence) {
+    if (!bHolds) Faults.push_back(Present + ": " + sentence);
+}
+
+/// Runs an operation of the monitor; nothing but running out of memory may pass out of it. False: it did.
+template <typename Operation>
+bool Attempt(Operation operation) {
+    bChecking = false;
+    bool bEnded = true;
+    try {
+        operation();
+    } catch (const std::bad_alloc&) {
+        bEnded = false;
+    }
+    bChecking = true;
+    Expect(bEnded || bAllocationFailed, "out of memory without a reason");
+    return bEnded;
+}
+
+/// Runs a change: it has a sentence exactly when it failed.
+template <typename Change>
+void AttemptChange(const char* name, Change change) {
+    std::string error;
+    auto result = GpuClockOperationResult::Error;
+    if (!Attempt([&] { result = change(&error); })) return;
+    const bool bDone = result == GpuClockOperationResult::Success;
+    Expect(bDone == error.empty(), std::string(name) + (bDone ? " succeeded and complained" : " failed silently"));
+}
+
+void UseBoards() {
+    SimulatedNvml& sim = SimulatedNvml::Get();
+    sim.Reset();
+    simulated_nvml::Readings readings;
+    readings.ComputeProcesses = {{10, 1000}, {11, 2000}};
+    readings.GraphicsProcesses = {{11, 3000}};
+    std::vector<simulated_nvml::Board> boards;
+    for (unsigned int i = 0; i < 2; ++i) {
+        boards.push_back(simulated_nvml::DesktopBoard(i));
+        boards.back().Clocks = {{5001, {1500, 300}}, {810, {1500}}};
+        boards.back().Fixed = readings;
+    }
+    sim.SetBoards(boards);
+    sim.RecordLog();
+    sim.ForbidConcurrentCalls();
+}
+
+void ExpectWholeHistories(const std::vector<GpuTelemetryHistory>& histories) {
+    for (const GpuTelemetryHistory& history : histories) {
+        Expect(!history.Device.Name.empty(), "a GPU without a name");
+        Expect(history.Samples.size() <= kCycles, "more samples than cycles");
+        std::set<int> pids;
+        for (const GpuProcessMemory& process : history.ProcessMemory) {
+            Expect(pids.insert(process.Pid).second && process.VramUsedBytes > 0, "a process list that makes no sense");
+        }
+        // Where NVML does not fail, each cycle lists both processes; one that ran out of memory stored all or nothing.
+        const size_t listed = history.Samples.empty() ? 0 : 2;
+        if (bAllocationFailed) Expect(history.ProcessMemory.size() == listed, "a process list that is not whole");
+    }
+}
+
+/// Whether the library has been closed, or never been looked into.
+bool EndsWithClose(const std::vector<std::string>& log) {
+    return log.empty() || log.back() == "dlclose";
+}
+
+/// Three cycles of the sampler, if it can be started.
+void RunSampler(NvmlGpuMonitor* monitor) {
+    bool bStarted = false;
+    monitor->SetSampleInterval(kLongInterval);
+    Attempt([&] { bStarted = monitor->Start(); });
+    const bool bOpen = !EndsWithClose(SimulatedNvml::Get().Log());
+    Expect(bOpen == monitor->IsAvailable(), "the library is open without need, or closed too soon");
+    for (int cycle = 1; bStarted && cycle <= kCycles; ++cycle) {
+        WaitForEndOfCycle(cycle);
+        if (cycle < kCycles) monitor->SetSampleInterval(kLongInterval);
+    }
+}
+
+void QueryAndChange(NvmlGpuMonitor* monitor) {
+    GpuTelemetrySample sample;
+    GpuClockCapabilities clocks;
+    GpuPowerCapabilities power;
+    GpuClockState state;
+    Attempt([&] { monitor->ReadCurrentSample(&sample); });
+    Attempt([&] { monitor->GetClockCapabilities(1, &clocks); });
+    Attempt([&] { monitor->GetPowerCapabilities(1, &power); });
+    Attempt([&] { monitor->CaptureClockState(&state); });
+    Expect(clocks.CanControl == !clocks.SupportedPairs.empty(),
+           "clocks that can be locked without a list, or a list of "
+           "clocks that cannot");
+    using Error = std::string*;
+    AttemptChange("a lock", [&](Error error) { return monitor->SetLockedClock(1, {1500, 810}, error); });
+    AttemptChange("a limit", [&](Error error) { return monitor->SetPowerLimit(1, 200.0, error); });
+    AttemptChange("the default limit", [&](Error error) { return monitor->RestoreDefaultPowerLimit(1, error); });
+    AttemptChange("a reset", [&](Error error) { return monitor->RestoreDefaultClocks(1, error); });
+    AttemptChange("a restored state", [&](Error error) { return monitor->RestoreClockState(state, error); });
+    std::vector<GpuTelemetryHistory> histories;
+    Attempt([&] { histories = monitor->Snapshot(); });
+    ExpectWholeHistories(histories);
+}
+
+/// What works when nothing fails must work again.
+void ExpectRecovery(NvmlGpuMonitor* monitor) {
+    Expect(!monitor->IsAvailable(), "NVML is up after a stop");
+    Expect(monitor->Start() && monitor->IsAvailable(), "no start afterwards");
+    Expect(monitor->Status() == "NVML active: 2 NVIDIA GPU(s).", "the status afterwards is " + monitor->Status());
+    GpuTelemetrySample sample;
+    Expect(monitor->ReadCurrentSample(1, &sample) && sample.TemperatureC >= 0, "no sample afterwards");
+    Expect(monitor->SetLockedClock(1, {1500, 810}) == GpuClockOperationResult::Success, "no lock afterwards");
+    Expect(monitor->Snapshot().size() == 2, "no histories afterwards");
+    monitor->Stop();
+}
+
+/// The whole life. What is to fail has been prepared.
+void Live() {
+    Waits = 0;
+    NvmlGpuMonitor monitor;
+    RunSampler(&monitor);
+    QueryAndChange(&monitor);
+    monitor.Stop();
+    SimulatedNvml::Get().StopFailing();
+    AllocationsUntilFailure = 0;
+    ExpectRecovery(&monitor);
+}
+
+/// What the caller of NVML did wrong, unless it had no choice: an NVML that cannot be shut down is closed all the same.
+void ExpectNoMisuse(bool bShutdownFailed) {
+    for (const std::string& sentence : SimulatedNvml::Get().Misuse()) {
+        Expect(bShutdownFailed && sentence == "dlclose while NVML was initialized.", sentence);
+    }
+}
+
+/// Lives with each of the calls of a whole life failing in turn, with each of these codes.
+size_t FailEveryCall(const std::vector<std::string>& calls) {
+    size_t tried = 0;
+    for (size_t k = 0; k < calls.size(); ++k) {
+        for (const unsigned int code : {1U, 3U, 4U, 7U, 15U, 999U}) {
+            Present = "call " + std::to_string(k + 1) + ", " + calls[k] + ", failing with " + std::to_string(code);
+            UseBoards();
+            SimulatedNvml::Get().FailNthCall(k + 1, code);
+            Live();
+            ExpectNoMisuse(calls[k] == "nvmlShutdown()");
+            ++tried;
+        }
+    }
+    return tried;
+}
+
+size_t MissEveryLookup(const std::vector<std::string>& lookups) {
+    for (size_t k = 0; k < lookups.size(); ++k) {
+        Present = "lookup " + std::to_string(k + 1) + ", " + lookups[k] + ", missing";
+        UseBoards();
+        SimulatedNvml::Get().MissNthLookup(k + 1);
+        Live();
+        ExpectNoMisuse(lookups[k] == "dlsym nvmlShutdown");
+    }
+    return lookups.size();
+}
+
+/// Lives without the k-th allocation, for every k up to the first that is not made any more.
+size_t FailEveryAllocation() {
+    uint64_t k = 0;
+    do {
+        Present = "allocation " + std::to_string(++k) + " failing";
+        UseBoards();
+        bAllocationFailed = false;
+        AllocationsUntilFailure = k;
+        Live();
+        ExpectNoMisuse(false);
+    } while (bAllocationFailed);
+    return k - 1;
+}
+
+}  // namespace
+
+int main() {
+    bChecking = true;
+    Present = "nothing failing";
+    UseBoards();
+    Live();
+    ExpectNoMisuse(false);
+    // Up to the first shutdown: what comes after it is the recovery, in which nothing is to fail.
+    const std::vector<std::string> log = SimulatedNvml::Get().Log();
+    std::vector<std::string> calls;
+    std::vector<std::string> lookups;
+    for (const std::string& entry : log) {
+        if (entry.rfind("nvml", 0) == 0) calls.push_back(entry);
+        if (entry.rfind("dlsym ", 0) == 0) lookups.push_back(entry);
+        if (entry == "dlclose") break;
+    }
+    const size_t callsTried = FailEveryCall(calls);
+    const size_t lookupsTried = MissEveryLookup(lookups);
+    const size_t allocationsTried = FailEveryAllocation();
+    std::printf("%zu calls with 6 codes each: %zu pairs; %zu lookups; %zu allocations; %zu faults\n", calls.size(),
+                callsTried, lookupsTried, allocationsTried, Faults.size());
+    for (const std::string& fault : Faults) std::printf("%s\n", fault.c_str());
+    return Faults.empty() ? EXIT_SUCCESS : EXIT_FAILURE;
+}
