@@ -1,67 +1,75 @@
-// What a reading costs on a simulated NVML that answers at once: the price of the module itself, with the lookups and
-// calls that it makes, and how it grows with the number of GPUs.
+// What one sample costs at once: the monitor's operation, the same lookups and calls written by hand, and calls that
+// the linker bound.
 
 #include <benchmark/benchmark.h>
 
 #include <chrono>
-#include <cstdint>
-#include <vector>
 
+#include "boards.h"
+#include "hand_written.h"
+#include "nvml_calls.h"
 #include "nvml_gpu_monitor.h"
-#include "simulated_nvml.h"
+#include "work.h"
 
 namespace {
 
-using simulated_nvml::SimulatedNvml;
-
-constexpr const char* kLastQueryOfASample = "nvmlDeviceGetCurrentClocksThrottleReasons";
-
-void UseBoards(int64_t count) {
-    std::vector<simulated_nvml::Board> boards;
-    for (unsigned int i = 0; i < static_cast<unsigned int>(count); ++i) {
-        boards.push_back(simulated_nvml::DesktopBoard(i));
-        boards.back().Fixed = simulated_nvml::Readings{};
-    }
-    SimulatedNvml::Get().Reset();
-    SimulatedNvml::Get().SetBoards(boards);
+/// Starts a monitor whose sampler stays asleep.
+template <typename Monitor>
+void StartQuietly(Monitor* monitor) {
+    UseBoards(1);
+    monitor->SetInitialSampleDelay(std::chrono::seconds(10));
+    monitor->Start();
 }
 
-void ReadCurrentSample(benchmark::State& state) {
-    UseBoards(1);
-    NvmlGpuMonitor monitor;
+template <typename Monitor>
+void Sample(benchmark::State& state) {
+    Monitor monitor;
+    StartQuietly(&monitor);
     GpuTelemetrySample sample;
     for ([[maybe_unused]] auto _ : state) {
-        monitor.ReadCurrentSample(&sample);
+        monitor.ReadCurrentSample(0, &sample);
         benchmark::DoNotOptimize(sample);
     }
 }
-BENCHMARK(ReadCurrentSample);
+BENCHMARK_TEMPLATE(Sample, NvmlGpuMonitor)->Name("SampleOfMonitor");
+BENCHMARK_TEMPLATE(Sample, HandWrittenMonitor)->Name("SampleByHand");
 
-void StartAndStop(benchmark::State& state) {
-    UseBoards(state.range(0));
-    NvmlGpuMonitor monitor;
-    monitor.SetInitialSampleDelay(std::chrono::seconds(10));
+void SampleDirectly(benchmark::State& state) {
+    UseBoards(1);
+    nvmlInit_v2();
+    GpuTelemetrySample sample;
     for ([[maybe_unused]] auto _ : state) {
-        monitor.Start();
-        monitor.Stop();
+        ReadSampleDirectly(&sample);
+        benchmark::DoNotOptimize(sample);
     }
+    nvmlShutdown();
 }
-BENCHMARK(StartAndStop)->Arg(1)->Arg(8)->Arg(64)->UseRealTime();
+BENCHMARK(SampleDirectly);
 
-/// From the wish for a cycle to its end, seen from a host's thread.
-void OneCycle(benchmark::State& state) {
-    UseBoards(state.range(0));
-    NvmlGpuMonitor monitor;
-    monitor.SetSampleInterval(std::chrono::seconds(10));
-    monitor.Start();
-    const auto boards = static_cast<uint64_t>(state.range(0));
-    uint64_t samples = boards;
-    for ([[maybe_unused]] auto _ : state) {
-        SimulatedNvml::Get().WaitForCalls(kLastQueryOfASample, samples, std::chrono::seconds(60));
-        samples += boards;
-        monitor.SetSampleInterval(std::chrono::seconds(10));
-    }
+template <typename Monitor>
+Work WorkOfSample() {
+    Monitor monitor;
+    StartQuietly(&monitor);
+    GpuTelemetrySample sample;
+    return WorkOf([&] { monitor.ReadCurrentSample(0, &sample); });
 }
-BENCHMARK(OneCycle)->Arg(1)->Arg(8)->Arg(64)->UseRealTime();
+
+Work WorkOfDirectSample() {
+    UseBoards(1);
+    nvmlInit_v2();
+    GpuTelemetrySample sample;
+    Work work = WorkOf([&] { ReadSampleDirectly(&sample); });
+    nvmlShutdown();
+    return work;
+}
 
 }  // namespace
+
+int main(int argc, char** argv) {
+    const Work sample = WorkOfSample<NvmlGpuMonitor>();
+    RequireSameWork("A sample", sample, WorkOfSample<HandWrittenMonitor>());
+    RequireSameWork("A sample", WithoutLookups(sample), WorkOfDirectSample());
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    return 0;
+}

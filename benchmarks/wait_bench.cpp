@@ -1,0 +1,82 @@
+// How long a host waits in Snapshot when it calls at any moment: full histories, a sampler that runs, and an NVML that
+// takes its time as on hardware.
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "boards.h"
+#include "full_histories.h"
+#include "nvml_gpu_monitor.h"
+#include "sampler.h"
+#include "simulated_nvml.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Milliseconds = std::chrono::duration<double, std::milli>;
+
+/// Calls of Snapshot at moments that do not know of the sampler: each one is as likely as any other.
+class RandomCalls {
+public:
+    /// What the call at the next moment waits, in milliseconds.
+    double Next(const NvmlGpuMonitor& monitor) {
+        Moment += std::chrono::duration_cast<Clock::duration>(Milliseconds(Gap(Random)));
+        // A moment at which the call before still waited: a call of its own would have waited for the same cycle and
+        // then copied as long, but beside it, not behind it.
+        if (Moment >= LatestEnd) Call(monitor);
+        return Milliseconds(LatestEnd - Moment).count();
+    }
+
+private:
+    void Call(const NvmlGpuMonitor& monitor) {
+        std::this_thread::sleep_until(Moment);
+        // A sleep ends late, which is no wait of the monitor's.
+        Moment = Clock::now();
+        const std::vector<GpuTelemetryHistory> copy = monitor.Snapshot();
+        LatestEnd = Clock::now();
+        benchmark::DoNotOptimize(copy.data());
+    }
+
+    // The same moments in each run.
+    std::mt19937 Random{1};  // NOLINT(cert-msc51-cpp)
+    std::exponential_distribution<double> Gap{1.0 / 10.0};
+    Clock::time_point Moment = Clock::now();
+    Clock::time_point LatestEnd = Moment;
+};
+
+double Quantile(std::vector<double>* values, double share) {
+    const auto place = static_cast<std::ptrdiff_t>(static_cast<double>(values->size() - 1) * share);
+    std::nth_element(values->begin(), values->begin() + place, values->end());
+    return (*values)[static_cast<size_t>(place)];
+}
+
+/// A sampler with this interval whose histories are full already.
+void StartFull(NvmlGpuMonitor* monitor, int64_t boards, std::chrono::milliseconds interval) {
+    UseBoards(boards);
+    const uint64_t wanted = ReadingsSoFar() + static_cast<uint64_t>(boards) * kFullHistorySamples;
+    monitor->Start();
+    while (ReadingsSoFar() < wanted) monitor->SetSampleInterval(interval);
+    simulated_nvml::SimulatedNvml::Get().UseRealisticDelays();
+}
+
+void SnapshotWait(benchmark::State& state) {
+    NvmlGpuMonitor monitor;
+    StartFull(&monitor, state.range(0), std::chrono::milliseconds(state.range(1)));
+    std::vector<double> waits;
+    RandomCalls calls;
+    for ([[maybe_unused]] auto _ : state) waits.push_back(calls.Next(monitor));
+    state.counters["median_ms"] = Quantile(&waits, 0.5);
+    state.counters["p99_ms"] = Quantile(&waits, 0.99);
+}
+BENCHMARK(SnapshotWait)->ArgsProduct({{1, 4}, {1000, 100}})->UseRealTime();
+
+}  // namespace
+
+BENCHMARK_MAIN();
