@@ -19,6 +19,12 @@ header() {
         $compiler -std=c++17 -E -x c++ - >/dev/null 2>&1
 }
 
+# Clang's runtime libraries come apart from clang.
+have_fuzzer() {
+    have clang++ && echo 'extern "C" int LLVMFuzzerTestOneInput(const char*, unsigned long) { return 0; }' |
+        clang++ -fsanitize=fuzzer,address,undefined -x c++ - -o /dev/null 2>/dev/null
+}
+
 # set | package of Debian and Ubuntu | probe that succeeds when what the package brings is there
 needs=(
     "run|g++|have ${compiler%% *}"
@@ -32,6 +38,7 @@ needs=(
     "test|pkg-config|have pkg-config"
     "ci|g++|have g++" # the sanitizer builds name it; the compiler above may be another one
     "ci|clang|have clang++"
+    "ci|libclang-rt-dev|have_fuzzer"
     "ci|clang-format|have clang-format"
     "ci|clang-tidy|have clang-tidy"
     "ci|shellcheck|have shellcheck"
