@@ -509,7 +509,7 @@ private:
         Operation = "the destructor";
         Monitor.reset();
         bSamplerRuns = false;
-        Require(!Nvml().LibraryOpen(), "a library outlives its monitor");
+        Require(!Nvml().IsOpen(), "a library outlives its monitor");
         Require(sampler::Waits() == WaitsSeen, "a sampler outlives its monitor");
     }
 
@@ -782,7 +782,7 @@ private:
         const std::string status = Monitor->Status();
         const std::vector<GpuTelemetryHistory> histories = Monitor->Snapshot();
         Require(Nvml().Activity() == activity, "an observer used the driver");
-        Require(bUp == Nvml().LibraryOpen() && bUp == Nvml().Initialized(), "the library is not open as it should be");
+        Require(bUp == Nvml().IsOpen() && bUp == Nvml().Initialized(), "the library is not open as it should be");
         Require(!bSamplerRuns || bUp, "a sampler runs without NVML");
         Require(sampler::Waits() == WaitsSeen, "the sampler woke without a reason");
         RequireHistories(histories);

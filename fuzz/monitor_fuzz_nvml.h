@@ -131,7 +131,7 @@ public:
 
     /// Forgets what belongs to one operation only.
     void BeginOperation();
-    bool LibraryOpen() const { return Library != nullptr; }
+    bool IsOpen() const { return Library != nullptr; }
     bool Initialized() const { return bInitialized; }
     /// Grows with everything that is done with the library.
     uint64_t Activity() const { return ActivityCount; }
