@@ -111,6 +111,7 @@ bool Engine::TakeOverEnvironment() {
     Wanted.Seed = environment.Seed;
     Wanted.bAdministrator = environment.bAdministrator;
     Wanted.CallsLeft = environment.LostAfterCalls;
+    Wanted.CallsUntilHang = environment.HangsAfterCalls;
     if (environment.bRealisticDelays) Wanted.UseRealisticDelays();
     MakeBoards(std::move(environment.Boards));
     return true;
@@ -186,7 +187,10 @@ NvmlReturn Engine::Admit(Visit& visit, std::optional<unsigned int> board) {
         visit.Lock.lock();
     }
     const std::optional<NvmlReturn> failure = CountAgainstRules(visit.Name, board);
-    if (board.has_value() && !SpendCall(*board)) return kGpuIsLost;
+    if (board.has_value() && !SpendCall(&Wanted.CallsUntilHang, *board)) {
+        Changed.wait(visit.Lock, [] { return false; });
+    }
+    if (board.has_value() && !SpendCall(&Wanted.CallsLeft, *board)) return kGpuIsLost;
     if (failure.has_value()) return *failure;
     return InitCount == 0 && !StartsNvml(visit.Name) ? kUninitialized : kSuccess;
 }
@@ -210,9 +214,9 @@ bool Engine::SpendLookup(EntryPoint name) {
     return true;
 }
 
-bool Engine::SpendCall(unsigned int board) {
-    const auto found = Wanted.CallsLeft.find(board);
-    if (found == Wanted.CallsLeft.end()) return true;
+bool Engine::SpendCall(std::map<unsigned int, uint64_t>* left, unsigned int board) {
+    const auto found = left->find(board);
+    if (found == left->end()) return true;
     if (found->second == 0) return false;
     --found->second;
     return true;

@@ -45,6 +45,8 @@ struct Script {
     uint64_t LookupsUntilMiss = 0;
     /// Calls that a board still answers before it is lost.
     std::map<unsigned int, uint64_t> CallsLeft;
+    /// Calls that a board still answers before one never returns.
+    std::map<unsigned int, uint64_t> CallsUntilHang;
     PerEntryPoint<bool> Blocked{};
     std::optional<double> HeldSeconds;
     size_t ProcessRecordBytes = sizeof(ProcessRecord);
@@ -194,8 +196,8 @@ private:
         return Wanted.bFailuresWrite && InitCount != 0 &&
                std::strstr(kEntryPointNames[IndexOf(name)], "Get") != nullptr;
     }
-    /// Takes one of the calls that a board has left. False: it is lost.
-    bool SpendCall(unsigned int board);
+    /// Takes one of the calls that a board has left. False: there is none.
+    static bool SpendCall(std::map<unsigned int, uint64_t>* left, unsigned int board);
     /// Sets NVML up as the environment wants it. False: it makes no sense, and stderr says why.
     bool StartFromEnvironment();
     bool TakeOverEnvironment();

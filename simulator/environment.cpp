@@ -110,18 +110,27 @@ bool ReadStatePath(Environment* environment) {
     return !error;
 }
 
-bool ReadLosses(Environment* environment) {
-    const std::optional<std::string> losses = Variable("NVML_SIM_LOSE");
-    if (!losses.has_value()) return true;
-    for (const std::string& loss : SplitAtCommas(*losses)) {
-        const size_t at = loss.find('@');
+/// Reads what a variable says as GPU@CALLS.
+bool ReadCallCounts(const char* name, size_t boardCount, std::map<unsigned int, uint64_t>* counts) {
+    const std::optional<std::string> entries = Variable(name);
+    if (!entries.has_value()) return true;
+    for (const std::string& entry : SplitAtCommas(*entries)) {
+        const size_t at = entry.find('@');
         if (at == std::string::npos) return false;
-        const std::optional<uint64_t> board = WholeNumber(loss.substr(0, at));
-        const std::optional<uint64_t> calls = WholeNumber(loss.substr(at + 1));
-        if (!board.has_value() || *board >= environment->Boards.size() || !calls.has_value()) return false;
-        if (!environment->LostAfterCalls.emplace(static_cast<unsigned int>(*board), *calls).second) return false;
+        const std::optional<uint64_t> board = WholeNumber(entry.substr(0, at));
+        const std::optional<uint64_t> calls = WholeNumber(entry.substr(at + 1));
+        if (!board.has_value() || *board >= boardCount || !calls.has_value()) return false;
+        if (!counts->emplace(static_cast<unsigned int>(*board), *calls).second) return false;
     }
     return true;
+}
+
+bool ReadLosses(Environment* environment) {
+    return ReadCallCounts("NVML_SIM_LOSE", environment->Boards.size(), &environment->LostAfterCalls);
+}
+
+bool ReadHangs(Environment* environment) {
+    return ReadCallCounts("NVML_SIM_HANG", environment->Boards.size(), &environment->HangsAfterCalls);
 }
 
 struct Setting {
@@ -129,6 +138,7 @@ struct Setting {
     bool (*Read)(Environment* environment);
     const char* Expected;
 };
+constexpr const char* kCallCounts = "GPU@CALLS with the index of a simulated GPU, such as 1@500, once per GPU";
 /// Boards stand first: what is said of a board later must be about one that exists.
 constexpr Setting kSettings[] = {
     {"NVML_SIM_BOARDS", ReadBoards,
@@ -137,7 +147,8 @@ constexpr Setting kSettings[] = {
     {"NVML_SIM_DELAYS", ReadDelays, "realistic or none"},
     {"NVML_SIM_RIGHTS", ReadRights, "user or admin"},
     {"NVML_SIM_STATE", ReadStatePath, "the path of a file"},
-    {"NVML_SIM_LOSE", ReadLosses, "GPU@CALLS with the index of a simulated GPU, such as 1@500, once per GPU"},
+    {"NVML_SIM_LOSE", ReadLosses, kCallCounts},
+    {"NVML_SIM_HANG", ReadHangs, kCallCounts},
 };
 
 /// A variable that looks like one of ours and is none: a misspelt name must not pass for a setting that was taken.

@@ -25,6 +25,8 @@ struct Environment {
     std::string StatePath;
     /// NVML_SIM_LOSE=GPU@CALLS, several separated by commas: after how many calls a board is lost.
     std::map<unsigned int, uint64_t> LostAfterCalls;
+    /// NVML_SIM_HANG, likewise: after how many calls a call on a board never returns.
+    std::map<unsigned int, uint64_t> HangsAfterCalls;
 };
 
 /// Reads all variables into `environment`. False when one makes no sense: `*problem` then says which and why.
