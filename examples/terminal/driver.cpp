@@ -22,20 +22,19 @@ std::string Advice(const std::string& status) {
 
 }  // namespace
 
-void RequireDriver(const NvmlGpuMonitor& monitor) {
-    if (monitor.IsAvailable()) return;
-    const std::string status = monitor.Status();
+void RequireDriver(bool bAvailable, const std::string& status) {
+    if (bAvailable) return;
     // What is wrong with a simulated driver, it has said itself.
     throw Failure(IsSimulating() ? status : status + '\n' + Advice(status));
 }
 
-void RequireGpu(const std::vector<GpuTelemetryHistory>& gpus, unsigned int index) {
-    const auto hasIndex = [index](const GpuTelemetryHistory& gpu) { return gpu.Device.Index == index; };
+void RequireGpu(const std::vector<GpuDeviceInfo>& gpus, unsigned int index) {
+    const auto hasIndex = [index](const GpuDeviceInfo& gpu) { return gpu.Index == index; };
     if (std::any_of(gpus.begin(), gpus.end(), hasIndex)) return;
     std::string sentence = "There is no GPU " + std::to_string(index) + ". GPUs here: ";
     const char* separator = "";
-    for (const GpuTelemetryHistory& gpu : gpus) {
-        sentence += separator + std::to_string(gpu.Device.Index);
+    for (const GpuDeviceInfo& gpu : gpus) {
+        sentence += separator + std::to_string(gpu.Index);
         separator = ", ";
     }
     throw Failure(sentence + '.', kExitUsage);
@@ -45,12 +44,12 @@ std::vector<GpuDeviceInfo> DiscoverGpus(std::optional<unsigned int> only, NvmlGp
     // The cheapest query is what starts NVML; its answer is not needed.
     GpuPowerCapabilities ignored;
     monitor->GetPowerCapabilities(0, &ignored);
-    RequireDriver(*monitor);
-    const std::vector<GpuTelemetryHistory> gpus = monitor->Snapshot();
-    if (only) RequireGpu(gpus, *only);
+    RequireDriver(monitor->IsAvailable(), monitor->Status());
     std::vector<GpuDeviceInfo> devices;
-    for (const GpuTelemetryHistory& gpu : gpus) {
-        if (only.value_or(gpu.Device.Index) == gpu.Device.Index) devices.push_back(gpu.Device);
-    }
+    for (const GpuTelemetryHistory& gpu : monitor->Snapshot()) devices.push_back(gpu.Device);
+    if (!only) return devices;
+    RequireGpu(devices, *only);
+    const auto hasOtherIndex = [only](const GpuDeviceInfo& device) { return device.Index != *only; };
+    devices.erase(std::remove_if(devices.begin(), devices.end(), hasOtherIndex), devices.end());
     return devices;
 }

@@ -2,15 +2,17 @@
 #define GPU_MONITOR_DRIVER_H
 
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "nvml_gpu_monitor.h"
 
-/// Throws `Failure` with what the monitor says about the driver and what the user can do about it, unless NVML is up.
-void RequireDriver(const NvmlGpuMonitor& monitor);
+/// Throws `Failure` with what the monitor says about the driver, its `status`, and what the user can do about it,
+/// unless NVML is up.
+void RequireDriver(bool bAvailable, const std::string& status);
 
 /// Throws `Failure` unless one of `gpus` has this NVML index.
-void RequireGpu(const std::vector<GpuTelemetryHistory>& gpus, unsigned int index);
+void RequireGpu(const std::vector<GpuDeviceInfo>& gpus, unsigned int index);
 
 /// Starts NVML without the sampler. Result: every GPU or, with `only`, the one with that index; at least one. Throws
 /// `Failure`.

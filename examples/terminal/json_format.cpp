@@ -2,7 +2,6 @@
 
 #include <time.h>
 
-#include <algorithm>
 #include <chrono>
 #include <iomanip>
 #include <sstream>
@@ -56,13 +55,12 @@ void AddReadings(const GpuTelemetrySample& sample, Json* json) {
     }
 }
 
-Json ProcessList(std::vector<GpuProcessMemory> processes) {
-    // The monitor lists them in no particular order, which would differ from line to line.
-    std::sort(processes.begin(), processes.end(),
-              [](const GpuProcessMemory& a, const GpuProcessMemory& b) { return a.Pid < b.Pid; });
+Json ProcessList(const std::vector<FeedProcess>& processes) {
     Json list = Json::array();
-    for (const GpuProcessMemory& process : processes) {
-        list.push_back({{"pid", process.Pid}, {"vram_used_bytes", process.VramUsedBytes}});
+    for (const FeedProcess& process : processes) {
+        Json& json = list.emplace_back(Json{{"pid", process.Pid}, {"vram_used_bytes", process.VramUsedBytes}});
+        if (!process.Name.empty()) json["name"] = process.Name;
+        if (!process.User.empty()) json["user"] = process.User;
     }
     return list;
 }
@@ -129,7 +127,7 @@ std::string SampleJson(const std::string& driverVersion, const std::vector<GpuRe
 }
 
 std::string StreamJson(const GpuDeviceInfo& device, const GpuTelemetrySample& sample,
-                       const std::vector<GpuProcessMemory>* processes) {
+                       const std::vector<FeedProcess>* processes) {
     Json json = ShortIdentity(device);
     AddReadings(sample, &json);
     if (processes != nullptr) json["processes"] = ProcessList(*processes);

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "process_names.h"
 #include "readings.h"
 
 // Every text ends with a line break. A value that was not read is left out.
@@ -22,6 +23,6 @@ std::string PowerJson(const std::string& driverVersion, const std::vector<GpuPow
 
 /// One sample of one GPU as one line, with the GPU's processes unless `processes` is null.
 std::string StreamJson(const GpuDeviceInfo& device, const GpuTelemetrySample& sample,
-                       const std::vector<GpuProcessMemory>* processes);
+                       const std::vector<FeedProcess>* processes);
 
 #endif  // GPU_MONITOR_JSON_FORMAT_H

@@ -8,6 +8,7 @@
 #include <CLI/CLI.hpp>
 #include <chrono>
 #include <cstddef>
+#include <cstdlib>
 #include <exception>
 #include <functional>
 #include <iostream>
@@ -18,6 +19,7 @@
 #include <vector>
 
 #include "failure.h"
+#include "live_feed.h"
 #include "nvml_gpu_monitor.h"
 #include "one_shot.h"
 #include "output.h"
@@ -250,12 +252,8 @@ void OccupyStandardStreams() {
     }
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-    OccupyStandardStreams();
-    // A reader that ends early shows in the result of writing.
-    signal(SIGPIPE, SIG_IGN);
+/// Result: the exit status.
+int RunAndTellFailure(int argc, char** argv) {
     try {
         return Run(argc, argv);
     } catch (const Failure& failure) {
@@ -265,4 +263,15 @@ int main(int argc, char** argv) {
         std::cerr << "Unexpected failure: " << error.what() << ".\n";
         return kExitFailure;
     }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    OccupyStandardStreams();
+    // A reader that ends early shows in the result of writing.
+    signal(SIGPIPE, SIG_IGN);
+    const int status = RunAndTellFailure(argc, argv);
+    if (IsDriverLeftBehind()) std::_Exit(status);
+    return status;
 }

@@ -5,41 +5,38 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <iostream>
 #include <map>
-#include <optional>
+#include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "clock.h"
-#include "driver.h"
+#include "failure.h"
 #include "json_format.h"
-#include "nvml_gpu_monitor.h"
+#include "live_feed.h"
 #include "output.h"
-#include "rhythm.h"
 #include "signals.h"
 #include "text_format.h"
-#include "watch.h"
+#include "text_layout.h"
 
 namespace {
 
 constexpr size_t kTerminalLinesPerHeading = 20;
+/// How often to look whether GPUs are silent while no reading comes.
+constexpr int kLongestWaitMs = 1000;
+/// Without a reading of any GPU for so many periods, but at least so long, the stream ends.
+constexpr double kSilentPeriods = 3.0;
+constexpr double kMinimumSilenceSeconds = 5.0;
 
-/// Waits until `moment` of the steady clock, in seconds. False: before that came a stop signal or the end of whoever
-/// reads standard output.
-bool WaitUntil(double moment, int stopDescriptor) {
-    pollfd descriptors[] = {{stopDescriptor, POLLIN, 0}, {STDOUT_FILENO, 0, 0}};
-    for (;;) {
-        // Rounded up: waking a moment early would cost another round.
-        const double milliseconds = std::max(moment - NowSeconds(), 0.0) * 1000.0 + 1.0;
-        const int ready = poll(descriptors, 2, static_cast<int>(milliseconds));
-        if (ready > 0) return false;
-        if (ready == 0 && NowSeconds() >= moment) return true;
-    }
+std::string SecondsText(double seconds) {
+    return Number(seconds, seconds < 2.0 ? 1 : 0) + " s";
 }
 
-/// One sample that is to be printed. Points into a snapshot.
+/// One sample that is to be printed. Points into published data.
 struct Row {
-    const GpuTelemetryHistory* Gpu;
+    const FeedGpu* Gpu;
     const GpuTelemetrySample* Sample;
 };
 using Rows = std::vector<Row>;
@@ -47,37 +44,37 @@ using Rows = std::vector<Row>;
 /// Prints the sampler's samples as they come, each exactly once.
 class Stream {
 public:
-    Stream(const StreamOptions& options, const NvmlGpuMonitor& monitor, int stopDescriptor, double startedAt)
-        : Options(options),
-          Monitor(monitor),
-          StopDescriptor(stopDescriptor),
-          StartedAt(startedAt),
-          SamplerRhythm(options.Interval),
-          GpuWatch(options.Gpu, startedAt) {}
+    Stream(const StreamOptions& options, int stopDescriptor)
+        : Options(options), StopDescriptor(stopDescriptor), StartedAt(NowSeconds()), Feed(options.Interval) {}
 
     /// Returns at a stop signal, the end of the reader or the wanted count. Throws `Failure`.
     void Run() {
+        if (!Feed.WaitForStart(Options.Gpu, StopDescriptor)) return;
         if (!Options.bJson && !Print(StreamHeading())) return;
-        double nextLook = SamplerRhythm.AfterStart(NowSeconds());
-        while (WaitUntil(nextLook, StopDescriptor)) {
-            const std::vector<GpuTelemetryHistory> gpus = Monitor.Snapshot();
-            const double now = NowSeconds();
-            if (!PrintCycles(gpus, NewRows(gpus))) return;
-            GpuWatch.OnLook(now, SamplerRhythm.Period());
-            nextLook = NextLook(gpus, now);
-        }
+        do {
+            Feed.TakeNews();
+            const std::shared_ptr<const FeedData> data = Feed->Latest();
+            if (!PrintCycles(NewRows(*data))) return;
+            NoticeSilence(*data);
+        } while (WaitForNews());
     }
 
 private:
-    bool IsWanted(const GpuTelemetryHistory& gpu) const {
-        return Options.Gpu.value_or(gpu.Device.Index) == gpu.Device.Index;
+    /// Waits for readings, but not for long. False: before that came a stop signal or the end of whoever reads standard
+    /// output.
+    bool WaitForNews() const {
+        pollfd descriptors[] = {{StopDescriptor, POLLIN, 0}, {STDOUT_FILENO, 0, 0}, {Feed.Descriptor(), POLLIN, 0}};
+        poll(descriptors, 3, kLongestWaitMs);
+        return descriptors[0].revents == 0 && descriptors[1].revents == 0;
     }
 
+    bool IsWanted(const FeedGpu& gpu) const { return Options.Gpu.value_or(gpu.Device.Index) == gpu.Device.Index; }
+
     /// The samples that have not been printed, in the order in which they were taken.
-    Rows NewRows(const std::vector<GpuTelemetryHistory>& gpus) {
+    Rows NewRows(const FeedData& data) {
         Rows rows;
-        for (const GpuTelemetryHistory& gpu : gpus) {
-            if (IsWanted(gpu)) AddNewRows(gpu, &rows);
+        for (const auto& gpu : data.Gpus) {
+            if (IsWanted(*gpu)) AddNewRows(*gpu, &rows);
         }
         std::stable_sort(rows.begin(), rows.end(), [](const Row& a, const Row& b) {
             return a.Sample->TimestampSeconds < b.Sample->TimestampSeconds;
@@ -85,8 +82,8 @@ private:
         return rows;
     }
 
-    void AddNewRows(const GpuTelemetryHistory& gpu, Rows* rows) {
-        double& printedUntil = PrintedUntil[gpu.Device.Index];
+    void AddNewRows(const FeedGpu& gpu, Rows* rows) {
+        double& printedUntil = PrintedUntil[gpu.Key];
         const auto isPrinted = [printedUntil](const GpuTelemetrySample& sample) {
             return sample.TimestampSeconds != 0.0 && sample.TimestampSeconds <= printedUntil;
         };
@@ -100,16 +97,13 @@ private:
     }
 
     /// Prints `rows` cycle by cycle. False: the stream ends here.
-    bool PrintCycles(const std::vector<GpuTelemetryHistory>& gpus, const Rows& rows) {
+    bool PrintCycles(const Rows& rows) {
         for (auto first = rows.begin(); first != rows.end();) {
             // A cycle reads the GPUs by ascending index, so the next one begins where the index does not ascend.
             const auto descends = [](const Row& a, const Row& b) { return b.Gpu->Device.Index <= a.Gpu->Device.Index; };
             const auto lastOfCycle = std::adjacent_find(first, rows.end(), descends);
             const auto end = lastOfCycle == rows.end() ? lastOfCycle : lastOfCycle + 1;
-            const Rows cycle(first, end);
-            if (!PrintCycle(cycle)) return false;
-            WatchCycle(gpus, cycle);
-            if (++CyclesPrinted == Options.Count) return false;
+            if (!PrintCycle(Rows(first, end)) || ++CyclesPrinted == Options.Count) return false;
             first = end;
         }
         return true;
@@ -125,45 +119,52 @@ private:
     }
 
     std::string LineOf(const Row& row) const {
-        const GpuTelemetryHistory& gpu = *row.Gpu;
+        const FeedGpu& gpu = *row.Gpu;
         if (!Options.bJson) return StreamText(gpu.Device, *row.Sample, row.Sample->TimestampSeconds - StartedAt);
         // The monitor keeps the processes of the latest cycle only.
         const bool bLatest = row.Sample == &gpu.Samples.back();
-        return StreamJson(gpu.Device, *row.Sample, bLatest ? &gpu.ProcessMemory : nullptr);
+        return StreamJson(gpu.Device, *row.Sample, bLatest ? &gpu.Processes : nullptr);
     }
 
     bool Print(const std::string& text) const { return WriteOutput(text, StopDescriptor) == WriteResult::Written; }
 
-    void WatchCycle(const std::vector<GpuTelemetryHistory>& gpus, const Rows& cycle) {
-        for (const GpuTelemetryHistory& gpu : gpus) {
-            if (!IsWanted(gpu)) continue;
-            const auto isOfGpu = [&gpu](const Row& row) { return row.Gpu == &gpu; };
-            const auto row = std::find_if(cycle.begin(), cycle.end(), isOfGpu);
-            GpuWatch.OnCycle(gpu.Device.Index, row == cycle.end() ? nullptr : row->Sample);
+    /// Says so once per GPU on standard error when it seems lost. Throws `Failure` when no GPU that is shown gives
+    /// readings any more.
+    void NoticeSilence(const FeedData& data) {
+        const double now = NowSeconds();
+        bool bAllSilent = true;
+        double lastReading = StartedAt;
+        for (const auto& gpu : data.Gpus) {
+            if (!IsWanted(*gpu)) continue;
+            lastReading = std::max(lastReading, gpu->Latest.TimestampSeconds);
+            TellSilence(*gpu, now);
+            const double silence = gpu->SilentSince == 0.0 ? 0.0 : now - gpu->SilentSince;
+            const double longest = std::max(kSilentPeriods * gpu->PeriodSeconds, kMinimumSilenceSeconds);
+            bAllSilent = bAllSilent && silence >= longest;
         }
+        if (!bAllSilent) return;
+        const std::string who =
+            Options.Gpu ? "GPU " + std::to_string(*Options.Gpu) + " has given no" : "No GPU has given a";
+        throw Failure(who + " reading for " + SecondsText(now - lastReading) + '.');
     }
 
-    /// When to look again after `gpus` were seen at `now`. Goes by all GPUs: also one that is not wanted shows the
-    /// sampler's rhythm.
-    double NextLook(const std::vector<GpuTelemetryHistory>& gpus, double now) {
-        const GpuTelemetryHistory* newest = nullptr;
-        for (const GpuTelemetryHistory& gpu : gpus) {
-            if (gpu.Samples.empty() || gpu.Samples.back().TimestampSeconds <= NewestSeen) continue;
-            newest = &gpu;
-            NewestSeen = gpu.Samples.back().TimestampSeconds;
+    void TellSilence(const FeedGpu& gpu, double now) {
+        if (Feed->StateOf(gpu) != GpuState::NoData) {
+            Silent.erase(gpu.Key);
+        } else if (Silent.insert(gpu.Key).second) {
+            const double silence = now - std::max(gpu.Latest.TimestampSeconds, StartedAt);
+            std::cerr << GpuName(gpu.Device) << " has given no reading for " << SecondsText(silence)
+                      << (Feed->DriverWait() >= gpu.PeriodSeconds ? "; the driver hangs.\n" : "; it may be lost.\n");
         }
-        return newest == nullptr ? SamplerRhythm.AfterNothing(now) : SamplerRhythm.AfterNewSample(*newest, now);
     }
 
     const StreamOptions& Options;
-    const NvmlGpuMonitor& Monitor;
     const int StopDescriptor;
     const double StartedAt;
     const bool bTerminal = isatty(STDOUT_FILENO) == 1;
-    Rhythm SamplerRhythm;
-    Watch GpuWatch;
-    std::map<unsigned int, double> PrintedUntil;
-    double NewestSeen = 0.0;
+    LiveFeed Feed;
+    std::map<std::string, double> PrintedUntil;
+    std::set<std::string> Silent;
     int CyclesPrinted = 0;
     size_t LinesSinceHeading = 0;
 };
@@ -173,11 +174,5 @@ private:
 void RunStream(const StreamOptions& options) {
     // Before NVML starts, which can take seconds, so that a signal ends that cleanly too.
     const int stopDescriptor = CatchStopSignals();
-    const double startedAt = NowSeconds();
-    NvmlGpuMonitor monitor;
-    monitor.SetSampleInterval(options.Interval);
-    monitor.Start();
-    RequireDriver(monitor);
-    if (options.Gpu) RequireGpu(monitor.Snapshot(), *options.Gpu);
-    Stream(options, monitor, stopDescriptor, startedAt).Run();
+    Stream(options, stopDescriptor).Run();
 }

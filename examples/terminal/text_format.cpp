@@ -133,6 +133,14 @@ std::string StreamText(const GpuDeviceInfo& device, const GpuTelemetrySample& sa
                       [&sample](const Reading& reading) { return StreamCell(reading, sample); });
 }
 
-std::string LimitText(const GpuTelemetrySample& sample) {
-    return ValueText(PerformanceLimits(sample), 0, 1.0);
+std::string LimitText(const GpuTelemetrySample& sample, size_t width) {
+    const Json words = PerformanceLimits(sample);
+    return words.is_null() ? kNotRead : Shortened(words, width);
+}
+
+std::string ReadingText(const std::string& key, const GpuTelemetrySample& sample, bool bUnit) {
+    const Reading& reading = ReadingOf(key);
+    const Json value = reading.Get(sample);
+    const std::string text = ValueText(value, reading.Decimals, reading.TextDivisor);
+    return value.is_null() || !bUnit || *reading.Unit == '\0' ? text : text + ' ' + reading.Unit;
 }

@@ -21,7 +21,13 @@ std::string StreamHeading();
 /// One sample of one GPU as a line of the stream, taken `seconds` after its start.
 std::string StreamText(const GpuDeviceInfo& device, const GpuTelemetrySample& sample, double seconds);
 
-/// What limits the clocks, in the words of the table and the stream, without a line break.
-std::string LimitText(const GpuTelemetrySample& sample);
+// The rest gives words for a line, without a line break.
+
+/// What NVML tells about the clocks, in the words of the table and the stream, in at most `width` characters as far as
+/// that goes.
+std::string LimitText(const GpuTelemetrySample& sample, size_t width = std::string::npos);
+
+/// The reading with this JSON key as the table shows it: its number, and its unit if `bUnit`.
+std::string ReadingText(const std::string& key, const GpuTelemetrySample& sample, bool bUnit = true);
 
 #endif  // GPU_MONITOR_TEXT_FORMAT_H

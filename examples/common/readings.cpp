@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <iterator>
 #include <sstream>
 #include <string>
 
@@ -43,17 +44,18 @@ Json Bar1Total(const GpuDeviceInfo& device) {
 struct LimitReason {
     uint64_t Bit;
     const char* Word;
+    bool bDanger = false;
 };
 
 constexpr LimitReason kLimitReasons[] = {
-    {0x1, "idle"},
+    {kIdleReason, "idle"},
     {0x2, "application clocks"},
     {0x4, "power cap"},
-    {0x8, "hardware slowdown"},
+    {0x8, "hardware slowdown", true},
     {0x10, "sync boost"},
-    {0x20, "thermal"},
-    {0x40, "hardware thermal"},
-    {0x80, "power brake"},
+    {0x20, "thermal", true},
+    {0x40, "hardware thermal", true},
+    {0x80, "power brake", true},
     {0x100, "display clocks"},
 };
 
@@ -78,6 +80,12 @@ Json PerformanceLimits(const GpuTelemetrySample& sample) {
     }
     if (unknown != 0) words.push_back(Hexadecimal(unknown));
     return words;
+}
+
+bool IsInDanger(const GpuTelemetrySample& sample) {
+    return std::any_of(std::begin(kLimitReasons), std::end(kLimitReasons), [&sample](const LimitReason& reason) {
+        return reason.bDanger && (sample.PerformanceLimitReasons & reason.Bit) != 0;
+    });
 }
 
 const std::vector<Reading>& Readings() {
@@ -115,6 +123,11 @@ const std::vector<Reading>& Readings() {
     };
     // clang-format on
     return kReadings;
+}
+
+const Reading& ReadingOf(const std::string& key) {
+    const auto hasKey = [&key](const Reading& reading) { return reading.Key == key; };
+    return *std::find_if(Readings().begin(), Readings().end(), hasKey);
 }
 
 const std::vector<IdentityField>& IdentityFields() {

@@ -1,7 +1,8 @@
-#ifndef GPU_MONITOR_RHYTHM_H
-#define GPU_MONITOR_RHYTHM_H
+#ifndef EXAMPLES_RHYTHM_H
+#define EXAMPLES_RHYTHM_H
 
 #include <chrono>
+#include <deque>
 
 #include "nvml_gpu_monitor.h"
 
@@ -16,8 +17,8 @@ public:
     /// The moment for the first look after the sampler was started at `now`.
     double AfterStart(double now) const;
 
-    /// The moment to look again after a look at `now` that found `history` to have the newest sample.
-    double AfterNewSample(const GpuTelemetryHistory& history, double now);
+    /// The moment to look again after a look at `now` that found the newest sample to be the last of `samples`.
+    double AfterNewSample(const std::deque<GpuTelemetrySample>& samples, double now);
 
     /// The moment to look again after a look at `now` that found nothing new.
     double AfterNothing(double now);
@@ -28,4 +29,4 @@ private:
     double RetrySeconds;
 };
 
-#endif  // GPU_MONITOR_RHYTHM_H
+#endif  // EXAMPLES_RHYTHM_H

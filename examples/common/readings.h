@@ -1,9 +1,11 @@
-#ifndef GPU_MONITOR_READINGS_H
-#define GPU_MONITOR_READINGS_H
+#ifndef EXAMPLES_READINGS_H
+#define EXAMPLES_READINGS_H
 
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <string>
 #include <vector>
 
 #include "nvml_gpu_monitor.h"
@@ -64,16 +66,25 @@ using ClockGroups = std::map<int, std::vector<int>, std::greater<>>;
 /// Every reading, in the order of output.
 const std::vector<Reading>& Readings();
 
+/// The reading with this JSON key, which has to exist.
+const Reading& ReadingOf(const std::string& key);
+
 /// Every identity field, in the order of output.
 const std::vector<IdentityField>& IdentityFields();
 
 /// False when nothing at all could be read: the GPU did not answer.
 bool HasAnyReading(const GpuTelemetrySample& sample);
 
-/// What limits the clocks, a word or two each; null when nothing does.
+/// What NVML tells about the clocks, a word or two each; null when it tells nothing.
 Json PerformanceLimits(const GpuTelemetrySample& sample);
+
+/// The bit of `PerformanceLimitReasons` that is no limit: the GPU idles.
+constexpr uint64_t kIdleReason = 0x1;
+
+/// Whether the hardware protects itself: from heat, or at the command of the power supply.
+bool IsInDanger(const GpuTelemetrySample& sample);
 
 /// `pairs` in the order in which the monitor gives them, in groups.
 ClockGroups GroupByMemoryClock(const std::vector<GpuClockPair>& pairs);
 
-#endif  // GPU_MONITOR_READINGS_H
+#endif  // EXAMPLES_READINGS_H

@@ -21,9 +21,8 @@ double Rhythm::AfterStart(double now) const {
     return now + kMarginSeconds;
 }
 
-double Rhythm::AfterNewSample(const GpuTelemetryHistory& history, double now) {
+double Rhythm::AfterNewSample(const std::deque<GpuTelemetrySample>& samples, double now) {
     RetrySeconds = kFirstRetrySeconds;
-    const auto& samples = history.Samples;
     // The cycle has ended by now, so the next one starts within the interval. That bounds the guess when the last two
     // samples lie far apart because the process was suspended.
     double next = now + IntervalSeconds;

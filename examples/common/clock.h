@@ -1,5 +1,5 @@
-#ifndef GPU_MONITOR_CLOCK_H
-#define GPU_MONITOR_CLOCK_H
+#ifndef EXAMPLES_CLOCK_H
+#define EXAMPLES_CLOCK_H
 
 #include <chrono>
 
@@ -8,4 +8,4 @@ inline double NowSeconds() {
     return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
-#endif  // GPU_MONITOR_CLOCK_H
+#endif  // EXAMPLES_CLOCK_H
