@@ -32,8 +32,10 @@ needs=(
     "run|ninja-build|have ninja"
     "run|libcli11-dev|header CLI/CLI.hpp"
     "run|nlohmann-json3-dev|header nlohmann/json.hpp"
+    "run|libncurses-dev|header ncursesw/curses.h"
     "test|libgtest-dev|header gtest/gtest.h"
     "test|libgmock-dev|header gmock/gmock.h"
+    "test|libvterm-dev|header vterm.h"
     "test|libbenchmark-dev|header benchmark/benchmark.h"
     "test|pkg-config|have pkg-config"
     "ci|g++|have g++" # the sanitizer builds name it; the compiler above may be another one

@@ -2,6 +2,7 @@
 // changes of their clocks and power limits. The exit statuses stand in failure.h.
 
 #include <fcntl.h>
+#include <locale.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -26,11 +27,14 @@
 #include "simulate.h"
 #include "stream.h"
 #include "tuning.h"
+#include "watch.h"
 
 namespace {
 
 constexpr const char* kFooter =
     "Examples:\n"
+    "  gpu_monitor watch                             the live view; ? shows its keys\n"
+    "  gpu_monitor watch --once > gpus.txt           the same as text, for a bug report\n"
     "  gpu_monitor list                              which GPUs there are\n"
     "  gpu_monitor sample --gpu 0                    everything about GPU 0, once\n"
     "  gpu_monitor sample --json | jq '.gpus[].temperature_c'\n"
@@ -65,6 +69,8 @@ struct CommandLine {
     std::optional<std::string> SimulatedBoards;
     QueryOptions Query;
     StreamOptions Stream;
+    WatchOptions Watch;
+    bool bOnce = false;
     int IntervalMs = 1000;
     TuningOptions Tuning;
     GpuClockPair Clocks;
@@ -118,6 +124,12 @@ void AddQuery(CLI::App* app, CommandLine* commandLine, const char* name, const c
     query->add_flag("--json", commandLine->Query.bJson, "Print one JSON object");
 }
 
+int RunWatchCommand(CommandLine* commandLine) {
+    commandLine->Watch.Interval = std::chrono::milliseconds(commandLine->IntervalMs);
+    commandLine->Watch.SimulateOption = commandLine->Tuning.SimulateOption;
+    return commandLine->bOnce ? PrintView(commandLine->Watch) : RunWatch(commandLine->Watch);
+}
+
 int RunStreamCommand(CommandLine* commandLine) {
     commandLine->Stream.Interval = std::chrono::milliseconds(commandLine->IntervalMs);
     RunStream(commandLine->Stream);
@@ -129,15 +141,29 @@ CLI::Validator InRange(int lowest, int highest) {
     return CLI::Range(lowest, highest).description("");
 }
 
-void AddStream(CLI::App* app, CommandLine* commandLine) {
-    CLI::App* stream = AddCommand(app, commandLine, "stream", "Show a line per GPU and sampling cycle until Ctrl-C",
-                                  [commandLine] { return RunStreamCommand(commandLine); });
-    AddGpuOption(stream, &commandLine->Stream.Gpu);
-    stream->add_option("--interval", commandLine->IntervalMs, "Wait between two cycles, 100 to 10000 milliseconds")
+void AddIntervalOption(CLI::App* command, CommandLine* commandLine) {
+    command->add_option("--interval", commandLine->IntervalMs, "Wait between two cycles, 100 to 10000 milliseconds")
         ->type_name("MS")
         ->check(WholeNumberError)
         ->check(InRange(100, 10000))
         ->capture_default_str();
+}
+
+void AddWatch(CLI::App* app, CommandLine* commandLine) {
+    CLI::App* watch = AddCommand(app, commandLine, "watch", "Show the live view, in which GPUs can be tuned too",
+                                 [commandLine] { return RunWatchCommand(commandLine); });
+    watch->add_option("--gpu", commandLine->Watch.Gpu, "Begin with the GPU with this index")
+        ->type_name("N")
+        ->check(WholeNumberError);
+    AddIntervalOption(watch, commandLine);
+    watch->add_flag("--once", commandLine->bOnce, "Print the view as text, once, and end");
+}
+
+void AddStream(CLI::App* app, CommandLine* commandLine) {
+    CLI::App* stream = AddCommand(app, commandLine, "stream", "Show a line per GPU and sampling cycle until Ctrl-C",
+                                  [commandLine] { return RunStreamCommand(commandLine); });
+    AddGpuOption(stream, &commandLine->Stream.Gpu);
+    AddIntervalOption(stream, commandLine);
     stream->add_option("--count", commandLine->Stream.Count, "End after this many cycles")
         ->type_name("N")
         ->check(WholeNumberError)
@@ -207,6 +233,7 @@ void Describe(CLI::App* app, CommandLine* commandLine) {
         ->default_str("1")
         ->check(SimulationError);
 
+    AddWatch(app, commandLine);
     AddQuery(app, commandLine, "list", "Show which GPUs there are", RunList);
     AddQuery(app, commandLine, "sample", "Read every GPU once and show all readings", RunSample);
     AddStream(app, commandLine);
@@ -269,6 +296,9 @@ int RunAndTellFailure(int argc, char** argv) {
 
 int main(int argc, char** argv) {
     OccupyStandardStreams();
+    // How the terminal shows characters; numbers stay as they are.
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread runs yet.
+    setlocale(LC_CTYPE, "");
     // A reader that ends early shows in the result of writing.
     signal(SIGPIPE, SIG_IGN);
     const int status = RunAndTellFailure(argc, argv);

@@ -4,31 +4,55 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <cstddef>
+#include <iterator>
 
 #include "failure.h"
 
 namespace {
 
-// Read by the signal handler, which may run on any thread; written before the handler is installed.
+// Read by the signal handlers, which may run on any thread; written before the handlers are installed.
 int StopPipeWriteEnd = -1;
 
-extern "C" void RequestStop(int) {
+std::atomic<void (*)()> BeforeDeath{nullptr};
+
+/// What the fatal signals did before `CallBeforeDeath`: a sanitizer's report, for example.
+constexpr int kFatalSignals[] = {SIGQUIT, SIGILL, SIGABRT, SIGFPE, SIGBUS, SIGSEGV};
+struct sigaction FatalBefore[std::size(kFatalSignals)];
+
+extern "C" void Die(int signalNumber) {
+    if (void (*restore)() = BeforeDeath.load()) restore();
+    signal(signalNumber, SIG_DFL);
+    raise(signalNumber);
+}
+
+extern "C" void DieAsBefore(int signalNumber) {
+    if (void (*restore)() = BeforeDeath.load()) restore();
+    const auto* place = std::find(std::begin(kFatalSignals), std::end(kFatalSignals), signalNumber);
+    sigaction(signalNumber, &FatalBefore[place - std::begin(kFatalSignals)], nullptr);
+    raise(signalNumber);
+}
+
+void Catch(int signalNumber, void (*handler)(int)) {
+    struct sigaction action {};
+    action.sa_handler = handler;
+    // Driver calls of the sampler are not to fail because a signal arrived on its thread.
+    action.sa_flags = SA_RESTART;
+    sigemptyset(&action.sa_mask);
+    sigaction(signalNumber, &action, nullptr);
+}
+
+/// Of the first stop signal of each kind; the second one ends even a process that hangs.
+extern "C" void RequestStop(int signalNumber) {
     const int savedErrno = errno;
+    Catch(signalNumber, Die);
     // The pipe can only be full when a stop has been asked for, so the result does not matter.
     const ssize_t ignored = write(StopPipeWriteEnd, "", 1);
     static_cast<void>(ignored);
     errno = savedErrno;
-}
-
-void Catch(int signalNumber) {
-    struct sigaction action {};
-    action.sa_handler = RequestStop;
-    // The default action returns with the first signal: the second one ends even a process that hangs. Driver calls of
-    // the sampler are not to fail because a signal arrived on its thread.
-    action.sa_flags = static_cast<int>(SA_RESETHAND) | SA_RESTART;
-    sigemptyset(&action.sa_mask);
-    sigaction(signalNumber, &action, nullptr);
 }
 
 bool IsIgnored(int signalNumber) {
@@ -42,9 +66,21 @@ int CatchStopSignals() {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) throw SystemFailure("Cannot prepare for signals");
     StopPipeWriteEnd = ends[1];
-    Catch(SIGINT);
-    Catch(SIGTERM);
+    Catch(SIGINT, RequestStop);
+    Catch(SIGTERM, RequestStop);
     // Under nohup the program is to outlive its terminal.
-    if (!IsIgnored(SIGHUP)) Catch(SIGHUP);
+    if (!IsIgnored(SIGHUP)) Catch(SIGHUP, RequestStop);
     return ends[0];
+}
+
+void CallBeforeDeath(void (*restore)()) {
+    BeforeDeath = restore;
+    for (size_t i = 0; i < std::size(kFatalSignals); ++i) {
+        if (restore == nullptr) {
+            sigaction(kFatalSignals[i], &FatalBefore[i], nullptr);
+        } else {
+            sigaction(kFatalSignals[i], nullptr, &FatalBefore[i]);
+            Catch(kFatalSignals[i], DieAsBefore);
+        }
+    }
 }

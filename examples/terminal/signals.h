@@ -7,4 +7,8 @@
 /// Result: a descriptor that becomes, and stays, readable with the first signal. It lives as long as the process.
 int CatchStopSignals();
 
+/// Has `restore` called, which must be safe in a signal handler, when a signal is about to kill the process: the second
+/// stop signal, or one that the program cannot survive. Null: nothing is called any more.
+void CallBeforeDeath(void (*restore)());
+
 #endif  // GPU_MONITOR_SIGNALS_H

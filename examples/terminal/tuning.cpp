@@ -3,7 +3,6 @@
 #include <poll.h>
 
 #include <algorithm>
-#include <cmath>
 #include <cstdlib>
 #include <iostream>
 #include <utility>
@@ -16,6 +15,7 @@
 #include "signals.h"
 #include "text_format.h"
 #include "text_layout.h"
+#include "tuning_change.h"
 #include "tuning_format.h"
 
 namespace {
@@ -26,9 +26,6 @@ constexpr double kSettleSeconds = 2.0;
 /// Released clocks have no value to wait for, and need not move at all.
 constexpr double kReleaseSeconds = 0.2;
 constexpr int kPauseMs = 50;
-
-constexpr const char* kRightsAdvice =
-    "Changing GPUs needs root: run the same command with sudo, or in a container with CAP_SYS_ADMIN.\n";
 
 /// Of several GPUs, the first that failed counts. One that does not have what was to be changed has not failed, as long
 /// as there is another that was changed.
@@ -57,16 +54,17 @@ public:
             results.push_back(ChangeAndTell(device));
         }
         const bool bDenied = std::find(results.begin(), results.end(), OperationResult::NoPermission) != results.end();
-        if (bDenied) std::cerr << kRightsAdvice;
+        if (bDenied) std::cerr << kRightsAdvice << '\n';
         return ExitStatus(results);
     }
 
 protected:
-    /// A command line of this program for one GPU, with what this run was given to find its GPUs.
-    std::string Command(const std::string& command, unsigned int gpu, const std::string& values = "") const {
-        std::string text = "gpu_monitor " + command + " --gpu " + std::to_string(gpu);
-        for (const std::string& word : {values, Options.SimulateOption}) text += word.empty() ? "" : ' ' + word;
-        return text;
+    /// A command line for one GPU, with what this run was given to find its GPUs.
+    std::string Command(const TuningChange& change, unsigned int gpu) const {
+        return CommandOf(change, gpu, Options.SimulateOption);
+    }
+    std::string Command(const char* command, unsigned int gpu, const std::string& values = "") const {
+        return CommandLineFor(command, gpu, values, Options.SimulateOption);
     }
 
     /// Reads a GPU until `bEnough` says so, but only for so long, and not any more once a stop was asked for.
@@ -180,7 +178,7 @@ private:
                            {"Running", ClocksText(now.GraphicsClockMHz, now.MemoryClockMHz)}};
         if (!Runs(now)) details.push_back({"Note", Difference(now)});
         details.push_back({"Undo", "releases the clocks and brings no earlier lock back:"});
-        details.push_back({"", Command("reset-clocks", gpu), true});
+        details.push_back({"", Command({TuningChange::Kind::ResetClocks}, gpu), true});
         return details;
     }
 
@@ -202,7 +200,8 @@ private:
     std::string ReleaseAdvice(unsigned int gpu) {
         const bool bReleased = Monitor.RestoreDefaultClocks(gpu) == OperationResult::Success;
         return bReleased ? "Both locks of this GPU were released, an earlier one too."
-                         : "Its graphics clock may still be locked. To release it: " + Command("reset-clocks", gpu);
+                         : "Its graphics clock may still be locked. To release it: " +
+                               Command({TuningChange::Kind::ResetClocks}, gpu);
     }
 
     static std::string Difference(const GpuTelemetrySample& now) {
@@ -254,15 +253,6 @@ private:
 
 // ---- Power limit ----
 
-/// Whether both are the same limit for the driver, which knows milliwatts.
-bool IsSameLimit(double watts, double otherWatts) {
-    return std::llround(watts * 1000.0) == std::llround(otherWatts * 1000.0);
-}
-
-bool IsInRange(double watts, const GpuPowerCapabilities& capabilities) {
-    return watts >= capabilities.MinimumWatts && watts <= capabilities.MaximumWatts;
-}
-
 /// Sets the power limit of GPUs to one value or, without one, to their defaults.
 class SetPower : public Change {
 public:
@@ -308,12 +298,9 @@ private:
         const double inForce = now.CurrentWatts < 0.0 ? Asked() : now.CurrentWatts;
         const bool bChanged = !IsSameLimit(before, inForce) || !IsSameLimit(before, Asked());
         if (!bChanged) return {{"Undo", "not needed: the limit was the same before"}};
-        const std::string reset = Command("reset-power", gpu);
-        if (IsSameLimit(before, Before.DefaultWatts)) return {{"Undo", reset, true}};
-        if (!IsInRange(before, Before)) {
-            return {{"Undo", "to the default only; what was in force before cannot be set:"}, {"", reset, true}};
-        }
-        return {{"Undo", Command("set-power", gpu, WattsNumber(before)), true}};
+        if (const std::optional<TuningChange> undo = PowerUndo(Before)) return {{"Undo", Command(*undo, gpu), true}};
+        return {{"Undo", "to the default only; what was in force before cannot be set:"},
+                {"", Command({TuningChange::Kind::ResetPower}, gpu), true}};
     }
 
     const std::optional<double> Watts;

@@ -1,0 +1,92 @@
+#ifndef GPU_MONITOR_CANVAS_H
+#define GPU_MONITOR_CANVAS_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+/// What a cell means; the terminal decides what that looks like.
+enum class Style : uint8_t {
+    Normal,
+    /// Frames, units and what is not there.
+    Dim,
+    /// Values.
+    Strong,
+    Title,
+    /// The part of a gauge that is filled, and the curve of a plot.
+    Bar,
+    /// A power limit in force.
+    Limit,
+    /// What holds a GPU back as intended, and what needs a look.
+    Warning,
+    /// What can harm a GPU or its work, and what is lost.
+    Alarm,
+    Selected,
+};
+
+struct Cell {
+    /// 0 behind a character that takes two columns.
+    wchar_t Glyph = L' ';
+    Style Look = Style::Normal;
+
+    friend bool operator==(const Cell& a, const Cell& b) { return a.Glyph == b.Glyph && a.Look == b.Look; }
+};
+
+/// A part of a canvas; cells outside the canvas are not drawn.
+struct Area {
+    int X = 0;
+    int Y = 0;
+    int Width = 0;
+    int Height = 0;
+};
+
+/// A grid of characters that a view is drawn on, whatever shows it then.
+class Canvas {
+public:
+    /// `bShowsUnicode`: braille, blocks and frames may be drawn; otherwise ASCII alone.
+    Canvas(int width, int height, bool bShowsUnicode);
+
+    int Width() const { return ColumnCount; }
+    int Height() const { return RowCount; }
+    bool IsUnicode() const { return bUnicode; }
+    Area Whole() const { return {0, 0, ColumnCount, RowCount}; }
+
+    /// Draws one character, of one column, where it lies on the canvas.
+    void PutGlyph(int x, int y, wchar_t glyph, Style look);
+
+    /// Draws `text`, in the encoding of the locale, from `x` on, as far as `room` columns take. What is no character,
+    /// or none that can be shown, becomes a question mark. Result: the column behind it.
+    int Put(int x, int y, const std::string& text, Style look = Style::Normal, int room = kAllRoom);
+
+    /// As `Put`, with the end of the text at column `end`, which is not drawn on.
+    void PutRight(int end, int y, const std::string& text, Style look = Style::Normal);
+
+    void Clear(const Area& area);
+
+    const Cell& At(int x, int y) const { return Cells[Place(x, y)]; }
+
+    /// The characters alone, a line per row, without blanks at the ends of lines.
+    std::string Text() const;
+
+    static constexpr int kAllRoom = 1 << 20;
+
+private:
+    bool Contains(int x, int y) const { return x >= 0 && x < ColumnCount && y >= 0 && y < RowCount; }
+    size_t Place(int x, int y) const {
+        return static_cast<size_t>(y) * static_cast<size_t>(ColumnCount) + static_cast<size_t>(x);
+    }
+
+    int ColumnCount;
+    int RowCount;
+    bool bUnicode;
+    std::vector<Cell> Cells;
+};
+
+/// How many columns `text` takes.
+int ColumnsOf(const std::string& text);
+
+/// Whether the locale can show what is beyond ASCII.
+bool LocaleIsUnicode();
+
+#endif  // GPU_MONITOR_CANVAS_H

@@ -1,0 +1,24 @@
+#ifndef GPU_MONITOR_WATCH_H
+#define GPU_MONITOR_WATCH_H
+
+#include <chrono>
+#include <optional>
+#include <string>
+
+struct WatchOptions {
+    /// NVML index of the GPU to begin with or, in a text, of the only one.
+    std::optional<unsigned int> Gpu;
+    std::chrono::milliseconds Interval{1000};
+    /// The option that simulates GPUs, as this run has it, or empty: for commands that are told to the user.
+    std::string SimulateOption;
+};
+
+/// Shows the live view until the user leaves or a stop signal comes. Result: the exit status, which is a failure when
+/// something could not be restored. Throws `Failure`.
+int RunWatch(const WatchOptions& options);
+
+/// Prints what the live view shows of each GPU, without plots, once. Result: the exit status, which is a failure when a
+/// GPU gave no reading. Throws `Failure`.
+int PrintView(const WatchOptions& options);
+
+#endif  // GPU_MONITOR_WATCH_H

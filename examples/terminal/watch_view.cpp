@@ -1,0 +1,142 @@
+#include "watch_view.h"
+
+#include <algorithm>
+#include <utility>
+#include <vector>
+
+#include "dialog.h"
+#include "gpu_overview.h"
+#include "simulate.h"
+#include "text_layout.h"
+
+namespace {
+
+constexpr int kMinimumWidth = 60;
+constexpr int kMinimumHeight = 12;
+/// From here on, several GPUs are listed in a table.
+constexpr int kTableHeight = 40;
+/// Of the screen, for the table and for the processes.
+constexpr int kTableShare = 4;
+constexpr int kProcessShare = 8;
+
+Area TakeTop(Area* rest, int rows) {
+    const Area taken = {rest->X, rest->Y, rest->Width, std::min(rows, rest->Height)};
+    rest->Y += taken.Height;
+    rest->Height -= taken.Height;
+    return taken;
+}
+
+Area TakeBottom(Area* rest, int rows) {
+    rest->Height -= std::min(rows, rest->Height);
+    return {rest->X, rest->Y + rest->Height, rest->Width, rows};
+}
+
+struct KeyName {
+    const char* Key;
+    const char* Name;
+};
+
+constexpr KeyName kFooterKeys[] = {{"q", "quit"},      {"?", "help"},     {"t", "tune"},
+                                   {"Tab", "GPU"},     {"1-5", "plots"},  {"+-", "zoom"},
+                                   {"space", "pause"}, {"i", "interval"}, {"s", "sort"}};
+
+void DrawFooter(Canvas* canvas, const Area& area, const FeedData& data, const ViewChoice& choice) {
+    const std::string settings = (IsSimulating() ? "simulated  " : "") + SpanText(choice.Seconds) + "  " +
+                                 (data.State == FeedState::Paused ? "paused" : IntervalText(data.Interval));
+    const int end = area.X + area.Width;
+    canvas->PutRight(end, area.Y, settings, Style::Strong);
+    const int room = end - ColumnsOf(settings) - 1;
+    if (!choice.Notice.empty()) {
+        canvas->Put(area.X, area.Y, choice.Notice, Style::Warning, room - area.X);
+        return;
+    }
+    int x = area.X;
+    for (const auto& [key, name] : kFooterKeys) {
+        if (x + ColumnsOf(key) + 1 + ColumnsOf(name) > room) return;
+        x = canvas->Put(x, area.Y, key, Style::Strong) + 1;
+        x = canvas->Put(x, area.Y, name, Style::Dim) + 1;
+    }
+}
+
+void DrawStarting(Canvas* canvas, const Area& area, double wait) {
+    const std::string text = "Starting NVML ... " + Number(wait, 0) + " s";
+    canvas->Put(area.X + (area.Width - ColumnsOf(text)) / 2, area.Y + area.Height / 2, text, Style::Strong, area.Width);
+}
+
+std::vector<GpuOnPage> PagesOf(const FeedData& data, const MonitorFeed& feed) {
+    std::vector<GpuOnPage> pages;
+    for (const auto& gpu : data.Gpus) pages.push_back(OnPage(*gpu, feed));
+    return pages;
+}
+
+void DrawOverview(Canvas* canvas, Area* rest, const std::vector<GpuOnPage>& pages, size_t selected) {
+    if (pages.size() < 2) return;
+    if (canvas->Height() < kTableHeight) {
+        DrawGpuStrip(canvas, TakeTop(rest, 1), pages, selected);
+        return;
+    }
+    const int rows = std::min(static_cast<int>(pages.size()), canvas->Height() / kTableShare);
+    DrawGpuTable(canvas, TakeTop(rest, rows + 1), pages, selected);
+    TakeTop(rest, 1);
+}
+
+void DrawPage(Canvas* canvas, Area rest, const GpuOnPage& page, const ViewChoice& choice) {
+    DrawSummary(canvas, TakeTop(&rest, SummaryHeight(rest.Width)), page);
+    DrawProcesses(canvas, TakeBottom(&rest, canvas->Height() / kProcessShare + 1), page, choice.Order);
+    DrawPlots(canvas, rest, page.Gpu, choice.Plots, choice.Seconds);
+}
+
+}  // namespace
+
+void DrawView(Canvas* canvas, const FeedData& data, MonitorFeed* feed, const ViewChoice& choice) {
+    if (canvas->Width() < kMinimumWidth || canvas->Height() < kMinimumHeight) {
+        canvas->Put(0, 0,
+                    "Too small: this view needs " + std::to_string(kMinimumWidth) + " x " +
+                        std::to_string(kMinimumHeight) + ".");
+        return;
+    }
+    Area rest = canvas->Whole();
+    DrawFooter(canvas, TakeBottom(&rest, 1), data, choice);
+    if (data.Gpus.empty()) {
+        DrawStarting(canvas, rest, feed->DriverWait());
+        return;
+    }
+    const std::vector<GpuOnPage> pages = PagesOf(data, *feed);
+    const auto isSelected = [&choice](const GpuOnPage& page) { return page.Gpu.Key == choice.Gpu; };
+    const auto found = std::find_if(pages.begin(), pages.end(), isSelected);
+    const auto selected = found == pages.end() ? pages.begin() : found;
+    DrawOverview(canvas, &rest, pages, static_cast<size_t>(selected - pages.begin()));
+    DrawPage(canvas, rest, *selected, choice);
+}
+
+void DrawHelp(Canvas* canvas) {
+    std::string plots;
+    for (size_t i = 0; i < PlotNames().size(); ++i) {
+        plots += (i == 0 ? "" : ", ") + std::to_string(i + 1) + ' ' + PlotNames()[i];
+    }
+    DrawDialog(canvas, "Keys",
+               {{"Tab Left Right  another GPU"},
+                {"1 to 5          show or hide a plot: " + plots},
+                {"+ -             shorter or longer time axis, up to the whole history"},
+                {"space           pause or resume sampling"},
+                {"i I             longer or shorter interval"},
+                {"s               sort processes by memory, PID, user or name"},
+                {"t               tune: lock clocks, set the power limit"},
+                {"?               this help"},
+                {"q               leave"},
+                {""},
+                {"Gauge of power: shaded what the limit can be set to, marked the limit in force and the default."},
+                {"A dash is a value that the driver does not give. A gap in a plot is a time without it."},
+                {""},
+                {"Any key closes", Style::Dim}});
+}
+
+std::string SpanText(double seconds) {
+    if (seconds <= 0.0) return "all";
+    return seconds < 3600.0 ? Number(seconds / 60.0, 0) + " min" : Number(seconds / 3600.0, 0) + " h";
+}
+
+std::string IntervalText(std::chrono::milliseconds interval) {
+    const double seconds = std::chrono::duration<double>(interval).count();
+    return seconds < 1.0 ? std::to_string(interval.count()) + " ms" : Number(seconds, 0) + " s";
+}

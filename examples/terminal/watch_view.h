@@ -1,0 +1,34 @@
+#ifndef GPU_MONITOR_WATCH_VIEW_H
+#define GPU_MONITOR_WATCH_VIEW_H
+
+#include <chrono>
+#include <cstddef>
+#include <string>
+
+#include "canvas.h"
+#include "gpu_page.h"
+#include "live_feed.h"
+
+/// What the user has chosen to see.
+struct ViewChoice {
+    /// The selected GPU's key.
+    std::string Gpu;
+    PlotChoice Plots = PlotChoice().set();
+    /// Of the plots' time axis; 0: the whole history.
+    double Seconds = 60.0;
+    ProcessOrder Order = ProcessOrder::Memory;
+    /// Shown in place of the keys' names, unless it is empty.
+    std::string Notice;
+};
+
+/// Draws the whole view.
+void DrawView(Canvas* canvas, const FeedData& data, MonitorFeed* feed, const ViewChoice& choice);
+
+void DrawHelp(Canvas* canvas);
+
+/// The span of the time axis, as people say it.
+std::string SpanText(double seconds);
+
+std::string IntervalText(std::chrono::milliseconds interval);
+
+#endif  // GPU_MONITOR_WATCH_VIEW_H
