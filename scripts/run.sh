@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Builds the terminal program and shows the live stream: of the real driver where there is one, else of a simulated one.
+# Builds the terminal program and shows the GPUs: of the real driver where there is one, else of a simulated one.
 #
-#   scripts/run.sh                          the stream
+#   scripts/run.sh                          the live view or, where there is no terminal, the stream
 #   scripts/run.sh sample --simulate=4      gpu_monitor with these arguments instead
 set -euo pipefail
 
@@ -29,11 +29,14 @@ if ! (configure_and_build) >"$log" 2>&1; then
 fi
 
 if (($# == 0)); then
-    if "$gpu_monitor" list >/dev/null 2>&1; then
-        set -- stream
+    if [[ -t 0 && -t 1 ]]; then
+        set -- watch
     else
+        set -- stream
+    fi
+    if ! "$gpu_monitor" list >/dev/null 2>&1; then
         echo "No NVIDIA GPU can be read here: showing 4 simulated ones." >&2
-        set -- stream --simulate=4
+        set -- "$@" --simulate=4
     fi
 fi
 exec "$gpu_monitor" "$@"

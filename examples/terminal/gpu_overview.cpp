@@ -60,7 +60,7 @@ void DrawTableHeading(Canvas* canvas, const Area& area) {
 /// A GPU in the strip: its index and how busy it is.
 std::string StripWord(const GpuOnPage& page) {
     return std::to_string(page.Gpu.Device.Index) + ' ' +
-           (page.bSilent ? "lost?" : ReadingText("gpu_utilization_percent", page.Now));
+           (page.bSilent ? "no data" : ReadingText("gpu_utilization_percent", page.Now));
 }
 
 }  // namespace

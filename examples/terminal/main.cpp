@@ -150,9 +150,9 @@ void AddIntervalOption(CLI::App* command, CommandLine* commandLine) {
 }
 
 void AddWatch(CLI::App* app, CommandLine* commandLine) {
-    CLI::App* watch = AddCommand(app, commandLine, "watch", "Show the live view, in which GPUs can be tuned too",
+    CLI::App* watch = AddCommand(app, commandLine, "watch", "Show and tune GPUs in a live view",
                                  [commandLine] { return RunWatchCommand(commandLine); });
-    watch->add_option("--gpu", commandLine->Watch.Gpu, "Begin with the GPU with this index")
+    watch->add_option("--gpu", commandLine->Watch.Gpu, "Begin with this GPU; with --once, only it")
         ->type_name("N")
         ->check(WholeNumberError);
     AddIntervalOption(watch, commandLine);
@@ -214,7 +214,7 @@ void AddPowerChanges(CLI::App* app, CommandLine* commandLine) {
         ->type_name("")
         ->required()
         ->check(DecimalError);
-    CLI::App* reset = AddChange(app, commandLine, "reset-power", "Set the default power limit, of every GPU or one",
+    CLI::App* reset = AddChange(app, commandLine, "reset-power", "Go back to the default power limit, of every GPU or one",
                                 [commandLine] { return RunResetPower(commandLine->Tuning); });
     AddGpuOption(reset, &commandLine->Tuning.Gpu);
 }
@@ -227,8 +227,8 @@ void Describe(CLI::App* app, CommandLine* commandLine) {
     app->require_subcommand(1);
     app->set_version_flag("--version", std::string("gpu_monitor ") + GPU_MONITOR_VERSION);
     app->add_option("--simulate", commandLine->SimulatedBoards,
-                    "Simulate N GPUs or kinds: desktop,laptop,\ndatacenter,old,workstation")
-        ->type_name("[N]")
+                    "Simulate so many GPUs, or kinds: desktop,\nlaptop,datacenter,old,workstation")
+        ->type_name("[GPUS]")
         ->expected(0, 1)
         ->default_str("1")
         ->check(SimulationError);

@@ -50,10 +50,10 @@ void PrepareToGiveTerminalBack() {
 
 // ---- Looks ----
 
-bool IsColorWanted() {
+std::string Variable(const char* name) {
     // NOLINTNEXTLINE(concurrency-mt-unsafe): nothing changes the environment.
-    const char* noColor = std::getenv("NO_COLOR");
-    return noColor == nullptr || *noColor == '\0';
+    const char* value = std::getenv(name);
+    return value == nullptr ? "" : value;
 }
 
 struct Look {
@@ -129,7 +129,8 @@ public:
         Handle = newterm(nullptr, stdout, stdin);
         if (Handle == nullptr || cursor_address == nullptr) {
             if (Handle != nullptr) endwin();
-            throw Failure("The live view cannot be shown on this kind of terminal (TERM): use watch --once or stream.");
+            throw Failure("The live view cannot be shown on a terminal of this kind (TERM=" + Variable("TERM") +
+                          "): use watch --once or stream.");
         }
         PrepareToGiveTerminalBack();
         CallBeforeDeath(GiveTerminalBack);
@@ -139,7 +140,7 @@ public:
         keypad(stdscr, TRUE);
         nodelay(stdscr, TRUE);
         curs_set(0);
-        bColored = IsColorWanted() && has_colors() && start_color() == OK && use_default_colors() == OK;
+        bColored = Variable("NO_COLOR").empty() && has_colors() && start_color() == OK && use_default_colors() == OK;
         if (bColored) PrepareColors();
         LetTextWrap(false);
     }
@@ -189,7 +190,9 @@ void Screen::RequireTerminal() {
 
 Canvas Screen::Blank() const {
     const winsize size = TerminalSize();
-    return {size.ws_col, size.ws_row, LocaleIsUnicode()};
+    // A serial line, for example, does not know: then what the environment or the kind of terminal says holds.
+    const bool bKnown = size.ws_col > 0 && size.ws_row > 0;
+    return {bKnown ? size.ws_col : COLS, bKnown ? size.ws_row : LINES, LocaleIsUnicode()};
 }
 
 void Screen::Show(const Canvas& canvas) {

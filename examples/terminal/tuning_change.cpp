@@ -34,7 +34,7 @@ std::string ActionText(const TuningChange& change) {
         case Kind::SetPower: return "set the power limit to " + WattsText(change.Watts);
         case Kind::ResetPower: break;
     }
-    return "set the default power limit";
+    return "go back to the default power limit";
 }
 
 std::string CommandLineFor(const std::string& command, unsigned int gpu, const std::string& values,

@@ -19,7 +19,6 @@ using Kind = TuningChange::Kind;
 
 constexpr double kKeepSeconds = 10.0;
 constexpr size_t kLongStep = 10;
-constexpr double kLongWattStep = 10.0;
 /// Graphics clocks that are listed on either side of the chosen one.
 constexpr int kNeighbours = 3;
 constexpr size_t kMaxTyped = 8;

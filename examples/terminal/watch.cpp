@@ -321,8 +321,9 @@ int PrintView(const WatchOptions& options) {
     std::shared_ptr<const FeedData> data;
     int status = kExitSuccess;
     std::string text;
+    const int width = std::max(static_cast<int>(OutputWidth()), kMinimumViewWidth);
     for (const GpuOnPage& page : FirstReadings(&feed, &data, options.Gpu)) {
-        text += (text.empty() ? "" : "\n") + PageText(page, static_cast<int>(OutputWidth()));
+        text += (text.empty() ? "" : "\n") + PageText(page, width);
         if (!page.bSilent) continue;
         std::cerr << GpuInSentence(page.Gpu.Device) << " gave no reading.\n";
         status = kExitFailure;

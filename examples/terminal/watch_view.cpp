@@ -11,7 +11,6 @@
 
 namespace {
 
-constexpr int kMinimumWidth = 60;
 constexpr int kMinimumHeight = 12;
 /// From here on, several GPUs are listed in a table.
 constexpr int kTableHeight = 40;
@@ -89,9 +88,9 @@ void DrawPage(Canvas* canvas, Area rest, const GpuOnPage& page, const ViewChoice
 }  // namespace
 
 void DrawView(Canvas* canvas, const FeedData& data, MonitorFeed* feed, const ViewChoice& choice) {
-    if (canvas->Width() < kMinimumWidth || canvas->Height() < kMinimumHeight) {
+    if (canvas->Width() < kMinimumViewWidth || canvas->Height() < kMinimumHeight) {
         canvas->Put(0, 0,
-                    "Too small: this view needs " + std::to_string(kMinimumWidth) + " x " +
+                    "Too small: this view needs " + std::to_string(kMinimumViewWidth) + " x " +
                         std::to_string(kMinimumHeight) + ".");
         return;
     }

@@ -9,6 +9,9 @@
 #include "gpu_page.h"
 #include "live_feed.h"
 
+/// In less, nothing fits any more.
+constexpr int kMinimumViewWidth = 60;
+
 /// What the user has chosen to see.
 struct ViewChoice {
     /// The selected GPU's key.
