@@ -4,6 +4,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <exception>
+#include <limits>
 #include <mutex>
 #include <optional>
 #include <utility>
@@ -14,13 +15,26 @@
 
 namespace {
 
-/// Readings are overdue after this many periods, but not before this long; the first one takes longer.
+using std::chrono::milliseconds;
+
+/// What the monitor makes of intervals outside.
+constexpr milliseconds kShortestInterval{100};
+constexpr milliseconds kLongestInterval{10000};
+
+/// Readings are overdue after this many periods, but not before this long.
 constexpr double kSilentPeriods = 3.0;
 constexpr double kMinimumSilenceSeconds = 1.0;
-constexpr double kFirstReadingSeconds = 5.0;
+/// The same while no period is known: a cycle over many GPUs takes seconds.
+constexpr double kUnknownPeriodSeconds = 5.0;
+constexpr double kHangSeconds = 5.0;
 
 constexpr const char* kNoSuchGpu = "The GPU is not there any more.";
 constexpr const char* kFeedEnded = "The program is ending.";
+
+double PatienceFor(const FeedGpu& gpu) {
+    if (gpu.PeriodSeconds == 0.0) return kUnknownPeriodSeconds;
+    return std::max(kSilentPeriods * gpu.PeriodSeconds, kMinimumSilenceSeconds);
+}
 
 std::string KeyOf(const GpuDeviceInfo& device) {
     if (!device.Uuid.empty()) return device.Uuid;
@@ -38,17 +52,33 @@ TuningResult ChangeFailure(const std::string& sentence) {
     return {GpuClockOperationResult::Error, sentence};
 }
 
+/// What is wrong when memory or threads have run out; what the driver does wrong is told without exceptions.
+std::string Explain(const std::exception& error) {
+    return std::string("GPU monitoring has failed: ") + error.what() + '.';
+}
+
 /// A steady-clock moment from its seconds.
 std::chrono::steady_clock::time_point MomentOf(double seconds) {
     using Clock = std::chrono::steady_clock;
     return Clock::time_point(std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds)));
 }
 
+milliseconds Clamped(milliseconds interval) {
+    return std::clamp(interval, kShortestInterval, kLongestInterval);
+}
+
 }  // namespace
 
-const FeedGpu* FeedData::Find(const std::string& key) const {
+std::shared_ptr<const FeedGpu> FeedData::Find(const std::string& key) const {
     const auto gpu = std::find_if(Gpus.begin(), Gpus.end(), [&key](const auto& each) { return each->Key == key; });
-    return gpu == Gpus.end() ? nullptr : gpu->get();
+    return gpu == Gpus.end() ? nullptr : *gpu;
+}
+
+const TuningRecord* FeedData::FindTuning(const std::string& gpuKey, TuningControl control) const {
+    const auto record = std::find_if(Tuning.begin(), Tuning.end(), [&](const TuningRecord& each) {
+        return each.GpuKey == gpuKey && each.Before.Control() == control;
+    });
+    return record == Tuning.end() ? nullptr : &*record;
 }
 
 /// The feed's thread and what it shares with the interface.
@@ -58,24 +88,22 @@ public:
     using Task = std::function<void(NvmlGpuMonitor* monitor)>;
 
     explicit Worker(FeedOptions options)
-        : Options(std::move(options)), SamplerRhythm(Options.Interval), Data(std::make_shared<FeedData>()) {
-        Next.Interval = Options.Interval;
+        : Options(std::move(options)),
+          SamplerRhythm(Clamped(Options.Interval)),
+          Data(std::make_shared<const FeedData>()) {
+        Next.Interval = Clamped(Options.Interval);
         Publish();
+        Post([this](NvmlGpuMonitor* monitor) { Resume(monitor); });
     }
 
     /// The body of the thread.
     void Run() {
-        try {
-            NvmlGpuMonitor monitor;
-            monitor.SetSampleInterval(Options.Interval);
-            Post([this](NvmlGpuMonitor* started) { Resume(started); });
-            while (WaitForWork()) Work(&monitor);
-            const DriverUse use(this);
-            monitor.Stop();
-        } catch (const std::exception& error) {
-            // Out of memory or threads; what the driver does wrong is told without exceptions.
-            PublishState(FeedState::Unavailable, std::string("GPU monitoring has failed: ") + error.what() + '.');
-        }
+        NvmlGpuMonitor monitor;
+        monitor.SetSampleInterval(Next.Interval);
+        while (WaitForWork()) Work(&monitor);
+        const DriverUse use(this);
+        Session.TakeBackOverdue(&monitor, std::numeric_limits<double>::infinity());
+        monitor.Stop();
         End();
     }
 
@@ -91,21 +119,29 @@ public:
         Wake.notify_all();
     }
 
-    /// Has `operation` carried out with the index of a GPU; `failure` makes a result from a sentence.
+    /// Has `operation` carried out; `failure` makes a result from a sentence.
     template <typename Result>
-    std::future<Result> Ask(const std::string& gpuKey, Result (*failure)(const std::string& sentence),
-                            std::function<Result(NvmlGpuMonitor* monitor, unsigned int index)> operation) {
+    std::future<Result> Ask(Result (*failure)(const std::string& sentence),
+                            std::function<Result(NvmlGpuMonitor* monitor)> operation) {
         auto answer = std::make_shared<std::promise<Result>>();
-        Post([this, answer, gpuKey, failure, operation = std::move(operation)](NvmlGpuMonitor* monitor) {
-            const std::shared_ptr<const FeedData> data = Latest();
-            const FeedGpu* gpu = data->Find(gpuKey);
-            if (monitor == nullptr || gpu == nullptr) {
-                answer->set_value(failure(monitor == nullptr ? kFeedEnded : kNoSuchGpu));
-            } else {
-                answer->set_value(operation(monitor, gpu->Device.Index));
+        Post([answer, failure, operation = std::move(operation)](NvmlGpuMonitor* monitor) {
+            try {
+                answer->set_value(monitor == nullptr ? failure(kFeedEnded) : operation(monitor));
+            } catch (const std::exception& error) {
+                answer->set_value(failure(Explain(error)));
             }
         });
         return answer->get_future();
+    }
+
+    /// As the other `Ask`, for one GPU.
+    template <typename Result>
+    std::future<Result> Ask(const std::string& gpuKey, Result (*failure)(const std::string& sentence),
+                            std::function<Result(NvmlGpuMonitor* monitor, const FeedGpu& gpu)> operation) {
+        return Ask<Result>(failure, [this, gpuKey, failure, operation = std::move(operation)](NvmlGpuMonitor* monitor) {
+            const std::shared_ptr<const FeedGpu> gpu = Next.Find(gpuKey);
+            return gpu == nullptr ? failure(kNoSuchGpu) : operation(monitor, *gpu);
+        });
     }
 
     std::shared_ptr<const FeedData> Latest() const {
@@ -118,33 +154,64 @@ public:
         return since == 0.0 ? 0.0 : NowSeconds() - since;
     }
 
+    // ---- On the feed's thread ----
+
     void Pause(NvmlGpuMonitor* monitor) {
         if (Next.State != FeedState::Sampling) return;
         monitor->PauseSampling();
         NextLook.reset();
+        Next.PausedAt = NowSeconds();
         PublishState(FeedState::Paused, Next.Status);
     }
 
     void Resume(NvmlGpuMonitor* monitor) {
-        if (Next.State == FeedState::Sampling) return;
-        const bool bSampling = monitor->ResumeSampling();
-        if (bSampling) LookSoon();
-        // Silence begins anew, with the next look.
-        Next.Gpus.clear();
-        TakeOver(monitor->Snapshot(), 0.0);
-        PublishState(bSampling ? FeedState::Sampling : FeedState::Unavailable, monitor->Status());
+        if (monitor == nullptr || Next.State == FeedState::Sampling) return;
+        try {
+            const bool bSampling = monitor->ResumeSampling();
+            if (bSampling) LookSoon();
+            Next.SamplingSince = NowSeconds();
+            TakeOver(monitor->Snapshot(), 0.0);
+            PublishState(bSampling ? FeedState::Sampling : FeedState::Unavailable, monitor->Status());
+        } catch (const std::exception& error) {
+            PublishState(FeedState::Unavailable, Explain(error));
+        }
     }
 
-    void SetInterval(NvmlGpuMonitor* monitor, std::chrono::milliseconds interval) {
-        monitor->SetSampleInterval(interval);
-        Next.Interval = interval;
-        SamplerRhythm = Rhythm(interval);
+    void SetInterval(NvmlGpuMonitor* monitor, milliseconds interval) {
+        Next.Interval = Clamped(interval);
+        monitor->SetSampleInterval(Next.Interval);
+        SamplerRhythm = Rhythm(Next.Interval);
         if (NextLook) LookSoon();
         Publish();
     }
 
+    TuningResult Tune(NvmlGpuMonitor* monitor, const FeedGpu& gpu, const TuningChange& change, double keepSeconds) {
+        const TuningResult result = Session.Make(monitor, gpu.Key, gpu.Device, change, keepSeconds);
+        PublishTuning();
+        return result;
+    }
+
+    void Keep(const std::string& gpuKey, TuningControl control) {
+        Session.Keep(gpuKey, control);
+        PublishTuning();
+    }
+
+    TuningResult TakeBack(NvmlGpuMonitor* monitor, const std::string& gpuKey, TuningControl control) {
+        const TuningResult result = Session.TakeBack(monitor, gpuKey, control);
+        PublishTuning();
+        return result;
+    }
+
+    std::vector<TuningResult> TakeAllBack(NvmlGpuMonitor* monitor) {
+        std::vector<TuningResult> results = Session.TakeAllBack(monitor);
+        PublishTuning();
+        return results;
+    }
+
+    // ---- On the interface's thread ----
+
     /// Result: false when the thread still runs after `patience`.
-    bool Stop(std::chrono::milliseconds patience) {
+    bool Stop(milliseconds patience) {
         std::unique_lock<std::mutex> lock(Mutex);
         bStop = true;
         Wake.notify_all();
@@ -170,18 +237,31 @@ private:
     bool WaitForWork() {
         std::unique_lock<std::mutex> lock(Mutex);
         const auto bWork = [this] { return bStop || !Tasks.empty(); };
-        if (NextLook) {
-            Wake.wait_until(lock, MomentOf(*NextLook), bWork);
+        if (const std::optional<double> moment = NextMoment()) {
+            Wake.wait_until(lock, MomentOf(*moment), bWork);
         } else {
             Wake.wait(lock, bWork);
         }
         return !bStop;
     }
 
+    /// When there is something to do without being asked.
+    std::optional<double> NextMoment() const {
+        const std::optional<double> deadline = Session.NextDeadline();
+        if (!NextLook || !deadline) return NextLook ? NextLook : deadline;
+        return std::min(*NextLook, *deadline);
+    }
+
     void Work(NvmlGpuMonitor* monitor) {
-        const DriverUse use(this);
         while (const Task task = TakeTask()) {
+            const DriverUse use(this);
             task(monitor);
+            TellChange();
+        }
+        if (Session.NextDeadline().value_or(NowSeconds() + 1.0) <= NowSeconds()) {
+            const DriverUse use(this);
+            Session.TakeBackOverdue(monitor, NowSeconds());
+            PublishTuning();
             TellChange();
         }
         if (NextLook && NowSeconds() >= *NextLook) Look(*monitor);
@@ -197,30 +277,42 @@ private:
     }
 
     void LookSoon() {
-        SamplingSince = NowSeconds();
-        NextLook = SamplerRhythm.AfterStart(SamplingSince);
+        PeriodsSince = NowSeconds();
+        NextLook = SamplerRhythm.AfterStart(PeriodsSince);
     }
 
     void Look(const NvmlGpuMonitor& monitor) {
-        std::vector<GpuTelemetryHistory> histories = monitor.Snapshot();
-        const double now = NowSeconds();
-        const FeedGpu* newest = TakeOver(std::move(histories), now);
-        NextLook =
-            newest == nullptr ? SamplerRhythm.AfterNothing(now) : SamplerRhythm.AfterNewSample(newest->Samples, now);
-        Publish();
-        if (newest != nullptr) TellChange();
+        try {
+            std::vector<GpuTelemetryHistory> histories = SnapshotOf(monitor);
+            const double now = NowSeconds();
+            const std::shared_ptr<const FeedGpu> newest = TakeOver(std::move(histories), now);
+            NextLook = newest == nullptr ? SamplerRhythm.AfterNothing(now)
+                                         : SamplerRhythm.AfterNewSample(newest->Samples, now);
+            Publish();
+            if (newest != nullptr) TellChange();
+        } catch (const std::bad_alloc&) {
+            NextLook = SamplerRhythm.AfterNothing(NowSeconds());
+        }
     }
 
-    /// Makes `histories` what is published next. Result: the GPU with the newest sample; null when none is new.
-    const FeedGpu* TakeOver(std::vector<GpuTelemetryHistory> histories, double now) {
+    std::vector<GpuTelemetryHistory> SnapshotOf(const NvmlGpuMonitor& monitor) {
+        const DriverUse use(this);
+        return monitor.Snapshot();
+    }
+
+    /// Makes `histories`, as seen at `now`, what is published next; 0: not a look that can be in vain. Result: the GPU
+    /// with the newest sample; null when none is new.
+    std::shared_ptr<const FeedGpu> TakeOver(std::vector<GpuTelemetryHistory> histories, double now) {
+        const double longestPeriod = LongestPeriod(histories, now);
         std::vector<std::shared_ptr<const FeedGpu>> gpus;
         for (GpuTelemetryHistory& history : histories) {
             auto gpu = std::make_shared<FeedGpu>();
-            gpu->Key = KeyOf(history.Device);
-            if (const FeedGpu* before = Next.Find(gpu->Key)) {
+            gpu->Key = FreeKey(history.Device, gpus);
+            if (const std::shared_ptr<const FeedGpu> before = Next.Find(gpu->Key)) {
                 gpu->Latest = before->Latest;
-                gpu->SilentSince = before->SilentSince;
+                gpu->SilentSince = now == 0.0 ? 0.0 : before->SilentSince;
             }
+            gpu->PeriodSeconds = std::min(PeriodOf(history.Samples), longestPeriod);
             Fill(std::move(history), now, gpu.get());
             gpus.push_back(std::move(gpu));
         }
@@ -228,11 +320,18 @@ private:
         return NewestGpu();
     }
 
+    /// Drivers have told one UUID for several GPUs.
+    static std::string FreeKey(const GpuDeviceInfo& device, const std::vector<std::shared_ptr<const FeedGpu>>& taken) {
+        const std::string key = KeyOf(device);
+        const bool bTaken =
+            std::any_of(taken.begin(), taken.end(), [&key](const auto& gpu) { return gpu->Key == key; });
+        return bTaken ? key + ' ' + device.PciBusId + '#' + std::to_string(device.Index) : key;
+    }
+
     void Fill(GpuTelemetryHistory history, double now, FeedGpu* gpu) {
         gpu->Device = std::move(history.Device);
         gpu->Samples = std::move(history.Samples);
         gpu->Processes = Names.Describe(history.ProcessMemory, Options.bNameProcesses);
-        gpu->PeriodSeconds = PeriodOf(gpu->Samples);
         if (TakeLatest(gpu)) {
             gpu->SilentSince = 0.0;
         } else if (gpu->SilentSince == 0.0) {
@@ -241,9 +340,19 @@ private:
         }
     }
 
+    /// The next cycle starts within the interval from now. That bounds periods, which a suspended process would make
+    /// as long as it slept.
+    double LongestPeriod(const std::vector<GpuTelemetryHistory>& histories, double now) const {
+        double cycleStart = now;
+        for (const GpuTelemetryHistory& history : histories) {
+            if (history.Samples.empty() || history.Samples.back().TimestampSeconds <= NewestSeen) continue;
+            cycleStart = std::min(cycleStart, history.Samples.back().TimestampSeconds);
+        }
+        return now - cycleStart + std::chrono::duration<double>(Next.Interval).count();
+    }
+
     double PeriodOf(const std::deque<GpuTelemetrySample>& samples) const {
-        const double interval = std::chrono::duration<double>(Next.Interval).count();
-        if (samples.size() < 2 || samples[samples.size() - 2].TimestampSeconds < SamplingSince) return interval;
+        if (samples.size() < 2 || samples[samples.size() - 2].TimestampSeconds < PeriodsSince) return 0.0;
         return samples.back().TimestampSeconds - samples[samples.size() - 2].TimestampSeconds;
     }
 
@@ -259,11 +368,11 @@ private:
         return true;
     }
 
-    const FeedGpu* NewestGpu() {
-        const FeedGpu* newest = nullptr;
+    std::shared_ptr<const FeedGpu> NewestGpu() {
+        std::shared_ptr<const FeedGpu> newest;
         for (const auto& gpu : Next.Gpus) {
             if (gpu->Samples.empty() || gpu->Samples.back().TimestampSeconds <= NewestSeen) continue;
-            newest = gpu.get();
+            newest = gpu;
             NewestSeen = gpu->Samples.back().TimestampSeconds;
         }
         return newest;
@@ -274,6 +383,11 @@ private:
         Next.Status = status;
         Publish();
         TellChange();
+    }
+
+    void PublishTuning() {
+        Next.Tuning = Session.Records();
+        Publish();
     }
 
     void Publish() {
@@ -302,9 +416,11 @@ private:
     FeedOptions Options;
     Rhythm SamplerRhythm;
     FeedData Next;
+    TuningSession Session;
     ProcessNames Names;
     std::optional<double> NextLook;
-    double SamplingSince = 0.0;
+    /// Samples before this moment tell nothing of the period.
+    double PeriodsSince = 0.0;
     double NewestSeen = 0.0;
 
     std::atomic<double> DriverUsedSince{0.0};
@@ -335,18 +451,24 @@ double MonitorFeed::DriverWait() const {
     return Work->DriverWait();
 }
 
-GpuState MonitorFeed::StateOf(const FeedGpu& gpu) const {
-    const std::shared_ptr<const FeedData> data = Latest();
-    if (data->State == FeedState::Paused) return GpuState::Paused;
-    const bool bStarting = gpu.Latest.TimestampSeconds == 0.0;
-    const double minimum = bStarting ? kFirstReadingSeconds : kMinimumSilenceSeconds;
-    const double patience = std::max(kSilentPeriods * gpu.PeriodSeconds, minimum);
-    const double silence = gpu.SilentSince == 0.0 ? 0.0 : NowSeconds() - gpu.SilentSince;
-    if (std::max(silence, DriverWait()) >= patience) return GpuState::NoData;
-    return bStarting ? GpuState::Starting : GpuState::Live;
+bool MonitorFeed::IsDriverHanging(const FeedData& data) const {
+    double patience = kHangSeconds;
+    for (const auto& gpu : data.Gpus) patience = std::max(patience, PatienceFor(*gpu));
+    return DriverWait() >= patience;
 }
 
-void MonitorFeed::SetInterval(std::chrono::milliseconds interval) {
+GpuState MonitorFeed::StateOf(const FeedData& data, const FeedGpu& gpu) const {
+    if (data.State == FeedState::Unavailable) return GpuState::Unavailable;
+    const bool bPaused = data.State == FeedState::Paused;
+    const double until = bPaused ? data.PausedAt : NowSeconds();
+    const double silence = gpu.SilentSince == 0.0 ? 0.0 : until - gpu.SilentSince;
+    const double wait = bPaused ? 0.0 : DriverWait();
+    if (std::max(silence, wait) >= PatienceFor(gpu)) return GpuState::NoData;
+    if (bPaused) return GpuState::Paused;
+    return gpu.Latest.TimestampSeconds < data.SamplingSince ? GpuState::Starting : GpuState::Live;
+}
+
+void MonitorFeed::SetInterval(milliseconds interval) {
     Work->Post([work = Work.get(), interval](NvmlGpuMonitor* monitor) {
         if (monitor != nullptr) work->SetInterval(monitor, interval);
     });
@@ -359,60 +481,50 @@ void MonitorFeed::Pause() {
 }
 
 void MonitorFeed::Resume() {
-    Work->Post([work = Work.get()](NvmlGpuMonitor* monitor) {
-        if (monitor != nullptr) work->Resume(monitor);
-    });
+    Work->Post([work = Work.get()](NvmlGpuMonitor* monitor) { work->Resume(monitor); });
 }
 
 std::future<TuningCapabilities> MonitorFeed::QueryTuning(const std::string& gpuKey) {
-    return Work->Ask<TuningCapabilities>(gpuKey, CapabilityFailure, [](NvmlGpuMonitor* monitor, unsigned int index) {
+    return Work->Ask<TuningCapabilities>(gpuKey, CapabilityFailure, [](NvmlGpuMonitor* monitor, const FeedGpu& gpu) {
         TuningCapabilities answer;
-        answer.bFound = monitor->GetClockCapabilities(index, &answer.Clocks);
-        answer.bFound = monitor->GetPowerCapabilities(index, &answer.Power) && answer.bFound;
+        monitor->GetClockCapabilities(gpu.Device.Index, &answer.Clocks);
+        monitor->GetPowerCapabilities(gpu.Device.Index, &answer.Power);
         return answer;
     });
 }
 
-std::future<TuningResult> MonitorFeed::LockClocks(const std::string& gpuKey, const GpuClockPair& pair) {
-    return Ask(gpuKey, [pair](NvmlGpuMonitor* monitor, unsigned int index, std::string* error) {
-        return monitor->SetLockedClock(index, pair, error);
+std::future<TuningResult> MonitorFeed::Tune(const std::string& gpuKey, const TuningChange& change, double keepSeconds) {
+    return Work->Ask<TuningResult>(
+        gpuKey, ChangeFailure, [work = Work.get(), change, keepSeconds](NvmlGpuMonitor* monitor, const FeedGpu& gpu) {
+            return work->Tune(monitor, gpu, change, keepSeconds);
+        });
+}
+
+void MonitorFeed::Keep(const std::string& gpuKey, TuningControl control) {
+    Work->Post([work = Work.get(), gpuKey, control](NvmlGpuMonitor* monitor) {
+        if (monitor != nullptr) work->Keep(gpuKey, control);
     });
 }
 
-std::future<TuningResult> MonitorFeed::ResetClocks(const std::string& gpuKey) {
-    return Ask(gpuKey, [](NvmlGpuMonitor* monitor, unsigned int index, std::string* error) {
-        return monitor->RestoreDefaultClocks(index, error);
+std::future<TuningResult> MonitorFeed::TakeBack(const std::string& gpuKey, TuningControl control) {
+    return Work->Ask<TuningResult>(ChangeFailure, [work = Work.get(), gpuKey, control](NvmlGpuMonitor* monitor) {
+        return work->TakeBack(monitor, gpuKey, control);
     });
 }
 
-std::future<TuningResult> MonitorFeed::SetPowerLimit(const std::string& gpuKey, double watts) {
-    return Ask(gpuKey, [watts](NvmlGpuMonitor* monitor, unsigned int index, std::string* error) {
-        return monitor->SetPowerLimit(index, watts, error);
-    });
+std::future<std::vector<TuningResult>> MonitorFeed::TakeAllBack() {
+    const auto failure = [](const std::string& sentence) { return std::vector<TuningResult>{ChangeFailure(sentence)}; };
+    return Work->Ask<std::vector<TuningResult>>(
+        +failure, [work = Work.get()](NvmlGpuMonitor* monitor) { return work->TakeAllBack(monitor); });
 }
 
-std::future<TuningResult> MonitorFeed::ResetPowerLimit(const std::string& gpuKey) {
-    return Ask(gpuKey, [](NvmlGpuMonitor* monitor, unsigned int index, std::string* error) {
-        return monitor->RestoreDefaultPowerLimit(index, error);
-    });
-}
-
-std::future<TuningResult> MonitorFeed::Ask(const std::string& gpuKey, std::function<Change> change) {
-    return Work->Ask<TuningResult>(gpuKey, ChangeFailure,
-                                   [change = std::move(change)](NvmlGpuMonitor* monitor, unsigned int index) {
-                                       TuningResult answer;
-                                       answer.Result = change(monitor, index, &answer.Error);
-                                       return answer;
-                                   });
-}
-
-bool MonitorFeed::Stop(std::chrono::milliseconds patience) {
-    if (!Thread.joinable()) return true;
-    const bool bEnded = Work->Stop(patience);
-    if (bEnded) {
-        Thread.join();
-    } else {
+bool MonitorFeed::Stop(milliseconds patience) {
+    if (!Thread.joinable()) return !bLeftBehind;
+    bLeftBehind = !Work->Stop(patience);
+    if (bLeftBehind) {
         Thread.detach();
+    } else {
+        Thread.join();
     }
-    return bEnded;
+    return !bLeftBehind;
 }

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <iterator>
 #include <sstream>
 #include <string>
 
@@ -41,14 +40,15 @@ Json Bar1Total(const GpuDeviceInfo& device) {
     return device.Bar1TotalBytes == 0 ? Json() : Json(device.Bar1TotalBytes);
 }
 
-struct LimitReason {
+struct ReasonBit {
     uint64_t Bit;
     const char* Word;
     bool bDanger = false;
 };
 
-constexpr LimitReason kLimitReasons[] = {
-    {kIdleReason, "idle"},
+constexpr uint64_t kIdleBit = 0x1;
+constexpr ReasonBit kReasonBits[] = {
+    {kIdleBit, "idle"},
     {0x2, "application clocks"},
     {0x4, "power cap"},
     {0x8, "hardware slowdown", true},
@@ -71,21 +71,21 @@ Json LimitMask(const GpuTelemetrySample& sample) {
 
 }  // namespace
 
-Json PerformanceLimits(const GpuTelemetrySample& sample) {
-    Json words;
+std::vector<ClockReason> ClockReasons(const GpuTelemetrySample& sample) {
+    std::vector<ClockReason> reasons;
     uint64_t unknown = sample.PerformanceLimitReasons;
-    for (const LimitReason& reason : kLimitReasons) {
-        if ((sample.PerformanceLimitReasons & reason.Bit) != 0) words.push_back(reason.Word);
-        unknown &= ~reason.Bit;
+    for (const auto& [bit, word, bDanger] : kReasonBits) {
+        if ((sample.PerformanceLimitReasons & bit) != 0) reasons.push_back({word, bit == kIdleBit, bDanger});
+        unknown &= ~bit;
     }
-    if (unknown != 0) words.push_back(Hexadecimal(unknown));
-    return words;
+    if (unknown != 0) reasons.push_back({Hexadecimal(unknown)});
+    return reasons;
 }
 
-bool IsInDanger(const GpuTelemetrySample& sample) {
-    return std::any_of(std::begin(kLimitReasons), std::end(kLimitReasons), [&sample](const LimitReason& reason) {
-        return reason.bDanger && (sample.PerformanceLimitReasons & reason.Bit) != 0;
-    });
+Json PerformanceLimits(const GpuTelemetrySample& sample) {
+    Json words;
+    for (const ClockReason& reason : ClockReasons(sample)) words.push_back(reason.Word);
+    return words;
 }
 
 const std::vector<Reading>& Readings() {

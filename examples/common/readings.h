@@ -75,14 +75,20 @@ const std::vector<IdentityField>& IdentityFields();
 /// False when nothing at all could be read: the GPU did not answer.
 bool HasAnyReading(const GpuTelemetrySample& sample);
 
-/// What NVML tells about the clocks, a word or two each; null when it tells nothing.
+/// The words of `ClockReasons`; null when there are none.
 Json PerformanceLimits(const GpuTelemetrySample& sample);
 
-/// The bit of `PerformanceLimitReasons` that is no limit: the GPU idles.
-constexpr uint64_t kIdleReason = 0x1;
+/// What NVML tells about the clocks.
+struct ClockReason {
+    std::string Word;
+    /// The GPU idles, which is no limit.
+    bool bIdle = false;
+    /// The hardware protects itself: from heat, or at the command of the power supply.
+    bool bDanger = false;
+};
 
-/// Whether the hardware protects itself: from heat, or at the command of the power supply.
-bool IsInDanger(const GpuTelemetrySample& sample);
+/// In the order of NVML's bits.
+std::vector<ClockReason> ClockReasons(const GpuTelemetrySample& sample);
 
 /// `pairs` in the order in which the monitor gives them, in groups.
 ClockGroups GroupByMemoryClock(const std::vector<GpuClockPair>& pairs);

@@ -54,7 +54,11 @@ Canvas::Canvas(int width, int height, bool bShowsUnicode)
       Cells(static_cast<size_t>(ColumnCount) * static_cast<size_t>(RowCount)) {}
 
 void Canvas::PutGlyph(int x, int y, wchar_t glyph, Style look) {
-    if (Contains(x, y)) Cells[Place(x, y)] = {glyph, look};
+    if (!Contains(x, y)) return;
+    // Half a character that takes two columns is none.
+    if (Cells[Place(x, y)].Glyph == 0 && glyph != 0 && x > 0) Cells[Place(x - 1, y)].Glyph = L' ';
+    if (x + 1 < ColumnCount && Cells[Place(x + 1, y)].Glyph == 0) Cells[Place(x + 1, y)].Glyph = L' ';
+    Cells[Place(x, y)] = {glyph, look};
 }
 
 int Canvas::Put(int x, int y, const std::string& text, Style look, int room) {

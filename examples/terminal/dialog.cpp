@@ -52,19 +52,29 @@ DialogLines WrappedLines(const DialogLines& lines, int width) {
     return wrapped;
 }
 
+/// At most `height` lines: those of the text that find room above the keys.
+DialogLines AllLines(const Dialog& dialog, int width, int height) {
+    DialogLines lines = WrappedLines(dialog.Lines, width);
+    const DialogLines keys = WrappedLines({{""}, {dialog.Keys, Style::Dim}}, width);
+    const int room = std::max(height - static_cast<int>(keys.size()), 0);
+    lines.resize(std::min(lines.size(), static_cast<size_t>(room)));
+    lines.insert(lines.end(), keys.begin(), keys.end());
+    return lines;
+}
+
 }  // namespace
 
-void DrawDialog(Canvas* canvas, const std::string& title, const DialogLines& lines) {
+void DrawDialog(Canvas* canvas, const Dialog& dialog) {
     const int width = std::clamp(canvas->Width() - kSides, 1, kTextWidth);
-    const DialogLines wrapped = WrappedLines(lines, width);
-    const int height = std::min(static_cast<int>(wrapped.size()), std::max(canvas->Height() - 2, 0));
-    const Area box = {(canvas->Width() - width - kSides) / 2, (canvas->Height() - height - 2) / 2, width + kSides,
-                      height + 2};
+    const DialogLines lines = AllLines(dialog, width, canvas->Height() - 2);
+    const int height = static_cast<int>(lines.size());
+    const Area box = {(canvas->Width() - width - kSides) / 2, std::max((canvas->Height() - height - 2) / 2, 0),
+                      width + kSides, height + 2};
     canvas->Clear(box);
     DrawFrame(canvas, box);
-    canvas->Put(box.X + 2, box.Y, ' ' + title + ' ', Style::Title, width);
+    canvas->Put(box.X + 2, box.Y, ' ' + dialog.Title + ' ', Style::Title, width);
     for (int i = 0; i < height; ++i) {
-        const DialogLine& line = wrapped[static_cast<size_t>(i)];
+        const DialogLine& line = lines[static_cast<size_t>(i)];
         const Area place = {box.X + 2, box.Y + 1 + i, width, 1};
         if (line.Gauge) {
             DrawPowerGauge(canvas, place, *line.Gauge);

@@ -17,7 +17,14 @@ struct DialogLine {
 };
 using DialogLines = std::vector<DialogLine>;
 
-/// Draws a framed box over the middle of the canvas. Lines for which there is no room are left out at the end.
-void DrawDialog(Canvas* canvas, const std::string& title, const DialogLines& lines);
+struct Dialog {
+    std::string Title;
+    DialogLines Lines;
+    /// What can be pressed. It is shown also where there is no room for all lines.
+    std::string Keys;
+};
+
+/// Draws a framed box over the middle of the canvas.
+void DrawDialog(Canvas* canvas, const Dialog& dialog);
 
 #endif  // GPU_MONITOR_DIALOG_H

@@ -3,6 +3,7 @@
 #include <time.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <functional>
 #include <optional>
@@ -29,37 +30,32 @@ std::string PeriodText(double seconds) {
 
 /// A moment of the steady clock as the time of day.
 std::string TimeOfDay(double steadySeconds) {
-    const auto moment =
-        static_cast<time_t>(std::lround(static_cast<double>(time(nullptr)) + steadySeconds - NowSeconds()));
+    using std::chrono::system_clock;
+    const std::chrono::duration<double> ago(NowSeconds() - steadySeconds);
+    const time_t moment =
+        system_clock::to_time_t(system_clock::now() - std::chrono::duration_cast<system_clock::duration>(ago));
     tm local{};
     localtime_r(&moment, &local);
     char text[sizeof "hh:mm:ss"];
     return {text, strftime(text, sizeof text, "%H:%M:%S", &local)};
 }
 
-std::string SilenceText(const FeedGpu& gpu, const MonitorFeed& feed) {
+std::string SilenceText(const FeedGpu& gpu, bool bDriverHangs) {
     const double last = gpu.Latest.TimestampSeconds;
-    const std::string reason = feed.DriverWait() >= gpu.PeriodSeconds ? "driver hangs, " : "";
+    const std::string reason = bDriverHangs ? "driver hangs, " : "";
     if (last == 0.0) return reason + "no data yet";
     return reason + "no data since " + TimeOfDay(last) + " (" + Number(gpu.Age(NowSeconds()), 0) + " s)";
 }
 
-std::string StateText(const FeedGpu& gpu, const MonitorFeed& feed, GpuState state) {
-    switch (state) {
+std::string StateText(const FeedGpu& gpu, const FeedData& data, const MonitorFeed& feed) {
+    switch (feed.StateOf(data, gpu)) {
         case GpuState::Starting: return "starting";
-        case GpuState::Live: return "live, every " + PeriodText(gpu.PeriodSeconds);
+        case GpuState::Live: return gpu.PeriodSeconds == 0.0 ? "live" : "live, every " + PeriodText(gpu.PeriodSeconds);
         case GpuState::Paused: return "paused";
-        case GpuState::NoData: break;
+        case GpuState::NoData: return SilenceText(gpu, feed.IsDriverHanging(data));
+        case GpuState::Unavailable: break;
     }
-    return SilenceText(gpu, feed);
-}
-
-/// What limits the clocks, if anything does.
-std::string LimitedBy(const GpuTelemetrySample& sample, size_t width) {
-    GpuTelemetrySample limits = sample;
-    limits.PerformanceLimitReasons &= ~kIdleReason;
-    const bool bIdle = limits.PerformanceLimitReasons == 0 && sample.PerformanceLimitReasons != 0;
-    return bIdle ? "nothing, idle" : LimitText(limits, width);
+    return data.Status;
 }
 
 std::string LinkText(const GpuTelemetrySample& sample) {
@@ -70,20 +66,21 @@ std::string OrDash(const std::string& text) {
     return text.empty() ? kNotRead : text;
 }
 
+std::string StateOfPerformance(const GpuTelemetrySample& now) {
+    const std::string state = ReadingText("performance_state", now);
+    return state == kNotRead ? "state -" : 'P' + state;
+}
+
 void DrawHeader(Canvas* canvas, const Area& area, const GpuOnPage& page) {
     const int end = area.X + area.Width;
     const int stateStart = end - ColumnsOf(page.State);
-    canvas->Put(area.X, area.Y, GpuTitle(page.Gpu.Device), Style::Title, stateStart - area.X - 1);
+    canvas->Put(area.X, area.Y, GpuTitle(page.Gpu->Device), Style::Title, stateStart - area.X - 1);
     canvas->PutRight(end, area.Y, page.State, page.bSilent ? Style::Alarm : Style::Strong);
 
-    const std::string pstate = ReadingText("performance_state", page.Now);
-    int x = canvas->Put(area.X, area.Y + 1,
-                        "Driver " + OrDash(page.Gpu.Device.DriverVersion) + "   " + LinkText(page.Now) + "   " +
-                            (pstate == kNotRead ? "state -" : "P" + pstate) + "   ",
-                        Style::Normal, area.Width);
-    x = canvas->Put(x, area.Y + 1, "Limited by: ", Style::Normal, end - x);
-    const std::string limits = LimitedBy(page.Now, static_cast<size_t>(std::max(end - x, 1)));
-    canvas->Put(x, area.Y + 1, limits, IsInDanger(page.Now) ? Style::Alarm : Style::Strong, end - x);
+    const std::string facts = "Driver " + OrDash(page.Gpu->Device.DriverVersion) + "   " + LinkText(page.Now) + "   " +
+                              StateOfPerformance(page.Now) + "   Limited by: ";
+    const int x = canvas->Put(area.X, area.Y + 1, facts, Style::Normal, area.Width);
+    DrawLimits(canvas, {x, area.Y + 1, end - x, 1}, page.Now);
 }
 
 // ---- Gauges ----
@@ -150,9 +147,11 @@ int GaugeRows(int width) {
 }
 
 void DrawGaugeLine(Canvas* canvas, const Area& area, const Gauge& gauge, const GpuTelemetrySample& now) {
+    const std::string text = gauge.Text(now);
+    const int valueWidth = std::max(kValueWidth, ColumnsOf(text) + 1);
     canvas->Put(area.X, area.Y, gauge.Label);
-    canvas->PutRight(area.X + area.Width, area.Y, gauge.Text(now), Style::Strong);
-    gauge.Draw(canvas, {area.X + kLabelWidth, area.Y, std::max(area.Width - kLabelWidth - kValueWidth, 0), 1}, now);
+    gauge.Draw(canvas, {area.X + kLabelWidth, area.Y, std::max(area.Width - kLabelWidth - valueWidth, 0), 1}, now);
+    canvas->PutRight(area.X + area.Width, area.Y, text, Style::Strong);
 }
 
 void DrawGauges(Canvas* canvas, const Area& area, const GpuTelemetrySample& now) {
@@ -173,11 +172,8 @@ std::string ClockLine(const GpuTelemetrySample& now) {
 }
 
 std::string PowerLimitLine(const GpuTelemetrySample& now) {
-    GpuPowerCapabilities range;
-    range.MinimumWatts = now.MinimumPowerLimitWatts;
-    range.MaximumWatts = now.MaximumPowerLimitWatts;
     return "power " + WattsText(now.PowerLimitWatts) + ", default " + WattsText(now.DefaultPowerLimitWatts) +
-           ", range " + RangeText(range);
+           ", range " + RangeText(now.MinimumPowerLimitWatts, now.MaximumPowerLimitWatts);
 }
 
 void DrawLabelled(Canvas* canvas, const Area& area, const char* label, const std::string& text) {
@@ -187,14 +183,6 @@ void DrawLabelled(Canvas* canvas, const Area& area, const char* label, const std
 
 // ---- Processes ----
 
-std::string UsedText(uint64_t bytes) {
-    GpuTelemetrySample sample;
-    sample.VramUsedBytes = bytes;
-    sample.VramTotalBytes = bytes + 1;
-    return ReadingText("vram_used_bytes", sample);
-}
-
-/// Largest first.
 std::vector<FeedProcess> Sorted(std::vector<FeedProcess> processes, ProcessOrder order) {
     std::stable_sort(processes.begin(), processes.end(), [order](const FeedProcess& a, const FeedProcess& b) {
         switch (order) {
@@ -235,7 +223,7 @@ std::string OrderMark(const char* heading, bool bOrder) {
 constexpr int kMinimumPlotWidth = 24;
 constexpr int kMinimumPlotHeight = 5;
 /// Below this, plots side by side are better.
-constexpr int kGoodPlotHeight = 7;
+constexpr int kGoodPlotHeight = 9;
 
 using OptionalValue = std::optional<double>;
 
@@ -306,8 +294,12 @@ struct Grid {
     int Rows;
 };
 
+int PlotWidth(const Area& area, const Grid& grid) {
+    return (area.Width - (grid.Columns - 1) * kColumnGap) / grid.Columns;
+}
+
 bool Fits(const Area& area, const Grid& grid, int plotHeight) {
-    const bool bWide = grid.Columns == 1 || area.Width / grid.Columns >= kMinimumPlotWidth;
+    const bool bWide = grid.Columns == 1 || PlotWidth(area, grid) >= kMinimumPlotWidth;
     return bWide && area.Height / grid.Rows >= plotHeight;
 }
 
@@ -322,20 +314,34 @@ std::optional<Grid> GridFor(const Area& area, int count) {
     return std::nullopt;
 }
 
-TimeSpan SpanOf(const FeedGpu& gpu, double seconds) {
-    const double now = NowSeconds();
-    if (seconds > 0.0 || gpu.Samples.empty()) return {now - std::max(seconds, 1.0), now};
+TimeSpan SpanOf(const FeedGpu& gpu, const PlotView& view) {
+    constexpr double kShortestSeconds = 1.0;
     const auto isTaken = [](const GpuTelemetrySample& sample) { return sample.TimestampSeconds != 0.0; };
     const auto oldest = std::find_if(gpu.Samples.begin(), gpu.Samples.end(), isTaken);
-    return {oldest == gpu.Samples.end() ? now - 1.0 : std::min(oldest->TimestampSeconds, now - 1.0), now};
+    double seconds = view.Seconds;
+    if (seconds == 0.0 && oldest != gpu.Samples.end()) seconds = view.Until - oldest->TimestampSeconds;
+    return {view.Until - std::max(seconds, kShortestSeconds), view.Until};
 }
 
 }  // namespace
 
-GpuOnPage OnPage(const FeedGpu& gpu, const MonitorFeed& feed) {
-    const GpuState state = feed.StateOf(gpu);
-    const bool bSilent = state == GpuState::NoData;
-    return {gpu, bSilent ? GpuTelemetrySample() : gpu.Latest, StateText(gpu, feed, state), bSilent};
+GpuOnPage OnPage(const std::shared_ptr<const FeedGpu>& gpu, const FeedData& data, const MonitorFeed& feed) {
+    const GpuState state = feed.StateOf(data, *gpu);
+    const bool bKnown = state == GpuState::Live || state == GpuState::Paused;
+    return {gpu, bKnown ? gpu->Latest : GpuTelemetrySample(), StateText(*gpu, data, feed), state == GpuState::NoData};
+}
+
+void DrawLimits(Canvas* canvas, const Area& area, const GpuTelemetrySample& now) {
+    std::vector<ClockReason> reasons = ClockReasons(now);
+    std::stable_partition(reasons.begin(), reasons.end(), [](const ClockReason& reason) { return reason.bDanger; });
+    const int end = area.X + area.Width;
+    int x = area.X;
+    for (const ClockReason& reason : reasons) {
+        if (reason.bIdle) continue;
+        if (x > area.X) x = canvas->Put(x, area.Y, ", ", Style::Normal, end - x);
+        x = canvas->Put(x, area.Y, reason.Word, reason.bDanger ? Style::Alarm : Style::Strong, end - x);
+    }
+    if (x == area.X) canvas->Put(x, area.Y, reasons.empty() ? kNotRead : "nothing, idle", Style::Strong, area.Width);
 }
 
 int SummaryHeight(int width) {
@@ -354,39 +360,40 @@ void DrawProcesses(Canvas* canvas, const Area& area, const GpuOnPage& page, Proc
     const std::string headings[] = {
         OrderMark("PID", order == ProcessOrder::Pid), OrderMark("VRAM", order == ProcessOrder::Memory),
         OrderMark("USER", order == ProcessOrder::User), OrderMark("PROCESS", order == ProcessOrder::Name)};
+    if (area.Height < 2) return;
     DrawProcessLine(canvas, area, headings, Style::Dim);
     const std::vector<FeedProcess> processes =
-        page.bSilent ? std::vector<FeedProcess>() : Sorted(page.Gpu.Processes, order);
+        page.bSilent ? std::vector<FeedProcess>() : Sorted(page.Gpu->Processes, order);
     const int room = area.Height - 1;
     const int count = static_cast<int>(processes.size());
     for (int i = 0; i < std::min(count, room); ++i) {
         const FeedProcess& process = processes[static_cast<size_t>(i)];
-        const std::string texts[] = {std::to_string(process.Pid), UsedText(process.VramUsedBytes), OrDash(process.User),
-                                     NameText(process)};
+        const std::string texts[] = {std::to_string(process.Pid), MemoryText(process.VramUsedBytes),
+                                     OrDash(process.User), NameText(process)};
         DrawProcessLine(canvas, {area.X, area.Y + 1 + i, area.Width, 1}, texts, Style::Normal);
     }
     if (count > room) canvas->PutRight(area.X + area.Width, area.Y, std::to_string(count - room) + " more", Style::Dim);
 }
 
-void DrawPlots(Canvas* canvas, const Area& area, const FeedGpu& gpu, PlotChoice choice, double seconds) {
+void DrawPlots(Canvas* canvas, const Area& area, const FeedGpu& gpu, const PlotView& view) {
+    if (view.Choice.none()) canvas->Put(area.X, area.Y, "1 to 5 show plots", Style::Dim, area.Width);
     std::vector<const NamedPlot*> plots;
     for (size_t i = 0; i < kPlotCount; ++i) {
-        if (choice[i]) plots.push_back(&kPlots[i]);
+        if (view.Choice[i]) plots.push_back(&kPlots[i]);
     }
     std::optional<Grid> grid;
     while (!plots.empty() && !(grid = GridFor(area, static_cast<int>(plots.size())))) plots.pop_back();
     if (!grid) return;
 
-    const TimeSpan span = SpanOf(gpu, seconds);
-    const int width = (area.Width - (grid->Columns - 1) * kColumnGap) / grid->Columns;
+    const TimeSpan span = SpanOf(gpu, view);
+    const int width = PlotWidth(area, *grid);
     for (size_t i = 0; i < plots.size(); ++i) {
         const int column = static_cast<int>(i) % grid->Columns;
         const int row = static_cast<int>(i) / grid->Columns;
-        // What the division leaves goes to the upper rows or the lower ones, but is not lost.
         const int top = area.Height * row / grid->Rows;
         const int height = area.Height * (row + 1) / grid->Rows - top;
         const Area place = {area.X + column * (width + kColumnGap), area.Y + top, width, height};
-        DrawPlot(canvas, place, plots[i]->Make(gpu), gpu.Samples, span, gpu.PeriodSeconds);
+        DrawPlot(canvas, place, plots[i]->Make(gpu), gpu.Samples, span, std::max(gpu.PeriodSeconds, view.Interval));
     }
 }
 

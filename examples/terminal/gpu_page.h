@@ -3,6 +3,7 @@
 
 #include <bitset>
 #include <cstddef>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -11,7 +12,7 @@
 
 /// One GPU as it is to be shown.
 struct GpuOnPage {
-    const FeedGpu& Gpu;
+    std::shared_ptr<const FeedGpu> Gpu;
     /// What it reads now; nothing while it gives no data.
     GpuTelemetrySample Now;
     /// What it does, in words.
@@ -25,8 +26,11 @@ enum class ProcessOrder { Memory, Pid, User, Name };
 constexpr size_t kPlotCount = 5;
 using PlotChoice = std::bitset<kPlotCount>;
 
-/// `gpu` of the feed's latest data, with its state in words.
-GpuOnPage OnPage(const FeedGpu& gpu, const MonitorFeed& feed);
+/// `gpu` of `data`, with its state in words.
+GpuOnPage OnPage(const std::shared_ptr<const FeedGpu>& gpu, const FeedData& data, const MonitorFeed& feed);
+
+/// Draws what limits the clocks, in words; a dash for nothing.
+void DrawLimits(Canvas* canvas, const Area& area, const GpuTelemetrySample& now);
 
 /// How many rows `DrawSummary` takes.
 int SummaryHeight(int width);
@@ -37,8 +41,18 @@ void DrawSummary(Canvas* canvas, const Area& area, const GpuOnPage& page);
 /// Draws a heading and, below it, as many processes as there is room for.
 void DrawProcesses(Canvas* canvas, const Area& area, const GpuOnPage& page, ProcessOrder order);
 
-/// Draws the chosen plots of the last `seconds`, as many as there is room for; 0: of the whole history.
-void DrawPlots(Canvas* canvas, const Area& area, const FeedGpu& gpu, PlotChoice choice, double seconds);
+/// What part of the history the plots show.
+struct PlotView {
+    PlotChoice Choice;
+    /// The right end of the time axis, in steady-clock seconds, and its length; 0: the whole history.
+    double Until;
+    double Seconds;
+    /// As in `DrawPlot`.
+    double Interval;
+};
+
+/// Draws the chosen plots, as many as there is room for.
+void DrawPlots(Canvas* canvas, const Area& area, const FeedGpu& gpu, const PlotView& view);
 
 /// What the plots show, in the order of their keys.
 const std::vector<std::string>& PlotNames();

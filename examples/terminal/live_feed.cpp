@@ -45,22 +45,21 @@ void LiveFeed::TakeNews() const {
     static_cast<void>(ignored);
 }
 
-bool LiveFeed::WaitForStart(std::optional<unsigned int> onlyGpu, int stopDescriptor) {
+bool LiveFeed::WaitForNews(int timeoutMs, int stopDescriptor) const {
     pollfd descriptors[] = {{NewsDescriptor, POLLIN, 0}, {stopDescriptor, POLLIN, 0}};
-    while (Feed.Latest()->State == FeedState::Starting) {
-        if (poll(descriptors, 2, -1) > 0 && descriptors[1].revents != 0) return false;
-        TakeNews();
-    }
-    RequireUsable(onlyGpu);
-    return true;
+    return poll(descriptors, 2, timeoutMs) <= 0 || descriptors[1].revents == 0;
 }
 
-void LiveFeed::RequireUsable(std::optional<unsigned int> onlyGpu) const {
-    const std::shared_ptr<const FeedData> data = Feed.Latest();
-    RequireDriver(data->State != FeedState::Unavailable, data->Status);
+void LiveFeed::RequireUsable(const FeedData& data, std::optional<unsigned int> onlyGpu) {
+    if (data.State == FeedState::Starting) return;
+    RequireDriver(data.State != FeedState::Unavailable, data.Status);
     std::vector<GpuDeviceInfo> devices;
-    for (const auto& gpu : data->Gpus) devices.push_back(gpu->Device);
+    for (const auto& gpu : data.Gpus) devices.push_back(gpu->Device);
     if (onlyGpu) RequireGpu(devices, *onlyGpu);
+}
+
+void LiveFeed::LeaveDriverBehind() {
+    if (!Feed.Stop(std::chrono::milliseconds(0))) bDriverLeftBehind = true;
 }
 
 bool IsDriverLeftBehind() {

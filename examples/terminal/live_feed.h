@@ -17,17 +17,21 @@ public:
     LiveFeed& operator=(const LiveFeed&) = delete;
 
     MonitorFeed* operator->() { return &Feed; }
+    MonitorFeed* Get() { return &Feed; }
 
     /// A descriptor that is readable while `TakeNews` has not been called since the latest change.
     int Descriptor() const { return NewsDescriptor; }
     void TakeNews() const;
 
-    /// Waits until NVML has been started. False: `stopDescriptor` became readable first. Throws `Failure` when there is
-    /// no usable driver, or no GPU of the index that is asked for.
-    bool WaitForStart(std::optional<unsigned int> onlyGpu, int stopDescriptor);
+    /// Waits for news, but not longer than `timeoutMs`; -1: as long as it takes. False: `stopDescriptor` became
+    /// readable before; -1: there is none.
+    bool WaitForNews(int timeoutMs, int stopDescriptor) const;
 
-    /// Once NVML has been started: throws as `WaitForStart`.
-    void RequireUsable(std::optional<unsigned int> onlyGpu) const;
+    /// Throws `Failure` when `data` shows that there is no usable driver, or no GPU of the index that is asked for.
+    static void RequireUsable(const FeedData& data, std::optional<unsigned int> onlyGpu);
+
+    /// Ends the feed at once, because the driver does not answer.
+    void LeaveDriverBehind();
 
 private:
     const int NewsDescriptor;

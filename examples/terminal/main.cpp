@@ -214,8 +214,9 @@ void AddPowerChanges(CLI::App* app, CommandLine* commandLine) {
         ->type_name("")
         ->required()
         ->check(DecimalError);
-    CLI::App* reset = AddChange(app, commandLine, "reset-power", "Go back to the default power limit, of every GPU or one",
-                                [commandLine] { return RunResetPower(commandLine->Tuning); });
+    CLI::App* reset =
+        AddChange(app, commandLine, "reset-power", "Go back to the default power limit, of every GPU or one",
+                  [commandLine] { return RunResetPower(commandLine->Tuning); });
     AddGpuOption(reset, &commandLine->Tuning.Gpu);
 }
 

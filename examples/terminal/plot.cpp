@@ -14,6 +14,8 @@ namespace {
 constexpr int kLabelWidth = 5;
 constexpr int kLeastFieldWidth = 10;
 constexpr double kGapFactor = 2.5;
+/// After so many intervals, the latest value is none of now.
+constexpr double kStaleIntervals = 4.0;
 
 /// One column and one row of the dots that a field of cells has; beyond the field too.
 struct Dot {
@@ -215,12 +217,13 @@ Trace TraceOf(const Curve& curve, const Samples& samples, const Scale& scale, do
     return trace;
 }
 
-/// The value of the curve on top in the newest sample of the span.
-std::optional<double> LatestValue(const Plot& plot, const Samples& samples, const TimeSpan& span) {
+/// The value of the curve on top in the newest sample of the span, unless a gap has followed it.
+std::optional<double> LatestValue(const Plot& plot, const Samples& samples, const TimeSpan& span, double interval) {
     const auto newest = std::find_if(samples.rbegin(), samples.rend(), [&span](const GpuTelemetrySample* sample) {
         return sample->TimestampSeconds <= span.To;
     });
-    const bool bInSpan = newest != samples.rend() && (*newest)->TimestampSeconds >= span.From;
+    const double oldest = std::max(span.From, span.To - kStaleIntervals * interval);
+    const bool bInSpan = newest != samples.rend() && (*newest)->TimestampSeconds >= oldest;
     return bInSpan && !plot.Curves.empty() ? ValueOf(plot.Curves.back(), **newest) : std::nullopt;
 }
 
@@ -326,7 +329,7 @@ void DrawPlot(Canvas* canvas, const Area& area, const Plot& plot, const std::deq
               const TimeSpan& span, double interval) {
     if (area.Width <= 0 || area.Height <= 0) return;
     const Samples shown = SamplesFor(span, samples);
-    DrawHeading(canvas, area, plot, LatestValue(plot, shown, span));
+    DrawHeading(canvas, area, plot, LatestValue(plot, shown, span, interval));
 
     const Area place = PlaceOfField(area, MarginOf(plot));
     if (place.Height <= 0 || !(span.To > span.From)) return;

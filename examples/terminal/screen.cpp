@@ -4,6 +4,7 @@
 #define NCURSES_NOMACROS
 #define NCURSES_WIDECHAR 1
 #include <curses.h>
+#include <signal.h>
 #include <sys/ioctl.h>
 #include <term.h>
 #include <termios.h>
@@ -20,7 +21,8 @@
 
 namespace {
 
-constexpr int kEscapeDelayMs = 25;
+/// An arrow key that comes over a network in two parts must not pass for Escape.
+constexpr int kEscapeDelayMs = 100;
 constexpr int kBrightBlack = 8;
 constexpr int kManyColors = 16;
 
@@ -142,10 +144,14 @@ public:
         curs_set(0);
         bColored = Variable("NO_COLOR").empty() && has_colors() && start_color() == OK && use_default_colors() == OK;
         if (bColored) PrepareColors();
-        LetTextWrap(false);
     }
 
     ~Curses() {
+        // What cannot be swapped away is wiped away.
+        if (exit_ca_mode == nullptr) {
+            clear();
+            refresh();
+        }
         endwin();
         CallBeforeDeath(nullptr);
         delscreen(Handle);
@@ -162,6 +168,9 @@ public:
         mvadd_wch(y, x, &character);
     }
 
+    /// What Ctrl-Z does.
+    struct sigaction Suspend {};
+
 private:
     /// Pairs are the colours' numbers, from 1 on.
     static void PrepareColors() {
@@ -169,9 +178,6 @@ private:
             init_pair(static_cast<short>(color + 1), color, -1);
         }
     }
-
-    /// A character in the last cell must not move the picture.
-    static void LetTextWrap(bool bWrap) { scrollok(stdscr, bWrap); }
 
     SCREEN* Handle = nullptr;
     bool bColored = false;
@@ -186,6 +192,14 @@ void Screen::RequireTerminal() {
         throw Failure("The live view needs a terminal: use watch --once for a text of it, or stream for lines.",
                       kExitUsage);
     }
+}
+
+void Screen::AllowSuspending(bool bAllowed) {
+    if (bAllowed == bSuspendable) return;
+    bSuspendable = bAllowed;
+    struct sigaction ignore {};
+    ignore.sa_handler = SIG_IGN;
+    sigaction(SIGTSTP, bAllowed ? &Terminal->Suspend : &ignore, bAllowed ? nullptr : &Terminal->Suspend);
 }
 
 Canvas Screen::Blank() const {

@@ -45,6 +45,9 @@ public:
     /// The next key that has been pressed; never waits.
     int ReadKey();
 
+    /// Whether Ctrl-Z stops the program. At first it does.
+    void AllowSuspending(bool bAllowed);
+
     /// Throws `Failure` unless standard input and output are a terminal.
     static void RequireTerminal();
 
@@ -54,6 +57,7 @@ private:
     const std::unique_ptr<Curses> Terminal;
     /// What is on the screen.
     Canvas Shown;
+    bool bSuspendable = true;
 };
 
 #endif  // GPU_MONITOR_SCREEN_H

@@ -17,10 +17,14 @@ namespace {
 // Read by the signal handlers, which may run on any thread; written before the handlers are installed.
 int StopPipeWriteEnd = -1;
 
+/// Together with SIGHUP, which can be ignored.
+constexpr int kStopSignals[] = {SIGINT, SIGQUIT, SIGTERM};
+
 std::atomic<void (*)()> BeforeDeath{nullptr};
 
 /// What the fatal signals did before `CallBeforeDeath`: a sanitizer's report, for example.
-constexpr int kFatalSignals[] = {SIGQUIT, SIGILL, SIGABRT, SIGFPE, SIGBUS, SIGSEGV};
+constexpr int kFatalSignals[] = {SIGILL,  SIGABRT, SIGFPE,  SIGBUS,    SIGSEGV, SIGSYS,  SIGTRAP,
+                                 SIGUSR1, SIGUSR2, SIGALRM, SIGVTALRM, SIGPROF, SIGXCPU, SIGXFSZ};
 struct sigaction FatalBefore[std::size(kFatalSignals)];
 
 extern "C" void Die(int signalNumber) {
@@ -45,14 +49,24 @@ void Catch(int signalNumber, void (*handler)(int)) {
     sigaction(signalNumber, &action, nullptr);
 }
 
-/// Of the first stop signal of each kind; the second one ends even a process that hangs.
-extern "C" void RequestStop(int signalNumber) {
+void TellStop() {
     const int savedErrno = errno;
-    Catch(signalNumber, Die);
     // The pipe can only be full when a stop has been asked for, so the result does not matter.
     const ssize_t ignored = write(StopPipeWriteEnd, "", 1);
     static_cast<void>(ignored);
     errno = savedErrno;
+}
+
+/// Of every stop signal while something has to be brought to its end.
+extern "C" void NoteStop(int /*signalNumber*/) {
+    TellStop();
+}
+
+/// Of the first stop signal of each kind; the second one ends even a process that hangs.
+extern "C" void RequestStop(int signalNumber) {
+    // A shell and the kernel both tell when a terminal is closed: that is one signal.
+    Catch(signalNumber, signalNumber == SIGHUP ? NoteStop : Die);
+    TellStop();
 }
 
 bool IsIgnored(int signalNumber) {
@@ -66,11 +80,16 @@ int CatchStopSignals() {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) throw SystemFailure("Cannot prepare for signals");
     StopPipeWriteEnd = ends[1];
-    Catch(SIGINT, RequestStop);
-    Catch(SIGTERM, RequestStop);
+    for (const int signalNumber : kStopSignals) Catch(signalNumber, RequestStop);
     // Under nohup the program is to outlive its terminal.
     if (!IsIgnored(SIGHUP)) Catch(SIGHUP, RequestStop);
     return ends[0];
+}
+
+void ExpectFurtherStop(int descriptor) {
+    char earlier[64];
+    while (read(descriptor, earlier, sizeof earlier) > 0) continue;
+    for (const int signalNumber : kStopSignals) Catch(signalNumber, NoteStop);
 }
 
 void CallBeforeDeath(void (*restore)()) {
@@ -80,7 +99,7 @@ void CallBeforeDeath(void (*restore)()) {
             sigaction(kFatalSignals[i], &FatalBefore[i], nullptr);
         } else {
             sigaction(kFatalSignals[i], nullptr, &FatalBefore[i]);
-            Catch(kFatalSignals[i], DieAsBefore);
+            if (!IsIgnored(kFatalSignals[i])) Catch(kFatalSignals[i], DieAsBefore);
         }
     }
 }

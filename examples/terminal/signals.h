@@ -1,11 +1,15 @@
 #ifndef GPU_MONITOR_SIGNALS_H
 #define GPU_MONITOR_SIGNALS_H
 
-/// From here on the first SIGINT, SIGTERM or SIGHUP asks for a clean end and a second one of the same kind kills, also
-/// while the main thread hangs in a driver call. Once per process.
+/// From here on the first SIGINT, SIGQUIT, SIGTERM or SIGHUP asks for a clean end, and a second one of the same kind
+/// kills, also while the main thread hangs in a driver call; but SIGHUP never does. Once per process.
 ///
 /// Result: a descriptor that becomes, and stays, readable with the first signal. It lives as long as the process.
 int CatchStopSignals();
+
+/// From here on no stop signal kills any more: each only makes `descriptor`, that of `CatchStopSignals`, readable, from
+/// which earlier ones are taken now.
+void ExpectFurtherStop(int descriptor);
 
 /// Has `restore` called, which must be safe in a signal handler, when a signal is about to kill the process: the second
 /// stop signal, or one that the program cannot survive. Null: nothing is called any more.

@@ -26,9 +26,10 @@ namespace {
 constexpr size_t kTerminalLinesPerHeading = 20;
 /// How often to look whether GPUs are silent while no reading comes.
 constexpr int kLongestWaitMs = 1000;
-/// Without a reading of any GPU for so many periods, but at least so long, the stream ends.
-constexpr double kSilentPeriods = 3.0;
-constexpr double kMinimumSilenceSeconds = 5.0;
+/// Without a reading of any GPU for so long the stream ends.
+constexpr double kLongestSilenceSeconds = 5.0;
+/// So often a driver has to be found hanging: it seems to once after the process was suspended.
+constexpr int kHangsOfHangingDriver = 3;
 
 std::string SecondsText(double seconds) {
     return Number(seconds, seconds < 2.0 ? 1 : 0) + " s";
@@ -49,7 +50,11 @@ public:
 
     /// Returns at a stop signal, the end of the reader or the wanted count. Throws `Failure`.
     void Run() {
-        if (!Feed.WaitForStart(Options.Gpu, StopDescriptor)) return;
+        while (Feed->Latest()->State == FeedState::Starting) {
+            if (!Feed.WaitForNews(-1, StopDescriptor)) return;
+            Feed.TakeNews();
+        }
+        LiveFeed::RequireUsable(*Feed->Latest(), Options.Gpu);
         if (!Options.bJson && !Print(StreamHeading())) return;
         do {
             Feed.TakeNews();
@@ -132,15 +137,16 @@ private:
     /// readings any more.
     void NoticeSilence(const FeedData& data) {
         const double now = NowSeconds();
+        HangsSeen = Feed->IsDriverHanging(data) ? HangsSeen + 1 : 0;
         bool bAllSilent = true;
         double lastReading = StartedAt;
         for (const auto& gpu : data.Gpus) {
             if (!IsWanted(*gpu)) continue;
+            const bool bSilent = Feed->StateOf(data, *gpu) == GpuState::NoData;
+            TellSilence(*gpu, bSilent, now);
             lastReading = std::max(lastReading, gpu->Latest.TimestampSeconds);
-            TellSilence(*gpu, now);
-            const double silence = gpu->SilentSince == 0.0 ? 0.0 : now - gpu->SilentSince;
-            const double longest = std::max(kSilentPeriods * gpu->PeriodSeconds, kMinimumSilenceSeconds);
-            bAllSilent = bAllSilent && silence >= longest;
+            const bool bLong = gpu->SilentSince != 0.0 && now - gpu->SilentSince >= kLongestSilenceSeconds;
+            bAllSilent = bAllSilent && bSilent && (bLong || HangsSeen >= kHangsOfHangingDriver);
         }
         if (!bAllSilent) return;
         const std::string who =
@@ -148,13 +154,13 @@ private:
         throw Failure(who + " reading for " + SecondsText(now - lastReading) + '.');
     }
 
-    void TellSilence(const FeedGpu& gpu, double now) {
-        if (Feed->StateOf(gpu) != GpuState::NoData) {
+    void TellSilence(const FeedGpu& gpu, bool bSilent, double now) {
+        if (!bSilent) {
             Silent.erase(gpu.Key);
         } else if (Silent.insert(gpu.Key).second) {
             const double silence = now - std::max(gpu.Latest.TimestampSeconds, StartedAt);
             std::cerr << GpuName(gpu.Device) << " has given no reading for " << SecondsText(silence)
-                      << (Feed->DriverWait() >= gpu.PeriodSeconds ? "; the driver hangs.\n" : "; it may be lost.\n");
+                      << "; it may be lost.\n";
         }
     }
 
@@ -165,6 +171,7 @@ private:
     LiveFeed Feed;
     std::map<std::string, double> PrintedUntil;
     std::set<std::string> Silent;
+    int HangsSeen = 0;
     int CyclesPrinted = 0;
     size_t LinesSinceHeading = 0;
 };

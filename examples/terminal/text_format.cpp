@@ -25,7 +25,7 @@ std::string Joined(const Json& words, size_t count) {
 std::string ValueText(const Json& value, int decimals, double divisor) {
     if (value.is_null()) return kNotRead;
     if (value.is_array()) return Joined(value, value.size());
-    if (value.is_string()) return value.get<std::string>();
+    if (value.is_string()) return Printable(value.get<std::string>());
     return Number(value.get<double>() / divisor, decimals);
 }
 
@@ -133,9 +133,13 @@ std::string StreamText(const GpuDeviceInfo& device, const GpuTelemetrySample& sa
                       [&sample](const Reading& reading) { return StreamCell(reading, sample); });
 }
 
-std::string LimitText(const GpuTelemetrySample& sample, size_t width) {
-    const Json words = PerformanceLimits(sample);
-    return words.is_null() ? kNotRead : Shortened(words, width);
+std::string LimitText(const GpuTelemetrySample& sample) {
+    return ValueText(PerformanceLimits(sample), 0, 1.0);
+}
+
+std::string MemoryText(uint64_t bytes) {
+    const Reading& reading = ReadingOf("vram_used_bytes");
+    return Number(static_cast<double>(bytes) / reading.TextDivisor, reading.Decimals) + ' ' + reading.Unit;
 }
 
 std::string ReadingText(const std::string& key, const GpuTelemetrySample& sample, bool bUnit) {

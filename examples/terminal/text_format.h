@@ -2,6 +2,7 @@
 #define GPU_MONITOR_TEXT_FORMAT_H
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -23,9 +24,11 @@ std::string StreamText(const GpuDeviceInfo& device, const GpuTelemetrySample& sa
 
 // The rest gives words for a line, without a line break.
 
-/// What NVML tells about the clocks, in the words of the table and the stream, in at most `width` characters as far as
-/// that goes.
-std::string LimitText(const GpuTelemetrySample& sample, size_t width = std::string::npos);
+/// What NVML tells about the clocks, in the words of the table and the stream.
+std::string LimitText(const GpuTelemetrySample& sample);
+
+/// An amount of video memory, as the table shows it.
+std::string MemoryText(uint64_t bytes);
 
 /// The reading with this JSON key as the table shows it: its number, and its unit if `bUnit`.
 std::string ReadingText(const std::string& key, const GpuTelemetrySample& sample, bool bUnit = true);

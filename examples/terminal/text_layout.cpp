@@ -21,6 +21,15 @@ std::string Right(const std::string& text, int width) {
     return padded.str();
 }
 
+std::string Printable(std::string text) {
+    constexpr unsigned char kDelete = 0x7F;
+    for (char& character : text) {
+        const auto byte = static_cast<unsigned char>(character);
+        if (byte < ' ' || byte == kDelete) character = '?';
+    }
+    return text;
+}
+
 std::vector<std::string> Wrapped(std::string text, size_t width) {
     std::vector<std::string> lines;
     while (text.size() > width) {
@@ -38,9 +47,9 @@ std::string GpuName(const GpuDeviceInfo& device) {
 }
 
 std::string GpuInSentence(const GpuDeviceInfo& device) {
-    return GpuName(device) + " (" + device.Name + ')';
+    return GpuName(device) + " (" + Printable(device.Name) + ')';
 }
 
 std::string GpuTitle(const GpuDeviceInfo& device) {
-    return GpuName(device) + ": " + device.Name;
+    return GpuName(device) + ": " + Printable(device.Name);
 }

@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "change_text.h"
 #include "clock.h"
 #include "driver.h"
 #include "failure.h"
@@ -15,7 +16,6 @@
 #include "signals.h"
 #include "text_format.h"
 #include "text_layout.h"
-#include "tuning_change.h"
 #include "tuning_format.h"
 
 namespace {
@@ -48,9 +48,11 @@ public:
 
     /// Changes the wanted GPUs and tells the user about each. Result: the exit status. Throws `Failure`.
     int Run() {
+        const std::vector<GpuDeviceInfo> devices = DiscoverGpus(Options.Gpu, &Monitor);
+        // Not before: until then there is nothing that must not be cut short.
         StopDescriptor = CatchStopSignals();
         std::vector<OperationResult> results;
-        for (const GpuDeviceInfo& device : DiscoverGpus(Options.Gpu, &Monitor)) {
+        for (const GpuDeviceInfo& device : devices) {
             results.push_back(ChangeAndTell(device));
         }
         const bool bDenied = std::find(results.begin(), results.end(), OperationResult::NoPermission) != results.end();
@@ -183,8 +185,7 @@ private:
     }
 
     std::string Advice(unsigned int gpu, const std::string& error) override {
-        const bool bMemoryStep = error.find("memory locked-clock control") != std::string::npos;
-        if (bMemoryStep) return ReleaseAdvice(gpu);
+        if (HasFailedHalfWay(error)) return ReleaseAdvice(gpu);
         GpuClockCapabilities capabilities;
         Monitor.GetClockCapabilities(gpu, &capabilities);
         if (!capabilities.CanControl) return capabilities.Status == error ? "" : capabilities.Status;

@@ -101,10 +101,12 @@ std::string WattsText(double watts) {
     return watts < 0.0 ? kNotRead : WattsNumber(watts) + " W";
 }
 
+std::string RangeText(double minimumWatts, double maximumWatts) {
+    return minimumWatts < 0.0 ? kNotRead : WattsNumber(minimumWatts) + " to " + WattsText(maximumWatts);
+}
+
 std::string RangeText(const GpuPowerCapabilities& capabilities) {
-    // The driver gives both ends or none.
-    if (capabilities.MinimumWatts < 0.0) return kNotRead;
-    return WattsNumber(capabilities.MinimumWatts) + " to " + WattsText(capabilities.MaximumWatts);
+    return RangeText(capabilities.MinimumWatts, capabilities.MaximumWatts);
 }
 
 Details PowerDetails(const GpuPowerCapabilities& capabilities) {

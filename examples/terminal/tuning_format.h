@@ -27,6 +27,8 @@ std::string WattsNumber(double watts);
 
 std::string WattsText(double watts);
 
+/// The driver gives both ends or none.
+std::string RangeText(double minimumWatts, double maximumWatts);
 std::string RangeText(const GpuPowerCapabilities& capabilities);
 
 /// The limit in force, the default and the range.

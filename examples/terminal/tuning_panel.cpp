@@ -7,6 +7,7 @@
 #include <iterator>
 #include <utility>
 
+#include "change_text.h"
 #include "clock.h"
 #include "screen.h"
 #include "text_format.h"
@@ -21,7 +22,9 @@ constexpr double kKeepSeconds = 10.0;
 constexpr size_t kLongStep = 10;
 /// Graphics clocks that are listed on either side of the chosen one.
 constexpr int kNeighbours = 3;
-constexpr size_t kMaxTyped = 8;
+constexpr int kClockWidth = 18;
+constexpr size_t kMaxTyped = 10;
+constexpr double kRefreshSeconds = 0.5;
 
 template <typename Result>
 bool IsReady(const std::future<Result>& answer) {
@@ -54,29 +57,16 @@ size_t NearestPlace(const std::vector<int>& clocks, int wanted) {
     return static_cast<size_t>(nearest - clocks.begin());
 }
 
-std::string Capitalized(std::string text) {
-    text.front() = static_cast<char>(text.front() - 'a' + 'A');
-    return text;
-}
-
 }  // namespace
 
-TuningPanel::TuningPanel(MonitorFeed* feed, ChangeLedger* ledger, std::string gpuKey, std::string simulateOption)
-    : Feed(feed),
-      Ledger(ledger),
-      GpuKey(std::move(gpuKey)),
-      SimulateOption(std::move(simulateOption)),
-      Data(feed->Latest()),
-      Gpu(Data->Find(GpuKey)) {
+TuningPanel::TuningPanel(MonitorFeed* feed, std::shared_ptr<const FeedGpu> gpu, std::string simulateOption)
+    : Feed(feed), Gpu(std::move(gpu)), SimulateOption(std::move(simulateOption)) {
     Ask();
 }
 
-bool TuningPanel::IsWaiting() const {
-    return Now == Stage::Asking || Now == Stage::Applying || Now == Stage::Keeping || Now == Stage::Reverting;
-}
-
 void TuningPanel::Ask() {
-    CapabilityAnswer = Feed->QueryTuning(GpuKey);
+    CapabilityAnswer = Feed->QueryTuning(Gpu->Key);
+    AskedAt = NowSeconds();
     Now = Stage::Asking;
 }
 
@@ -95,7 +85,7 @@ void TuningPanel::OnKey(int key) {
             break;
         // A change that is being made has to come to its end.
         case Stage::Applying:
-        case Stage::Reverting:
+        case Stage::TakingBack:
         case Stage::Closed: break;
     }
 }
@@ -106,10 +96,8 @@ void TuningPanel::OnMenuKey(int key) {
         if (key == 'c') BeginClocks();
         if (key == 'r') Confirm({Kind::ResetClocks});
     }
-    if (CanSetPower()) {
-        if (key == 'p') BeginPower();
-        if (key == 'd') Confirm({Kind::ResetPower});
-    }
+    if (key == 'p' && CanSetPower()) BeginPower();
+    if (key == 'd' && CanSetDefault()) Confirm({Kind::ResetPower});
 }
 
 void TuningPanel::BeginClocks() {
@@ -152,22 +140,32 @@ double TuningPanel::ChosenWatts() const {
 
 void TuningPanel::OnPowerKey(int key) {
     const GpuPowerCapabilities& power = Capabilities.Power;
-    const bool bDigit = (key >= '0' && key <= '9') || key == '.';
+    const bool bPoint = key == '.' && Typed.find('.') == std::string::npos;
+    const bool bTyped = (key >= '0' && key <= '9') || bPoint;
     if (key == EscapeKey) Now = Stage::Menu;
-    if (bDigit && Typed.size() < kMaxTyped) Typed += static_cast<char>(key);
+    if (bTyped && Typed.size() < kMaxTyped) Typed += static_cast<char>(key);
     if (key == BackspaceKey && !Typed.empty()) Typed.pop_back();
-    const int sideways = (key == RightKey ? UpKey : key == LeftKey ? DownKey : key);
-    if (const std::ptrdiff_t step = StepOf(sideways); step != 0) {
-        const double next = std::round(ChosenWatts()) + static_cast<double>(step);
-        Watts = std::clamp(next, power.MinimumWatts, power.MaximumWatts);
+    const int upOrDown = key == RightKey ? UpKey : key == LeftKey ? DownKey : key;
+    if (const std::ptrdiff_t step = StepOf(upOrDown); step != 0) {
+        const double whole = step > 0 ? std::floor(ChosenWatts()) : std::ceil(ChosenWatts());
+        Watts = std::clamp(whole + static_cast<double>(step), power.MinimumWatts, power.MaximumWatts);
         Typed.clear();
     }
     Problem.clear();
-    if (key != EnterKey) return;
-    if (IsInRange(ChosenWatts(), power)) {
-        Confirm({Kind::SetPower, {}, ChosenWatts()});
-    } else {
+    if (key == EnterKey) ChoosePower();
+}
+
+void TuningPanel::ChoosePower() {
+    const GpuPowerCapabilities& power = Capabilities.Power;
+    const double watts = ChosenWatts();
+    if (!IsInRange(watts, power)) {
         Problem = "This GPU takes " + RangeText(power) + '.';
+    } else if (IsSameLimit(watts, power.CurrentWatts)) {
+        Problem = "This limit is in force already.";
+    } else if (IsSameLimit(watts, power.DefaultWatts)) {
+        Confirm({Kind::ResetPower});
+    } else {
+        Confirm({Kind::SetPower, {}, watts});
     }
 }
 
@@ -177,112 +175,151 @@ void TuningPanel::OnConfirmKey(int key) {
 }
 
 void TuningPanel::OnKeepKey(int key) {
-    if (key == 'y') Ask();
-    if (key == 'n' || key == EscapeKey) Revert();
+    if (key == 'y') {
+        Feed->Keep(Gpu->Key, Wanted.Control());
+        Ask();
+    }
+    if (key == 'n' || key == EscapeKey) {
+        Answer = Feed->TakeBack(Gpu->Key, Wanted.Control());
+        Now = Stage::TakingBack;
+    }
 }
 
 // ---- Changes ----
 
-TuningChange TuningPanel::Original(const TuningChange& change) const {
-    if (ControlOf(change) == TuningControl::Clocks) return {Kind::ResetClocks};
-    return PowerUndo(Capabilities.Power).value_or(TuningChange{Kind::ResetPower});
-}
-
 void TuningPanel::Confirm(const TuningChange& change) {
     Wanted = change;
-    Undo = Ledger->UndoOf(GpuKey, change, Original(change));
     Now = Stage::Confirming;
 }
 
 void TuningPanel::Apply() {
-    Ledger->Note(*Gpu, Wanted, Original(Wanted));
-    Answer = Request(Feed, GpuKey, Wanted);
+    Answer = Feed->Tune(Gpu->Key, Wanted, kKeepSeconds);
     Now = Stage::Applying;
 }
 
 void TuningPanel::OnTime() {
-    if (Now == Stage::Asking && IsReady(CapabilityAnswer)) {
+    RefreshCapabilities();
+    if (Now == Stage::Applying && IsReady(Answer)) TakeResult(Answer.get());
+    if (Now == Stage::TakingBack && IsReady(Answer)) TellTakenBack(Answer.get());
+    if (Now == Stage::Keeping) WatchDeadline();
+}
+
+void TuningPanel::RefreshCapabilities() {
+    if (CapabilityAnswer.valid() && IsReady(CapabilityAnswer)) {
         Capabilities = CapabilityAnswer.get();
-        Now = Stage::Menu;
-    } else if (Now == Stage::Applying && IsReady(Answer)) {
-        TakeResult(Answer.get());
-    } else if (Now == Stage::Reverting && IsReady(Answer)) {
-        TakeRevertResult(Answer.get());
-    } else if (Now == Stage::Keeping && NowSeconds() >= Deadline) {
-        Revert();
+        bReadBack = Now == Stage::Keeping;
+        if (Now == Stage::Asking) Now = Stage::Menu;
+    }
+    // Not while one of the lists of the last answer is chosen from.
+    const bool bShown = Now == Stage::Menu || Now == Stage::Confirming || Now == Stage::Keeping;
+    if (bShown && !CapabilityAnswer.valid() && NowSeconds() >= AskedAt + kRefreshSeconds) {
+        CapabilityAnswer = Feed->QueryTuning(Gpu->Key);
+        AskedAt = NowSeconds();
     }
 }
 
 void TuningPanel::TakeResult(const TuningResult& result) {
     if (result.Result != GpuClockOperationResult::Success) {
-        Ledger->Note(*Gpu, Undo, Original(Undo));
-        DialogLines lines = {{"It was not changed:"}, {result.Error, Style::Alarm}};
+        DialogLines lines = {{"The driver did not do it:"}, {result.Error, Style::Alarm}};
         if (result.Result == GpuClockOperationResult::NoPermission) lines.push_back({kRightsAdvice});
         Tell(lines);
-    } else if (CanUndo()) {
-        Deadline = NowSeconds() + kKeepSeconds;
-        Now = Stage::Keeping;
-    } else {
-        Tell({{"Done."}});
+        return;
     }
+    const std::shared_ptr<const FeedData> data = Feed->Latest();
+    const TuningRecord* record = data->FindTuning(Gpu->Key, Wanted.Control());
+    if (record == nullptr || record->Deadline == 0.0) {
+        Tell({{"Done: " + OutcomeText(Wanted) + '.'}});
+        return;
+    }
+    // An answer that is under way may be older than the change.
+    CapabilityAnswer = Feed->QueryTuning(Gpu->Key);
+    bReadBack = false;
+    Now = Stage::Keeping;
 }
 
-void TuningPanel::Revert() {
-    Answer = Request(Feed, GpuKey, Undo);
-    Now = Stage::Reverting;
+/// The feed takes the change back by itself.
+void TuningPanel::WatchDeadline() {
+    const std::shared_ptr<const FeedData> data = Feed->Latest();
+    const TuningRecord* record = data->FindTuning(Gpu->Key, Wanted.Control());
+    if (record == nullptr || record->Deadline != 0.0) return;
+    const bool bFailed = !record->Problem.empty();
+    TellTakenBack({bFailed ? GpuClockOperationResult::Error : GpuClockOperationResult::Success, record->Problem});
 }
 
-void TuningPanel::TakeRevertResult(const TuningResult& result) {
-    if (result.Result == GpuClockOperationResult::Success) {
-        Ledger->Note(*Gpu, Undo, Original(Undo));
-        Tell({{"Taken back: " + ActionText(Undo) + '.'}});
-    } else {
-        Tell({{"It could not be taken back:"},
-              {result.Error, Style::Alarm},
-              {"To try again: " + CommandOf(Undo, Gpu->Device.Index, SimulateOption)}});
+void TuningPanel::TellTakenBack(const TuningResult& result) {
+    const std::shared_ptr<const FeedData> data = Feed->Latest();
+    const TuningRecord* record = data->FindTuning(Gpu->Key, Wanted.Control());
+    if (record == nullptr || result.Result == GpuClockOperationResult::Success) {
+        Tell({{"It went back" + (record == nullptr ? "." : " to: " + OutcomeText(record->InForce) + '.')}});
+        return;
     }
+    Tell({{"It could not go back:"},
+          {result.Error, Style::Alarm},
+          {"To try again: " + CommandOf(record->Previous, Gpu->Device.Index, SimulateOption)}});
 }
 
 void TuningPanel::Tell(DialogLines lines) {
-    lines.push_back({""});
-    lines.push_back({"Any key goes on", Style::Dim});
     Message = std::move(lines);
     Now = Stage::Told;
+}
+
+const TuningRecord* TuningPanel::Record(const FeedData& data, TuningControl control) const {
+    const TuningRecord* record = data.FindTuning(Gpu->Key, control);
+    return record == nullptr || !record->IsOutstanding() ? nullptr : record;
+}
+
+std::string TuningPanel::WayBack(const FeedData& data) const {
+    if (Wanted.Control() == TuningControl::Power) {
+        const std::optional<TuningChange> undo = PowerUndo(Capabilities.Power);
+        return undo ? OutcomeText(*undo) : "";
+    }
+    if (const TuningRecord* record = Record(data, TuningControl::Clocks)) return OutcomeText(record->InForce);
+    return Wanted.What == Kind::ResetClocks ? "" : OutcomeText({Kind::ResetClocks});
 }
 
 // ---- What is shown ----
 
 void TuningPanel::Draw(Canvas* canvas) const {
-    DrawDialog(canvas, "Tune " + GpuTitle(Gpu->Device), Lines());
+    Dialog dialog = Content();
+    dialog.Title = "Tune " + GpuTitle(Gpu->Device);
+    DrawDialog(canvas, dialog);
 }
 
-DialogLines TuningPanel::Lines() const {
+Dialog TuningPanel::Content() const {
     switch (Now) {
-        case Stage::Asking: return WaitLines("Asking what can be changed");
-        case Stage::Menu: return MenuLines();
-        case Stage::ChoosingClocks: return ClockLines();
-        case Stage::ChoosingPower: return PowerLines();
-        case Stage::Confirming: return ConfirmLines();
-        case Stage::Applying: return WaitLines("Changing");
-        case Stage::Keeping: return KeepLines();
-        case Stage::Reverting: return WaitLines("Taking it back");
-        case Stage::Told: return Message;
+        case Stage::Asking: return WaitDialog("Asking what can be changed");
+        case Stage::Menu: return MenuDialog();
+        case Stage::ChoosingClocks: return ClockDialog();
+        case Stage::ChoosingPower: return PowerDialog();
+        case Stage::Confirming: return ConfirmDialog();
+        case Stage::Applying: return WaitDialog("Changing");
+        case Stage::Keeping: return KeepDialog();
+        case Stage::TakingBack: return WaitDialog("Going back");
+        case Stage::Told: return {"", Message, "Any key goes on"};
         case Stage::Closed: break;
     }
     return {};
 }
 
-DialogLines TuningPanel::WaitLines(const std::string& what) const {
+Dialog TuningPanel::WaitDialog(const std::string& what) const {
     const double wait = Feed->DriverWait();
-    const std::string text = what + " ...";
-    if (wait < 1.0) return {{text}};
-    return {{text}, {"The driver has not answered for " + Number(wait, 0) + " s. Ctrl-C leaves.", Style::Warning}};
+    Dialog dialog = {"", {{what + " ..."}}, Now == Stage::Asking ? "Esc closes" : "Ctrl-C leaves"};
+    if (wait >= 1.0) {
+        dialog.Lines.push_back({"The driver has not answered for " + Number(wait, 0) + " s.", Style::Warning});
+    }
+    return dialog;
 }
 
-DialogLines TuningPanel::MenuLines() const {
+Dialog TuningPanel::MenuDialog() const {
     const GpuClockCapabilities& clocks = Capabilities.Clocks;
     const GpuPowerCapabilities& power = Capabilities.Power;
+    const std::shared_ptr<const FeedData> data = Feed->Latest();
     DialogLines lines = {{"Clocks", Style::Title}, {clocks.Status}};
+    const auto addChanged = [&](TuningControl control) {
+        const TuningRecord* record = Record(*data, control);
+        if (record != nullptr) lines.push_back({"Changed here: " + OutcomeText(record->InForce), Style::Warning});
+    };
+    addChanged(TuningControl::Clocks);
     if (clocks.CanControl) {
         lines.push_back({"Running " + ClocksText(clocks.CurrentGraphicsClockMHz, clocks.CurrentMemoryClockMHz)});
         lines.push_back({"c  lock to a pair      r  release", Style::Strong});
@@ -290,17 +327,17 @@ DialogLines TuningPanel::MenuLines() const {
     lines.push_back({""});
     lines.push_back({"Power limit", Style::Title});
     lines.push_back({power.Status});
+    addChanged(TuningControl::Power);
     if (CanSetPower()) {
         lines.push_back({"In force " + WattsText(power.CurrentWatts) + ", default " + WattsText(power.DefaultWatts) +
                          ", range " + RangeText(power)});
-        lines.push_back({"p  set a limit         d  set the default", Style::Strong});
+        lines.push_back(
+            {CanSetDefault() ? "p  set a limit         d  set the default" : "p  set a limit", Style::Strong});
     }
-    lines.push_back({""});
-    lines.push_back({"Esc closes", Style::Dim});
-    return lines;
+    return {"", lines, "Esc closes"};
 }
 
-DialogLines TuningPanel::ClockLines() const {
+Dialog TuningPanel::ClockDialog() const {
     const auto group = std::next(Groups.begin(), static_cast<std::ptrdiff_t>(MemoryPlace));
     DialogLines lines = {
         {"Memory    " + std::to_string(group->first) + " MHz (" + std::to_string(Groups.size() - MemoryPlace) + " of " +
@@ -312,50 +349,52 @@ DialogLines TuningPanel::ClockLines() const {
         const std::ptrdiff_t place = static_cast<std::ptrdiff_t>(GraphicsPlace) + offset;
         const bool bListed = place >= 0 && place < static_cast<std::ptrdiff_t>(clocks.size());
         const std::string clock = bListed ? std::to_string(clocks[static_cast<size_t>(place)]) + " MHz" : "";
-        lines.push_back({Right(clock, 18), offset == 0 ? Style::Selected : Style::Normal});
+        lines.push_back({Right(clock, kClockWidth), offset == 0 ? Style::Selected : Style::Normal});
     }
-    lines.push_back({""});
-    lines.push_back({"Up Down PgUp PgDn graphics   Left Right memory   Enter choose   Esc back", Style::Dim});
-    return lines;
+    return {"", lines, "Up Down graphics   Left Right memory   Enter chooses   Esc back"};
 }
 
-DialogLines TuningPanel::PowerLines() const {
+Dialog TuningPanel::PowerDialog() const {
     const GpuPowerCapabilities& power = Capabilities.Power;
-    const PowerLevels levels = {ChosenWatts(), ChosenWatts(), power.DefaultWatts, power.MinimumWatts,
-                                power.MaximumWatts};
-    return {{"Limit  " + (Typed.empty() ? WattsNumber(Watts) : Typed + '_') + " W", Style::Strong},
-            {"", Style::Normal, levels},
-            {"Range " + RangeText(power) + ", default " + WattsText(power.DefaultWatts)},
-            {Problem, Style::Alarm},
-            {"Arrows 1 W   PgUp PgDn 10 W   digits type a limit   Enter choose   Esc back", Style::Dim}};
+    const double watts = ChosenWatts();
+    const PowerLevels levels = {watts, watts, power.DefaultWatts, power.MinimumWatts, power.MaximumWatts};
+    DialogLines lines = {{"Limit  " + (Typed.empty() ? WattsNumber(Watts) : Typed + '_') + " W", Style::Strong},
+                         {"", Style::Normal, levels},
+                         {"Range " + RangeText(power) + ", default " + WattsText(power.DefaultWatts)},
+                         {Problem, Style::Alarm}};
+    return {"", lines, "Arrows 1 W   PgUp PgDn 10 W   or type it   Enter chooses   Esc back"};
 }
 
-DialogLines TuningPanel::ConfirmLines() const {
+Dialog TuningPanel::ConfirmDialog() const {
+    const std::shared_ptr<const FeedData> data = Feed->Latest();
+    const std::string back = WayBack(*data);
     DialogLines lines = {
         {"This will " + ActionText(Wanted) + ", for every program that uses this GPU.", Style::Strong}};
-    if (CanUndo()) {
-        lines.push_back({"Then you are asked whether to keep it. Without an answer within 10 s it goes back: it will " +
-                         ActionText(Undo) + '.'});
+    if (back.empty()) {
+        lines.push_back({"There is no way back: what is in force now cannot be set again."});
+    } else {
+        lines.push_back(
+            {"Then you are asked whether to keep it. Without an answer within 10 s it goes back to: " + back + '.'});
     }
-    if (Undo.What == Kind::ResetClocks) {
+    if (Wanted.What == Kind::LockClocks) {
         lines.push_back({"A lock that another program has set cannot be brought back: NVML does not tell it."});
     }
-    lines.push_back({""});
-    lines.push_back({"Enter apply   Esc back", Style::Dim});
-    return lines;
+    return {"", lines, "Enter applies   Esc back"};
 }
 
-DialogLines TuningPanel::KeepLines() const {
-    const std::shared_ptr<const FeedData> latest = Feed->Latest();
-    const FeedGpu* gpu = latest->Find(GpuKey);
-    const GpuTelemetrySample now = gpu == nullptr ? GpuTelemetrySample() : gpu->Latest;
-    const std::string inForce = ControlOf(Wanted) == TuningControl::Clocks
-                                    ? "Running " + ClocksText(now.GraphicsClockMHz, now.MemoryClockMHz)
-                                    : "In force " + WattsText(now.PowerLimitWatts);
-    const double left = std::max(std::ceil(Deadline - NowSeconds()), 0.0);
-    return {{Capitalized(ActionText(Wanted)) + ": the driver took it."},
-            {inForce, Style::Strong},
-            {""},
-            {"Keep it?   y keep   n go back", Style::Strong},
-            {"Going back in " + Number(left, 0) + " s", Style::Warning}};
+Dialog TuningPanel::KeepDialog() const {
+    const std::shared_ptr<const FeedData> data = Feed->Latest();
+    const TuningRecord* record = data->FindTuning(Gpu->Key, Wanted.Control());
+    const GpuClockCapabilities& clocks = Capabilities.Clocks;
+    const std::string now = Wanted.Control() == TuningControl::Clocks
+                                ? "Running " + ClocksText(clocks.CurrentGraphicsClockMHz, clocks.CurrentMemoryClockMHz)
+                                : "In force " + WattsText(Capabilities.Power.CurrentWatts);
+    const double left = record == nullptr ? 0.0 : std::max(std::ceil(record->Deadline - NowSeconds()), 0.0);
+    return {"",
+            {{"The driver took it: " + OutcomeText(Wanted) + '.'},
+             {bReadBack ? now : "Reading it back ...", Style::Strong},
+             {""},
+             {"Keep it? It goes back in " + Number(left, 0) + " s.", Style::Warning},
+             {"What is kept is asked about when you leave with q; Ctrl-C takes it back."}},
+            "y keep   n go back"};
 }

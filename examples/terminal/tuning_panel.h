@@ -4,31 +4,25 @@
 #include <cstddef>
 #include <future>
 #include <memory>
-#include <optional>
 #include <string>
-#include <vector>
 
 #include "canvas.h"
 #include "dialog.h"
 #include "monitor_feed.h"
 #include "readings.h"
-#include "tuning_change.h"
 
-/// The dialog that changes one GPU. A change that the user does not decide to keep is taken back.
+/// The dialog that changes one GPU. A change that the user does not decide to keep goes back.
 class TuningPanel {
 public:
     /// `simulateOption`: for the commands that the user is told.
-    TuningPanel(MonitorFeed* feed, ChangeLedger* ledger, std::string gpuKey, std::string simulateOption);
+    TuningPanel(MonitorFeed* feed, std::shared_ptr<const FeedGpu> gpu, std::string simulateOption);
 
     void OnKey(int key);
 
-    /// To be called often: takes answers of the driver, and a change back that is not kept in time.
+    /// To be called often: takes what the feed has answered.
     void OnTime();
 
     bool IsClosed() const { return Now == Stage::Closed; }
-
-    /// Whether the dialog waits for something that is no key.
-    bool IsWaiting() const;
 
     void Draw(Canvas* canvas) const;
 
@@ -41,13 +35,14 @@ private:
         Confirming,
         Applying,
         Keeping,
-        Reverting,
+        TakingBack,
         /// Something is told that the user has to see.
         Told,
         Closed,
     };
 
     void Ask();
+    void RefreshCapabilities();
     void OnMenuKey(int key);
     void OnClockKey(int key);
     void OnPowerKey(int key);
@@ -56,45 +51,45 @@ private:
 
     void BeginClocks();
     void BeginPower();
+    void ChoosePower();
     void Confirm(const TuningChange& change);
     void Apply();
     void TakeResult(const TuningResult& result);
-    void Revert();
-    void TakeRevertResult(const TuningResult& result);
+    void WatchDeadline();
+    void TellTakenBack(const TuningResult& result);
     void Tell(DialogLines lines);
 
-    /// What was in force before this program changed anything; for a lock that is not known.
-    TuningChange Original(const TuningChange& change) const;
-    /// Whether there is a way back.
-    bool CanUndo() const { return !(Undo == Wanted); }
     GpuClockPair ChosenPair() const;
     double ChosenWatts() const;
     bool CanSetPower() const { return Capabilities.Power.State == GpuCapabilityState::Supported; }
+    bool CanSetDefault() const { return CanSetPower() && Capabilities.Power.DefaultWatts > 0.0; }
+    /// What the program has set and not taken back; null when there is none.
+    const TuningRecord* Record(const FeedData& data, TuningControl control) const;
+    /// What a change goes back to, as far as can be told now; empty when there is no way back.
+    std::string WayBack(const FeedData& data) const;
 
-    DialogLines Lines() const;
-    DialogLines MenuLines() const;
-    DialogLines ClockLines() const;
-    DialogLines PowerLines() const;
-    DialogLines ConfirmLines() const;
-    DialogLines KeepLines() const;
-    DialogLines WaitLines(const std::string& what) const;
+    Dialog Content() const;
+    Dialog MenuDialog() const;
+    Dialog ClockDialog() const;
+    Dialog PowerDialog() const;
+    Dialog ConfirmDialog() const;
+    Dialog KeepDialog() const;
+    Dialog WaitDialog(const std::string& what) const;
 
     MonitorFeed* const Feed;
-    ChangeLedger* const Ledger;
-    const std::string GpuKey;
-    const std::string SimulateOption;
     /// As it was when the dialog was opened.
-    std::shared_ptr<const FeedData> Data;
-    const FeedGpu* Gpu;
+    const std::shared_ptr<const FeedGpu> Gpu;
+    const std::string SimulateOption;
 
     Stage Now = Stage::Asking;
+    /// What the driver tells is asked for again and again: other programs tune too.
     std::future<TuningCapabilities> CapabilityAnswer;
     TuningCapabilities Capabilities;
+    double AskedAt = 0.0;
     std::future<TuningResult> Answer;
     TuningChange Wanted{TuningChange::Kind::ResetClocks};
-    TuningChange Undo{TuningChange::Kind::ResetClocks};
-    /// When a change is taken back that the user does not answer for, in steady-clock seconds.
-    double Deadline = 0.0;
+    /// Whether `Capabilities` were told after `Wanted` was made.
+    bool bReadBack = false;
     DialogLines Message;
 
     ClockGroups Groups;

@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "change_text.h"
 #include "clock.h"
 #include "dialog.h"
 #include "failure.h"
@@ -34,7 +35,11 @@ constexpr int kQuickStartMs = 300;
 constexpr int kRedrawMs = 1500;
 constexpr int kQuickRedrawMs = 100;
 constexpr double kNoticeSeconds = 3.0;
-constexpr milliseconds kRestorePatience{3000};
+/// How long changes may take to go back when the program ends, at least; a cycle of the sampler can come first.
+constexpr double kTakeBackSeconds = 2.0;
+constexpr double kTakeBackPeriods = 2.0;
+/// NVML may take as long to start.
+constexpr double kLongestStartSeconds = 20.0;
 
 constexpr std::array<double, 7> kSpans = {60.0, 120.0, 300.0, 600.0, 1800.0, 3600.0, 0.0};
 constexpr std::array<milliseconds, 7> kIntervals = {milliseconds(100),  milliseconds(200),  milliseconds(500),
@@ -45,17 +50,12 @@ constexpr std::array<milliseconds, 7> kIntervals = {milliseconds(100),  millisec
 class Watch {
 public:
     Watch(const WatchOptions& options, int stopDescriptor)
-        : Options(options), StopDescriptor(stopDescriptor), Feed(options.Interval) {}
+        : Options(options), StopDescriptor(stopDescriptor), Interval(options.Interval), Feed(options.Interval) {}
 
     int Run() {
-        if (!Wait(kQuickStartMs)) return kExitSuccess;
-        RequireUsable();
-        try {
-            return ShowOnScreen() ? Restore() : TellKept();
-        } catch (...) {
-            Restore();
-            throw;
-        }
+        if (!Feed.WaitForNews(kQuickStartMs, StopDescriptor)) return kExitSuccess;
+        LiveFeed::RequireUsable(*Feed->Latest(), Options.Gpu);
+        return ShowOnScreen() ? TakeAllBack() : TellKept();
     }
 
 private:
@@ -64,42 +64,46 @@ private:
         Screen screen;
         do {
             Feed.TakeNews();
-            RequireUsable();
+            const std::shared_ptr<const FeedData> data = Feed->Latest();
+            LiveFeed::RequireUsable(*data, Options.Gpu);
+            if (Choice.Gpu.empty()) SelectFirst(*data);
             if (Panel) Panel->OnTime();
-            Draw(&screen);
-            if (!Wait(IsImpatient() ? kQuickRedrawMs : kRedrawMs)) return true;
+            screen.AllowSuspending(!IsChangePending(*data));
+            Draw(*data, &screen);
+            if (!Wait(*data)) return true;
             for (int key = screen.ReadKey(); key != NoKey && !bLeft; key = screen.ReadKey()) OnKey(key);
         } while (!bLeft);
-        return bRestoreWanted;
+        return bTakeBackWanted;
     }
 
     /// Waits for a key or news, but not for long. False: a stop signal came, or the terminal has gone.
-    bool Wait(int timeoutMs) const {
+    bool Wait(const FeedData& data) const {
+        const bool bImpatient = Panel != nullptr || data.State == FeedState::Starting;
         pollfd descriptors[] = {{StopDescriptor, POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}, {Feed.Descriptor(), POLLIN, 0}};
-        if (poll(descriptors, 3, timeoutMs) <= 0) return true;
+        if (poll(descriptors, 3, bImpatient ? kQuickRedrawMs : kRedrawMs) <= 0) return true;
         const bool bTerminalGone = (descriptors[1].revents & (POLLHUP | POLLERR)) != 0;
         return descriptors[0].revents == 0 && !bTerminalGone;
     }
 
-    bool IsImpatient() { return (Panel && Panel->IsWaiting()) || Feed->Latest()->State == FeedState::Starting; }
+    /// Whether a change would go back by itself: not while the program is stopped.
+    static bool IsChangePending(const FeedData& data) {
+        return std::any_of(data.Tuning.begin(), data.Tuning.end(),
+                           [](const TuningRecord& record) { return record.Deadline != 0.0; });
+    }
 
-    /// Throws `Failure` when it is known that there is nothing to show.
-    void RequireUsable() {
-        if (bUsable || Feed->Latest()->State == FeedState::Starting) return;
-        Feed.RequireUsable(Options.Gpu);
-        bUsable = true;
-        for (const auto& gpu : Feed->Latest()->Gpus) {
+    void SelectFirst(const FeedData& data) {
+        for (const auto& gpu : data.Gpus) {
             if (Choice.Gpu.empty() || gpu->Device.Index == Options.Gpu) Choice.Gpu = gpu->Key;
         }
     }
 
-    void Draw(Screen* screen) {
+    void Draw(const FeedData& data, Screen* screen) {
         if (NowSeconds() >= NoticeUntil) Choice.Notice.clear();
         Canvas canvas = screen->Blank();
-        DrawView(&canvas, *Feed->Latest(), Feed.operator->(), Choice);
+        DrawView(&canvas, data, *Feed.Get(), Choice);
         if (Panel) Panel->Draw(&canvas);
         if (bHelp) DrawHelp(&canvas);
-        if (bLeaving) DrawLeaving(&canvas);
+        if (bLeaving) DrawLeaving(data, &canvas);
         screen->Show(canvas);
     }
 
@@ -133,8 +137,8 @@ private:
             case '+':
             case '=': Zoom(-1); break;
             case ' ': PauseOrResume(); break;
-            case 'i': ChangeInterval(1); break;
-            case 'I': ChangeInterval(-1); break;
+            case 'i': LongerInterval(); break;
+            case 'I': ShorterInterval(); break;
             case 's': SortDifferently(); break;
             case 't': OpenPanel(); break;
             default: break;
@@ -147,7 +151,7 @@ private:
     }
 
     void SelectGpu(int step) {
-        const auto data = Feed->Latest();
+        const std::shared_ptr<const FeedData> data = Feed->Latest();
         const auto count = static_cast<std::ptrdiff_t>(data->Gpus.size());
         if (count == 0) return;
         const auto isSelected = [this](const auto& gpu) { return gpu->Key == Choice.Gpu; };
@@ -155,35 +159,38 @@ private:
         Choice.Gpu = data->Gpus[static_cast<size_t>((place + step + count) % count)]->Key;
     }
 
-    /// The entry of `list` that stands `step` behind `value`, or the one at the end.
-    template <typename List, typename Value>
-    static Value Neighbour(const List& list, const Value& value, std::ptrdiff_t step) {
-        const auto place = std::find(list.begin(), list.end(), value) - list.begin();
-        const auto last = static_cast<std::ptrdiff_t>(list.size()) - 1;
-        return list[static_cast<size_t>(std::clamp<std::ptrdiff_t>(place + step, 0, last))];
-    }
-
     void Zoom(int step) {
-        Choice.Seconds = Neighbour(kSpans, Choice.Seconds, step);
-        Tell("Time axis: " + SpanText(Choice.Seconds));
+        const std::ptrdiff_t place = std::find(kSpans.begin(), kSpans.end(), Choice.Seconds) - kSpans.begin() + step;
+        const auto last = static_cast<std::ptrdiff_t>(kSpans.size()) - 1;
+        Choice.Seconds = kSpans[static_cast<size_t>(std::clamp<std::ptrdiff_t>(place, 0, last))];
+        Tell("Plots: " + SpanText(Choice.Seconds));
     }
 
     void PauseOrResume() {
-        if (Feed->Latest()->State == FeedState::Paused) {
+        bPaused = !bPaused;
+        if (bPaused) {
+            Feed->Pause();
+            Tell("Pause; space resumes");
+        } else {
             Feed->Resume();
             Tell("Sampling goes on");
-        } else {
-            Feed->Pause();
-            Tell("Sampling is paused; space resumes");
         }
     }
 
-    void ChangeInterval(int step) {
-        // An interval from the command line need not be one of these.
-        const auto* const present = std::lower_bound(kIntervals.begin(), kIntervals.end(), Options.Interval);
-        Options.Interval = Neighbour(kIntervals, present == kIntervals.end() ? kIntervals.back() : *present, step);
-        Feed->SetInterval(Options.Interval);
-        Tell("Interval: " + IntervalText(Options.Interval));
+    void LongerInterval() {
+        const auto* const longer = std::upper_bound(kIntervals.begin(), kIntervals.end(), Interval);
+        SetInterval(longer == kIntervals.end() ? kIntervals.back() : *longer);
+    }
+
+    void ShorterInterval() {
+        const auto* const notShorter = std::lower_bound(kIntervals.begin(), kIntervals.end(), Interval);
+        SetInterval(notShorter == kIntervals.begin() ? kIntervals.front() : *std::prev(notShorter));
+    }
+
+    void SetInterval(milliseconds interval) {
+        Interval = interval;
+        Feed->SetInterval(interval);
+        Tell("Interval: " + IntervalText(interval));
     }
 
     void SortDifferently() {
@@ -197,111 +204,132 @@ private:
     }
 
     void OpenPanel() {
-        if (Feed->Latest()->Find(Choice.Gpu) == nullptr) return;
-        Panel = std::make_unique<TuningPanel>(Feed.operator->(), &Ledger, Choice.Gpu, Options.SimulateOption);
+        const std::shared_ptr<const FeedGpu> gpu = Feed->Latest()->Find(Choice.Gpu);
+        if (gpu != nullptr) Panel = std::make_unique<TuningPanel>(Feed.Get(), gpu, Options.SimulateOption);
     }
 
     // ---- Leaving ----
 
+    /// What would outlast the program.
+    std::vector<TuningRecord> Outstanding() {
+        std::vector<TuningRecord> records = Feed->Latest()->Tuning;
+        const auto isDone = [](const TuningRecord& record) { return !record.IsOutstanding(); };
+        records.erase(std::remove_if(records.begin(), records.end(), isDone), records.end());
+        return records;
+    }
+
     void Leave() {
-        bLeaving = !Ledger.Entries().empty();
+        bLeaving = !Outstanding().empty();
         bLeft = !bLeaving;
     }
 
     void OnLeavingKey(int key) {
-        bRestoreWanted = key == 'r';
+        bTakeBackWanted = key == 'r';
         bLeft = key == 'r' || key == 'k';
         if (key == EscapeKey) bLeaving = false;
     }
 
-    void DrawLeaving(Canvas* canvas) const {
+    static void DrawLeaving(const FeedData& data, Canvas* canvas) {
         DialogLines lines = {{"These changes outlast the program:"}};
-        for (const auto& [place, entry] : Ledger.Entries()) {
-            lines.push_back({GpuInSentence(entry.Device) + ": " + ActionText(entry.InForce), Style::Strong});
+        for (const TuningRecord& record : data.Tuning) {
+            if (!record.IsOutstanding()) continue;
+            lines.push_back({GpuInSentence(record.Device) + ": " + OutcomeText(record.InForce), Style::Strong});
         }
-        lines.push_back({""});
-        lines.push_back({"r  take them back and leave", Style::Strong});
-        lines.push_back({"k  keep them and leave", Style::Strong});
-        lines.push_back({"Esc stays", Style::Dim});
-        DrawDialog(canvas, "Leave", lines);
+        DrawDialog(canvas, {"Leave", lines, "r take them back   k keep them   Esc stay"});
     }
 
-    /// Takes back what is changed, within a time, and tells about each. Result: the exit status.
-    int Restore() {
-        std::vector<std::pair<ChangeLedger::Entry, std::future<TuningResult>>> answers;
-        for (const auto& [place, entry] : Ledger.Entries()) {
-            answers.emplace_back(entry, Request(Feed.operator->(), place.first, entry.Before));
-        }
-        const auto deadline = std::chrono::steady_clock::now() + kRestorePatience;
-        int status = kExitSuccess;
-        for (auto& [entry, answer] : answers) {
-            if (!TellRestored(entry, &answer, deadline)) status = kExitFailure;
-        }
-        return status;
+    /// Takes back what is changed, unless that takes too long, and tells about each. Result: the exit status.
+    int TakeAllBack() {
+        // The panel may have asked for a change that is not told yet.
+        if (Outstanding().empty() && !Panel) return kExitSuccess;
+        // A second signal must not end this without a word.
+        ExpectFurtherStop(StopDescriptor);
+        std::future<std::vector<TuningResult>> answer = RequestTakeAllBack();
+        const bool bAnswered = WaitForAnswer(answer);
+        const std::vector<TuningResult> results = bAnswered ? answer.get() : std::vector<TuningResult>();
+        const std::vector<TuningRecord> left = Outstanding();
+        if (!bAnswered) Feed.LeaveDriverBehind();
+        for (const TuningRecord& record : left) TellNotTakenBack(record, bAnswered);
+        return left.empty() ? kExitSuccess : kExitFailure;
     }
 
-    bool TellRestored(const ChangeLedger::Entry& entry, std::future<TuningResult>* answer,
-                      std::chrono::steady_clock::time_point deadline) const {
-        const bool bAnswered = answer->wait_until(deadline) == std::future_status::ready;
-        const TuningResult result =
-            bAnswered ? answer->get() : TuningResult{GpuClockOperationResult::Error, "The driver does not answer."};
-        const std::string who = GpuInSentence(entry.Device);
-        if (result.Result == GpuClockOperationResult::Success) {
-            std::cerr << who << ": taken back: " << ActionText(entry.Before) << ".\n";
-            return true;
+    std::future<std::vector<TuningResult>> RequestTakeAllBack() {
+        for (const TuningRecord& record : Outstanding()) {
+            std::cerr << GpuInSentence(record.Device) << ": going back to: " << OutcomeText(record.Before) << " ...\n";
         }
-        std::cerr << who << ": not taken back: " << result.Error
-                  << "\nTo try again: " << CommandOf(entry.Before, entry.Device.Index, Options.SimulateOption) << '\n';
-        return false;
+        // Otherwise a cycle could come first.
+        Feed->Pause();
+        return Feed->TakeAllBack();
+    }
+
+    bool WaitForAnswer(const std::future<std::vector<TuningResult>>& answer) {
+        double period = 0.0;
+        for (const auto& gpu : Feed->Latest()->Gpus) period = std::max(period, gpu->PeriodSeconds);
+        const double deadline = NowSeconds() + std::max(kTakeBackSeconds, kTakeBackPeriods * period);
+        bool bStopped = false;
+        while (!bStopped && NowSeconds() < deadline) {
+            if (answer.wait_for(milliseconds(0)) == std::future_status::ready) return true;
+            bStopped = !Feed.WaitForNews(kQuickRedrawMs, StopDescriptor);
+            Feed.TakeNews();
+        }
+        return answer.wait_for(milliseconds(0)) == std::future_status::ready;
+    }
+
+    void TellNotTakenBack(const TuningRecord& record, bool bAnswered) const {
+        std::cerr << GpuInSentence(record.Device)
+                  << ": did not go back: " << (bAnswered ? record.Problem : "The driver has not answered.")
+                  << "\nTo try again: " << CommandOf(record.Before, record.Device.Index, Options.SimulateOption)
+                  << '\n';
     }
 
     /// Tells how what is kept can be undone.
-    int TellKept() const {
-        for (const auto& [place, entry] : Ledger.Entries()) {
-            std::cerr << GpuInSentence(entry.Device) << ": kept: " << ActionText(entry.InForce)
-                      << ". To undo it: " << CommandOf(entry.Before, entry.Device.Index, Options.SimulateOption)
+    int TellKept() {
+        for (const TuningRecord& record : Outstanding()) {
+            std::cerr << GpuInSentence(record.Device) << ": kept: " << OutcomeText(record.InForce)
+                      << "\nTo undo it: " << CommandOf(record.Before, record.Device.Index, Options.SimulateOption)
                       << '\n';
         }
         return kExitSuccess;
     }
 
-    WatchOptions Options;
+    const WatchOptions Options;
     const int StopDescriptor;
+    milliseconds Interval;
     LiveFeed Feed;
     ViewChoice Choice;
     double NoticeUntil = 0.0;
-    ChangeLedger Ledger;
     std::unique_ptr<TuningPanel> Panel;
-    bool bUsable = false;
+    /// As the user wants it; the feed follows.
+    bool bPaused = false;
     bool bHelp = false;
     /// Whether the user is being asked what becomes of the changes.
     bool bLeaving = false;
-    bool bRestoreWanted = false;
+    bool bTakeBackWanted = false;
     bool bLeft = false;
 };
 
-/// Waits until every wanted GPU has given a reading, or none for too long. Result: those GPUs.
-std::vector<GpuOnPage> FirstReadings(LiveFeed* feed, std::shared_ptr<const FeedData>* data,
-                                     std::optional<unsigned int> only) {
+/// Waits until every wanted GPU has given a reading, or none for too long. Result: those GPUs. Throws `Failure`.
+std::vector<GpuOnPage> FirstReadings(LiveFeed* feed, std::optional<unsigned int> only) {
     for (;;) {
-        *data = (*feed)->Latest();
+        const std::shared_ptr<const FeedData> data = (*feed)->Latest();
+        LiveFeed::RequireUsable(*data, only);
         std::vector<GpuOnPage> pages;
-        bool bComplete = true;
-        for (const auto& gpu : (*data)->Gpus) {
+        bool bComplete = data->State != FeedState::Starting;
+        for (const auto& gpu : data->Gpus) {
             if (only.value_or(gpu->Device.Index) != gpu->Device.Index) continue;
-            bComplete = bComplete && (*feed)->StateOf(*gpu) != GpuState::Starting;
-            pages.push_back(OnPage(*gpu, *feed->operator->()));
+            bComplete = bComplete && (*feed)->StateOf(*data, *gpu) != GpuState::Starting;
+            pages.push_back(OnPage(gpu, *data, *feed->Get()));
         }
         if (bComplete) return pages;
-        pollfd news = {feed->Descriptor(), POLLIN, 0};
-        poll(&news, 1, kQuickRedrawMs);
+        if ((*feed)->DriverWait() >= kLongestStartSeconds) throw Failure("The driver does not answer.");
+        feed->WaitForNews(kQuickRedrawMs, -1);
         feed->TakeNews();
     }
 }
 
 std::string PageText(const GpuOnPage& page, int width) {
     const int summary = SummaryHeight(width);
-    const int processes = 1 + static_cast<int>(page.Gpu.Processes.size());
+    const int processes = 1 + static_cast<int>(page.Gpu->Processes.size());
     Canvas canvas(width, summary + processes, LocaleIsUnicode());
     DrawSummary(&canvas, {0, 0, width, summary}, page);
     DrawProcesses(&canvas, {0, summary, width, processes}, page, ProcessOrder::Memory);
@@ -317,15 +345,13 @@ int RunWatch(const WatchOptions& options) {
 
 int PrintView(const WatchOptions& options) {
     LiveFeed feed(options.Interval);
-    feed.WaitForStart(options.Gpu, -1);
-    std::shared_ptr<const FeedData> data;
     int status = kExitSuccess;
     std::string text;
     const int width = std::max(static_cast<int>(OutputWidth()), kMinimumViewWidth);
-    for (const GpuOnPage& page : FirstReadings(&feed, &data, options.Gpu)) {
+    for (const GpuOnPage& page : FirstReadings(&feed, options.Gpu)) {
         text += (text.empty() ? "" : "\n") + PageText(page, width);
         if (!page.bSilent) continue;
-        std::cerr << GpuInSentence(page.Gpu.Device) << " gave no reading.\n";
+        std::cerr << GpuInSentence(page.Gpu->Device) << " gave no reading.\n";
         status = kExitFailure;
     }
     WriteOutput(text);

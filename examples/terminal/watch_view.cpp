@@ -4,6 +4,7 @@
 #include <utility>
 #include <vector>
 
+#include "clock.h"
 #include "dialog.h"
 #include "gpu_overview.h"
 #include "simulate.h"
@@ -11,7 +12,7 @@
 
 namespace {
 
-constexpr int kMinimumHeight = 12;
+constexpr int kMinimumHeight = 16;
 /// From here on, several GPUs are listed in a table.
 constexpr int kTableHeight = 40;
 /// Of the screen, for the table and for the processes.
@@ -26,8 +27,9 @@ Area TakeTop(Area* rest, int rows) {
 }
 
 Area TakeBottom(Area* rest, int rows) {
-    rest->Height -= std::min(rows, rest->Height);
-    return {rest->X, rest->Y + rest->Height, rest->Width, rows};
+    const int taken = std::min(rows, rest->Height);
+    rest->Height -= taken;
+    return {rest->X, rest->Y + rest->Height, rest->Width, taken};
 }
 
 struct KeyName {
@@ -35,13 +37,13 @@ struct KeyName {
     const char* Name;
 };
 
+constexpr const char* kGpuKey = "Tab";
 constexpr KeyName kFooterKeys[] = {{"q", "quit"},      {"?", "help"},     {"t", "tune"},
-                                   {"Tab", "GPU"},     {"1-5", "plots"},  {"+-", "zoom"},
+                                   {kGpuKey, "GPU"},   {"1-5", "plots"},  {"+-", "zoom"},
                                    {"space", "pause"}, {"i", "interval"}, {"s", "sort"}};
 
 void DrawFooter(Canvas* canvas, const Area& area, const FeedData& data, const ViewChoice& choice) {
-    const std::string settings = (IsSimulating() ? "simulated  " : "") + SpanText(choice.Seconds) + "  " +
-                                 (data.State == FeedState::Paused ? "paused" : IntervalText(data.Interval));
+    const std::string settings = (IsSimulating() ? "simulated  " : "") + SpanText(choice.Seconds);
     const int end = area.X + area.Width;
     canvas->PutRight(end, area.Y, settings, Style::Strong);
     const int room = end - ColumnsOf(settings) - 1;
@@ -52,8 +54,9 @@ void DrawFooter(Canvas* canvas, const Area& area, const FeedData& data, const Vi
     int x = area.X;
     for (const auto& [key, name] : kFooterKeys) {
         if (x + ColumnsOf(key) + 1 + ColumnsOf(name) > room) return;
+        if (key == kGpuKey && data.Gpus.size() < 2) continue;
         x = canvas->Put(x, area.Y, key, Style::Strong) + 1;
-        x = canvas->Put(x, area.Y, name, Style::Dim) + 1;
+        x = canvas->Put(x, area.Y, name, Style::Dim) + 2;
     }
 }
 
@@ -64,7 +67,7 @@ void DrawStarting(Canvas* canvas, const Area& area, double wait) {
 
 std::vector<GpuOnPage> PagesOf(const FeedData& data, const MonitorFeed& feed) {
     std::vector<GpuOnPage> pages;
-    for (const auto& gpu : data.Gpus) pages.push_back(OnPage(*gpu, feed));
+    for (const auto& gpu : data.Gpus) pages.push_back(OnPage(gpu, data, feed));
     return pages;
 }
 
@@ -79,15 +82,18 @@ void DrawOverview(Canvas* canvas, Area* rest, const std::vector<GpuOnPage>& page
     TakeTop(rest, 1);
 }
 
-void DrawPage(Canvas* canvas, Area rest, const GpuOnPage& page, const ViewChoice& choice) {
+void DrawPage(Canvas* canvas, Area rest, const GpuOnPage& page, const FeedData& data, const ViewChoice& choice) {
     DrawSummary(canvas, TakeTop(&rest, SummaryHeight(rest.Width)), page);
     DrawProcesses(canvas, TakeBottom(&rest, canvas->Height() / kProcessShare + 1), page, choice.Order);
-    DrawPlots(canvas, rest, page.Gpu, choice.Plots, choice.Seconds);
+    // A pause is for looking at the plots: they stand still.
+    const double until = data.State == FeedState::Paused ? data.PausedAt : NowSeconds();
+    const double interval = std::chrono::duration<double>(data.Interval).count();
+    DrawPlots(canvas, rest, *page.Gpu, {choice.Plots, until, choice.Seconds, interval});
 }
 
 }  // namespace
 
-void DrawView(Canvas* canvas, const FeedData& data, MonitorFeed* feed, const ViewChoice& choice) {
+void DrawView(Canvas* canvas, const FeedData& data, const MonitorFeed& feed, const ViewChoice& choice) {
     if (canvas->Width() < kMinimumViewWidth || canvas->Height() < kMinimumHeight) {
         canvas->Put(0, 0,
                     "Too small: this view needs " + std::to_string(kMinimumViewWidth) + " x " +
@@ -97,15 +103,15 @@ void DrawView(Canvas* canvas, const FeedData& data, MonitorFeed* feed, const Vie
     Area rest = canvas->Whole();
     DrawFooter(canvas, TakeBottom(&rest, 1), data, choice);
     if (data.Gpus.empty()) {
-        DrawStarting(canvas, rest, feed->DriverWait());
+        DrawStarting(canvas, rest, feed.DriverWait());
         return;
     }
-    const std::vector<GpuOnPage> pages = PagesOf(data, *feed);
-    const auto isSelected = [&choice](const GpuOnPage& page) { return page.Gpu.Key == choice.Gpu; };
+    const std::vector<GpuOnPage> pages = PagesOf(data, feed);
+    const auto isSelected = [&choice](const GpuOnPage& page) { return page.Gpu->Key == choice.Gpu; };
     const auto found = std::find_if(pages.begin(), pages.end(), isSelected);
     const auto selected = found == pages.end() ? pages.begin() : found;
     DrawOverview(canvas, &rest, pages, static_cast<size_t>(selected - pages.begin()));
-    DrawPage(canvas, rest, *selected, choice);
+    DrawPage(canvas, rest, *selected, data, choice);
 }
 
 void DrawHelp(Canvas* canvas) {
@@ -113,29 +119,27 @@ void DrawHelp(Canvas* canvas) {
     for (size_t i = 0; i < PlotNames().size(); ++i) {
         plots += (i == 0 ? "" : ", ") + std::to_string(i + 1) + ' ' + PlotNames()[i];
     }
-    DrawDialog(canvas, "Keys",
-               {{"Tab Left Right  another GPU"},
-                {"1 to 5          show or hide a plot: " + plots},
-                {"+ -             shorter or longer time axis, up to the whole history"},
-                {"space           pause or resume sampling"},
-                {"i I             longer or shorter interval"},
-                {"s               sort processes by memory, PID, user or name"},
-                {"t               tune: lock clocks, set the power limit"},
-                {"?               this help"},
-                {"q               leave"},
-                {""},
-                {"Gauge of power: shaded what the limit can be set to, marked the limit in force and the default."},
-                {"A dash is a value that the driver does not give. A gap in a plot is a time without it."},
-                {""},
-                {"Any key closes", Style::Dim}});
+    DrawDialog(canvas, {"Keys",
+                        {{"Tab Left Right  another GPU"},
+                         {"1 to 5          show or hide a plot: " + plots},
+                         {"+ -             shorter or longer time axis"},
+                         {"space           pause or resume sampling"},
+                         {"i I             longer or shorter interval"},
+                         {"s               sort processes"},
+                         {"t               tune: lock clocks, set the power limit"},
+                         {"q               leave; asks what becomes of changes"},
+                         {""},
+                         {"Power: shaded what the limit can be, marked limit and default. A dash: the driver gives no "
+                          "value. A gap in a plot: a time without."}},
+                        "Any key closes"});
 }
 
 std::string SpanText(double seconds) {
-    if (seconds <= 0.0) return "all";
-    return seconds < 3600.0 ? Number(seconds / 60.0, 0) + " min" : Number(seconds / 3600.0, 0) + " h";
+    if (seconds <= 0.0) return "whole history";
+    return "last " + (seconds < 3600.0 ? Number(seconds / 60.0, 0) + " min" : Number(seconds / 3600.0, 0) + " h");
 }
 
 std::string IntervalText(std::chrono::milliseconds interval) {
-    const double seconds = std::chrono::duration<double>(interval).count();
-    return seconds < 1.0 ? std::to_string(interval.count()) + " ms" : Number(seconds, 0) + " s";
+    const auto count = interval.count();
+    return count % 1000 == 0 ? std::to_string(count / 1000) + " s" : std::to_string(count) + " ms";
 }

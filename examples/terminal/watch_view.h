@@ -7,7 +7,7 @@
 
 #include "canvas.h"
 #include "gpu_page.h"
-#include "live_feed.h"
+#include "monitor_feed.h"
 
 /// In less, nothing fits any more.
 constexpr int kMinimumViewWidth = 60;
@@ -25,7 +25,7 @@ struct ViewChoice {
 };
 
 /// Draws the whole view.
-void DrawView(Canvas* canvas, const FeedData& data, MonitorFeed* feed, const ViewChoice& choice);
+void DrawView(Canvas* canvas, const FeedData& data, const MonitorFeed& feed, const ViewChoice& choice);
 
 void DrawHelp(Canvas* canvas);
 

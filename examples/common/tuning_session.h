@@ -1,0 +1,105 @@
+#ifndef EXAMPLES_TUNING_SESSION_H
+#define EXAMPLES_TUNING_SESSION_H
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "nvml_gpu_monitor.h"
+
+/// Which of a GPU's settings is changed.
+enum class TuningControl { Clocks, Power };
+
+/// A setting of a GPU, as it is asked of the driver.
+struct TuningChange {
+    enum class Kind { LockClocks, ResetClocks, SetPower, ResetPower };
+
+    Kind What;
+    /// Of a lock.
+    GpuClockPair Pair = {};
+    /// Of a power limit.
+    double Watts = 0.0;
+
+    TuningControl Control() const;
+    friend bool operator==(const TuningChange& a, const TuningChange& b);
+    friend bool operator!=(const TuningChange& a, const TuningChange& b) { return !(a == b); }
+};
+
+/// Whether both are the same limit for the driver, which knows milliwatts.
+bool IsSameLimit(double watts, double otherWatts);
+
+bool IsInRange(double watts, const GpuPowerCapabilities& capabilities);
+
+/// What brings the power limit back that is in force when `capabilities` are told; none when it cannot be set or is not
+/// known.
+std::optional<TuningChange> PowerUndo(const GpuPowerCapabilities& capabilities);
+
+/// Whether a lock has failed half-way, as its sentence tells: the graphics clock may be locked still, and an earlier
+/// lock is gone.
+bool HasFailedHalfWay(const std::string& error);
+
+struct TuningResult {
+    GpuClockOperationResult Result = GpuClockOperationResult::Error;
+    /// For the user; empty after success.
+    std::string Error;
+};
+
+/// A setting that the program has changed.
+struct TuningRecord {
+    std::string GpuKey;
+    GpuDeviceInfo Device;
+    /// What was in force before the program changed it, as far as that can be told: a lock that another program has set
+    /// cannot, and counts as none.
+    TuningChange Before;
+    /// What the program has set. After a failure whose outcome is not known, what it has asked for.
+    TuningChange InForce;
+    /// What `InForce` goes back to unless it is kept.
+    TuningChange Previous;
+    /// When it does so by itself, in steady-clock seconds; 0 when it does not, or has.
+    double Deadline = 0.0;
+    /// Why it could not go back, for the user; empty while it has not failed to.
+    std::string Problem = {};
+
+    /// Whether there is anything to take back.
+    bool IsOutstanding() const { return InForce != Before; }
+};
+
+/// Changes GPUs and knows how to take that back. Belongs to one thread.
+class TuningSession {
+public:
+    /// Makes a change, which goes back after `keepSeconds` if there is a way back.
+    TuningResult Make(NvmlGpuMonitor* monitor, const std::string& gpuKey, const GpuDeviceInfo& device,
+                      const TuningChange& change, double keepSeconds);
+
+    /// Lets a change stay that would go back.
+    void Keep(const std::string& gpuKey, TuningControl control);
+
+    /// Takes the latest change back.
+    TuningResult TakeBack(NvmlGpuMonitor* monitor, const std::string& gpuKey, TuningControl control);
+
+    /// Takes the changes back that nobody has kept until `now`.
+    void TakeBackOverdue(NvmlGpuMonitor* monitor, double now);
+
+    /// Takes everything back that is outstanding. Result: one for each of those records, in their order.
+    std::vector<TuningResult> TakeAllBack(NvmlGpuMonitor* monitor);
+
+    /// The moment of the next change to go back; none when none will.
+    std::optional<double> NextDeadline() const;
+
+    const std::vector<TuningRecord>& Records() const { return Changes; }
+
+private:
+    TuningRecord* Find(const std::string& gpuKey, TuningControl control);
+    /// The record of a change that is about to be made from `previous`.
+    TuningRecord* Note(const std::string& gpuKey, const GpuDeviceInfo& device, const TuningChange& change,
+                       const TuningChange& previous);
+    /// What is in force before a change; none when it could not be brought back.
+    std::optional<TuningChange> InForceNow(NvmlGpuMonitor* monitor, const std::string& gpuKey, unsigned int index,
+                                           const TuningChange& change);
+    static void NoteFailure(NvmlGpuMonitor* monitor, TuningRecord* record, TuningResult* result);
+    static TuningResult GoBack(NvmlGpuMonitor* monitor, const TuningChange& to, TuningRecord* record);
+
+    std::vector<TuningRecord> Changes;
+};
+
+#endif  // EXAMPLES_TUNING_SESSION_H
