@@ -186,7 +186,7 @@ public:
     }
 
     TuningResult Tune(NvmlGpuMonitor* monitor, const FeedGpu& gpu, const TuningChange& change, double keepSeconds) {
-        const TuningResult result = Session.Make(monitor, gpu.Key, gpu.Device, change, keepSeconds);
+        TuningResult result = Session.Make(monitor, gpu.Key, gpu.Device, change, keepSeconds);
         PublishTuning();
         return result;
     }
@@ -197,7 +197,7 @@ public:
     }
 
     TuningResult TakeBack(NvmlGpuMonitor* monitor, const std::string& gpuKey, TuningControl control) {
-        const TuningResult result = Session.TakeBack(monitor, gpuKey, control);
+        TuningResult result = Session.TakeBack(monitor, gpuKey, control);
         PublishTuning();
         return result;
     }

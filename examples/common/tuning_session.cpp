@@ -127,7 +127,7 @@ void TuningSession::Keep(const std::string& gpuKey, TuningControl control) {
 
 TuningResult TuningSession::GoBack(NvmlGpuMonitor* monitor, const TuningChange& to, TuningRecord* record) {
     record->Deadline = 0.0;
-    const TuningResult result = Ask(monitor, record->Device.Index, to);
+    TuningResult result = Ask(monitor, record->Device.Index, to);
     if (result.Result == GpuClockOperationResult::Success) record->InForce = to;
     record->Problem = result.Error;
     return result;

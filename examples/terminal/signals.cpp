@@ -17,6 +17,8 @@ namespace {
 // Read by the signal handlers, which may run on any thread; written before the handlers are installed.
 int StopPipeWriteEnd = -1;
 
+std::atomic<bool> bFurtherStop{false};
+
 /// Together with SIGHUP, which can be ignored.
 constexpr int kStopSignals[] = {SIGINT, SIGQUIT, SIGTERM};
 
@@ -49,24 +51,20 @@ void Catch(int signalNumber, void (*handler)(int)) {
     sigaction(signalNumber, &action, nullptr);
 }
 
-void TellStop() {
-    const int savedErrno = errno;
-    // The pipe can only be full when a stop has been asked for, so the result does not matter.
-    const ssize_t ignored = write(StopPipeWriteEnd, "", 1);
-    static_cast<void>(ignored);
-    errno = savedErrno;
-}
-
-/// Of every stop signal while something has to be brought to its end.
-extern "C" void NoteStop(int /*signalNumber*/) {
-    TellStop();
+/// Of stop signals while something has to be brought to its end.
+extern "C" void NoteFurtherStop(int /*signalNumber*/) {
+    bFurtherStop = true;
 }
 
 /// Of the first stop signal of each kind; the second one ends even a process that hangs.
 extern "C" void RequestStop(int signalNumber) {
-    // A shell and the kernel both tell when a terminal is closed: that is one signal.
-    Catch(signalNumber, signalNumber == SIGHUP ? NoteStop : Die);
-    TellStop();
+    const int savedErrno = errno;
+    // A shell and the kernel both tell when a terminal is closed: the second time means no more than the first.
+    Catch(signalNumber, signalNumber == SIGHUP ? SIG_IGN : Die);
+    // The pipe can only be full when a stop has been asked for, so the result does not matter.
+    const ssize_t ignored = write(StopPipeWriteEnd, "", 1);
+    static_cast<void>(ignored);
+    errno = savedErrno;
 }
 
 bool IsIgnored(int signalNumber) {
@@ -86,10 +84,12 @@ int CatchStopSignals() {
     return ends[0];
 }
 
-void ExpectFurtherStop(int descriptor) {
-    char earlier[64];
-    while (read(descriptor, earlier, sizeof earlier) > 0) continue;
-    for (const int signalNumber : kStopSignals) Catch(signalNumber, NoteStop);
+void ExpectFurtherStop() {
+    for (const int signalNumber : kStopSignals) Catch(signalNumber, NoteFurtherStop);
+}
+
+bool HasFurtherStopCome() {
+    return bFurtherStop;
 }
 
 void CallBeforeDeath(void (*restore)()) {

@@ -7,9 +7,10 @@
 /// Result: a descriptor that becomes, and stays, readable with the first signal. It lives as long as the process.
 int CatchStopSignals();
 
-/// From here on no stop signal kills any more: each only makes `descriptor`, that of `CatchStopSignals`, readable, from
-/// which earlier ones are taken now.
-void ExpectFurtherStop(int descriptor);
+/// From here on no stop signal kills any more: SIGINT, SIGQUIT and SIGTERM are noted, for `HasFurtherStopCome`.
+void ExpectFurtherStop();
+
+bool HasFurtherStopCome();
 
 /// Has `restore` called, which must be safe in a signal handler, when a signal is about to kill the process: the second
 /// stop signal, or one that the program cannot survive. Null: nothing is called any more.

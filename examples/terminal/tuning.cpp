@@ -52,6 +52,7 @@ public:
         // Not before: until then there is nothing that must not be cut short.
         StopDescriptor = CatchStopSignals();
         std::vector<OperationResult> results;
+        results.reserve(devices.size());
         for (const GpuDeviceInfo& device : devices) {
             results.push_back(ChangeAndTell(device));
         }

@@ -243,7 +243,7 @@ private:
         // The panel may have asked for a change that is not told yet.
         if (Outstanding().empty() && !Panel) return kExitSuccess;
         // A second signal must not end this without a word.
-        ExpectFurtherStop(StopDescriptor);
+        ExpectFurtherStop();
         std::future<std::vector<TuningResult>> answer = RequestTakeAllBack();
         const bool bAnswered = WaitForAnswer(answer);
         const std::vector<TuningResult> results = bAnswered ? answer.get() : std::vector<TuningResult>();
@@ -266,11 +266,8 @@ private:
         double period = 0.0;
         for (const auto& gpu : Feed->Latest()->Gpus) period = std::max(period, gpu->PeriodSeconds);
         const double deadline = NowSeconds() + std::max(kTakeBackSeconds, kTakeBackPeriods * period);
-        bool bStopped = false;
-        while (!bStopped && NowSeconds() < deadline) {
-            if (answer.wait_for(milliseconds(0)) == std::future_status::ready) return true;
-            bStopped = !Feed.WaitForNews(kQuickRedrawMs, StopDescriptor);
-            Feed.TakeNews();
+        while (!HasFurtherStopCome() && NowSeconds() < deadline) {
+            if (answer.wait_for(milliseconds(kQuickRedrawMs)) == std::future_status::ready) return true;
         }
         return answer.wait_for(milliseconds(0)) == std::future_status::ready;
     }
