@@ -260,7 +260,7 @@ Plot UtilizationPlot(const FeedGpu& /*gpu*/) {
 Plot PowerPlot(const FeedGpu& gpu) {
     const auto power = FieldValue<&Sample::PowerWatts>;
     const auto limit = FieldValue<&Sample::PowerLimitWatts>;
-    return {"Power", "W", {{limit, Style::Limit}, {power, Style::Bar}}, 0.0, Ceiling(gpu, {power, limit}, 20.0)};
+    return {"Power", "W", {{limit, Style::Limit}, {power, Style::Bar}}, 0.0, Ceiling(gpu, {power, limit}, 50.0)};
 }
 
 Plot TemperaturePlot(const FeedGpu& gpu) {
@@ -392,7 +392,9 @@ void DrawPlots(Canvas* canvas, const Area& area, const FeedGpu& gpu, const PlotV
         const int row = static_cast<int>(i) / grid->Columns;
         const int top = area.Height * row / grid->Rows;
         const int height = area.Height * (row + 1) / grid->Rows - top;
-        const Area place = {area.X + column * (width + kColumnGap), area.Y + top, width, height};
+        const int left = area.X + column * (width + kColumnGap);
+        const bool bLast = i + 1 == plots.size();
+        const Area place = {left, area.Y + top, bLast ? area.X + area.Width - left : width, height};
         DrawPlot(canvas, place, plots[i]->Make(gpu), gpu.Samples, span, std::max(gpu.PeriodSeconds, view.Interval));
     }
 }
