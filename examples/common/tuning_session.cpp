@@ -114,8 +114,8 @@ void TuningSession::NoteFailure(NvmlGpuMonitor* monitor, TuningRecord* record, T
     if (HasFailedHalfWay(result->Error)) {
         const bool bReleased = Ask(monitor, record->Device.Index, release).Result == GpuClockOperationResult::Success;
         if (bReleased) record->InForce = release;
-        result->Error += bReleased ? " Both locks of this GPU were released, an earlier one too."
-                                   : " Its graphics clock may still be locked.";
+        result->Error +=
+            std::string(" ") + (bReleased ? kBothLocksReleased : "Its graphics clock may still be locked.");
     } else if (result->Result != GpuClockOperationResult::Error) {
         record->InForce = record->Previous;
     }

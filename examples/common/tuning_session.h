@@ -34,6 +34,9 @@ bool IsInRange(double watts, const GpuPowerCapabilities& capabilities);
 /// known.
 std::optional<TuningChange> PowerUndo(const GpuPowerCapabilities& capabilities);
 
+/// What a user should know of a lock that failed half-way, once it is released.
+constexpr const char* kBothLocksReleased = "Both locks of this GPU were released, an earlier one too.";
+
 /// Whether a lock has failed half-way, as its sentence tells: the graphics clock may be locked still, and an earlier
 /// lock is gone.
 bool HasFailedHalfWay(const std::string& error);

@@ -5,9 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
-#include <functional>
 #include <optional>
-#include <tuple>
 #include <utility>
 
 #include "clock.h"

@@ -201,7 +201,7 @@ private:
     /// The monitor resets both locks when the second one fails, but does not tell whether that worked.
     std::string ReleaseAdvice(unsigned int gpu) {
         const bool bReleased = Monitor.RestoreDefaultClocks(gpu) == OperationResult::Success;
-        return bReleased ? "Both locks of this GPU were released, an earlier one too."
+        return bReleased ? kBothLocksReleased
                          : "Its graphics clock may still be locked. To release it: " +
                                Command({TuningChange::Kind::ResetClocks}, gpu);
     }
