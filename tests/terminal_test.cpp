@@ -231,7 +231,8 @@ TEST(TerminalTest, WrongUsageIsSaidAndEndsWithTwo) {
 TEST(TerminalTest, SimulatorRefusesEnvironmentVariablesThatMakeNoSense) {
     for (const std::string variable :
          {"NVML_SIM_BOARDS=0", "NVML_SIM_BOARDS=65", "NVML_SIM_BOARDS=desktop,", "NVML_SIM_DELAYS=slow",
-          "NVML_SIM_RIGHTS=root", "NVML_SIM_SEED=-1", "NVML_SIM_LOSE=1@5", "NVML_SIM_LOSE=0@", "NVML_SIM_LOSE=0", "NVML_SIM_HANG=1@0"}) {
+          "NVML_SIM_RIGHTS=root", "NVML_SIM_SEED=-1", "NVML_SIM_LOSE=1@5", "NVML_SIM_LOSE=0@", "NVML_SIM_LOSE=0",
+          "NVML_SIM_HANG=1@0"}) {
         ExpectFailure(OnSimulator(variable, "list"), 1, variable + " makes no sense", variable);
     }
     EXPECT_EQ(OnSimulator("NVML_SIM_BOARDS=64 NVML_SIM_SEED=5 NVML_SIM_DELAYS=realistic", "list").Status, 0);

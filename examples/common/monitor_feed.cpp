@@ -186,7 +186,8 @@ public:
     }
 
     TuningResult Tune(NvmlGpuMonitor* monitor, const FeedGpu& gpu, const TuningChange& change, double keepSeconds) {
-        TuningResult result = Session.Make(monitor, gpu.Key, gpu.Device, change, keepSeconds);
+        TuningResult result =
+            Session.Make(monitor, gpu.Key, gpu.Device, change, keepSeconds, [this] { PublishTuning(); });
         PublishTuning();
         return result;
     }
@@ -202,10 +203,10 @@ public:
         return result;
     }
 
-    std::vector<TuningResult> TakeAllBack(NvmlGpuMonitor* monitor) {
-        std::vector<TuningResult> results = Session.TakeAllBack(monitor);
+    TuningResult TakeAllBack(NvmlGpuMonitor* monitor) {
+        Session.TakeAllBack(monitor);
         PublishTuning();
-        return results;
+        return {GpuClockOperationResult::Success, ""};
     }
 
     // ---- On the interface's thread ----
@@ -512,10 +513,9 @@ std::future<TuningResult> MonitorFeed::TakeBack(const std::string& gpuKey, Tunin
     });
 }
 
-std::future<std::vector<TuningResult>> MonitorFeed::TakeAllBack() {
-    const auto failure = [](const std::string& sentence) { return std::vector<TuningResult>{ChangeFailure(sentence)}; };
-    return Work->Ask<std::vector<TuningResult>>(
-        +failure, [work = Work.get()](NvmlGpuMonitor* monitor) { return work->TakeAllBack(monitor); });
+std::future<TuningResult> MonitorFeed::TakeAllBack() {
+    return Work->Ask<TuningResult>(ChangeFailure,
+                                   [work = Work.get()](NvmlGpuMonitor* monitor) { return work->TakeAllBack(monitor); });
 }
 
 bool MonitorFeed::Stop(milliseconds patience) {

@@ -66,7 +66,7 @@ struct FeedData {
     double PausedAt = 0.0;
     /// In the order of NVML's indices; none is null.
     std::vector<std::shared_ptr<const FeedGpu>> Gpus;
-    /// What the program has changed, at most one of each setting of a GPU.
+    /// Of each setting of a GPU that the program has changed, or has tried to.
     std::vector<TuningRecord> Tuning;
 
     /// Null when there is none.
@@ -97,7 +97,8 @@ struct FeedOptions {
 /// feed overtakes, has a failure for its result, never an exception; one that the driver never answers has none.
 ///
 /// A change goes back by itself unless it is kept in time, also when the interface hangs: a frozen desktop, the reason
-/// for going back, cannot be asked. One that nobody has kept when the feed ends goes back too.
+/// for going back, cannot be asked. One that nobody has kept when the feed ends goes back too. What the driver refuses
+/// to take back stays, and `TuningRecord::Problem` tells.
 ///
 /// Threads: the interface's, all of it. What `Latest` gives may be handed on to any thread.
 class MonitorFeed {
@@ -138,8 +139,8 @@ public:
     /// Takes the latest change of a setting back.
     std::future<TuningResult> TakeBack(const std::string& gpuKey, TuningControl control);
 
-    /// Takes everything back. Result: one for each of `FeedData::Tuning` that was outstanding, in that order.
-    std::future<std::vector<TuningResult>> TakeAllBack();
+    /// Takes everything back. `FeedData::Tuning` tells what could not be; a failure says that it was not tried.
+    std::future<TuningResult> TakeAllBack();
 
     /// Shuts NVML down and ends the thread. Requests that have not begun by then fail.
     ///

@@ -4,28 +4,27 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <chrono>
+#include <filesystem>
 #include <fstream>
+#include <thread>
 #include <tuple>
+#include <utility>
 
 namespace {
 
 /// The kernel cuts longer names off.
 constexpr size_t kKernelNameLength = 15;
 constexpr size_t kUserBufferBytes = 16384;
-
-std::string FirstLine(const std::string& path, char end) {
-    std::ifstream file(path);
-    std::string line;
-    std::getline(file, line, end);
-    return line;
-}
+constexpr std::chrono::milliseconds kUsualLookUp(20);
 
 /// The name that the kernel gives or, where that is cut off, the file's name of which it is the beginning.
 std::string ProgramName(const std::string& folder) {
-    std::string name = FirstLine(folder + "/comm", '\n');
+    std::string name;
+    std::getline(std::ifstream(folder + "/comm"), name);
     if (name.size() < kKernelNameLength) return name;
-    std::string program = FirstLine(folder + "/cmdline", '\0');
-    program.erase(0, program.rfind('/') + 1);
+    std::error_code unreadable;
+    std::string program = std::filesystem::read_symlink(folder + "/exe", unreadable).filename().string();
     return program.compare(0, name.size(), name) == 0 ? program : name;
 }
 
@@ -55,7 +54,14 @@ std::vector<FeedProcess> ProcessNames::Describe(const std::vector<GpuProcessMemo
     return described;
 }
 
-const std::string& ProcessNames::UserName(unsigned int userId) {
-    const auto known = UserNames.find(userId);
-    return known != UserNames.end() ? known->second : UserNames.emplace(userId, NameOfUser(userId)).first->second;
+std::string ProcessNames::UserName(unsigned int userId) {
+    std::shared_future<std::string>& name = UserNames[userId];
+    if (!name.valid()) {
+        std::packaged_task<std::string()> lookUp([userId] { return NameOfUser(userId); });
+        name = lookUp.get_future().share();
+        std::thread(std::move(lookUp)).detach();
+        name.wait_for(kUsualLookUp);
+    }
+    const bool bKnown = name.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+    return bKnown ? name.get() : std::to_string(userId);
 }

@@ -2,6 +2,7 @@
 #define EXAMPLES_PROCESS_NAMES_H
 
 #include <cstdint>
+#include <future>
 #include <map>
 #include <string>
 #include <vector>
@@ -17,16 +18,17 @@ struct FeedProcess {
     std::string User;
 };
 
-/// Tells what the system knows of processes. Can wait for a directory service that knows the users.
+/// Tells what the system knows of processes.
 class ProcessNames {
 public:
     /// `processes`, largest first; with names if they are processes of this system.
     std::vector<FeedProcess> Describe(const std::vector<GpuProcessMemory>& processes, bool bOfThisSystem);
 
 private:
-    const std::string& UserName(unsigned int userId);
+    /// The number until the name is known: a directory service that is asked for it may not answer.
+    std::string UserName(unsigned int userId);
 
-    std::map<unsigned int, std::string> UserNames;
+    std::map<unsigned int, std::shared_future<std::string>> UserNames;
 };
 
 #endif  // EXAMPLES_PROCESS_NAMES_H

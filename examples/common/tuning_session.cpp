@@ -59,16 +59,22 @@ bool HasFailedHalfWay(const std::string& error) {
 }
 
 TuningResult TuningSession::Make(NvmlGpuMonitor* monitor, const std::string& gpuKey, const GpuDeviceInfo& device,
-                                 const TuningChange& change, double keepSeconds) {
+                                 const TuningChange& change, double keepSeconds, const std::function<void()>& onNoted) {
     const std::optional<TuningChange> previous = InForceNow(monitor, gpuKey, device.Index, change);
     if (!previous) return Ask(monitor, device.Index, change);
-    // Before it is made: from then on it can be in force.
-    TuningRecord* record = Note(gpuKey, device, change, *previous);
+    TuningRecord* record = Find(gpuKey, change.Control());
+    if (record == nullptr)
+        record = &Changes.emplace_back(TuningRecord{gpuKey, device, *previous, *previous, *previous});
+    const TuningRecord before = *record;
+    record->InForce = change;
+    if (before.Deadline == 0.0) record->Previous = *previous;
+    record->Problem.clear();
+    onNoted();
     TuningResult result = Ask(monitor, device.Index, change);
     if (result.Result != GpuClockOperationResult::Success) {
-        NoteFailure(monitor, record, &result);
-    } else if (change != *previous) {
-        record->Deadline = NowSeconds() + keepSeconds;
+        NoteFailure(monitor, before, record, &result);
+    } else {
+        record->Deadline = change == record->Previous ? 0.0 : NowSeconds() + keepSeconds;
     }
     return result;
 }
@@ -93,32 +99,17 @@ TuningRecord* TuningSession::Find(const std::string& gpuKey, TuningControl contr
     return record == Changes.end() ? nullptr : &*record;
 }
 
-TuningRecord* TuningSession::Note(const std::string& gpuKey, const GpuDeviceInfo& device, const TuningChange& change,
-                                  const TuningChange& previous) {
-    TuningRecord* record = Find(gpuKey, change.Control());
-    if (record == nullptr) {
-        record = &Changes.emplace_back(TuningRecord{gpuKey, device, previous, previous, previous});
-    } else if (record->InForce != previous) {
-        // Another program has changed it since: that is what this one finds now.
-        record->Before = previous;
+void TuningSession::NoteFailure(NvmlGpuMonitor* monitor, const TuningRecord& before, TuningRecord* record,
+                                TuningResult* result) {
+    if (!HasFailedHalfWay(result->Error)) {
+        *record = before;
+        return;
     }
-    record->InForce = change;
-    record->Previous = previous;
-    record->Deadline = 0.0;
-    record->Problem.clear();
-    return record;
-}
-
-void TuningSession::NoteFailure(NvmlGpuMonitor* monitor, TuningRecord* record, TuningResult* result) {
     const TuningChange release = {Kind::ResetClocks};
-    if (HasFailedHalfWay(result->Error)) {
-        const bool bReleased = Ask(monitor, record->Device.Index, release).Result == GpuClockOperationResult::Success;
-        if (bReleased) record->InForce = release;
-        result->Error +=
-            std::string(" ") + (bReleased ? kBothLocksReleased : "Its graphics clock may still be locked.");
-    } else if (result->Result != GpuClockOperationResult::Error) {
-        record->InForce = record->Previous;
-    }
+    record->Deadline = 0.0;
+    const bool bReleased = Ask(monitor, record->Device.Index, release).Result == GpuClockOperationResult::Success;
+    if (bReleased) record->InForce = release;
+    result->Error += std::string(" ") + (bReleased ? kBothLocksReleased : "Its graphics clock may still be locked.");
 }
 
 void TuningSession::Keep(const std::string& gpuKey, TuningControl control) {
@@ -145,12 +136,12 @@ void TuningSession::TakeBackOverdue(NvmlGpuMonitor* monitor, double now) {
     }
 }
 
-std::vector<TuningResult> TuningSession::TakeAllBack(NvmlGpuMonitor* monitor) {
-    std::vector<TuningResult> results;
+void TuningSession::TakeAllBack(NvmlGpuMonitor* monitor) {
     for (TuningRecord& record : Changes) {
-        if (record.IsOutstanding()) results.push_back(GoBack(monitor, record.Before, &record));
+        // One that has brought `Before` back must not go on to `Previous`.
+        record.Deadline = 0.0;
+        if (record.IsOutstanding()) GoBack(monitor, record.Before, &record);
     }
-    return results;
 }
 
 std::optional<double> TuningSession::NextDeadline() const {

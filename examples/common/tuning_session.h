@@ -1,6 +1,7 @@
 #ifndef EXAMPLES_TUNING_SESSION_H
 #define EXAMPLES_TUNING_SESSION_H
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -54,9 +55,10 @@ struct TuningRecord {
     /// What was in force before the program changed it, as far as that can be told: a lock that another program has set
     /// cannot, and counts as none.
     TuningChange Before;
-    /// What the program has set. After a failure whose outcome is not known, what it has asked for.
+    /// What the program has set, or is about to.
     TuningChange InForce;
-    /// What `InForce` goes back to unless it is kept.
+    /// What `InForce` goes back to unless it is kept: what was found before the change or, of several changes that
+    /// nobody has kept, before the first one.
     TuningChange Previous;
     /// When it does so by itself, in steady-clock seconds; 0 when it does not, or has.
     double Deadline = 0.0;
@@ -70,9 +72,10 @@ struct TuningRecord {
 /// Changes GPUs and knows how to take that back. Belongs to one thread.
 class TuningSession {
 public:
-    /// Makes a change, which goes back after `keepSeconds` if there is a way back.
+    /// Makes a change, which goes back after `keepSeconds` if there is a way back. `onNoted` is called before the
+    /// driver is asked, which may never answer.
     TuningResult Make(NvmlGpuMonitor* monitor, const std::string& gpuKey, const GpuDeviceInfo& device,
-                      const TuningChange& change, double keepSeconds);
+                      const TuningChange& change, double keepSeconds, const std::function<void()>& onNoted);
 
     /// Lets a change stay that would go back.
     void Keep(const std::string& gpuKey, TuningControl control);
@@ -83,8 +86,8 @@ public:
     /// Takes the changes back that nobody has kept until `now`.
     void TakeBackOverdue(NvmlGpuMonitor* monitor, double now);
 
-    /// Takes everything back that is outstanding. Result: one for each of those records, in their order.
-    std::vector<TuningResult> TakeAllBack(NvmlGpuMonitor* monitor);
+    /// Takes everything back that is outstanding; `Records` tell what could not be.
+    void TakeAllBack(NvmlGpuMonitor* monitor);
 
     /// The moment of the next change to go back; none when none will.
     std::optional<double> NextDeadline() const;
@@ -93,13 +96,12 @@ public:
 
 private:
     TuningRecord* Find(const std::string& gpuKey, TuningControl control);
-    /// The record of a change that is about to be made from `previous`.
-    TuningRecord* Note(const std::string& gpuKey, const GpuDeviceInfo& device, const TuningChange& change,
-                       const TuningChange& previous);
     /// What is in force before a change; none when it could not be brought back.
     std::optional<TuningChange> InForceNow(NvmlGpuMonitor* monitor, const std::string& gpuKey, unsigned int index,
                                            const TuningChange& change);
-    static void NoteFailure(NvmlGpuMonitor* monitor, TuningRecord* record, TuningResult* result);
+    /// What is in force after a change that failed; `before` is the record as it was.
+    static void NoteFailure(NvmlGpuMonitor* monitor, const TuningRecord& before, TuningRecord* record,
+                            TuningResult* result);
     static TuningResult GoBack(NvmlGpuMonitor* monitor, const TuningChange& to, TuningRecord* record);
 
     std::vector<TuningRecord> Changes;

@@ -2,12 +2,14 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstddef>
+#include <cstdint>
 #include <iterator>
 
 #include "failure.h"
@@ -18,6 +20,14 @@ namespace {
 int StopPipeWriteEnd = -1;
 
 std::atomic<bool> bFurtherStop{false};
+/// When a stop was asked for last, as `Milliseconds`.
+std::atomic<int64_t> StopRequestedMs{0};
+
+int64_t Milliseconds() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * 1000 + now.tv_nsec / 1000000;
+}
 
 /// Together with SIGHUP, which can be ignored.
 constexpr int kStopSignals[] = {SIGINT, SIGQUIT, SIGTERM};
@@ -29,7 +39,15 @@ constexpr int kFatalSignals[] = {SIGILL,  SIGABRT, SIGFPE,  SIGBUS,    SIGSEGV, 
                                  SIGUSR1, SIGUSR2, SIGALRM, SIGVTALRM, SIGPROF, SIGXCPU, SIGXFSZ};
 struct sigaction FatalBefore[std::size(kFatalSignals)];
 
+/// Whether a stop signal is the one before, told twice: to the program and to its group, for example.
+bool IsToldTwice() {
+    constexpr int64_t kOnceMs = 500;
+    return Milliseconds() < StopRequestedMs + kOnceMs;
+}
+
+/// Of the second stop signal of a kind.
 extern "C" void Die(int signalNumber) {
+    if (IsToldTwice()) return;
     if (void (*restore)() = BeforeDeath.load()) restore();
     signal(signalNumber, SIG_DFL);
     raise(signalNumber);
@@ -53,12 +71,13 @@ void Catch(int signalNumber, void (*handler)(int)) {
 
 /// Of stop signals while something has to be brought to its end.
 extern "C" void NoteFurtherStop(int /*signalNumber*/) {
-    bFurtherStop = true;
+    if (!IsToldTwice()) bFurtherStop = true;
 }
 
 /// Of the first stop signal of each kind; the second one ends even a process that hangs.
 extern "C" void RequestStop(int signalNumber) {
     const int savedErrno = errno;
+    StopRequestedMs = Milliseconds();
     // A shell and the kernel both tell when a terminal is closed: the second time means no more than the first.
     Catch(signalNumber, signalNumber == SIGHUP ? SIG_IGN : Die);
     // The pipe can only be full when a stop has been asked for, so the result does not matter.

@@ -2,7 +2,8 @@
 #define GPU_MONITOR_SIGNALS_H
 
 /// From here on the first SIGINT, SIGQUIT, SIGTERM or SIGHUP asks for a clean end, and a second one of the same kind
-/// kills, also while the main thread hangs in a driver call; but SIGHUP never does. Once per process.
+/// kills, unless it comes at once, also while the main thread hangs in a driver call; but SIGHUP never does. Once per
+/// process.
 ///
 /// Result: a descriptor that becomes, and stays, readable with the first signal. It lives as long as the process.
 int CatchStopSignals();

@@ -79,7 +79,9 @@ void TuningPanel::OnKey(int key) {
         case Stage::ChoosingPower: OnPowerKey(key); break;
         case Stage::Confirming: OnConfirmKey(key); break;
         case Stage::Keeping: OnKeepKey(key); break;
-        case Stage::Told: Ask(); break;
+        case Stage::Told:
+            if (key == EnterKey || key == EscapeKey) Ask();
+            break;
         case Stage::Asking:
             if (key == EscapeKey) Now = Stage::Closed;
             break;
@@ -175,6 +177,10 @@ void TuningPanel::OnConfirmKey(int key) {
 }
 
 void TuningPanel::OnKeepKey(int key) {
+    const std::shared_ptr<const FeedData> data = Feed->Latest();
+    const TuningRecord* record = data->FindTuning(Gpu->Key, Wanted.Control());
+    // It goes back already.
+    if (record == nullptr || record->Deadline <= NowSeconds()) return;
     if (key == 'y') {
         Feed->Keep(Gpu->Key, Wanted.Control());
         Ask();
@@ -205,13 +211,13 @@ void TuningPanel::OnTime() {
 }
 
 void TuningPanel::RefreshCapabilities() {
-    if (CapabilityAnswer.valid() && IsReady(CapabilityAnswer)) {
+    const bool bShown = Now == Stage::Menu || Now == Stage::Confirming || Now == Stage::Keeping;
+    // Not while something is chosen from the last answer.
+    if ((bShown || Now == Stage::Asking) && CapabilityAnswer.valid() && IsReady(CapabilityAnswer)) {
         Capabilities = CapabilityAnswer.get();
         bReadBack = Now == Stage::Keeping;
         if (Now == Stage::Asking) Now = Stage::Menu;
     }
-    // Not while one of the lists of the last answer is chosen from.
-    const bool bShown = Now == Stage::Menu || Now == Stage::Confirming || Now == Stage::Keeping;
     if (bShown && !CapabilityAnswer.valid() && NowSeconds() >= AskedAt + kRefreshSeconds) {
         CapabilityAnswer = Feed->QueryTuning(Gpu->Key);
         AskedAt = NowSeconds();
@@ -227,7 +233,7 @@ void TuningPanel::TakeResult(const TuningResult& result) {
     }
     const std::shared_ptr<const FeedData> data = Feed->Latest();
     const TuningRecord* record = data->FindTuning(Gpu->Key, Wanted.Control());
-    if (record == nullptr || record->Deadline == 0.0) {
+    if (record == nullptr || (record->Deadline == 0.0 && record->InForce == Wanted)) {
         Tell({{"Done: " + OutcomeText(Wanted) + '.'}});
         return;
     }
@@ -295,7 +301,7 @@ Dialog TuningPanel::Content() const {
         case Stage::Applying: return WaitDialog("Changing");
         case Stage::Keeping: return KeepDialog();
         case Stage::TakingBack: return WaitDialog("Going back");
-        case Stage::Told: return {"", Message, "Any key goes on"};
+        case Stage::Told: return {"", Message, "Enter goes on"};
         case Stage::Closed: break;
     }
     return {};

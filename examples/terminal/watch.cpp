@@ -38,6 +38,7 @@ constexpr double kNoticeSeconds = 3.0;
 /// How long changes may take to go back when the program ends, at least; a cycle of the sampler can come first.
 constexpr double kTakeBackSeconds = 2.0;
 constexpr double kTakeBackPeriods = 2.0;
+constexpr double kUnknownPeriodSeconds = 6.0;
 /// NVML may take as long to start.
 constexpr double kLongestStartSeconds = 20.0;
 
@@ -55,10 +56,20 @@ public:
     int Run() {
         if (!Feed.WaitForNews(kQuickStartMs, StopDescriptor)) return kExitSuccess;
         LiveFeed::RequireUsable(*Feed->Latest(), Options.Gpu);
-        return ShowOnScreen() ? TakeAllBack() : TellKept();
+        return IsTakeBackWanted() ? TakeAllBack() : TellKept();
     }
 
 private:
+    /// Shows the view until it ends.
+    bool IsTakeBackWanted() {
+        try {
+            return ShowOnScreen();
+        } catch (...) {
+            TakeAllBack();
+            throw;
+        }
+    }
+
     /// Until the user leaves or a stop signal comes. Result: whether changes are to be taken back.
     bool ShowOnScreen() {
         Screen screen;
@@ -68,7 +79,8 @@ private:
             LiveFeed::RequireUsable(*data, Options.Gpu);
             if (Choice.Gpu.empty()) SelectFirst(*data);
             if (Panel) Panel->OnTime();
-            screen.AllowSuspending(!IsChangePending(*data));
+            // Nothing can be taken back while the program is stopped.
+            screen.AllowSuspending(!Panel && Outstanding().empty());
             Draw(*data, &screen);
             if (!Wait(*data)) return true;
             for (int key = screen.ReadKey(); key != NoKey && !bLeft; key = screen.ReadKey()) OnKey(key);
@@ -83,12 +95,6 @@ private:
         if (poll(descriptors, 3, bImpatient ? kQuickRedrawMs : kRedrawMs) <= 0) return true;
         const bool bTerminalGone = (descriptors[1].revents & (POLLHUP | POLLERR)) != 0;
         return descriptors[0].revents == 0 && !bTerminalGone;
-    }
-
-    /// Whether a change would go back by itself: not while the program is stopped.
-    static bool IsChangePending(const FeedData& data) {
-        return std::any_of(data.Tuning.begin(), data.Tuning.end(),
-                           [](const TuningRecord& record) { return record.Deadline != 0.0; });
     }
 
     void SelectFirst(const FeedData& data) {
@@ -244,28 +250,39 @@ private:
         if (Outstanding().empty() && !Panel) return kExitSuccess;
         // A second signal must not end this without a word.
         ExpectFurtherStop();
-        std::future<std::vector<TuningResult>> answer = RequestTakeAllBack();
+        std::future<TuningResult> answer = RequestTakeAllBack();
         const bool bAnswered = WaitForAnswer(answer);
-        const std::vector<TuningResult> results = bAnswered ? answer.get() : std::vector<TuningResult>();
         const std::vector<TuningRecord> left = Outstanding();
         if (!bAnswered) Feed.LeaveDriverBehind();
         for (const TuningRecord& record : left) TellNotTakenBack(record, bAnswered);
         return left.empty() ? kExitSuccess : kExitFailure;
     }
 
-    std::future<std::vector<TuningResult>> RequestTakeAllBack() {
-        for (const TuningRecord& record : Outstanding()) {
-            std::cerr << GpuInSentence(record.Device) << ": going back to: " << OutcomeText(record.Before) << " ...\n";
-        }
+    std::future<TuningResult> RequestTakeAllBack() {
+        const std::vector<TuningRecord> records = Outstanding();
         // Otherwise a cycle could come first.
         Feed->Pause();
-        return Feed->TakeAllBack();
+        std::future<TuningResult> answer = Feed->TakeAllBack();
+        for (const TuningRecord& record : records) {
+            std::cerr << GpuInSentence(record.Device) << ": going back to: " << OutcomeText(record.Before) << " ...\n";
+        }
+        return answer;
     }
 
-    bool WaitForAnswer(const std::future<std::vector<TuningResult>>& answer) {
-        double period = 0.0;
-        for (const auto& gpu : Feed->Latest()->Gpus) period = std::max(period, gpu->PeriodSeconds);
-        const double deadline = NowSeconds() + std::max(kTakeBackSeconds, kTakeBackPeriods * period);
+    /// How long taking back may last.
+    double Patience() {
+        const std::shared_ptr<const FeedData> data = Feed->Latest();
+        if (Feed->IsDriverHanging(*data)) return kTakeBackSeconds;
+        double patience = kTakeBackSeconds;
+        for (const auto& gpu : data->Gpus) {
+            const bool bPeriodKnown = gpu->PeriodSeconds > 0.0;
+            patience = std::max(patience, bPeriodKnown ? kTakeBackPeriods * gpu->PeriodSeconds : kUnknownPeriodSeconds);
+        }
+        return patience;
+    }
+
+    bool WaitForAnswer(const std::future<TuningResult>& answer) {
+        const double deadline = NowSeconds() + Patience();
         while (!HasFurtherStopCome() && NowSeconds() < deadline) {
             if (answer.wait_for(milliseconds(kQuickRedrawMs)) == std::future_status::ready) return true;
         }
