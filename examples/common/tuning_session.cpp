@@ -63,8 +63,9 @@ TuningResult TuningSession::Make(NvmlGpuMonitor* monitor, const std::string& gpu
     const std::optional<TuningChange> previous = InForceNow(monitor, gpuKey, device.Index, change);
     if (!previous) return Ask(monitor, device.Index, change);
     TuningRecord* record = Find(gpuKey, change.Control());
-    if (record == nullptr)
+    if (record == nullptr) {
         record = &Changes.emplace_back(TuningRecord{gpuKey, device, *previous, *previous, *previous});
+    }
     const TuningRecord before = *record;
     record->InForce = change;
     if (before.Deadline == 0.0) record->Previous = *previous;

@@ -80,7 +80,7 @@ private:
             if (Choice.Gpu.empty()) SelectFirst(*data);
             if (Panel) Panel->OnTime();
             // Nothing can be taken back while the program is stopped.
-            screen.AllowSuspending(!Panel && Outstanding().empty());
+            screen.AllowSuspending(!Panel && Outstanding(*data).empty());
             Draw(*data, &screen);
             if (!Wait(*data)) return true;
             for (int key = screen.ReadKey(); key != NoKey && !bLeft; key = screen.ReadKey()) OnKey(key);
@@ -217,15 +217,15 @@ private:
     // ---- Leaving ----
 
     /// What would outlast the program.
-    std::vector<TuningRecord> Outstanding() {
-        std::vector<TuningRecord> records = Feed->Latest()->Tuning;
-        const auto isDone = [](const TuningRecord& record) { return !record.IsOutstanding(); };
+    static std::vector<TuningRecord> Outstanding(const FeedData& data) {
+        std::vector<TuningRecord> records = data.Tuning;
+        const auto isDone = [](const TuningRecord& record) { return !record.IsOutstanding(*Feed->Latest()); };
         records.erase(std::remove_if(records.begin(), records.end(), isDone), records.end());
         return records;
     }
 
     void Leave() {
-        bLeaving = !Outstanding().empty();
+        bLeaving = !Outstanding(*Feed->Latest()).empty();
         bLeft = !bLeaving;
     }
 
@@ -237,8 +237,7 @@ private:
 
     static void DrawLeaving(const FeedData& data, Canvas* canvas) {
         DialogLines lines = {{"These changes outlast the program:"}};
-        for (const TuningRecord& record : data.Tuning) {
-            if (!record.IsOutstanding()) continue;
+        for (const TuningRecord& record : Outstanding(data)) {
             lines.push_back({GpuInSentence(record.Device) + ": " + OutcomeText(record.InForce), Style::Strong});
         }
         DrawDialog(canvas, {"Leave", lines, "r take them back   k keep them   Esc stay"});
@@ -247,19 +246,19 @@ private:
     /// Takes back what is changed, unless that takes too long, and tells about each. Result: the exit status.
     int TakeAllBack() {
         // The panel may have asked for a change that is not told yet.
-        if (Outstanding().empty() && !Panel) return kExitSuccess;
+        if (Outstanding(*Feed->Latest()).empty() && !Panel) return kExitSuccess;
         // A second signal must not end this without a word.
         ExpectFurtherStop();
         std::future<TuningResult> answer = RequestTakeAllBack();
         const bool bAnswered = WaitForAnswer(answer);
-        const std::vector<TuningRecord> left = Outstanding();
+        const std::vector<TuningRecord> left = Outstanding(*Feed->Latest());
         if (!bAnswered) Feed.LeaveDriverBehind();
         for (const TuningRecord& record : left) TellNotTakenBack(record, bAnswered);
         return left.empty() ? kExitSuccess : kExitFailure;
     }
 
     std::future<TuningResult> RequestTakeAllBack() {
-        const std::vector<TuningRecord> records = Outstanding();
+        const std::vector<TuningRecord> records = Outstanding(*Feed->Latest());
         // Otherwise a cycle could come first.
         Feed->Pause();
         std::future<TuningResult> answer = Feed->TakeAllBack();
@@ -298,7 +297,8 @@ private:
 
     /// Tells how what is kept can be undone.
     int TellKept() {
-        for (const TuningRecord& record : Outstanding()) {
+        const std::shared_ptr<const FeedData> data = Feed->Latest();
+        for (const TuningRecord& record : Outstanding(*data)) {
             std::cerr << GpuInSentence(record.Device) << ": kept: " << OutcomeText(record.InForce)
                       << "\nTo undo it: " << CommandOf(record.Before, record.Device.Index, Options.SimulateOption)
                       << '\n';
