@@ -219,7 +219,7 @@ private:
     /// What would outlast the program.
     static std::vector<TuningRecord> Outstanding(const FeedData& data) {
         std::vector<TuningRecord> records = data.Tuning;
-        const auto isDone = [](const TuningRecord& record) { return !record.IsOutstanding(*Feed->Latest()); };
+        const auto isDone = [](const TuningRecord& record) { return !record.IsOutstanding(); };
         records.erase(std::remove_if(records.begin(), records.end(), isDone), records.end());
         return records;
     }
