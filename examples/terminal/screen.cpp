@@ -43,9 +43,11 @@ int AppendToLeaving(int character) {
     return character;
 }
 
+/// The cursor comes back twice: some terminals have one for either screen.
 void PrepareToGiveTerminalBack() {
     LeavingBytes = 0;
-    for (const char* capability : {exit_attribute_mode, orig_pair, cursor_normal, keypad_local, exit_ca_mode}) {
+    for (const char* capability :
+         {exit_attribute_mode, orig_pair, cursor_normal, keypad_local, exit_ca_mode, cursor_normal}) {
         if (capability != nullptr) tputs(capability, 1, AppendToLeaving);
     }
 }
@@ -153,6 +155,8 @@ public:
             refresh();
         }
         endwin();
+        if (cursor_normal != nullptr) putp(cursor_normal);
+        fflush(stdout);
         CallBeforeDeath(nullptr);
         delscreen(Handle);
     }

@@ -125,7 +125,9 @@ void TuningPanel::OnClockKey(int key) {
     if (key == LeftKey) MemoryPlace = Moved(MemoryPlace, 1, Groups.size());
     if (key == RightKey) MemoryPlace = Moved(MemoryPlace, -1, Groups.size());
     const auto& clocks = std::next(Groups.begin(), static_cast<std::ptrdiff_t>(MemoryPlace))->second;
-    GraphicsPlace = Moved(NearestPlace(clocks, graphics), StepOf(key), clocks.size());
+    // The highest graphics clock stands at the top of its list.
+    const int listKey = key == HomeKey ? EndKey : key == EndKey ? HomeKey : key;
+    GraphicsPlace = Moved(NearestPlace(clocks, graphics), StepOf(listKey), clocks.size());
 }
 
 void TuningPanel::BeginPower() {
