@@ -281,6 +281,22 @@ TEST_F(FeedTest, EndTakesBackWhatNobodyHasKeptAndFailsTheRequestsThatItOvertakes
               "DeviceSetPowerManagementLimit(0, 200000) DeviceSetPowerManagementLimit(0, 320000) ");
 }
 
+TEST(PowerWayBackTest, IsWhatWasInForceOrElseTheDefault) {
+    const TuningChange reset = {Kind::ResetPower};
+    const TuningChange set = {Kind::SetPower, {}, 250.0};
+    const std::tuple<double, double, TuningChange, std::optional<TuningChange>> cases[] = {
+        {320.0, 320.0, set, reset}, {250.0, 320.0, reset, set},          {400.0, 320.0, set, reset},
+        {-1.0, 320.0, set, reset},  {400.0, 320.0, reset, std::nullopt}, {400.0, -1.0, set, std::nullopt}};
+    for (const auto& [current, byDefault, change, expected] : cases) {
+        GpuPowerCapabilities power;
+        power.CurrentWatts = current;
+        power.DefaultWatts = byDefault;
+        power.MinimumWatts = 150.0;
+        power.MaximumWatts = 352.0;
+        EXPECT_EQ(PowerWayBack(change, power), expected) << current << ' ' << byDefault;
+    }
+}
+
 TEST(ReadingsTest, OnlyLimitsThatProtectTheGpuAreADanger) {
     const uint64_t dangers = simulated_nvml::kReasonHardwareSlowdown | simulated_nvml::kReasonHardwareThermal |
                              simulated_nvml::kReasonSoftwareThermal | simulated_nvml::kReasonHardwarePowerBrake;

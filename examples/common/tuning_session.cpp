@@ -54,6 +54,12 @@ std::optional<TuningChange> PowerUndo(const GpuPowerCapabilities& capabilities) 
     return TuningChange{Kind::SetPower, {}, watts};
 }
 
+std::optional<TuningChange> PowerWayBack(const TuningChange& change, const GpuPowerCapabilities& capabilities) {
+    if (const std::optional<TuningChange> undo = PowerUndo(capabilities)) return undo;
+    const TuningChange reset = {Kind::ResetPower};
+    return capabilities.DefaultWatts > 0.0 && change != reset ? std::optional(reset) : std::nullopt;
+}
+
 bool HasFailedHalfWay(const std::string& error) {
     return error.find("memory locked-clock control") != std::string::npos;
 }
@@ -85,7 +91,7 @@ std::optional<TuningChange> TuningSession::InForceNow(NvmlGpuMonitor* monitor, c
     if (change.Control() == TuningControl::Power) {
         GpuPowerCapabilities capabilities;
         monitor->GetPowerCapabilities(index, &capabilities);
-        return PowerUndo(capabilities);
+        return PowerWayBack(change, capabilities);
     }
     // NVML does not tell locks: only those of this program are known.
     const TuningRecord* record = Find(gpuKey, TuningControl::Clocks);

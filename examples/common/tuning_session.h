@@ -35,6 +35,10 @@ bool IsInRange(double watts, const GpuPowerCapabilities& capabilities);
 /// known.
 std::optional<TuningChange> PowerUndo(const GpuPowerCapabilities& capabilities);
 
+/// What `change` of the power limit is taken back by: `PowerUndo` or, where there is none, the default, as near as one
+/// comes. None when the default is not known, or is what `change` sets.
+std::optional<TuningChange> PowerWayBack(const TuningChange& change, const GpuPowerCapabilities& capabilities);
+
 /// What a user should know of a lock that failed half-way, once it is released.
 constexpr const char* kBothLocksReleased = "Both locks of this GPU were released, an earlier one too.";
 

@@ -276,13 +276,20 @@ const TuningRecord* TuningPanel::Record(const FeedData& data, TuningControl cont
     return record == nullptr || !record->IsOutstanding() ? nullptr : record;
 }
 
-std::string TuningPanel::WayBack(const FeedData& data) const {
-    if (Wanted.Control() == TuningControl::Power) {
-        const std::optional<TuningChange> undo = PowerUndo(Capabilities.Power);
-        return undo ? OutcomeText(*undo) : "";
-    }
-    if (const TuningRecord* record = Record(data, TuningControl::Clocks)) return OutcomeText(record->InForce);
-    return Wanted.What == Kind::ResetClocks ? "" : OutcomeText({Kind::ResetClocks});
+std::optional<TuningChange> TuningPanel::WayBack(const FeedData& data) const {
+    if (Wanted.Control() == TuningControl::Power) return PowerWayBack(Wanted, Capabilities.Power);
+    if (const TuningRecord* record = Record(data, TuningControl::Clocks)) return record->InForce;
+    return Wanted.What == Kind::ResetClocks ? std::nullopt : std::optional(TuningChange{Kind::ResetClocks});
+}
+
+std::string TuningPanel::WayBackText() const {
+    const std::shared_ptr<const FeedData> data = Feed->Latest();
+    const std::optional<TuningChange> back = WayBack(*data);
+    if (!back) return "There is no way back: what is in force now cannot be set again.";
+    if (*back == Wanted) return "That is in force already.";
+    const bool bExact = Wanted.Control() == TuningControl::Clocks || PowerUndo(Capabilities.Power).has_value();
+    return "Then you are asked whether to keep it. Without an answer within 10 s it goes back to: " +
+           OutcomeText(*back) + '.' + (bExact ? "" : " What is in force now cannot be set again.");
 }
 
 // ---- What is shown ----
@@ -374,16 +381,8 @@ Dialog TuningPanel::PowerDialog() const {
 }
 
 Dialog TuningPanel::ConfirmDialog() const {
-    const std::shared_ptr<const FeedData> data = Feed->Latest();
-    const std::string back = WayBack(*data);
-    DialogLines lines = {
-        {"This will " + ActionText(Wanted) + ", for every program that uses this GPU.", Style::Strong}};
-    if (back.empty()) {
-        lines.push_back({"There is no way back: what is in force now cannot be set again."});
-    } else {
-        lines.push_back(
-            {"Then you are asked whether to keep it. Without an answer within 10 s it goes back to: " + back + '.'});
-    }
+    DialogLines lines = {{"This will " + ActionText(Wanted) + ", for every program that uses this GPU.", Style::Strong},
+                         {WayBackText()}};
     if (Wanted.What == Kind::LockClocks) {
         lines.push_back({"A lock that another program has set cannot be brought back: NVML does not tell it."});
     }

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <future>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "canvas.h"
@@ -65,8 +66,9 @@ private:
     bool CanSetDefault() const { return CanSetPower() && Capabilities.Power.DefaultWatts > 0.0; }
     /// What the program has set and not taken back; null when there is none.
     const TuningRecord* Record(const FeedData& data, TuningControl control) const;
-    /// What a change goes back to, as far as can be told now; empty when there is no way back.
-    std::string WayBack(const FeedData& data) const;
+    /// What a change goes back to, as far as can be told now; none when there is no way back.
+    std::optional<TuningChange> WayBack(const FeedData& data) const;
+    std::string WayBackText() const;
 
     Dialog Content() const;
     Dialog MenuDialog() const;
