@@ -65,17 +65,17 @@ if(TARGET gpu_monitor)
         "${CMAKE_INSTALL_FULL_BINDIR}" "${CMAKE_INSTALL_FULL_LIBDIR}")
     set_target_properties(gpu_monitor PROPERTIES INSTALL_RPATH "$ORIGIN/${library_from_programs}")
     install(TARGETS gpu_monitor RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT tools)
-    install(FILES examples/terminal/gpu_monitor.1 DESTINATION "${CMAKE_INSTALL_MANDIR}/man1" COMPONENT tools)
-    install(FILES examples/terminal/completion/gpu_monitor.bash
+    install(FILES programs/gpu_monitor/install/gpu_monitor.1 DESTINATION "${CMAKE_INSTALL_MANDIR}/man1" COMPONENT tools)
+    install(FILES programs/gpu_monitor/install/gpu_monitor.bash
         DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions" RENAME gpu_monitor COMPONENT tools)
-    install(FILES examples/terminal/completion/gpu_monitor.fish
+    install(FILES programs/gpu_monitor/install/gpu_monitor.fish
         DESTINATION "${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d" COMPONENT tools)
     # Debian's zsh has one folder for what packages bring and another one for /usr/local.
     set(zsh_folder site-functions)
     if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
         set(zsh_folder vendor-completions)
     endif()
-    install(FILES examples/terminal/completion/_gpu_monitor
+    install(FILES programs/gpu_monitor/install/_gpu_monitor
         DESTINATION "${CMAKE_INSTALL_DATADIR}/zsh/${zsh_folder}" COMPONENT tools)
 endif()
 if(TARGET simulated_nvml)

@@ -44,7 +44,7 @@ measure() {
 # The shared library alone, as a package would have it.
 measure_library() {
     quietly cmake -S "$root" -B "$scratch/shared" -G Ninja -DCMAKE_BUILD_TYPE=Release -DBUILD_SHARED_LIBS=ON \
-        -DNVML_GPU_MONITOR_BUILD_EXAMPLES=OFF -DNVML_GPU_MONITOR_BUILD_TESTS=OFF \
+        -DNVML_GPU_MONITOR_BUILD_PROGRAMS=OFF -DNVML_GPU_MONITOR_BUILD_TESTS=OFF \
         -DNVML_GPU_MONITOR_BUILD_BENCHMARKS=OFF
     quietly cmake --build "$scratch/shared"
     strip -o "$scratch/stripped.so" "$scratch/shared/libnvml_gpu_monitor.so"

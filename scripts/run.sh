@@ -13,7 +13,7 @@ gpu_monitor=$build/bin/gpu_monitor
 configure_and_build() {
     cd -- "$root" &&
         cmake --preset release -B "$build" \
-            -DNVML_GPU_MONITOR_BUILD_EXAMPLES=ON \
+            -DNVML_GPU_MONITOR_BUILD_PROGRAMS=ON \
             -DNVML_GPU_MONITOR_BUILD_TESTS=OFF \
             -DNVML_GPU_MONITOR_BUILD_BENCHMARKS=OFF &&
         cmake --build "$build" --target gpu_monitor

@@ -1,0 +1,67 @@
+#include "commands/polled_feed.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <vector>
+
+#include "commands/gpu_discovery.h"
+#include "terminal/failure.h"
+#include "commands/simulate.h"
+
+namespace {
+
+bool bDriverLeftBehind = false;
+
+int NewsChannel() {
+    const int descriptor = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (descriptor < 0) throw SystemFailure("Cannot prepare to wait for readings");
+    return descriptor;
+}
+
+void TellNews(int descriptor) {
+    const uint64_t one = 1;
+    // It can only be full when there is news already.
+    const ssize_t ignored = write(descriptor, &one, sizeof one);
+    static_cast<void>(ignored);
+}
+
+}  // namespace
+
+LiveFeed::LiveFeed(std::chrono::milliseconds interval)
+    : NewsDescriptor(NewsChannel()),
+      Feed({interval, !IsSimulating(), [descriptor = NewsDescriptor] { TellNews(descriptor); }}) {}
+
+LiveFeed::~LiveFeed() {
+    if (!Feed.Stop()) bDriverLeftBehind = true;
+    close(NewsDescriptor);
+}
+
+void LiveFeed::TakeNews() const {
+    uint64_t count = 0;
+    const ssize_t ignored = read(NewsDescriptor, &count, sizeof count);
+    static_cast<void>(ignored);
+}
+
+bool LiveFeed::WaitForNews(int timeoutMs, int stopDescriptor) const {
+    pollfd descriptors[] = {{NewsDescriptor, POLLIN, 0}, {stopDescriptor, POLLIN, 0}};
+    return poll(descriptors, 2, timeoutMs) <= 0 || descriptors[1].revents == 0;
+}
+
+void LiveFeed::RequireUsable(const FeedData& data, std::optional<unsigned int> onlyGpu) {
+    if (data.State == FeedState::Starting) return;
+    RequireDriver(data.State != FeedState::Unavailable, data.Status);
+    std::vector<GpuDeviceInfo> devices;
+    for (const auto& gpu : data.Gpus) devices.push_back(gpu->Device);
+    if (onlyGpu) RequireGpu(devices, *onlyGpu);
+}
+
+void LiveFeed::LeaveDriverBehind() {
+    if (!Feed.Stop(std::chrono::milliseconds(0))) bDriverLeftBehind = true;
+}
+
+bool IsDriverLeftBehind() {
+    return bDriverLeftBehind;
+}

@@ -1,0 +1,63 @@
+#ifndef GPU_MONITOR_SCREEN_H
+#define GPU_MONITOR_SCREEN_H
+
+#include <memory>
+#include <vector>
+
+#include "view/canvas.h"
+
+/// What `Screen::ReadKey` gives beside the character that was typed.
+enum Key : int {
+    NoKey = -1,
+    EscapeKey = 27,
+    EnterKey = 0x110000,
+    BackspaceKey,
+    UpKey,
+    DownKey,
+    LeftKey,
+    RightKey,
+    PageUpKey,
+    PageDownKey,
+    HomeKey,
+    EndKey,
+    BackTabKey,
+    /// The terminal's size may have changed.
+    ResizeKey,
+    OtherKey,
+};
+
+/// The terminal as a full screen. It is given back as it was when this object ends, and also when a signal kills the
+/// program. One at a time.
+class Screen {
+public:
+    /// Throws `Failure` when the terminal is of a kind that cannot do it.
+    Screen();
+    ~Screen();
+
+    Screen(const Screen&) = delete;
+    Screen& operator=(const Screen&) = delete;
+
+    /// An empty canvas of the terminal's present size.
+    Canvas Blank() const;
+
+    void Show(const Canvas& canvas);
+
+    /// The next key that has been pressed; never waits.
+    int ReadKey();
+
+    /// Whether Ctrl-Z stops the program. At first it does.
+    void AllowSuspending(bool bAllowed);
+
+    /// Throws `Failure` unless standard input and output are a terminal.
+    static void RequireTerminal();
+
+private:
+    class Curses;
+
+    const std::unique_ptr<Curses> Terminal;
+    /// What is on the screen.
+    Canvas Shown;
+    bool bSuspendable = true;
+};
+
+#endif  // GPU_MONITOR_SCREEN_H

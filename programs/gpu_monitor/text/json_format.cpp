@@ -1,0 +1,161 @@
+#include "text/json_format.h"
+
+#include <time.h>
+
+#include <chrono>
+#include <iomanip>
+#include <sstream>
+#include <utility>
+
+namespace {
+
+constexpr int kIndent = 2;
+constexpr int kOneLine = -1;
+
+std::string Line(const Json& json, int indent) {
+    // Texts come from the driver; one that is not valid UTF-8 must not cost the whole output.
+    return json.dump(indent, ' ', false, Json::error_handler_t::replace) + '\n';
+}
+
+/// A moment of the steady clock as UTC, ISO 8601 with milliseconds.
+std::string UtcTime(double steadySeconds) {
+    using std::chrono::milliseconds;
+    const std::chrono::duration<double> sinceBoot(steadySeconds);
+    const auto age = std::chrono::steady_clock::now().time_since_epoch() - sinceBoot;
+    const auto moment = std::chrono::system_clock::now().time_since_epoch() - age;
+    const auto sinceEpoch = std::chrono::duration_cast<milliseconds>(moment).count();
+    const auto seconds = static_cast<time_t>(sinceEpoch / 1000);
+    tm utc{};
+    gmtime_r(&seconds, &utc);
+    std::ostringstream text;
+    text << std::put_time(&utc, "%Y-%m-%dT%H:%M:%S.") << std::setw(3) << std::setfill('0') << sinceEpoch % 1000 << 'Z';
+    return text.str();
+}
+
+void AddIdentity(const GpuDeviceInfo& device, Json* json) {
+    for (const IdentityField& field : IdentityFields()) {
+        if (Json value = field.Get(device); !value.is_null()) (*json)[field.Key] = std::move(value);
+    }
+}
+
+/// As much of a GPU's identity as tells which one it is.
+Json ShortIdentity(const GpuDeviceInfo& device) {
+    Json json;
+    json["index"] = device.Index;
+    json["name"] = device.Name;
+    if (!device.Uuid.empty()) json["uuid"] = device.Uuid;
+    return json;
+}
+
+void AddReadings(const GpuTelemetrySample& sample, Json* json) {
+    (*json)["time"] = UtcTime(sample.TimestampSeconds);
+    (*json)["timestamp_seconds"] = sample.TimestampSeconds;
+    for (const Reading& reading : Readings()) {
+        if (Json value = reading.Get(sample); !value.is_null()) (*json)[reading.Key] = std::move(value);
+    }
+}
+
+Json ProcessList(const std::vector<FeedProcess>& processes) {
+    Json list = Json::array();
+    for (const FeedProcess& process : processes) {
+        Json& json = list.emplace_back(Json{{"pid", process.Pid}, {"vram_used_bytes", process.VramUsedBytes}});
+        if (!process.Name.empty()) json["name"] = process.Name;
+        if (!process.User.empty()) json["user"] = process.User;
+    }
+    return list;
+}
+
+void AddIfRead(const char* key, int megahertz, Json* json) {
+    if (megahertz >= 0) (*json)[key] = megahertz;
+}
+
+Json ClockGroupList(const std::vector<GpuClockPair>& pairs) {
+    Json list = Json::array();
+    for (const auto& [memoryClock, graphicsClocks] : GroupByMemoryClock(pairs)) {
+        list.push_back({{"memory_clock_mhz", memoryClock}, {"graphics_clocks_mhz", graphicsClocks}});
+    }
+    return list;
+}
+
+const char* StateWord(GpuCapabilityState state) {
+    switch (state) {
+        case GpuCapabilityState::Supported: return "supported";
+        case GpuCapabilityState::Unsupported: return "unsupported";
+        case GpuCapabilityState::PermissionRequired: return "permission_required";
+        case GpuCapabilityState::DriverLimitation: return "driver_limitation";
+        case GpuCapabilityState::Unavailable: break;
+    }
+    return "unavailable";
+}
+
+struct PowerValue {
+    const char* Key;
+    double GpuPowerCapabilities::*Watts;
+};
+
+constexpr PowerValue kPowerValues[] = {
+    {"current_watts", &GpuPowerCapabilities::CurrentWatts},
+    {"default_watts", &GpuPowerCapabilities::DefaultWatts},
+    {"minimum_watts", &GpuPowerCapabilities::MinimumWatts},
+    {"maximum_watts", &GpuPowerCapabilities::MaximumWatts},
+};
+
+/// The object that a query prints: `gpus` and what all GPUs share.
+Json Document(const std::string& driverVersion, Json gpus) {
+    Json document = Json::object();
+    if (!driverVersion.empty()) document["driver_version"] = driverVersion;
+    document["gpus"] = std::move(gpus);
+    return document;
+}
+
+}  // namespace
+
+std::string ListJson(const std::string& driverVersion, const std::vector<GpuDeviceInfo>& devices) {
+    Json gpus = Json::array();
+    for (const GpuDeviceInfo& device : devices) AddIdentity(device, &gpus.emplace_back());
+    return Line(Document(driverVersion, std::move(gpus)), kIndent);
+}
+
+std::string SampleJson(const std::string& driverVersion, const std::vector<GpuReading>& gpus) {
+    Json list = Json::array();
+    for (const GpuReading& gpu : gpus) {
+        Json& json = list.emplace_back();
+        AddIdentity(gpu.Device, &json);
+        AddReadings(gpu.Sample, &json);
+    }
+    return Line(Document(driverVersion, std::move(list)), kIndent);
+}
+
+std::string StreamJson(const GpuDeviceInfo& device, const GpuTelemetrySample& sample,
+                       const std::vector<FeedProcess>* processes) {
+    Json json = ShortIdentity(device);
+    AddReadings(sample, &json);
+    if (processes != nullptr) json["processes"] = ProcessList(*processes);
+    return Line(json, kOneLine);
+}
+
+std::string ClocksJson(const std::string& driverVersion, const std::vector<GpuClocks>& gpus) {
+    Json list = Json::array();
+    for (const auto& [device, capabilities] : gpus) {
+        Json& json = list.emplace_back(ShortIdentity(device));
+        json["can_control"] = capabilities.CanControl;
+        json["status"] = capabilities.Status;
+        AddIfRead("graphics_clock_mhz", capabilities.CurrentGraphicsClockMHz, &json);
+        AddIfRead("memory_clock_mhz", capabilities.CurrentMemoryClockMHz, &json);
+        json["supported"] = ClockGroupList(capabilities.SupportedPairs);
+    }
+    return Line(Document(driverVersion, std::move(list)), kIndent);
+}
+
+std::string PowerJson(const std::string& driverVersion, const std::vector<GpuPower>& gpus) {
+    Json list = Json::array();
+    for (const auto& [device, capabilities] : gpus) {
+        Json& json = list.emplace_back(ShortIdentity(device));
+        json["state"] = StateWord(capabilities.State);
+        json["status"] = capabilities.Status;
+        for (const auto& [key, watts] : kPowerValues) {
+            if (capabilities.*watts >= 0.0) json[key] = capabilities.*watts;
+        }
+    }
+    return Line(Document(driverVersion, std::move(list)), kIndent);
+}

@@ -1,0 +1,15 @@
+#ifndef GPU_MONITOR_GPU_OVERVIEW_H
+#define GPU_MONITOR_GPU_OVERVIEW_H
+
+#include <cstddef>
+#include <vector>
+
+#include "view/gpu_page.h"
+
+/// Draws a heading and, below it, a line for each GPU, as many as there is room for around the selected one.
+void DrawGpuTable(Canvas* canvas, const Area& area, const std::vector<GpuOnPage>& pages, size_t selected);
+
+/// Draws a word for each GPU into one row, as many as there is room for around the selected one.
+void DrawGpuStrip(Canvas* canvas, const Area& area, const std::vector<GpuOnPage>& pages, size_t selected);
+
+#endif  // GPU_MONITOR_GPU_OVERVIEW_H
