@@ -21,7 +21,7 @@ inline double SteadySeconds() {
     return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
-/// Every test begins with one desktop board that nothing is wrong with, and fails when the simulator saw misuse or NVML
+/// Every test begins with one fixed board that nothing is wrong with, and fails when the simulator saw misuse or NVML
 /// was left open.
 class ScriptedTest : public testing::Test {
 protected:
@@ -39,6 +39,7 @@ protected:
     void StartOver() {
         EXPECT_THAT(Sim.Misuse(), testing::IsEmpty());
         Sim.Reset();
+        Sim.SetBoards(fixed_boards::FixedBoards(1));
         Sim.RecordLog();
         Sim.ForbidConcurrentCalls();
         Sim.LetFailuresWrite();

@@ -4,6 +4,9 @@
 
 #include <cerrno>
 #include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
 #include <mutex>
 #include <system_error>
 
@@ -26,10 +29,11 @@ namespace {
 
 using std::chrono::nanoseconds;
 
+constexpr std::chrono::seconds kPatience{60};
+
 // Guards what follows. A thread that begins a wait locks it while it holds the mutex of its condition.
 std::mutex Guard;
 std::condition_variable WaitBegan;
-uint64_t WaitCount = 0;
 sampler_clock::TimedWait Latest{};
 // Where the thread waits whose wait began last.
 pthread_cond_t* Condition = nullptr;
@@ -37,7 +41,6 @@ pthread_mutex_t* ConditionMutex = nullptr;
 bool bHeld = false;
 nanoseconds HeldNow{};
 unsigned int WaitsToPass = 0;
-unsigned int ThreadsToRefuse = 0;
 
 nanoseconds TimeOf(const timespec& moment) {
     return std::chrono::seconds(moment.tv_sec) + nanoseconds(moment.tv_nsec);
@@ -53,10 +56,9 @@ bool PassLocked(const timespec& deadline) {
 
 void NoteWaitLocked(pthread_cond_t* condition, pthread_mutex_t* mutex, const timespec& deadline) {
     const nanoseconds now = bHeld ? HeldNow : nanoseconds(STEADY_NOW(__real_)());
-    Latest = {TimeOf(deadline), TimeOf(deadline) - now};
+    Latest = {Latest.Number + 1, TimeOf(deadline), TimeOf(deadline) - now};
     Condition = condition;
     ConditionMutex = mutex;
-    ++WaitCount;
     WaitBegan.notify_all();
 }
 
@@ -72,17 +74,24 @@ void Wake(unsigned int waitsToPass) {
     pthread_mutex_unlock(ConditionMutex);
 }
 
+/// A wait by the wall clock that ends the program when nobody ends the wait.
+void WaitToBeWoken(pthread_cond_t* condition, pthread_mutex_t* mutex) {
+    timespec giveUp{};
+    clock_gettime(CLOCK_REALTIME, &giveUp);
+    giveUp.tv_sec += kPatience.count();
+    if (pthread_cond_timedwait(condition, mutex, &giveUp) != ETIMEDOUT) return;
+    std::fputs("Nobody has ended a timed wait for a minute.\n", stderr);
+    std::abort();
+}
+
 }  // namespace
 
 extern "C" {
 
 void START_THREAD(__wrap_)(void* thread, void* state, void (*depend)()) {
-    {
-        const std::lock_guard<std::mutex> lock(Guard);
-        if (ThreadsToRefuse > 0) {
-            --ThreadsToRefuse;
-            throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
-        }
+    if (sampler_clock::ThreadsToRefuse > 0) {
+        --sampler_clock::ThreadsToRefuse;
+        throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
     }
     START_THREAD(__real_)(thread, state, depend);
 }
@@ -96,7 +105,7 @@ int CLOCK_WAIT(__wrap_)(pthread_cond_t* condition, pthread_mutex_t* mutex, clock
     }
     if (PassLocked(*deadline)) return ETIMEDOUT;
     lock.unlock();
-    pthread_cond_wait(condition, mutex);
+    WaitToBeWoken(condition, mutex);
     lock.lock();
     return PassLocked(*deadline) ? ETIMEDOUT : 0;
 }
@@ -112,9 +121,10 @@ int64_t STEADY_NOW(__wrap_)() {
 
 namespace sampler_clock {
 
+std::atomic<unsigned int> ThreadsToRefuse{0};
+
 void Reset() {
     const std::lock_guard<std::mutex> lock(Guard);
-    WaitCount = 0;
     Latest = {};
     bHeld = false;
     WaitsToPass = 0;
@@ -135,11 +145,6 @@ void WakeSpuriously() {
     Wake(0);
 }
 
-uint64_t WaitsBegun() {
-    const std::lock_guard<std::mutex> lock(Guard);
-    return WaitCount;
-}
-
 TimedWait LatestWait() {
     const std::lock_guard<std::mutex> lock(Guard);
     return Latest;
@@ -148,18 +153,8 @@ TimedWait LatestWait() {
 bool AwaitWaits(uint64_t count) {
     std::unique_lock<std::mutex> lock(Guard);
     // The wall clock, because waits on the steady clock come here.
-    const auto giveUp = std::chrono::system_clock::now() + std::chrono::minutes(1);
-    return WaitBegan.wait_until(lock, giveUp, [count] { return WaitCount >= count; });
-}
-
-void RefuseThreads(unsigned int count) {
-    const std::lock_guard<std::mutex> lock(Guard);
-    ThreadsToRefuse = count;
-}
-
-unsigned int RefusalsLeft() {
-    const std::lock_guard<std::mutex> lock(Guard);
-    return ThreadsToRefuse;
+    const auto giveUp = std::chrono::system_clock::now() + kPatience;
+    return WaitBegan.wait_until(lock, giveUp, [count] { return Latest.Number >= count; });
 }
 
 }  // namespace sampler_clock

@@ -1,6 +1,7 @@
 #ifndef SAMPLER_CLOCK_H
 #define SAMPLER_CLOCK_H
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 
@@ -25,20 +26,19 @@ void PassWaits(unsigned int count = 1);
 void WakeSpuriously();
 
 struct TimedWait {
-    std::chrono::nanoseconds Deadline;
-    std::chrono::nanoseconds Duration;
+    /// How many waits have begun, this one included. One that goes on after a wake-up counts again.
+    uint64_t Number = 0;
+    std::chrono::nanoseconds Deadline{};
+    std::chrono::nanoseconds Duration{};
 };
-/// How many waits have begun. One that goes on after a wake-up is counted again.
-uint64_t WaitsBegun();
 /// The wait that began last.
 TimedWait LatestWait();
 /// Returns when `count` waits have begun. False: that took more than a minute.
 bool AwaitWaits(uint64_t count);
 
-/// Makes the next `count` starts of a `std::thread` fail as they do when the system has no thread left.
-void RefuseThreads(unsigned int count);
-/// How many of these starts have not been tried.
-unsigned int RefusalsLeft();
+/// So many starts of a `std::thread` from now on fail as they do when the system has no thread left; each one that
+/// fails is subtracted.
+extern std::atomic<unsigned int> ThreadsToRefuse;
 
 }  // namespace sampler_clock
 
