@@ -1,6 +1,7 @@
 #include "failing_memory.h"
 
 #include <cstdlib>
+#include <cstring>
 #include <new>
 
 #include "simulated_nvml.h"
@@ -32,8 +33,10 @@ void* operator new(size_t bytes) {
         bAllocationFailed = true;
         throw std::bad_alloc();
     }
-    if (void* memory = std::malloc(bytes)) return memory;
-    throw std::bad_alloc();
+    void* const memory = std::malloc(bytes);
+    if (memory == nullptr) throw std::bad_alloc();
+    // Not zero, so that a test notices what nobody has written.
+    return std::memset(memory, 0xA5, bytes);
 }
 void operator delete(void* memory) noexcept {
     std::free(memory);
