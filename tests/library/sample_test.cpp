@@ -130,6 +130,12 @@ TEST_F(SampleTest, SucceedsWithPowerOrGraphicsClockAlsoWhenTheyAreZero) {
 
 TEST_F(SampleTest, FrameTimeComesFromTheHostsProfiler) {
     EXPECT_EQ(Read().FrameTimeMs, -1.0) << "no frame";
+    const size_t secondRead = Sim.Log().size();
+    std::string before;
+    GPUProfiler::Get()->OnRead = [&] { before = Log(secondRead); };
+    Read();
+    EXPECT_EQ(before, "?HandleByIndex_v2 HandleByIndex_v2(0) ") << "the moment of the sample, before any query";
+    GPUProfiler::Get()->OnRead = nullptr;
     const std::pair<double, double> cases[] = {{16.5, 16.5}, {0.001, 0.001}, {0.0, -1.0}, {-3.0, -1.0}};
     for (const auto& [frameTime, expected] : cases) {
         GPUProfiler::Get()->FrameTimeMs = frameTime;

@@ -176,7 +176,7 @@ TEST_F(StartupTest, DriverWithoutAShutdownIsClosedAllTheSame) {
 }
 
 TEST_F(StartupTest, ThreadThatCannotBeCreatedLeavesTheSamplerStopped) {
-    sampler_clock::ThreadsToRefuse = 2;
+    sampler_clock::RefuseThreads(2);
     EXPECT_THROW(Monitor.Start(), std::system_error);
     EXPECT_THROW(Monitor.ResumeSampling(), std::system_error) << "a sampler that never ran must not count as running";
     EXPECT_TRUE(Monitor.Start());

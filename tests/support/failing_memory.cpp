@@ -14,22 +14,11 @@ thread_local bool bChecking = false;
 
 }  // namespace failing_memory
 
-namespace {
-
 using namespace failing_memory;
 
-bool IsToFail() {
-    if (bChecking || simulated_nvml::SimulatedNvml::InsideCall()) return false;
-    uint64_t left = AllocationsUntilFailure;
-    while (left > 0 && !AllocationsUntilFailure.compare_exchange_weak(left, left - 1)) {
-    }
-    return left == 1;
-}
-
-}  // namespace
-
 void* operator new(size_t bytes) {
-    if (IsToFail()) {
+    const bool bCounts = !bChecking && !simulated_nvml::SimulatedNvml::InsideCall();
+    if (bCounts && AllocationsUntilFailure-- == 1) {
         bAllocationFailed = true;
         throw std::bad_alloc();
     }

@@ -14,29 +14,11 @@ namespace fixed_boards {
 /// Every reading has a value of its own, so that a test notices two that are swapped. Some are the highest of their
 /// range. Process 10 uses 1000 bytes; process 11 uses 2000 to compute and 3000 to draw.
 inline simulated_nvml::Readings DistinctReadings() {
-    simulated_nvml::Readings readings;
-    readings.TemperatureC = 61;
-    readings.GpuPercent = 62;
-    readings.MemoryPercent = 63;
-    readings.EncoderPercent = 64;
-    readings.DecoderPercent = 65;
-    readings.PowerMilliwatts = UINT32_MAX;
-    readings.FanPercent = 66;
-    readings.GraphicsMHz = 2100;
-    readings.SmMHz = 2101;
-    readings.MemoryMHz = 9501;
-    readings.VideoMHz = 1785;
-    readings.PerformanceState = 2;
-    readings.PcieGeneration = 4;
-    readings.PcieWidth = 16;
-    readings.PcieReceiveKiBPerSecond = UINT32_MAX;
-    readings.PcieTransmitKiBPerSecond = 512;
-    readings.LimitReasons = UINT64_MAX;
-    readings.VramUsedBytes = 5'000'000'000;
-    readings.Bar1UsedBytes = 12'000'000;
-    readings.ComputeProcesses = {{10, 1000}, {11, 2000}};
-    readings.GraphicsProcesses = {{11, 3000}};
-    return readings;
+    // In the order of the members.
+    // clang-format off
+    return {61, 62, 63, 64, 65, UINT32_MAX, 66, 2100, 2101, 9501, 1785, 2, 4, 16, UINT32_MAX, 512, UINT64_MAX,
+            5'000'000'000, 12'000'000, {{10, 1000}, {11, 2000}}, {{11, 3000}}};
+    // clang-format on
 }
 
 /// Memory clock 5001 with graphics clock 1500, and memory clock 810 with 1500, 300 and once more 300.

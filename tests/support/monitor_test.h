@@ -26,14 +26,14 @@ inline double SteadySeconds() {
 class ScriptedTest : public testing::Test {
 protected:
     ScriptedTest() {
-        sampler_clock::Reset();
-        GPUProfiler::Get()->FrameTimeMs.reset();
+        *GPUProfiler::Get() = {};
         StartOver();
     }
     ~ScriptedTest() override {
         EXPECT_THAT(Log(), testing::AnyOf("", testing::EndsWith("dlclose "), testing::EndsWith("dlopen(1) ")))
             << "NVML was left open";
         EXPECT_THAT(Sim.Misuse(), testing::IsEmpty());
+        sampler_clock::Reset();
     }
 
     void StartOver() {

@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include <atomic>
 #include <cerrno>
 #include <condition_variable>
 #include <cstdio>
@@ -34,6 +35,7 @@ constexpr std::chrono::seconds kPatience{60};
 // Guards what follows. A thread that begins a wait locks it while it holds the mutex of its condition.
 std::mutex Guard;
 std::condition_variable WaitBegan;
+uint64_t WaitCount = 0;
 sampler_clock::TimedWait Latest{};
 // Where the thread waits whose wait began last.
 pthread_cond_t* Condition = nullptr;
@@ -41,6 +43,7 @@ pthread_mutex_t* ConditionMutex = nullptr;
 bool bHeld = false;
 nanoseconds HeldNow{};
 unsigned int WaitsToPass = 0;
+std::atomic<unsigned int> ThreadsToRefuse{0};
 
 nanoseconds TimeOf(const timespec& moment) {
     return std::chrono::seconds(moment.tv_sec) + nanoseconds(moment.tv_nsec);
@@ -56,22 +59,11 @@ bool PassLocked(const timespec& deadline) {
 
 void NoteWaitLocked(pthread_cond_t* condition, pthread_mutex_t* mutex, const timespec& deadline) {
     const nanoseconds now = bHeld ? HeldNow : nanoseconds(STEADY_NOW(__real_)());
-    Latest = {Latest.Number + 1, TimeOf(deadline), TimeOf(deadline) - now};
+    ++WaitCount;
+    Latest = {TimeOf(deadline), TimeOf(deadline) - now};
     Condition = condition;
     ConditionMutex = mutex;
     WaitBegan.notify_all();
-}
-
-/// Wakes the thread that waits. Only with the mutex of its condition is it certain that the thread is in its wait
-/// already, and not on its way there.
-void Wake(unsigned int waitsToPass) {
-    pthread_mutex_lock(ConditionMutex);
-    {
-        const std::lock_guard<std::mutex> lock(Guard);
-        WaitsToPass = waitsToPass;
-    }
-    pthread_cond_broadcast(Condition);
-    pthread_mutex_unlock(ConditionMutex);
 }
 
 /// A wait by the wall clock that ends the program when nobody ends the wait.
@@ -89,8 +81,8 @@ void WaitToBeWoken(pthread_cond_t* condition, pthread_mutex_t* mutex) {
 extern "C" {
 
 void START_THREAD(__wrap_)(void* thread, void* state, void (*depend)()) {
-    if (sampler_clock::ThreadsToRefuse > 0) {
-        --sampler_clock::ThreadsToRefuse;
+    if (ThreadsToRefuse > 0) {
+        --ThreadsToRefuse;
         throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
     }
     START_THREAD(__real_)(thread, state, depend);
@@ -121,10 +113,9 @@ int64_t STEADY_NOW(__wrap_)() {
 
 namespace sampler_clock {
 
-std::atomic<unsigned int> ThreadsToRefuse{0};
-
 void Reset() {
     const std::lock_guard<std::mutex> lock(Guard);
+    WaitCount = 0;
     Latest = {};
     bHeld = false;
     WaitsToPass = 0;
@@ -138,11 +129,19 @@ void Hold() {
 }
 
 void PassWaits(unsigned int count) {
-    Wake(count);
+    // Only with the mutex of its condition is it certain that the thread is in its wait already, and not on its way.
+    pthread_mutex_lock(ConditionMutex);
+    {
+        const std::lock_guard<std::mutex> lock(Guard);
+        WaitsToPass = count;
+    }
+    pthread_cond_broadcast(Condition);
+    pthread_mutex_unlock(ConditionMutex);
 }
 
-void WakeSpuriously() {
-    Wake(0);
+uint64_t WaitsBegun() {
+    const std::lock_guard<std::mutex> lock(Guard);
+    return WaitCount;
 }
 
 TimedWait LatestWait() {
@@ -154,7 +153,15 @@ bool AwaitWaits(uint64_t count) {
     std::unique_lock<std::mutex> lock(Guard);
     // The wall clock, because waits on the steady clock come here.
     const auto giveUp = std::chrono::system_clock::now() + kPatience;
-    return WaitBegan.wait_until(lock, giveUp, [count] { return Latest.Number >= count; });
+    return WaitBegan.wait_until(lock, giveUp, [count] { return WaitCount >= count; });
+}
+
+void RefuseThreads(unsigned int count) {
+    ThreadsToRefuse = count;
+}
+
+unsigned int RefusalsLeft() {
+    return ThreadsToRefuse;
 }
 
 }  // namespace sampler_clock

@@ -1,7 +1,6 @@
 #ifndef SAMPLER_CLOCK_H
 #define SAMPLER_CLOCK_H
 
-#include <atomic>
 #include <chrono>
 #include <cstdint>
 
@@ -23,22 +22,25 @@ void Hold();
 /// waits that follow. A thread must have begun a wait.
 void PassWaits(unsigned int count = 1);
 /// Wakes the thread whose wait began last, without a reason, whether the clock is held or not.
-void WakeSpuriously();
+inline void WakeSpuriously() {
+    PassWaits(0);
+}
 
 struct TimedWait {
-    /// How many waits have begun, this one included. One that goes on after a wake-up counts again.
-    uint64_t Number = 0;
     std::chrono::nanoseconds Deadline{};
     std::chrono::nanoseconds Duration{};
 };
+/// How many waits have begun. One that goes on after a wake-up is counted again.
+uint64_t WaitsBegun();
 /// The wait that began last.
 TimedWait LatestWait();
 /// Returns when `count` waits have begun. False: that took more than a minute.
 bool AwaitWaits(uint64_t count);
 
-/// So many starts of a `std::thread` from now on fail as they do when the system has no thread left; each one that
-/// fails is subtracted.
-extern std::atomic<unsigned int> ThreadsToRefuse;
+/// Makes the next `count` starts of a `std::thread` fail as they do when the system has no thread left.
+void RefuseThreads(unsigned int count);
+/// How many of these starts have not been tried.
+unsigned int RefusalsLeft();
 
 }  // namespace sampler_clock
 
