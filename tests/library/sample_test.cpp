@@ -97,22 +97,15 @@ TEST_F(SampleTest, QueryThatIsMissingOrFailsLeavesOnlyItsOwnFieldsUnread) {
     }
 }
 
-TEST_F(SampleTest, QueriesAskedSeveralTimesFailEachForItself) {
+TEST_F(SampleTest, FurtherQueriesFailEachForItself) {
     Sim.FailFrom("nvmlDeviceGetPcieThroughput", simulated_nvml::kNotSupported, 2);
     Sim.FailFrom("nvmlDeviceGetClockInfo", simulated_nvml::kNotSupported, 3);
+    Sim.FailFrom("nvmlDeviceGetEnforcedPowerLimit", simulated_nvml::kUnknown);
+    Sim.FailFrom("nvmlDeviceGetPowerManagementLimit", simulated_nvml::kUnknown);
     GpuTelemetrySample expected = kSample;
-    expected.PcieTransmitMiBPerSecond = -1.0;
+    expected.PcieTransmitMiBPerSecond = expected.PowerLimitWatts = -1.0;
     expected.MemoryClockMHz = expected.VideoClockMHz = -1;
     EXPECT_EQ(FieldsOf(Read()), FieldsOf(expected));
-}
-
-TEST_F(SampleTest, ConfiguredLimitIsAskedOnlyWhenTheEnforcedOneCannotBeRead) {
-    Read();
-    EXPECT_EQ(Sim.Calls("nvmlDeviceGetPowerManagementLimit"), 0);
-    Sim.FailFrom("nvmlDeviceGetEnforcedPowerLimit", simulated_nvml::kUnknown);
-    EXPECT_EQ(Read().PowerLimitWatts, 320.0);
-    Sim.FailFrom("nvmlDeviceGetPowerManagementLimit", simulated_nvml::kUnknown);
-    EXPECT_EQ(Read().PowerLimitWatts, -1.0);
 }
 
 TEST_F(SampleTest, SucceedsWithPowerOrGraphicsClockAlsoWhenTheyAreZero) {

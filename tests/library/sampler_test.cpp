@@ -251,15 +251,6 @@ TEST_F(SamplerTest, SpuriousWakeUpsLeaveTheDeadlineWhereItIs) {
 
 // ---- Lifecycle ----
 
-TEST_F(SamplerTest, StopAndPauseEndWaitsAtOnce) {
-    Start();
-    Monitor.PauseSampling();
-    Monitor.SetInitialSampleDelay(milliseconds(10000));
-    Start();
-    Monitor.Stop();
-    EXPECT_EQ(Readings(), 1);
-}
-
 TEST_F(SamplerTest, PauseKeepsNvmlAndHistoriesAndASecondStartChangesNothing) {
     Monitor.PauseSampling();
     Start();
@@ -305,17 +296,17 @@ TEST_F(SamplerTest, ManyThreadsMayUseARunningMonitor) {
     Sim.SetBoards(fixed_boards::FixedBoards(2));
     Monitor.SetInitialSampleDelay(milliseconds(10));
     Monitor.Start();
-    const auto beAHost = [this](unsigned int host) {
+    const auto beAHost = [this] {
         for (int i = 0; i < 50; ++i) {
             Monitor.SetSampleInterval(milliseconds(100 + i));
             Monitor.SetInitialSampleDelay(milliseconds(i));
             EXPECT_THAT(Monitor.Snapshot(), SizeIs(2));
             GpuTelemetrySample sample;
-            EXPECT_TRUE(host == 0 ? Monitor.ReadCurrentSample(&sample) : Monitor.ReadCurrentSample(1, &sample));
             GpuClockCapabilities clocks;
-            EXPECT_TRUE(Monitor.GetClockCapabilities(&clocks) && Monitor.GetClockCapabilities(1, &clocks));
             GpuPowerCapabilities power;
             GpuClockState state;
+            EXPECT_TRUE(Monitor.ReadCurrentSample(&sample) && Monitor.ReadCurrentSample(1, &sample));
+            EXPECT_TRUE(Monitor.GetClockCapabilities(&clocks) && Monitor.GetClockCapabilities(1, &clocks));
             EXPECT_TRUE(Monitor.GetPowerCapabilities(1, &power) && Monitor.CaptureClockState(&state));
             const std::vector<GpuClockOperationResult> changes = {
                 Monitor.SetLockedClock({1500, 5001}), Monitor.SetLockedClock(1, {1500, 5001}),
@@ -328,7 +319,7 @@ TEST_F(SamplerTest, ManyThreadsMayUseARunningMonitor) {
         }
     };
     std::vector<std::future<void>> hosts;
-    for (unsigned int host = 0; host < 4; ++host) hosts.push_back(std::async(std::launch::async, beAHost, host));
+    for (int host = 0; host < 4; ++host) hosts.push_back(std::async(std::launch::async, beAHost));
     for (int i = 0; i < 20; ++i) {
         Monitor.Stop();
         EXPECT_TRUE(Monitor.Start());

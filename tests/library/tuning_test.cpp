@@ -1,6 +1,7 @@
 // What can be changed on a GPU, changing it, and taking the change back: clocks first, then the power limit.
 
 #include <cmath>
+#include <functional>
 #include <set>
 #include <tuple>
 
@@ -41,24 +42,16 @@ struct Fault {
 // Records with an earlier answer, of which nothing may survive a query.
 
 GpuClockCapabilities OldClocks() {
-    return {7, "uuid", "name", {{1, 2}}, 3, 4, true, "status"};
+    return {7, "old uuid", "old name", {{1, 2}}, 3, 4, true, "old status"};
 }
 
 GpuPowerCapabilities OldPower() {
-    return {7, "uuid", State::PermissionRequired, 1.0, 2.0, 3.0, 4.0, "status"};
+    return {7, "old uuid", State::PermissionRequired, 1.0, 2.0, 3.0, 4.0, "old status"};
 }
 
 /// Current, default, lowest and highest limit.
 std::vector<double> Watts(const GpuPowerCapabilities& answer) {
     return {answer.CurrentWatts, answer.DefaultWatts, answer.MinimumWatts, answer.MaximumWatts};
-}
-
-/// Codes of NVML that are no success, and what becomes of a change that they answer.
-std::vector<std::pair<unsigned int, std::string>> Refusals(const std::string& change) {
-    return {{4, "NoPermission: NVML denied " + change + " for this user. "},
-            {3, "Unsupported: The NVIDIA driver does not support " + change + ". "},
-            {7, "Error: NVML " + change + " failed. "},
-            {999, "Error: NVML " + change + " failed. "}};
 }
 
 /// Two fixed boards: clocks are changed on the first, the power limit on the second.
@@ -133,6 +126,7 @@ protected:
     const std::string Locked = GraphicsLocked + "DeviceSetMemoryLockedClocks(0, 810, 810) ";
     const std::string Undone = "DeviceResetGpuLockedClocks(0) DeviceResetMemoryLockedClocks(0) ";
     const std::string Released = "DeviceResetMemoryLockedClocks(0) DeviceResetGpuLockedClocks(0) ";
+    const std::string LimitSet = "DeviceSetPowerManagementLimit(1, 320000) ";
     const std::string NotListed = "Unsupported: Requested clock pair is not supported by NVML. ";
 };
 
@@ -166,15 +160,38 @@ TEST_F(TuningTest, WithoutADriverOrTheGpuTheRecordsSaySo) {
     expectUnavailable(noDriver, noDriver, 0, "");
 }
 
-TEST_F(TuningTest, GpuThatDiscoverySkippedHasItsClocksButNoPowerLimit) {
-    Break({{"nvmlDeviceGetName", kUnknown}});
-    MakeWhole();
-    Sim.FailFrom("nvmlDeviceGetName", kUnknown, 1, 1);
-    const GpuClockCapabilities clocks = QueryClocks(1);
+TEST_F(TuningTest, Device0IsNvmlsAlsoWhenDiscoverySkippedItAndThenHasNoPowerLimit) {
+    Sim.FailFrom("nvmlDeviceGetName", kUnknown, 1, 0);
+    GpuClockCapabilities clocks;
+    EXPECT_TRUE(Monitor.GetClockCapabilities(&clocks) && clocks.CanControl);
     EXPECT_EQ(clocks.DeviceName + clocks.DeviceUuid, "");
-    EXPECT_EQ(Monitor.SetLockedClock(1, {1500, 810}), Result::Success);
-    EXPECT_EQ(Monitor.RestoreDefaultClocks(1), Result::Success);
-    EXPECT_EQ(QueryPower(false).Status, "NVIDIA GPU is unavailable.");
+    EXPECT_EQ(Lock() + ResetClocks(), "Success " + Locked + "Success " + Released);
+    GpuPowerCapabilities power;
+    EXPECT_FALSE(Monitor.GetPowerCapabilities(0, &power));
+    EXPECT_EQ(power.Status + power.DeviceUuid, "NVIDIA GPU is unavailable.");
+}
+
+TEST_F(TuningTest, WhatNvmlRefusesIsMappedAndHalfALockIsUndone) {
+    const std::tuple<const char*, std::vector<const char*>, std::string, std::function<std::string()>> changes[] = {
+        {"GPU locked-clock control", {kLockGraphics}, GraphicsLocked, [this] { return Lock(); }},
+        {"memory locked-clock control", {kLockMemory, kResetGraphics}, Locked + Undone, [this] { return Lock(); }},
+        {"memory locked-clock reset", {kResetMemory}, Released, [this] { return ResetClocks(); }},
+        {"GPU locked-clock reset", {kResetGraphics}, Released, [this] { return ResetClocks(); }},
+        {"power-limit control", {kSet}, LimitSet, [this] { return SetLimit(320.0); }},
+        {"power-limit control", {kSet}, LimitSet, [this] { return RestoreLimit(); }}};
+    for (const auto& [change, failing, calls, make] : changes) {
+        const std::pair<unsigned int, std::string> answers[] = {
+            {4, std::string("NoPermission: NVML denied ") + change + " for this user. "},
+            {3, std::string("Unsupported: The NVIDIA driver does not support ") + change + ". "},
+            {7, std::string("Error: NVML ") + change + " failed. "},
+            {999, std::string("Error: NVML ") + change + " failed. "}};
+        for (const auto& [code, answer] : answers) {
+            Sim.StopFailing();
+            for (const char* name : failing) Sim.FailFrom(name, code);
+            EXPECT_EQ(make(), answer + calls);
+        }
+    }
+    EXPECT_NE(Monitor.SetPowerLimit(1, 320.0), Result::Success) << "with nowhere to say why";
 }
 
 TEST_F(TuningTest, RecordThatAnExceptionInterruptsHoldsNothingOld) {
@@ -194,15 +211,14 @@ TEST_F(TuningTest, RecordThatAnExceptionInterruptsHoldsNothingOld) {
         };
         GpuClockCapabilities clocks = OldClocks();
         interrupt([&] { Monitor.GetClockCapabilities(1, &clocks); });
-        EXPECT_THAT((std::set{clocks.DeviceUuid, clocks.DeviceName, clocks.Status}),
-                    Not(AnyOf(Contains("uuid"), Contains("name"), Contains("status"))));
+        EXPECT_THAT(clocks.DeviceUuid + clocks.DeviceName + clocks.Status, Not(HasSubstr("old")));
         EXPECT_THAT(clocks.SupportedPairs, Not(Contains(Pair{1, 2})));
         EXPECT_TRUE(clocks.CurrentGraphicsClockMHz != 3 && clocks.CurrentMemoryClockMHz != 4);
         EXPECT_TRUE(clocks.DeviceIndex != 7 && clocks.CanControl == !clocks.SupportedPairs.empty());
         GpuPowerCapabilities power = OldPower();
         interrupt([&] { Monitor.GetPowerCapabilities(1, &power); });
-        EXPECT_TRUE(power.DeviceIndex == 1 && power.DeviceUuid != "uuid" && power.Status != "status");
-        EXPECT_NE(power.State, State::PermissionRequired);
+        EXPECT_THAT(power.DeviceUuid + power.Status, Not(HasSubstr("old")));
+        EXPECT_TRUE(power.DeviceIndex == 1 && power.State != State::PermissionRequired);
         EXPECT_THAT(Watts(power), Each(AnyOf(Lt(0.0), Gt(100.0))));
         GpuClockState state{true, 1, 2};
         interrupt([&] { Monitor.CaptureClockState(&state); });
@@ -319,26 +335,6 @@ TEST_F(ClocksTest, LockSetsBothClocksAndResetReleasesThem) {
                                 "DeviceResetMemoryLockedClocks(1) DeviceResetGpuLockedClocks(1) "));
 }
 
-TEST_F(ClocksTest, WhatNvmlRefusesIsMappedAndHalfALockIsUndone) {
-    for (const auto& [code, outcome] : Refusals("GPU locked-clock control")) {
-        Break({{kLockGraphics, code}});
-        EXPECT_EQ(Lock(), outcome + GraphicsLocked);
-    }
-    for (const auto& [code, outcome] : Refusals("memory locked-clock control")) {
-        Break({{kLockMemory, code}, {kResetGraphics, kUnknown}, {kResetMemory, kUnknown}});
-        EXPECT_EQ(Lock(), outcome + Locked + Undone);
-        EXPECT_NE(Monitor.SetLockedClock({1500, 810}), Result::Success) << "with nowhere to say why";
-    }
-    for (const auto& [code, outcome] : Refusals("memory locked-clock reset")) {
-        Break({{kResetMemory, code}, {kResetGraphics, kGpuIsLost}});
-        EXPECT_EQ(ResetClocks(), outcome + Released);
-    }
-    for (const auto& [code, outcome] : Refusals("GPU locked-clock reset")) {
-        Break({{kResetGraphics, code}});
-        EXPECT_EQ(ResetClocks(), outcome + Released);
-    }
-}
-
 TEST_F(ClocksTest, ChangeThatCannotBeMadeIsRefusedBeforeNvmlIsAsked) {
     EXPECT_THAT((std::set{Lock({300, 5001}), Lock({1500, 405}), Lock({1200, 810}), Lock({})}), ElementsAre(NotListed));
     for (const char* name : {kLockGraphics, kLockMemory, kResetGraphics, kResetMemory}) {
@@ -370,7 +366,6 @@ protected:
         Sim.SetBoards(boards);
     }
 
-    const std::string SetTo320 = "Success DeviceSetPowerManagementLimit(1, 320000) ";
     const std::string Outside = "Unsupported: Requested power limit is outside the driver-supported range. ";
 };
 
@@ -427,8 +422,8 @@ TEST_F(PowerTest, StateFollowsFromWhatTheDriverHasAndAnswers) {
         EXPECT_EQ(answer.Status, status);
         EXPECT_EQ(Watts(answer), watts);
         const std::string refusal = std::string("Unsupported: ") + status + ' ';
-        EXPECT_EQ(SetLimit(320.0), state == State::Supported ? SetTo320 : refusal);
-        EXPECT_EQ(RestoreLimit(), state == State::Supported && watts[1] > 0.0 ? SetTo320 : refusal);
+        EXPECT_EQ(SetLimit(320.0), state == State::Supported ? "Success " + LimitSet : refusal);
+        EXPECT_EQ(RestoreLimit(), state == State::Supported && watts[1] > 0.0 ? "Success " + LimitSet : refusal);
         Monitor.Stop();
         StartOver();
     }
@@ -445,7 +440,7 @@ TEST_F(PowerTest, LimitsWithinTheRangeAreSetInWholeMilliwatts) {
     for (const double watts : {352.0004, 149.9999, -200.0, std::nan(""), HUGE_VAL, -HUGE_VAL}) {
         EXPECT_EQ(SetLimit(watts), Outside) << watts;
     }
-    EXPECT_EQ(RestoreLimit(), SetTo320);
+    EXPECT_EQ(RestoreLimit(), "Success " + LimitSet);
     SetRange(1, UINT32_MAX);
     EXPECT_EQ(SetLimit(4294967.295), setTo("4294967295"));
     SetRange(100000, 319999);
@@ -454,17 +449,12 @@ TEST_F(PowerTest, LimitsWithinTheRangeAreSetInWholeMilliwatts) {
     EXPECT_EQ(RestoreLimit(), "Unsupported: " + QueryPower().Status + ' ') << "a board without a default";
 }
 
-TEST_F(PowerTest, WhatNvmlRefusesIsMapped) {
-    for (const auto& [code, outcome] : Refusals("power-limit control")) {
-        Break({{kSet, code}});
-        EXPECT_EQ(SetLimit(150.0), outcome + "DeviceSetPowerManagementLimit(1, 150000) ");
-        EXPECT_THAT(Log(), HasSubstr(" ?DeviceSetPowerManagementLimit ?HandleByIndex_v2 HandleByIndex_v2(1) Device"));
-        EXPECT_EQ(RestoreLimit(), outcome + "DeviceSetPowerManagementLimit(1, 320000) ");
-        EXPECT_NE(Monitor.SetPowerLimit(1, 150.0), Result::Success) << "with nowhere to say why";
-    }
+TEST_F(PowerTest, GpuAndNameAreLookedUpAgainForTheChange) {
+    QueryPower();
     for (const Fault& fault : {Fault{kHandle, kGpuIsLost, 2}, Fault{kSet, 0, 2}}) {  // after the query
         Break({fault});
         EXPECT_EQ(SetLimit(150.0), "Unsupported: NVML power-limit control is unavailable. ");
+        EXPECT_THAT(Log(), EndsWith(" ?DeviceSetPowerManagementLimit ?HandleByIndex_v2 HandleByIndex_v2(1) "));
     }
 }
 
