@@ -53,13 +53,14 @@ measure_library() {
 # line WHAT UNIT MEASURED COMPARED RATIO TARGET: one line of the table.
 line() { printf '| %-50s | %-4s | %9s | %9s | %5s | %-14s |\n' "$@"; }
 
-# compare WHAT UNIT MEASURED [COMPARED [TARGET [FACTOR]]]: a figure, and its ratio to another one times FACTOR.
+# compare WHAT UNIT MEASURED [COMPARED [TARGET [FACTOR]]]: a figure, and its ratio to another one times FACTOR. Waits, in
+# ms, have no ratio.
 compare() {
     local figures
     figures=$(awk -v unit="$2" -v a="${measured[$3]}" -v b="${measured[${4:-$3}]}" -v target="${5:--}" \
         -v factor="${6:-1}" -v bAlone=$(($# == 3)) 'BEGIN {
         scale = unit == "KiB" ? 1024 : unit == "us" ? 1000 : 1
-        ratio = sprintf("%.2f", a / (b * factor))
+        ratio = unit == "ms" ? "-" : sprintf("%.2f", a / (b * factor))
         if (target != "-") target = "<= " target (ratio + 0 <= target + 0 ? " met" : " MISSED")
         if (bAlone) printf "%.1f|-|-|-", a / scale
         else printf "%.1f|%.1f|%s|%s", a / scale, b * factor / scale, ratio, target }')
