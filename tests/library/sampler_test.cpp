@@ -167,6 +167,7 @@ TEST_F(SamplerTest, CycleThatRunsOutOfMemoryLeavesEveryGpuWhole) {
         }
     } while (failing_memory::bAllocationFailed);
     EXPECT_GT(allocation, 1U);
+    failing_memory::bChecking = false;
 }
 
 TEST_F(SamplerTest, HistoryKeepsTheNewest6000Samples) {
