@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -41,13 +42,6 @@ std::string BeginStream(const std::string& options) {
            " >$fifo & exec 3<$fifo; rm $fifo; ";
 }
 
-std::vector<json> Lines(const std::string& output) {
-    std::vector<json> lines;
-    std::istringstream text(output);
-    for (std::string line; std::getline(text, line);) lines.push_back(json::parse(line));
-    return lines;
-}
-
 TEST(CommandTest, QueriesAnswerForTheWantedGpusInTextAndJson) {
     const std::tuple<std::string, std::string, std::string> queries[] = {
         {"list", "Name               NVIDIA GeForce RTX 3070 Laptop GPU\n", "pci_bus_id"},
@@ -74,14 +68,19 @@ TEST(CommandTest, StreamPrintsEveryCycleOnce) {
         "on_simulator NVML_SIM_BOARDS=2 NVML_SIM_DELAYS=realistic gpu_monitor stream --interval 100 --count 4 --json");
     EXPECT_EQ(result.Status, 0) << result.Errors;
     std::map<int, std::vector<double>> timestamps;
-    for (const json& line : Lines(result.Output)) timestamps[line.at("index")].push_back(line.at("timestamp_seconds"));
+    std::istringstream lines(result.Output);
+    for (std::string line; std::getline(lines, line);) {
+        const json sample = json::parse(line);
+        timestamps[sample.at("index")].push_back(sample.at("timestamp_seconds"));
+    }
     EXPECT_THAT(timestamps, SizeIs(2));
     for (const auto& [gpu, times] : timestamps) {
         ASSERT_THAT(times, SizeIs(4)) << gpu;
         for (size_t i = 1; i < times.size(); ++i) EXPECT_GE(times[i] - times[i - 1], 0.18);
     }
-    EXPECT_THAT(Shell("gpu_monitor stream --simulate=2 --gpu 1 --interval 100 --count 2").Output,
-                ContainsRegex("^    time gpu .*\n       s  .*\n     0.[0-9]   1 .*\n     0.[1-9]   1 [^\n]*\n$"));
+    EXPECT_THAT(
+        Shell("gpu_monitor stream --simulate=2 --gpu 1 --interval 100 --count 2").Output,
+        ContainsRegex("^    time gpu .*\n       s  .*\n     [0-9][.][0-9]   1 .*\n     [0-9][.][0-9]   1 [^\n]*\n$"));
 }
 
 TEST(CommandTest, StreamEndsCleanlyOnSignalsAndOnAClosedPipe) {
@@ -90,7 +89,7 @@ TEST(CommandTest, StreamEndsCleanlyOnSignalsAndOnAClosedPipe) {
         const Result result = Shell(BeginStream("--interval 10000 --json") +
                                     "read -r line <&3; echo \"$line\"; kill -" + signal + " $!; cat <&3; wait $!");
         EXPECT_EQ(result.Status, 0) << signal << result.Errors;
-        EXPECT_THAT(Lines(result.Output), SizeIs(1)) << signal;
+        EXPECT_EQ(std::count(result.Output.begin(), result.Output.end(), '\n'), 1) << signal;
     }
     const Result closed = Shell(BeginStream("--interval 10000") + "read -r line <&3; exec 3<&-; wait $!");
     EXPECT_EQ(closed.Status, 0) << closed.Errors;
@@ -100,10 +99,10 @@ TEST(CommandTest, StreamSaysWhichGpuIsLostAndEndsWhenAllAre) {
     const std::string stream = "gpu_monitor stream --interval 100 --count ";
     const Result oneLost = Shell("on_simulator NVML_SIM_BOARDS=2 NVML_SIM_LOSE=1@100 " + stream + "20");
     EXPECT_EQ(oneLost.Status, 0);
-    EXPECT_THAT(oneLost.Errors, ContainsRegex("^GPU 1 has given no reading for [0-9.]+ s; it may be lost.\n$"));
+    EXPECT_THAT(oneLost.Errors, ContainsRegex("^GPU 1 has given no reading for [0-9.]+ s; it may be lost[.]\n$"));
     const Result allLost = Shell("on_simulator NVML_SIM_LOSE=0@100 " + stream + "99");
     EXPECT_EQ(allLost.Status, 1);
-    EXPECT_THAT(allLost.Errors, ContainsRegex("\nNo GPU has given a reading for [5-9] s.\n$"));
+    EXPECT_THAT(allLost.Errors, ContainsRegex("\nNo GPU has given a reading for [0-9.]+ s[.]\n$"));
 }
 
 TEST(CommandTest, AStreamThatRunsBesideShowsEveryChangeAndItsUndo) {
@@ -147,7 +146,7 @@ TEST(CommandTest, FailuresAreExplainedAndHaveTheirStatus) {
          {"BOARDS=0", "BOARDS=65", "BOARDS=desktop,", "DELAYS=slow", "RIGHTS=root", "SEED=-1", "LOSE=1@5", "LOSE=0@",
           "LOSE=0", "HANG=1@0"}},
         {2, ".\n", "gpu_monitor # --simulate=1",
-         {"list --jsn", "sample --gpu one", "sample --gpu -1", "sample --gpu 00", "stream --interval 99",
+         {"", "list --jsn", "sample --gpu one", "sample --gpu -1", "sample --gpu 00", "stream --interval 99",
           "stream --interval 10001", "stream --count 0", "lock-clocks 1500 5001", "lock-clocks --gpu 0 1500",
           "lock-clocks --gpu 0 1500.5 5001", "lock-clocks --gpu 0 0 5001", "set-power 250", "set-power --gpu 0",
           "set-power --gpu 0 nan", "set-power --gpu 0 inf", "set-power --gpu 0 250W", "set-power --gpu 0 ''",
@@ -156,9 +155,8 @@ TEST(CommandTest, FailuresAreExplainedAndHaveTheirStatus) {
         {2, "Not a command: show.", "gpu_monitor #", {"show"}},
         {2, "There is no GPU 2. GPUs here: 0, 1.\n", "gpu_monitor # --gpu 2 --simulate=2",
          {"sample", "stream", "reset-clocks"}},
-        {3, "NVML denied", withoutRights + "gpu_monitor # --simulate",
+        {3, "Changing GPUs needs root: run the same command with sudo", withoutRights + "gpu_monitor # --simulate=2",
          {"lock-clocks --gpu 0 1500 5001", "reset-clocks", "set-power --gpu 0 200", "reset-power"}},
-        {3, "with sudo", withoutRights + "gpu_monitor reset-clocks --simulate=#", {"1", "2"}},
         {4, "Nearest: 1500 MHz graphics, 5001 MHz memory.", "gpu_monitor lock-clocks --gpu 0 # --simulate", {"1507 5000"}},
         {4, "NVML did not expose supported memory clocks.", "gpu_monitor lock-clocks --gpu 0 324 324 --simulate=#", {"old"}},
         {4, "Both locks of this GPU were released", "gpu_monitor lock-clocks --gpu 0 1500 7001 --simulate=#", {"workstation"}},

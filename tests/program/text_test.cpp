@@ -99,18 +99,16 @@ TEST(TextTest, JsonHasWhatWasReadUnderItsUnit) {
 }
 
 TEST(TextTest, JsonTimeIsTheTimeOfDayOfTheSample) {
-    const double now = gpu_feed::NowSeconds();
-    const time_t before = time(nullptr);
     // The milliseconds of one of these begin with a zero.
     for (double age = 7000.0; age < 7001.0; age += 0.1) {
         GpuTelemetrySample sample;
-        sample.TimestampSeconds = now - age;
+        sample.TimestampSeconds = gpu_feed::NowSeconds() - age;
         const std::string json = StreamJson({}, sample, nullptr);
         tm utc{};
         const char* const end = strptime(json.c_str(), R"({"index":0,"name":"","time":"%Y-%m-%dT%H:%M:%S)", &utc);
         ASSERT_NE(end, nullptr) << json;
         EXPECT_THAT(std::string(end, 6), MatchesRegex("[.][0-9][0-9][0-9]Z\""));
-        EXPECT_NEAR(difftime(before, timegm(&utc)), age, 2.0);
+        EXPECT_NEAR(difftime(time(nullptr), timegm(&utc)), age, 2.0);
     }
 }
 
@@ -168,17 +166,17 @@ TEST(TextTest, ReportOfAPowerLimitSaysWhatIsInForceAndHowToUndoIt) {
 
 TEST(TextTest, ReportOfALockSaysWhyOtherClocksRunAndAdviceWhatCanBeLocked) {
     const std::string note = " Note The driver took the lock, but ";
+    const std::string undo =
+        " Undo releases the clocks and brings no earlier lock back: "
+        "gpu_monitor reset-clocks --gpu 3 --simulate";
     const std::tuple<GpuReadings, int, std::string> cases[] = {
-        {FullGpu(), 1500, ""},
-        {FullGpu(), 1485, note + "other clocks run; limited by: power cap, thermal."},
-        {FullGpu(0), 1485, note + "other clocks run; it does not tell what limits them."},
-        {kSilentGpu, 1485, note + "the clocks cannot be read."}};
+        {FullGpu(), 1500, "5001 MHz memory"},
+        {FullGpu(), 1485, "5001 MHz memory" + note + "other clocks run; limited by: power cap, thermal."},
+        {FullGpu(0), 1485, "5001 MHz memory" + note + "other clocks run; it does not tell what limits them."},
+        {kSilentGpu, 1485, "Running -" + note + "the clocks cannot be read."}};
     for (const auto& [gpu, graphics, report] : cases) {
-        const std::string text = Words(Paragraph({}, LockReport({graphics, 5001}, gpu.Sample, 3, "--simulate"), 40));
-        const std::string running = gpu.Sample.SmClockMHz == -1 ? "-" : "1500 MHz graphics, 5001 MHz memory";
-        EXPECT_THAT(text, EndsWith("Running " + running + report +
-                                   " Undo releases the clocks and brings no earlier "
-                                   "lock back: gpu_monitor reset-clocks --gpu 3 --simulate"));
+        const Details details = LockReport({graphics, 5001}, gpu.Sample, 3, "--simulate");
+        EXPECT_THAT(Words(Paragraph({}, details, 40)), EndsWith(report + undo));
     }
     const GpuClockCapabilities listed = {0, "", "", {{1000, 5001}, {1020, 5001}, {1020, 405}}, -1, -1, true, ""};
     const std::pair<GpuClockPair, std::string> advice[] = {
