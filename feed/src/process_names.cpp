@@ -4,9 +4,12 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <new>
+#include <system_error>
 #include <thread>
 #include <tuple>
 #include <utility>
@@ -30,12 +33,17 @@ std::string ProgramName(const std::string& folder) {
     return program.compare(0, name.size(), name) == 0 ? program : name;
 }
 
+/// The number where the system knows no name, or memory does not suffice for it.
 std::string NameOfUser(uid_t userId) {
     passwd entry{};
     passwd* found = nullptr;
-    std::vector<char> buffer(kUserBufferBytes);
+    std::array<char, kUserBufferBytes> buffer{};
     const int error = getpwuid_r(userId, &entry, buffer.data(), buffer.size(), &found);
-    return error == 0 && found != nullptr ? entry.pw_name : std::to_string(userId);
+    try {
+        if (error == 0 && found != nullptr) return entry.pw_name;
+    } catch (const std::bad_alloc&) {
+    }
+    return std::to_string(userId);
 }
 
 }  // namespace
@@ -57,15 +65,21 @@ std::vector<FeedProcess> ProcessNames::Describe(const std::vector<GpuProcessMemo
 }
 
 std::string ProcessNames::UserName(unsigned int userId) {
-    std::shared_future<std::string>& name = UserNames[userId];
-    if (!name.valid()) {
+    auto known = UserNames.find(userId);
+    if (known == UserNames.end()) {
         std::packaged_task<std::string()> lookUp([userId] { return NameOfUser(userId); });
-        name = lookUp.get_future().share();
-        std::thread(std::move(lookUp)).detach();
+        std::shared_future<std::string> name = lookUp.get_future().share();
+        try {
+            std::thread(std::move(lookUp)).detach();
+        } catch (const std::system_error&) {
+            // No thread can be had now; the next look tries again.
+            return std::to_string(userId);
+        }
         name.wait_for(kUsualLookUp);
+        known = UserNames.emplace(userId, std::move(name)).first;
     }
-    const bool bKnown = name.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
-    return bKnown ? name.get() : std::to_string(userId);
+    const bool bAnswered = known->second.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+    return bAnswered ? known->second.get() : std::to_string(userId);
 }
 
 }  // namespace gpu_feed

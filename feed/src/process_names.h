@@ -11,7 +11,7 @@
 
 namespace gpu_feed {
 
-/// Tells what the system knows of processes.
+/// Adds to processes what the system knows of them.
 class ProcessNames {
 public:
     /// `processes`, largest first; with names if they are processes of this system.

@@ -8,13 +8,11 @@
 
 namespace gpu_feed {
 
-/// Tells when the sampler's next cycle is due, from the timestamps of its samples. Moments are steady-clock seconds.
+/// Finds out when the sampler's next cycle is due, from the timestamps of its samples. Moments are steady-clock
+/// seconds.
 class Rhythm {
 public:
     explicit Rhythm(std::chrono::milliseconds interval);
-
-    /// Interval and duration of a cycle together, as last measured.
-    double Period() const { return PeriodSeconds; }
 
     /// The moment for the first look after the sampler was started at `now`.
     double AfterStart(double now) const;
@@ -27,7 +25,6 @@ public:
 
 private:
     double IntervalSeconds;
-    double PeriodSeconds;
     double RetrySeconds;
 };
 

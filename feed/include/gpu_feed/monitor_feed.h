@@ -14,6 +14,8 @@
 
 namespace gpu_feed {
 
+class FeedWorker;
+
 /// What can be changed on one GPU, as `NvmlGpuMonitor` tells it.
 struct TuningCapabilities {
     GpuClockCapabilities Clocks;
@@ -84,10 +86,8 @@ public:
     bool Stop(std::chrono::milliseconds patience = std::chrono::milliseconds(1000));
 
 private:
-    class Worker;
-
-    /// Lives as long as its thread, if that hangs.
-    std::shared_ptr<Worker> Work;
+    /// Shared with its thread, which may hang and outlive the feed.
+    std::shared_ptr<FeedWorker> Worker;
     std::thread Thread;
     bool bLeftBehind = false;
 };
