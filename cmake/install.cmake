@@ -19,9 +19,19 @@ install(FILES include/nvml_gpu_monitor.h DESTINATION "${CMAKE_INSTALL_INCLUDEDIR
 install(FILES src/nvml_gpu_monitor.cpp DESTINATION "${source_dir}" COMPONENT development)
 install(FILES profiler/gpu_profiler.h DESTINATION "${source_dir}/profiler" COMPONENT development)
 
+# ---- The feed, for hosts with a user interface ----
+
+install(TARGETS nvml_gpu_monitor_feed EXPORT nvml_gpu_monitor_feed
+    ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT development
+    INCLUDES DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
+install(DIRECTORY feed/include/ DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}" COMPONENT development)
+
 # ---- find_package ----
 
 install(EXPORT nvml_gpu_monitor NAMESPACE nvml_gpu_monitor:: FILE nvml_gpu_monitorTargets.cmake
+    DESTINATION "${package_dir}" COMPONENT development)
+# Apart from the library, which a host with a profiler of its own compiles itself.
+install(EXPORT nvml_gpu_monitor_feed NAMESPACE nvml_gpu_monitor:: FILE nvml_gpu_monitorFeedTargets.cmake
     DESTINATION "${package_dir}" COMPONENT development)
 configure_package_config_file(cmake/nvml_gpu_monitorConfig.cmake.in
     "${CMAKE_CURRENT_BINARY_DIR}/package/nvml_gpu_monitorConfig.cmake"

@@ -28,7 +28,4 @@ if(NVML_GPU_MONITOR_LIBRARY_TYPE STREQUAL "SHARED_LIBRARY")
         LINK_DEPENDS "${CMAKE_CURRENT_SOURCE_DIR}/cmake/exports.map")
 endif()
 
-if(NVML_GPU_MONITOR_TOP_LEVEL)
-    include(cmake/warnings.cmake)
-    nvml_gpu_monitor_strict_warnings(nvml_gpu_monitor)
-endif()
+nvml_gpu_monitor_strict_warnings(nvml_gpu_monitor)

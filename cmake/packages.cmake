@@ -34,8 +34,9 @@ and changes clocks and power limits. Harmless where there is no driver.")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libnvml-gpu-monitor-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "Telemetry and tuning of NVIDIA GPUs, development files
-Header, CMake package, pkg-config file, and the source for programs that
-compile it with their own frame profiler.")
+Headers, CMake package, pkg-config file, the feed for programs with a user
+interface, and the source for programs that compile it with their own frame
+profiler.")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME gpu-monitor)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
