@@ -78,7 +78,7 @@ double FeedWorker::DriverWait() const {
 void FeedWorker::Run() {
     Monitor.SetSampleInterval(Next.Interval);
     while (Shared.WaitForRequest(NextMoment())) {
-        CarryOutRequests();
+        CarryOutRequest();
         DoWhatIsDue();
     }
     const DriverUse use(this);
@@ -98,12 +98,13 @@ std::optional<double> FeedWorker::NextMoment() const {
     return next;
 }
 
-void FeedWorker::CarryOutRequests() {
-    while (const FeedExchange::Request request = Shared.TakeRequest()) {
-        const DriverUse use(this);
-        Attempt([&] { request(this); });
-        Shared.SignalChange();
-    }
+/// One only, so that requests do not keep what is due from being done.
+void FeedWorker::CarryOutRequest() {
+    const FeedExchange::Request request = Shared.TakeRequest();
+    if (!request) return;
+    const DriverUse use(this);
+    Attempt([&] { request(this); });
+    Shared.SignalChange();
 }
 
 void FeedWorker::DoWhatIsDue() {

@@ -55,8 +55,8 @@ private:
     class DriverUse;
 
     std::optional<double> NextMoment() const;
+    void CarryOutRequest();
     void DoWhatIsDue();
-    void CarryOutRequests();
     void TakeBackOverdue(double now);
     void LookSoon();
     void Look();

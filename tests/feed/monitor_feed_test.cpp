@@ -1,5 +1,4 @@
-// The feed that keeps the interfaces of example hosts from waiting for the driver, on a driver that does all kinds of
-// things to it.
+// The feed and its thread, on drivers that answer, refuse, hang or are not there.
 
 #include "gpu_feed/monitor_feed.h"
 
@@ -7,7 +6,7 @@
 #include <future>
 #include <mutex>
 
-#include "gpu_feed/limit_reasons.h"
+#include "failing_memory.h"
 #include "monitor_test.h"
 
 namespace {
@@ -47,18 +46,17 @@ protected:
         Feed = std::make_unique<MonitorFeed>(options);
     }
 
-    /// For the states, which time alone can change, too.
+    /// By the wall clock, because a test can hold the other one. Looks again now and then: time alone changes states.
     template <typename Condition>
     bool WaitFor(Condition condition) {
-        std::unique_lock<std::mutex> lock(Mutex);
-        const auto giveUp = std::chrono::steady_clock::now() + seconds(60);
-        while (std::chrono::steady_clock::now() < giveUp) {
-            lock.unlock();
-            if (condition()) return true;
-            lock.lock();
-            Changed.wait_for(lock, milliseconds(10));
+        const auto giveUp = std::chrono::system_clock::now() + seconds(60);
+        while (!condition()) {
+            std::unique_lock<std::mutex> lock(Mutex);
+            const auto now = std::chrono::system_clock::now();
+            if (now > giveUp) return false;
+            Changed.wait_until(lock, now + milliseconds(10));
         }
-        return false;
+        return true;
     }
 
     FeedState State() const { return Feed->Latest()->State; }
@@ -295,19 +293,6 @@ TEST(PowerWayBackTest, IsWhatWasInForceOrElseTheDefault) {
         power.MinimumWatts = 150.0;
         power.MaximumWatts = 352.0;
         EXPECT_EQ(PowerWayBack(change, power), expected) << current << ' ' << byDefault;
-    }
-}
-
-TEST(ReadingsTest, OnlyLimitsThatProtectTheGpuAreADanger) {
-    const uint64_t dangers = simulated_nvml::kReasonHardwareSlowdown | simulated_nvml::kReasonHardwareThermal |
-                             simulated_nvml::kReasonSoftwareThermal | simulated_nvml::kReasonHardwarePowerBrake;
-    for (uint64_t bit = 1; bit != 0; bit <<= 1U) {
-        GpuTelemetrySample sample;
-        sample.PerformanceLimitReasons = bit;
-        const std::vector<LimitReason> reasons = LimitReasons(sample.PerformanceLimitReasons);
-        ASSERT_THAT(reasons, SizeIs(1));
-        EXPECT_EQ(reasons[0].bDanger, (bit & dangers) != 0) << reasons[0].Word;
-        EXPECT_EQ(reasons[0].bIdle, bit == simulated_nvml::kReasonIdle) << reasons[0].Word;
     }
 }
 
