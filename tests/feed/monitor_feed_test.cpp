@@ -2,8 +2,10 @@
 
 #include "gpu_feed/monitor_feed.h"
 
+#include <cmath>
 #include <condition_variable>
 #include <future>
+#include <limits>
 #include <mutex>
 
 #include "failing_memory.h"
@@ -20,8 +22,10 @@ using std::chrono::seconds;
 
 constexpr const char* kReadingCall = "nvmlDeviceGetTemperature";
 constexpr const char* kSetPower = "nvmlDeviceSetPowerManagementLimit";
+constexpr const char* kEnding = "The program is ending.";
 constexpr double kLongSeconds = 1000.0;
 const TuningChange kLimit = {Kind::SetPower, {}, 200.0};
+const TuningChange kLock = {Kind::LockClocks, {1500, 5001}};
 
 class FeedTest : public ScriptedTest {
 protected:
@@ -44,6 +48,14 @@ protected:
             Changed.notify_all();
         };
         Feed = std::make_unique<MonitorFeed>(options);
+    }
+
+    /// As a feed of one GPU whose sampler is at rest, so that only the feed's own thread waits.
+    void StartPaused() {
+        Start(milliseconds(10000), 1);
+        EXPECT_TRUE(WaitForState(0, GpuState::Live));
+        Feed->Pause();
+        EXPECT_TRUE(WaitForState(0, GpuState::Paused));
     }
 
     /// By the wall clock, because a test can hold the other one. Looks again now and then: time alone changes states.
@@ -82,6 +94,13 @@ protected:
         return WaitFor([&] { return Samples().size() >= count; });
     }
 
+    TuningRecord Record(TuningControl control) const { return *Feed->Latest()->FindTuning(Key(), control); }
+
+    /// Until when the wait lasts that began last, in steady-clock seconds.
+    static double LatestWaitEnd() {
+        return std::chrono::duration<double>(sampler_clock::LatestWait().Deadline).count();
+    }
+
     int ChangeCount() {
         const std::lock_guard<std::mutex> lock(Mutex);
         return Changes;
@@ -105,7 +124,9 @@ TEST_F(FeedTest, StartsWithoutBeingWaitedForAndGivesSamplesOfEveryGpu) {
     EXPECT_EQ(ChangeCount(), 0);
     Sim.Unblock();
     EXPECT_TRUE(WaitForState(0, GpuState::Live) && WaitForState(1, GpuState::Live));
-    EXPECT_TRUE(WaitForSamples(3));
+    EXPECT_TRUE(WaitForSamples(5));
+    // Sampler and feed wait for their moments: neither turns without a pause.
+    EXPECT_LT(sampler_clock::WaitsBegun(), 200);
     const std::shared_ptr<const FeedData> data = Feed->Latest();
     EXPECT_EQ(data->State, FeedState::Sampling);
     EXPECT_EQ(data->Interval, milliseconds(100));
@@ -131,18 +152,6 @@ TEST_F(FeedTest, WithoutADriverItIsUnavailableAndSaysWhy) {
     EXPECT_TRUE(Feed->Stop());
 }
 
-TEST_F(FeedTest, LostGpuHasNoDataWhileTheOtherGoesOn) {
-    Start();
-    Sim.LoseBoard(0, 300);
-    EXPECT_TRUE(WaitForState(0, GpuState::Live));
-    EXPECT_TRUE(WaitForState(0, GpuState::NoData));
-    EXPECT_EQ(StateOf(1), GpuState::Live);
-    const std::shared_ptr<const FeedData> data = Feed->Latest();
-    EXPECT_GT(data->Find(Key(0))->Latest.TemperatureC, 0);
-    EXPECT_GT(data->Find(Key(0))->SilentSince, data->Find(Key(0))->Latest.TimestampSeconds);
-    EXPECT_EQ(data->Find("GPU-0"), nullptr);
-}
-
 TEST_F(FeedTest, DriverThatHangsHoldsUpNeitherTheDataNorTheEnd) {
     Start();
     EXPECT_TRUE(WaitForSamples(3));
@@ -157,7 +166,7 @@ TEST_F(FeedTest, DriverThatHangsHoldsUpNeitherTheDataNorTheEnd) {
     Sim.Unblock();
     EXPECT_TRUE(WaitForCalls("nvmlShutdown", 1));
     const TuningCapabilities answer = unanswered.get();
-    EXPECT_EQ(answer.Power.Status, "The program is ending.");
+    EXPECT_EQ(answer.Power.Status, kEnding);
     EXPECT_EQ(ChangeCount(), changes);
 }
 
@@ -196,7 +205,7 @@ TEST_F(FeedTest, RequestsAreCarriedOutInOrderOnTheGpuThatTheyName) {
     Sim.Block(kSetPower);
     std::vector<std::future<TuningResult>> answers;
     answers.push_back(Feed->Tune(Key(1), kLimit, kLongSeconds));
-    answers.push_back(Feed->Tune(Key(1), {Kind::LockClocks, {1500, 5001}}, kLongSeconds));
+    answers.push_back(Feed->Tune(Key(1), kLock, kLongSeconds));
     answers.push_back(Feed->Tune(Key(0), {Kind::SetPower, {}, 999.0}, kLongSeconds));
     answers.push_back(Feed->Tune("GPU-of-another-machine", kLimit, kLongSeconds));
     answers.push_back(Feed->TakeBack(Key(1), TuningControl::Power));
@@ -223,24 +232,6 @@ TEST_F(FeedTest, RequestsAreCarriedOutInOrderOnTheGpuThatTheyName) {
                              [](const TuningRecord& record) { return record.IsOutstanding(); }));
 }
 
-TEST_F(FeedTest, ChangeGoesBackByItselfUnlessItIsKept) {
-    Start(milliseconds(10000), 1);
-    EXPECT_TRUE(WaitForState(0, GpuState::Live));
-    const auto limitAfter = [this](bool bKept, double keepSeconds) {
-        EXPECT_EQ(Feed->Tune(Key(), kLimit, keepSeconds).get().Error, "");
-        if (bKept) Feed->Keep(Key(), TuningControl::Power);
-        EXPECT_TRUE(
-            WaitFor([this] { return Feed->Latest()->FindTuning(Key(), TuningControl::Power)->Deadline == 0.0; }));
-        return Feed->QueryTuning(Key()).get().Power.CurrentWatts;
-    };
-    EXPECT_EQ(limitAfter(false, 0.2), 320.0);
-    EXPECT_FALSE(Feed->Latest()->Tuning.at(0).IsOutstanding());
-    EXPECT_EQ(limitAfter(true, kLongSeconds), 200.0);
-    EXPECT_TRUE(Feed->Latest()->Tuning.at(0).IsOutstanding());
-    EXPECT_EQ(Feed->TakeBack(Key(), TuningControl::Power).get().Error, "");
-    EXPECT_EQ(Feed->QueryTuning(Key()).get().Power.CurrentWatts, 320.0);
-}
-
 TEST_F(FeedTest, WayBackLeadsPastChangesThatNobodyHasKeptAndThoseThatFailed) {
     Start(milliseconds(10000), 1);
     EXPECT_TRUE(WaitForState(0, GpuState::Live));
@@ -263,6 +254,71 @@ TEST_F(FeedTest, WayBackLeadsPastChangesThatNobodyHasKeptAndThoseThatFailed) {
                 EndsWith("(0, 250000) DeviceSetPowerManagementLimit(0, 320000) "));
 }
 
+TEST_F(FeedTest, ChangesGoBackAtTheirDeadlinesUnlessTheyAreKept) {
+    StartPaused();
+    sampler_clock::Hold();
+    uint64_t waits = sampler_clock::WaitsBegun();
+    const auto tune = [&](const TuningChange& change, double keepSeconds) {
+        EXPECT_EQ(Feed->Tune(Key(), change, keepSeconds).get().Error, "");
+        EXPECT_TRUE(sampler_clock::AwaitWaits(++waits));
+    };
+    tune(kLimit, 20.0);
+    tune(kLock, 10.0);
+    EXPECT_NEAR(LatestWaitEnd(), Record(TuningControl::Clocks).Deadline, 1e-6);
+    sampler_clock::WakeSpuriously();
+    EXPECT_TRUE(sampler_clock::AwaitWaits(++waits));
+    EXPECT_TRUE(Record(TuningControl::Clocks).IsOutstanding());
+    sampler_clock::PassWaits();
+    EXPECT_TRUE(sampler_clock::AwaitWaits(++waits));
+    EXPECT_FALSE(Record(TuningControl::Clocks).IsOutstanding());
+    EXPECT_TRUE(Record(TuningControl::Power).IsOutstanding());
+    EXPECT_NEAR(LatestWaitEnd(), Record(TuningControl::Power).Deadline, 1e-6);
+    sampler_clock::PassWaits();
+    EXPECT_TRUE(WaitFor([this] { return !Record(TuningControl::Power).IsOutstanding(); }));
+    EXPECT_EQ(Feed->QueryTuning(Key()).get().Power.CurrentWatts, 320.0);
+    // However long a change may wait to be kept, the wait for it is a long one too.
+    tune(kLimit, std::numeric_limits<double>::infinity());
+    EXPECT_GT(LatestWaitEnd(), 1e9);
+    Feed->Keep(Key(), TuningControl::Power);
+    EXPECT_TRUE(WaitFor([this] { return Record(TuningControl::Power).Deadline == 0.0; }));
+    EXPECT_EQ(Feed->QueryTuning(Key()).get().Power.CurrentWatts, 200.0);
+    EXPECT_EQ(sampler_clock::WaitsBegun(), waits);
+    EXPECT_EQ(Feed->TakeBack(Key(), TuningControl::Power).get().Error, "");
+    EXPECT_EQ(Log(0, {"LockedClocks(", "SetPowerManagementLimit("}),
+              "DeviceSetPowerManagementLimit(0, 200000) DeviceSetGpuLockedClocks(0, 1500, 1500) "
+              "DeviceSetMemoryLockedClocks(0, 5001, 5001) DeviceResetMemoryLockedClocks(0) "
+              "DeviceResetGpuLockedClocks(0) DeviceSetPowerManagementLimit(0, 320000) "
+              "DeviceSetPowerManagementLimit(0, 200000) DeviceSetPowerManagementLimit(0, 320000) ");
+}
+
+TEST_F(FeedTest, OverdueChangeDoesNotWaitForTheNextLook) {
+    Start(milliseconds(10000), 1);
+    EXPECT_TRUE(WaitForState(0, GpuState::Live));
+    EXPECT_EQ(Feed->Tune(Key(), kLimit, 5.0).get().Error, "");
+    EXPECT_TRUE(WaitFor([this] { return std::abs(LatestWaitEnd() - Record(TuningControl::Power).Deadline) < 1e-6; }));
+}
+
+TEST_F(FeedTest, LockThatFailsHalfWayIsReleasedOnceAndASolvedProblemIsForgotten) {
+    StartPaused();
+    Sim.FailFrom("nvmlDeviceSetMemoryLockedClocks", simulated_nvml::kNotSupported);
+    const size_t from = Sim.Log().size();
+    EXPECT_EQ(Feed->Tune(Key(), kLock, kLongSeconds).get().Half, HalfLock::Released);
+    EXPECT_FALSE(Record(TuningControl::Clocks).IsOutstanding());
+    EXPECT_EQ(Feed->Tune(Key(), kLimit, kLongSeconds).get().Error, "");
+    Sim.SetAdministratorRights(false);
+    EXPECT_NE(Feed->TakeBack(Key(), TuningControl::Power).get().Error, "");
+    EXPECT_NE(Record(TuningControl::Power).Problem, "");
+    EXPECT_TRUE(Record(TuningControl::Power).IsOutstanding());
+    Sim.SetAdministratorRights(true);
+    Sim.StopFailing();
+    EXPECT_EQ(Feed->Tune(Key(), kLock, kLongSeconds).get().Error, "");
+    EXPECT_EQ(Feed->TakeAllBack().get().Error, "");
+    EXPECT_EQ(Record(TuningControl::Power).Problem, "");
+    EXPECT_EQ(Log(from, {"ResetMemoryLockedClocks("}),
+              // By the monitor and by the feed, and later the successful lock.
+              "DeviceResetMemoryLockedClocks(0) DeviceResetMemoryLockedClocks(0) DeviceResetMemoryLockedClocks(0) ");
+}
+
 TEST_F(FeedTest, EndTakesBackWhatNobodyHasKeptAndFailsTheRequestsThatItOvertakes) {
     Start(milliseconds(10000), 1);
     EXPECT_TRUE(WaitForState(0, GpuState::Live));
@@ -273,11 +329,67 @@ TEST_F(FeedTest, EndTakesBackWhatNobodyHasKeptAndFailsTheRequestsThatItOvertakes
     EXPECT_FALSE(Feed->Stop(milliseconds(10)));
     Sim.Unblock();
     EXPECT_EQ(begun.get().Result, GpuClockOperationResult::Success);
-    for (const std::string& error : {overtaken.get().Error, Feed->Tune(Key(), kLimit, 1.0).get().Error}) {
-        EXPECT_EQ(error, "The program is ending.");
-    }
+    EXPECT_EQ(overtaken.get().Error, kEnding);
     EXPECT_EQ(Log(0, {"SetPowerManagementLimit("}),
               "DeviceSetPowerManagementLimit(0, 200000) DeviceSetPowerManagementLimit(0, 320000) ");
+    EXPECT_FALSE(Feed->Stop());
+}
+
+TEST_F(FeedTest, FeedWithAFreeDriverStopsAtOnceAndRefusesRequestsAfterwards) {
+    StartPaused();
+    const double before = SteadySeconds();
+    EXPECT_TRUE(Feed->Stop(seconds(40)));
+    EXPECT_LT(SteadySeconds() - before, 20.0);
+    const std::shared_ptr<const FeedData> data = Feed->Latest();
+    EXPECT_EQ(Feed->Tune(Key(), kLimit, 1.0).get().Error, kEnding);
+    EXPECT_EQ(Feed->TakeBack(Key(), TuningControl::Power).get().Error, kEnding);
+    EXPECT_EQ(Feed->TakeAllBack().get().Error, kEnding);
+    const TuningCapabilities capabilities = Feed->QueryTuning(Key()).get();
+    EXPECT_EQ(capabilities.Clocks.Status, kEnding);
+    EXPECT_EQ(capabilities.Power.Status, kEnding);
+    Feed->SetInterval(milliseconds(500));
+    Feed->Pause();
+    Feed->Resume();
+    Feed->Keep(Key(), TuningControl::Power);
+    EXPECT_EQ(Feed->Latest(), data);
+    EXPECT_TRUE(Feed->Stop());
+}
+
+TEST_F(FeedTest, WithoutAThreadForTheSamplerItIsUnavailableUntilItResumes) {
+    Sim.Block("nvmlInit_v2");
+    Start();
+    EXPECT_TRUE(WaitForCalls("nvmlInit_v2", 1));
+    sampler_clock::RefuseThreads(1);
+    Sim.Unblock();
+    EXPECT_TRUE(WaitFor([this] { return State() == FeedState::Unavailable; }));
+    EXPECT_EQ(Feed->Latest()->Status, "GPU monitoring has failed: Resource temporarily unavailable.");
+    Feed->Resume();
+    EXPECT_TRUE(WaitForState(0, GpuState::Live));
+}
+
+TEST_F(FeedTest, OutOfMemoryARequestFailsWithASentenceAndWhatIsPublishedCatchesUp) {
+    StartPaused();
+    failing_memory::bChecking = true;
+    const auto failAllocation = [](uint64_t nth) {
+        failing_memory::bAllocationFailed = false;
+        failing_memory::AllocationsUntilFailure = nth;
+    };
+    int failures = 0;
+    for (uint64_t nth = 1; nth == 1 || failing_memory::bAllocationFailed; ++nth) {
+        failAllocation(nth);
+        const std::string status = Feed->QueryTuning(Key()).get().Power.Status;
+        failures += status == "GPU monitoring has failed: std::bad_alloc." ? 1 : 0;
+        EXPECT_EQ(status.find("failed") != std::string::npos, failing_memory::bAllocationFailed) << status;
+    }
+    EXPECT_GT(failures, 0);
+    failing_memory::bAllocationFailed = true;
+    for (uint64_t nth = 1; nth == 1 || failing_memory::bAllocationFailed; ++nth) {
+        failAllocation(nth);
+        Feed->SetInterval(milliseconds(10000 - nth));
+        EXPECT_TRUE(WaitFor([&] { return Feed->Latest()->Interval == milliseconds(10000 - nth); })) << nth;
+    }
+    failAllocation(0);
+    failing_memory::bChecking = false;
 }
 
 TEST(PowerWayBackTest, IsWhatWasInForceOrElseTheDefault) {

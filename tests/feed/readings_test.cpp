@@ -91,9 +91,9 @@ TEST(ReadingsTest, LimitReasonsThatProtectTheGpuAreADanger) {
     }
     std::vector<std::string> words;
     for (const LimitReason& reason : LimitReasons(UINT64_MAX)) words.push_back(reason.Word);
-    EXPECT_THAT(words, ElementsAre("idle", "application clocks", "power cap", "hardware slowdown", "sync boost",
-                                   "thermal", "hardware thermal", "power brake", "display clocks",
-                                   "0xfffffffffffffe00"));
+    EXPECT_THAT(words,
+                ElementsAre("idle", "application clocks", "power cap", "hardware slowdown", "sync boost", "thermal",
+                            "hardware thermal", "power brake", "display clocks", "0xfffffffffffffe00"));
     EXPECT_THAT(LimitReasons(0), IsEmpty());
 }
 
@@ -119,13 +119,13 @@ TEST(ProcessNamesTest, ProcessesOfThisSystemHaveNameAndUserTheLargestFirst) {
     for (int i = 0; i < 1000 && (described.empty() || described[0].User == number); ++i) {
         described = names.Describe(processes, true);
     }
-    EXPECT_THAT(described, ElementsAre(isProcess(pid, "monitor_feed_test", getpwuid(getuid())->pw_name),
-                                       isProcess(INT32_MAX, "", ""), Field(&FeedProcess::Pid, 2),
-                                       Field(&FeedProcess::Pid, 3)));
+    EXPECT_THAT(described,
+                ElementsAre(isProcess(pid, "monitor_feed_test", getpwuid(getuid())->pw_name),
+                            isProcess(INT32_MAX, "", ""), Field(&FeedProcess::Pid, 2), Field(&FeedProcess::Pid, 3)));
     prctl(PR_SET_NAME, "15-letters-long");
     EXPECT_EQ(names.Describe(processes, true)[0].Name, "15-letters-long");
-    EXPECT_THAT(names.Describe(processes, false), Each(AllOf(Field(&FeedProcess::Name, ""),
-                                                             Field(&FeedProcess::User, ""))));
+    EXPECT_THAT(names.Describe(processes, false),
+                Each(AllOf(Field(&FeedProcess::Name, ""), Field(&FeedProcess::User, ""))));
 }
 
 }  // namespace
