@@ -58,7 +58,7 @@ bool FeedExchange::WaitForRequest(std::optional<double> moment) {
 
 FeedExchange::Request FeedExchange::TakeRequest() {
     const std::lock_guard<std::mutex> lock(Mutex);
-    if (Requests.empty() || bStop) return nullptr;
+    if (Requests.empty()) return nullptr;
     Request request = std::move(Requests.front());
     Requests.pop_front();
     return request;

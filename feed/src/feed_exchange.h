@@ -39,7 +39,7 @@ public:
 
     /// Waits for a request, at most until `moment`, if there is one. Result: false when the feed is to end.
     bool WaitForRequest(std::optional<double> moment);
-    /// The oldest request; empty when there is none, and when the feed is to end.
+    /// The oldest request; empty when there is none.
     Request TakeRequest();
     void Publish(std::shared_ptr<const FeedData> data);
     /// Calls `onChange`.

@@ -8,6 +8,7 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <limits>
 
 #include "gpu_feed/clock_groups.h"
@@ -22,41 +23,21 @@ using namespace testing;
 using namespace gpu_feed;
 using Id = ReadingId;
 
-GpuTelemetrySample DistinctSample() {
-    GpuTelemetrySample sample;
-    int whole = 0;
-    for (int* field : {&sample.GpuUtilizationPercent, &sample.MemoryUtilizationPercent,
-                       &sample.EncoderUtilizationPercent, &sample.DecoderUtilizationPercent, &sample.TemperatureC,
-                       &sample.FanPercent, &sample.GraphicsClockMHz, &sample.SmClockMHz, &sample.MemoryClockMHz,
-                       &sample.VideoClockMHz, &sample.PerformanceState, &sample.PcieGeneration, &sample.PcieWidth}) {
-        *field = whole++;
-    }
-    uint64_t mebibytes = 100;
-    for (uint64_t* field :
-         {&sample.VramUsedBytes, &sample.VramTotalBytes, &sample.Bar1UsedBytes, &sample.Bar1TotalBytes}) {
-        *field = mebibytes++ << 20U;
-    }
-    double fraction = 0.0;
-    for (double* field : {&sample.PowerWatts, &sample.PowerLimitWatts, &sample.DefaultPowerLimitWatts,
-                          &sample.MinimumPowerLimitWatts, &sample.MaximumPowerLimitWatts,
-                          &sample.PcieReceiveMiBPerSecond, &sample.PcieTransmitMiBPerSecond, &sample.FrameTimeMs}) {
-        *field = fraction;
-        fraction += 0.125;
-    }
-    return sample;
-}
-
 TEST(ReadingsTest, EachReadingHasItsOwnFieldInTheUnitForPeople) {
+    constexpr uint64_t kMiB = 1U << 20U;
+    // Every field has a value of its own, and zero is a value.
+    const GpuTelemetrySample sample = {0.0,       1,    0,   2,   3,   4,   10 * kMiB, 11 * kMiB, 12 * kMiB,
+                                       13 * kMiB, 0.25, 0.5, 1.5, 2.5, 3.5, 20,        21,        22,
+                                       23,        24,   5,   6,   7,   4.5, 0.0,       0,         5.5};
     std::vector<std::optional<double>> shown;
     for (const Reading& reading : Readings()) {
         EXPECT_EQ(&ReadingOf(reading.Id), &reading);
-        shown.push_back(ShownValue(reading.Id, DistinctSample()));
-        EXPECT_EQ(ShownValue(reading.Id, {}), std::nullopt) << reading.Key;
+        EXPECT_EQ(ReadingValue(reading.Id, {}), std::nullopt) << reading.Key;
+        shown.push_back(ShownValue(reading.Id, sample));
     }
-    EXPECT_THAT(shown, ElementsAre(0, 1, 2, 3, 100, 101, 102, 103, 0.0, 0.125, 0.25, 0.375, 0.5, 4, 5, 6, 7, 8, 9, 10,
-                                   11, 12, 0.625, 0.75, 0.875));
-    EXPECT_EQ(ReadingOf(Id::VramUsed).WholeValue(DistinctSample()), 100 << 20);
-    EXPECT_EQ(ReadingValue(Id::VramUsed, DistinctSample()), 100 << 20);
+    EXPECT_THAT(shown, ElementsAre(0, 2, 3, 4, 10, 11, 12, 13, 0.25, 0.5, 1.5, 2.5, 3.5, 1, 20, 21, 22, 23, 24, 5, 6, 7,
+                                   4.5, 0.0, 5.5));
+    EXPECT_EQ(ReadingOf(Id::VramUsed).WholeValue(sample), 10 * kMiB);
 }
 
 TEST(ReadingsTest, OnlyWhatTheDriverAnswersCountsAsRead) {
@@ -104,28 +85,24 @@ TEST(ReadingsTest, ClocksAreGroupedByMemoryClock) {
 
 TEST(ProcessNamesTest, ProcessesOfThisSystemHaveNameAndUserTheLargestFirst) {
     sampler_clock::Reset();
-    const int pid = getpid();
-    const std::string number = std::to_string(getuid());
-    const std::vector<GpuProcessMemory> processes = {{3, 10}, {pid, 30}, {INT32_MAX, 20}, {2, 10}};
-    const auto isProcess = [](int expectedPid, const std::string& name, const std::string& user) {
-        return AllOf(Field(&FeedProcess::Pid, expectedPid), Field(&FeedProcess::Name, name),
-                     Field(&FeedProcess::User, user));
+    const auto isProcess = [](int pid, const std::string& name, const std::string& user) {
+        return AllOf(Field(&FeedProcess::Pid, pid), Field(&FeedProcess::Name, name), Field(&FeedProcess::User, user));
     };
+    const int self = getpid();
+    const std::string number = std::to_string(getuid());
+    const std::vector<GpuProcessMemory> processes = {{INT32_MAX, 10}, {self, 30}, {INT32_MAX - 1, 10}};
     ProcessNames names;
-    // Without a thread for the look-up, the user is a number, but only until the next time.
+    // Without a thread that looks the name up, the user is a number, but only until the next time.
     sampler_clock::RefuseThreads(1);
-    EXPECT_THAT(names.Describe({{pid, 30}}, true), ElementsAre(isProcess(pid, "monitor_feed_test", number)));
-    std::vector<FeedProcess> described;
-    for (int i = 0; i < 1000 && (described.empty() || described[0].User == number); ++i) {
-        described = names.Describe(processes, true);
-    }
-    EXPECT_THAT(described,
-                ElementsAre(isProcess(pid, "monitor_feed_test", getpwuid(getuid())->pw_name),
-                            isProcess(INT32_MAX, "", ""), Field(&FeedProcess::Pid, 2), Field(&FeedProcess::Pid, 3)));
+    EXPECT_THAT(names.Describe({{self, 1}}, true), ElementsAre(isProcess(self, "monitor_feed_test", number)));
+    std::vector<FeedProcess> described = names.Describe(processes, true);
+    for (int i = 0; i < 1000 && described[0].User == number; ++i) described = names.Describe(processes, true);
+    EXPECT_THAT(described, ElementsAre(isProcess(self, "monitor_feed_test", getpwuid(getuid())->pw_name),
+                                       isProcess(INT32_MAX - 1, "", ""), isProcess(INT32_MAX, "", "")));
     prctl(PR_SET_NAME, "15-letters-long");
     EXPECT_EQ(names.Describe(processes, true)[0].Name, "15-letters-long");
-    EXPECT_THAT(names.Describe(processes, false),
-                Each(AllOf(Field(&FeedProcess::Name, ""), Field(&FeedProcess::User, ""))));
+    prctl(PR_SET_NAME, program_invocation_short_name);
+    EXPECT_THAT(names.Describe({{self, 1}}, false), ElementsAre(isProcess(self, "", "")));
 }
 
 }  // namespace
