@@ -223,22 +223,27 @@ TEST_F(FeedTest, ChangesGoBackAtTheirDeadlinesUnlessTheyAreKept) {
     StartPaused();
     sampler_clock::Hold();
     Feed->SetInterval(milliseconds(500));
+    const auto waitsForDeadline = [this](uint64_t waits, TuningControl control) {
+        return sampler_clock::AwaitWaits(waits) && IsWaitingForDeadline(control);
+    };
     EXPECT_EQ(Tune(kLimit, 20.0), "");
-    EXPECT_TRUE(sampler_clock::AwaitWaits(1));
+    EXPECT_TRUE(waitsForDeadline(1, TuningControl::Power));
     EXPECT_EQ(Tune(kLock, 10.0), "");
-    EXPECT_TRUE(sampler_clock::AwaitWaits(2) && IsWaitingForDeadline(TuningControl::Clocks));
+    EXPECT_TRUE(waitsForDeadline(2, TuningControl::Clocks));
+    EXPECT_EQ(Tune(kLimit, 5.0), "");
+    EXPECT_TRUE(waitsForDeadline(3, TuningControl::Power));
     sampler_clock::WakeSpuriously();
-    EXPECT_TRUE(sampler_clock::AwaitWaits(3) && Record(TuningControl::Clocks).IsOutstanding());
-    sampler_clock::PassWaits();
-    EXPECT_TRUE(sampler_clock::AwaitWaits(4) && IsWaitingForDeadline(TuningControl::Power));
-    EXPECT_FALSE(Record(TuningControl::Clocks).IsOutstanding());
+    EXPECT_TRUE(waitsForDeadline(4, TuningControl::Power));
     EXPECT_TRUE(Record(TuningControl::Power).IsOutstanding());
     sampler_clock::PassWaits();
-    EXPECT_TRUE(WaitFor([this] { return !Record(TuningControl::Power).IsOutstanding(); }));
-    EXPECT_EQ(Feed->QueryTuning(kKey).get().Power.CurrentWatts, 320.0);
+    EXPECT_TRUE(waitsForDeadline(5, TuningControl::Clocks));
+    EXPECT_FALSE(Record(TuningControl::Power).IsOutstanding());
+    EXPECT_TRUE(Record(TuningControl::Clocks).IsOutstanding());
+    sampler_clock::PassWaits();
+    EXPECT_TRUE(WaitFor([this] { return !Record(TuningControl::Clocks).IsOutstanding(); }));
     // However long a change may wait to be kept, the feed sleeps meanwhile.
     EXPECT_EQ(Tune(kLimit, std::numeric_limits<double>::infinity()), "");
-    EXPECT_TRUE(sampler_clock::AwaitWaits(5));
+    EXPECT_TRUE(sampler_clock::AwaitWaits(6));
     EXPECT_GT(sampler_clock::LatestWait().Duration, std::chrono::hours(1));
     Feed->Keep(kKey, TuningControl::Power);
     EXPECT_TRUE(WaitFor([this] { return Record(TuningControl::Power).Deadline == 0.0; }));
@@ -313,8 +318,9 @@ TEST(PowerWayBackTest, IsWhatWasInForceOrElseTheDefault) {
     const TuningChange reset = {Kind::ResetPower};
     const TuningChange set = {Kind::SetPower, {}, 250.0};
     const std::tuple<double, double, TuningChange, std::optional<TuningChange>> cases[] = {
-        {320.0, 320.0, set, reset}, {250.0, 320.0, reset, set},          {400.0, 320.0, set, reset},
-        {-1.0, 320.0, set, reset},  {400.0, 320.0, reset, std::nullopt}, {400.0, -1.0, set, std::nullopt}};
+        {320.0, 320.0, set, reset},     {250.0, 320.0, reset, set},          {400.0, 320.0, set, reset},
+        {-1.0, 320.0, set, reset},      {400.0, 320.0, reset, std::nullopt}, {400.0, -1.0, set, std::nullopt},
+        {-1.0, -1.0, set, std::nullopt}};
     for (const auto& [current, byDefault, change, expected] : cases) {
         const GpuPowerCapabilities power = {0, "", GpuCapabilityState::Supported, current, byDefault, 150.0, 352.0, ""};
         EXPECT_EQ(PowerWayBack(change, power), expected) << current << ' ' << byDefault;

@@ -49,8 +49,10 @@ TEST(ReadingsTest, OnlyWhatTheDriverAnswersCountsAsRead) {
         EXPECT_EQ(HasAnyReading(sample), expected.has_value()) << state;
     }
     GpuTelemetrySample sample;
-    sample.VramUsedBytes = 1;
+    sample.VramUsedBytes = sample.Bar1UsedBytes = sample.Bar1TotalBytes = 1;
     EXPECT_EQ(ReadingValue(Id::VramUsed, sample), std::nullopt);
+    EXPECT_EQ(ReadingValue(Id::Bar1Used, sample), 1.0);
+    sample.Bar1TotalBytes = 0;
     for (const double notRead : {std::nan(""), std::numeric_limits<double>::infinity(), -0.5}) {
         sample.FrameTimeMs = notRead;
         EXPECT_EQ(ReadingValue(Id::FrameTime, sample), std::nullopt);
