@@ -21,9 +21,10 @@ namespace {
 /// The kernel cuts longer names off.
 constexpr size_t kKernelNameLength = 15;
 constexpr size_t kUserBufferBytes = 16384;
+/// How long a look-up usually takes at most.
 constexpr std::chrono::milliseconds kUsualLookUp(20);
 
-/// The name that the kernel gives or, where that is cut off, the file's name of which it is the beginning.
+/// The kernel's name of a process; where it is cut off, the name of the program's file if that begins with it.
 std::string ProgramName(const std::string& folder) {
     std::string name;
     std::getline(std::ifstream(folder + "/comm"), name);

@@ -6,8 +6,8 @@ namespace gpu_feed {
 
 namespace {
 
-/// How long after the expected start of a cycle to look: late enough for the sampler to have begun, so that the look
-/// waits for the rest of the cycle by itself.
+/// How long after the expected start of a cycle to look. The sampler has begun its cycle by then, and the look waits
+/// for the rest of it: a snapshot holds all of a cycle.
 constexpr double kMarginSeconds = 0.005;
 /// The wait after a look that found nothing new; each further such look doubles it.
 constexpr double kFirstRetrySeconds = 0.01;

@@ -17,7 +17,7 @@ public:
     /// The moment for the first look after the sampler was started at `now`.
     double AfterStart(double now) const;
 
-    /// The moment to look again after a look at `now` that found the newest sample to be the last of `samples`.
+    /// The moment to look again after a look at `now` that found a new sample, the last of `samples`.
     double AfterNewSample(const std::deque<GpuTelemetrySample>& samples, double now);
 
     /// The moment to look again after a look at `now` that found nothing new.
