@@ -230,27 +230,28 @@ TEST_F(FeedTest, ChangesGoBackAtTheirDeadlinesUnlessTheyAreKept) {
     StartPaused();
     sampler_clock::Hold();
     Feed->SetInterval(milliseconds(500));
-    const auto waitsForDeadline = [this](uint64_t waits, TuningControl control) {
-        return sampler_clock::AwaitWaits(waits) && IsWaitingForDeadline(control);
+    uint64_t waits = sampler_clock::WaitsBegun();
+    const auto waitsForDeadline = [&](TuningControl control) {
+        return sampler_clock::AwaitWaits(++waits) && IsWaitingForDeadline(control);
     };
     EXPECT_EQ(Tune(kLimit, 20.0), "");
-    EXPECT_TRUE(waitsForDeadline(1, TuningControl::Power));
+    EXPECT_TRUE(waitsForDeadline(TuningControl::Power));
     EXPECT_EQ(Tune(kLock, 10.0), "");
-    EXPECT_TRUE(waitsForDeadline(2, TuningControl::Clocks));
+    EXPECT_TRUE(waitsForDeadline(TuningControl::Clocks));
     EXPECT_EQ(Tune(kLimit, 5.0), "");
-    EXPECT_TRUE(waitsForDeadline(3, TuningControl::Power));
+    EXPECT_TRUE(waitsForDeadline(TuningControl::Power));
     sampler_clock::WakeSpuriously();
-    EXPECT_TRUE(waitsForDeadline(4, TuningControl::Power));
+    EXPECT_TRUE(waitsForDeadline(TuningControl::Power));
     EXPECT_TRUE(Record(TuningControl::Power).IsOutstanding());
     sampler_clock::PassWaits();
-    EXPECT_TRUE(waitsForDeadline(5, TuningControl::Clocks));
+    EXPECT_TRUE(waitsForDeadline(TuningControl::Clocks));
     EXPECT_FALSE(Record(TuningControl::Power).IsOutstanding());
     EXPECT_TRUE(Record(TuningControl::Clocks).IsOutstanding());
     sampler_clock::PassWaits();
     EXPECT_TRUE(WaitFor([this] { return !Record(TuningControl::Clocks).IsOutstanding(); }));
     // However long a change may wait to be kept, the feed sleeps meanwhile.
     EXPECT_EQ(Tune(kLimit, std::numeric_limits<double>::infinity()), "");
-    EXPECT_TRUE(sampler_clock::AwaitWaits(6));
+    EXPECT_TRUE(sampler_clock::AwaitWaits(++waits));
     EXPECT_GT(sampler_clock::LatestWait().Deadline, std::chrono::hours(1));
     Feed->Keep(kKey, TuningControl::Power);
     EXPECT_TRUE(WaitFor([this] { return Record(TuningControl::Power).Deadline == 0.0; }));
