@@ -1,5 +1,5 @@
-# `cpack` makes Debian packages of what is built: the library when it is a shared one, what compiling against it takes,
-# the program, and the simulator.
+# `cpack` makes Debian packages of what is built: the library when it is shared, the development files, the program, and
+# the simulator.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_VENDOR "nvml_gpu_monitor")
 set(CPACK_PACKAGE_CONTACT "nvml_gpu_monitor developers")
@@ -8,7 +8,7 @@ set(CPACK_STRIP_FILES ON)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-# The program's own library, which no installed package brings yet.
+# Where the program's shared library is, which no installed package contains.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS "${CMAKE_CURRENT_BINARY_DIR}")
 
 set(CPACK_COMPONENTS_ALL development)
