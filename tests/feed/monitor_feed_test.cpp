@@ -166,7 +166,7 @@ TEST_F(FeedTest, DriverThatHangsHoldsUpNeitherTheDataNorTheEndWhichTakesBackWhat
     EXPECT_EQ(Tune(kLimit), "");
     Sim.Block("nvmlDeviceGetTemperature");
     EXPECT_TRUE(WaitFor([this] { return StateOf(Feed->Moment(), *Gpu()) == GpuState::NoData; }));
-    EXPECT_GT(Feed->Moment().DriverSilence, 0.9);
+    EXPECT_TRUE(WaitFor([this] { return Feed->Moment().DriverSilence > 0.9; }));
     std::future<TuningResult> overtaken = Feed->TakeAllBack();
     EXPECT_FALSE(Feed->Stop(milliseconds(100)));
     const int changes = Changes;
