@@ -18,6 +18,7 @@
 
 #include "terminal/failure.h"
 #include "terminal/signals.h"
+#include "view/keys.h"
 
 namespace {
 

@@ -41,6 +41,9 @@ struct Area {
     int Height = 0;
 };
 
+/// Blank columns between what stands side by side.
+constexpr int kColumnGap = 2;
+
 /// A grid of characters that a view is drawn on, whatever shows it then.
 class Canvas {
 public:

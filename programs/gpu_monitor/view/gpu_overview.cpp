@@ -6,6 +6,7 @@
 #include "gpu_feed/readings.h"
 #include "text/reading_text.h"
 #include "text/text_layout.h"
+#include "view/limits.h"
 
 using namespace gpu_feed;
 
@@ -32,7 +33,6 @@ constexpr Column kColumns[] = {
 
 constexpr int kShortestName = 18;
 constexpr int kLongestName = 44;
-constexpr int kColumnGap = 2;
 /// For what limits the clocks.
 constexpr int kWordsWidth = 12;
 
