@@ -48,8 +48,4 @@ std::optional<TuningChange> PowerWayBack(const TuningChange& change, const GpuPo
     return capabilities.DefaultWatts > 0.0 && change != reset ? std::optional(reset) : std::nullopt;
 }
 
-bool HasFailedHalfWay(const std::string& error) {
-    return error.find("memory locked-clock control") != std::string::npos;
-}
-
 }  // namespace gpu_feed

@@ -9,52 +9,84 @@ namespace {
 
 using Kind = TuningChange::Kind;
 
-TuningResult Ask(NvmlGpuMonitor* monitor, unsigned int index, const TuningChange& change) {
+TuningResult AskDriver(NvmlGpuMonitor* monitor, unsigned int gpu, const TuningChange& change) {
     TuningResult answer;
     switch (change.What) {
-        case Kind::LockClocks: answer.Result = monitor->SetLockedClock(index, change.Pair, &answer.Error); break;
-        case Kind::ResetClocks: answer.Result = monitor->RestoreDefaultClocks(index, &answer.Error); break;
-        case Kind::SetPower: answer.Result = monitor->SetPowerLimit(index, change.Watts, &answer.Error); break;
-        case Kind::ResetPower: answer.Result = monitor->RestoreDefaultPowerLimit(index, &answer.Error); break;
+        case Kind::LockClocks: answer.Result = monitor->SetLockedClock(gpu, change.Pair, &answer.Error); break;
+        case Kind::ResetClocks: answer.Result = monitor->RestoreDefaultClocks(gpu, &answer.Error); break;
+        case Kind::SetPower: answer.Result = monitor->SetPowerLimit(gpu, change.Watts, &answer.Error); break;
+        case Kind::ResetPower: answer.Result = monitor->RestoreDefaultPowerLimit(gpu, &answer.Error); break;
     }
     return answer;
+}
+
+/// Whether the graphics clock was locked and the memory clock was not. Only the monitor's sentence shows it.
+bool HasFailedHalfWay(const TuningChange& change, const TuningResult& result) {
+    return change.What == Kind::LockClocks && result.Error.find("memory locked-clock control") != std::string::npos;
+}
+
+/// Makes a change and leaves no half-made lock where that can be avoided: the monitor releases it as well, but does not
+/// say whether that worked.
+TuningResult Apply(NvmlGpuMonitor* monitor, unsigned int gpu, const TuningChange& change) {
+    TuningResult result = AskDriver(monitor, gpu, change);
+    if (HasFailedHalfWay(change, result)) {
+        const bool bReleased = monitor->RestoreDefaultClocks(gpu) == GpuClockOperationResult::Success;
+        result.Half = bReleased ? HalfLock::Released : HalfLock::MayRemain;
+    }
+    return result;
+}
+
+/// What is in force after a change with this result; `before` was in force when it began.
+TuningChange InForceAfter(const TuningResult& result, const TuningChange& change, const TuningChange& before) {
+    if (result.Half == HalfLock::Released) return {Kind::ResetClocks};
+    const bool bChanged = result.Result == GpuClockOperationResult::Success || result.Half == HalfLock::MayRemain;
+    return bChanged ? change : before;
 }
 
 }  // namespace
 
 TuningResult TuningSession::Make(NvmlGpuMonitor* monitor, const std::string& gpuKey, const GpuDeviceInfo& device,
-                                 const TuningChange& change, double keepSeconds, const std::function<void()>& onNoted) {
-    const std::optional<TuningChange> previous = InForceNow(monitor, gpuKey, device.Index, change);
-    if (!previous) return Ask(monitor, device.Index, change);
-    TuningRecord* record = Find(gpuKey, change.Control());
-    if (record == nullptr) {
-        record = &Changes.emplace_back(TuningRecord{gpuKey, device, *previous, *previous, *previous});
-    }
-    const TuningRecord before = *record;
-    record->InForce = change;
-    if (before.Deadline == 0.0) record->Previous = *previous;
-    record->Problem.clear();
-    onNoted();
-    TuningResult result = Ask(monitor, device.Index, change);
-    if (result.Result != GpuClockOperationResult::Success) {
-        NoteFailure(monitor, before, record, &result);
-    } else {
-        record->Deadline = change == record->Previous ? 0.0 : NowSeconds() + keepSeconds;
-    }
+                                 const TuningChange& change, std::optional<double> keepSeconds,
+                                 const std::function<void()>& onNoted) {
+    GpuPowerCapabilities powerBefore;
+    if (change.Control() == TuningControl::Power) monitor->GetPowerCapabilities(device.Index, &powerBefore);
+    const std::optional<TuningChange> wayBack = WayBack(gpuKey, change, powerBefore);
+    TuningResult result =
+        wayBack ? MakeNoted(monitor, {gpuKey, device, *wayBack, *wayBack, *wayBack}, change, keepSeconds, onNoted)
+                : Apply(monitor, device.Index, change);
+    result.PowerBefore = powerBefore;
     return result;
 }
 
-std::optional<TuningChange> TuningSession::InForceNow(NvmlGpuMonitor* monitor, const std::string& gpuKey,
-                                                      unsigned int index, const TuningChange& change) {
-    if (change.Control() == TuningControl::Power) {
-        GpuPowerCapabilities capabilities;
-        monitor->GetPowerCapabilities(index, &capabilities);
-        return PowerWayBack(change, capabilities);
-    }
-    // NVML does not tell locks: only those of this program are known.
+std::optional<TuningChange> TuningSession::WayBack(const std::string& gpuKey, const TuningChange& change,
+                                                   const GpuPowerCapabilities& powerBefore) {
+    if (change.Control() == TuningControl::Power) return PowerWayBack(change, powerBefore);
+    // NVML does not show locks, so only those of this session are known.
     const TuningRecord* record = Find(gpuKey, TuningControl::Clocks);
     if (record != nullptr && record->InForce.What == Kind::LockClocks) return record->InForce;
     return change.What == Kind::ResetClocks ? std::nullopt : std::optional(TuningChange{Kind::ResetClocks});
+}
+
+TuningResult TuningSession::MakeNoted(NvmlGpuMonitor* monitor, const TuningRecord& firstRecord,
+                                      const TuningChange& change, std::optional<double> keepSeconds,
+                                      const std::function<void()>& onNoted) {
+    TuningRecord* record = Find(firstRecord.GpuKey, change.Control());
+    if (record == nullptr) record = &Changes.emplace_back(firstRecord);
+    const TuningRecord before = *record;
+    record->InForce = change;
+    if (before.Deadline == 0.0) record->Previous = firstRecord.Previous;
+    record->Problem.clear();
+    onNoted();
+    TuningResult result = Apply(monitor, firstRecord.Device.Index, change);
+    const bool bSuccess = result.Result == GpuClockOperationResult::Success;
+    if (!bSuccess && result.Half == HalfLock::None) {
+        *record = before;
+        return result;
+    }
+    record->InForce = InForceAfter(result, change, before.InForce);
+    const bool bGoesBack = bSuccess && keepSeconds && change != record->Previous;
+    record->Deadline = bGoesBack ? NowSeconds() + *keepSeconds : 0.0;
+    return result;
 }
 
 TuningRecord* TuningSession::Find(const std::string& gpuKey, TuningControl control) {
@@ -64,27 +96,14 @@ TuningRecord* TuningSession::Find(const std::string& gpuKey, TuningControl contr
     return record == Changes.end() ? nullptr : &*record;
 }
 
-void TuningSession::NoteFailure(NvmlGpuMonitor* monitor, const TuningRecord& before, TuningRecord* record,
-                                TuningResult* result) {
-    if (!HasFailedHalfWay(result->Error)) {
-        *record = before;
-        return;
-    }
-    const TuningChange release = {Kind::ResetClocks};
-    record->Deadline = 0.0;
-    const bool bReleased = Ask(monitor, record->Device.Index, release).Result == GpuClockOperationResult::Success;
-    if (bReleased) record->InForce = release;
-    result->Error += std::string(" ") + (bReleased ? kBothLocksReleased : "Its graphics clock may still be locked.");
-}
-
 void TuningSession::Keep(const std::string& gpuKey, TuningControl control) {
     if (TuningRecord* record = Find(gpuKey, control)) record->Deadline = 0.0;
 }
 
 TuningResult TuningSession::GoBack(NvmlGpuMonitor* monitor, const TuningChange& to, TuningRecord* record) {
     record->Deadline = 0.0;
-    TuningResult result = Ask(monitor, record->Device.Index, to);
-    if (result.Result == GpuClockOperationResult::Success) record->InForce = to;
+    TuningResult result = Apply(monitor, record->Device.Index, to);
+    record->InForce = InForceAfter(result, to, record->InForce);
     record->Problem = result.Error;
     return result;
 }
@@ -103,7 +122,7 @@ void TuningSession::TakeBackOverdue(NvmlGpuMonitor* monitor, double now) {
 
 void TuningSession::TakeAllBack(NvmlGpuMonitor* monitor) {
     for (TuningRecord& record : Changes) {
-        // One that has brought `Before` back must not go on to `Previous`.
+        // Once `Before` is in force, the change must not go back to `Previous` as well.
         record.Deadline = 0.0;
         if (record.IsOutstanding()) GoBack(monitor, record.Before, &record);
     }

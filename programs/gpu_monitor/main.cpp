@@ -31,6 +31,8 @@
 
 namespace {
 
+using Kind = gpu_feed::TuningChange::Kind;
+
 constexpr const char* kFooter =
     "Examples:\n"
     "  gpu_monitor watch                             the live view; ? shows its keys\n"
@@ -72,7 +74,7 @@ struct CommandLine {
     WatchOptions Watch;
     bool bOnce = false;
     int IntervalMs = 1000;
-    TuningOptions Tuning;
+    ChangeOptions Change;
     GpuClockPair Clocks;
     double Watts = 0.0;
     /// The command that was given. Result: the exit status.
@@ -126,7 +128,7 @@ void AddQuery(CLI::App* app, CommandLine* commandLine, const char* name, const c
 
 int RunWatchCommand(CommandLine* commandLine) {
     commandLine->Watch.Interval = std::chrono::milliseconds(commandLine->IntervalMs);
-    commandLine->Watch.SimulateOption = commandLine->Tuning.SimulateOption;
+    commandLine->Watch.SimulateOption = commandLine->Change.SimulateOption;
     return commandLine->bOnce ? PrintView(commandLine->Watch) : RunWatch(commandLine->Watch);
 }
 
@@ -181,7 +183,7 @@ CLI::App* AddChange(CLI::App* app, CommandLine* commandLine, const char* name, c
 
 /// A value for several GPUs, which differ, would be a mistake as a rule.
 void RequireGpuOption(CLI::App* change, CommandLine* commandLine) {
-    change->add_option("--gpu", commandLine->Tuning.Gpu, "The GPU with this index")
+    change->add_option("--gpu", commandLine->Change.Gpu, "The GPU with this index")
         ->type_name("N")
         ->required()
         ->check(WholeNumberError);
@@ -196,19 +198,22 @@ void AddClock(CLI::App* lock, const char* name, const char* description, int* me
 }
 
 void AddClockChanges(CLI::App* app, CommandLine* commandLine) {
-    CLI::App* lock = AddChange(app, commandLine, "lock-clocks", "Lock the clocks of a GPU to one listed pair",
-                               [commandLine] { return RunLockClocks(commandLine->Tuning, commandLine->Clocks); });
+    CLI::App* lock =
+        AddChange(app, commandLine, "lock-clocks", "Lock the clocks of a GPU to one listed pair", [commandLine] {
+            return RunChange(commandLine->Change, {Kind::LockClocks, commandLine->Clocks});
+        });
     RequireGpuOption(lock, commandLine);
     AddClock(lock, "GRAPHICS", "Graphics clock, MHz", &commandLine->Clocks.GraphicsClockMHz);
     AddClock(lock, "MEMORY", "Memory clock, MHz", &commandLine->Clocks.MemoryClockMHz);
     CLI::App* reset = AddChange(app, commandLine, "reset-clocks", "Release locked clocks, of every GPU or one",
-                                [commandLine] { return RunResetClocks(commandLine->Tuning); });
-    AddGpuOption(reset, &commandLine->Tuning.Gpu);
+                                [commandLine] { return RunChange(commandLine->Change, {Kind::ResetClocks}); });
+    AddGpuOption(reset, &commandLine->Change.Gpu);
 }
 
 void AddPowerChanges(CLI::App* app, CommandLine* commandLine) {
-    CLI::App* set = AddChange(app, commandLine, "set-power", "Set the power limit of a GPU",
-                              [commandLine] { return RunSetPower(commandLine->Tuning, commandLine->Watts); });
+    CLI::App* set = AddChange(app, commandLine, "set-power", "Set the power limit of a GPU", [commandLine] {
+        return RunChange(commandLine->Change, {Kind::SetPower, {}, commandLine->Watts});
+    });
     RequireGpuOption(set, commandLine);
     set->add_option("WATTS", commandLine->Watts, "Power limit, W, to the milliwatt")
         ->type_name("")
@@ -216,8 +221,8 @@ void AddPowerChanges(CLI::App* app, CommandLine* commandLine) {
         ->check(DecimalError);
     CLI::App* reset =
         AddChange(app, commandLine, "reset-power", "Go back to the default power limit, of every GPU or one",
-                  [commandLine] { return RunResetPower(commandLine->Tuning); });
-    AddGpuOption(reset, &commandLine->Tuning.Gpu);
+                  [commandLine] { return RunChange(commandLine->Change, {Kind::ResetPower}); });
+    AddGpuOption(reset, &commandLine->Change.Gpu);
 }
 
 void Describe(CLI::App* app, CommandLine* commandLine) {
@@ -252,7 +257,7 @@ int RunCommand(CommandLine* commandLine) {
         if (boards->empty()) throw Failure(SimulationError(*boards) + '.', kExitUsage);
         UseSimulatedNvml(*boards);
         std::cerr << SimulationNotice(commandLine->bChanges);
-        commandLine->Tuning.SimulateOption = "--simulate=" + *boards;
+        commandLine->Change.SimulateOption = "--simulate=" + *boards;
     }
     return commandLine->Run();
 }

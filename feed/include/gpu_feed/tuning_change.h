@@ -8,10 +8,10 @@
 
 namespace gpu_feed {
 
-/// Which of a GPU's settings is changed.
+/// The settings of a GPU that can be changed.
 enum class TuningControl { Clocks, Power };
 
-/// A setting of a GPU, as it is asked of the driver.
+/// One change of a GPU's setting.
 struct TuningChange {
     enum class Kind { LockClocks, ResetClocks, SetPower, ResetPower };
 
@@ -31,42 +31,48 @@ bool IsSameLimit(double watts, double otherWatts);
 
 bool IsInRange(double watts, const GpuPowerCapabilities& capabilities);
 
-/// What brings the power limit back that is in force when `capabilities` are told; none when it cannot be set or is not
-/// known.
+/// The change that sets the power limit of `capabilities` again; empty when it is not known or cannot be set.
 std::optional<TuningChange> PowerUndo(const GpuPowerCapabilities& capabilities);
 
-/// What `change` of the power limit is taken back by: `PowerUndo` or, where there is none, the default, as near as one
-/// comes. None when the default is not known, or is what `change` sets.
+/// The change that takes `change` of the power limit back: `PowerUndo` or else the default. Empty when the default is
+/// not known, or is what `change` sets.
 std::optional<TuningChange> PowerWayBack(const TuningChange& change, const GpuPowerCapabilities& capabilities);
 
-/// What a user should know of a lock that failed half-way, once it is released.
-constexpr const char* kBothLocksReleased = "Both locks of this GPU were released, an earlier one too.";
+/// What became of a lock whose first half, the graphics clock, was made and whose second half failed.
+enum class HalfLock {
+    /// No lock failed in this way.
+    None,
+    /// Both clocks were released, and with them an earlier lock.
+    Released,
+    /// The release failed too.
+    MayRemain,
+};
 
-/// Whether a lock has failed half-way, as its sentence tells: the graphics clock may be locked still, and an earlier
-/// lock is gone.
-bool HasFailedHalfWay(const std::string& error);
-
+/// What came of a change.
 struct TuningResult {
     GpuClockOperationResult Result = GpuClockOperationResult::Error;
-    /// For the user; empty after success.
-    std::string Error;
+    /// The monitor's sentence for the user; empty after success.
+    std::string Error = {};
+    HalfLock Half = HalfLock::None;
+    /// Before a change of the power limit, as the driver gave it. Not read for changes of clocks.
+    GpuPowerCapabilities PowerBefore = {};
 };
 
 /// A setting that the program has changed.
 struct TuningRecord {
     std::string GpuKey;
     GpuDeviceInfo Device;
-    /// What was in force before the program changed it, as far as that can be told: a lock that another program has set
-    /// cannot, and counts as none.
+    /// What was in force before the program changed it. NVML does not show the locks of other programs, so clocks count
+    /// as released then.
     TuningChange Before;
     /// What the program has set, or is about to.
     TuningChange InForce;
     /// What `InForce` goes back to unless it is kept: what was found before the change or, of several changes that
     /// nobody has kept, before the first one.
     TuningChange Previous;
-    /// When it does so by itself, in steady-clock seconds; 0 when it does not, or has.
+    /// When it goes back without being asked, in steady-clock seconds; 0 when it was kept or has gone back.
     double Deadline = 0.0;
-    /// Why it could not go back, for the user; empty while it has not failed to.
+    /// Why it could not go back, for the user; empty unless that has failed.
     std::string Problem = {};
 
     /// Whether there is anything to take back.

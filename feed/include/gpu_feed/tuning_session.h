@@ -11,39 +11,42 @@
 
 namespace gpu_feed {
 
-/// Changes GPUs and knows how to take that back. Belongs to one thread.
+/// Changes GPUs, remembers what was in force before, and takes changes back. Belongs to one thread.
 class TuningSession {
 public:
-    /// Makes a change, which goes back after `keepSeconds` if there is a way back. `onNoted` is called before the
-    /// driver is asked, which may never answer.
-    TuningResult Make(NvmlGpuMonitor* monitor, const std::string& gpuKey, const GpuDeviceInfo& device,
-                      const TuningChange& change, double keepSeconds, const std::function<void()>& onNoted);
+    /// Makes a change. It can be taken back where there is a way back, and is overdue after `keepSeconds`; without
+    /// `keepSeconds` it stays. `onNoted` is called when the change is in `Records` and before the driver, which may
+    /// never answer, is asked for it.
+    TuningResult Make(
+        NvmlGpuMonitor* monitor, const std::string& gpuKey, const GpuDeviceInfo& device, const TuningChange& change,
+        std::optional<double> keepSeconds = std::nullopt, const std::function<void()>& onNoted = [] {});
 
-    /// Lets a change stay that would go back.
+    /// Lets the latest change stay.
     void Keep(const std::string& gpuKey, TuningControl control);
 
     /// Takes the latest change back.
     TuningResult TakeBack(NvmlGpuMonitor* monitor, const std::string& gpuKey, TuningControl control);
 
-    /// Takes the changes back that nobody has kept until `now`.
+    /// Takes back the changes that are overdue at `now`, in steady-clock seconds.
     void TakeBackOverdue(NvmlGpuMonitor* monitor, double now);
 
-    /// Takes everything back that is outstanding; `Records` tell what could not be.
+    /// Takes back all changes, those that were kept too. `TuningRecord::Problem` says why one could not go back.
     void TakeAllBack(NvmlGpuMonitor* monitor);
 
-    /// The moment of the next change to go back; none when none will.
+    /// When the next change is overdue; empty when all were kept or went back.
     std::optional<double> NextDeadline() const;
 
     const std::vector<TuningRecord>& Records() const { return Changes; }
 
 private:
     TuningRecord* Find(const std::string& gpuKey, TuningControl control);
-    /// What is in force before a change; none when it could not be brought back.
-    std::optional<TuningChange> InForceNow(NvmlGpuMonitor* monitor, const std::string& gpuKey, unsigned int index,
-                                           const TuningChange& change);
-    /// What is in force after a change that failed; `before` is the record as it was.
-    static void NoteFailure(NvmlGpuMonitor* monitor, const TuningRecord& before, TuningRecord* record,
-                            TuningResult* result);
+    /// The change that takes `change` back; empty when there is no way back.
+    std::optional<TuningChange> WayBack(const std::string& gpuKey, const TuningChange& change,
+                                        const GpuPowerCapabilities& powerBefore);
+    /// Makes a change that can be taken back. `firstRecord` is its record if the session has not changed this setting
+    /// of this GPU before.
+    TuningResult MakeNoted(NvmlGpuMonitor* monitor, const TuningRecord& firstRecord, const TuningChange& change,
+                           std::optional<double> keepSeconds, const std::function<void()>& onNoted);
     static TuningResult GoBack(NvmlGpuMonitor* monitor, const TuningChange& to, TuningRecord* record);
 
     std::vector<TuningRecord> Changes;

@@ -166,7 +166,9 @@ void TuningPanel::RefreshCapabilities() {
 
 void TuningPanel::TakeResult(const TuningResult& result) {
     if (result.Result != GpuClockOperationResult::Success) {
-        DialogLines lines = {{"The driver did not do it:"}, {result.Error, Style::Alarm}};
+        const std::string halfLock = HalfLockText(result.Half);
+        DialogLines lines = {{"The driver did not do it:"},
+                             {result.Error + (halfLock.empty() ? "" : ' ' + halfLock), Style::Alarm}};
         if (result.Result == GpuClockOperationResult::NoPermission) lines.push_back({kRightsAdvice});
         ShowMessage(lines);
         return;

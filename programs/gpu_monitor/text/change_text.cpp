@@ -34,6 +34,15 @@ std::string OutcomeText(const TuningChange& change) {
     return "default power limit";
 }
 
+std::string HalfLockText(HalfLock half) {
+    switch (half) {
+        case HalfLock::Released: return "Both locks of this GPU were released, an earlier one too.";
+        case HalfLock::MayRemain: return "Its graphics clock may still be locked.";
+        case HalfLock::None: break;
+    }
+    return {};
+}
+
 std::string CommandLineFor(const std::string& command, unsigned int gpu, const std::string& values,
                            const std::string& simulateOption) {
     std::string text = "gpu_monitor " + command + " --gpu " + std::to_string(gpu);

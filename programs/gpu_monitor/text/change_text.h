@@ -3,17 +3,20 @@
 
 #include <string>
 
-#include "gpu_feed/tuning_session.h"
+#include "gpu_feed/tuning_change.h"
 
-/// What every refusal for lack of rights is followed by, as a line.
+/// Follows every refusal for lack of rights.
 constexpr const char* kRightsAdvice =
     "Changing GPUs needs root: run the same command with sudo, or in a container with CAP_SYS_ADMIN.";
 
 /// What a change does: "lock the clocks to ...".
 std::string ActionText(const gpu_feed::TuningChange& change);
 
-/// What is so after a change: "clocks locked to ...".
+/// What is in force after a change: "clocks locked to ...".
 std::string OutcomeText(const gpu_feed::TuningChange& change);
+
+/// What the user should know after a lock that failed half-way, as a sentence; empty when no lock has.
+std::string HalfLockText(gpu_feed::HalfLock half);
 
 /// A command line of this program for one GPU; `values` and `simulateOption` may be empty.
 std::string CommandLineFor(const std::string& command, unsigned int gpu, const std::string& values,
