@@ -21,7 +21,8 @@ constexpr int kLookMs = 100;
 /// NVML may take as long to start.
 constexpr double kLongestStartSeconds = 20.0;
 
-/// Waits until every wanted GPU has given a reading, or none for too long. Result: those GPUs. Throws `Failure`.
+/// Waits until each GPU, or the one of index `only`, has a reading or has given no data for too long. Result: these
+/// GPUs. Throws `Failure`.
 std::vector<GpuOnPage> FirstReadings(PolledFeed* feed, std::optional<unsigned int> only) {
     for (;;) {
         const FeedMoment moment = (*feed)->Moment();

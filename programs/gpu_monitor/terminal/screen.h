@@ -5,11 +5,11 @@
 
 #include "view/canvas.h"
 
-/// The terminal as a full screen. It is given back as it was when this object ends, and also when a signal kills the
-/// program. One at a time.
+/// The full screen of the terminal. The terminal is given back as it was when this object ends, and also when a signal
+/// kills the program. One at a time.
 class Screen {
 public:
-    /// Throws `Failure` when the terminal is of a kind that cannot do it.
+    /// Throws `Failure` when a terminal of this kind has no full screen.
     Screen();
     ~Screen();
 

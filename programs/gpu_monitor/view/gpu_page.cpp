@@ -16,7 +16,7 @@ using namespace gpu_feed;
 
 namespace {
 
-/// Of what stands before gauges, clocks and limits.
+/// Of the labels before gauges, clocks and limits.
 constexpr int kLabelWidth = 8;
 
 // ---- Header ----
@@ -26,7 +26,7 @@ std::string LinkText(const GpuTelemetrySample& sample) {
            ReadingNumber(ReadingId::PcieWidth, sample);
 }
 
-std::string StateOfPerformance(const GpuTelemetrySample& now) {
+std::string PerformanceStateText(const GpuTelemetrySample& now) {
     const std::string state = ReadingText(ReadingId::PerformanceState, now);
     return state == kNotRead ? "state -" : 'P' + state;
 }
@@ -38,7 +38,7 @@ void DrawHeader(Canvas* canvas, const Area& area, const GpuOnPage& page) {
     canvas->PutRight(end, area.Y, page.State, page.bSilent ? Style::Alarm : Style::Strong);
 
     const std::string facts = "Driver " + OrDash(page.Gpu->Device.DriverVersion) + "   " + LinkText(page.Now) + "   " +
-                              StateOfPerformance(page.Now) + "   Limited by: ";
+                              PerformanceStateText(page.Now) + "   Limited by: ";
     const int x = canvas->Put(area.X, area.Y + 1, facts, Style::Normal, area.Width);
     DrawLimits(canvas, {x, area.Y + 1, end - x, 1}, page.Now);
 }
@@ -48,7 +48,7 @@ void DrawHeader(Canvas* canvas, const Area& area, const GpuOnPage& page) {
 constexpr int kValueWidth = 18;
 constexpr int kTwoColumnWidth = 76;
 
-/// `part` of `whole`, both readings with one unit.
+/// Two readings with the same unit: `part` / `whole`.
 std::string OfText(ReadingId part, ReadingId whole, const GpuTelemetrySample& sample) {
     const std::string wholeText = ReadingText(whole, sample);
     if (wholeText == kNotRead) return ReadingText(part, sample);
@@ -80,7 +80,7 @@ void DrawPower(Canvas* canvas, const Area& area, const GpuTelemetrySample& sampl
 
 using Sample = GpuTelemetrySample;
 
-/// In two columns, if there is room: the first four stand in the left one.
+/// Where there is room for two columns, the first four are on the left.
 constexpr Gauge kGauges[] = {
     {"GPU", [](const Sample& now) { return ReadingText(ReadingId::GpuUtilization, now); },
      DrawPercent<ReadingId::GpuUtilization>},

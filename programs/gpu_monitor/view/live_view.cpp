@@ -13,7 +13,7 @@ using namespace gpu_feed;
 namespace {
 
 constexpr int kMinimumHeight = 16;
-/// From here on, several GPUs are listed in a table.
+/// Screens of this height list several GPUs in a table.
 constexpr int kTableHeight = 40;
 /// The table gets a fourth of the screen at most, and the processes an eighth.
 constexpr int kTableShare = 4;
@@ -70,7 +70,7 @@ void DrawPage(Canvas* canvas, Area rest, const GpuOnPage& page, const FeedMoment
     const FeedData& data = *moment.Data;
     DrawSummary(canvas, TakeTop(&rest, SummaryHeight(rest.Width)), page);
     DrawProcesses(canvas, TakeBottom(&rest, canvas->Height() / kProcessShare + 1), page, choice.Order);
-    // A pause is for looking at the plots: they stand still.
+    // Plots stand still while sampling is paused, so that the user can study them.
     const double until = data.State == FeedState::Paused ? data.PausedAt : moment.Now;
     const double interval = std::chrono::duration<double>(data.Interval).count();
     DrawPlots(canvas, rest, *page.Gpu, {choice.Plots, until, choice.Seconds, interval});

@@ -15,7 +15,7 @@ namespace {
 constexpr double kBytesPerGiB = 1024.0 * 1024.0 * 1024.0;
 constexpr int kMinimumPlotWidth = 24;
 constexpr int kMinimumPlotHeight = 5;
-/// Below this, plots side by side are better.
+/// Plots that would be lower than this are put side by side.
 constexpr int kGoodPlotHeight = 9;
 
 using OptionalValue = std::optional<double>;
@@ -81,7 +81,7 @@ constexpr NamedPlot kPlots[kPlotCount] = {{"utilization", UtilizationPlot},
                                           {"graphics clock", ClockPlot},
                                           {"memory", MemoryPlot}};
 
-/// How plots stand in rows and columns.
+/// How many rows and columns the plots form.
 struct Grid {
     int Columns;
     int Rows;
@@ -96,7 +96,8 @@ bool Fits(const Area& area, const Grid& grid, int plotHeight) {
     return bWide && area.Height / grid.Rows >= plotHeight;
 }
 
-/// The fewest columns in which `count` plots stand well, or at all; none when there is no room for so many.
+/// The grid with the fewest columns in which `count` plots have a good height, or at least fit. Empty when there is no
+/// room for so many.
 std::optional<Grid> GridFor(const Area& area, int count) {
     for (const int height : {kGoodPlotHeight, kMinimumPlotHeight}) {
         for (int columns = 1; columns <= count; ++columns) {
@@ -105,6 +106,16 @@ std::optional<Grid> GridFor(const Area& area, int count) {
         }
     }
     return std::nullopt;
+}
+
+/// Where plot `i` of `count` is in the grid; the last one gets what is left of its row.
+Area PlaceOf(const Area& area, const Grid& grid, int i, int count) {
+    const int width = PlotWidth(area, grid);
+    const int row = i / grid.Columns;
+    const int left = area.X + i % grid.Columns * (width + kColumnGap);
+    const int top = area.Height * row / grid.Rows;
+    const int bottom = area.Height * (row + 1) / grid.Rows;
+    return {left, area.Y + top, i + 1 == count ? area.X + area.Width - left : width, bottom - top};
 }
 
 TimeSpan SpanOf(const FeedGpu& gpu, const PlotView& view) {
@@ -126,18 +137,9 @@ void DrawPlots(Canvas* canvas, const Area& area, const FeedGpu& gpu, const PlotV
     }
     std::optional<Grid> grid;
     while (!plots.empty() && !(grid = GridFor(area, static_cast<int>(plots.size())))) plots.pop_back();
-    if (!grid) return;
-
     const TimeSpan span = SpanOf(gpu, view);
-    const int width = PlotWidth(area, *grid);
     for (size_t i = 0; i < plots.size(); ++i) {
-        const int column = static_cast<int>(i) % grid->Columns;
-        const int row = static_cast<int>(i) / grid->Columns;
-        const int top = area.Height * row / grid->Rows;
-        const int height = area.Height * (row + 1) / grid->Rows - top;
-        const int left = area.X + column * (width + kColumnGap);
-        const bool bLast = i + 1 == plots.size();
-        const Area place = {left, area.Y + top, bLast ? area.X + area.Width - left : width, height};
+        const Area place = PlaceOf(area, *grid, static_cast<int>(i), static_cast<int>(plots.size()));
         DrawPlot(canvas, place, plots[i]->Make(gpu), gpu.Samples, span, std::max(gpu.PeriodSeconds, view.Interval));
     }
 }

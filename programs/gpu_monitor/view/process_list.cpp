@@ -42,16 +42,17 @@ std::string NameText(const FeedProcess& process, bool bSimulated) {
     return bSimulated ? "(simulated)" : OrDash(process.Name);
 }
 
-std::string OrderMark(const char* heading, bool bOrder) {
-    return bOrder ? std::string(heading) + '*' : heading;
+/// With an asterisk at the column that the processes are sorted by.
+std::string MarkedHeading(const char* heading, bool bSortedBy) {
+    return bSortedBy ? std::string(heading) + '*' : heading;
 }
 
 }  // namespace
 
 void DrawProcesses(Canvas* canvas, const Area& area, const GpuOnPage& page, ProcessOrder order) {
     const std::string headings[] = {
-        OrderMark("PID", order == ProcessOrder::Pid), OrderMark("VRAM", order == ProcessOrder::Memory),
-        OrderMark("USER", order == ProcessOrder::User), OrderMark("PROCESS", order == ProcessOrder::Name)};
+        MarkedHeading("PID", order == ProcessOrder::Pid), MarkedHeading("VRAM", order == ProcessOrder::Memory),
+        MarkedHeading("USER", order == ProcessOrder::User), MarkedHeading("PROCESS", order == ProcessOrder::Name)};
     if (area.Height < 2) return;
     DrawProcessLine(canvas, area, headings, Style::Dim);
     const std::vector<FeedProcess> processes =
