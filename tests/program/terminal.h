@@ -35,11 +35,6 @@ public:
         : Emulator(vterm_new(rows, columns), &vterm_free), Cells(vterm_obtain_screen(Emulator.get())) {
         environment.insert({{"TERM", "xterm-256color"}, {"LC_ALL", "C.UTF-8"}, {"NO_COLOR", ""}});
         vterm_set_utf8(Emulator.get(), 1);
-        // The terminal's answers, about where its cursor is for example, reach the program as if they were typed.
-        const auto answer = [](const char* bytes, size_t size, void* self) {
-            static_cast<const Terminal*>(self)->Type({bytes, size});
-        };
-        vterm_output_set_callback(Emulator.get(), answer, this);
         Callbacks.settermprop = [](VTermProp property, VTermValue* value, void* self) {
             static_cast<Terminal*>(self)->TakeProperty(property, value->number);
             return 1;

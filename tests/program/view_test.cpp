@@ -29,45 +29,19 @@ FeedGpu MadeGpu(unsigned int index) {
     gpu.Processes = {
         {300, 700 * kMebibyte, "render", "zoe"}, {20, 600 * kMebibyte, "train", "adam"}, {1000, 0, "", ""}};
     gpu.PeriodSeconds = 1.0;
-    for (int second = -60; second <= 0; ++second) {
-        // In the order of the record: degrees, percents, bytes, watts, percent, megahertz, state, link, limits.
-        gpu.Samples.push_back({kNow + second,
-                               75,
-                               100,
-                               25,
-                               0,
-                               50,
-                               3072 * kMebibyte,
-                               4096 * kMebibyte,
-                               0,
-                               0,
-                               150.0,
-                               225.0,
-                               250.0,
-                               100.0,
-                               300.0,
-                               10,
-                               2100,
-                               2101,
-                               9501,
-                               1785,
-                               2,
-                               4,
-                               16,
-                               -1.0,
-                               -1.0,
-                               0x44});
-    }
-    gpu.Latest = gpu.Samples.back();
-    return gpu;
-}
-
-/// A GPU that answers no query.
-FeedGpu SpeechlessGpu(unsigned int index) {
-    FeedGpu gpu = MadeGpu(index);
-    gpu.Device.DriverVersion.clear();
-    gpu.Latest = {kNow};
-    gpu.Samples = {gpu.Latest};
+    // From the time to the fan: degrees and percents, bytes, watts, percent.
+    gpu.Latest = {kNow,  75,    100,   25,    0,     50, 3072 * kMebibyte, 4096 * kMebibyte, 0, 0,
+                  150.0, 225.0, 250.0, 100.0, 300.0, 10};
+    gpu.Latest.GraphicsClockMHz = 2100;
+    gpu.Latest.SmClockMHz = 2101;
+    gpu.Latest.MemoryClockMHz = 9501;
+    gpu.Latest.VideoClockMHz = 1785;
+    gpu.Latest.PerformanceState = 2;
+    gpu.Latest.PcieGeneration = 4;
+    gpu.Latest.PcieWidth = 16;
+    gpu.Latest.PerformanceLimitReasons = 0x44;
+    gpu.Samples.assign(61, gpu.Latest);
+    for (int i = 0; i < 60; ++i) gpu.Samples[static_cast<size_t>(i)].TimestampSeconds = kNow - 60.0 + i;
     return gpu;
 }
 
@@ -276,7 +250,9 @@ TEST_F(ViewTest, StatesSayWhatAGpuDoes) {
 TEST_F(ViewTest, ManyGpusAreListedAroundTheSelectedOne) {
     FeedGpu silent = MadeGpu(1);
     silent.SilentSince = kNow - 9.0;
-    SetGpus({MadeGpu(0), silent, SpeechlessGpu(2), MadeGpu(3), MadeGpu(4)});
+    FeedGpu dumb = MadeGpu(2);
+    dumb.Latest = {kNow};
+    SetGpus({MadeGpu(0), silent, dumb, MadeGpu(3), MadeGpu(4)});
     std::vector<GpuOnPage> pages;
     for (const auto& gpu : Data.Gpus) pages.push_back(OnPage(Moment(), gpu));
     Canvas table(100, 4, true);
@@ -375,27 +351,11 @@ TEST_F(ViewTest, CharactersOfTwoColumnsAreWholeOrNotThere) {
 // ---- Keys ----
 
 TEST_F(ViewTest, KeysChooseWhatIsShown) {
-    Follow({" GPU 1: ",
-            "\t GPU 0: ",
-            "R GPU 1: ",
-            "T GPU 0: ",
-            "L GPU 1: ",
-            "s PID*",
-            "s \nProcesses by user ",
-            "s PROCESS*",
-            "s VRAM*",
-            "+ last 1 min\n",
-            "- \nPlots: last 2 min ",
-            "- last 5 min\n",
-            "- last 10 min\n",
-            "- last 30 min\n",
-            "- last 1 h\n",
-            "-- whole history\n",
-            "= last 1 h\n",
-            "h Any key closes",
-            "q \nPlots: last 1 h ",
-            "? a plot: 1 utilization, 2 power, 3",
-            "x PID"});
+    Follow({" GPU 1: ", "\t GPU 0: ", "R GPU 1: ", "T GPU 0: ", "L GPU 1: ", "s PID*", "s \nProcesses by user ",
+            "s PROCESS*", "s VRAM*"});
+    Follow({"+ last 1 min\n", "- \nPlots: last 2 min ", "- last 5 min\n", "- last 10 min\n", "- last 30 min\n",
+            "- last 1 h\n", "-- whole history\n", "= last 1 h\n"});
+    Follow({"h Any key closes", "q \nPlots: last 1 h ", "? a plot: 1 utilization, 2 power, 3", "x PID"});
     Now += 2.9;
     Follow({" \nPlots: last 1 h "});
     Now += 0.2;
