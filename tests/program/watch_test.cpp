@@ -16,12 +16,15 @@ namespace {
 
 using namespace testing;
 
-const std::string kWatch = "exec '" GPU_MONITOR "' watch --simulate";
+/// The command line that starts the view of simulated GPUs.
+std::string Watch(const std::string& arguments = "") {
+    return "exec '" GPU_MONITOR "' watch --simulate" + arguments;
+}
 
 class View : public Terminal {
 public:
     /// `command`: a command line of the shell.
-    explicit View(const std::string& command = kWatch, const Environment& environment = {}, int columns = 80)
+    explicit View(const std::string& command = Watch(), const Environment& environment = {}, int columns = 80)
         : Terminal(command, 24, columns, environment) {}
 
     /// Types `keys` and expects each of the texts afterwards.
@@ -77,7 +80,7 @@ TEST_F(WatchTest, TakesTheColorsAndCharactersThatTheTerminalHas) {
         {{{"TERM", "vt100"}}, false, true},
         {{{"NO_COLOR", "1"}, {"LC_ALL", "C"}}, false, false}};
     for (const auto& [environment, bColored, bUnicode] : terminals) {
-        View view(kWatch, environment);
+        View view(Watch(), environment);
         view.Press("", {"GPU 0: NVIDIA GeForce RTX 4080  ", "  live", "VRAM GiB", "(simulated)", "q quit"});
         view.Press("t", {"Power limit"});
         EXPECT_EQ(view.IsColored(), bColored) << view.Screen();
@@ -88,7 +91,7 @@ TEST_F(WatchTest, TakesTheColorsAndCharactersThatTheTerminalHas) {
 }
 
 TEST_F(WatchTest, FollowsTheSizeOfTheTerminal) {
-    View view(kWatch + "=2");
+    View view(Watch("=2"));
     view.Press("", {"GPU util % "});
     view.Resize(60, 200);
     view.Press("", {"util       vram    power", "VRAM GiB"});
@@ -99,12 +102,12 @@ TEST_F(WatchTest, FollowsTheSizeOfTheTerminal) {
 
 TEST_F(WatchTest, WhatCannotBeShownIsSaidInASentence) {
     const std::tuple<std::string, Terminal::Environment, int, std::string> cases[] = {
-        {kWatch, {{"TERM", "dumb"}}, 1, "The live view cannot be shown on"},
-        {kWatch, {{"TERM", "no-such-terminal"}}, 1, "The live view cannot be shown on"},
-        {kWatch + " </dev/null", {}, 2, "The live view needs a terminal"},
-        {kWatch + " | cat; false", {}, 1, "The live view needs a terminal"},
-        {kWatch + "=2 --gpu 2", {}, 2, "no GPU 2"},
-        {kWatch, {{"NVML_SIM_LOSE", "0@0"}}, 1, "No NVIDIA GPU found."}};
+        {Watch(), {{"TERM", "dumb"}}, 1, "The live view cannot be shown on"},
+        {Watch(), {{"TERM", "no-such-terminal"}}, 1, "The live view cannot be shown on"},
+        {Watch(" </dev/null"), {}, 2, "The live view needs a terminal"},
+        {Watch(" | cat; false"), {}, 1, "The live view needs a terminal"},
+        {Watch("=2 --gpu 2"), {}, 2, "no GPU 2"},
+        {Watch(), {{"NVML_SIM_LOSE", "0@0"}}, 1, "No NVIDIA GPU found."}};
     for (const auto& [command, environment, status, sentence] : cases) {
         View view(command, environment, 200);
         view.ExpectEnd(status, sentence);
@@ -112,43 +115,33 @@ TEST_F(WatchTest, WhatCannotBeShownIsSaidInASentence) {
 }
 
 TEST_F(WatchTest, OncePrintsTheViewOfEveryGpu) {
-    View all(kWatch + "=2 --once >/dev/tty </dev/null", {}, 200);
+    View all(Watch("=2 --once >/dev/tty </dev/null"), {}, 200);
     all.ExpectEnd(0, "\nGPU 1: NVIDIA GeForce RTX 3070 Laptop GPU");
     EXPECT_THAT(all.Screen(), AllOf(HasSubstr("Mem I/O"), HasSubstr("PID       VRAM*"), Not(HasSubstr("q quit"))));
-    View oneLost(kWatch + "=2 --once --interval 100", {{"NVML_SIM_LOSE", "1@5"}}, 200);
+    View oneLost(Watch("=2 --once --interval 100"), {{"NVML_SIM_LOSE", "1@5"}}, 200);
     oneLost.ExpectEnd(1, "GPU 1 (NVIDIA GeForce RTX 3070 Laptop GPU) gave no reading.");
     EXPECT_THAT(oneLost.Screen(), HasSubstr("no data yet"));
 }
 
 TEST_F(WatchTest, KnowsTheKeysOfTheKeyboard) {
-    View view(kWatch + "=3 --gpu 1");
-    const std::pair<const char*, const char*> steps[] = {{"", "GPU 1: "},
-                                                         {"\t", "GPU 2: "},
-                                                         {"\x1b[Z", "GPU 1: "},
-                                                         {"\x1bOC", "GPU 2: "},
-                                                         {"\x1bOD\x1b[Z", "GPU 0: "},
-                                                         {"t", "p  set a limit"},
-                                                         {"p", "Limit  320 W"},
-                                                         {"\x1bOA", "Limit  321 W"},
-                                                         {"\x1bOB\x1bOB", "Limit  319 W"},
-                                                         {"\x1b[5~", "Limit  329 W"},
-                                                         {"\x1b[6~\x1b[6~", "Limit  309 W"},
-                                                         {"\x1bOH", "Limit  150 W"},
-                                                         {"\x1bOF", "Limit  352 W"},
-                                                         {"12\x7f", "Limit  1_ W"},
-                                                         {"\x1bOP", "Limit  1_ W"},
-                                                         {"\r", "This GPU takes"},
-                                                         {"\x1b", "p  set a limit"},
-                                                         {"\x1b", "q quit"},
-                                                         {"?", "Any key closes"},
-                                                         {"q", "q quit"}};
-    for (const auto& [keys, text] : steps) view.Press(keys, {text});
+    View view(Watch("=3 --gpu 1"));
+    const std::pair<const char*, const char*> gpuKeys[] = {{"", "GPU 1: "},       {"\t", "GPU 2: "},
+                                                           {"\x1b[Z", "GPU 1: "}, {"\x1bOC", "GPU 2: "},
+                                                           {"\x1bOD", "GPU 1: "}, {"\t\t", "GPU 0: "}};
+    for (const auto& [keys, text] : gpuKeys) view.Press(keys, {text});
+    view.Press("t", {"p  set a limit"});
+    view.Press("p", {"Limit  320 W"});
+    const std::pair<const char*, const char*> panelKeys[] = {
+        {"\x1bOA", "321 W"},      {"\x1bOB\x1bOB", "319 W"},     {"\x1b[5~", "329 W"}, {"\x1b[6~\x1b[6~", "309 W"},
+        {"\x1bOH", "150 W"},      {"\x1bOF", "352 W"},           {"12\x7f", "1_ W"},   {"\x1bOP", "1_ W"},
+        {"\r", "This GPU takes"}, {"\x1b", "d  set the default"}};
+    for (const auto& [keys, text] : panelKeys) view.Press(keys, {text});
 }
 
 // ---- Changes of GPUs ----
 
 TEST_F(WatchTest, KeptChangeOutlastsTheProgram) {
-    View view(kWatch, Kept, 150);
+    View view(Watch(), Kept, 150);
     view.SetPower();
     EXPECT_TRUE(IsLimit("250000"));
     view.Press("y", {"Changed here: power limit 250 W"});
@@ -160,14 +153,14 @@ TEST_F(WatchTest, KeptChangeOutlastsTheProgram) {
 
 TEST_F(WatchTest, SignalsAndALostTerminalTakeChangesBack) {
     for (const int signal : {SIGINT, SIGQUIT, SIGTERM, SIGHUP, 0}) {
-        View view(kWatch, Kept);
+        View view(Watch(), Kept);
         view.SetPower();
         signal == 0 ? view.Press("y", {"Changed here"}) : view.Signal(signal);
         if (signal == 0) view.Type("\x1bqr");
         view.ExpectEnd(0, "going back to: default power limit");
         EXPECT_TRUE(IsLimit("320000")) << signal;
     }
-    View view(kWatch, Kept);
+    View view(Watch(), Kept);
     view.SetPower();
     view.HangUp();
     EXPECT_EQ(view.WaitForExit(), 0);
@@ -189,7 +182,7 @@ TEST_F(WatchTest, ShellCanStopAndCloseTheView) {
 // ---- A driver that hangs ----
 
 TEST_F(WatchTest, DriverThatHangsLeavesTheViewToTheUser) {
-    View view(kWatch + " --interval 100", Kept);
+    View view(Watch(" --interval 100"), Kept);
     view.Press("", {"  live, every"});
     const int driver = HoldDriver();
     view.Press("?", {"driver hangs, no data since ", "Any key closes"});
@@ -200,7 +193,7 @@ TEST_F(WatchTest, DriverThatHangsLeavesTheViewToTheUser) {
 }
 
 TEST_F(WatchTest, DriverThatHangsWithAChangeIsNotWaitedFor) {
-    View view(kWatch + " --interval 100", Kept);
+    View view(Watch(" --interval 100"), Kept);
     view.SetPower();
     const int driver = HoldDriver();
     view.Press("y", {"no data"});
@@ -212,7 +205,7 @@ TEST_F(WatchTest, DriverThatHangsWithAChangeIsNotWaitedFor) {
 TEST_F(WatchTest, RepeatedAndFatalSignalsKillButLeaveTheTerminalAsItWas) {
     // A lost terminal is reported several times: by the system, and by the shell to its children.
     for (const auto& [signal, status] : {std::pair(SIGINT, 128 + SIGINT), {SIGTERM, 128 + SIGTERM}, {SIGHUP, 0}}) {
-        View view(kWatch + " --interval 100", Kept);
+        View view(Watch(" --interval 100"), Kept);
         view.Press("", {"  live, every"});
         const int driver = HoldDriver();
         view.Press("", {"no data since"});
