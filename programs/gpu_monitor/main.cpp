@@ -1,284 +1,23 @@
-// gpu_monitor: what the NVIDIA GPUs of this machine are doing, once or continuously, for people and for programs, and
-// changes of their clocks and power limits. The exit statuses stand in failure.h.
+// gpu_monitor shows what the NVIDIA GPUs of this machine are doing, once or continuously, for people and for programs,
+// and changes their clocks and power limits. failure.h lists the exit statuses.
 
 #include <fcntl.h>
 #include <locale.h>
 #include <signal.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
-#include <chrono>
-#include <cstddef>
 #include <cstdlib>
 #include <exception>
-#include <functional>
 #include <iostream>
-#include <optional>
-#include <sstream>
-#include <string>
-#include <utility>
-#include <vector>
 
-#include "commands/change_commands.h"
+#include "commands/command_line.h"
 #include "commands/polled_feed.h"
-#include "commands/query_commands.h"
-#include "commands/simulate.h"
-#include "commands/stream.h"
-#include "commands/watch.h"
-#include "nvml_gpu_monitor.h"
 #include "terminal/failure.h"
-#include "terminal/output.h"
 
 namespace {
 
-using Kind = gpu_feed::TuningChange::Kind;
-
-constexpr const char* kFooter =
-    "Examples:\n"
-    "  gpu_monitor watch                             the live view; ? shows its keys\n"
-    "  gpu_monitor watch --once > gpus.txt           the same as text, for a bug report\n"
-    "  gpu_monitor list                              which GPUs there are\n"
-    "  gpu_monitor sample --gpu 0                    everything about GPU 0, once\n"
-    "  gpu_monitor sample --json | jq '.gpus[].temperature_c'\n"
-    "  gpu_monitor stream                            a line per GPU and second\n"
-    "  gpu_monitor stream --interval 100 --count 600 --json > minute.jsonl\n"
-    "  gpu_monitor stream --simulate=desktop,laptop  without any GPU\n"
-    "  gpu_monitor clocks --gpu 0                    which clocks can be locked\n"
-    "  sudo gpu_monitor lock-clocks --gpu 0 1500 5001\n"
-    "  sudo gpu_monitor reset-clocks                 release the locks of every GPU\n"
-    "  gpu_monitor power                             power limits and their ranges\n"
-    "  sudo gpu_monitor set-power --gpu 0 250.5\n"
-    "  sudo gpu_monitor reset-power --gpu 0          back to the board's default\n"
-    "\n"
-    "Locked clocks and power limits outlast the program and act on all programs.\n"
-    "\n"
-    "Exit status:\n"
-    "  0  success\n"
-    "  1  no usable driver or GPU, a reading or change that failed, or output that\n"
-    "     could not be written\n"
-    "  2  wrong usage: an unknown option or command, a bad value, or a GPU that does\n"
-    "     not exist\n"
-    "  3  no permission for a change\n"
-    "  4  a change that is not supported: a driver or GPU without the control, clocks\n"
-    "     that are not listed, or a power limit outside the range\n";
-
-constexpr size_t kHelpColumn = 24;
-constexpr int kMaxCount = 1000000000;
-constexpr int kMaxClockMHz = 1000000;
-
-/// What the command line asks for. Commands of a kind share their options, because only one command is given.
-struct CommandLine {
-    std::optional<std::string> SimulatedBoards;
-    QueryOptions Query;
-    StreamOptions Stream;
-    WatchOptions Watch;
-    bool bOnce = false;
-    int IntervalMs = 1000;
-    ChangeOptions Change;
-    GpuClockPair Clocks;
-    double Watts = 0.0;
-    /// The command that was given. Result: the exit status.
-    std::function<int()> Run;
-    bool bChanges = false;
-};
-
-std::string UsageMessage(const CLI::App* app, const CLI::Error& error) {
-    std::string problem = error.what();
-    // A misspelt command counts as a missing one, which would not help whoever misspelt it.
-    const std::vector<std::string> unexpected = app->remaining();
-    const bool bNoCommand = error.get_name() == "RequiredError" && app->get_subcommands().empty();
-    if (bNoCommand && !unexpected.empty()) problem = "Not a command: " + unexpected.front();
-    return problem + ". Run gpu_monitor --help for usage.\n";
-}
-
-/// Empty when `text` is a whole number as people write it. A leading zero would make it an octal one, and an empty
-/// text, as of a variable that is not set, would be no option at all.
-std::string WholeNumberError(const std::string& text) {
-    const bool bDigits = !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
-    const bool bWhole = bDigits && (text == "0" || text.front() != '0');
-    return bWhole ? "" : "'" + text + "' is not a whole number";
-}
-
-/// Empty when `text` is a plain decimal number. What else would pass for one, infinity for example, is no limit.
-std::string DecimalError(const std::string& text) {
-    const bool bDecimal = !text.empty() && text.find_first_not_of("0123456789.") == std::string::npos;
-    return bDecimal ? "" : "'" + text + "' is not a decimal number";
-}
-
-/// Adds a command that ends with `run`.
-CLI::App* AddCommand(CLI::App* app, CommandLine* commandLine, const char* name, const char* description,
-                     std::function<int()> run) {
-    CLI::App* command = app->add_subcommand(name, description);
-    command->final_callback([commandLine, run = std::move(run)] { commandLine->Run = run; });
-    return command;
-}
-
-void AddGpuOption(CLI::App* command, std::optional<unsigned int>* gpu) {
-    command->add_option("--gpu", *gpu, "Only the GPU with this index")->type_name("N")->check(WholeNumberError);
-}
-
-/// Adds a command that shows something once.
-void AddQuery(CLI::App* app, CommandLine* commandLine, const char* name, const char* description,
-              int (*run)(const QueryOptions&)) {
-    CLI::App* query =
-        AddCommand(app, commandLine, name, description, [commandLine, run] { return run(commandLine->Query); });
-    AddGpuOption(query, &commandLine->Query.Gpu);
-    query->add_flag("--json", commandLine->Query.bJson, "Print one JSON object");
-}
-
-int RunWatchCommand(CommandLine* commandLine) {
-    commandLine->Watch.Interval = std::chrono::milliseconds(commandLine->IntervalMs);
-    commandLine->Watch.SimulateOption = commandLine->Change.SimulateOption;
-    return commandLine->bOnce ? PrintView(commandLine->Watch) : RunWatch(commandLine->Watch);
-}
-
-int RunStreamCommand(CommandLine* commandLine) {
-    commandLine->Stream.Interval = std::chrono::milliseconds(commandLine->IntervalMs);
-    RunStream(commandLine->Stream);
-    return kExitSuccess;
-}
-
-/// Leaves the bounds to the description of the option: with them twice, it would not fit its line of the help.
-CLI::Validator InRange(int lowest, int highest) {
-    return CLI::Range(lowest, highest).description("");
-}
-
-void AddIntervalOption(CLI::App* command, CommandLine* commandLine) {
-    command->add_option("--interval", commandLine->IntervalMs, "Wait between two cycles, 100 to 10000 milliseconds")
-        ->type_name("MS")
-        ->check(WholeNumberError)
-        ->check(InRange(100, 10000))
-        ->capture_default_str();
-}
-
-void AddWatch(CLI::App* app, CommandLine* commandLine) {
-    CLI::App* watch = AddCommand(app, commandLine, "watch", "Show and tune GPUs in a live view",
-                                 [commandLine] { return RunWatchCommand(commandLine); });
-    watch->add_option("--gpu", commandLine->Watch.Gpu, "Begin with this GPU; with --once, only it")
-        ->type_name("N")
-        ->check(WholeNumberError);
-    AddIntervalOption(watch, commandLine);
-    watch->add_flag("--once", commandLine->bOnce, "Print the view as text, once, and end");
-}
-
-void AddStream(CLI::App* app, CommandLine* commandLine) {
-    CLI::App* stream = AddCommand(app, commandLine, "stream", "Show a line per GPU and sampling cycle until Ctrl-C",
-                                  [commandLine] { return RunStreamCommand(commandLine); });
-    AddGpuOption(stream, &commandLine->Stream.Gpu);
-    AddIntervalOption(stream, commandLine);
-    stream->add_option("--count", commandLine->Stream.Count, "End after this many cycles")
-        ->type_name("N")
-        ->check(WholeNumberError)
-        ->check(InRange(1, kMaxCount));
-    stream->add_flag("--json", commandLine->Stream.bJson, "Print JSON Lines: one object per line");
-}
-
-/// Adds a command that changes GPUs.
-CLI::App* AddChange(CLI::App* app, CommandLine* commandLine, const char* name, const char* description,
-                    std::function<int()> run) {
-    CLI::App* change = AddCommand(app, commandLine, name, description, std::move(run));
-    change->parse_complete_callback([commandLine] { commandLine->bChanges = true; });
-    return change;
-}
-
-/// A value for several GPUs, which differ, would be a mistake as a rule.
-void RequireGpuOption(CLI::App* change, CommandLine* commandLine) {
-    change->add_option("--gpu", commandLine->Change.Gpu, "The GPU with this index")
-        ->type_name("N")
-        ->required()
-        ->check(WholeNumberError);
-}
-
-void AddClock(CLI::App* lock, const char* name, const char* description, int* megahertz) {
-    lock->add_option(name, *megahertz, description)
-        ->type_name("")
-        ->required()
-        ->check(WholeNumberError)
-        ->check(InRange(1, kMaxClockMHz));
-}
-
-void AddClockChanges(CLI::App* app, CommandLine* commandLine) {
-    CLI::App* lock =
-        AddChange(app, commandLine, "lock-clocks", "Lock the clocks of a GPU to one listed pair", [commandLine] {
-            return RunChange(commandLine->Change, {Kind::LockClocks, commandLine->Clocks});
-        });
-    RequireGpuOption(lock, commandLine);
-    AddClock(lock, "GRAPHICS", "Graphics clock, MHz", &commandLine->Clocks.GraphicsClockMHz);
-    AddClock(lock, "MEMORY", "Memory clock, MHz", &commandLine->Clocks.MemoryClockMHz);
-    CLI::App* reset = AddChange(app, commandLine, "reset-clocks", "Release locked clocks, of every GPU or one",
-                                [commandLine] { return RunChange(commandLine->Change, {Kind::ResetClocks}); });
-    AddGpuOption(reset, &commandLine->Change.Gpu);
-}
-
-void AddPowerChanges(CLI::App* app, CommandLine* commandLine) {
-    CLI::App* set = AddChange(app, commandLine, "set-power", "Set the power limit of a GPU", [commandLine] {
-        return RunChange(commandLine->Change, {Kind::SetPower, {}, commandLine->Watts});
-    });
-    RequireGpuOption(set, commandLine);
-    set->add_option("WATTS", commandLine->Watts, "Power limit, W, to the milliwatt")
-        ->type_name("")
-        ->required()
-        ->check(DecimalError);
-    CLI::App* reset =
-        AddChange(app, commandLine, "reset-power", "Go back to the default power limit, of every GPU or one",
-                  [commandLine] { return RunChange(commandLine->Change, {Kind::ResetPower}); });
-    AddGpuOption(reset, &commandLine->Change.Gpu);
-}
-
-void Describe(CLI::App* app, CommandLine* commandLine) {
-    // Commands inherit what is set before they are added.
-    app->get_formatter()->column_width(kHelpColumn);
-    app->failure_message(UsageMessage);
-    app->fallthrough();
-    app->require_subcommand(1);
-    app->set_version_flag("--version", std::string("gpu_monitor ") + GPU_MONITOR_VERSION);
-    app->add_option("--simulate", commandLine->SimulatedBoards,
-                    "Simulate so many GPUs, or kinds: desktop,\nlaptop,datacenter,old,workstation")
-        ->type_name("[GPUS]")
-        ->expected(0, 1)
-        ->default_str("1")
-        ->check(SimulationError);
-
-    AddWatch(app, commandLine);
-    AddQuery(app, commandLine, "list", "Show which GPUs there are", RunList);
-    AddQuery(app, commandLine, "sample", "Read every GPU once and show all readings", RunSample);
-    AddStream(app, commandLine);
-    AddQuery(app, commandLine, "clocks", "Show the clocks and which can be locked", RunClocks);
-    AddClockChanges(app, commandLine);
-    AddQuery(app, commandLine, "power", "Show the power limits and their ranges", RunPower);
-    AddPowerChanges(app, commandLine);
-    // Last, so that the help of a command stays short.
-    app->footer(kFooter);
-}
-
-int RunCommand(CommandLine* commandLine) {
-    if (const std::optional<std::string>& boards = commandLine->SimulatedBoards) {
-        // An empty text is not checked by the parser.
-        if (boards->empty()) throw Failure(SimulationError(*boards) + '.', kExitUsage);
-        UseSimulatedNvml(*boards);
-        std::cerr << SimulationNotice(commandLine->bChanges);
-        commandLine->Change.SimulateOption = "--simulate=" + *boards;
-    }
-    return commandLine->Run();
-}
-
-int Run(int argc, char** argv) {
-    CLI::App app("Shows what the NVIDIA GPUs of this machine are doing, and tunes them.", "gpu_monitor");
-    CommandLine commandLine;
-    Describe(&app, &commandLine);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        std::ostringstream help;
-        const int status = app.exit(error, help, std::cerr);
-        WriteOutput(help.str());
-        return status == 0 ? kExitSuccess : kExitUsage;
-    }
-    return RunCommand(&commandLine);
-}
-
-/// Sees to it that a standard stream which is closed does not become a file that is opened later. Read-only, so that
-/// writing still fails.
+/// Opens /dev/null for each standard stream that is closed: otherwise a file that is opened later would take its place.
+/// It is opened to read only, so that writing still fails.
 void OccupyStandardStreams() {
     for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor) {
         if (fcntl(descriptor, F_GETFD) == -1) static_cast<void>(open("/dev/null", O_RDONLY));
@@ -286,9 +25,9 @@ void OccupyStandardStreams() {
 }
 
 /// Result: the exit status.
-int RunAndTellFailure(int argc, char** argv) {
+int RunAndPrintFailure(int argc, char** argv) {
     try {
-        return Run(argc, argv);
+        return RunCommandLine(argc, argv);
     } catch (const Failure& failure) {
         std::cerr << failure.what() << '\n';
         return failure.ExitStatus;
@@ -302,12 +41,12 @@ int RunAndTellFailure(int argc, char** argv) {
 
 int main(int argc, char** argv) {
     OccupyStandardStreams();
-    // How the terminal shows characters; numbers stay as they are.
+    // Only the character set of the terminal: numbers keep the decimal point.
     // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread runs yet.
     setlocale(LC_CTYPE, "");
-    // A reader that ends early shows in the result of writing.
+    // When the reader of the output ends early, writing returns an error instead.
     signal(SIGPIPE, SIG_IGN);
-    const int status = RunAndTellFailure(argc, argv);
+    const int status = RunAndPrintFailure(argc, argv);
     if (IsDriverLeftBehind()) std::_Exit(status);
     return status;
 }

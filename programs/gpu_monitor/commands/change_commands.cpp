@@ -48,7 +48,7 @@ public:
     /// Result: the exit status. Throws `Failure`.
     int Run() {
         const std::vector<GpuDeviceInfo> devices = DiscoverGpus(Options.Gpu, &Monitor);
-        // Until here, nothing has begun that a signal must not cut short.
+        // Not earlier: until here a signal may simply end the program.
         StopDescriptor = CatchStopSignals();
         std::vector<OperationResult> results;
         results.reserve(devices.size());

@@ -24,7 +24,7 @@ std::string Advice(const std::string& status) {
 
 void RequireDriver(bool bAvailable, const std::string& status) {
     if (bAvailable) return;
-    // What is wrong with a simulated driver, it has said itself.
+    // The simulator has printed on standard error what is wrong with it.
     throw Failure(IsSimulating() ? status : status + '\n' + Advice(status));
 }
 
@@ -41,7 +41,7 @@ void RequireGpu(const std::vector<GpuDeviceInfo>& gpus, unsigned int index) {
 }
 
 std::vector<GpuDeviceInfo> DiscoverGpus(std::optional<unsigned int> only, NvmlGpuMonitor* monitor) {
-    // The cheapest query is what starts NVML; its answer is not needed.
+    // A cheap query starts NVML; its answer is not needed.
     GpuPowerCapabilities ignored;
     monitor->GetPowerCapabilities(0, &ignored);
     RequireDriver(monitor->IsAvailable(), monitor->Status());

@@ -7,14 +7,13 @@
 
 #include "nvml_gpu_monitor.h"
 
-/// Throws `Failure` with what the monitor says about the driver, its `status`, and what the user can do about it,
-/// unless NVML is up.
+/// Throws `Failure` unless NVML is available. Its text is `status`, the sentence of the monitor, and advice.
 void RequireDriver(bool bAvailable, const std::string& status);
 
 /// Throws `Failure` unless one of `gpus` has this NVML index.
 void RequireGpu(const std::vector<GpuDeviceInfo>& gpus, unsigned int index);
 
-/// Starts NVML without the sampler. Result: every GPU or, with `only`, the one with that index; at least one. Throws
+/// Starts NVML without the sampler. Result: at least one GPU: all or, with `only`, the one with that NVML index. Throws
 /// `Failure`.
 std::vector<GpuDeviceInfo> DiscoverGpus(std::optional<unsigned int> only, NvmlGpuMonitor* monitor);
 

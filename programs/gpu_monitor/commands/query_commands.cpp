@@ -19,15 +19,15 @@ using namespace gpu_feed;
 
 namespace {
 
-/// How answers are shown.
+/// The two formats of a list of answers.
 template <typename Answer>
 struct Formats {
     std::string (*Json)(const std::string& driverVersion, const std::vector<Answer>& gpus);
     std::string (*Text)(const std::vector<Answer>& gpus, size_t width);
 };
 
-/// Asks the wanted GPUs and prints their answers. `ask` fills the answer of one GPU; it gives back what is wrong with a
-/// GPU that does not answer, which is told on standard error. Result: the exit status.
+/// Asks the wanted GPUs and prints their answers. `ask` fills in the answer of one GPU and returns an empty text or,
+/// when the GPU does not answer, the end of the sentence that standard error gets. Result: the exit status.
 template <typename Answer, typename Ask>
 int RunQuery(const QueryOptions& options, const Formats<Answer>& formats, Ask ask) {
     NvmlGpuMonitor monitor;
@@ -64,17 +64,17 @@ int RunSample(const QueryOptions& options) {
 }
 
 int RunClocks(const QueryOptions& options) {
-    return RunQuery<GpuClocks>(options, {ClocksJson, ClocksText}, [](NvmlGpuMonitor* monitor, GpuClocks* gpu) {
+    return RunQuery<GpuClocks>(options, {ClocksJson, ClockQueryText}, [](NvmlGpuMonitor* monitor, GpuClocks* gpu) {
         const bool bAnswered = monitor->GetClockCapabilities(gpu->Device.Index, &gpu->Capabilities);
         return bAnswered ? std::string() : ": " + gpu->Capabilities.Status;
     });
 }
 
 int RunPower(const QueryOptions& options) {
-    return RunQuery<GpuPower>(options, {PowerJson, PowerText}, [](NvmlGpuMonitor* monitor, GpuPower* gpu) {
+    return RunQuery<GpuPower>(options, {PowerJson, PowerQueryText}, [](NvmlGpuMonitor* monitor, GpuPower* gpu) {
         const GpuPowerCapabilities& answer = gpu->Capabilities;
         const bool bFound = monitor->GetPowerCapabilities(gpu->Device.Index, &gpu->Capabilities);
-        // A GPU that is lost in the middle of the query was found and tells nothing.
+        // A GPU that was lost during the query was found, but nothing of it was read.
         const bool bSilent = answer.State == GpuCapabilityState::Unavailable && answer.CurrentWatts < 0.0 &&
                              answer.DefaultWatts < 0.0 && answer.MaximumWatts < 0.0;
         return bFound && !bSilent ? std::string() : ": " + answer.Status;

@@ -9,7 +9,7 @@ struct QueryOptions {
     bool bJson = false;
 };
 
-// Each asks the wanted GPUs once and prints what they answer. Result: the exit status, which is a failure when a GPU
+// Each asks the wanted GPUs once and prints their answers. Result: the exit status, which is `kExitFailure` when a GPU
 // did not answer. Throws `Failure`.
 
 /// The identity of the GPUs.
@@ -18,7 +18,7 @@ int RunList(const QueryOptions& options);
 /// All readings.
 int RunSample(const QueryOptions& options);
 
-/// The clocks that run, and those that can be locked.
+/// The clocks that run and those that can be locked.
 int RunClocks(const QueryOptions& options);
 
 /// The power limit and its range.

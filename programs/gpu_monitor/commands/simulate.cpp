@@ -29,7 +29,7 @@ bool IsBoardKind(const std::string& text) {
 }
 
 bool IsBoardKindList(const std::string& text) {
-    // std::getline takes a comma at the end for no further word.
+    // std::getline does not see an empty word after a comma at the end.
     if (text.empty() || text.back() == ',') return false;
     if (std::count(text.begin(), text.end(), ',') >= kMaxBoards) return false;
     std::istringstream words(text);
@@ -65,7 +65,7 @@ void UseSimulatedNvml(const std::string& boards) {
     if (path.empty()) throw Failure("The simulated NVML is not installed with this program.");
     // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread runs yet.
     setenv("NVML_SIM_BOARDS", boards.c_str(), 1);
-    // Loaded first, it is what the monitor's own dlopen finds: its soname is the name that the monitor asks for.
+    // The monitor's own dlopen finds the library that is loaded already, because it has the soname that is asked for.
     if (dlopen(path.c_str(), RTLD_LAZY | RTLD_LOCAL) == nullptr) {
         throw Failure(std::string("The simulated NVML cannot be loaded: ") + dlerror() + '.');
     }

@@ -3,7 +3,8 @@
 
 #include <string>
 
-/// Empty when `boards` says which GPUs to simulate: their number or their kinds. Otherwise what is wrong, for the user.
+/// Empty when `boards` names the GPUs to simulate, by their number or their kinds. Otherwise why it does not, for the
+/// user.
 std::string SimulationError(const std::string& boards);
 
 /// Makes every monitor that starts afterwards find the simulated NVML, with `boards` as its GPUs.
@@ -15,7 +16,7 @@ void UseSimulatedNvml(const std::string& boards);
 /// Whether `UseSimulatedNvml` has been called.
 bool IsSimulating();
 
-/// What the user of simulated GPUs should know, as a line; `bChanges`: the command changes them.
+/// A line that says that GPUs are simulated and, with `bChanges`, how long changes last.
 std::string SimulationNotice(bool bChanges);
 
 #endif  // GPU_MONITOR_SIMULATE_H

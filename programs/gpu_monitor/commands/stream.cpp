@@ -26,11 +26,11 @@ using namespace gpu_feed;
 namespace {
 
 constexpr size_t kTerminalLinesPerHeading = 20;
-/// How often to look whether GPUs are silent while no reading comes.
+/// While no reading comes, GPUs are checked for silence this often.
 constexpr int kLongestWaitMs = 1000;
-/// Without a reading of any GPU for so long the stream ends.
+/// The stream ends when no GPU has given a reading for this long.
 constexpr double kLongestSilenceSeconds = 5.0;
-/// So often a driver has to be found hanging: it seems to once after the process was suspended.
+/// A driver counts as hanging after this many checks in a row. One check can be wrong after the process was suspended.
 constexpr int kHangsOfHangingDriver = 3;
 
 std::string SecondsText(double seconds) {
@@ -67,8 +67,7 @@ public:
     }
 
 private:
-    /// Waits for readings, but not for long. False: before that came a stop signal or the end of whoever reads standard
-    /// output.
+    /// Waits for readings, but not for long. False: a stop signal came, or the reader of standard output is gone.
     bool WaitForNews() const {
         pollfd descriptors[] = {{StopDescriptor, POLLIN, 0}, {STDOUT_FILENO, 0, 0}, {Feed.Descriptor(), POLLIN, 0}};
         poll(descriptors, 3, kLongestWaitMs);
@@ -96,7 +95,7 @@ private:
         };
         const auto firstNew = std::find_if(gpu.Samples.rbegin(), gpu.Samples.rend(), isPrinted).base();
         for (auto sample = firstNew; sample != gpu.Samples.end(); ++sample) {
-            // Without a timestamp the GPU could not even be asked.
+            // A sample without a timestamp: the GPU could not be asked.
             if (sample->TimestampSeconds == 0.0) continue;
             rows->push_back({&gpu, &*sample});
             printedUntil = sample->TimestampSeconds;
@@ -135,8 +134,8 @@ private:
 
     bool Print(const std::string& text) const { return WriteOutput(text, StopDescriptor) == WriteResult::Written; }
 
-    /// Says so once per GPU on standard error when it seems lost. Throws `Failure` when no GPU that is shown gives
-    /// readings any more.
+    /// Prints on standard error, once per GPU, that it may be lost. Throws `Failure` when no wanted GPU gives readings
+    /// any more.
     void NoticeSilence(const FeedMoment& moment) {
         const double now = moment.Now;
         HangsSeen = IsDriverHanging(moment) ? HangsSeen + 1 : 0;
@@ -145,7 +144,7 @@ private:
         for (const auto& gpu : moment.Data->Gpus) {
             if (!IsWanted(*gpu)) continue;
             const bool bSilent = StateOf(moment, *gpu) == GpuState::NoData;
-            TellSilence(*gpu, bSilent, now);
+            ReportSilence(*gpu, bSilent, now);
             lastReading = std::max(lastReading, gpu->Latest.TimestampSeconds);
             const bool bLong = gpu->SilentSince != 0.0 && now - gpu->SilentSince >= kLongestSilenceSeconds;
             bAllSilent = bAllSilent && bSilent && (bLong || HangsSeen >= kHangsOfHangingDriver);
@@ -156,7 +155,7 @@ private:
         throw Failure(who + " reading for " + SecondsText(now - lastReading) + '.');
     }
 
-    void TellSilence(const FeedGpu& gpu, bool bSilent, double now) {
+    void ReportSilence(const FeedGpu& gpu, bool bSilent, double now) {
         if (!bSilent) {
             Silent.erase(gpu.Key);
         } else if (Silent.insert(gpu.Key).second) {
@@ -181,7 +180,7 @@ private:
 }  // namespace
 
 void RunStream(const StreamOptions& options) {
-    // Before NVML starts, which can take seconds, so that a signal ends that cleanly too.
+    // Signals are caught before NVML starts: that can take seconds, and a signal must end it cleanly too.
     const int stopDescriptor = CatchStopSignals();
     Stream(options, stopDescriptor).Run();
 }

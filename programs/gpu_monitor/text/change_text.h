@@ -15,7 +15,7 @@ std::string ActionText(const gpu_feed::TuningChange& change);
 /// What is in force after a change: "clocks locked to ...".
 std::string OutcomeText(const gpu_feed::TuningChange& change);
 
-/// What the user should know after a lock that failed half-way, as a sentence; empty when no lock has.
+/// A sentence for the user after a lock that failed half-way; empty when no lock did.
 std::string HalfLockText(gpu_feed::HalfLock half);
 
 /// A command line of this program for one GPU; `values` and `simulateOption` may be empty.

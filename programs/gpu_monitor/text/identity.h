@@ -23,7 +23,7 @@ struct IdentityField {
     double ShownDivisor = 1.0;
 };
 
-/// Every identity field, in the order of output.
+/// All identity fields in the order of output.
 const std::vector<IdentityField>& IdentityFields();
 
 #endif  // GPU_MONITOR_IDENTITY_H

@@ -18,14 +18,14 @@ using namespace gpu_feed;
 
 namespace {
 
-/// Keeps the order of its keys: output reads in the order of the tables.
+/// Keeps its keys in the order in which they are added.
 using Json = nlohmann::ordered_json;
 
 constexpr int kIndent = 2;
 constexpr int kOneLine = -1;
 
-std::string Line(const Json& json, int indent) {
-    // Texts come from the driver; one that is not valid UTF-8 must not cost the whole output.
+std::string JsonText(const Json& json, int indent) {
+    // A text of the driver that is not valid UTF-8 must not spoil the rest of the output.
     return json.dump(indent, ' ', false, Json::error_handler_t::replace) + '\n';
 }
 
@@ -54,7 +54,7 @@ void AddIdentity(const GpuDeviceInfo& device, Json* json) {
     }
 }
 
-/// As much of a GPU's identity as tells which one it is.
+/// The part of a GPU's identity that other outputs than the list begin with.
 Json ShortIdentity(const GpuDeviceInfo& device) {
     Json json;
     json["index"] = device.Index;
@@ -95,8 +95,10 @@ Json ProcessList(const std::vector<FeedProcess>& processes) {
     return list;
 }
 
-void AddIfRead(const char* key, int megahertz, Json* json) {
-    if (megahertz >= 0) (*json)[key] = megahertz;
+/// Adds a clock or a power limit. A negative one was not read.
+template <typename Value>
+void AddIfRead(const char* key, Value value, Json* json) {
+    if (value >= 0) (*json)[key] = value;
 }
 
 Json ClockGroupList(const std::vector<GpuClockPair>& pairs) {
@@ -118,19 +120,7 @@ const char* StateWord(GpuCapabilityState state) {
     return "unavailable";
 }
 
-struct PowerValue {
-    const char* Key;
-    double GpuPowerCapabilities::*Watts;
-};
-
-constexpr PowerValue kPowerValues[] = {
-    {"current_watts", &GpuPowerCapabilities::CurrentWatts},
-    {"default_watts", &GpuPowerCapabilities::DefaultWatts},
-    {"minimum_watts", &GpuPowerCapabilities::MinimumWatts},
-    {"maximum_watts", &GpuPowerCapabilities::MaximumWatts},
-};
-
-/// The object that a query prints: `gpus` and what all GPUs share.
+/// The object that a query prints: the driver version, which all GPUs share, and `gpus`.
 Json Document(const std::string& driverVersion, Json gpus) {
     Json document = Json::object();
     if (!driverVersion.empty()) document["driver_version"] = driverVersion;
@@ -143,7 +133,7 @@ Json Document(const std::string& driverVersion, Json gpus) {
 std::string ListJson(const std::string& driverVersion, const std::vector<GpuDeviceInfo>& devices) {
     Json gpus = Json::array();
     for (const GpuDeviceInfo& device : devices) AddIdentity(device, &gpus.emplace_back());
-    return Line(Document(driverVersion, std::move(gpus)), kIndent);
+    return JsonText(Document(driverVersion, std::move(gpus)), kIndent);
 }
 
 std::string SampleJson(const std::string& driverVersion, const std::vector<GpuReadings>& gpus) {
@@ -153,7 +143,7 @@ std::string SampleJson(const std::string& driverVersion, const std::vector<GpuRe
         AddIdentity(gpu.Device, &json);
         AddReadings(gpu.Sample, &json);
     }
-    return Line(Document(driverVersion, std::move(list)), kIndent);
+    return JsonText(Document(driverVersion, std::move(list)), kIndent);
 }
 
 std::string StreamJson(const GpuDeviceInfo& device, const GpuTelemetrySample& sample,
@@ -161,7 +151,7 @@ std::string StreamJson(const GpuDeviceInfo& device, const GpuTelemetrySample& sa
     Json json = ShortIdentity(device);
     AddReadings(sample, &json);
     if (processes != nullptr) json["processes"] = ProcessList(*processes);
-    return Line(json, kOneLine);
+    return JsonText(json, kOneLine);
 }
 
 std::string ClocksJson(const std::string& driverVersion, const std::vector<GpuClocks>& gpus) {
@@ -174,7 +164,7 @@ std::string ClocksJson(const std::string& driverVersion, const std::vector<GpuCl
         AddIfRead("memory_clock_mhz", capabilities.CurrentMemoryClockMHz, &json);
         json["supported"] = ClockGroupList(capabilities.SupportedPairs);
     }
-    return Line(Document(driverVersion, std::move(list)), kIndent);
+    return JsonText(Document(driverVersion, std::move(list)), kIndent);
 }
 
 std::string PowerJson(const std::string& driverVersion, const std::vector<GpuPower>& gpus) {
@@ -183,9 +173,10 @@ std::string PowerJson(const std::string& driverVersion, const std::vector<GpuPow
         Json& json = list.emplace_back(ShortIdentity(device));
         json["state"] = StateWord(capabilities.State);
         json["status"] = capabilities.Status;
-        for (const auto& [key, watts] : kPowerValues) {
-            if (capabilities.*watts >= 0.0) json[key] = capabilities.*watts;
-        }
+        AddIfRead("current_watts", capabilities.CurrentWatts, &json);
+        AddIfRead("default_watts", capabilities.DefaultWatts, &json);
+        AddIfRead("minimum_watts", capabilities.MinimumWatts, &json);
+        AddIfRead("maximum_watts", capabilities.MaximumWatts, &json);
     }
-    return Line(Document(driverVersion, std::move(list)), kIndent);
+    return JsonText(Document(driverVersion, std::move(list)), kIndent);
 }

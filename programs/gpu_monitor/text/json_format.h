@@ -9,10 +9,10 @@
 
 // Every text ends with a line break. A value that was not read is left out.
 
-/// One object with the identity of every GPU in `devices`.
+/// One object with the identity of every GPU.
 std::string ListJson(const std::string& driverVersion, const std::vector<GpuDeviceInfo>& devices);
 
-/// One object with identity and reading of every GPU in `gpus`, which may be empty.
+/// One object with the identity and the readings of every GPU in `gpus`, which may be empty.
 std::string SampleJson(const std::string& driverVersion, const std::vector<GpuReadings>& gpus);
 
 /// One object with the clocks of every GPU in `gpus`, which may be empty.

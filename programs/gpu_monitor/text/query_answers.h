@@ -3,7 +3,7 @@
 
 #include "nvml_gpu_monitor.h"
 
-// What a query command gets from one GPU.
+// The answers of one GPU to the query commands.
 
 struct GpuReadings {
     GpuDeviceInfo Device;

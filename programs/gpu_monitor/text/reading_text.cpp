@@ -1,6 +1,7 @@
 #include "text/reading_text.h"
 
 #include <optional>
+#include <vector>
 
 #include "gpu_feed/limit_reasons.h"
 #include "text/text_layout.h"

@@ -10,7 +10,7 @@ namespace {
 
 constexpr int kTimeWidth = 8;
 constexpr int kIndexWidth = 3;
-constexpr size_t kWordsWidth = 21;
+constexpr size_t kLimitsWidth = 21;
 
 struct Column {
     ReadingId Id;
@@ -18,19 +18,19 @@ struct Column {
     int Width;
 };
 
-/// What limits the clocks follows them, in words.
+/// Left to right. The reasons that limit the clocks come after these columns.
 constexpr Column kColumns[] = {
     {ReadingId::GpuUtilization, "util", 4}, {ReadingId::MemoryUtilization, "mem", 4}, {ReadingId::VramUsed, "vram", 6},
     {ReadingId::Power, "power", 6},         {ReadingId::Temperature, "temp", 4},      {ReadingId::Fan, "fan", 4},
     {ReadingId::GraphicsClock, "gfx", 5},   {ReadingId::MemoryClock, "mem", 5},
 };
 
-/// A line of the stream: `cellOf` gives the text for each column of the table above.
+/// A line of the stream; `cellOf` returns the text for a column.
 template <typename CellOf>
-std::string StreamLine(const std::string& time, const std::string& index, CellOf cellOf, const std::string& words) {
+std::string StreamLine(const std::string& time, const std::string& index, CellOf cellOf, const std::string& limits) {
     std::string text = Right(time, kTimeWidth) + ' ' + Right(index, kIndexWidth);
     for (const Column& column : kColumns) text += ' ' + Right(cellOf(column), column.Width);
-    if (!words.empty()) text += ' ' + words;
+    if (!limits.empty()) text += ' ' + limits;
     return text + '\n';
 }
 
@@ -47,5 +47,5 @@ std::string StreamText(const GpuDeviceInfo& device, const GpuTelemetrySample& sa
     return StreamLine(
         Number(seconds, 1), std::to_string(device.Index),
         [&sample](const Column& column) { return ReadingNumber(column.Id, sample); },
-        ShortLimitText(sample, kWordsWidth));
+        ShortLimitText(sample, kLimitsWidth));
 }

@@ -7,7 +7,7 @@
 
 // Every text ends with a line break. A value that was not read shows as a dash.
 
-/// The column headings of the stream and, below, their units.
+/// The headings of the columns and, in a second line, their units.
 std::string StreamHeading();
 
 /// One sample of one GPU as a line of the stream, taken `seconds` after its start.

@@ -26,7 +26,7 @@ std::string IdentityText(const IdentityField& field, const GpuDeviceInfo& device
     return *field.Unit == '\0' ? text : text + ' ' + field.Unit;
 }
 
-/// One row of one block, of which `cells` has the text for each GPU; takes several lines when a cell does.
+/// One row of a block, with a cell for each GPU. It takes several lines when a cell is too wide for one.
 std::string TableRow(const std::string& label, const std::string& unit, const std::vector<std::string>& cells) {
     std::vector<std::vector<std::string>> wrappedCells;
     size_t height = 1;
@@ -45,7 +45,7 @@ std::string TableRow(const std::string& label, const std::string& unit, const st
 
 using GpuIterator = std::vector<GpuReadings>::const_iterator;
 
-/// The text that `cellOf` makes of each GPU's sample.
+/// The text that `cellOf` returns for the sample of each GPU.
 template <typename CellOf>
 std::vector<std::string> Cells(GpuIterator first, GpuIterator last, CellOf cellOf) {
     std::vector<std::string> cells;
@@ -53,6 +53,7 @@ std::vector<std::string> Cells(GpuIterator first, GpuIterator last, CellOf cellO
     return cells;
 }
 
+/// The rows of the GPUs that fit beside each other.
 std::string TableBlock(GpuIterator first, GpuIterator last) {
     std::string names;
     std::string headings(kLabelWidth + kGap + kUnitWidth, ' ');

@@ -9,10 +9,11 @@
 
 // Every text ends with a line break. A value that was not read shows as a dash.
 
-/// The identity of every GPU, a paragraph each.
+/// A paragraph for each GPU with its identity.
 std::string ListText(const std::vector<GpuDeviceInfo>& devices);
 
-/// A table with a row per reading and a column per GPU, in as many blocks as lines of `width` characters take.
+/// A table with a row for each reading and a column for each GPU. GPUs that do not fit into lines of `width` characters
+/// follow in another block below.
 std::string SampleText(const std::vector<GpuReadings>& gpus, size_t width);
 
 #endif  // GPU_MONITOR_TABLE_FORMAT_H

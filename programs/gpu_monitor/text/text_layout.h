@@ -7,33 +7,34 @@
 
 #include "nvml_gpu_monitor.h"
 
-/// Stands for a value that was not read.
+/// Shown for a value that was not read.
 constexpr const char* kNotRead = "-";
 
 std::string Number(double value, int decimals);
 
-/// `text`, filled up with spaces behind it to `width`.
+/// `text` with spaces after it, `width` characters in all.
 std::string Left(const std::string& text, int width);
 
-/// `text`, filled up with spaces before it to `width`.
+/// `text` with spaces before it, `width` characters in all.
 std::string Right(const std::string& text, int width);
 
-/// `text` as a terminal may get it: without control characters, which a driver's text could have.
+/// `text` with a question mark for each control character. A text of the driver could hold some, and a terminal would
+/// obey them.
 std::string Printable(std::string text);
 
 /// `text`, or a dash when it is empty.
 std::string OrDash(const std::string& text);
 
-/// Breaks `text` into lines of at most `width`, between words where it can.
+/// Breaks `text` into lines of at most `width` characters, between words where possible.
 std::vector<std::string> Wrapped(std::string text, size_t width);
 
-/// How a GPU is called in columns and commands: GPU 0.
+/// The name of a GPU in headings of columns: "GPU 0".
 std::string GpuName(const GpuDeviceInfo& device);
 
-/// How a GPU is called in a sentence: its index first, its product name in brackets.
+/// The name of a GPU in a sentence: "GPU 0 (product name)".
 std::string GpuInSentence(const GpuDeviceInfo& device);
 
-/// How a GPU is called above what is shown of it.
+/// The name of a GPU above a paragraph or a view: "GPU 0: product name".
 std::string GpuTitle(const GpuDeviceInfo& device);
 
 #endif  // GPU_MONITOR_TEXT_LAYOUT_H

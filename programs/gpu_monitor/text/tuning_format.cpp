@@ -12,14 +12,14 @@ using namespace gpu_feed;
 namespace {
 
 constexpr size_t kGap = 2;
-/// However narrow the terminal is.
+/// Texts are not made narrower than this, even if the terminal is.
 constexpr size_t kMinimumTextWidth = 20;
-/// Fewer evenly spaced clocks than this read better one by one.
+/// Fewer evenly spaced clocks than this are listed one by one.
 constexpr std::ptrdiff_t kShortestRun = 4;
 
 using ClockIterator = std::vector<int>::const_iterator;
 
-/// Where the evenly spaced clocks end that begin at `first`.
+/// The end of the evenly spaced clocks that begin at `first`.
 ClockIterator EndOfRun(ClockIterator first, ClockIterator last) {
     if (last - first < 2) return last;
     auto end = first + 2;
@@ -53,7 +53,7 @@ Details ClockDetails(const GpuClockCapabilities& capabilities) {
     const std::string heading = "Memory MHz";
     const int width = static_cast<int>(heading.size());
     Details details = {
-        // As wide as the heading also without it, so that the paragraphs line up.
+        // As wide as the heading even where that is missing, so that the paragraphs of all GPUs line up.
         {Left("Running", width), ClocksText(capabilities.CurrentGraphicsClockMHz, capabilities.CurrentMemoryClockMHz)},
         {"Locking", capabilities.CanControl ? "possible; may need root" : "impossible: " + capabilities.Status},
     };
@@ -70,7 +70,7 @@ size_t LabelWidth(const Details& details) {
     return width + kGap;
 }
 
-/// A paragraph for each of `gpus`; `details` makes what stands in it from an answer.
+/// A paragraph for each GPU; `details` returns its lines.
 template <typename Answer, typename Capabilities>
 std::string Paragraphs(const std::vector<Answer>& gpus, Details (*details)(const Capabilities&), size_t width) {
     std::string text;
@@ -132,10 +132,10 @@ std::string Paragraph(const GpuDeviceInfo& device, const Details& details, size_
     return text;
 }
 
-std::string ClocksText(const std::vector<GpuClocks>& gpus, size_t width) {
+std::string ClockQueryText(const std::vector<GpuClocks>& gpus, size_t width) {
     return Paragraphs(gpus, ClockDetails, width);
 }
 
-std::string PowerText(const std::vector<GpuPower>& gpus, size_t width) {
+std::string PowerQueryText(const std::vector<GpuPower>& gpus, size_t width) {
     return Paragraphs(gpus, PowerQueryDetails, width);
 }
