@@ -6,8 +6,8 @@
 #include <memory>
 
 #include "boards.h"
-#include "full_histories.h"
 #include "nvml_gpu_monitor.h"
+#include "sampler.h"
 
 namespace {
 

@@ -7,8 +7,8 @@
 #include <memory>
 #include <vector>
 
-#include "full_histories.h"
 #include "nvml_gpu_monitor.h"
+#include "sampler.h"
 
 namespace {
 

@@ -19,15 +19,25 @@ install(FILES include/nvml_gpu_monitor.h DESTINATION "${CMAKE_INSTALL_INCLUDEDIR
 install(FILES src/nvml_gpu_monitor.cpp DESTINATION "${source_dir}" COMPONENT development)
 install(FILES profiler/gpu_profiler.h DESTINATION "${source_dir}/profiler" COMPONENT development)
 
+# ---- The feed, for hosts with a user interface ----
+
+install(TARGETS nvml_gpu_monitor_feed EXPORT nvml_gpu_monitor_feed
+    ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT development
+    INCLUDES DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
+install(DIRECTORY feed/include/ DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}" COMPONENT development)
+
 # ---- find_package ----
 
 install(EXPORT nvml_gpu_monitor NAMESPACE nvml_gpu_monitor:: FILE nvml_gpu_monitorTargets.cmake
+    DESTINATION "${package_dir}" COMPONENT development)
+# Apart from the library, which a host with a profiler of its own compiles itself.
+install(EXPORT nvml_gpu_monitor_feed NAMESPACE nvml_gpu_monitor:: FILE nvml_gpu_monitorFeedTargets.cmake
     DESTINATION "${package_dir}" COMPONENT development)
 configure_package_config_file(cmake/nvml_gpu_monitorConfig.cmake.in
     "${CMAKE_CURRENT_BINARY_DIR}/package/nvml_gpu_monitorConfig.cmake"
     INSTALL_DESTINATION "${package_dir}"
     PATH_VARS CMAKE_INSTALL_INCLUDEDIR source_dir)
-# As the soname: before version 1, every minor version may be another one.
+# As the soname: before version 1, every minor version may change the interface.
 write_basic_package_version_file("${CMAKE_CURRENT_BINARY_DIR}/package/nvml_gpu_monitorConfigVersion.cmake"
     COMPATIBILITY SameMinorVersion)
 install(FILES
@@ -38,7 +48,7 @@ install(FILES
 
 # ---- pkg-config ----
 
-# A static library brings nothing along, so its users link what it needs.
+# Who links a static library also links what it needs.
 set(pkg_config_libs "")
 set(pkg_config_private_libs "-l${CMAKE_DL_LIBS} -pthread")
 if(NVML_GPU_MONITOR_LIBRARY_TYPE STREQUAL "STATIC_LIBRARY")
@@ -47,7 +57,7 @@ endif()
 file(RELATIVE_PATH pkg_config_prefix
     "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig" "${CMAKE_INSTALL_PREFIX}")
 string(REGEX REPLACE "/$" "" pkg_config_prefix "${pkg_config_prefix}")
-# Relative to the prefix, so that an installation can be moved; folders that are not below it stay where they are.
+# Relative to the prefix, so that an installation can be moved. A folder that is given absolutely stays absolute.
 foreach(folder LIBDIR INCLUDEDIR)
     set(pkg_config_${folder} "${CMAKE_INSTALL_${folder}}")
     if(NOT IS_ABSOLUTE "${pkg_config_${folder}}")
@@ -70,7 +80,7 @@ if(TARGET gpu_monitor)
         DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions" RENAME gpu_monitor COMPONENT tools)
     install(FILES programs/gpu_monitor/install/gpu_monitor.fish
         DESTINATION "${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d" COMPONENT tools)
-    # Debian's zsh has one folder for what packages bring and another one for /usr/local.
+    # Debian's zsh looks in one folder for what packages install and in another for what is in /usr/local.
     set(zsh_folder site-functions)
     if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
         set(zsh_folder vendor-completions)
@@ -79,7 +89,7 @@ if(TARGET gpu_monitor)
         DESTINATION "${CMAKE_INSTALL_DATADIR}/zsh/${zsh_folder}" COMPONENT tools)
 endif()
 if(TARGET simulated_nvml)
-    # In a folder of its own, where no loader finds it unasked: it must never stand in for a driver by accident.
+    # In a folder of its own, where no loader looks by itself: it must never replace a driver by accident.
     install(TARGETS simulated_nvml
         LIBRARY DESTINATION lib/nvml_gpu_monitor/simulator COMPONENT simulator NAMELINK_SKIP)
 endif()

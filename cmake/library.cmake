@@ -2,7 +2,7 @@ find_package(Threads REQUIRED)
 include(cmake/configure.cmake)
 
 if(NVML_GPU_MONITOR_PROFILER_DIR)
-    # Part of the host: a shared library, which hides what it instantiates, would have a GPUProfiler of its own.
+    # Part of the host: a shared library hides its inline functions, and would so have another GPUProfiler than the host.
     add_library(nvml_gpu_monitor STATIC src/nvml_gpu_monitor.cpp)
     set(profiler_dir "${NVML_GPU_MONITOR_PROFILER_DIR}")
 else()
@@ -12,7 +12,7 @@ endif()
 add_library(nvml_gpu_monitor::nvml_gpu_monitor ALIAS nvml_gpu_monitor)
 nvml_gpu_monitor_configure(nvml_gpu_monitor "${CMAKE_CURRENT_SOURCE_DIR}/include" "${profiler_dir}")
 
-# A shared library shows its class and nothing else: not its internals, nor what it instantiates of the standard library.
+# A shared library exports its class and nothing else: neither its internals nor templates of the standard library.
 # Before version 1, every minor version may change the class, so the soname has both numbers.
 set_target_properties(nvml_gpu_monitor PROPERTIES
     VERSION ${PROJECT_VERSION}
@@ -28,7 +28,4 @@ if(NVML_GPU_MONITOR_LIBRARY_TYPE STREQUAL "SHARED_LIBRARY")
         LINK_DEPENDS "${CMAKE_CURRENT_SOURCE_DIR}/cmake/exports.map")
 endif()
 
-if(NVML_GPU_MONITOR_TOP_LEVEL)
-    include(cmake/warnings.cmake)
-    nvml_gpu_monitor_strict_warnings(nvml_gpu_monitor)
-endif()
+nvml_gpu_monitor_strict_warnings(nvml_gpu_monitor)

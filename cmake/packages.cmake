@@ -1,5 +1,5 @@
-# `cpack` makes Debian packages of what is built: the library when it is a shared one, what compiling against it takes,
-# the program, and the simulator.
+# `cpack` makes Debian packages of what is built: the library when it is shared, the development files, the program, and
+# the simulator.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_VENDOR "nvml_gpu_monitor")
 set(CPACK_PACKAGE_CONTACT "nvml_gpu_monitor developers")
@@ -8,7 +8,7 @@ set(CPACK_STRIP_FILES ON)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-# The program's own library, which no installed package brings yet.
+# Where the program's shared library is, which no installed package contains.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS "${CMAKE_CURRENT_BINARY_DIR}")
 
 set(CPACK_COMPONENTS_ALL development)
@@ -34,8 +34,9 @@ and changes clocks and power limits. Harmless where there is no driver.")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libnvml-gpu-monitor-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "Telemetry and tuning of NVIDIA GPUs, development files
-Header, CMake package, pkg-config file, and the source for programs that
-compile it with their own frame profiler.")
+Headers, CMake package, pkg-config file, the feed for programs with a user
+interface, and the source for programs that compile it with their own frame
+profiler.")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME gpu-monitor)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)

@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# Checks on a bare Debian that the README's two commands do all the set-up, and that the Debian packages install and serve
-# a host. Takes some ten minutes, root, a network, and debootstrap:
+# Checks on a bare Debian that the README's two commands set everything up, and that the Debian packages install and hosts
+# build against them. Takes about ten minutes, and needs root, a network, and debootstrap:
 #
-#   sudo scripts/check_fresh_machine.sh [FOLDER]     default: a temporary one; it is left there
+#   sudo scripts/check_fresh_machine.sh [FOLDER]     where the bare Debian is made and left; default: a temporary folder
 #
-# What is checked is the last commit.
+# The last commit is checked.
 set -euo pipefail
 
 ((EUID == 0)) || { echo "check_fresh_machine: needs root" >&2; exit 1; }
@@ -19,7 +19,7 @@ trap unmount EXIT
 
 begin() { printf '\n==== %s (%d s since the start) ====\n' "$1" "$SECONDS"; }
 
-# Runs a script in the bare system, with nothing of this one's environment but the way to the network.
+# Runs a script in the bare system, with an empty environment but for the network's proxies.
 inside() {
     chroot "$root" /usr/bin/env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LANG=C.UTF-8 \
         ${http_proxy:+http_proxy="$http_proxy"} ${https_proxy:+https_proxy="$https_proxy"} bash -euo pipefail -c "$1"
@@ -39,14 +39,18 @@ begin 'scripts/test.sh'
 inside 'cd /project && scripts/test.sh'
 begin 'packages: made'
 inside 'cd /project && scripts/setup.sh ci && scripts/check_package.sh'
-begin 'packages: installed, and a host that is built against them'
-# shellcheck disable=SC2016 # it is the shell inside that expands
+begin 'packages: installed, and hosts that are built against them'
+# shellcheck disable=SC2016 # the shell in the bare system expands
 inside '
     apt-get install --yes /project/build/package/packed/*.deb
     gpu_monitor list --simulate=2
-    cmake -S /project/tests/consumers/find_package -B /host -G Ninja
-    cmake --build /host
-    /host/host /usr/lib/nvml_gpu_monitor/simulator/libnvidia-ml.so.1
-    c++ -std=c++17 /project/tests/consumers/host.cpp $(pkg-config --cflags --libs nvml_gpu_monitor) -ldl -o /linked
-    /linked /usr/lib/nvml_gpu_monitor/simulator/libnvidia-ml.so.1'
+    hosts=/project/tests/consumers
+    simulator=/usr/lib/nvml_gpu_monitor/simulator/libnvidia-ml.so.1
+    for library in nvml_gpu_monitor feed; do
+        cmake -S "$hosts/find_package" -B "/host/$library" -G Ninja -DLIBRARY="$library"
+        cmake --build "/host/$library"
+        "/host/$library/host" "$simulator"
+    done
+    c++ -std=c++17 "$hosts/nvml_gpu_monitor_host.cpp" $(pkg-config --cflags --libs nvml_gpu_monitor) -ldl -o /linked
+    /linked "$simulator"'
 begin "passed; the system is in $root"

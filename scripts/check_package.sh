@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Checks what gets installed: hosts build against the shared library in every way, it shows its class and nothing else,
-# and against the unpacked Debian packages a host builds and runs too.
+# Checks what gets installed: hosts build against the shared library in every way, it exports its class and nothing
+# else, and hosts of the library and of the feed build and run against the unpacked Debian packages too.
 set -euo pipefail
 
 cd -- "$(CDPATH='' cd -- "$(dirname -- "${BASH_SOURCE[0]}")/.." && pwd)"
@@ -21,12 +21,16 @@ done
 library=$(find "$packed/root" -name 'libnvml_gpu_monitor.so.*' -type f)
 symbols=$(nm -DC --defined-only "$library")
 if others=$(grep -v ' NvmlGpuMonitor::' <<<"$symbols"); then
-    printf 'check_package: the shared library shows more than its class:\n%s\n' "$others" >&2
+    printf 'check_package: the shared library exports more than its class:\n%s\n' "$others" >&2
     exit 1
 fi
 
-cmake -S tests/consumers/find_package -B "$packed/host" -G Ninja -DCMAKE_PREFIX_PATH="$packed/root/usr"
-cmake --build "$packed/host"
 simulator=$packed/root/usr/lib/nvml_gpu_monitor/simulator/libnvidia-ml.so.1
-"$packed/host/host" "$simulator"
+for library in nvml_gpu_monitor feed; do
+    host=$packed/${library}_host
+    cmake -S tests/consumers/find_package -B "$host" -G Ninja -DCMAKE_PREFIX_PATH="$packed/root/usr" \
+        -DLIBRARY="$library"
+    cmake --build "$host"
+    "$host/host" "$simulator"
+done
 "$packed/root/usr/bin/gpu_monitor" list --simulate

@@ -1,14 +1,14 @@
 #!/usr/bin/env bash
-# Compares what gpu_monitor tells of this machine's GPUs with what nvidia-smi tells, and checks the sampler's life on
-# the real driver: one line per check. Changes nothing on a GPU unless --tuning is given.
+# Compares what gpu_monitor and nvidia-smi print of this machine's GPUs, and checks the sampler on the real driver. Prints
+# one line per check. Changes nothing on a GPU unless --tuning is given.
 #
 #   scripts/check_real_gpu.sh                    builds gpu_monitor first
-#   scripts/check_real_gpu.sh --program PATH     takes a built one
+#   scripts/check_real_gpu.sh --program PATH     uses the program at this path
 #   sudo scripts/check_real_gpu.sh --tuning      also sets a power limit and locks clocks, and takes both back
 #
-# --tuning acts on every program of the machine for some seconds, and releases clocks that were locked before.
-# Needs python3; what needs a C++ compiler is skipped where there is none. The tolerances stand in real_gpu/compare.py.
-# Exit status: 0 all well, 1 a check failed, 2 wrong usage, 77 no driver here to check with.
+# --tuning affects every program of the machine for some seconds, and releases clocks that were locked before.
+# Needs python3. Without a C++ compiler, some checks are skipped. The tolerances are in real_gpu/compare.py.
+# Exit status: 0 every check passed, 1 a check failed, 2 wrong usage, 77 there is no driver to check with.
 set -euo pipefail
 
 root=$(CDPATH='' cd -- "$(dirname -- "${BASH_SOURCE[0]}")/.." && pwd)
@@ -55,7 +55,7 @@ scratch=$(mktemp -d)
 trap 'rm -rf -- "$scratch"' EXIT
 
 if [[ -z $program ]]; then
-    # run.sh builds it and says where that fails. What the program itself says counts below.
+    # run.sh builds it, and prints the errors of the build. The program's own answer is judged below.
     "$root/scripts/run.sh" --version >/dev/null || fail 'gpu_monitor could not be built'
     program=$root/build/run/bin/gpu_monitor
 fi
@@ -67,7 +67,7 @@ if ! said=$("$program" list 2>&1 >/dev/null); then
     esac
 fi
 
-# The probe embeds the library itself: it can pause and resume, and makes the queries of a cycle directly.
+# The probe embeds the library, so it can pause and resume it, and makes the queries of a cycle without the library, too.
 probe=$scratch/probe
 compiler=${CXX:-c++}
 # Unquoted: CXX may carry a launcher or flags.

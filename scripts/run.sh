@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
-# Builds the terminal program and shows the GPUs: of the real driver where there is one, else of a simulated one.
+# Builds the terminal program and shows the GPUs of the driver or, where there is no driver, simulated ones.
 #
 #   scripts/run.sh                          the live view or, where there is no terminal, the stream
 #   scripts/run.sh sample --simulate=4      gpu_monitor with these arguments instead
 set -euo pipefail
 
 root=$(CDPATH='' cd -- "$(dirname -- "${BASH_SOURCE[0]}")/.." && pwd)
-build=$root/build/run # apart from the presets' builds: this one is without tests, so GoogleTest need not be there
+build=$root/build/run # not a preset's folder: this build is without tests, so it does not need GoogleTest
 log=$build/build.log
 gpu_monitor=$build/bin/gpu_monitor
 

@@ -1,17 +1,17 @@
 #!/usr/bin/env bash
-# Makes sure that what this project is built with is installed. Silent when it is.
+# Installs what this project is built with, where it is missing. Prints nothing when everything is there.
 #
 #   scripts/setup.sh [run|test|ci]     default: test
 #
-# run: build and run the terminal program. test: also build and run the tests and benchmarks. ci: also every check of
-# .ci/run. Each set contains the ones before it.
+# run: to build and run the terminal program. test: also to build and run the tests and benchmarks. ci: also for every
+# check of .ci/run.
 set -euo pipefail
 
 compiler=${CXX:-c++}
 
 have() { command -v -- "$1" >/dev/null; }
 
-# Asks the compiler itself, so that a header outside the package manager's places counts too.
+# Asks the compiler, which also finds headers that no package has installed.
 header() {
     # Unquoted: CXX may carry a launcher or flags.
     # shellcheck disable=SC2086
@@ -19,13 +19,13 @@ header() {
         $compiler -std=c++17 -E -x c++ - >/dev/null 2>&1
 }
 
-# Clang's runtime libraries come apart from clang.
+# Clang's runtime libraries are in a package of their own.
 have_fuzzer() {
     have clang++ && echo 'extern "C" int LLVMFuzzerTestOneInput(const char*, unsigned long) { return 0; }' |
         clang++ -fsanitize=fuzzer,address,undefined -x c++ - -o /dev/null 2>/dev/null
 }
 
-# set | package of Debian and Ubuntu | probe that succeeds when what the package brings is there
+# set | package of Debian and Ubuntu | command that succeeds when the package's files are there
 needs=(
     "run|g++|have ${compiler%% *}"
     "run|cmake|have cmake"
@@ -48,8 +48,8 @@ needs=(
     "ci|file|have file" # cpack looks for dependencies in what it calls an executable
 )
 
-# Fills `missing` with the packages whose probe fails. Without a compiler no header can be probed, so the packages with
-# headers then count as missing as well.
+# Fills `missing` with the packages whose probe fails. Headers cannot be probed without a compiler, so the packages with
+# headers then count as missing, too.
 find_missing() {
     local need set package probe
     missing=()
@@ -94,8 +94,8 @@ install_missing() {
         as_root=(sudo)
     fi
     echo "setup: installing ${missing[*]}" >&2
-    # Standard output stays free for what the calling script is asked for. A package source that cannot be reached need
-    # not matter, so the installation decides. The lock is often held for a moment by automatic updates.
+    # Everything goes to standard error, because the calling script prints its answer to standard output. An update that
+    # fails may not matter, so only the installation decides. Automatic updates often hold the lock for a moment.
     local apt_environment=(env DEBIAN_FRONTEND=noninteractive)
     "${as_root[@]}" "${apt_environment[@]}" apt-get -q update </dev/null >&2 ||
         echo "setup: apt-get update failed; going on with the package lists at hand" >&2

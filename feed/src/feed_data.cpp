@@ -6,13 +6,15 @@ namespace gpu_feed {
 
 namespace {
 
-/// Readings are overdue after this many periods, but not before this long.
+/// Readings are overdue after this many periods, but not within the first second.
 constexpr double kSilentPeriods = 3.0;
 constexpr double kMinimumSilenceSeconds = 1.0;
 /// The same while no period is known: a cycle over many GPUs takes seconds.
 constexpr double kUnknownPeriodSeconds = 5.0;
+/// The driver hangs when it is silent for longer than this and than readings of any GPU may take.
 constexpr double kHangSeconds = 5.0;
 
+/// How many seconds may pass without a reading.
 double PatienceFor(const FeedGpu& gpu) {
     if (gpu.PeriodSeconds == 0.0) return kUnknownPeriodSeconds;
     return std::max(kSilentPeriods * gpu.PeriodSeconds, kMinimumSilenceSeconds);

@@ -4,9 +4,12 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <new>
+#include <system_error>
 #include <thread>
 #include <tuple>
 #include <utility>
@@ -18,9 +21,10 @@ namespace {
 /// The kernel cuts longer names off.
 constexpr size_t kKernelNameLength = 15;
 constexpr size_t kUserBufferBytes = 16384;
+/// How long a look-up usually takes at most.
 constexpr std::chrono::milliseconds kUsualLookUp(20);
 
-/// The name that the kernel gives or, where that is cut off, the file's name of which it is the beginning.
+/// The kernel's name of a process; where it is cut off, the name of the program's file if that begins with it.
 std::string ProgramName(const std::string& folder) {
     std::string name;
     std::getline(std::ifstream(folder + "/comm"), name);
@@ -30,12 +34,17 @@ std::string ProgramName(const std::string& folder) {
     return program.compare(0, name.size(), name) == 0 ? program : name;
 }
 
+/// The number where the system knows no name, or memory does not suffice for it.
 std::string NameOfUser(uid_t userId) {
     passwd entry{};
     passwd* found = nullptr;
-    std::vector<char> buffer(kUserBufferBytes);
+    std::array<char, kUserBufferBytes> buffer{};
     const int error = getpwuid_r(userId, &entry, buffer.data(), buffer.size(), &found);
-    return error == 0 && found != nullptr ? entry.pw_name : std::to_string(userId);
+    try {
+        if (error == 0 && found != nullptr) return entry.pw_name;
+    } catch (const std::bad_alloc&) {
+    }
+    return std::to_string(userId);
 }
 
 }  // namespace
@@ -57,15 +66,21 @@ std::vector<FeedProcess> ProcessNames::Describe(const std::vector<GpuProcessMemo
 }
 
 std::string ProcessNames::UserName(unsigned int userId) {
-    std::shared_future<std::string>& name = UserNames[userId];
-    if (!name.valid()) {
+    auto known = UserNames.find(userId);
+    if (known == UserNames.end()) {
         std::packaged_task<std::string()> lookUp([userId] { return NameOfUser(userId); });
-        name = lookUp.get_future().share();
-        std::thread(std::move(lookUp)).detach();
+        std::shared_future<std::string> name = lookUp.get_future().share();
+        try {
+            std::thread(std::move(lookUp)).detach();
+        } catch (const std::system_error&) {
+            // No thread can be had now; the next look tries again.
+            return std::to_string(userId);
+        }
         name.wait_for(kUsualLookUp);
+        known = UserNames.emplace(userId, std::move(name)).first;
     }
-    const bool bKnown = name.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
-    return bKnown ? name.get() : std::to_string(userId);
+    const bool bAnswered = known->second.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+    return bAnswered ? known->second.get() : std::to_string(userId);
 }
 
 }  // namespace gpu_feed

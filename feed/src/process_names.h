@@ -11,14 +11,14 @@
 
 namespace gpu_feed {
 
-/// Tells what the system knows of processes.
+/// Adds to processes what the system knows of them.
 class ProcessNames {
 public:
-    /// `processes`, largest first; with names if they are processes of this system.
+    /// Lists `processes`, largest first; with names if they are processes of this system.
     std::vector<FeedProcess> Describe(const std::vector<GpuProcessMemory>& processes, bool bOfThisSystem);
 
 private:
-    /// The number until the name is known: a directory service that is asked for it may not answer.
+    /// The user's name, or the number while no name is known: the directory service that knows it may not answer.
     std::string UserName(unsigned int userId);
 
     std::map<unsigned int, std::shared_future<std::string>> UserNames;

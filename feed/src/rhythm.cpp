@@ -6,18 +6,16 @@ namespace gpu_feed {
 
 namespace {
 
-/// How long after the expected start of a cycle to look: late enough for the sampler to have begun, so that the look
-/// waits for the rest of the cycle by itself.
+/// How long after the expected start of a cycle to look. The sampler has begun its cycle by then, and the look waits
+/// for the rest of it: a snapshot holds all of a cycle.
 constexpr double kMarginSeconds = 0.005;
-/// Wait after a first look in vain; each further one doubles it.
+/// The wait after a look that found nothing new; each further such look doubles it.
 constexpr double kFirstRetrySeconds = 0.01;
 
 }  // namespace
 
 Rhythm::Rhythm(std::chrono::milliseconds interval)
-    : IntervalSeconds(std::chrono::duration<double>(interval).count()),
-      PeriodSeconds(IntervalSeconds),
-      RetrySeconds(kFirstRetrySeconds) {}
+    : IntervalSeconds(std::chrono::duration<double>(interval).count()), RetrySeconds(kFirstRetrySeconds) {}
 
 double Rhythm::AfterStart(double now) const {
     return now + kMarginSeconds;
@@ -32,7 +30,6 @@ double Rhythm::AfterNewSample(const std::deque<GpuTelemetrySample>& samples, dou
         const double newest = samples.back().TimestampSeconds;
         const double previous = samples[samples.size() - 2].TimestampSeconds;
         next = std::min(next, newest + (newest - previous));
-        PeriodSeconds = std::max(next - newest, IntervalSeconds);
     }
     return next + kMarginSeconds;
 }

@@ -8,18 +8,16 @@
 
 namespace gpu_feed {
 
-/// Tells when the sampler's next cycle is due, from the timestamps of its samples. Moments are steady-clock seconds.
+/// Finds out when the sampler's next cycle is due, from the timestamps of its samples. Moments are steady-clock
+/// seconds.
 class Rhythm {
 public:
     explicit Rhythm(std::chrono::milliseconds interval);
 
-    /// Interval and duration of a cycle together, as last measured.
-    double Period() const { return PeriodSeconds; }
-
     /// The moment for the first look after the sampler was started at `now`.
     double AfterStart(double now) const;
 
-    /// The moment to look again after a look at `now` that found the newest sample to be the last of `samples`.
+    /// The moment to look again after a look at `now` that found a new sample, the last of `samples`.
     double AfterNewSample(const std::deque<GpuTelemetrySample>& samples, double now);
 
     /// The moment to look again after a look at `now` that found nothing new.
@@ -27,7 +25,6 @@ public:
 
 private:
     double IntervalSeconds;
-    double PeriodSeconds;
     double RetrySeconds;
 };
 

@@ -6,7 +6,7 @@ set -euo pipefail
 
 program=$1 page=$2 completion=$3
 
-# Differences are told as diff does: - stands before what the help has alone, + before what the document has alone.
+# Differences are printed as diff does: - marks what only the help has, + marks what only the document has.
 failures=0
 expect_same() {
     local difference
@@ -20,7 +20,7 @@ options_in() { grep -oE -- '--[a-z][a-z-]*' <<<"$1" || true; }
 
 # ---- What the help says ----
 
-# Options of the help $1. Only these lines begin with them: descriptions and examples may name others.
+# The options that the help $1 lists. Lines of the list begin with them; descriptions and examples may name others.
 help_options() { options_in "$(grep -E '^ +-' <<<"$1" | cut -c -24)"; }
 
 help=$("$program" --help)
@@ -59,7 +59,7 @@ expect_same "the man page" "$all_options" "$(options_in "$plain_page")"
 
 # ---- The bash completion ----
 
-# What is offered for the last of the words. As this shell is not interactive, it has no other completions.
+# Prints what is offered for the last of the words. As this shell is not interactive, it has no other completions.
 offered() (
     # shellcheck source=/dev/null
     source "$completion"
@@ -78,7 +78,7 @@ for command in $commands; do
     expected=$program_options$'\n'${options_of[$command]}
     expect_same "the completion of $command" "$(grep . <<<"$expected")" "$(offered "$command" --)"
 done
-# What is no kind is refused with a list of them.
+# An unknown kind is refused with a list of the kinds.
 refusal=$("$program" list --simulate=none 2>&1 || true)
 kinds=$(grep -oE '[a-z]+(,[a-z]+)+' <<<"$refusal" | tr , '\n')
 expect_same "the completion of --simulate=" "$kinds" "$(offered list --simulate =)"

@@ -9,7 +9,7 @@ export PKG_CONFIG_PATH="$1"
 engine=$2 simulator=$3 build=$4
 shift 4
 
-host=$(dirname "$0")/host.cpp
+host=$(dirname "$0")/nvml_gpu_monitor_host.cpp
 package() { pkg-config "$@" nvml_gpu_monitor; }
 mkdir -p "$build"
 

@@ -10,9 +10,10 @@
 #include <utility>
 #include <vector>
 
+#include "fixed_boards.h"
 #include "gpu_profiler.h"
-#include "host_seams.h"
 #include "nvml_gpu_monitor.h"
+#include "sampler_clock.h"
 #include "simulated_nvml.h"
 
 /// Now, in the seconds that samples are stamped with.
@@ -20,39 +21,28 @@ inline double SteadySeconds() {
     return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
-/// Every test begins with one desktop board that nothing is wrong with, and fails when the simulator saw misuse or NVML
+/// Every test begins with one fixed board that nothing is wrong with, and fails when the simulator saw misuse or NVML
 /// was left open.
 class ScriptedTest : public testing::Test {
 protected:
     ScriptedTest() {
-        host_seams::Reset();
-        GPUProfiler::Get()->FrameTimeMs.reset();
+        *GPUProfiler::Get() = {};
         StartOver();
     }
     ~ScriptedTest() override {
         EXPECT_THAT(Log(), testing::AnyOf("", testing::EndsWith("dlclose "), testing::EndsWith("dlopen(1) ")))
             << "NVML was left open";
         EXPECT_THAT(Sim.Misuse(), testing::IsEmpty());
+        sampler_clock::Reset();
     }
 
     void StartOver() {
         EXPECT_THAT(Sim.Misuse(), testing::IsEmpty());
         Sim.Reset();
+        Sim.SetBoards(fixed_boards::FixedBoards(1));
         Sim.RecordLog();
         Sim.ForbidConcurrentCalls();
         Sim.LetFailuresWrite();
-    }
-
-    /// Boards that always tell these readings.
-    void SetFixedBoards(unsigned int count, const simulated_nvml::Readings& readings,
-                        const std::vector<simulated_nvml::ClockGroup>& clocks = {}) {
-        std::vector<simulated_nvml::Board> boards;
-        for (unsigned int i = 0; i < count; ++i) {
-            boards.push_back(simulated_nvml::DesktopBoard(i));
-            boards.back().Fixed = readings;
-            boards.back().Clocks = clocks;
-        }
-        Sim.SetBoards(boards);
     }
 
     /// The log from entry `from` on, as far as it contains one of `words`: "?Name" is a lookup, "Name(...)" a call, and

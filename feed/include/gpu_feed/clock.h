@@ -5,7 +5,7 @@
 
 namespace gpu_feed {
 
-/// Seconds of the steady clock, which the timestamps of the samples count too.
+/// Seconds of the steady clock, as in `GpuTelemetrySample::TimestampSeconds`.
 inline double NowSeconds() {
     return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }

@@ -9,10 +9,10 @@
 
 namespace gpu_feed {
 
-/// Graphics clocks in ascending order for each memory clock, the highest memory clock first. MHz.
+/// For each memory clock, the highest first, its graphics clocks in ascending order. MHz.
 using ClockGroups = std::map<int, std::vector<int>, std::greater<>>;
 
-/// `pairs`, which are in the order of `GpuClockCapabilities::SupportedPairs`, in groups.
+/// Groups `pairs`, which are in the order of `GpuClockCapabilities::SupportedPairs`.
 inline ClockGroups GroupByMemoryClock(const std::vector<GpuClockPair>& pairs) {
     ClockGroups groups;
     for (const GpuClockPair& pair : pairs) groups[pair.MemoryClockMHz].push_back(pair.GraphicsClockMHz);

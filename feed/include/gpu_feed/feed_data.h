@@ -11,67 +11,85 @@
 #include "gpu_feed/tuning_change.h"
 #include "nvml_gpu_monitor.h"
 
+/// \file
+/// What the feed publishes. All records are plain values; moments are seconds of the steady clock, as
+/// `GpuTelemetrySample::TimestampSeconds`, and 0 means that there was no such moment.
+
 namespace gpu_feed {
 
+/// What the feed does.
 enum class FeedState {
     /// NVML is being started.
     Starting,
+    /// Samples are taken once per interval.
     Sampling,
+    /// The host has paused sampling.
     Paused,
     /// NVML, or sampling, could not be started; `FeedData::Status` says why.
     Unavailable,
 };
 
+/// What is known of a GPU at one moment.
 enum class GpuState {
-    /// No reading yet since sampling began or went on.
+    /// Sampling has begun or gone on, and there is no reading since.
     Starting,
+    /// Readings come in time.
     Live,
+    /// Sampling is paused.
     Paused,
     /// Readings are overdue, or were when sampling was paused: the GPU may be lost, or the driver hangs.
     NoData,
-    /// As the whole feed.
+    /// Nothing is sampled: `FeedState::Unavailable`.
     Unavailable,
 };
 
-/// A process that uses video memory, as people know it.
+/// A process that uses video memory of a GPU.
 struct FeedProcess {
+    /// As in `GpuProcessMemory`.
     int Pid = 0;
+    /// As in `GpuProcessMemory`.
     uint64_t VramUsedBytes = 0;
-    /// Empty when this system does not know: the process may be another container's.
+    /// Name of the program; empty when this system does not know the process, which may run in another container.
     std::string Name;
+    /// Name of the user, or the number where the name is not known; empty as `Name`.
     std::string User;
 };
 
-/// One GPU as of the latest look at it. Moments are steady-clock seconds, as in samples.
+/// One GPU at the feed's latest look at it.
 struct FeedGpu {
-    /// Names the GPU for as long as the program runs: its UUID. Where that was not read, or another GPU has it too, the
-    /// PCI bus id and the index take part.
+    /// Names the GPU for as long as the program runs: its UUID. Where that was not read, or another GPU has the same,
+    /// the PCI bus id and the index are used.
     std::string Key;
+    /// Which GPU this is.
     GpuDeviceInfo Device;
-    /// Oldest first.
+    /// The whole history, oldest first.
     std::deque<GpuTelemetrySample> Samples;
-    /// Largest first.
+    /// Those that used video memory at the latest look, largest first.
     std::vector<FeedProcess> Processes;
-    /// The newest sample with any reading; without one, its `TimestampSeconds` is 0.
+    /// The newest sample with any reading; its `TimestampSeconds` is 0 when there is no such sample.
     GpuTelemetrySample Latest;
-    /// From one sample to the next, as last measured; 0 until it can be, also after a pause or with a new interval.
+    /// Seconds from one sample to the next, as last measured; 0 while there are no two samples since sampling began or
+    /// went on, or the interval was changed.
     double PeriodSeconds = 0.0;
-    /// Since when looks at the GPU have found no reading; 0 while they find some.
+    /// Since when the feed has found no new reading; 0 while it finds some.
     double SilentSince = 0.0;
 };
 
-/// What the feed publishes. Nothing in it changes any more.
+/// What the feed publishes. Once published, it does not change.
 struct FeedData {
+    /// What the feed does.
     FeedState State = FeedState::Starting;
     /// The monitor's `Status`, or why sampling could not be started; empty while NVML is being started.
     std::string Status;
+    /// The interval in force.
     std::chrono::milliseconds Interval{0};
-    /// When sampling began or went on, and when it was paused last.
+    /// When sampling began or went on last.
     double SamplingSince = 0.0;
+    /// When sampling was paused last.
     double PausedAt = 0.0;
     /// In the order of NVML's indices; no entry is null.
     std::vector<std::shared_ptr<const FeedGpu>> Gpus;
-    /// Of each setting of a GPU that the program has changed, or has tried to.
+    /// One for each setting of a GPU that the program has changed or tried to change.
     std::vector<TuningRecord> Tuning;
 
     /// Null when no GPU has this key.
@@ -80,24 +98,25 @@ struct FeedData {
     const TuningRecord* FindTuning(const std::string& gpuKey, TuningControl control) const;
 };
 
-/// All that a view draws from: what the feed has published, as seen at one moment. Views take it by reference and call
-/// neither the feed nor a clock.
+/// Everything that a view draws from: what the feed has published, as seen at one moment. A view that draws from this
+/// alone needs neither the feed nor a clock.
 struct FeedMoment {
     /// Never null.
     std::shared_ptr<const FeedData> Data = std::make_shared<const FeedData>();
-    /// The moment, in steady-clock seconds and as the time of day.
+    /// The moment.
     double Now = 0.0;
+    /// The same moment as the time of day.
     std::chrono::system_clock::time_point TimeOfDay;
-    /// How long the feed's thread has been waiting for the driver, in seconds.
+    /// How long the feed's thread has been waiting for the driver, in seconds; 0 while it is not.
     double DriverSilence = 0.0;
-    /// Whether the GPUs are simulated: processes on them are not this system's.
+    /// `FeedOptions::bSimulated`.
     bool bSimulated = false;
 };
 
-/// What `gpu`, of `moment.Data`, does at that moment.
+/// What is known at that moment of `gpu`, which is one of `moment.Data`.
 GpuState StateOf(const FeedMoment& moment, const FeedGpu& gpu);
 
-/// How old the latest reading of `gpu` is, in seconds, if it has one.
+/// How old the latest reading of `gpu` is, in seconds. Only for a GPU that has one.
 double AgeOf(const FeedMoment& moment, const FeedGpu& gpu);
 
 /// Whether the driver has been silent for much longer than cycles over the GPUs take.

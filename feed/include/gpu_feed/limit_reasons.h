@@ -7,17 +7,18 @@
 
 namespace gpu_feed {
 
-/// One reason why the clocks are what they are, as NVML gives it.
+/// One reason why the clocks are not higher.
 struct LimitReason {
+    /// For people.
     std::string Word;
-    /// The GPU idles, which is no limit.
+    /// The GPU is idle: nothing limits it.
     bool bIdle = false;
-    /// The hardware protects itself: from heat, or at the command of the power supply.
+    /// The hardware protects itself from heat, or because the power supply demands it.
     bool bDanger = false;
 };
 
 /// The reasons in `mask`, which is `GpuTelemetrySample::PerformanceLimitReasons`, in the order of NVML's bits. Bits
-/// without a name are given together as a hexadecimal number.
+/// without a name come last, together, as one hexadecimal number.
 std::vector<LimitReason> LimitReasons(uint64_t mask);
 
 }  // namespace gpu_feed

@@ -12,59 +12,90 @@
 #include "gpu_feed/tuning_change.h"
 #include "nvml_gpu_monitor.h"
 
+/// \file
+/// The monitor for a program with a user interface: the interface never waits for the driver.
+///
+///     gpu_feed::FeedOptions options;
+///     options.OnChange = [] { WakeInterface(); };
+///     gpu_feed::MonitorFeed feed(options);
+///     ...
+///     const gpu_feed::FeedMoment moment = feed.Moment();
+///     for (const auto& gpu : moment.Data->Gpus) Draw(*gpu, gpu_feed::StateOf(moment, *gpu));
+
 namespace gpu_feed {
 
-/// What can be changed on one GPU, as `NvmlGpuMonitor` tells it.
+class FeedWorker;
+
+/// What can be changed on one GPU.
 struct TuningCapabilities {
+    /// As `NvmlGpuMonitor::GetClockCapabilities` fills it.
     GpuClockCapabilities Clocks;
+    /// As `NvmlGpuMonitor::GetPowerCapabilities` fills it.
     GpuPowerCapabilities Power;
 };
 
 struct FeedOptions {
     /// As `NvmlGpuMonitor::SetSampleInterval` takes it.
     std::chrono::milliseconds Interval{1000};
-    /// Whether the GPUs are simulated: processes on them are not this system's, so they get no names.
+    /// Whether the GPUs are simulated. Their processes do not run on this system, so they get no names.
     bool bSimulated = false;
-    /// Called on the feed's thread, with a lock of the feed held, when there is something new: data or a result. All it
-    /// may do is wake the interface. Once `Stop` has returned it is not called any more.
+    /// Called when there is something new: data or an answer. It runs on the feed's thread with a lock of the feed
+    /// held, so it must not call the feed, nor wait for a thread that does; let it wake the interface. It must not
+    /// throw. After `Stop` has returned it is not called any more.
     std::function<void()> OnChange = [] {};
 };
 
-/// Owns the monitor for a program with a user interface, and keeps the interface from ever waiting for the driver.
+/// Owns the monitor, and keeps a user interface from ever waiting for the driver.
 ///
-/// A thread of its own starts NVML, takes one snapshot per interval and makes the changes that are asked for. The
-/// interface takes copies and results. Requests are carried out in order. One that names no GPU, or that the end of the
-/// feed overtakes, has a failure for its result, never an exception; one that the driver never answers has none.
+/// A thread of its own starts NVML, copies the histories once per interval and carries requests out, one after the
+/// other. The interface takes what is published and gets answers as futures.
 ///
-/// A change goes back by itself unless it is kept in time, also when the interface hangs: a frozen desktop, the reason
-/// for going back, cannot be asked. One that nobody has kept when the feed ends goes back too. What the driver refuses
-/// to take back stays, and `TuningRecord::Problem` tells.
+/// Answers: a request for a GPU that does not exist fails, and so does one that has not begun when the feed ends. The
+/// answer then has a sentence for the user; no future holds an exception. While the driver hangs, nothing is answered:
+/// ask a future whether it is ready instead of waiting for it.
 ///
-/// Threads: the interface's, all of it. What `Latest` gives may be handed on to any thread.
+/// Tuning: a change goes back by itself unless it is kept in time, also when the interface hangs: a change can freeze
+/// the desktop, and then nobody can take it back. A change that was not kept goes back when the feed ends, too. What
+/// the driver refuses to take back stays in force, and `TuningRecord::Problem` says why.
+///
+/// Threads: the destructor and `Stop` belong to one thread at a time. Everything else may be called from any thread,
+/// and never waits for the driver.
+///
+/// Failure: only the standard library's exceptions pass out of an operation, when the caller's thread runs out of
+/// memory or no thread can be started. The feed's own thread survives a lack of memory.
 class MonitorFeed {
 public:
+    /// Returns at once; `FeedData::State` shows when NVML has been started.
     explicit MonitorFeed(FeedOptions options);
 
-    /// Calls `Stop` with the patience that it has by default.
+    /// Calls `Stop` with its default patience. When that gives false, the program must end as `Stop` says.
     ~MonitorFeed();
 
     MonitorFeed(const MonitorFeed&) = delete;
     MonitorFeed& operator=(const MonitorFeed&) = delete;
 
-    /// Never null.
+    /// What was published last. Never null, and it does not change any more: the caller may keep it and hand it to any
+    /// thread.
     std::shared_ptr<const FeedData> Latest() const;
 
-    /// The same with what else a view draws from.
+    /// What was published last, and what else a view draws from.
     FeedMoment Moment() const;
 
+    /// Sets `FeedOptions::Interval`.
     void SetInterval(std::chrono::milliseconds interval);
+
+    /// Stops sampling. The histories stay.
     void Pause();
-    /// Goes on, or tries again to start.
+
+    /// Goes on sampling; where that could not be started, tries again.
     void Resume();
 
+    /// Asks what can be changed on a GPU. `gpuKey` is a `FeedGpu::Key`. After a failure, both records hold their
+    /// defaults, and their `Status` says why.
     std::future<TuningCapabilities> QueryTuning(const std::string& gpuKey);
 
-    /// Makes a change, which goes back after `keepSeconds` if there is a way back: `FeedData::Tuning` tells.
+    /// Makes a change that goes back after `keepSeconds`, if there is a way back: `FeedData::Tuning` then has a record
+    /// of it.
     std::future<TuningResult> Tune(const std::string& gpuKey, const TuningChange& change, double keepSeconds);
 
     /// Lets the latest change of a setting stay.
@@ -73,21 +104,20 @@ public:
     /// Takes the latest change of a setting back.
     std::future<TuningResult> TakeBack(const std::string& gpuKey, TuningControl control);
 
-    /// Takes everything back. `FeedData::Tuning` tells what could not be; a failure says that it was not tried.
+    /// Takes all changes back, those that were kept too. Result: `Success` when that was tried; `TuningRecord::Problem`
+    /// then says what could not go back. Otherwise nothing was tried.
     std::future<TuningResult> TakeAllBack();
 
-    /// Shuts NVML down and ends the thread. Requests that have not begun by then fail.
+    /// Takes back what was not kept, shuts NVML down and ends the thread.
     ///
-    /// Result: false when that has taken longer than `patience`: NVML is being started, or a driver call hangs. It is
-    /// left behind then, on its thread, and the program has to end with `std::_Exit`, which runs no destructors under
-    /// that thread's feet. A further call gives the same result.
+    /// Result: false when that takes longer than `patience`: NVML is being started, or a driver call hangs. The thread
+    /// is then left behind, and the program has to end with `std::_Exit`, which destroys nothing that this thread
+    /// still uses. Another call gives the same result.
     bool Stop(std::chrono::milliseconds patience = std::chrono::milliseconds(1000));
 
 private:
-    class Worker;
-
-    /// Lives as long as its thread, if that hangs.
-    std::shared_ptr<Worker> Work;
+    /// Shared with its thread, which may hang and outlive the feed.
+    std::shared_ptr<FeedWorker> Worker;
     std::thread Thread;
     bool bLeftBehind = false;
 };

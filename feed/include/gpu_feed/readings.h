@@ -38,17 +38,19 @@ enum class ReadingId {
     FrameTime,
 };
 
-/// How one number of a sample is named, shown and got. This table alone decides what counts as not read.
+/// How one number of a sample is named, read out and shown. These entries alone decide what counts as not read.
 struct Reading {
+    /// Which number this is.
     ReadingId Id;
     /// Name for programs, which ends with the unit of `Value`.
     const char* Key;
-    /// Name and unit for people. The unit may differ from that of `Value`: see `ShownDivisor`.
+    /// Name for people.
     const char* Label;
+    /// Unit for people; empty for a plain number. It can differ from the unit of `Value`: see `ShownDivisor`.
     const char* Unit;
     /// The value in the unit of `Key`; empty when it was not read.
     std::optional<double> (*Value)(const GpuTelemetrySample& sample);
-    /// The same as a whole number with all of its digits; null for readings with a fraction.
+    /// The same as a whole number, which keeps digits that `double` loses; null for readings with a fraction.
     std::optional<int64_t> (*WholeValue)(const GpuTelemetrySample& sample);
     /// Digits after the decimal point for people.
     int Decimals = 0;
@@ -56,9 +58,10 @@ struct Reading {
     double ShownDivisor = 1.0;
 };
 
-/// All of them, in the order of `ReadingId`.
+/// One entry for each `ReadingId`, in the same order.
 const std::vector<Reading>& Readings();
 
+/// The entry of one reading.
 const Reading& ReadingOf(ReadingId id);
 
 /// The value in the unit of the reading's key; empty when it was not read.
@@ -67,7 +70,7 @@ std::optional<double> ReadingValue(ReadingId id, const GpuTelemetrySample& sampl
 /// The value in the unit for people; empty when it was not read.
 std::optional<double> ShownValue(ReadingId id, const GpuTelemetrySample& sample);
 
-/// False when the GPU did not answer a single query. The frame time does not count, because the host measures it.
+/// Whether the GPU has answered any query. The frame time does not count, because the host measures it.
 bool HasAnyReading(const GpuTelemetrySample& sample);
 
 }  // namespace gpu_feed

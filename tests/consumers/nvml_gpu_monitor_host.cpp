@@ -1,5 +1,5 @@
 // A host as its developer would write it, built in every way that a host can be. Exits with 0 when its frame time is in
-// the sample, or none if it has no profiler.
+// the sample, or -1 if it has no profiler.
 
 #include <dlfcn.h>
 #include <nvml_gpu_monitor.h>
@@ -11,7 +11,7 @@
 #endif
 
 int main(int argc, char** argv) {
-    // There need not be a GPU: the simulated NVML at this path stands in.
+    // There need not be a GPU: the simulated NVML at this path takes the driver's place.
     if (argc != 2 || dlopen(argv[1], RTLD_NOW) == nullptr) return 2;
     double frameTimeMs = -1.0;
 #if __has_include(<gpu_profiler.h>)

@@ -1,0 +1,62 @@
+#ifndef GPU_TRACKER_H
+#define GPU_TRACKER_H
+
+#include <chrono>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "gpu_feed/feed_data.h"
+#include "nvml_gpu_monitor.h"
+
+namespace gpu_feed {
+
+/// Follows the GPUs from one look to the next, and makes what the feed publishes of each.
+///
+/// It knows no thread, no clock and no monitor: the caller hands in the histories, and the moment of each call in
+/// steady-clock seconds.
+class GpuTracker {
+public:
+    /// Makes the published list of processes from the one in a history.
+    using DescribeProcesses = std::function<std::vector<FeedProcess>(const std::vector<GpuProcessMemory>& processes)>;
+    using GpuList = std::vector<std::shared_ptr<const FeedGpu>>;
+
+    GpuTracker(std::chrono::milliseconds interval, DescribeProcesses describe);
+
+    /// Measures periods anew, from samples that are not older than `now`.
+    void SetInterval(std::chrono::milliseconds interval, double now);
+
+    /// Takes over what the histories hold when sampling begins or goes on at `now`. No GPU counts as silent then, and
+    /// periods are measured anew.
+    void Begin(std::vector<GpuTelemetryHistory> histories, double now);
+
+    /// Takes over what a look at `now` has found. Result: the GPU with the newest sample; null when no sample is new.
+    /// After an exception, everything is as before.
+    std::shared_ptr<const FeedGpu> Look(std::vector<GpuTelemetryHistory> histories, double now);
+
+    /// In the order of the latest histories.
+    const GpuList& Gpus() const { return Published; }
+
+private:
+    /// The GPUs of `histories`, with what is known of them from before.
+    std::vector<FeedGpu> Follow(std::vector<GpuTelemetryHistory> histories, double now) const;
+    FeedGpu FollowOne(GpuTelemetryHistory history, std::string key, double now) const;
+    double PeriodOf(const std::deque<GpuTelemetrySample>& samples) const;
+    double LongestPeriod(const std::vector<GpuTelemetryHistory>& histories, double now) const;
+    /// Result: the GPU with the newest sample; null when no sample is new.
+    std::shared_ptr<const FeedGpu> Publish(std::vector<FeedGpu> gpus);
+
+    std::chrono::duration<double> Interval;
+    const DescribeProcesses Describe;
+    GpuList Published;
+    /// Older samples say nothing about the period.
+    double PeriodsSince = 0.0;
+    /// The timestamp of the newest sample of any GPU.
+    double NewestSeen = 0.0;
+};
+
+}  // namespace gpu_feed
+
+#endif  // GPU_TRACKER_H

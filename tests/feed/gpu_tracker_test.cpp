@@ -1,0 +1,155 @@
+// What the feed makes of histories, and when it looks for them: without a thread, a clock or a driver.
+
+#include "gpu_tracker.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "rhythm.h"
+
+namespace {
+
+using namespace testing;
+using namespace gpu_feed;
+using std::chrono::milliseconds;
+using Samples = std::deque<GpuTelemetrySample>;
+
+constexpr int kNoReading = -1;
+
+GpuTelemetrySample Sample(double seconds, int temperatureC = 50) {
+    GpuTelemetrySample sample;
+    sample.TimestampSeconds = seconds;
+    sample.TemperatureC = temperatureC;
+    return sample;
+}
+
+GpuTelemetryHistory History(const std::string& uuid, Samples samples, const std::string& busId = "",
+                            unsigned int index = 0) {
+    return {{"", index, uuid, busId, "", "", "", 0}, std::move(samples), {}};
+}
+
+auto HasKey(const std::string& key) {
+    return Pointee(Field(&FeedGpu::Key, key));
+}
+
+auto HasPeriod(double seconds) {
+    return Pointee(Field(&FeedGpu::PeriodSeconds, seconds));
+}
+
+class GpuTrackerTest : public Test {
+protected:
+    double Latest() const { return Tracker.Gpus().at(0)->Latest.TimestampSeconds; }
+    double SilentSince() const { return Tracker.Gpus().at(0)->SilentSince; }
+
+    bool bMemoryLeft = true;
+    GpuTracker Tracker{milliseconds(1000), [this](const std::vector<GpuProcessMemory>& processes) {
+                           if (!bMemoryLeft) throw std::bad_alloc();
+                           return std::vector<FeedProcess>(processes.size());
+                       }};
+};
+
+TEST_F(GpuTrackerTest, EveryGpuHasAKeyOfItsOwnAndKeepsIt) {
+    for (const double now : {3.0, 4.0}) {
+        Tracker.Look({History("a", {Sample(1.0)}, "0:1"), History("a", {Sample(2.0)}, "0:2", 3),
+                      History("", {}, "0:3", 4), History("", {}, "", 5)},
+                     now);
+        EXPECT_THAT(Tracker.Gpus(), ElementsAre(HasKey("a"), HasKey("a 0:2#3"), HasKey("0:3"), HasKey("5")));
+        EXPECT_EQ(Tracker.Gpus()[1]->Latest.TimestampSeconds, 2.0);
+        EXPECT_EQ(Tracker.Gpus()[1]->Device.Index, 3);
+    }
+}
+
+TEST_F(GpuTrackerTest, LatestIsTheNewestSampleWithAReadingAndSilenceBeginsWithALookThatFindsNone) {
+    Tracker.Begin({History("a", {})}, 100.0);
+    EXPECT_EQ(SilentSince(), 0.0);
+    Samples samples;
+    const std::tuple<double, Samples, double, double> looks[] = {
+        {100.1, {}, 0.0, 100.1},
+        {101.1, {Sample(101.0)}, 101.0, 0.0},
+        {101.2, {}, 101.0, 101.2},
+        {102.1, {Sample(102.0, kNoReading)}, 101.0, 101.2},
+        {105.1, {Sample(103.0), Sample(104.0), Sample(105.0, kNoReading)}, 104.0, 0.0},
+        {106.1, {}, 104.0, 106.1}};
+    for (const auto& [now, added, expectedLatest, expectedSilence] : looks) {
+        samples.insert(samples.end(), added.begin(), added.end());
+        EXPECT_EQ(Tracker.Look({History("a", samples)}, now) == nullptr, added.empty()) << now;
+        EXPECT_EQ(Latest(), expectedLatest) << now;
+        EXPECT_EQ(SilentSince(), expectedSilence) << now;
+    }
+    Tracker.Begin({History("a", samples)}, 200.0);
+    EXPECT_EQ(SilentSince(), 0.0);
+    bMemoryLeft = false;
+    EXPECT_THROW(Tracker.Look({History("a", {Sample(201.0)})}, 202.0), std::bad_alloc);
+    EXPECT_EQ(Latest(), 104.0);
+    bMemoryLeft = true;
+    EXPECT_NE(Tracker.Look({History("a", {Sample(201.0)})}, 202.1), nullptr);
+}
+
+TEST_F(GpuTrackerTest, PeriodsAreMeasuredFromNewSamplesAndBoundedAfterASuspension) {
+    Tracker.Begin({}, 99.0);
+    Tracker.Look({History("a", {Sample(98.0), Sample(100.0)}), History("b", {Sample(100.0)})}, 100.1);
+    EXPECT_THAT(Tracker.Gpus(), ElementsAre(HasPeriod(0.0), HasPeriod(0.0)));
+    Tracker.Look({History("a", {Sample(100.0), Sample(101.25)}), History("b", {Sample(100.5), Sample(101.5)})}, 101.6);
+    EXPECT_THAT(Tracker.Gpus(), ElementsAre(HasPeriod(1.25), HasPeriod(1.0)));
+    // The cycle over both began 0.5 s ago. The lost GPU, which has no new sample, does not count.
+    const auto newest =
+        Tracker.Look({History("lost", {Sample(90.0), Sample(95.0)}), History("a", {Sample(101.0), Sample(160.0)}),
+                      History("b", {Sample(101.5), Sample(160.25)})},
+                     160.5);
+    EXPECT_EQ(newest->Key, "b");
+    EXPECT_THAT(Tracker.Gpus(), ElementsAre(HasPeriod(0.0), HasPeriod(1.5), HasPeriod(1.5)));
+    Tracker.SetInterval(milliseconds(10000), 161.0);
+    Tracker.Look({History("a", {Sample(160.0), Sample(161.5)})}, 161.5);
+    EXPECT_THAT(Tracker.Gpus(), ElementsAre(HasPeriod(0.0)));
+    Tracker.Look({History("a", {Sample(161.5), Sample(171.75)})}, 172.0);
+    EXPECT_THAT(Tracker.Gpus(), ElementsAre(HasPeriod(10.25)));
+}
+
+TEST(RhythmTest, LooksComeSoonAfterTheBeginningOfACycleAndRarelyWhenThereIsNothing) {
+    Rhythm rhythm(milliseconds(1000));
+    EXPECT_DOUBLE_EQ(rhythm.AfterStart(10.0), 10.005);
+    EXPECT_DOUBLE_EQ(rhythm.AfterNewSample({Sample(10.0)}, 10.25), 11.255);
+    EXPECT_DOUBLE_EQ(rhythm.AfterNewSample({Sample(10.0), Sample(11.125)}, 11.2), 12.205);
+    EXPECT_DOUBLE_EQ(rhythm.AfterNewSample({Sample(1.0), Sample(10.0), Sample(11.0)}, 11.5), 12.005);
+    for (const double wait : {0.01, 0.02, 0.04, 0.08, 0.16, 0.32, 0.64, 1.0, 1.0}) {
+        EXPECT_DOUBLE_EQ(rhythm.AfterNothing(20.0), 20.0 + wait);
+    }
+    rhythm.AfterNewSample({Sample(21.0)}, 21.0);
+    EXPECT_DOUBLE_EQ(rhythm.AfterNothing(30.0), 30.01);
+}
+
+TEST(FeedMomentTest, StateOfAGpuFollowsFromItsReadingsTheSilenceOfTheDriverAndTheFeed) {
+    // At 120, in a feed that has sampled since 100 and, if it is paused, was paused at 110: its state, the period, the
+    // latest reading, the beginning of silence and the driver's silence of one GPU, what follows, and whether the
+    // driver hangs.
+    const std::tuple<FeedState, double, double, double, double, GpuState, bool> cases[] = {
+        {FeedState::Sampling, 0.0, 0.0, 0.0, 0.0, GpuState::Starting, false},
+        {FeedState::Sampling, 0.0, 99.0, 0.0, 0.0, GpuState::Starting, false},
+        {FeedState::Sampling, 0.0, 100.0, 115.1, 4.9, GpuState::Live, false},
+        {FeedState::Sampling, 0.0, 100.0, 115.0, 0.0, GpuState::NoData, false},
+        {FeedState::Sampling, 0.0, 100.0, 0.0, 5.0, GpuState::NoData, true},
+        {FeedState::Sampling, 0.1, 100.0, 119.1, 0.0, GpuState::Live, false},
+        {FeedState::Sampling, 0.1, 100.0, 119.0, 1.0, GpuState::NoData, false},
+        {FeedState::Sampling, 2.0, 100.0, 114.5, 5.5, GpuState::Live, false},
+        {FeedState::Sampling, 2.0, 100.0, 114.0, 6.0, GpuState::NoData, true},
+        {FeedState::Paused, 0.1, 100.0, 109.5, 9.0, GpuState::Paused, true},
+        {FeedState::Paused, 0.1, 100.0, 109.0, 0.0, GpuState::NoData, false},
+        {FeedState::Unavailable, 0.1, 100.0, 109.0, 0.0, GpuState::Unavailable, false}};
+    for (const auto& [state, period, latest, silentSince, driverSilence, expected, bHanging] : cases) {
+        FeedGpu gpu;
+        gpu.Latest = Sample(latest);
+        gpu.PeriodSeconds = period;
+        gpu.SilentSince = silentSince;
+        FeedData data;
+        data.State = state;
+        data.SamplingSince = 100.0;
+        data.PausedAt = 110.0;
+        data.Gpus = {std::make_shared<const FeedGpu>(gpu)};
+        const FeedMoment moment = {std::make_shared<const FeedData>(data), 120.0, {}, driverSilence, false};
+        EXPECT_EQ(StateOf(moment, gpu), expected) << latest << ' ' << silentSince;
+        EXPECT_EQ(IsDriverHanging(moment), bHanging) << period << ' ' << driverSilence;
+        EXPECT_EQ(AgeOf(moment, gpu), 120.0 - latest);
+    }
+}
+
+}  // namespace

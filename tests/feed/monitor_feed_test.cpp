@@ -1,0 +1,338 @@
+// The feed and its thread, on drivers that answer, refuse, hang or are not there.
+
+#include "gpu_feed/monitor_feed.h"
+
+#include <atomic>
+#include <cmath>
+#include <condition_variable>
+#include <future>
+#include <limits>
+#include <mutex>
+
+#include "failing_memory.h"
+#include "monitor_test.h"
+
+namespace {
+
+using namespace testing;
+using namespace gpu_feed;
+using Kind = TuningChange::Kind;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+constexpr const char* kSetPower = "nvmlDeviceSetPowerManagementLimit";
+constexpr double kLongSeconds = 1000.0;
+/// In what the log has of changes.
+const std::vector<std::string> kChanges = {"LockedClocks(", "SetPowerManagementLimit("};
+const TuningChange kLimit = {Kind::SetPower, {}, 200.0};
+const TuningChange kLock = {Kind::LockClocks, {1500, 5001}};
+
+class FeedTest : public ScriptedTest {
+protected:
+    /// Starts a feed of two GPUs.
+    void Start(milliseconds interval) {
+        Sim.SetBoards({simulated_nvml::DesktopBoard(0), simulated_nvml::DesktopBoard(1)});
+        const auto noteChange = [this] {
+            const std::lock_guard<std::mutex> lock(Mutex);
+            ++Changes;
+            Changed.notify_all();
+        };
+        Feed = std::make_unique<MonitorFeed>(FeedOptions{interval, false, noteChange});
+    }
+
+    /// The same, and pauses it, so that only the feed's own thread is left to wait.
+    void StartPaused() {
+        Start(milliseconds(10000));
+        Feed->Pause();
+        EXPECT_TRUE(WaitForState(FeedState::Paused));
+    }
+
+    /// By the wall clock, because a test can hold the other one. Looks now and then, because time changes states, too.
+    template <typename Condition>
+    bool WaitFor(Condition condition) {
+        const auto giveUp = std::chrono::system_clock::now() + seconds(60);
+        while (!condition()) {
+            std::unique_lock<std::mutex> lock(Mutex);
+            const auto now = std::chrono::system_clock::now();
+            if (now > giveUp) return false;
+            Changed.wait_until(lock, now + milliseconds(10));
+        }
+        return true;
+    }
+
+    bool WaitForState(FeedState state) {
+        return WaitFor([&] { return Feed->Latest()->State == state; });
+    }
+
+    bool WaitForSamples(size_t count) {
+        return WaitFor([&] { return !Feed->Latest()->Gpus.empty() && Gpu()->Samples.size() >= count; });
+    }
+
+    /// The first GPU.
+    std::shared_ptr<const FeedGpu> Gpu() const { return Feed->Latest()->Gpus.at(0); }
+
+    TuningRecord Record(TuningControl control) const { return *Feed->Latest()->FindTuning(kKey, control); }
+
+    std::string Tune(const TuningChange& change, double keepSeconds = kLongSeconds) {
+        return Feed->Tune(kKey, change, keepSeconds).get().Error;
+    }
+
+    /// Whether the wait that began last lasts until the deadline of a change.
+    bool IsWaitingForDeadline(TuningControl control) const {
+        const std::chrono::duration<double> end = sampler_clock::LatestWait().Deadline;
+        return std::abs(end.count() - Record(control).Deadline) < 1e-6;
+    }
+
+    const std::string kKey = simulated_nvml::DesktopBoard(0).Uuid;
+    const std::string kSecondKey = simulated_nvml::DesktopBoard(1).Uuid;
+    std::mutex Mutex;
+    std::condition_variable Changed;
+    std::atomic<int> Changes{0};
+    std::unique_ptr<MonitorFeed> Feed;
+};
+
+TEST_F(FeedTest, StartsWithoutBeingWaitedForAndGivesSamplesOfEveryGpu) {
+    Sim.Block("nvmlInit_v2");
+    Start(milliseconds(100));
+    EXPECT_TRUE(WaitFor([this] { return Feed->Moment().DriverSilence > 0.05; }));
+    EXPECT_EQ(Feed->Latest()->State, FeedState::Starting);
+    EXPECT_EQ(Changes, 0);
+    Sim.Unblock();
+    EXPECT_TRUE(WaitForSamples(5));
+    EXPECT_GT(Changes, 2);
+    // Sampler and feed wait for their moments: neither runs without a pause.
+    EXPECT_LT(sampler_clock::WaitsBegun(), 200);
+    EXPECT_LT(sampler_clock::LatestWait().Duration, milliseconds(200));
+    const FeedMoment moment = Feed->Moment();
+    EXPECT_EQ(moment.Data->Status, "NVML active: 2 NVIDIA GPU(s).");
+    EXPECT_EQ(moment.Data->Interval, milliseconds(100));
+    ASSERT_THAT(moment.Data->Gpus, SizeIs(2));
+    for (const auto& gpu : moment.Data->Gpus) {
+        EXPECT_EQ(StateOf(moment, *gpu), GpuState::Live);
+        EXPECT_THAT(gpu->PeriodSeconds, AllOf(Ge(0.1), Le(moment.Now - gpu->Samples[0].TimestampSeconds)));
+        EXPECT_THAT(gpu->Processes, Not(IsEmpty()));
+    }
+    Feed->SetInterval(milliseconds(500));
+    EXPECT_TRUE(WaitFor([this] { return Gpu()->PeriodSeconds >= 0.5; }));
+}
+
+TEST_F(FeedTest, WithoutADriverItIsUnavailableAndSaysWhy) {
+    Sim.RemoveLibrary();
+    Start(milliseconds(100));
+    EXPECT_TRUE(WaitForState(FeedState::Unavailable));
+    EXPECT_EQ(Feed->Latest()->Status, "NVML unavailable / NVIDIA GPU monitoring disabled.");
+}
+
+TEST_F(FeedTest, WithoutAThreadForTheSamplerItIsUnavailableUntilItResumes) {
+    Sim.Block("nvmlInit_v2");
+    Start(milliseconds(100));
+    EXPECT_TRUE(WaitForCalls("nvmlInit_v2", 1));
+    sampler_clock::RefuseThreads(1);
+    Sim.Unblock();
+    EXPECT_TRUE(WaitForState(FeedState::Unavailable));
+    EXPECT_EQ(Feed->Latest()->Status, "GPU monitoring has failed: Resource temporarily unavailable.");
+    Feed->Resume();
+    EXPECT_TRUE(WaitForState(FeedState::Sampling));
+}
+
+TEST_F(FeedTest, IntervalAndPauseTakeEffectAtOnceAndTheHistoryGoesOn) {
+    Start(milliseconds(10000));
+    EXPECT_TRUE(WaitForSamples(1));
+    const double changed = SteadySeconds();
+    Feed->SetInterval(milliseconds(1));
+    EXPECT_TRUE(WaitForSamples(4));
+    EXPECT_LT(SteadySeconds() - changed, 9.0);
+    EXPECT_EQ(Feed->Latest()->Interval, milliseconds(100));
+    Feed->Pause();
+    EXPECT_TRUE(WaitForState(FeedState::Paused));
+    EXPECT_EQ(StateOf(Feed->Moment(), *Gpu()), GpuState::Paused);
+    EXPECT_TRUE(WaitFor([this] { return Feed->Moment().DriverSilence == 0.0; }));
+    const std::shared_ptr<const FeedGpu> before = Gpu();
+    Feed->Resume();
+    EXPECT_TRUE(WaitForSamples(before->Samples.size() + 2));
+    EXPECT_EQ(StateOf(Feed->Moment(), *Gpu()), GpuState::Live);
+    EXPECT_EQ(Gpu()->Samples[0].TimestampSeconds, before->Samples[0].TimestampSeconds);
+    const std::shared_ptr<const FeedData> data = Feed->Latest();
+    EXPECT_TRUE(changed < data->PausedAt && data->PausedAt < data->SamplingSince);
+    Feed->Resume();
+    Feed->QueryTuning(kKey).get();
+    EXPECT_EQ(Feed->Latest()->SamplingSince, data->SamplingSince);
+}
+
+TEST_F(FeedTest, DriverThatHangsHoldsUpNeitherTheDataNorTheEndWhichTakesBackWhatNobodyHasKept) {
+    Start(milliseconds(100));
+    EXPECT_TRUE(WaitForSamples(3));
+    EXPECT_EQ(Tune(kLimit), "");
+    Sim.Block("nvmlDeviceGetTemperature");
+    EXPECT_TRUE(WaitFor([this] { return StateOf(Feed->Moment(), *Gpu()) == GpuState::NoData; }));
+    EXPECT_GT(Feed->Moment().DriverSilence, 0.9);
+    std::future<TuningResult> overtaken = Feed->TakeAllBack();
+    EXPECT_FALSE(Feed->Stop(milliseconds(100)));
+    const int changes = Changes;
+    Sim.Unblock();
+    EXPECT_EQ(overtaken.get().Error, "The program is ending.");
+    EXPECT_EQ(Changes, changes);
+    EXPECT_FALSE(Feed->Stop());
+    // Its thread was left behind and ends now.
+    EXPECT_TRUE(WaitFor([this] { return Sim.Log().back() == "dlclose"; }));
+    EXPECT_EQ(Log(0, kChanges), "DeviceSetPowerManagementLimit(0, 200000) DeviceSetPowerManagementLimit(0, 320000) ");
+}
+
+TEST_F(FeedTest, FeedWithAFreeDriverStopsAtOnceAndRefusesRequestsAfterwards) {
+    StartPaused();
+    const uint64_t waits = sampler_clock::WaitsBegun();
+    EXPECT_EQ(Tune(kLimit), "");
+    EXPECT_TRUE(sampler_clock::AwaitWaits(waits + 1));
+    const double before = SteadySeconds();
+    EXPECT_TRUE(Feed->Stop(seconds(40)));
+    EXPECT_LT(SteadySeconds() - before, 20.0);
+    const std::shared_ptr<const FeedData> data = Feed->Latest();
+    const TuningCapabilities capabilities = Feed->QueryTuning(kKey).get();
+    EXPECT_THAT((std::vector{Tune(kLimit), Feed->TakeBack(kKey, TuningControl::Power).get().Error,
+                             Feed->TakeAllBack().get().Error, capabilities.Clocks.Status, capabilities.Power.Status}),
+                Each("The program is ending."));
+    Feed->SetInterval(milliseconds(500));
+    Feed->Pause();
+    Feed->Resume();
+    Feed->Keep(kKey, TuningControl::Power);
+    EXPECT_EQ(Feed->Latest(), data);
+    EXPECT_TRUE(Feed->Stop());
+}
+
+TEST_F(FeedTest, RequestsAreCarriedOutInOrderOnTheGpuThatTheyName) {
+    StartPaused();
+    const int changes = Changes;
+    const TuningCapabilities capabilities = Feed->QueryTuning(kSecondKey).get();
+    EXPECT_TRUE(WaitFor([this, changes] { return Changes > changes; }));
+    EXPECT_TRUE(capabilities.Clocks.CanControl);
+    EXPECT_EQ(capabilities.Power.MaximumWatts, 352.0);
+    Sim.Block(kSetPower);
+    std::vector<std::future<TuningResult>> answers;
+    answers.push_back(Feed->Tune(kSecondKey, kLimit, kLongSeconds));
+    answers.push_back(Feed->Tune(kSecondKey, kLock, kLongSeconds));
+    answers.push_back(Feed->Tune(kKey, {Kind::SetPower, {}, 999.0}, kLongSeconds));
+    answers.push_back(Feed->Tune("GPU-of-another-machine", kLimit, kLongSeconds));
+    answers.push_back(Feed->TakeBack(kSecondKey, TuningControl::Power));
+    EXPECT_TRUE(WaitForCalls(kSetPower, 1));
+    // From here on it can be in force, whether or not the driver ever answers.
+    EXPECT_TRUE(Feed->Latest()->Tuning.at(0).IsOutstanding());
+    Sim.Unblock();
+    std::vector<std::string> errors;
+    for (std::future<TuningResult>& answer : answers) errors.push_back(answer.get().Error);
+    EXPECT_THAT(errors, ElementsAre("", "", "Requested power limit is outside the driver-supported range.",
+                                    "The GPU is not there any more.", ""));
+    EXPECT_EQ(Log(0, kChanges),
+              "DeviceSetPowerManagementLimit(1, 200000) DeviceSetGpuLockedClocks(1, 1500, 1500) "
+              "DeviceSetMemoryLockedClocks(1, 5001, 5001) DeviceSetPowerManagementLimit(1, 320000) ");
+}
+
+TEST_F(FeedTest, ChangesGoBackAtTheirDeadlinesUnlessTheyAreKept) {
+    StartPaused();
+    sampler_clock::Hold();
+    Feed->SetInterval(milliseconds(500));
+    uint64_t waits = sampler_clock::WaitsBegun();
+    const auto waitsForDeadline = [&](TuningControl control) {
+        return sampler_clock::AwaitWaits(++waits) && IsWaitingForDeadline(control);
+    };
+    EXPECT_EQ(Tune(kLimit, 20.0), "");
+    EXPECT_TRUE(waitsForDeadline(TuningControl::Power));
+    EXPECT_EQ(Tune(kLock, 10.0), "");
+    EXPECT_TRUE(waitsForDeadline(TuningControl::Clocks));
+    EXPECT_EQ(Tune(kLimit, 5.0), "");
+    EXPECT_TRUE(waitsForDeadline(TuningControl::Power));
+    sampler_clock::WakeSpuriously();
+    EXPECT_TRUE(waitsForDeadline(TuningControl::Power));
+    EXPECT_TRUE(Record(TuningControl::Power).IsOutstanding());
+    sampler_clock::PassWaits();
+    EXPECT_TRUE(waitsForDeadline(TuningControl::Clocks));
+    EXPECT_FALSE(Record(TuningControl::Power).IsOutstanding());
+    EXPECT_TRUE(Record(TuningControl::Clocks).IsOutstanding());
+    sampler_clock::PassWaits();
+    EXPECT_TRUE(WaitFor([this] { return !Record(TuningControl::Clocks).IsOutstanding(); }));
+    // However long a change may wait to be kept, the feed sleeps meanwhile.
+    EXPECT_EQ(Tune(kLimit, std::numeric_limits<double>::infinity()), "");
+    EXPECT_TRUE(sampler_clock::AwaitWaits(++waits));
+    EXPECT_GT(sampler_clock::LatestWait().Deadline, std::chrono::hours(1));
+    Feed->Keep(kKey, TuningControl::Power);
+    EXPECT_TRUE(WaitFor([this] { return Record(TuningControl::Power).Deadline == 0.0; }));
+    EXPECT_EQ(Feed->QueryTuning(kKey).get().Power.CurrentWatts, 200.0);
+    EXPECT_EQ(Feed->TakeBack(kKey, TuningControl::Power).get().Error, "");
+    EXPECT_EQ(Feed->QueryTuning(kKey).get().Power.CurrentWatts, 320.0);
+}
+
+TEST_F(FeedTest, WayBackLeadsPastChangesThatNobodyHasKeptAndThoseThatFailed) {
+    Start(milliseconds(10000));
+    EXPECT_TRUE(WaitForSamples(1));
+    EXPECT_EQ(Tune(kLimit, 5.0), "");
+    // Not until the next look.
+    EXPECT_TRUE(WaitFor([this] { return IsWaitingForDeadline(TuningControl::Power); }));
+    EXPECT_EQ(Tune({Kind::SetPower, {}, 250.0}), "");
+    EXPECT_NE(Tune({Kind::SetPower, {}, 999.0}), "");
+    const TuningRecord record = Record(TuningControl::Power);
+    EXPECT_TRUE(record.Previous.What == Kind::ResetPower && record.Deadline != 0.0 && record.InForce.Watts == 250.0);
+    // A pending way back to a kept limit does not survive that everything is taken back, kept clocks too.
+    EXPECT_EQ(Tune(kLock), "");
+    Feed->Keep(kKey, TuningControl::Clocks);
+    Feed->Keep(kKey, TuningControl::Power);
+    EXPECT_EQ(Tune({Kind::ResetPower}), "");
+    EXPECT_EQ(Record(TuningControl::Power).Previous.Watts, 250.0);
+    EXPECT_EQ(Feed->TakeAllBack().get().Error, "");
+    EXPECT_TRUE(Feed->Stop(seconds(30)));
+    EXPECT_THAT(Log(0, kChanges), EndsWith("(0, 5001, 5001) DeviceSetPowerManagementLimit(0, 320000) "
+                                           "DeviceResetMemoryLockedClocks(0) DeviceResetGpuLockedClocks(0) "));
+}
+
+TEST_F(FeedTest, LockThatFailsHalfWayIsReleasedOnceAndASolvedProblemIsForgotten) {
+    StartPaused();
+    Sim.FailFrom("nvmlDeviceSetMemoryLockedClocks", simulated_nvml::kNotSupported);
+    EXPECT_EQ(Feed->Tune(kKey, kLock, kLongSeconds).get().Half, HalfLock::Released);
+    EXPECT_FALSE(Record(TuningControl::Clocks).IsOutstanding());
+    EXPECT_EQ(Tune(kLimit), "");
+    Sim.SetAdministratorRights(false);
+    EXPECT_NE(Feed->TakeBack(kKey, TuningControl::Power).get().Error, "");
+    EXPECT_NE(Record(TuningControl::Power).Problem, "");
+    EXPECT_TRUE(Record(TuningControl::Power).IsOutstanding());
+    Sim.SetAdministratorRights(true);
+    EXPECT_EQ(Feed->TakeAllBack().get().Error, "");
+    EXPECT_EQ(Record(TuningControl::Power).Problem, "");
+    EXPECT_TRUE(Feed->Stop(seconds(30)));
+    // By the monitor itself, and once by the feed.
+    EXPECT_EQ(Log(0, {"ResetMemoryLockedClocks("}),
+              "DeviceResetMemoryLockedClocks(0) DeviceResetMemoryLockedClocks(0) ");
+}
+
+TEST_F(FeedTest, OutOfMemoryARequestFailsWithASentenceAndWhatIsPublishedCatchesUp) {
+    StartPaused();
+    failing_memory::bChecking = true;
+    int failures = 0;
+    failing_memory::bAllocationFailed = true;
+    for (uint64_t nth = 1; failing_memory::bAllocationFailed; ++nth) {
+        failing_memory::bAllocationFailed = false;
+        failing_memory::AllocationsUntilFailure = nth;
+        const milliseconds interval(10000 - nth);
+        Feed->SetInterval(interval);
+        EXPECT_TRUE(WaitFor([&] { return Feed->Latest()->Interval == interval; })) << nth;
+        if (failing_memory::bAllocationFailed) continue;
+        const std::string status = Feed->QueryTuning(kKey).get().Power.Status;
+        failures += status == "GPU monitoring has failed: std::bad_alloc." ? 1 : 0;
+        EXPECT_EQ(status.find("failed") != std::string::npos, failing_memory::bAllocationFailed) << status;
+    }
+    EXPECT_GT(failures, 0);
+    failing_memory::AllocationsUntilFailure = 0;
+    failing_memory::bChecking = false;
+}
+
+TEST(PowerWayBackTest, IsWhatWasInForceOrElseTheDefault) {
+    const TuningChange reset = {Kind::ResetPower};
+    const TuningChange set = {Kind::SetPower, {}, 250.0};
+    const std::tuple<double, double, TuningChange, std::optional<TuningChange>> cases[] = {
+        {320.0, 320.0, set, reset},     {250.0, 320.0, reset, set},          {400.0, 320.0, set, reset},
+        {-1.0, 320.0, set, reset},      {400.0, 320.0, reset, std::nullopt}, {400.0, -1.0, set, std::nullopt},
+        {-1.0, -1.0, set, std::nullopt}};
+    for (const auto& [current, byDefault, change, expected] : cases) {
+        const GpuPowerCapabilities power = {0, "", GpuCapabilityState::Supported, current, byDefault, 150.0, 352.0, ""};
+        EXPECT_EQ(PowerWayBack(change, power), expected) << current << ' ' << byDefault;
+    }
+}
+
+}  // namespace

@@ -1,0 +1,110 @@
+// What is read out of a sample, and what is known of processes.
+
+#include "gpu_feed/readings.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <pwd.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <limits>
+
+#include "gpu_feed/clock_groups.h"
+#include "gpu_feed/limit_reasons.h"
+#include "process_names.h"
+#include "sampler_clock.h"
+#include "simulated_nvml.h"
+
+namespace {
+
+using namespace testing;
+using namespace gpu_feed;
+using Id = ReadingId;
+
+TEST(ReadingsTest, EachReadingHasItsOwnFieldInTheUnitForPeople) {
+    constexpr uint64_t kMiB = 1U << 20U;
+    // Every field has a value of its own, and zero is a value.
+    const GpuTelemetrySample sample = {0.0,       1,    0,   2,   3,   4,   10 * kMiB, 11 * kMiB, 12 * kMiB,
+                                       13 * kMiB, 0.25, 0.5, 1.5, 2.5, 3.5, 20,        21,        22,
+                                       23,        24,   5,   6,   7,   4.5, 0.0,       0,         5.5};
+    std::vector<std::optional<double>> shown;
+    for (const Reading& reading : Readings()) {
+        EXPECT_EQ(&ReadingOf(reading.Id), &reading);
+        EXPECT_EQ(ReadingValue(reading.Id, {}), std::nullopt) << reading.Key;
+        shown.push_back(ShownValue(reading.Id, sample));
+    }
+    EXPECT_THAT(shown, ElementsAre(0, 2, 3, 4, 10, 11, 12, 13, 0.25, 0.5, 1.5, 2.5, 3.5, 1, 20, 21, 22, 23, 24, 5, 6, 7,
+                                   4.5, 0.0, 5.5));
+    EXPECT_EQ(ReadingOf(Id::VramUsed).WholeValue(sample), 10 * kMiB);
+}
+
+TEST(ReadingsTest, OnlyWhatTheDriverAnswersCountsAsRead) {
+    const std::pair<int, std::optional<double>> states[] = {{0, 0}, {15, 15}, {16, std::nullopt}, {32, std::nullopt}};
+    for (const auto& [state, expected] : states) {
+        GpuTelemetrySample sample;
+        sample.PerformanceState = state;
+        EXPECT_EQ(ReadingValue(Id::PerformanceState, sample), expected) << state;
+        EXPECT_EQ(HasAnyReading(sample), expected.has_value()) << state;
+    }
+    GpuTelemetrySample sample;
+    sample.VramUsedBytes = sample.Bar1UsedBytes = sample.Bar1TotalBytes = 1;
+    EXPECT_EQ(ReadingValue(Id::VramUsed, sample), std::nullopt);
+    EXPECT_EQ(ReadingValue(Id::Bar1Used, sample), 1.0);
+    sample.Bar1TotalBytes = 0;
+    for (const double notRead : {std::nan(""), std::numeric_limits<double>::infinity(), -0.5}) {
+        sample.FrameTimeMs = notRead;
+        EXPECT_EQ(ReadingValue(Id::FrameTime, sample), std::nullopt);
+    }
+    sample.FrameTimeMs = 16.5;
+    EXPECT_FALSE(HasAnyReading(sample));
+    sample.PerformanceLimitReasons = 1;
+    EXPECT_TRUE(HasAnyReading(sample));
+}
+
+TEST(ReadingsTest, LimitReasonsThatProtectTheGpuAreADanger) {
+    const uint64_t dangers = simulated_nvml::kReasonHardwareSlowdown | simulated_nvml::kReasonHardwareThermal |
+                             simulated_nvml::kReasonSoftwareThermal | simulated_nvml::kReasonHardwarePowerBrake;
+    for (uint64_t bit = 1; bit != 0; bit <<= 1U) {
+        const std::vector<LimitReason> reasons = LimitReasons(bit);
+        ASSERT_THAT(reasons, SizeIs(1));
+        EXPECT_EQ(reasons[0].bDanger, (bit & dangers) != 0) << reasons[0].Word;
+        EXPECT_EQ(reasons[0].bIdle, bit == simulated_nvml::kReasonIdle) << reasons[0].Word;
+    }
+    std::vector<std::string> words;
+    for (const LimitReason& reason : LimitReasons(UINT64_MAX)) words.push_back(reason.Word);
+    EXPECT_THAT(words,
+                ElementsAre("idle", "application clocks", "power cap", "hardware slowdown", "sync boost", "thermal",
+                            "hardware thermal", "power brake", "display clocks", "0xfffffffffffffe00"));
+    EXPECT_THAT(LimitReasons(0), IsEmpty());
+}
+
+TEST(ReadingsTest, ClocksAreGroupedByMemoryClock) {
+    EXPECT_THAT(GroupByMemoryClock({{300, 810}, {1500, 810}, {1500, 5001}}),
+                ElementsAre(Pair(5001, ElementsAre(1500)), Pair(810, ElementsAre(300, 1500))));
+}
+
+TEST(ProcessNamesTest, ProcessesOfThisSystemHaveNameAndUserTheLargestFirst) {
+    sampler_clock::Reset();
+    const auto isProcess = [](int pid, const std::string& name, const std::string& user) {
+        return AllOf(Field(&FeedProcess::Pid, pid), Field(&FeedProcess::Name, name), Field(&FeedProcess::User, user));
+    };
+    const int self = getpid();
+    const std::string number = std::to_string(getuid());
+    const std::vector<GpuProcessMemory> processes = {{INT32_MAX, 10}, {self, 30}, {INT32_MAX - 1, 10}};
+    ProcessNames names;
+    // Without a thread that looks the name up, the user is a number, but only until the next time.
+    sampler_clock::RefuseThreads(1);
+    EXPECT_THAT(names.Describe({{self, 1}}, true), ElementsAre(isProcess(self, "monitor_feed_test", number)));
+    std::vector<FeedProcess> described = names.Describe(processes, true);
+    for (int i = 0; i < 1000 && described[0].User == number; ++i) described = names.Describe(processes, true);
+    EXPECT_THAT(described, ElementsAre(isProcess(self, "monitor_feed_test", getpwuid(getuid())->pw_name),
+                                       isProcess(INT32_MAX - 1, "", ""), isProcess(INT32_MAX, "", "")));
+    prctl(PR_SET_NAME, "15-letters-long");
+    EXPECT_EQ(names.Describe(processes, true)[0].Name, "15-letters-long");
+    prctl(PR_SET_NAME, program_invocation_short_name);
+    EXPECT_THAT(names.Describe({{self, 1}}, false), ElementsAre(isProcess(self, "", "")));
+}
+
+}  // namespace
