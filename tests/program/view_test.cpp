@@ -1,99 +1,464 @@
-// What the live view draws, as cells of a canvas: plots of the history.
+// What the live view shows of made readings, and what keys do there, as cells of a canvas.
 
 #include <gmock/gmock.h>
 
 #include <clocale>
-#include <cmath>
+#include <map>
+#include <utility>
 
-#include "view/plot.h"
+#include "commands/view_control.h"
+#include "text/change_text.h"
+#include "view/gauge.h"
+#include "view/gpu_overview.h"
+#include "view/keys.h"
+#include "view/limits.h"
 
 namespace {
 
 using namespace testing;
+using namespace gpu_feed;
 
-// A plot with a field of 10 x 4 cells, 20 x 16 braille dots: one is one second wide and one watt high.
-constexpr Area kArea = {0, 0, 16, 6};
-constexpr TimeSpan kSpan = {100.0, 120.0};
-// Pairs of a time, in columns of dots of a plot of `kSpan`, and watts; -1: not read.
-using Readings = std::vector<std::pair<double, double>>;
+constexpr double kNow = 1000.0;
+constexpr uint64_t kMebibyte = 1024 * 1024;
 
-Plot PowerPlot(double highest = 15.0) {
-    const auto watts = [](const auto& s) { return s.PowerWatts == -1.0 ? std::nullopt : std::optional(s.PowerWatts); };
-    return {"Power", "W", {{watts, Style::Bar}}, 0.0, highest, 0};
+/// A GPU that has been read every second for a minute.
+FeedGpu MadeGpu(unsigned int index) {
+    FeedGpu gpu;
+    gpu.Key = "key " + std::to_string(index);
+    gpu.Device = {"Made Board", index, "", "", "550.120", "", "", 0};
+    gpu.Processes = {
+        {300, 700 * kMebibyte, "render", "zoe"}, {20, 600 * kMebibyte, "train", "adam"}, {1000, 0, "", ""}};
+    gpu.PeriodSeconds = 1.0;
+    // From the time to the fan: degrees and percents, bytes, watts, percent.
+    gpu.Latest = {kNow,  75,    100,   25,    0,     50, 3072 * kMebibyte, 4096 * kMebibyte, 0, 0,
+                  150.0, 225.0, 250.0, 100.0, 300.0, 10};
+    gpu.Latest.GraphicsClockMHz = 2100;
+    gpu.Latest.SmClockMHz = 2101;
+    gpu.Latest.MemoryClockMHz = 9501;
+    gpu.Latest.VideoClockMHz = 1785;
+    gpu.Latest.PerformanceState = 2;
+    gpu.Latest.PcieGeneration = 4;
+    gpu.Latest.PcieWidth = 16;
+    gpu.Latest.PerformanceLimitReasons = 0x44;
+    gpu.Samples.assign(61, gpu.Latest);
+    for (int i = 0; i < 60; ++i) gpu.Samples[static_cast<size_t>(i)].TimestampSeconds = kNow - 60.0 + i;
+    return gpu;
 }
 
-Canvas Drawn(const Readings& readings, double interval, const TimeSpan& span = kSpan, const Area& area = kArea,
-             bool bUnicode = true, const Plot& plot = PowerPlot()) {
-    std::deque<GpuTelemetrySample> samples(readings.size());
-    for (size_t i = 0; i < readings.size(); ++i) {
-        samples[i].TimestampSeconds = kSpan.From + 1.0 + readings[i].first;
-        samples[i].PowerWatts = readings[i].second;
+/// The keys that a word stands for: small letters, digits and signs themselves, some others keys without a character.
+std::vector<int> KeysOf(const std::string& word) {
+    static const std::map<char, int> kKeys = {
+        {'U', UpKey},   {'D', DownKey}, {'L', LeftKey},  {'R', RightKey},  {'^', PageUpKey},    {'v', PageDownKey},
+        {'<', HomeKey}, {'>', EndKey},  {'E', EnterKey}, {'X', EscapeKey}, {'B', BackspaceKey}, {'T', BackTabKey}};
+    std::vector<int> keys;
+    for (const char letter : word) keys.push_back(kKeys.count(letter) == 0 ? letter : kKeys.at(letter));
+    return keys;
+}
+
+/// The view, and the feed that it asks.
+class ViewTest : public Test, protected FeedRequests {
+protected:
+    ViewTest() {
+        std::setlocale(LC_CTYPE, "C.UTF-8");
+        setenv("TZ", "UTC", 1);
+        Data.State = FeedState::Sampling;
+        Data.Status = "The status.";
+        Data.Interval = std::chrono::seconds(1);
+        SetGpus({MadeGpu(0), MadeGpu(1)});
+        Control.SelectFirst(Data, 1);
     }
-    Canvas canvas(area.X + area.Width + 1, area.Y + area.Height + 1, bUnicode);
-    DrawPlot(&canvas, area, plot, samples, span, interval);
-    return canvas;
-}
 
-/// The watts drawn in each column of dots: one value, the lowest and the highest, or "." for none.
-std::string Columns(const Canvas& canvas) {
-    constexpr int kBits[4][2] = {{0x40, 0x80}, {0x04, 0x20}, {0x02, 0x10}, {0x01, 0x08}};
-    std::string text;
-    for (int column = 0; column < 20; ++column) {
-        std::string watts;
-        for (int i = 0; i < 16; ++i) {
-            const wchar_t glyph = canvas.At(6 + column / 2, 4 - i / 4).Glyph;
-            if (glyph < 0x2800 || ((glyph - 0x2800) & kBits[i % 4][column % 2]) == 0) continue;
-            watts = (watts.empty() ? "" : watts.substr(0, watts.find('-')) + '-') + std::to_string(i);
+    void SetGpus(const std::vector<FeedGpu>& gpus) {
+        Data.Gpus.clear();
+        for (const FeedGpu& gpu : gpus) Data.Gpus.push_back(std::make_shared<FeedGpu>(gpu));
+    }
+
+    FeedMoment Moment() const override {
+        using std::chrono::system_clock;
+        return {std::make_shared<FeedData>(Data), Now, system_clock::time_point(std::chrono::hours(12)), Silence};
+    }
+    void SetInterval(std::chrono::milliseconds interval) override {
+        Requests += std::to_string(interval.count()) + ' ';
+    }
+    void Pause() override { Requests += "pause "; }
+    void Resume() override { Requests += "resume "; }
+    std::future<TuningCapabilities> QueryTuning(const std::string&) override {
+        return (Capabilities = {}).get_future();
+    }
+    std::future<TuningResult> Tune(const std::string& gpuKey, const TuningChange& change, double keepSeconds) override {
+        EXPECT_EQ(keepSeconds, 10.0);
+        Requests += gpuKey + ": " + ActionText(change) + ' ';
+        return (Result = {}).get_future();
+    }
+    void Keep(const std::string& gpuKey, TuningControl) override { Requests += "keep " + gpuKey; }
+    std::future<TuningResult> TakeBack(const std::string& gpuKey, TuningControl) override {
+        Requests += "take back " + gpuKey;
+        return (Result = {}).get_future();
+    }
+
+    Canvas Drawn(int width = 80, int height = 24) {
+        Control.OnTime();
+        Canvas canvas(width, height, true);
+        Control.Draw(&canvas, Moment());
+        return canvas;
+    }
+    void Press(const std::string& keys) {
+        for (const int key : KeysOf(keys)) Control.OnKey(key);
+    }
+    /// In each step, presses the keys before the first blank, and expects the text behind it to be shown then.
+    void Follow(const std::vector<std::string>& steps) {
+        for (const std::string& step : steps) {
+            Press(step.substr(0, step.find(' ')));
+            const std::string screen = Drawn().Text();
+            EXPECT_NE(screen.find(step.substr(step.find(' ') + 1)), std::string::npos) << step << '\n' << screen;
         }
-        text += ' ' + (watts.empty() ? "." : watts);
     }
-    return text.substr(1, text.find_last_not_of(" ."));
+
+    /// What the driver of a board answers whose clocks and power limit can be changed.
+    void AnswerCapabilities(double watts) {
+        const std::vector<GpuClockPair> pairs = {{600, 5000}, {900, 5000}, {1200, 5000}, {600, 900}, {800, 900}};
+        Capabilities.set_value({{0, "", "", pairs, 910, 5000, true, "The clocks."},
+                                {0, "", GpuCapabilityState::Supported, watts, 250.0, 100.0, 300.0, "The limit."}});
+    }
+    /// As the feed notes that a limit was 225 W and now is `watts`.
+    void NoteChange(double watts, double deadline, const std::string& problem = "") {
+        const TuningChange before{TuningChange::Kind::SetPower, {}, 225.0};
+        Data.Tuning = {{"key 1", Data.Gpus[1]->Device, before, {before.What, {}, watts}, before, deadline, problem}};
+    }
+    void OpenPanel() {
+        Press("t");
+        AnswerCapabilities(225.0);
+        Follow({" p  set a limit"});
+    }
+    /// Sets a limit of 150 W, which the driver takes, and is asked whether to keep it.
+    void MakeChange() {
+        OpenPanel();
+        Follow({"p150EE Changing ..."});
+        NoteChange(150.0, Now + 10.0);
+        Result.set_value({GpuClockOperationResult::Success});
+        Follow({"X It goes back in 10 s."});
+    }
+
+    FeedData Data;
+    double Now = kNow;
+    double Silence = 0.0;
+    std::string Requests;
+    std::promise<TuningCapabilities> Capabilities;
+    std::promise<TuningResult> Result;
+    ViewControl Control{this, std::chrono::milliseconds(700), "--simulate"};
+};
+
+TEST_F(ViewTest, PageShowsAllOfAGpu) {
+    EXPECT_EQ(Drawn().Text(),
+              R"(GPU util % 0:100  1:100
+GPU 1: Made Board                                              live, every 1.0 s
+Driver 550.120   PCIe gen 4 x16   P2   Limited by: hardware thermal, power cap
+GPU     █████████████             100 %  Power   ██████▌░░┃┆░░   150.0 / 225.0 W
+VRAM    █████████▊···   3072 / 4096 MiB  Temp    █████████▊···              75 C
+Encoder ·············               0 %  Fan     █▎···········              10 %
+Decoder ██████▌······              50 %  Mem I/O ███▎·········              25 %
+Clocks  graphics 2100 MHz, SM 2101 MHz, memory 9501 MHz, video 1785 MHz
+Limits  power 225 W, default 250 W, range 100 to 300 W
+Utilization %         100  Power W               150  Temperature C          75
+  100┤⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉    250┤⠒⠒⠒⠒⠒⠒⠒⠒⠒⠒⠒⠒⠒⠒⠒⠒⠒⠒⠒    100┤⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀
+     │                          │⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉       │
+    0┤                         0┤                        20┤
+   -60 s              now     -60 s              now     -60 s              now
+Graphics clock MHz   2100  VRAM GiB                                          3.0
+ 2500┤⠤⠤⠤⠤⠤⠤⠤⠤⠤⠤⠤⠤⠤⠤⠤⠤⠤⠤⠤    4.0┤⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀
+     │                          │
+    0┤                       0.0┤
+   -60 s              now     -60 s                  -30 s                   now
+     PID       VRAM*  USER          PROCESS
+     300     700 MiB  zoe           render
+      20     600 MiB  adam          train
+    1000       0 MiB  -             -
+q quit  ? help  t tune  Tab GPU  1-5 plots  +- zoom  space pause      last 1 min
+)");
 }
 
-TEST(Plot, ConnectsReadingsUnlessSomeAreMissing) {
-    const std::tuple<const char*, double, Readings, const char*> cases[] = {
-        {"just slowed down", 5, {{0, 0}, {1, 0}, {6, 5}}, "0 0 1 2 3 4 5"},
-        {"out of range", 1, {{0, -5}, {1, 99}, {2, 0}, {3, NAN}, {4, 0}}, "0-7 8-15 0-7 . 0"},
-        {"not read, then paused", 1, {{0, 3}, {1, -1}, {2, 3}, {3, 3}, {7, 3}, {8, 3}}, "3 . 3 3 . . . 3 3"},
-        {"many samples per dot", 0.2, {{0, 1}, {0.2, 1}, {0.4, 9}, {0.6, 2}, {1, 2}}, "1-9 2"},
-        {"just resumed", 1, {{0, 3}, {1, 3}, {6, 3}}, "3 3 . . . . 3"},
-        {"slow for a while", 1, {{0, 3}, {1, 3}, {5, 3}, {9, 3}, {10, 3}}, "3 3 3 3 3 3 3 3 3 3 3"},
-        {"no reading took place", 3, {{0, 3}, {-101, 9}, {3, 3}}, "3 3 3 3"},
-        {"enters", 1, {{-15, 4}, {-5, 4}, {5, 4}}, "4 4 4 4 4 4"},
-        {"enters behind a gap", 1, {{-9, 4}, {-8, 4}, {2, 4}, {3, 4}}, ". . 4 4"}};
-    for (const auto& [what, interval, readings, expected] : cases) {
-        EXPECT_EQ(Columns(Drawn(readings, interval)), expected) << what;
+TEST_F(ViewTest, GaugesAreFilledFromEndToEnd) {
+    const std::tuple<std::optional<double>, const char*, const char*> gauges[] = {
+        {std::nullopt, "····\n", "....\n"}, {0.0, "····\n", "....\n"},         {1.0 / 32.0, "▏···\n", "....\n"},
+        {0.5, "██··\n", "##..\n"},          {31.0 / 32.0, "███▉\n", "###.\n"}, {1.0, "████\n", "####\n"},
+        {1.5, "████\n", "####\n"}};
+    for (const auto& [fraction, blocks, ascii] : gauges) {
+        for (const bool bUnicode : {true, false}) {
+            Canvas canvas(5, 1, bUnicode);
+            DrawGauge(&canvas, {0, 0, 4, 1}, fraction);
+            EXPECT_EQ(canvas.Text(), bUnicode ? blocks : ascii);
+        }
+    }
+    // Watts, limit, default, minimum, maximum.
+    const std::pair<PowerLevels, const char*> powers[] = {{{50.0, 80.0, 60.0, 20.0, 100.0}, "█████░┆░┃░\n"},
+                                                          {{100.0, 100.0, 100.0, 0.0, 100.0}, "█████████┃\n"},
+                                                          {{50.0, 100.0, -1.0, -1.0, -1.0}, "█████····┃\n"},
+                                                          {{-1.0, 40.0, 50.0, 20.0, 100.0}, "··░░┃┆░░░░\n"},
+                                                          {{50.0, -1.0, -1.0, -1.0, -1.0}, "··········\n"}};
+    for (const auto& [levels, expected] : powers) {
+        Canvas canvas(10, 1, true);
+        DrawPowerGauge(&canvas, canvas.Whole(), levels);
+        EXPECT_EQ(canvas.Text(), expected);
     }
 }
 
-TEST(Plot, KeepsItsShapeWhileItScrolls) {
-    const Readings readings = {{3.4, 1}, {5.1, 12}, {6.3, 2}, {8.8, 9}, {11.9, 3}, {12.2, 14}, {14.7, 0}, {17.5, 6}};
-    const std::string before = Columns(Drawn(readings, 2));
-    EXPECT_EQ(Columns(Drawn(readings, 2, {100.9, 120.9})), before);
-    EXPECT_EQ(". . " + Columns(Drawn(readings, 2, {102.3, 122.3})), before);
+TEST_F(ViewTest, DangersAmongTheLimitsComeFirstAndAreRed) {
+    const std::tuple<uint64_t, const char*, Style> cases[] = {{0x25, "thermal, power cap\n", Style::Alarm},
+                                                              {0x82, "power brake, applicat\n", Style::Alarm},
+                                                              {0x4, "power cap\n", Style::Strong},
+                                                              {0x1, "nothing, idle\n", Style::Strong},
+                                                              {0, "-\n", Style::Strong},
+                                                              {1U << 20U, "0x100000\n", Style::Strong}};
+    for (const auto& [reasons, text, look] : cases) {
+        GpuTelemetrySample sample;
+        sample.PerformanceLimitReasons = reasons;
+        Canvas canvas(21, 1, false);
+        DrawLimits(&canvas, canvas.Whole(), sample);
+        EXPECT_EQ(canvas.Text(), text);
+        EXPECT_EQ(canvas.At(0, 0).Look, look) << text;
+    }
 }
 
-TEST(Plot, ShowsCurvesLatestValueAndAxes) {
-    std::setlocale(LC_CTYPE, "C.UTF-8");
-    Plot plot = PowerPlot();
-    plot.Curves.insert(plot.Curves.begin(), {[](const auto&) { return 15.0; }, Style::Limit});
-    const Readings rise = {{0, 0}, {6, 3}, {11, 15}, {12, -1}};
-    const Canvas canvas = Drawn(rise, 5, kSpan, kArea, true, plot);
-    EXPECT_THAT(canvas.Text(), StartsWith("Power W        -\n   15┤⠉⠉⠉⠉⠉⡏⠁\n     │    ⡜\n     │   ⡰⠁\n    0┤⡠⠔⠊⠁\n"));
-    EXPECT_THAT((std::vector{canvas.At(10, 1).Look, canvas.At(11, 1).Look}), ElementsAre(Style::Limit, Style::Bar));
-    EXPECT_THAT(Drawn(rise, 5, {93.0, 112.5}, kArea, false, plot).Text(),
-                StartsWith("Power W       15\n   15+   ''''':'\n     |       .'\n     |      .'\n    0+   .--'\n"));
-    EXPECT_THAT(Drawn(rise, 5, {60.0, 120.0}, {0, 0, 36, 6}).Text(), HasSubstr("   -60 s          -30 s          now"));
-    EXPECT_THAT(Drawn(rise, 5, {-5280.0, 120.0}, {0, 0, 66, 6}).Text(),
-                HasSubstr("\n-1 h 30 min            -1 h               -30 min              now\n"));
+TEST_F(ViewTest, StatesSayWhatAGpuDoes) {
+    using Edit = void (*)(FeedGpu & gpu, FeedData & data);
+    const std::string values = "\nLimits  power 225 W,";
+    const std::string dashes = "\nLimits  power -,";
+    const std::tuple<std::string, std::string, double, Edit> cases[] = {
+        {" starting\n", dashes, 0.0, [](FeedGpu&, FeedData& data) { data.SamplingSince = kNow + 1.0; }},
+        {" live\n", values, 0.0, [](FeedGpu& gpu, FeedData&) { gpu.PeriodSeconds = 0.0; }},
+        {" live, every 0.25 s\n", values, 0.0, [](FeedGpu& gpu, FeedData&) { gpu.PeriodSeconds = 0.25; }},
+        {" paused\n", values, 0.0, [](FeedGpu&, FeedData& data) { data.State = FeedState::Paused; }},
+        {" The status.\n", dashes, 0.0, [](FeedGpu&, FeedData& data) { data.State = FeedState::Unavailable; }},
+        {" no data since 11:59:48 (12 s)\n", dashes, 0.0,
+         [](FeedGpu& gpu, FeedData&) { gpu.Latest.TimestampSeconds = gpu.SilentSince = kNow - 12.0; }},
+        {" no data yet\n", dashes, 4.0, [](FeedGpu& gpu, FeedData&) { gpu.Latest = {}; }},
+        {" driver hangs, no data since 12:00:00 (0 s)\n", dashes, 9.0, [](FeedGpu&, FeedData&) {}}};
+    const FeedData before = Data;
+    for (const auto& [state, limits, silence, edit] : cases) {
+        Data = before;
+        FeedGpu gpu = MadeGpu(1);
+        edit(gpu, Data);
+        SetGpus({gpu});
+        Silence = silence;
+        Follow({state, ' ' + limits});
+        const bool bSilent = state.find("no data") != std::string::npos;
+        EXPECT_EQ(Drawn().At(79, 0).Look, bSilent ? Style::Alarm : Style::Strong) << state;
+        EXPECT_EQ(Drawn().Text().find(" zoe ") == std::string::npos, bSilent) << state;
+    }
 }
 
-TEST(Plot, StaysInItsArea) {
-    for (int i = 0; i < 20 * 5; ++i) {
-        const Area area = {3, 2, i % 20, i / 20};
-        Canvas canvas = Drawn({{0, 0}, {6, 3}, {19, 15}}, 10, kSpan, area, i % 3 == 0, PowerPlot(i % 2 * 15.0));
-        canvas.Clear(area);
-        EXPECT_EQ(canvas.Text().find_first_not_of(" \n"), std::string::npos) << area.Width << " x " << area.Height;
+TEST_F(ViewTest, ManyGpusAreListedAroundTheSelectedOne) {
+    FeedGpu silent = MadeGpu(1);
+    silent.SilentSince = kNow - 9.0;
+    FeedGpu dumb = MadeGpu(2);
+    dumb.Latest = {kNow};
+    SetGpus({MadeGpu(0), silent, dumb, MadeGpu(3), MadeGpu(4)});
+    std::vector<GpuOnPage> pages;
+    for (const auto& gpu : Data.Gpus) pages.push_back(OnPage(Moment(), gpu));
+    Canvas table(100, 4, true);
+    DrawGpuTable(&table, table.Whole(), pages, 1);
+    EXPECT_EQ(table.Text(),
+              R"(3 of 5 GPUs          util       vram    power    limit   temp    fan  graphics     memory  limited b
+GPU 0: Made Board   100 %   3072 MiB  150.0 W  225.0 W   75 C   10 %  2100 MHz   9501 MHz  hardware
+GPU 1: Made Board   no data since 12:00:00 (0 s)
+GPU 2: Made Board       -          -        -        -      -      -         -          -  -
+)");
+    EXPECT_EQ(table.At(0, 2).Look, Style::Selected);
+    EXPECT_EQ(table.At(20, 2).Look, Style::Alarm);
+    const std::tuple<int, size_t, const char*> strips[] = {{60, 4, "GPU util % 0:100  1:!    2:-    3:100  4:100\n"},
+                                                           {46, 0, "GPU util % 0:100  1:!    2:-       3 of 5 GPUs\n"},
+                                                           {46, 2, "GPU util % 1:!    2:-    3:100     3 of 5 GPUs\n"},
+                                                           {46, 4, "GPU util % 2:-    3:100  4:100     3 of 5 GPUs\n"}};
+    for (const auto& [width, selected, expected] : strips) {
+        Canvas strip(width, 1, true);
+        DrawGpuStrip(&strip, strip.Whole(), pages, selected);
+        EXPECT_EQ(strip.Text(), expected);
+    }
+}
+
+TEST_F(ViewTest, ProcessesAreSortedCutAndNamed) {
+    GpuOnPage page = OnPage(Moment(), Data.Gpus[0]);
+    page.bSimulated = true;
+    const std::tuple<ProcessOrder, int, int, const char*> cases[] = {
+        {ProcessOrder::Memory, 8, 4, "     PID\n     300\n      20\n    1000\n"},
+        {ProcessOrder::Pid, 8, 4, "    PID*\n      20\n     300\n    1000\n"},
+        {ProcessOrder::User, 8, 4, "     PID\n    1000\n      20\n     300\n"},
+        {ProcessOrder::Name, 8, 4, "     PID\n    1000\n     300\n      20\n"},
+        {ProcessOrder::User, 50, 2,
+         "     PID        VRAM  USER*         PROCESS 2 more\n    1000       0 MiB  -             (simulated)\n"}};
+    for (const auto& [order, width, height, expected] : cases) {
+        Canvas canvas(width, height, true);
+        DrawProcesses(&canvas, canvas.Whole(), page, order);
+        EXPECT_EQ(canvas.Text(), expected);
+    }
+}
+
+TEST_F(ViewTest, PlotsAreThoseThatWereChosenAndFindRoom) {
+    constexpr const char* kTitles[] = {"Utilization %", "Power W", "Temperature C", "Graphics clock MHz", "VRAM GiB"};
+    SetGpus({MadeGpu(1)});
+    // Keys to press, the size of the screen, keys of the plots that are shown then, and a text on the screen.
+    const std::tuple<const char*, int, int, const char*, const char*> cases[] = {
+        {"", 80, 24, "12345", "-30 s"},    {"", 60, 21, "12", "-60 s"},
+        {"", 80, 17, "123", "now"},        {"134--", 80, 24, "25", "-5 min"},
+        {"251----", 80, 30, "1", "-45 s"}, {"1", 80, 24, "", "\n1 to 5 show plots\n"}};
+    for (const auto& [keys, width, height, shownKeys, text] : cases) {
+        Press(keys);
+        const std::string screen = Drawn(width, height).Text();
+        std::string found;
+        for (int i = 0; i < 5; ++i) found += screen.find(kTitles[i]) == std::string::npos ? "" : std::to_string(i + 1);
+        EXPECT_EQ(found, shownKeys) << screen;
+        EXPECT_NE(screen.find(text), std::string::npos) << text << '\n' << screen;
+    }
+    Press("2");
+    Data.State = FeedState::Paused;
+    Data.PausedAt = kNow;
+    Now += 10.0;
+    const std::string before = Drawn().Text();
+    Now += 20.0;
+    EXPECT_EQ(Drawn().Text(), before);
+}
+
+TEST_F(ViewTest, ScreensShowWhatFits) {
+    std::vector<FeedGpu> gpus;
+    for (unsigned int i = 0; i < 12; ++i) gpus.push_back(MadeGpu(i));
+    SetGpus(gpus);
+    const std::string tooSmall = "Too small: this view needs 60 x 16.\n";
+    const std::string strip = "GPU util % 0:100";
+    const std::tuple<int, int, std::string> sizes[] = {
+        {59, 24, tooSmall}, {60, 15, tooSmall}, {60, 16, strip}, {80, 39, strip}, {80, 40, "10 of 12 GPUs  "}};
+    for (const auto& [width, height, start] : sizes) {
+        EXPECT_THAT(Drawn(width, height).Text(), StartsWith(start)) << width << " x " << height;
+    }
+    Press("?");
+    EXPECT_THAT(Drawn(60, 9).Text(), HasSubstr("│ Any key closes "));
+    SetGpus({});
+    Silence = 3.0;
+    Follow({"?      Starting NVML ... 3 s\n"});
+}
+
+TEST_F(ViewTest, CharactersOfTwoColumnsAreWholeOrNotThere) {
+    Canvas canvas(6, 1, true);
+    EXPECT_EQ(canvas.Put(0, 0, "a\u677f\u677f\u677f"), 5);
+    EXPECT_EQ(canvas.Text(), "a\u677f\u677f\n");
+    canvas.Put(2, 0, "b");
+    EXPECT_EQ(canvas.Text(), "a b\u677f\n");
+    canvas.Put(3, 0, "c");
+    EXPECT_EQ(canvas.Text(), "a bc\n");
+    canvas.PutRight(6, 0, "e\u0301\xff");
+    EXPECT_EQ(canvas.Text(), "a bce?\n");
+}
+
+// ---- Keys ----
+
+TEST_F(ViewTest, KeysChooseWhatIsShown) {
+    Follow({" GPU 1: ", "\t GPU 0: ", "R GPU 1: ", "T GPU 0: ", "L GPU 1: ", "s PID*", "s \nProcesses by user ",
+            "s PROCESS*", "s VRAM*"});
+    Follow({"+ last 1 min\n", "- \nPlots: last 2 min ", "- last 5 min\n", "- last 10 min\n", "- last 30 min\n",
+            "- last 1 h\n", "-- whole history\n", "= last 1 h\n"});
+    Follow({"h Any key closes", "q \nPlots: last 1 h ", "? a plot: 1 utilization, 2 power, 3", "x PID"});
+    Now += 2.9;
+    Follow({" \nPlots: last 1 h "});
+    Now += 0.2;
+    Follow({" \nq quit "});
+    EXPECT_FALSE(Control.End());
+    Press("q");
+    EXPECT_EQ(Control.End(), ViewEnd::KeepChanges);
+}
+
+TEST_F(ViewTest, KeysChangeTheSampling) {
+    Follow({"i \nInterval: 1 s ", "IIIII Interval: 100 ms", "iiiiiiii Interval: 10 s"});
+    Press(" ");
+    Follow({" Pause; space resumes"});
+    Press(" ");
+    Follow({" Sampling goes on"});
+    EXPECT_EQ(Requests, "1000 500 200 100 100 100 200 500 1000 2000 5000 10000 10000 10000 pause resume ");
+}
+
+TEST_F(ViewTest, LeavingAsksWhatBecomesOfChanges) {
+    NoteChange(150.0, 0.0);
+    Follow({"q GPU 1 (Made Board): power limit 150 W", "X q quit", "q r take them back   k keep them   Esc stay"});
+    EXPECT_FALSE(Control.End());
+    Press("r");
+    EXPECT_EQ(Control.End(), ViewEnd::TakeChangesBack);
+}
+
+// ---- Changes of a GPU ----
+
+TEST_F(ViewTest, ClocksAreChosenFromThoseThatTheDriverLists) {
+    OpenPanel();
+    Follow({" Running 910 MHz graphics, 5000 MHz memory", "c Memory    5000 MHz (2 of 2)", "  600 MHz ",
+            "E the clocks to 900 MHz graphics, 5000 ", "ncUE to 1200 MHz graphics", "ncDDE to 600 MHz graphics",
+            "nc<E to 1200 MHz graphics", "nc>E to 600 MHz graphics", "nc^E to 1200 MHz graphics",
+            "ncvE to 600 MHz graphics", "ncULE to 800 MHz graphics, 900 MHz", " cannot be brought back",
+            " goes back to: clocks released.", "nrE Changing ..."});
+    EXPECT_EQ(Requests, "key 1: release the clocks ");
+}
+
+TEST_F(ViewTest, PowerLimitIsTypedOrSteppedTo) {
+    OpenPanel();
+    Follow({"p Limit  225 W", "U Limit  226 W", "LL Limit  224 W", "^ Limit  234 W", "v Limit  224 W",
+            ">U Limit  300 W", "< Limit  100 W", "12.7.5 Limit  12.75_ W", "BB Limit  12._ W", "9BB Limit  12_ W",
+            "E This GPU takes 100 to 300 W.", "0.5U Limit  121 W", "120.5D Limit  120 W",
+            "225E This limit is in force already.", "BBB300.1E This GPU takes 100 to 300 W.",
+            "BBBBB100E set the power limit to 100 W,", " goes back to: power limit 225 W.",
+            "np250E set the power limit back to the default,", "ndE Changing ..."});
+    EXPECT_EQ(Requests, "key 1: set the power limit back to the default ");
+}
+
+TEST_F(ViewTest, MenuOffersWhatTheDriverSupports) {
+    Silence = 3.0;
+    Follow({"t Asking what can be changed ...", " The driver has not answered for 3 s."});
+    Capabilities.set_value({});
+    Follow({" Power limit", "crpdE Esc closes"});
+    EXPECT_THAT(Drawn().Text(), Not(AnyOf(HasSubstr("lock to"), HasSubstr("set a limit"))));
+    Now += 0.6;
+    Drawn();
+    AnswerCapabilities(225.0);
+    Follow({" p  set a limit         d  set the default", " c  lock to a pair      r  release",
+            " In force 225 W, default 250 W", "X q quit"});
+    EXPECT_FALSE(Control.IsTuning());
+}
+
+TEST_F(ViewTest, ChangeIsKeptWhenTheUserSaysSo) {
+    MakeChange();
+    Follow({" The driver took it: power limit 150 W.", " Reading it back ..."});
+    AnswerCapabilities(150.0);
+    Now += 2.5;
+    Follow({" In force 150 W", " It goes back in 8 s.", "y Asking what can be changed ..."});
+    EXPECT_EQ(Requests, "key 1: set the power limit to 150 W keep key 1");
+    AnswerCapabilities(150.0);
+    Follow({" Changed here: power limit 150 W"});
+}
+
+TEST_F(ViewTest, ChangeThatIsNotKeptGoesBack) {
+    MakeChange();
+    Follow({"n Going back ..."});
+    NoteChange(225.0, 0.0);
+    Result.set_value({GpuClockOperationResult::Success});
+    Follow({"X It went back to: power limit 225 W.", "E Asking what can be changed ...", "X q quit"});
+    MakeChange();
+    Now += 11.0;
+    Follow({"y It goes back in 0 s."});
+    NoteChange(225.0, 0.0);
+    Follow({" It went back to: power limit 225 W.", "EX q quit"});
+    MakeChange();
+    NoteChange(150.0, 0.0, "The sentence.");
+    Follow({" It could not go back:", " The sentence.", " gpu_monitor set-power --gpu 1 225 --simulate"});
+    EXPECT_THAT(Requests, Not(HasSubstr("keep")));
+}
+
+TEST_F(ViewTest, ChangeThatIsNotMadeSaysWhy) {
+    const std::tuple<TuningResult, const char*, bool> cases[] = {
+        {{GpuClockOperationResult::NoPermission, "No rights."}, " No rights.", true},
+        {{GpuClockOperationResult::Error, "Half.", HalfLock::Released}, " Half. Both locks of this GPU were", false},
+        {{GpuClockOperationResult::Success}, " Done: clocks released.", false}};
+    for (const auto& [result, text, bRightsAdvised] : cases) {
+        OpenPanel();
+        Follow({"ry Changing ..."});
+        Result.set_value(result);
+        Follow({text});
+        EXPECT_EQ(Drawn().Text().find("with sudo") != std::string::npos, bRightsAdvised) << Drawn().Text();
+        Follow({"EX q quit"});
     }
 }
 

@@ -23,9 +23,9 @@ int NewsChannel() {
     return descriptor;
 }
 
-void TellNews(int descriptor) {
+void SignalNews(int descriptor) {
     const uint64_t one = 1;
-    // It can only be full when there is news already.
+    // It fails only when the counter is full: then there is news already.
     const ssize_t ignored = write(descriptor, &one, sizeof one);
     static_cast<void>(ignored);
 }
@@ -34,7 +34,7 @@ void TellNews(int descriptor) {
 
 PolledFeed::PolledFeed(std::chrono::milliseconds interval)
     : NewsDescriptor(NewsChannel()),
-      Feed({interval, IsSimulating(), [descriptor = NewsDescriptor] { TellNews(descriptor); }}) {}
+      Feed({interval, IsSimulating(), [descriptor = NewsDescriptor] { SignalNews(descriptor); }}) {}
 
 PolledFeed::~PolledFeed() {
     if (!Feed.Stop()) bDriverLeftBehind = true;

@@ -19,7 +19,7 @@ public:
     gpu_feed::MonitorFeed* operator->() { return &Feed; }
     gpu_feed::MonitorFeed* Get() { return &Feed; }
 
-    /// A descriptor that is readable while `TakeNews` has not been called since the latest change.
+    /// A descriptor that is readable after a change until `TakeNews` is called.
     int Descriptor() const { return NewsDescriptor; }
     void TakeNews() const;
 

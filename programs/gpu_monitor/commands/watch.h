@@ -9,7 +9,7 @@ struct WatchOptions {
     /// NVML index of the GPU to begin with or, in a text, of the only one.
     std::optional<unsigned int> Gpu;
     std::chrono::milliseconds Interval{1000};
-    /// The option that simulates GPUs, as this run has it, or empty: for commands that are told to the user.
+    /// The option that simulates GPUs, as this run has it, or empty: for the commands that the user may type later.
     std::string SimulateOption;
 };
 

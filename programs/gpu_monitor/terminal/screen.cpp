@@ -1,6 +1,6 @@
 #include "terminal/screen.h"
 
-// Without them it has macros with the names of ordinary functions.
+// Otherwise ncurses has macros with the names of ordinary functions.
 #define NCURSES_NOMACROS
 #define NCURSES_WIDECHAR 1
 #include <curses.h>
@@ -18,15 +18,16 @@
 
 #include "terminal/failure.h"
 #include "terminal/signals.h"
+#include "view/keys.h"
 
 namespace {
 
-/// An arrow key that comes over a network in two parts must not pass for Escape.
+/// An arrow key that comes over a network in two parts must not be taken for Escape.
 constexpr int kEscapeDelayMs = 100;
 constexpr int kBrightBlack = 8;
 constexpr int kManyColors = 16;
 
-// ---- What a signal that kills the program needs to give the terminal back ----
+// ---- Giving the terminal back when a signal kills the program ----
 
 termios TerminalBefore;
 char LeavingSequence[256];
@@ -43,7 +44,7 @@ int AppendToLeaving(int character) {
     return character;
 }
 
-/// The cursor comes back twice: some terminals have one for either screen.
+/// The cursor is shown twice: some terminals have one for each of their two screens.
 void PrepareToGiveTerminalBack() {
     LeavingBytes = 0;
     for (const char* capability :
@@ -66,7 +67,7 @@ struct Look {
     short Color;
 };
 
-/// Without colours, attributes alone have to tell the styles apart.
+/// Without colors, only attributes distinguish the styles.
 Look PlainLook(Style style) {
     switch (style) {
         case Style::Dim: return {A_DIM, -1};
@@ -124,7 +125,7 @@ winsize TerminalSize() {
 
 }  // namespace
 
-/// The library's state, entered and left.
+/// ncurses, from its start to its end.
 class Screen::Curses {
 public:
     Curses() {
@@ -149,7 +150,7 @@ public:
     }
 
     ~Curses() {
-        // What cannot be swapped away is wiped away.
+        // A terminal without a second screen is cleared instead.
         if (exit_ca_mode == nullptr) {
             clear();
             refresh();
@@ -172,11 +173,11 @@ public:
         mvadd_wch(y, x, &character);
     }
 
-    /// What Ctrl-Z does.
+    /// How Ctrl-Z is handled while it stops the program.
     struct sigaction Suspend {};
 
 private:
-    /// Pairs are the colours' numbers, from 1 on.
+    /// Pair n + 1 has color n.
     static void PrepareColors() {
         for (short color = 0; color <= kBrightBlack && color < COLORS; ++color) {
             init_pair(static_cast<short>(color + 1), color, -1);
@@ -208,7 +209,7 @@ void Screen::AllowSuspending(bool bAllowed) {
 
 Canvas Screen::Blank() const {
     const winsize size = TerminalSize();
-    // A serial line, for example, does not know: then what the environment or the kind of terminal says holds.
+    // A serial line, for example, does not know its size. Then that of the environment or the kind of terminal is used.
     const bool bKnown = size.ws_col > 0 && size.ws_row > 0;
     return {bKnown ? size.ws_col : COLS, bKnown ? size.ws_row : LINES, LocaleIsUnicode()};
 }

@@ -2,35 +2,14 @@
 #define GPU_MONITOR_SCREEN_H
 
 #include <memory>
-#include <vector>
 
 #include "view/canvas.h"
 
-/// What `Screen::ReadKey` gives beside the character that was typed.
-enum Key : int {
-    NoKey = -1,
-    EscapeKey = 27,
-    EnterKey = 0x110000,
-    BackspaceKey,
-    UpKey,
-    DownKey,
-    LeftKey,
-    RightKey,
-    PageUpKey,
-    PageDownKey,
-    HomeKey,
-    EndKey,
-    BackTabKey,
-    /// The terminal's size may have changed.
-    ResizeKey,
-    OtherKey,
-};
-
-/// The terminal as a full screen. It is given back as it was when this object ends, and also when a signal kills the
-/// program. One at a time.
+/// The full screen of the terminal. The terminal is given back as it was when this object ends, and also when a signal
+/// kills the program. One at a time.
 class Screen {
 public:
-    /// Throws `Failure` when the terminal is of a kind that cannot do it.
+    /// Throws `Failure` when a terminal of this kind has no full screen.
     Screen();
     ~Screen();
 
@@ -42,7 +21,7 @@ public:
 
     void Show(const Canvas& canvas);
 
-    /// The next key that has been pressed; never waits.
+    /// The next key that has been pressed, a `Key` or a character; never waits.
     int ReadKey();
 
     /// Whether Ctrl-Z stops the program. At first it does.

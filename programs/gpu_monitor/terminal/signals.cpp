@@ -29,7 +29,7 @@ int64_t Milliseconds() {
     return now.tv_sec * 1000 + now.tv_nsec / 1000000;
 }
 
-/// Together with SIGHUP, which can be ignored.
+/// And SIGHUP, unless it is ignored.
 constexpr int kStopSignals[] = {SIGINT, SIGQUIT, SIGTERM};
 
 std::atomic<void (*)()> BeforeDeath{nullptr};
@@ -39,15 +39,15 @@ constexpr int kFatalSignals[] = {SIGILL,  SIGABRT, SIGFPE,  SIGBUS,    SIGSEGV, 
                                  SIGUSR1, SIGUSR2, SIGALRM, SIGVTALRM, SIGPROF, SIGXCPU, SIGXFSZ};
 struct sigaction FatalBefore[std::size(kFatalSignals)];
 
-/// Whether a stop signal is the one before, told twice: to the program and to its group, for example.
-bool IsToldTwice() {
-    constexpr int64_t kOnceMs = 500;
-    return Milliseconds() < StopRequestedMs + kOnceMs;
+/// Whether a stop signal only repeats the one before: it can be sent to the program and to its group, for example.
+bool IsRepetition() {
+    constexpr int64_t kRepetitionMs = 500;
+    return Milliseconds() < StopRequestedMs + kRepetitionMs;
 }
 
-/// Of the second stop signal of a kind.
+/// Handles the second stop signal of a kind.
 extern "C" void Die(int signalNumber) {
-    if (IsToldTwice()) return;
+    if (IsRepetition()) return;
     if (void (*restore)() = BeforeDeath.load()) restore();
     signal(signalNumber, SIG_DFL);
     raise(signalNumber);
@@ -63,24 +63,25 @@ extern "C" void DieAsBefore(int signalNumber) {
 void Catch(int signalNumber, void (*handler)(int)) {
     struct sigaction action {};
     action.sa_handler = handler;
-    // Driver calls of the sampler are not to fail because a signal arrived on its thread.
+    // A signal that arrives on the sampler's thread must not make its driver calls fail.
     action.sa_flags = SA_RESTART;
     sigemptyset(&action.sa_mask);
     sigaction(signalNumber, &action, nullptr);
 }
 
-/// Of stop signals while something has to be brought to its end.
+/// Handles stop signals while changes are taken back.
 extern "C" void NoteFurtherStop(int /*signalNumber*/) {
-    if (!IsToldTwice()) bFurtherStop = true;
+    if (!IsRepetition()) bFurtherStop = true;
 }
 
-/// Of the first stop signal of each kind; the second one ends even a process that hangs.
+/// Handles the first stop signal of each kind. The second one ends even a process that hangs.
 extern "C" void RequestStop(int signalNumber) {
     const int savedErrno = errno;
     StopRequestedMs = Milliseconds();
-    // A shell and the kernel both tell when a terminal is closed: the second time means no more than the first.
+    // When a terminal is closed, the shell and the kernel both send SIGHUP: the second one means no more than the
+    // first.
     Catch(signalNumber, signalNumber == SIGHUP ? SIG_IGN : Die);
-    // The pipe can only be full when a stop has been asked for, so the result does not matter.
+    // The pipe can only be full when a stop has been requested already, so the result does not matter.
     const ssize_t ignored = write(StopPipeWriteEnd, "", 1);
     static_cast<void>(ignored);
     errno = savedErrno;
@@ -98,7 +99,7 @@ int CatchStopSignals() {
     if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) throw SystemFailure("Cannot prepare for signals");
     StopPipeWriteEnd = ends[1];
     for (const int signalNumber : kStopSignals) Catch(signalNumber, RequestStop);
-    // Under nohup the program is to outlive its terminal.
+    // Under nohup the program outlives its terminal.
     if (!IsIgnored(SIGHUP)) Catch(SIGHUP, RequestStop);
     return ends[0];
 }

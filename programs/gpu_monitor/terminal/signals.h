@@ -1,20 +1,20 @@
 #ifndef GPU_MONITOR_SIGNALS_H
 #define GPU_MONITOR_SIGNALS_H
 
-/// From here on the first SIGINT, SIGQUIT, SIGTERM or SIGHUP asks for a clean end, and a second one of the same kind
-/// kills, unless it comes at once, also while the main thread hangs in a driver call; but SIGHUP never does. Once per
-/// process.
+/// Afterwards the first SIGINT, SIGQUIT, SIGTERM or SIGHUP asks for a clean end. A second one of the same kind, except
+/// SIGHUP, kills the process even while the main thread hangs in a driver call, unless it comes right after the first.
+/// To be called once per process.
 ///
 /// Result: a descriptor that becomes, and stays, readable with the first signal. It lives as long as the process.
 int CatchStopSignals();
 
-/// From here on no stop signal kills any more: SIGINT, SIGQUIT and SIGTERM are noted, for `HasFurtherStopCome`.
+/// Afterwards stop signals do not kill: SIGINT, SIGQUIT and SIGTERM are noted for `HasFurtherStopCome`.
 void ExpectFurtherStop();
 
 bool HasFurtherStopCome();
 
 /// Has `restore` called, which must be safe in a signal handler, when a signal is about to kill the process: the second
-/// stop signal, or one that the program cannot survive. Null: nothing is called any more.
+/// stop signal, or one that the program cannot survive. Null: nothing is called.
 void CallBeforeDeath(void (*restore)());
 
 #endif  // GPU_MONITOR_SIGNALS_H

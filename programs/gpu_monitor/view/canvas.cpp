@@ -16,7 +16,7 @@ struct WideCharacter {
 
 constexpr WideCharacter kReplacement = {L'?', 1};
 
-/// The characters of `text` that take columns. Without those that take none, accents for instance: a cell holds one.
+/// The characters of `text` that take columns. Others, accents for instance, are left out: a cell holds one character.
 std::vector<WideCharacter> Characters(const std::string& text) {
     std::vector<WideCharacter> characters;
     mbstate_t state{};
@@ -55,7 +55,7 @@ Canvas::Canvas(int width, int height, bool bShowsUnicode)
 
 void Canvas::PutGlyph(int x, int y, wchar_t glyph, Style look) {
     if (!Contains(x, y)) return;
-    // Half a character that takes two columns is none.
+    // Overwriting half of a wide character blanks the other half.
     if (Cells[Place(x, y)].Glyph == 0 && glyph != 0 && x > 0) Cells[Place(x - 1, y)].Glyph = L' ';
     if (x + 1 < ColumnCount && Cells[Place(x + 1, y)].Glyph == 0) Cells[Place(x + 1, y)].Glyph = L' ';
     Cells[Place(x, y)] = {glyph, look};

@@ -6,10 +6,10 @@
 #include <string>
 #include <vector>
 
-/// What a cell means; the terminal decides what that looks like.
+/// What a cell means; the terminal decides how that looks.
 enum class Style : uint8_t {
     Normal,
-    /// Frames, units and what is not there.
+    /// Frames, units and missing values.
     Dim,
     /// Values.
     Strong,
@@ -18,15 +18,15 @@ enum class Style : uint8_t {
     Bar,
     /// A power limit in force.
     Limit,
-    /// What holds a GPU back as intended, and what needs a look.
+    /// What the user should notice.
     Warning,
-    /// What can harm a GPU or its work, and what is lost.
+    /// What can harm a GPU or its work, failures, and GPUs that give no data.
     Alarm,
     Selected,
 };
 
 struct Cell {
-    /// 0 behind a character that takes two columns.
+    /// 0 in the second column of a wide character.
     wchar_t Glyph = L' ';
     Style Look = Style::Normal;
 
@@ -41,10 +41,13 @@ struct Area {
     int Height = 0;
 };
 
-/// A grid of characters that a view is drawn on, whatever shows it then.
+/// Blank columns between what stands side by side.
+constexpr int kColumnGap = 2;
+
+/// A grid of characters that a view is drawn on; a terminal shows it, or it is printed as text.
 class Canvas {
 public:
-    /// `bShowsUnicode`: braille, blocks and frames may be drawn; otherwise ASCII alone.
+    /// `bShowsUnicode`: braille, blocks and frames may be drawn; otherwise only ASCII.
     Canvas(int width, int height, bool bShowsUnicode);
 
     int Width() const { return ColumnCount; }
@@ -55,11 +58,11 @@ public:
     /// Draws one character, of one column, where it lies on the canvas.
     void PutGlyph(int x, int y, wchar_t glyph, Style look);
 
-    /// Draws `text`, in the encoding of the locale, from `x` on, as far as `room` columns take. What is no character,
-    /// or none that can be shown, becomes a question mark. Result: the column behind it.
+    /// Draws `text`, in the encoding of the locale, from `x` on, within `room` columns. Bytes that are no character,
+    /// and characters that cannot be shown, become question marks. Result: the column behind the text.
     int Put(int x, int y, const std::string& text, Style look = Style::Normal, int room = kAllRoom);
 
-    /// As `Put`, with the end of the text at column `end`, which is not drawn on.
+    /// As `Put`, with the text ending before column `end`.
     void PutRight(int end, int y, const std::string& text, Style look = Style::Normal);
 
     void Clear(const Area& area);

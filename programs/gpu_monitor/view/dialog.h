@@ -20,7 +20,7 @@ using DialogLines = std::vector<DialogLine>;
 struct Dialog {
     std::string Title;
     DialogLines Lines;
-    /// What can be pressed. It is shown also where there is no room for all lines.
+    /// The keys that can be pressed. They are shown even where there is no room for all lines.
     std::string Keys;
 };
 

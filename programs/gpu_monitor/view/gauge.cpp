@@ -26,7 +26,7 @@ void Fill(Canvas* canvas, const Area& area, double fraction) {
     const int rest = eighths % kEighths;
     const wchar_t glyph = canvas->IsUnicode() ? kFullBlock : L'#';
     for (int i = 0; i < full; ++i) canvas->PutGlyph(area.X + i, area.Y, glyph, Style::Bar);
-    // Seven eighths to one eighth follow the full block.
+    // In Unicode, the blocks of seven eighths to one eighth follow the full block.
     if (rest > 0 && canvas->IsUnicode()) {
         canvas->PutGlyph(area.X + full, area.Y, static_cast<wchar_t>(kFullBlock + kEighths - rest), Style::Bar);
     }

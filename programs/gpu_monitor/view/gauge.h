@@ -17,7 +17,7 @@ struct PowerLevels {
     double Maximum = -1.0;
 };
 
-/// Draws a gauge of power into one row, from none to the highest level: filled up to `Watts`, the range of the limit
+/// Draws a gauge of power into one row, from 0 W to the highest level: filled up to `Watts`, the range of the limit
 /// shaded, the default and, over it, the limit marked.
 void DrawPowerGauge(Canvas* canvas, const Area& area, const PowerLevels& levels);
 

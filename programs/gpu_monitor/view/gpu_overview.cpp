@@ -6,13 +6,13 @@
 #include "gpu_feed/readings.h"
 #include "text/reading_text.h"
 #include "text/text_layout.h"
+#include "view/limits.h"
 
 using namespace gpu_feed;
 
 namespace {
 
-/// The first of `count` entries that is shown when `room` of them are, with the selected one as near to the middle as
-/// the ends allow.
+/// The first entry that is shown when `room` of `count` are: the selected one is near the middle.
 size_t FirstShown(size_t count, size_t room, size_t selected) {
     if (count <= room) return 0;
     return std::min(selected - std::min(selected, room / 2), count - room);
@@ -32,11 +32,10 @@ constexpr Column kColumns[] = {
 
 constexpr int kShortestName = 18;
 constexpr int kLongestName = 44;
-constexpr int kColumnGap = 2;
-/// For what limits the clocks.
+/// For the words that say what limits the clocks.
 constexpr int kWordsWidth = 12;
 
-/// What the other columns leave.
+/// The width that the other columns leave.
 int NameWidth(int width) {
     int others = kColumnGap + kWordsWidth;
     for (const Column& column : kColumns) others += kColumnGap + column.Width;
@@ -65,7 +64,7 @@ void DrawTableLine(Canvas* canvas, const Area& area, const GpuOnPage& page, bool
     }
 }
 
-/// How many of all GPUs are shown, where that is not all.
+/// How many of the GPUs are shown; empty when all are.
 std::string ShownText(size_t shown, size_t count) {
     return shown < count ? std::to_string(shown) + " of " + std::to_string(count) + " GPUs" : "";
 }
@@ -82,7 +81,7 @@ void DrawTableHeading(Canvas* canvas, const Area& area, const std::string& shown
     canvas->Put(x, area.Y, "limited by", Style::Dim, area.X + area.Width - x);
 }
 
-/// A GPU in the strip: its index and how busy it is, or that this is not known.
+/// A GPU in the strip: its index and its utilization, or an exclamation mark when it gives no data.
 std::string StripWord(const GpuOnPage& page) {
     const std::string busy = page.bSilent ? "!" : ReadingNumber(ReadingId::GpuUtilization, page.Now);
     return std::to_string(page.Gpu->Device.Index) + ':' + busy;

@@ -4,7 +4,8 @@
 #include <cstddef>
 #include <vector>
 
-#include "view/gpu_page.h"
+#include "view/canvas.h"
+#include "view/gpu_on_page.h"
 
 /// Draws a heading and, below it, a line for each GPU, as many as there is room for around the selected one.
 void DrawGpuTable(Canvas* canvas, const Area& area, const std::vector<GpuOnPage>& pages, size_t selected);

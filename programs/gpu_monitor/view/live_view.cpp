@@ -1,21 +1,21 @@
 #include "view/live_view.h"
 
 #include <algorithm>
-#include <utility>
 #include <vector>
 
 #include "text/text_layout.h"
-#include "view/dialog.h"
 #include "view/gpu_overview.h"
+#include "view/gpu_page.h"
+#include "view/key_help.h"
 
 using namespace gpu_feed;
 
 namespace {
 
 constexpr int kMinimumHeight = 16;
-/// From here on, several GPUs are listed in a table.
+/// Screens of this height list several GPUs in a table.
 constexpr int kTableHeight = 40;
-/// Of the screen, for the table and for the processes.
+/// The table gets a fourth of the screen at most, and the processes an eighth.
 constexpr int kTableShare = 4;
 constexpr int kProcessShare = 8;
 
@@ -32,31 +32,15 @@ Area TakeBottom(Area* rest, int rows) {
     return {rest->X, rest->Y + rest->Height, rest->Width, taken};
 }
 
-struct KeyName {
-    const char* Key;
-    const char* Name;
-};
-
-constexpr const char* kGpuKey = "Tab";
-constexpr KeyName kFooterKeys[] = {{"q", "quit"},      {"?", "help"},     {"t", "tune"},
-                                   {kGpuKey, "GPU"},   {"1-5", "plots"},  {"+-", "zoom"},
-                                   {"space", "pause"}, {"i", "interval"}, {"s", "sort"}};
-
 void DrawFooter(Canvas* canvas, const Area& area, const FeedMoment& moment, const ViewChoice& choice) {
     const std::string settings = (moment.bSimulated ? "simulated  " : "") + SpanText(choice.Seconds);
     const int end = area.X + area.Width;
     canvas->PutRight(end, area.Y, settings, Style::Strong);
-    const int room = end - ColumnsOf(settings) - 1;
-    if (!choice.Notice.empty()) {
-        canvas->Put(area.X, area.Y, choice.Notice, Style::Warning, room - area.X);
-        return;
-    }
-    int x = area.X;
-    for (const auto& [key, name] : kFooterKeys) {
-        if (x + ColumnsOf(key) + 1 + ColumnsOf(name) > room) return;
-        if (key == kGpuKey && moment.Data->Gpus.size() < 2) continue;
-        x = canvas->Put(x, area.Y, key, Style::Strong) + 1;
-        x = canvas->Put(x, area.Y, name, Style::Dim) + 2;
+    const Area rest = {area.X, area.Y, area.Width - ColumnsOf(settings) - 1, 1};
+    if (moment.Now < choice.NoticeUntil) {
+        canvas->Put(rest.X, rest.Y, choice.Notice, Style::Warning, rest.Width);
+    } else {
+        DrawKeyNames(canvas, rest, moment.Data->Gpus.size() > 1);
     }
 }
 
@@ -86,7 +70,7 @@ void DrawPage(Canvas* canvas, Area rest, const GpuOnPage& page, const FeedMoment
     const FeedData& data = *moment.Data;
     DrawSummary(canvas, TakeTop(&rest, SummaryHeight(rest.Width)), page);
     DrawProcesses(canvas, TakeBottom(&rest, canvas->Height() / kProcessShare + 1), page, choice.Order);
-    // A pause is for looking at the plots: they stand still.
+    // Plots stand still while sampling is paused, so that the user can study them.
     const double until = data.State == FeedState::Paused ? data.PausedAt : moment.Now;
     const double interval = std::chrono::duration<double>(data.Interval).count();
     DrawPlots(canvas, rest, *page.Gpu, {choice.Plots, until, choice.Seconds, interval});
@@ -113,26 +97,6 @@ void DrawView(Canvas* canvas, const FeedMoment& moment, const ViewChoice& choice
     const auto selected = found == pages.end() ? pages.begin() : found;
     DrawOverview(canvas, &rest, pages, static_cast<size_t>(selected - pages.begin()));
     DrawPage(canvas, rest, *selected, moment, choice);
-}
-
-void DrawHelp(Canvas* canvas) {
-    std::string plots;
-    for (size_t i = 0; i < PlotNames().size(); ++i) {
-        plots += (i == 0 ? "" : ", ") + std::to_string(i + 1) + ' ' + PlotNames()[i];
-    }
-    DrawDialog(canvas, {"Keys",
-                        {{"Tab Left Right  another GPU"},
-                         {"1 to 5          show or hide a plot: " + plots},
-                         {"+ -             shorter or longer time axis"},
-                         {"space           pause or resume sampling"},
-                         {"i I             longer or shorter interval"},
-                         {"s               sort processes"},
-                         {"t               tune: lock clocks, set the power limit"},
-                         {"q               leave; asks what becomes of changes"},
-                         {""},
-                         {"Power: shaded what the limit can be, marked limit and default. A dash: the driver gives no "
-                          "value. A gap in a plot: a time without."}},
-                        "Any key closes"});
 }
 
 std::string SpanText(double seconds) {

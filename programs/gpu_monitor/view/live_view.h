@@ -2,14 +2,14 @@
 #define GPU_MONITOR_LIVE_VIEW_H
 
 #include <chrono>
-#include <cstddef>
 #include <string>
 
 #include "gpu_feed/feed_data.h"
 #include "view/canvas.h"
-#include "view/gpu_page.h"
+#include "view/plot_grid.h"
+#include "view/process_list.h"
 
-/// In less, nothing fits any more.
+/// A narrower view has no room for the gauges.
 constexpr int kMinimumViewWidth = 60;
 
 /// What the user has chosen to see.
@@ -20,14 +20,13 @@ struct ViewChoice {
     /// Of the plots' time axis; 0: the whole history.
     double Seconds = 60.0;
     ProcessOrder Order = ProcessOrder::Memory;
-    /// Shown in place of the keys' names, unless it is empty.
+    /// Shown in place of the keys' names until a moment of the steady clock.
     std::string Notice;
+    double NoticeUntil = 0.0;
 };
 
 /// Draws the whole view.
 void DrawView(Canvas* canvas, const gpu_feed::FeedMoment& moment, const ViewChoice& choice);
-
-void DrawHelp(Canvas* canvas);
 
 /// The span of the time axis, as people say it.
 std::string SpanText(double seconds);

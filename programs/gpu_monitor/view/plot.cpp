@@ -10,20 +10,20 @@
 
 namespace {
 
-/// Columns left of the axis at least: plots above one another then have their axes above one another.
+/// At least so many columns are left of the axis, so that the axes of plots above one another are aligned.
 constexpr int kLabelWidth = 5;
 constexpr int kLeastFieldWidth = 10;
 constexpr double kGapFactor = 2.5;
-/// After so many intervals, the latest value is none of now.
+/// Values that are older than so many intervals are not shown as current.
 constexpr double kStaleIntervals = 4.0;
 
-/// One column and one row of the dots that a field of cells has; beyond the field too.
+/// A place among the dots of a field of cells, or outside of it.
 struct Dot {
     double Column;
     int Row;
 };
 
-/// The rows from `First` to `Last`; none at all where `First` lies behind `Last`.
+/// The rows from `First` to `Last`; empty where `First` is behind `Last`.
 struct RowRange {
     int First = INT_MAX;
     int Last = INT_MIN;
@@ -105,7 +105,7 @@ Field::Field(const Area& place, bool bWithBraille)
       Cells(static_cast<size_t>(place.Width) * static_cast<size_t>(place.Height)) {}
 
 void Field::SetDot(int column, int row, Style look) {
-    // The order of the bits in Unicode's block of braille patterns: its lowest row came late.
+    // In Unicode's block of braille patterns, the lowest row has the highest bits.
     constexpr unsigned int kDots[4][2] = {{0x01, 0x08}, {0x02, 0x10}, {0x04, 0x20}, {0x40, 0x80}};
     const int place = row / DotsDown * Place.Width + column / DotsAcross;
     DottedCell& cell = Cells[static_cast<size_t>(place)];
@@ -147,14 +147,14 @@ struct Scale {
     double End;
 };
 
-/// Never the lowest, which would leave no distance to divide by.
+/// Above `Lowest` in any case, because their distance is divided by.
 double HighestOf(const Plot& plot) {
     return plot.Highest > plot.Lowest ? plot.Highest : plot.Lowest + 1.0;
 }
 
 Scale ScaleOf(const Plot& plot, const Field& field, const TimeSpan& span) {
     Scale scale{plot.Lowest, HighestOf(plot), 0.0, field.DotColumns(), field.DotRows(), 0.0};
-    // Whole microseconds: what rounding leaves of the difference of two late times would move dots between two frames.
+    // Whole microseconds: the difference of two large times is not exact, which would move dots between two frames.
     const double microseconds = std::round((span.To - span.From) * 1e6);
     scale.DotSeconds = std::max(microseconds, 1.0) / 1e6 / scale.Width;
     scale.End = std::floor(span.To / scale.DotSeconds);
@@ -173,8 +173,8 @@ int RowOf(double value, const Scale& scale) {
 
 using Samples = std::vector<const GpuTelemetrySample*>;
 
-/// The samples that took place, oldest first, from two before the span on: a line enters the span from the latter one,
-/// and the former tells whether there is a gap between the span and the latter one.
+/// The samples that took place, oldest first: those of the span and two before it. A line enters the span from the
+/// second of these, unless the first one shows that there is a gap.
 Samples SamplesFor(const TimeSpan& span, const std::deque<GpuTelemetrySample>& all) {
     Samples samples;
     int before = 0;
@@ -196,7 +196,7 @@ double TimeBefore(const Samples& samples, size_t i) {
     return samples[i]->TimestampSeconds - samples[i - 1]->TimestampSeconds;
 }
 
-/// Whether samples are missing before sample `i`. Its neighbours decide, as the interval may have been another then.
+/// Whether samples are missing before sample `i`. The times around it decide, because the interval may have changed.
 bool IsBehindGap(const Samples& samples, size_t i, double interval) {
     const double earlier = i >= 2 ? TimeBefore(samples, i - 1) : interval;
     const double later = i + 1 < samples.size() ? TimeBefore(samples, i + 1) : interval;
@@ -242,7 +242,7 @@ struct ValueLabel {
     std::string Text;
 };
 
-/// From the highest to the lowest, the more of them the higher the field is; each where its value is drawn.
+/// From the highest to the lowest; a higher field has more of them.
 std::vector<ValueLabel> ValueLabels(const Plot& plot, const Scale& scale, int height) {
     const int parts = height >= 9 ? 4 : height >= 5 ? 2 : 1;
     std::vector<ValueLabel> labels;
@@ -292,14 +292,14 @@ std::string AgoText(double secondsAgo, bool bInSeconds) {
     return text;
 }
 
-/// From now to the left; a label stands below the middle of its column where the area allows it.
+/// From now to the left; each label is centered below its column where the area allows it.
 void DrawTimeAxis(Canvas* canvas, const Area& area, const Area& field, const TimeSpan& span) {
     constexpr double kLongestInSeconds = 120.5;
     const double seconds = span.To - span.From;
     const double columnsPerSecond = field.Width / seconds;
     const double step = TimeStep(columnsPerSecond);
     const int end = area.X + area.Width;
-    // Half a column more: a span is rarely to the last bit as long as it was meant.
+    // Half a column more, because the length of a span is not exact.
     for (int i = 0; i * step * columnsPerSecond < field.Width + 0.5; ++i) {
         const std::string text = AgoText(i * step, seconds < kLongestInSeconds);
         const int middle = field.X + field.Width - 1 - static_cast<int>(std::lround(i * step * columnsPerSecond));
@@ -315,8 +315,7 @@ int MarginOf(const Plot& plot) {
     return std::max({kLabelWidth, lowest, highest}) + 1;
 }
 
-/// The part of `area` for curves: what the heading, the time axis and `margin` columns leave, or more of it where they
-/// would leave too little.
+/// The part of `area` for curves, beside the heading, the time axis and `margin` columns. A small area has no axes.
 Area PlaceOfField(const Area& area, int margin) {
     const int left = area.Width >= margin + kLeastFieldWidth ? margin : 0;
     const int below = area.Height >= 3 ? 1 : 0;

@@ -10,7 +10,7 @@
 #include "nvml_gpu_monitor.h"
 #include "view/canvas.h"
 
-/// One curve: a value of each sample; none where it was not read.
+/// One curve: a value of each sample, empty where it was not read.
 struct Curve {
     std::function<std::optional<double>(const GpuTelemetrySample& sample)> Value;
     Style Look;
@@ -34,8 +34,8 @@ struct TimeSpan {
 };
 
 /// Draws `plot` into `area`: a line with title, unit and latest value, the curves between labels of the vertical axis,
-/// and below them the time axis. `interval`: the seconds between two samples now; a much longer time without one is a
-/// gap, as is a value that was not read.
+/// and below them the time axis. `interval`: the seconds between two samples now. A curve has a gap where samples
+/// are missing for much longer, and where a value was not read.
 void DrawPlot(Canvas* canvas, const Area& area, const Plot& plot, const std::deque<GpuTelemetrySample>& samples,
               const TimeSpan& span, double interval);
 

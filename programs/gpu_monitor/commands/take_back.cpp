@@ -1,0 +1,81 @@
+#include "commands/take_back.h"
+
+#include <algorithm>
+#include <chrono>
+#include <future>
+#include <iostream>
+#include <vector>
+
+#include "gpu_feed/clock.h"
+#include "terminal/failure.h"
+#include "terminal/signals.h"
+#include "text/change_text.h"
+#include "text/text_layout.h"
+#include "view/leaving_dialog.h"
+
+using namespace gpu_feed;
+
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr auto kLookForStop = milliseconds(100);
+/// How long taking back may last at least, and in sampling periods: a cycle of the sampler can come first.
+constexpr double kLeastSeconds = 2.0;
+constexpr double kLeastPeriods = 2.0;
+constexpr double kUnknownPeriodSeconds = 6.0;
+
+/// How long to wait for the driver, in seconds.
+double PatienceWith(const FeedMoment& moment) {
+    double patience = kLeastSeconds;
+    if (IsDriverHanging(moment)) return patience;
+    for (const auto& gpu : moment.Data->Gpus) {
+        const bool bPeriodKnown = gpu->PeriodSeconds > 0.0;
+        patience = std::max(patience, bPeriodKnown ? kLeastPeriods * gpu->PeriodSeconds : kUnknownPeriodSeconds);
+    }
+    return patience;
+}
+
+std::future<TuningResult> RequestTakeAllBack(PolledFeed* feed) {
+    const std::vector<TuningRecord> records = OutstandingChanges(*(*feed)->Latest());
+    // Otherwise a cycle could come first.
+    (*feed)->Pause();
+    std::future<TuningResult> answer = (*feed)->TakeAllBack();
+    for (const TuningRecord& record : records) {
+        std::cerr << GpuInSentence(record.Device) << ": going back to: " << OutcomeText(record.Before) << " ...\n";
+    }
+    return answer;
+}
+
+/// False: the driver has not answered, or the user has asked again for an end.
+bool WaitForAnswer(const std::future<TuningResult>& answer, double patienceSeconds) {
+    const double deadline = NowSeconds() + patienceSeconds;
+    while (!HasFurtherStopCome() && NowSeconds() < deadline) {
+        if (answer.wait_for(kLookForStop) == std::future_status::ready) return true;
+    }
+    return answer.wait_for(milliseconds(0)) == std::future_status::ready;
+}
+
+}  // namespace
+
+int TakeChangesBack(PolledFeed* feed, const std::string& simulateOption) {
+    // A second signal must not end the program without a message.
+    ExpectFurtherStop();
+    const std::future<TuningResult> answer = RequestTakeAllBack(feed);
+    const bool bAnswered = WaitForAnswer(answer, PatienceWith((*feed)->Moment()));
+    const std::vector<TuningRecord> left = OutstandingChanges(*(*feed)->Latest());
+    if (!bAnswered) feed->LeaveDriverBehind();
+    for (const TuningRecord& record : left) {
+        std::cerr << GpuInSentence(record.Device)
+                  << ": did not go back: " << (bAnswered ? record.Problem : "The driver has not answered.")
+                  << "\nTo try again: " << CommandOf(record.Before, record.Device.Index, simulateOption) << '\n';
+    }
+    return left.empty() ? kExitSuccess : kExitFailure;
+}
+
+void PrintKeptChanges(const FeedData& data, const std::string& simulateOption) {
+    for (const TuningRecord& record : OutstandingChanges(data)) {
+        std::cerr << GpuInSentence(record.Device) << ": kept: " << OutcomeText(record.InForce)
+                  << "\nTo undo it: " << CommandOf(record.Before, record.Device.Index, simulateOption) << '\n';
+    }
+}

@@ -1,0 +1,16 @@
+#ifndef GPU_MONITOR_TAKE_BACK_H
+#define GPU_MONITOR_TAKE_BACK_H
+
+#include <string>
+
+#include "commands/polled_feed.h"
+
+/// Takes all changes back that the program has made, unless that takes too long or the user asks again for an end. Says
+/// on standard error what becomes of each. Result: the exit status, which is a failure when something could not go
+/// back.
+int TakeChangesBack(PolledFeed* feed, const std::string& simulateOption);
+
+/// Says on standard error how each change that the program leaves behind can be undone.
+void PrintKeptChanges(const gpu_feed::FeedData& data, const std::string& simulateOption);
+
+#endif  // GPU_MONITOR_TAKE_BACK_H

@@ -1,0 +1,15 @@
+#ifndef GPU_MONITOR_LEAVING_DIALOG_H
+#define GPU_MONITOR_LEAVING_DIALOG_H
+
+#include <vector>
+
+#include "gpu_feed/feed_data.h"
+#include "view/canvas.h"
+
+/// The changes that would outlast the program.
+std::vector<gpu_feed::TuningRecord> OutstandingChanges(const gpu_feed::FeedData& data);
+
+/// Draws the dialog that asks what becomes of these changes.
+void DrawLeaving(Canvas* canvas, const gpu_feed::FeedData& data);
+
+#endif  // GPU_MONITOR_LEAVING_DIALOG_H

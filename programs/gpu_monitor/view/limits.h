@@ -1,0 +1,10 @@
+#ifndef GPU_MONITOR_LIMITS_H
+#define GPU_MONITOR_LIMITS_H
+
+#include "nvml_gpu_monitor.h"
+#include "view/canvas.h"
+
+/// Draws what limits the clocks, in words, with dangers first; a dash where the driver gives no reason.
+void DrawLimits(Canvas* canvas, const Area& area, const GpuTelemetrySample& now);
+
+#endif  // GPU_MONITOR_LIMITS_H
