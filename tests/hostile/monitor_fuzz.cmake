@@ -9,9 +9,9 @@ nvml_gpu_monitor_strict_warnings(fuzzed_monitor)
 target_compile_definitions(fuzzed_monitor PRIVATE
     dlopen=MonitorFuzzOpen dlclose=MonitorFuzzClose dlsym=MonitorFuzzLookup)
 
-add_executable(monitor_fuzz monitor_fuzz.cpp monitor_fuzz_nvml.cpp monitor_fuzz_sampler.cpp)
+add_executable(monitor_fuzz monitor_fuzz.cpp monitor_fuzz_loader.cpp monitor_fuzz_sampler.cpp)
 target_include_directories(monitor_fuzz PRIVATE "${PROJECT_SOURCE_DIR}/tests/support")
-target_link_libraries(monitor_fuzz PRIVATE fuzzed_monitor)
+target_link_libraries(monitor_fuzz PRIVATE fuzzed_monitor simulated_nvml)
 target_compile_features(monitor_fuzz PRIVATE cxx_std_17)
 set_target_properties(monitor_fuzz PROPERTIES CXX_EXTENSIONS OFF)
 nvml_gpu_monitor_strict_warnings(monitor_fuzz)

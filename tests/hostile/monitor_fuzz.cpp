@@ -1,5 +1,5 @@
-// Bytes choose what an NVML answers and what a host asks of the monitor, and after every operation the monitor must
-// have kept its word. The bytes are a list of instructions: those that script the driver, and public operations.
+// Bytes choose what NVML answers and what a host asks of the monitor, and after every operation the monitor must have
+// kept its word. The bytes are a list of instructions: those that script the driver, and public operations.
 
 #include <algorithm>
 #include <cmath>
@@ -8,20 +8,30 @@
 #include <limits>
 #include <memory>
 #include <optional>
+#include <set>
 #include <system_error>
+#include <vector>
 
 #include "gpu_profiler.h"
 #include "monitor_fuzz_input.h"
-#include "monitor_fuzz_nvml.h"
 #include "monitor_fuzz_sampler.h"
 #include "nvml_gpu_monitor.h"
+#include "simulated_nvml.h"
 
 namespace monitor_fuzz {
 
 namespace {
 
+using simulated_nvml::Answer;
+using simulated_nvml::Board;
+using simulated_nvml::EntryPoint;
+using simulated_nvml::LastCall;
+using simulated_nvml::LibraryUse;
+using simulated_nvml::Shape;
+using simulated_nvml::SimulatedNvml;
+using Outcome = LastCall::Result;
 using Result = GpuClockOperationResult;
-using Outcome = Told::Outcome;
+using Sample = GpuTelemetrySample;
 
 constexpr size_t kMostInstructions = 200;
 /// Filling histories takes a large part of a second. Fuzzing with `-max_len` of this size never does it, and is fast.
@@ -30,14 +40,71 @@ constexpr size_t kMostSamples = 6000;
 /// The cycles of one execution: a few more than fill a history.
 constexpr unsigned int kMostCycles = 6100;
 
-constexpr auto kPoisonInt = static_cast<int>(kPoison);
-constexpr uint64_t kPoisonLong = uint64_t{kPoison} << 32 | kPoison;
-constexpr double kPoisonDouble = -12345.5;
-constexpr const char* kPoisonText = "?untouched?";
-
 /// For the message of a failure.
 const char* Operation = "nothing";
 size_t InstructionNumber = 0;
+
+// ---- The driver ----
+
+SimulatedNvml& Sim() {
+    static SimulatedNvml& sim = SimulatedNvml::Get();
+    return sim;
+}
+
+/// What calls answer and what they came to.
+simulated_nvml::ScriptedAnswers& Nvml() {
+    static simulated_nvml::ScriptedAnswers& answers = Sim().Answers();
+    return answers;
+}
+
+/// A GPU whose every reading is a number of its own, and whose texts have only characters that `RequireText` expects.
+Board HealthyBoard(unsigned int index) {
+    Board board = simulated_nvml::DesktopBoard(index);
+    for (std::string* text : {&board.Name, &board.Uuid, &board.BusId, &board.BusIdLegacy, &board.VbiosVersion}) {
+        *text = std::string(8, static_cast<char>('a' + index));
+    }
+    board.Clocks = {{405, {330, 315, 300}}, {420, {330, 315, 300}}};
+    using simulated_nvml::Readings;
+    Readings readings;
+    unsigned int value = 30;
+    for (unsigned int Readings::*field :
+         {&Readings::TemperatureC, &Readings::GpuPercent, &Readings::MemoryPercent, &Readings::EncoderPercent,
+          &Readings::DecoderPercent, &Readings::PowerMilliwatts, &Readings::FanPercent, &Readings::GraphicsMHz,
+          &Readings::SmMHz, &Readings::MemoryMHz, &Readings::VideoMHz, &Readings::PerformanceState,
+          &Readings::PcieGeneration, &Readings::PcieWidth, &Readings::PcieReceiveKiBPerSecond,
+          &Readings::PcieTransmitKiBPerSecond}) {
+        readings.*field = value++;
+    }
+    readings.LimitReasons = 4;
+    readings.VramUsedBytes = 1ULL << 32;
+    readings.Bar1UsedBytes = 1ULL << 24;
+    readings.ComputeProcesses = {{1000, 1 << 20}, {1001, 2 << 20}};
+    readings.GraphicsProcesses = {{1001, 3 << 20}};
+    board.Fixed = readings;
+    return board;
+}
+
+void ResetDriver() {
+    static const std::vector<Board> kBoards = {HealthyBoard(0), HealthyBoard(1)};
+    Sim().Reset();
+    Sim().SetBoards(kBoards);
+    Sim().ForbidConcurrentCalls();
+    // Discovery and cycles pass on a null handle that was given as a success. What reads a sample or changes a GPU must
+    // not.
+    for (unsigned int i = 0; i < simulated_nvml::kEntryPointCount; ++i) {
+        const auto name = EntryPoint{i};
+        const Shape shape = ShapeOf(name);
+        const bool bOnlyDiscovery = shape == Shape::Text || shape == Shape::Pci || shape == Shape::Processes ||
+                                    name == EntryPoint::nvmlDeviceGetArchitecture ||
+                                    name == EntryPoint::nvmlDeviceGetBAR1MemoryInfo;
+        if (bOnlyDiscovery) Nvml().AllowNullHandle(name);
+    }
+}
+
+void RequireNoMisuse() {
+    const std::vector<std::string> misuse = Sim().Misuse();
+    if (!misuse.empty()) Fail(misuse.front());
+}
 
 // ---- The sentences ----
 
@@ -71,59 +138,101 @@ std::string ActiveStatus(size_t devices) {
 
 // ---- Fields ----
 
-/// What a field may hold after its query said `told`.
+/// What a field holds that was not read, and what it holds before an operation.
 template <typename T>
-void RequireField(const Told& told, const T& field, const T& unread, const T& read, const T& poison) {
-    switch (told.Said) {
-        case Outcome::NotAsked:
-        case Outcome::Failed: Require(field == unread, "a field was filled without a successful query"); break;
-        case Outcome::Spoke: Require(field == read, "a field is not what the query told"); break;
-        // The query promised an answer and gave none, so anything that the monitor itself had will do.
-        case Outcome::SaidNothing: Require(field != poison, "a field was left as it was"); break;
+constexpr T kUnread = -1;
+template <>
+constexpr uint64_t kUnread<uint64_t> = 0;
+template <typename T>
+constexpr T kPoisoned = static_cast<T>(kPoison);
+template <>
+constexpr uint64_t kPoisoned<uint64_t> = uint64_t{kPoison} << 32 | kPoison;
+template <>
+constexpr double kPoisoned<double> = -12345.5;
+constexpr const char* kPoisonText = "?untouched?";
+
+/// Where a field comes from.
+struct Source {
+    EntryPoint Query;
+    size_t Selector = 0;
+    /// Whether it is the second value that the query writes.
+    bool bSecond = false;
+    /// How many units of the query are one of the field.
+    double Scale = 1.0;
+};
+
+/// What a field may hold after the last call of its query.
+template <typename T>
+void RequireFrom(const Source& source, const T& field) {
+    const LastCall& last = Nvml().Last(source.Query, source.Selector);
+    T read = static_cast<T>(source.bSecond ? last.Second : last.First);
+    if constexpr (std::is_same_v<T, double>) read /= source.Scale;
+    switch (last.Outcome) {
+        case Outcome::NotCalled:
+        case Outcome::Failed: Require(field == kUnread<T>, "a field was filled without a successful query"); break;
+        case Outcome::Answered: Require(field == read, "a field is not what the query answered"); break;
+        // The query promised an answer and wrote nothing, so anything that the monitor itself had will do.
+        case Outcome::WroteNothing: Require(field != kPoisoned<T>, "a field was left as it was"); break;
     }
 }
 
-void RequireInt(EntryPoint name, size_t selector, int field) {
-    const Told& told = Nvml().Last(name, selector);
-    RequireField(told, field, -1, static_cast<int>(told.First), kPoisonInt);
-}
+template <typename T>
+struct Reading {
+    T Sample::*Field;
+    Source From;
+};
 
-void RequireWatts(EntryPoint name, double field) {
-    const Told& told = Nvml().Last(name);
-    RequireField(told, field, -1.0, static_cast<double>(told.First) / 1000.0, kPoisonDouble);
-}
+constexpr double kMilli = 1000.0;
+constexpr double kKibi = 1024.0;
 
-void RequireThroughput(size_t selector, double field) {
-    const Told& told = Nvml().Last(EntryPoint::nvmlDeviceGetPcieThroughput, selector);
-    RequireField(told, field, -1.0, static_cast<double>(told.First) / 1024.0, kPoisonDouble);
-}
+constexpr Reading<int> kIntReadings[] = {
+    {&Sample::TemperatureC, {EntryPoint::nvmlDeviceGetTemperature}},
+    {&Sample::GpuUtilizationPercent, {EntryPoint::nvmlDeviceGetUtilizationRates}},
+    {&Sample::MemoryUtilizationPercent, {EntryPoint::nvmlDeviceGetUtilizationRates, 0, true}},
+    {&Sample::EncoderUtilizationPercent, {EntryPoint::nvmlDeviceGetEncoderUtilization}},
+    {&Sample::DecoderUtilizationPercent, {EntryPoint::nvmlDeviceGetDecoderUtilization}},
+    {&Sample::FanPercent, {EntryPoint::nvmlDeviceGetFanSpeed}},
+    {&Sample::GraphicsClockMHz, {EntryPoint::nvmlDeviceGetClockInfo, 0}},
+    {&Sample::SmClockMHz, {EntryPoint::nvmlDeviceGetClockInfo, 1}},
+    {&Sample::MemoryClockMHz, {EntryPoint::nvmlDeviceGetClockInfo, 2}},
+    {&Sample::VideoClockMHz, {EntryPoint::nvmlDeviceGetClockInfo, 3}},
+    {&Sample::PerformanceState, {EntryPoint::nvmlDeviceGetPerformanceState}},
+    {&Sample::PcieGeneration, {EntryPoint::nvmlDeviceGetCurrPcieLinkGeneration}},
+    {&Sample::PcieWidth, {EntryPoint::nvmlDeviceGetCurrPcieLinkWidth}},
+};
 
-void RequireMemory(EntryPoint name, uint64_t used, uint64_t total) {
-    const Told& told = Nvml().Last(name);
-    RequireField<uint64_t>(told, used, 0, told.First, kPoisonLong);
-    RequireField<uint64_t>(told, total, 0, told.Second, kPoisonLong);
-}
+constexpr Reading<double> kRealReadings[] = {
+    {&Sample::PowerWatts, {EntryPoint::nvmlDeviceGetPowerUsage, 0, false, kMilli}},
+    {&Sample::PcieTransmitMiBPerSecond, {EntryPoint::nvmlDeviceGetPcieThroughput, 0, false, kKibi}},
+    {&Sample::PcieReceiveMiBPerSecond, {EntryPoint::nvmlDeviceGetPcieThroughput, 1, false, kKibi}},
+};
 
-/// Of the limits in force, the one that is told first counts.
-void RequireCurrentLimit(double field) {
-    const bool bEnforced = Nvml().Last(EntryPoint::nvmlDeviceGetEnforcedPowerLimit).Said >= Outcome::SaidNothing;
-    RequireWatts(
-        bEnforced ? EntryPoint::nvmlDeviceGetEnforcedPowerLimit : EntryPoint::nvmlDeviceGetPowerManagementLimit, field);
-}
+constexpr Reading<uint64_t> kLongReadings[] = {
+    {&Sample::VramUsedBytes, {EntryPoint::nvmlDeviceGetMemoryInfo}},
+    {&Sample::VramTotalBytes, {EntryPoint::nvmlDeviceGetMemoryInfo, 0, true}},
+    {&Sample::Bar1UsedBytes, {EntryPoint::nvmlDeviceGetBAR1MemoryInfo}},
+    {&Sample::Bar1TotalBytes, {EntryPoint::nvmlDeviceGetBAR1MemoryInfo, 0, true}},
+    {&Sample::PerformanceLimitReasons, {EntryPoint::nvmlDeviceGetCurrentClocksThrottleReasons}},
+};
+
+constexpr double Sample::*kLimits[] = {&Sample::PowerLimitWatts, &Sample::DefaultPowerLimitWatts,
+                                       &Sample::MinimumPowerLimitWatts, &Sample::MaximumPowerLimitWatts};
 
 void RequireLimits(double current, double standard, double minimum, double maximum) {
-    RequireCurrentLimit(current);
-    RequireWatts(EntryPoint::nvmlDeviceGetPowerManagementDefaultLimit, standard);
-    RequireWatts(EntryPoint::nvmlDeviceGetPowerManagementLimitConstraints, minimum);
-    const Told& range = Nvml().Last(EntryPoint::nvmlDeviceGetPowerManagementLimitConstraints);
-    RequireField(range, maximum, -1.0, static_cast<double>(range.Second) / 1000.0, kPoisonDouble);
+    constexpr EntryPoint kEnforced = EntryPoint::nvmlDeviceGetEnforcedPowerLimit;
+    constexpr EntryPoint kRange = EntryPoint::nvmlDeviceGetPowerManagementLimitConstraints;
+    // Of the limits in force, the first one that NVML answers counts.
+    const bool bEnforced = Nvml().Last(kEnforced).Outcome >= Outcome::WroteNothing;
+    RequireFrom({bEnforced ? kEnforced : EntryPoint::nvmlDeviceGetPowerManagementLimit, 0, false, kMilli}, current);
+    RequireFrom({EntryPoint::nvmlDeviceGetPowerManagementDefaultLimit, 0, false, kMilli}, standard);
+    RequireFrom({kRange, 0, false, kMilli}, minimum);
+    RequireFrom({kRange, 0, true, kMilli}, maximum);
 }
 
 void RequireText(const std::string& text, size_t longest) {
+    constexpr const char* kCharacters = "abcdefghijklmnop0123456789.";
     Require(text.size() <= longest, "a text is longer than its buffer");
-    const bool bTold =
-        std::all_of(text.begin(), text.end(), [](char c) { return kFirstCharacter <= c && c <= kLastCharacter; });
-    Require(bTold, "a text has a character that was never told");
+    Require(text.find_first_not_of(kCharacters) == std::string::npos, "a text has a character that NVML did not write");
 }
 
 void RequireArchitecture(const std::string& name) {
@@ -141,73 +250,40 @@ void RequireFrameTime(double field) {
     }
 }
 
-bool IsUnreadOrPositive(double field) {
-    return field == -1.0 || field >= 0.0;
-}
-
 // ---- Samples ----
 
-GpuTelemetrySample PoisonedSample() {
-    GpuTelemetrySample sample;
-    for (int* field : {&sample.TemperatureC, &sample.GpuUtilizationPercent, &sample.MemoryUtilizationPercent,
-                       &sample.EncoderUtilizationPercent, &sample.DecoderUtilizationPercent, &sample.FanPercent,
-                       &sample.GraphicsClockMHz, &sample.SmClockMHz, &sample.MemoryClockMHz, &sample.VideoClockMHz,
-                       &sample.PerformanceState, &sample.PcieGeneration, &sample.PcieWidth}) {
-        *field = kPoisonInt;
-    }
-    for (double* field :
-         {&sample.TimestampSeconds, &sample.PowerWatts, &sample.PowerLimitWatts, &sample.DefaultPowerLimitWatts,
-          &sample.MinimumPowerLimitWatts, &sample.MaximumPowerLimitWatts, &sample.PcieReceiveMiBPerSecond,
-          &sample.PcieTransmitMiBPerSecond, &sample.FrameTimeMs}) {
-        *field = kPoisonDouble;
-    }
-    for (uint64_t* field : {&sample.VramUsedBytes, &sample.VramTotalBytes, &sample.Bar1UsedBytes,
-                            &sample.Bar1TotalBytes, &sample.PerformanceLimitReasons}) {
-        *field = kPoisonLong;
-    }
+Sample PoisonedSample() {
+    Sample sample;
+    for (const auto& reading : kIntReadings) sample.*reading.Field = kPoisoned<int>;
+    for (const auto& reading : kRealReadings) sample.*reading.Field = kPoisoned<double>;
+    for (const auto& reading : kLongReadings) sample.*reading.Field = kPoisoned<uint64_t>;
+    for (double Sample::*limit : kLimits) sample.*limit = kPoisoned<double>;
+    sample.TimestampSeconds = sample.FrameTimeMs = kPoisoned<double>;
     return sample;
 }
 
-void RequireReadings(const GpuTelemetrySample& sample) {
-    RequireInt(EntryPoint::nvmlDeviceGetTemperature, 0, sample.TemperatureC);
-    RequireInt(EntryPoint::nvmlDeviceGetUtilizationRates, 0, sample.GpuUtilizationPercent);
-    const Told& utilization = Nvml().Last(EntryPoint::nvmlDeviceGetUtilizationRates);
-    RequireField(utilization, sample.MemoryUtilizationPercent, -1, static_cast<int>(utilization.Second), kPoisonInt);
-    RequireInt(EntryPoint::nvmlDeviceGetEncoderUtilization, 0, sample.EncoderUtilizationPercent);
-    RequireInt(EntryPoint::nvmlDeviceGetDecoderUtilization, 0, sample.DecoderUtilizationPercent);
-    RequireMemory(EntryPoint::nvmlDeviceGetMemoryInfo, sample.VramUsedBytes, sample.VramTotalBytes);
-    RequireMemory(EntryPoint::nvmlDeviceGetBAR1MemoryInfo, sample.Bar1UsedBytes, sample.Bar1TotalBytes);
-    RequireWatts(EntryPoint::nvmlDeviceGetPowerUsage, sample.PowerWatts);
+void RequireReadings(const Sample& sample) {
+    for (const auto& reading : kIntReadings) RequireFrom(reading.From, sample.*reading.Field);
+    for (const auto& reading : kRealReadings) RequireFrom(reading.From, sample.*reading.Field);
+    for (const auto& reading : kLongReadings) RequireFrom(reading.From, sample.*reading.Field);
     RequireLimits(sample.PowerLimitWatts, sample.DefaultPowerLimitWatts, sample.MinimumPowerLimitWatts,
                   sample.MaximumPowerLimitWatts);
-    RequireInt(EntryPoint::nvmlDeviceGetFanSpeed, 0, sample.FanPercent);
-    RequireInt(EntryPoint::nvmlDeviceGetClockInfo, 0, sample.GraphicsClockMHz);
-    RequireInt(EntryPoint::nvmlDeviceGetClockInfo, 1, sample.SmClockMHz);
-    RequireInt(EntryPoint::nvmlDeviceGetClockInfo, 2, sample.MemoryClockMHz);
-    RequireInt(EntryPoint::nvmlDeviceGetClockInfo, 3, sample.VideoClockMHz);
-    RequireInt(EntryPoint::nvmlDeviceGetPerformanceState, 0, sample.PerformanceState);
-    RequireInt(EntryPoint::nvmlDeviceGetCurrPcieLinkGeneration, 0, sample.PcieGeneration);
-    RequireInt(EntryPoint::nvmlDeviceGetCurrPcieLinkWidth, 0, sample.PcieWidth);
-    RequireThroughput(0, sample.PcieTransmitMiBPerSecond);
-    RequireThroughput(1, sample.PcieReceiveMiBPerSecond);
-    const Told& reasons = Nvml().Last(EntryPoint::nvmlDeviceGetCurrentClocksThrottleReasons);
-    RequireField<uint64_t>(reasons, sample.PerformanceLimitReasons, 0, reasons.First, kPoisonLong);
 }
 
 /// No query may have filled anything.
-void RequireDefaults(const GpuTelemetrySample& sample) {
+void RequireDefaults(const Sample& sample) {
     Nvml().BeginOperation();
     RequireReadings(sample);
     Require(sample.TimestampSeconds == 0.0 && sample.FrameTimeMs == -1.0, "a record without a reading is not empty");
 }
 
-void RequirePlausible(const GpuTelemetrySample& sample, double after, double before) {
+void RequirePlausible(const Sample& sample, double after, double before) {
     Require(sample.TimestampSeconds > after && sample.TimestampSeconds < before, "a sample is not from its time");
-    for (const double field :
-         {sample.PowerWatts, sample.PowerLimitWatts, sample.DefaultPowerLimitWatts, sample.MinimumPowerLimitWatts,
-          sample.MaximumPowerLimitWatts, sample.PcieReceiveMiBPerSecond, sample.PcieTransmitMiBPerSecond}) {
-        Require(IsUnreadOrPositive(field), "a sample has a negative reading");
-    }
+    const auto requireUnreadOrPositive = [&](double Sample::*field) {
+        Require(sample.*field == -1.0 || sample.*field >= 0.0, "a sample has a negative reading");
+    };
+    for (const auto& reading : kRealReadings) requireUnreadOrPositive(reading.Field);
+    for (double Sample::*limit : kLimits) requireUnreadOrPositive(limit);
     Require(!(sample.FrameTimeMs <= 0.0) || sample.FrameTimeMs == -1.0, "a sample has a negative frame time");
 }
 
@@ -238,7 +314,7 @@ void RequireHistory(const GpuTelemetryHistory& history) {
     Require(history.Samples.size() <= kMostSamples, "a history is longer than its bound");
     const double now = sampler::NowSeconds();
     double latest = 0.0;
-    for (const GpuTelemetrySample& sample : history.Samples) {
+    for (const Sample& sample : history.Samples) {
         // A cycle whose reading finds no GPU leaves an empty sample.
         if (sample.TimestampSeconds == 0.0) continue;
         RequirePlausible(sample, latest, now);
@@ -278,7 +354,7 @@ Result ResultOf(unsigned int code) {
 
 /// `error` is null where the host did not want the sentence.
 void RequireAnswer(EntryPoint setter, const char* change, Result result, const std::string* error) {
-    Require(result == ResultOf(Nvml().LastCode(setter)), "a result is not what the driver answered");
+    Require(result == ResultOf(Nvml().Last(setter).Code), "a result is not what the driver answered");
     if (error == nullptr || result == Result::Success) return;
     Require(IsAnswerTo(change, result, *error), "a sentence is not that of the answer");
 }
@@ -297,12 +373,26 @@ void RequireRefusal(Result result, const std::string* error, std::initializer_li
             "a sentence is not one of a refusal");
 }
 
+/// Only a pair that the driver lists may be locked, each clock of it by itself.
+void RequireListedLock() {
+    const LastCall& graphics = Nvml().Last(EntryPoint::nvmlDeviceSetGpuLockedClocks);
+    const LastCall& memory = Nvml().Last(EntryPoint::nvmlDeviceSetMemoryLockedClocks);
+    const auto& pairs = Nvml().ListedPairs();
+    Require(graphics.First == graphics.Second && memory.First == memory.Second, "a range of clocks was locked");
+    const auto isLocked = [&](const std::pair<int, int>& pair) {
+        return pair.first == static_cast<int>(graphics.First) &&
+               (memory.Outcome == Outcome::NotCalled || pair.second == static_cast<int>(memory.First));
+    };
+    Require(std::any_of(pairs.begin(), pairs.end(), isLocked), "a lock of clocks that are not listed together");
+}
+
 void RequireLock(Result result, const std::string* error) {
     if (!Called(EntryPoint::nvmlDeviceSetGpuLockedClocks)) {
         RequireRefusal(result, error, {kNoUsableDevice, kGpuUnavailable},
                        {"Requested clock pair is not supported by NVML.", "NVML locked-clock control is unavailable."});
         return;
     }
+    RequireListedLock();
     if (!Called(EntryPoint::nvmlDeviceSetMemoryLockedClocks)) {
         RequireAnswer(EntryPoint::nvmlDeviceSetGpuLockedClocks, "GPU locked-clock control", result, error);
         Require(result != Result::Success, "a lock of one clock only succeeded");
@@ -321,7 +411,7 @@ void RequireReset(Result result, const std::string* error) {
     Require(resets == Nvml().Calls(EntryPoint::nvmlDeviceResetMemoryLockedClocks), "only one clock was reset");
     if (resets == 0) {
         RequireRefusal(result, error, {kNoUsableDevice}, {"NVML locked-clock reset is unavailable."});
-    } else if (Nvml().LastCode(EntryPoint::nvmlDeviceResetMemoryLockedClocks) != 0) {
+    } else if (Nvml().Last(EntryPoint::nvmlDeviceResetMemoryLockedClocks).Code != 0) {
         RequireAnswer(EntryPoint::nvmlDeviceResetMemoryLockedClocks, "memory locked-clock reset", result, error);
     } else {
         RequireAnswer(EntryPoint::nvmlDeviceResetGpuLockedClocks, "GPU locked-clock reset", result, error);
@@ -330,6 +420,10 @@ void RequireReset(Result result, const std::string* error) {
 
 void RequireLimitChange(Result result, const std::string* error, bool bToDefault) {
     if (Called(EntryPoint::nvmlDeviceSetPowerManagementLimit)) {
+        const uint64_t limit = Nvml().Last(EntryPoint::nvmlDeviceSetPowerManagementLimit).First;
+        const LastCall& range = Nvml().Last(EntryPoint::nvmlDeviceGetPowerManagementLimitConstraints);
+        Require(range.Outcome == Outcome::Answered && range.First <= limit && limit <= range.Second,
+                "a limit was set out of the range");
         RequireAnswer(EntryPoint::nvmlDeviceSetPowerManagementLimit, "power-limit control", result, error);
         return;
     }
@@ -342,11 +436,13 @@ void RequireLimitChange(Result result, const std::string* error, bool bToDefault
     if (!bLacksDefault) RequireRefusal(result, error, {kGpuUnavailable}, unsupported);
 }
 
-bool AnythingChanged() {
-    return Called(EntryPoint::nvmlDeviceSetGpuLockedClocks) || Called(EntryPoint::nvmlDeviceSetMemoryLockedClocks) ||
-           Called(EntryPoint::nvmlDeviceResetGpuLockedClocks) ||
-           Called(EntryPoint::nvmlDeviceResetMemoryLockedClocks) ||
-           Called(EntryPoint::nvmlDeviceSetPowerManagementLimit);
+void RequireNoChange() {
+    for (const EntryPoint change :
+         {EntryPoint::nvmlDeviceSetGpuLockedClocks, EntryPoint::nvmlDeviceResetGpuLockedClocks,
+          EntryPoint::nvmlDeviceSetMemoryLockedClocks, EntryPoint::nvmlDeviceResetMemoryLockedClocks,
+          EntryPoint::nvmlDeviceSetPowerManagementLimit}) {
+        Require(!Called(change), "a GPU was changed without a request");
+    }
 }
 
 // ---- A host that does what the input says ----
@@ -375,14 +471,15 @@ private:
         const NamedInstruction& chosen = all[Bytes.Byte() % all.size()];
         Operation = chosen.Name;
         Nvml().BeginOperation();
-        OpeningsBefore = Nvml().Openings();
+        OpeningsBefore = Sim().Use().Openings;
         (this->*chosen.Do)();
         RequireState();
+        RequireNoMisuse();
     }
 
     // ---- Scripting the driver ----
 
-    EntryPoint AnyEntryPoint() { return static_cast<EntryPoint>(Bytes.Byte() % kEntryPointCount); }
+    EntryPoint AnyEntryPoint() { return EntryPoint{Bytes.Byte() % simulated_nvml::kEntryPointCount}; }
 
     unsigned int AnyCode() {
         constexpr unsigned int kCodes[] = {0, 1, 2, 3, 4, 6, 7, 15, 999};
@@ -396,11 +493,9 @@ private:
         answer.Code = AnyCode();
         const uint8_t parts = Bytes.Byte();
         answer.bWrites = (parts & 1) == 0;
-        answer.bHasValue = (parts & 2) != 0;
-        answer.bHasCount = (parts & 4) != 0;
         answer.Form = static_cast<uint8_t>(parts >> 3);
-        if (answer.bHasValue) answer.Value = Bytes.Number();
-        if (answer.bHasCount) answer.Count = Bytes.Number();
+        if ((parts & 2) != 0) answer.Value = Bytes.Number();
+        if ((parts & 4) != 0) answer.Count = Bytes.Number();
         Nvml().Append(name, answer);
     }
 
@@ -408,7 +503,7 @@ private:
 
     void HideName() {
         const EntryPoint name = AnyEntryPoint();
-        Nvml().Hide(name, Bytes.Byte());
+        Nvml().HideLookups(name, Bytes.Byte());
     }
 
     void HideLibrary() { Nvml().HideLibrary(Bytes.Byte()); }
@@ -499,24 +594,24 @@ private:
     }
 
     void Pause() {
-        const uint64_t activity = Nvml().Activity();
+        const uint64_t activity = Sim().Use().Activity;
         Monitor->PauseSampling();
         bSamplerRuns = false;
-        Require(Nvml().Activity() == activity, "a pause used the driver");
+        Require(Sim().Use().Activity == activity, "a pause used the driver");
     }
 
     void Destroy() {
         Operation = "the destructor";
         Monitor.reset();
         bSamplerRuns = false;
-        Require(!Nvml().IsOpen(), "a library outlives its monitor");
+        Require(Sim().Use().OpenLibraries == 0, "a library outlives its monitor");
         Require(sampler::Waits() == WaitsSeen, "a sampler outlives its monitor");
     }
 
     void MakeAnother() {
         Destroy();
         Monitor = std::make_unique<NvmlGpuMonitor>();
-        OpeningsAtBirth = Nvml().Openings();
+        OpeningsAtBirth = Sim().Use().Openings;
         Interval = std::chrono::milliseconds(1000);
         Delay = std::chrono::milliseconds(0);
         Require(Monitor->Status().empty() && Monitor->Snapshot().empty(), "a new monitor is not empty");
@@ -559,10 +654,10 @@ private:
     void WakeSpuriously() {
         if (!bSamplerRuns) return;
         const uint64_t waits = sampler::Waits();
-        const uint64_t activity = Nvml().Activity();
+        const uint64_t activity = Sim().Use().Activity;
         sampler::WakeSpuriously();
         AwaitWaits(waits + 1);
-        Require(Nvml().Activity() == activity, "a spurious wake-up made a cycle");
+        Require(Sim().Use().Activity == activity, "a spurious wake-up made a cycle");
     }
 
     void AwaitWaits(uint64_t count) {
@@ -570,27 +665,27 @@ private:
         WaitsSeen = count;
         const std::chrono::milliseconds length = sampler::LatestWait();
         Require(length == Interval || length == RunningDelay, "the sampler waits for another time than was set");
-        Require(!AnythingChanged(), "the sampler changed a GPU");
+        RequireNoChange();
     }
 
     // ---- Readings and queries ----
 
     void ReadFirst() {
-        ReadBy([this](GpuTelemetrySample* output) { return Monitor->ReadCurrentSample(output); });
+        ReadBy([this](Sample* output) { return Monitor->ReadCurrentSample(output); });
     }
 
     void ReadAny() {
         const unsigned int index = AnyIndex();
-        ReadBy([this, index](GpuTelemetrySample* output) { return Monitor->ReadCurrentSample(index, output); });
+        ReadBy([this, index](Sample* output) { return Monitor->ReadCurrentSample(index, output); });
     }
 
     template <typename Read>
     void ReadBy(Read read) {
         if (Bytes.Byte() == 255) return RequireNullIsRefused([&] { return read(nullptr); });
-        GpuTelemetrySample sample = PoisonedSample();
+        Sample sample = PoisonedSample();
         const double before = sampler::NowSeconds();
         const bool bRead = read(&sample);
-        Require(!AnythingChanged(), "a reading changed a GPU");
+        RequireNoChange();
         if (!bRead && sample.TimestampSeconds == 0.0) return RequireDefaults(sample);
         RequireReadings(sample);
         RequireFrameTime(sample.FrameTimeMs);
@@ -600,9 +695,9 @@ private:
 
     template <typename Query>
     void RequireNullIsRefused(Query query) {
-        const uint64_t activity = Nvml().Activity();
+        const uint64_t activity = Sim().Use().Activity;
         Require(!query(), "a query without an output succeeded");
-        Require(Nvml().Activity() == activity, "a query without an output used the driver");
+        Require(Sim().Use().Activity == activity, "a query without an output used the driver");
     }
 
     void QueryFirstClocks() {
@@ -619,10 +714,10 @@ private:
     template <typename Query>
     void QueryClocksBy(unsigned int index, Query query) {
         if (Bytes.Byte() == 255) return RequireNullIsRefused([&] { return query(nullptr); });
-        LatestClocks = {kPoison,    kPoisonText, kPoisonText, {{kPoisonInt, kPoisonInt}},
-                        kPoisonInt, kPoisonInt,  true,        kPoisonText};
+        LatestClocks = {kPoison,        kPoisonText,    kPoisonText, {{kPoisoned<int>, kPoisoned<int>}},
+                        kPoisoned<int>, kPoisoned<int>, true,        kPoisonText};
         const bool bFound = query(&LatestClocks);
-        Require(!AnythingChanged(), "a query changed a GPU");
+        RequireNoChange();
         RequireClocks(index, bFound, LatestClocks);
     }
 
@@ -632,8 +727,8 @@ private:
         Require(clocks.DeviceIndex == (bUp ? index : 0), "a record is of another GPU");
         const GpuDeviceInfo device = bUp ? DeviceOf(index).value_or(GpuDeviceInfo{}) : GpuDeviceInfo{};
         Require(clocks.DeviceName == device.Name && clocks.DeviceUuid == device.Uuid, "a record has another identity");
-        RequireInt(EntryPoint::nvmlDeviceGetClockInfo, 0, clocks.CurrentGraphicsClockMHz);
-        RequireInt(EntryPoint::nvmlDeviceGetClockInfo, 2, clocks.CurrentMemoryClockMHz);
+        RequireFrom({EntryPoint::nvmlDeviceGetClockInfo, 0}, clocks.CurrentGraphicsClockMHz);
+        RequireFrom({EntryPoint::nvmlDeviceGetClockInfo, 2}, clocks.CurrentMemoryClockMHz);
         RequirePairs(clocks);
         if (!bUp || clocks.CanControl) {
             Require(clocks.Status == Monitor->Status(), "a record's status is not the monitor's");
@@ -646,10 +741,10 @@ private:
 
     static void RequirePairs(const GpuClockCapabilities& clocks) {
         Require(clocks.CanControl == !clocks.SupportedPairs.empty(), "a record contradicts itself");
-        const std::set<std::pair<int, int>>& told = Nvml().ListedPairs();
-        const bool bSame = std::equal(clocks.SupportedPairs.begin(), clocks.SupportedPairs.end(), told.begin(),
-                                      told.end(), [](const GpuClockPair& pair, const std::pair<int, int>& listed) {
-                                          return pair == GpuClockPair{listed.first, listed.second};
+        const std::set<std::pair<int, int>>& listed = Nvml().ListedPairs();
+        const bool bSame = std::equal(clocks.SupportedPairs.begin(), clocks.SupportedPairs.end(), listed.begin(),
+                                      listed.end(), [](const GpuClockPair& pair, const std::pair<int, int>& other) {
+                                          return pair == GpuClockPair{other.first, other.second};
                                       });
         Require(bSame, "the pairs are not those that the driver listed, sorted and each once");
     }
@@ -660,11 +755,11 @@ private:
             RequireNullIsRefused([&] { return Monitor->GetPowerCapabilities(index, nullptr); });
             return;
         }
-        LatestPower = {kPoison,       kPoisonText,   static_cast<GpuCapabilityState>(77),
-                       kPoisonDouble, kPoisonDouble, kPoisonDouble,
-                       kPoisonDouble, kPoisonText};
+        LatestPower = {kPoison,           kPoisonText,       static_cast<GpuCapabilityState>(77),
+                       kPoisoned<double>, kPoisoned<double>, kPoisoned<double>,
+                       kPoisoned<double>, kPoisonText};
         const bool bFound = Monitor->GetPowerCapabilities(index, &LatestPower);
-        Require(!AnythingChanged(), "a query changed a GPU");
+        RequireNoChange();
         Require(LatestPower.DeviceIndex == index, "a record is of another GPU");
         RequireLimits(LatestPower.CurrentWatts, LatestPower.DefaultWatts, LatestPower.MinimumWatts,
                       LatestPower.MaximumWatts);
@@ -698,13 +793,13 @@ private:
 
     void Capture() {
         if (Bytes.Byte() == 255) return RequireNullIsRefused([&] { return Monitor->CaptureClockState(nullptr); });
-        Captured = {true, kPoisonInt, kPoisonInt};
+        Captured = {true, kPoisoned<int>, kPoisoned<int>};
         const bool bCaptured = Monitor->CaptureClockState(&Captured);
-        Require(!AnythingChanged(), "a query changed a GPU");
+        RequireNoChange();
         Require(Captured.Valid == bCaptured && bCaptured == !Nvml().ListedPairs().empty(), "a capture is not valid");
         if (bCaptured) {
-            RequireInt(EntryPoint::nvmlDeviceGetClockInfo, 0, Captured.GraphicsClockMHz);
-            RequireInt(EntryPoint::nvmlDeviceGetClockInfo, 2, Captured.MemoryClockMHz);
+            RequireFrom({EntryPoint::nvmlDeviceGetClockInfo, 0}, Captured.GraphicsClockMHz);
+            RequireFrom({EntryPoint::nvmlDeviceGetClockInfo, 2}, Captured.MemoryClockMHz);
         } else {
             Require(Captured.GraphicsClockMHz == -1 && Captured.MemoryClockMHz == -1,
                     "an invalid capture is not empty");
@@ -716,47 +811,47 @@ private:
     void LockFirst() {
         const GpuClockPair pair = AnyPair();
         std::string* const error = AnyError();
-        RequireLock(Tell(Monitor->SetLockedClock(pair, error), error), error);
+        RequireLock(Checked(Monitor->SetLockedClock(pair, error), error), error);
     }
 
     void LockAny() {
         const unsigned int index = AnyIndex();
         const GpuClockPair pair = AnyPair();
         std::string* const error = AnyError();
-        RequireLock(Tell(Monitor->SetLockedClock(index, pair, error), error), error);
+        RequireLock(Checked(Monitor->SetLockedClock(index, pair, error), error), error);
     }
 
     void RestoreState() {
         std::string* const error = AnyError();
-        RequireReset(Tell(Monitor->RestoreClockState(Captured, error), error), error);
+        RequireReset(Checked(Monitor->RestoreClockState(Captured, error), error), error);
     }
 
     void ResetFirst() {
         std::string* const error = AnyError();
-        RequireReset(Tell(Monitor->RestoreDefaultClocks(error), error), error);
+        RequireReset(Checked(Monitor->RestoreDefaultClocks(error), error), error);
     }
 
     void ResetAny() {
         const unsigned int index = AnyIndex();
         std::string* const error = AnyError();
-        RequireReset(Tell(Monitor->RestoreDefaultClocks(index, error), error), error);
+        RequireReset(Checked(Monitor->RestoreDefaultClocks(index, error), error), error);
     }
 
     void SetLimit() {
         const unsigned int index = AnyIndex();
         const double watts = AnyWatts();
         std::string* const error = AnyError();
-        RequireLimitChange(Tell(Monitor->SetPowerLimit(index, watts, error), error), error, false);
+        RequireLimitChange(Checked(Monitor->SetPowerLimit(index, watts, error), error), error, false);
     }
 
     void RestoreLimit() {
         const unsigned int index = AnyIndex();
         std::string* const error = AnyError();
-        RequireLimitChange(Tell(Monitor->RestoreDefaultPowerLimit(index, error), error), error, true);
+        RequireLimitChange(Checked(Monitor->RestoreDefaultPowerLimit(index, error), error), error, true);
     }
 
     /// What holds for the sentence of every change.
-    static Result Tell(Result result, const std::string* error) {
+    static Result Checked(Result result, const std::string* error) {
         if (error == nullptr) return result;
         Require((*error == kPoisonText) == (result == Result::Success),
                 "a sentence without a failure, or none with one");
@@ -773,16 +868,18 @@ private:
     }
 
     void RequireUnstarted() const {
-        Require(Nvml().Openings() == OpeningsBefore, "an operation started NVML that never does");
+        Require(Sim().Use().Openings == OpeningsBefore, "an operation started NVML that never does");
     }
 
     void RequireState() {
-        const uint64_t activity = Nvml().Activity();
+        const uint64_t activity = Sim().Use().Activity;
         const bool bUp = Monitor->IsAvailable();
         const std::string status = Monitor->Status();
         const std::vector<GpuTelemetryHistory> histories = Monitor->Snapshot();
-        Require(Nvml().Activity() == activity, "an observer used the driver");
-        Require(bUp == Nvml().IsOpen() && bUp == Nvml().Initialized(), "the library is not open as it should be");
+        Require(Sim().Use().Activity == activity, "an observer used the driver");
+        const LibraryUse use = Sim().Use();
+        Require(use.OpenLibraries == (bUp ? 1U : 0U) && use.Initializations == (bUp ? 1U : 0U),
+                "the library is not open as it should be");
         Require(!bSamplerRuns || bUp, "a sampler runs without NVML");
         Require(sampler::Waits() == WaitsSeen, "the sampler woke without a reason");
         RequireHistories(histories);
@@ -793,15 +890,15 @@ private:
         const bool bActive = status == ActiveStatus(histories.size()) && !histories.empty();
         if (bUp) {
             Require(bActive, "the status is not that of an NVML that is up");
-            Require(histories.back().Device.Index < Nvml().ToldDevices(), "a GPU is listed that was not told");
-        } else if (Nvml().Openings() == OpeningsAtBirth) {
+            Require(histories.back().Device.Index < Nvml().DeviceCount(), "a GPU is listed that was not told");
+        } else if (Sim().Use().Openings == OpeningsAtBirth) {
             Require(status.empty() && histories.empty(), "something is known without an attempt");
         } else {
             Require(bActive || IsOneOf(status, kStartFailures), "the status is no known line");
         }
         // Of the failures, only this one comes after NVML told of GPUs.
-        const bool bJustFailed = !bUp && Nvml().Openings() != OpeningsBefore;
-        if (bJustFailed && Nvml().ToldDevices() > 0) Require(histories.empty(), "a failed start left histories");
+        const bool bJustFailed = !bUp && Sim().Use().Openings != OpeningsBefore;
+        if (bJustFailed && Nvml().DeviceCount() > 0) Require(histories.empty(), "a failed start left histories");
     }
 
     Input Bytes;
@@ -867,7 +964,7 @@ void Fail(const std::string& what) {
 }  // namespace monitor_fuzz
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    monitor_fuzz::Nvml().Reset();
+    monitor_fuzz::ResetDriver();
     monitor_fuzz::sampler::Reset();
     GPUProfiler::Get()->FrameTimeMs.reset();
     monitor_fuzz::Host(data, size).Run();
