@@ -34,7 +34,7 @@ const GpuTelemetrySample kNothingRead = {0.0, -1, -1, -1, -1, -1, 0, 0, 0, 0, -1
 
 class SampleTest : public MonitorTest {
 protected:
-    SampleTest() { SetFixedBoards(1, kReadings); }
+    SampleTest() { Sim.SetBoards(fixed_boards::FixedBoards(1, kReadings)); }
 
     GpuTelemetrySample Read(bool bExpected = true) {
         GpuTelemetrySample sample;
@@ -100,7 +100,7 @@ TEST_F(SampleTest, QueryThatIsMissingOrFailsLeavesOnlyItsOwnFieldsUnread) {
         EXPECT_EQ(FieldsOf(Read()), FieldsOf(expected)) << query << " missing";
         Monitor.Stop();
         StartOver();
-        SetFixedBoards(1, kReadings);
+        Sim.SetBoards(fixed_boards::FixedBoards(1, kReadings));
     }
 }
 
@@ -125,7 +125,7 @@ TEST_F(SampleTest, ConfiguredLimitIsAskedOnlyWhenTheEnforcedOneCannotBeRead) {
 TEST_F(SampleTest, SucceedsWithPowerOrGraphicsClockAlsoWhenTheyAreZero) {
     Readings readings = kReadings;
     readings.PowerMilliwatts = readings.GraphicsMHz = 0;
-    SetFixedBoards(1, readings);
+    Sim.SetBoards(fixed_boards::FixedBoards(1, readings));
     Sim.FailFrom("nvmlDeviceGetClockInfo", simulated_nvml::kNotSupported);
     EXPECT_EQ(Read().PowerWatts, 0.0);
     Sim.StopFailing();

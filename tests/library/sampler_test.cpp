@@ -54,8 +54,8 @@ protected:
 
     /// Expects the first wait to last `duration` from a moment after `since` on.
     static void ExpectFirstWait(double since, milliseconds duration) {
-        ASSERT_TRUE(host_seams::WaitForTimedWaits(1));
-        const host_seams::TimedWait wait = host_seams::TimedWaits().front();
+        ASSERT_TRUE(sampler_clock::AwaitWaits(1));
+        const sampler_clock::TimedWait wait = sampler_clock::LatestWait();
         EXPECT_GE(Seconds(wait.Deadline), since + Seconds(duration));
         EXPECT_LE(wait.Duration, duration);
     }
@@ -66,7 +66,7 @@ protected:
         simulated_nvml::Readings readings;
         readings.ComputeProcesses = compute;
         readings.GraphicsProcesses = graphics;
-        SetFixedBoards(1, readings);
+        Sim.SetBoards(fixed_boards::FixedBoards(1, readings));
         const GpuTelemetryHistory history = SnapshotAfterFirstCycle().front();
         ProcessBytes listed;
         for (const GpuProcessMemory& process : history.ProcessMemory) {
@@ -85,7 +85,7 @@ protected:
 // ---- What a cycle does ----
 
 TEST_F(SamplerTest, CycleLooksUpThreeNamesThenReadsEachBoardCompletely) {
-    SetFixedBoards(3, {});
+    Sim.SetBoards(fixed_boards::FixedBoards(3, {}));
     Sim.FailFrom("nvmlDeviceGetName", simulated_nvml::kUnknown, 1, 0);
     GpuTelemetrySample sample;
     Monitor.ReadCurrentSample(&sample);
@@ -144,7 +144,7 @@ TEST_F(SamplerTest, OlderProcessQueriesServeWhenNewerOnesAreMissing) {
 TEST_F(SamplerTest, BoardWithoutAHandleIsSkippedAndPartialSamplesAreKept) {
     simulated_nvml::Readings readings;
     readings.ComputeProcesses = {{10, 300}};
-    SetFixedBoards(2, readings);
+    Sim.SetBoards(fixed_boards::FixedBoards(2, readings));
     SnapshotAfterFirstCycle();
     Sim.FailFrom("nvmlDeviceGetHandleByIndex_v2", simulated_nvml::kGpuIsLost, 1, 0);
     Sim.FailFrom("nvmlDeviceGetPowerUsage", simulated_nvml::kNotSupported);
@@ -166,7 +166,7 @@ TEST_F(SamplerTest, BoardWithoutAHandleIsSkippedAndPartialSamplesAreKept) {
 TEST_F(SamplerTest, HistoryKeepsTheNewest6000Samples) {
     constexpr uint64_t kBound = 6000;
     Sim.Reset();
-    SetFixedBoards(1, {});
+    Sim.SetBoards(fixed_boards::FixedBoards(1, {}));
     Monitor.Start();
     for (uint64_t cycle = 1; cycle < kBound; ++cycle) {
         ASSERT_TRUE(WaitForCalls("nvmlDeviceGetTemperature", cycle));
@@ -198,7 +198,7 @@ TEST_F(SamplerTest, IntervalAndInitialDelayAreKeptWithinTheirBounds) {
         ExpectFirstWait(started, milliseconds(interval));
         monitor.PauseSampling();
 
-        host_seams::Reset();
+        sampler_clock::Reset();
         monitor.SetInitialSampleDelay(milliseconds(asked));
         const uint64_t readings = Sim.Calls("nvmlDeviceGetTemperature");
         const double resumed = SteadySeconds();
@@ -206,7 +206,7 @@ TEST_F(SamplerTest, IntervalAndInitialDelayAreKeptWithinTheirBounds) {
         ExpectFirstWait(resumed, milliseconds(delay == 0 ? interval : delay));
         EXPECT_TRUE(delay > 0 || Sim.Calls("nvmlDeviceGetTemperature") > readings) << "no wait before the first cycle";
         monitor.PauseSampling();
-        host_seams::Reset();
+        sampler_clock::Reset();
     }
 }
 
@@ -223,14 +223,14 @@ TEST_F(SamplerTest, SettingTheIntervalDuringACycleIsNotLost) {
 TEST_F(SamplerTest, OnlySettingTheIntervalEndsAWait) {
     Monitor.SetSampleInterval(milliseconds(200));
     Monitor.Start();
-    ASSERT_TRUE(host_seams::WaitForTimedWaits(1));
+    ASSERT_TRUE(sampler_clock::AwaitWaits(1));
     Monitor.SetInitialSampleDelay(milliseconds(0));
     EXPECT_GE(SecondsBetweenFirstTwoCycles(), 0.2);
     Monitor.Stop();
 
-    host_seams::Reset();
+    sampler_clock::Reset();
     SnapshotAfterFirstCycle();
-    ASSERT_TRUE(host_seams::WaitForTimedWaits(1));
+    ASSERT_TRUE(sampler_clock::AwaitWaits(1));
     const std::deque<GpuTelemetrySample> samples = SnapshotAfterNextCycle().front().Samples;
     ASSERT_THAT(samples, SizeIs(2));
     EXPECT_LT(samples[1].TimestampSeconds - samples[0].TimestampSeconds, kAtOnceSeconds);
@@ -240,7 +240,7 @@ TEST_F(SamplerTest, SettingTheIntervalStartsARunningInitialDelayOver) {
     Monitor.SetInitialSampleDelay(kLongestInterval);
     const double started = SteadySeconds();
     Monitor.Start();
-    ASSERT_TRUE(host_seams::WaitForTimedWaits(1));
+    ASSERT_TRUE(sampler_clock::AwaitWaits(1));
     Monitor.SetInitialSampleDelay(milliseconds(200));
     const double set = SteadySeconds();
     Monitor.SetSampleInterval(kLongestInterval);
@@ -250,11 +250,19 @@ TEST_F(SamplerTest, SettingTheIntervalStartsARunningInitialDelayOver) {
 }
 
 TEST_F(SamplerTest, SpuriousWakeUpsLeaveTheDeadlineWhereItIs) {
-    host_seams::WakeSpuriously(2);
+    sampler_clock::Hold();
     Monitor.SetSampleInterval(milliseconds(150));
     Monitor.Start();
+    ASSERT_TRUE(sampler_clock::AwaitWaits(1));
+    const std::chrono::nanoseconds deadline = sampler_clock::LatestWait().Deadline;
+    for (uint64_t waits = 2; waits < 4; ++waits) {
+        sampler_clock::WakeSpuriously();
+        ASSERT_TRUE(sampler_clock::AwaitWaits(waits));
+        EXPECT_EQ(sampler_clock::LatestWait().Deadline, deadline);
+    }
+    EXPECT_EQ(Sim.Calls("nvmlDeviceGetTemperature"), 1);
+    sampler_clock::PassWaits();
     EXPECT_GE(SecondsBetweenFirstTwoCycles(), 0.15);
-    EXPECT_EQ(host_seams::TimedWaits()[2].Deadline, host_seams::TimedWaits()[0].Deadline);
 }
 
 // ---- Lifecycle ----
@@ -262,11 +270,11 @@ TEST_F(SamplerTest, SpuriousWakeUpsLeaveTheDeadlineWhereItIs) {
 TEST_F(SamplerTest, StopAndPauseEndWaitsAtOnce) {
     const double started = SteadySeconds();
     SnapshotAfterFirstCycle();
-    ASSERT_TRUE(host_seams::WaitForTimedWaits(1));
+    ASSERT_TRUE(sampler_clock::AwaitWaits(1));
     Monitor.PauseSampling();
     Monitor.SetInitialSampleDelay(kLongestInterval);
     Monitor.ResumeSampling();
-    ASSERT_TRUE(host_seams::WaitForTimedWaits(2));
+    ASSERT_TRUE(sampler_clock::AwaitWaits(2));
     Monitor.Stop();
     EXPECT_LT(SteadySeconds() - started, kAtOnceSeconds);
     EXPECT_EQ(Sim.Calls("nvmlDeviceGetTemperature"), 1);
@@ -281,7 +289,7 @@ TEST_F(SamplerTest, PauseKeepsNvmlAndHistoriesAndASecondStartChangesNothing) {
     EXPECT_TRUE(Monitor.ResumeSampling());
     EXPECT_THAT(SnapshotAfterReadings(3).front().Samples, SizeIs(2));
     EXPECT_EQ(Sim.Calls("nvmlInit_v2"), 1);
-    host_seams::RefuseThreads(true);
+    sampler_clock::RefuseThreads(2);
     EXPECT_TRUE(Monitor.Start()) << "no second thread";
     EXPECT_TRUE(Monitor.ResumeSampling()) << "no second thread";
 }
@@ -300,7 +308,7 @@ TEST_F(SamplerTest, StopKeepsTheDataUntilTheNextStart) {
 }
 
 TEST_F(SamplerTest, StopDuringASlowCycleLetsTheCycleFinish) {
-    SetFixedBoards(1, {});
+    Sim.SetBoards(fixed_boards::FixedBoards(1, {}));
     Sim.Block("nvmlDeviceGetFanSpeed");
     Monitor.Start();
     ASSERT_TRUE(WaitForCalls("nvmlDeviceGetFanSpeed", 1));
@@ -314,7 +322,7 @@ TEST_F(SamplerTest, StopDuringASlowCycleLetsTheCycleFinish) {
 }
 
 TEST_F(SamplerTest, ManyThreadsMayUseARunningMonitor) {
-    SetFixedBoards(2, {}, {{11201, {2100}}});
+    Sim.SetBoards(fixed_boards::FixedBoards(2, {}, {{11201, {2100}}}));
     Monitor.SetInitialSampleDelay(milliseconds(10));
     Monitor.Start();
     const auto beAHost = [this](unsigned int host) {

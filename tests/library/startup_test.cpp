@@ -106,7 +106,7 @@ TEST_F(StartupTest, FailedStartKeepsOrEmptiesTheHistoriesOfTheOneBefore) {
 }
 
 TEST_F(StartupTest, SkippedDevicesLeaveGapsInTheIndices) {
-    SetFixedBoards(4, {});
+    Sim.SetBoards(fixed_boards::FixedBoards(4, {}));
     Sim.FailFrom("nvmlDeviceGetName", simulated_nvml::kUnknown, 1, 0);
     Sim.FailFrom("nvmlDeviceGetHandleByIndex_v2", simulated_nvml::kGpuIsLost, 1, 2);
     const std::vector<GpuDeviceInfo> devices = Discover();
@@ -173,10 +173,10 @@ TEST_F(StartupTest, DriverWithoutAShutdownIsClosedAllTheSame) {
 }
 
 TEST_F(StartupTest, ThreadThatCannotBeCreatedLeavesTheSamplerStopped) {
-    host_seams::RefuseThreads(true);
+    sampler_clock::RefuseThreads(2);
     EXPECT_THROW(Monitor.Start(), std::system_error);
     EXPECT_THROW(Monitor.ResumeSampling(), std::system_error) << "a sampler that never ran must not count as running";
-    host_seams::RefuseThreads(false);
+    sampler_clock::RefuseThreads(0);
     EXPECT_TRUE(Monitor.Start());
     EXPECT_TRUE(WaitForCalls("nvmlDeviceGetTemperature", 1));
 }

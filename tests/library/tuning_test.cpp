@@ -79,7 +79,7 @@ protected:
         Readings readings;
         readings.GraphicsMHz = 1200;
         readings.MemoryMHz = 5001;
-        SetFixedBoards(2, readings, clocks);
+        Sim.SetBoards(fixed_boards::FixedBoards(2, readings, clocks));
     }
 
     /// Queries into a record that holds an earlier answer, of which nothing may survive.

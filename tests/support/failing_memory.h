@@ -4,14 +4,18 @@
 #include <atomic>
 #include <cstdint>
 
-/// The program's memory, which can be made to run out. Apart from what uses it, so that no compiler sees both ends of
-/// an allocation and takes them for a mismatch.
+/// \file
+/// The program's `operator new`, which a test can make fail. It has a source of its own, so that no compiler sees an
+/// allocation together with its release and takes the two for a mismatch.
+
 namespace failing_memory {
 
-/// Allocations of the monitor, on any thread, until one throws, that one included; 0 for none.
+/// How many allocations, on any thread, it takes until one throws; that one included. 0: none throws.
+/// What the simulator allocates and what a thread allocates that is `bChecking` does not count.
 extern std::atomic<uint64_t> AllocationsUntilFailure;
+/// Set when an allocation has thrown.
 extern std::atomic<bool> bAllocationFailed;
-/// This thread is at work for the checks, not for the monitor.
+/// This thread works for the test, not for the monitor.
 extern thread_local bool bChecking;
 
 }  // namespace failing_memory

@@ -10,9 +10,10 @@
 #include <utility>
 #include <vector>
 
+#include "fixed_boards.h"
 #include "gpu_profiler.h"
-#include "host_seams.h"
 #include "nvml_gpu_monitor.h"
+#include "sampler_clock.h"
 #include "simulated_nvml.h"
 
 /// Now, in the seconds that samples are stamped with.
@@ -25,7 +26,7 @@ inline double SteadySeconds() {
 class ScriptedTest : public testing::Test {
 protected:
     ScriptedTest() {
-        host_seams::Reset();
+        sampler_clock::Reset();
         GPUProfiler::Get()->FrameTimeMs.reset();
         StartOver();
     }
@@ -41,18 +42,6 @@ protected:
         Sim.RecordLog();
         Sim.ForbidConcurrentCalls();
         Sim.LetFailuresWrite();
-    }
-
-    /// Boards that always tell these readings.
-    void SetFixedBoards(unsigned int count, const simulated_nvml::Readings& readings,
-                        const std::vector<simulated_nvml::ClockGroup>& clocks = {}) {
-        std::vector<simulated_nvml::Board> boards;
-        for (unsigned int i = 0; i < count; ++i) {
-            boards.push_back(simulated_nvml::DesktopBoard(i));
-            boards.back().Fixed = readings;
-            boards.back().Clocks = clocks;
-        }
-        Sim.SetBoards(boards);
     }
 
     /// The log from entry `from` on, as far as it contains one of `words`: "?Name" is a lookup, "Name(...)" a call, and

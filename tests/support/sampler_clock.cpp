@@ -1,0 +1,165 @@
+#include "sampler_clock.h"
+
+#include <pthread.h>
+
+#include <cerrno>
+#include <condition_variable>
+#include <mutex>
+#include <system_error>
+
+// The names by which the standard library's headers call the start of a std::thread, the wait of a
+// std::condition_variable on the steady clock, and that clock.
+#define START_THREAD(prefix) \
+    prefix##_ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE
+#define CLOCK_WAIT(prefix) prefix##pthread_cond_clockwait
+#define STEADY_NOW(prefix) prefix##_ZNSt6chrono3_V212steady_clock3nowEv
+
+extern "C" {
+
+void START_THREAD(__real_)(void* thread, void* state, void (*depend)());
+int CLOCK_WAIT(__real_)(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock, const timespec* deadline);
+int64_t STEADY_NOW(__real_)();
+
+}  // extern "C"
+
+namespace {
+
+using std::chrono::nanoseconds;
+
+// Guards what follows. A thread that begins a wait locks it while it holds the mutex of its condition.
+std::mutex Guard;
+std::condition_variable WaitBegan;
+uint64_t WaitCount = 0;
+sampler_clock::TimedWait Latest{};
+// Where the thread waits whose wait began last.
+pthread_cond_t* Condition = nullptr;
+pthread_mutex_t* ConditionMutex = nullptr;
+bool bHeld = false;
+nanoseconds HeldNow{};
+unsigned int WaitsToPass = 0;
+unsigned int ThreadsToRefuse = 0;
+
+nanoseconds TimeOf(const timespec& moment) {
+    return std::chrono::seconds(moment.tv_sec) + nanoseconds(moment.tv_nsec);
+}
+
+/// Ends a wait by moving the held clock to its deadline, if time is to pass.
+bool PassLocked(const timespec& deadline) {
+    if (WaitsToPass == 0) return false;
+    --WaitsToPass;
+    HeldNow = TimeOf(deadline);
+    return true;
+}
+
+void NoteWaitLocked(pthread_cond_t* condition, pthread_mutex_t* mutex, const timespec& deadline) {
+    const nanoseconds now = bHeld ? HeldNow : nanoseconds(STEADY_NOW(__real_)());
+    Latest = {TimeOf(deadline), TimeOf(deadline) - now};
+    Condition = condition;
+    ConditionMutex = mutex;
+    ++WaitCount;
+    WaitBegan.notify_all();
+}
+
+/// Wakes the thread that waits. Only with the mutex of its condition is it certain that the thread is in its wait
+/// already, and not on its way there.
+void Wake(unsigned int waitsToPass) {
+    pthread_mutex_lock(ConditionMutex);
+    {
+        const std::lock_guard<std::mutex> lock(Guard);
+        WaitsToPass = waitsToPass;
+    }
+    pthread_cond_broadcast(Condition);
+    pthread_mutex_unlock(ConditionMutex);
+}
+
+}  // namespace
+
+extern "C" {
+
+void START_THREAD(__wrap_)(void* thread, void* state, void (*depend)()) {
+    {
+        const std::lock_guard<std::mutex> lock(Guard);
+        if (ThreadsToRefuse > 0) {
+            --ThreadsToRefuse;
+            throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
+        }
+    }
+    START_THREAD(__real_)(thread, state, depend);
+}
+
+int CLOCK_WAIT(__wrap_)(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock, const timespec* deadline) {
+    std::unique_lock<std::mutex> lock(Guard);
+    NoteWaitLocked(condition, mutex, *deadline);
+    if (!bHeld) {
+        lock.unlock();
+        return CLOCK_WAIT(__real_)(condition, mutex, clock, deadline);
+    }
+    if (PassLocked(*deadline)) return ETIMEDOUT;
+    lock.unlock();
+    pthread_cond_wait(condition, mutex);
+    lock.lock();
+    return PassLocked(*deadline) ? ETIMEDOUT : 0;
+}
+
+int64_t STEADY_NOW(__wrap_)() {
+    const std::lock_guard<std::mutex> lock(Guard);
+    if (!bHeld) return STEADY_NOW(__real_)();
+    HeldNow += std::chrono::microseconds(1);
+    return HeldNow.count();
+}
+
+}  // extern "C"
+
+namespace sampler_clock {
+
+void Reset() {
+    const std::lock_guard<std::mutex> lock(Guard);
+    WaitCount = 0;
+    Latest = {};
+    bHeld = false;
+    WaitsToPass = 0;
+    ThreadsToRefuse = 0;
+}
+
+void Hold() {
+    const std::lock_guard<std::mutex> lock(Guard);
+    bHeld = true;
+    HeldNow = std::chrono::seconds(1000);
+}
+
+void PassWaits(unsigned int count) {
+    Wake(count);
+}
+
+void WakeSpuriously() {
+    Wake(0);
+}
+
+uint64_t WaitsBegun() {
+    const std::lock_guard<std::mutex> lock(Guard);
+    return WaitCount;
+}
+
+TimedWait LatestWait() {
+    const std::lock_guard<std::mutex> lock(Guard);
+    return Latest;
+}
+
+bool AwaitWaits(uint64_t count) {
+    std::unique_lock<std::mutex> lock(Guard);
+    // The wall clock, because waits on the steady clock come here.
+    const auto giveUp = std::chrono::system_clock::now() + std::chrono::minutes(1);
+    return WaitBegan.wait_until(lock, giveUp, [count] { return WaitCount >= count; });
+}
+
+void RefuseThreads(unsigned int count) {
+    const std::lock_guard<std::mutex> lock(Guard);
+    ThreadsToRefuse = count;
+}
+
+unsigned int RefusalsLeft() {
+    const std::lock_guard<std::mutex> lock(Guard);
+    return ThreadsToRefuse;
+}
+
+}  // namespace sampler_clock
