@@ -3,12 +3,9 @@
 //
 // Prints how many failures were tried. Exit status: 0, or 1 with a sentence about each failure that broke something.
 
-#include <pthread.h>
-
-#include <condition_variable>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <mutex>
 #include <new>
 #include <set>
 #include <string>
@@ -16,6 +13,7 @@
 
 #include "failing_memory.h"
 #include "nvml_gpu_monitor.h"
+#include "sampler_clock.h"
 #include "simulated_nvml.h"
 
 namespace {
@@ -25,39 +23,6 @@ using simulated_nvml::SimulatedNvml;
 
 constexpr int kCycles = 3;
 constexpr std::chrono::seconds kLongInterval{10};
-
-// ---- The sampler's waits ----
-
-/// How often the sampler has begun to wait for its next cycle: each of its cycles ends so.
-std::mutex WaitMutex;
-std::condition_variable WaitBegan;
-int Waits = 0;
-
-void WaitForEndOfCycle(int cycle) {
-    std::unique_lock<std::mutex> lock(WaitMutex);
-    WaitBegan.wait(lock, [cycle] { return Waits >= cycle; });
-}
-
-}  // namespace
-
-// NOLINTBEGIN(bugprone-reserved-identifier): the linker gives these names.
-
-extern "C" int __real_pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
-                                             const timespec* deadline);
-
-extern "C" int __wrap_pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
-                                             const timespec* deadline) {
-    {
-        const std::lock_guard<std::mutex> lock(WaitMutex);
-        ++Waits;
-    }
-    WaitBegan.notify_all();
-    return __real_pthread_cond_clockwait(condition, mutex, clock, deadline);
-}
-
-// NOLINTEND(bugprone-reserved-identifier)
-
-namespace {
 
 /// The faults that were found, one sentence each.
 std::vector<std::string> Faults;
@@ -137,7 +102,7 @@ void RunSampler(NvmlGpuMonitor* monitor) {
     const bool bOpen = !EndsWithClose(SimulatedNvml::Get().Log());
     Expect(bOpen == monitor->IsAvailable(), "the library is open without need, or closed too soon");
     for (int cycle = 1; bStarted && cycle <= kCycles; ++cycle) {
-        WaitForEndOfCycle(cycle);
+        sampler_clock::AwaitWaits(static_cast<uint64_t>(cycle));
         if (cycle < kCycles) monitor->SetSampleInterval(kLongInterval);
     }
 }
@@ -179,7 +144,7 @@ void ExpectRecovery(NvmlGpuMonitor* monitor) {
 
 /// The whole life. What is to fail has been prepared.
 void Live() {
-    Waits = 0;
+    sampler_clock::Reset();
     NvmlGpuMonitor monitor;
     RunSampler(&monitor);
     QueryAndChange(&monitor);

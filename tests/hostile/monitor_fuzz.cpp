@@ -12,10 +12,11 @@
 #include <system_error>
 #include <vector>
 
+#include "fixed_boards.h"
 #include "gpu_profiler.h"
 #include "monitor_fuzz_input.h"
-#include "monitor_fuzz_sampler.h"
 #include "nvml_gpu_monitor.h"
+#include "sampler_clock.h"
 #include "simulated_nvml.h"
 
 namespace monitor_fuzz {
@@ -57,35 +58,21 @@ simulated_nvml::ScriptedAnswers& Nvml() {
     return answers;
 }
 
-/// A GPU whose every reading is a number of its own, and whose texts have only characters that `RequireText` expects.
-Board HealthyBoard(unsigned int index) {
-    Board board = simulated_nvml::DesktopBoard(index);
-    for (std::string* text : {&board.Name, &board.Uuid, &board.BusId, &board.BusIdLegacy, &board.VbiosVersion}) {
-        *text = std::string(8, static_cast<char>('a' + index));
+/// GPUs that nothing is wrong with, whose texts have only characters that `RequireText` expects.
+std::vector<Board> HealthyBoards() {
+    const std::vector<simulated_nvml::ClockGroup> clocks = {{405, {330, 315, 300}}, {420, {330, 315, 300}}};
+    std::vector<Board> boards = fixed_boards::FixedBoards(2, fixed_boards::DistinctReadings(), clocks);
+    for (Board& board : boards) {
+        for (std::string Board::*text :
+             {&Board::Name, &Board::Uuid, &Board::BusId, &Board::BusIdLegacy, &Board::VbiosVersion}) {
+            board.*text = "abcdefgh";
+        }
     }
-    board.Clocks = {{405, {330, 315, 300}}, {420, {330, 315, 300}}};
-    using simulated_nvml::Readings;
-    Readings readings;
-    unsigned int value = 30;
-    for (unsigned int Readings::*field :
-         {&Readings::TemperatureC, &Readings::GpuPercent, &Readings::MemoryPercent, &Readings::EncoderPercent,
-          &Readings::DecoderPercent, &Readings::PowerMilliwatts, &Readings::FanPercent, &Readings::GraphicsMHz,
-          &Readings::SmMHz, &Readings::MemoryMHz, &Readings::VideoMHz, &Readings::PerformanceState,
-          &Readings::PcieGeneration, &Readings::PcieWidth, &Readings::PcieReceiveKiBPerSecond,
-          &Readings::PcieTransmitKiBPerSecond}) {
-        readings.*field = value++;
-    }
-    readings.LimitReasons = 4;
-    readings.VramUsedBytes = 1ULL << 32;
-    readings.Bar1UsedBytes = 1ULL << 24;
-    readings.ComputeProcesses = {{1000, 1 << 20}, {1001, 2 << 20}};
-    readings.GraphicsProcesses = {{1001, 3 << 20}};
-    board.Fixed = readings;
-    return board;
+    return boards;
 }
 
 void ResetDriver() {
-    static const std::vector<Board> kBoards = {HealthyBoard(0), HealthyBoard(1)};
+    static const std::vector<Board> kBoards = HealthyBoards();
     Sim().Reset();
     Sim().SetBoards(kBoards);
     Sim().ForbidConcurrentCalls();
@@ -134,6 +121,10 @@ bool IsOneOf(const std::string& text, const Texts& texts) {
 
 std::string ActiveStatus(size_t devices) {
     return "NVML active: " + std::to_string(devices) + " NVIDIA GPU(s).";
+}
+
+double NowSeconds() {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
 // ---- Fields ----
@@ -312,7 +303,7 @@ void RequireHistory(const GpuTelemetryHistory& history) {
     RequireDevice(history.Device);
     RequireProcesses(history.ProcessMemory);
     Require(history.Samples.size() <= kMostSamples, "a history is longer than its bound");
-    const double now = sampler::NowSeconds();
+    const double now = NowSeconds();
     double latest = 0.0;
     for (const Sample& sample : history.Samples) {
         // A cycle whose reading finds no GPU leaves an empty sample.
@@ -518,7 +509,7 @@ private:
         if (Bytes.Flag()) GPUProfiler::Get()->FrameTimeMs = Bytes.AnyDouble();
     }
 
-    void RefuseThread() { sampler::RefuseNextThread(); }
+    void RefuseThread() { sampler_clock::RefuseThreads(1); }
 
     // ---- Arguments ----
 
@@ -569,13 +560,13 @@ private:
     void Resume() { StartBy(&NvmlGpuMonitor::ResumeSampling); }
 
     void StartBy(bool (NvmlGpuMonitor::*start)()) {
-        const uint64_t waits = sampler::Waits();
-        const bool bRefused = sampler::ThreadRefusalPending();
+        const uint64_t waits = sampler_clock::WaitsBegun();
+        const bool bRefused = sampler_clock::RefusalsLeft() > 0;
         bool bStarted = false;
         try {
             bStarted = (Monitor.get()->*start)();
         } catch (const std::system_error&) {
-            Require(bRefused && !sampler::ThreadRefusalPending() && Monitor->IsAvailable(), "a start threw");
+            Require(bRefused && sampler_clock::RefusalsLeft() == 0 && Monitor->IsAvailable(), "a start threw");
             return;
         }
         Require(bStarted == Monitor->IsAvailable(), "a start does not tell whether NVML is up");
@@ -605,7 +596,7 @@ private:
         Monitor.reset();
         bSamplerRuns = false;
         Require(Sim().Use().OpenLibraries == 0, "a library outlives its monitor");
-        Require(sampler::Waits() == WaitsSeen, "a sampler outlives its monitor");
+        Require(sampler_clock::WaitsBegun() == WaitsSeen, "a sampler outlives its monitor");
     }
 
     void MakeAnother() {
@@ -621,7 +612,7 @@ private:
 
     void SetInterval() {
         const std::chrono::milliseconds interval = AnyDuration();
-        const uint64_t waits = sampler::Waits();
+        const uint64_t waits = sampler_clock::WaitsBegun();
         Interval = std::clamp(interval, std::chrono::milliseconds(100), std::chrono::milliseconds(10000));
         RunningDelay = Delay;
         Monitor->SetSampleInterval(interval);
@@ -646,24 +637,25 @@ private:
         const unsigned int cycles = AnyCycles();
         if (!bSamplerRuns || cycles > CyclesLeft) return;
         CyclesLeft -= cycles;
-        const uint64_t waits = sampler::Waits();
-        sampler::LetWaitsPass(cycles);
-        AwaitWaits(waits + 1);
+        const uint64_t waits = sampler_clock::WaitsBegun();
+        sampler_clock::PassWaits(cycles);
+        AwaitWaits(waits + cycles);
     }
 
     void WakeSpuriously() {
         if (!bSamplerRuns) return;
-        const uint64_t waits = sampler::Waits();
+        const uint64_t waits = sampler_clock::WaitsBegun();
         const uint64_t activity = Sim().Use().Activity;
-        sampler::WakeSpuriously();
+        sampler_clock::WakeSpuriously();
         AwaitWaits(waits + 1);
         Require(Sim().Use().Activity == activity, "a spurious wake-up made a cycle");
     }
 
     void AwaitWaits(uint64_t count) {
-        sampler::AwaitWaits(count);
+        Require(sampler_clock::AwaitWaits(count), "the sampler did not come to its wait");
+        Require(sampler_clock::WaitsBegun() == count, "the sampler waited more often than it had a reason to");
         WaitsSeen = count;
-        const std::chrono::milliseconds length = sampler::LatestWait();
+        const auto length = std::chrono::round<std::chrono::milliseconds>(sampler_clock::LatestWait().Duration);
         Require(length == Interval || length == RunningDelay, "the sampler waits for another time than was set");
         RequireNoChange();
     }
@@ -683,13 +675,13 @@ private:
     void ReadBy(Read read) {
         if (Bytes.Byte() == 255) return RequireNullIsRefused([&] { return read(nullptr); });
         Sample sample = PoisonedSample();
-        const double before = sampler::NowSeconds();
+        const double before = NowSeconds();
         const bool bRead = read(&sample);
         RequireNoChange();
         if (!bRead && sample.TimestampSeconds == 0.0) return RequireDefaults(sample);
         RequireReadings(sample);
         RequireFrameTime(sample.FrameTimeMs);
-        RequirePlausible(sample, before - 1e-6, sampler::NowSeconds());
+        RequirePlausible(sample, before - 1e-6, NowSeconds());
         Require(bRead == (sample.PowerWatts >= 0.0 || sample.GraphicsClockMHz >= 0), "a reading tells another result");
     }
 
@@ -881,7 +873,7 @@ private:
         Require(use.OpenLibraries == (bUp ? 1U : 0U) && use.Initializations == (bUp ? 1U : 0U),
                 "the library is not open as it should be");
         Require(!bSamplerRuns || bUp, "a sampler runs without NVML");
-        Require(sampler::Waits() == WaitsSeen, "the sampler woke without a reason");
+        Require(sampler_clock::WaitsBegun() == WaitsSeen, "the sampler woke without a reason");
         RequireHistories(histories);
         RequireStatus(bUp, status, histories);
     }
@@ -965,7 +957,8 @@ void Fail(const std::string& what) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     monitor_fuzz::ResetDriver();
-    monitor_fuzz::sampler::Reset();
+    sampler_clock::Reset();
+    sampler_clock::Hold();
     GPUProfiler::Get()->FrameTimeMs.reset();
     monitor_fuzz::Host(data, size).Run();
     return 0;
