@@ -21,7 +21,7 @@ namespace {
 using namespace failing_memory;
 using simulated_nvml::SimulatedNvml;
 
-constexpr int kCycles = 3;
+constexpr uint64_t kCycles = 3;
 constexpr std::chrono::seconds kLongInterval{10};
 
 /// The faults that were found, one sentence each.
@@ -101,8 +101,8 @@ void RunSampler(NvmlGpuMonitor* monitor) {
     Attempt([&] { bStarted = monitor->Start(); });
     const bool bOpen = !EndsWithClose(SimulatedNvml::Get().Log());
     Expect(bOpen == monitor->IsAvailable(), "the library is open without need, or closed too soon");
-    for (int cycle = 1; bStarted && cycle <= kCycles; ++cycle) {
-        sampler_clock::AwaitWaits(static_cast<uint64_t>(cycle));
+    for (uint64_t cycle = 1; bStarted && cycle <= kCycles; ++cycle) {
+        Expect(sampler_clock::AwaitWaits(cycle), "a cycle did not come to its end");
         if (cycle < kCycles) monitor->SetSampleInterval(kLongInterval);
     }
 }
