@@ -10,6 +10,8 @@
 #include <optional>
 #include <set>
 #include <system_error>
+#include <type_traits>
+#include <variant>
 #include <vector>
 
 #include "fixed_boards.h"
@@ -23,13 +25,7 @@ namespace monitor_fuzz {
 
 namespace {
 
-using simulated_nvml::Answer;
-using simulated_nvml::Board;
-using simulated_nvml::EntryPoint;
-using simulated_nvml::LastCall;
-using simulated_nvml::LibraryUse;
-using simulated_nvml::Shape;
-using simulated_nvml::SimulatedNvml;
+using namespace simulated_nvml;
 using Outcome = LastCall::Result;
 using Result = GpuClockOperationResult;
 using Sample = GpuTelemetrySample;
@@ -53,14 +49,14 @@ SimulatedNvml& Sim() {
 }
 
 /// What calls answer and what they came to.
-simulated_nvml::ScriptedAnswers& Nvml() {
-    static simulated_nvml::ScriptedAnswers& answers = Sim().Answers();
+ScriptedAnswers& Nvml() {
+    static ScriptedAnswers& answers = Sim().Answers();
     return answers;
 }
 
 /// GPUs that nothing is wrong with, whose texts have only characters that `RequireText` expects.
 std::vector<Board> HealthyBoards() {
-    const std::vector<simulated_nvml::ClockGroup> clocks = {{405, {330, 315, 300}}, {420, {330, 315, 300}}};
+    const std::vector<ClockGroup> clocks = {{405, {330, 315, 300}}, {420, {330, 315, 300}}};
     std::vector<Board> boards = fixed_boards::FixedBoards(2, fixed_boards::DistinctReadings(), clocks);
     for (Board& board : boards) {
         for (std::string Board::*text :
@@ -78,7 +74,7 @@ void ResetDriver() {
     Sim().ForbidConcurrentCalls();
     // Discovery and cycles pass on a null handle that was given as a success. What reads a sample or changes a GPU must
     // not.
-    for (unsigned int i = 0; i < simulated_nvml::kEntryPointCount; ++i) {
+    for (unsigned int i = 0; i < kEntryPointCount; ++i) {
         const auto name = EntryPoint{i};
         const Shape shape = ShapeOf(name);
         const bool bOnlyDiscovery = shape == Shape::Text || shape == Shape::Pci || shape == Shape::Processes ||
@@ -131,15 +127,9 @@ double NowSeconds() {
 
 /// What a field holds that was not read, and what it holds before an operation.
 template <typename T>
-constexpr T kUnread = -1;
-template <>
-constexpr uint64_t kUnread<uint64_t> = 0;
+constexpr T kUnread = std::is_unsigned_v<T> ? T{0} : static_cast<T>(-1);
 template <typename T>
 constexpr T kPoisoned = static_cast<T>(kPoison);
-template <>
-constexpr uint64_t kPoisoned<uint64_t> = uint64_t{kPoison} << 32 | kPoison;
-template <>
-constexpr double kPoisoned<double> = -12345.5;
 constexpr const char* kPoisonText = "?untouched?";
 
 /// Where a field comes from.
@@ -167,16 +157,14 @@ void RequireFrom(const Source& source, const T& field) {
     }
 }
 
-template <typename T>
 struct Reading {
-    T Sample::*Field;
+    std::variant<int Sample::*, double Sample::*, uint64_t Sample::*> Field;
     Source From;
 };
 
 constexpr double kMilli = 1000.0;
 constexpr double kKibi = 1024.0;
-
-constexpr Reading<int> kIntReadings[] = {
+constexpr Reading kReadings[] = {
     {&Sample::TemperatureC, {EntryPoint::nvmlDeviceGetTemperature}},
     {&Sample::GpuUtilizationPercent, {EntryPoint::nvmlDeviceGetUtilizationRates}},
     {&Sample::MemoryUtilizationPercent, {EntryPoint::nvmlDeviceGetUtilizationRates, 0, true}},
@@ -190,15 +178,9 @@ constexpr Reading<int> kIntReadings[] = {
     {&Sample::PerformanceState, {EntryPoint::nvmlDeviceGetPerformanceState}},
     {&Sample::PcieGeneration, {EntryPoint::nvmlDeviceGetCurrPcieLinkGeneration}},
     {&Sample::PcieWidth, {EntryPoint::nvmlDeviceGetCurrPcieLinkWidth}},
-};
-
-constexpr Reading<double> kRealReadings[] = {
     {&Sample::PowerWatts, {EntryPoint::nvmlDeviceGetPowerUsage, 0, false, kMilli}},
     {&Sample::PcieTransmitMiBPerSecond, {EntryPoint::nvmlDeviceGetPcieThroughput, 0, false, kKibi}},
     {&Sample::PcieReceiveMiBPerSecond, {EntryPoint::nvmlDeviceGetPcieThroughput, 1, false, kKibi}},
-};
-
-constexpr Reading<uint64_t> kLongReadings[] = {
     {&Sample::VramUsedBytes, {EntryPoint::nvmlDeviceGetMemoryInfo}},
     {&Sample::VramTotalBytes, {EntryPoint::nvmlDeviceGetMemoryInfo, 0, true}},
     {&Sample::Bar1UsedBytes, {EntryPoint::nvmlDeviceGetBAR1MemoryInfo}},
@@ -206,8 +188,14 @@ constexpr Reading<uint64_t> kLongReadings[] = {
     {&Sample::PerformanceLimitReasons, {EntryPoint::nvmlDeviceGetCurrentClocksThrottleReasons}},
 };
 
-constexpr double Sample::*kLimits[] = {&Sample::PowerLimitWatts, &Sample::DefaultPowerLimitWatts,
-                                       &Sample::MinimumPowerLimitWatts, &Sample::MaximumPowerLimitWatts};
+/// What is a rate or a power; that of the limits is judged by `RequireLimits`.
+constexpr double Sample::*kRealFields[] = {&Sample::PowerWatts,
+                                           &Sample::PowerLimitWatts,
+                                           &Sample::DefaultPowerLimitWatts,
+                                           &Sample::MinimumPowerLimitWatts,
+                                           &Sample::MaximumPowerLimitWatts,
+                                           &Sample::PcieReceiveMiBPerSecond,
+                                           &Sample::PcieTransmitMiBPerSecond};
 
 void RequireLimits(double current, double standard, double minimum, double maximum) {
     constexpr EntryPoint kEnforced = EntryPoint::nvmlDeviceGetEnforcedPowerLimit;
@@ -243,20 +231,24 @@ void RequireFrameTime(double field) {
 
 // ---- Samples ----
 
+/// Calls `visit(sample.*field, source)` for each reading but the limits.
+template <typename AnySample, typename Visit>
+void ForEachReading(AnySample& sample, Visit visit) {
+    for (const Reading& reading : kReadings) {
+        std::visit([&](auto field) { visit(sample.*field, reading.From); }, reading.Field);
+    }
+}
+
 Sample PoisonedSample() {
     Sample sample;
-    for (const auto& reading : kIntReadings) sample.*reading.Field = kPoisoned<int>;
-    for (const auto& reading : kRealReadings) sample.*reading.Field = kPoisoned<double>;
-    for (const auto& reading : kLongReadings) sample.*reading.Field = kPoisoned<uint64_t>;
-    for (double Sample::*limit : kLimits) sample.*limit = kPoisoned<double>;
+    ForEachReading(sample, [](auto& field, const Source&) { field = kPoisoned<std::decay_t<decltype(field)>>; });
+    for (double Sample::*field : kRealFields) sample.*field = kPoisoned<double>;
     sample.TimestampSeconds = sample.FrameTimeMs = kPoisoned<double>;
     return sample;
 }
 
 void RequireReadings(const Sample& sample) {
-    for (const auto& reading : kIntReadings) RequireFrom(reading.From, sample.*reading.Field);
-    for (const auto& reading : kRealReadings) RequireFrom(reading.From, sample.*reading.Field);
-    for (const auto& reading : kLongReadings) RequireFrom(reading.From, sample.*reading.Field);
+    ForEachReading(sample, [](const auto& field, const Source& source) { RequireFrom(source, field); });
     RequireLimits(sample.PowerLimitWatts, sample.DefaultPowerLimitWatts, sample.MinimumPowerLimitWatts,
                   sample.MaximumPowerLimitWatts);
 }
@@ -270,11 +262,9 @@ void RequireDefaults(const Sample& sample) {
 
 void RequirePlausible(const Sample& sample, double after, double before) {
     Require(sample.TimestampSeconds > after && sample.TimestampSeconds < before, "a sample is not from its time");
-    const auto requireUnreadOrPositive = [&](double Sample::*field) {
+    for (double Sample::*field : kRealFields) {
         Require(sample.*field == -1.0 || sample.*field >= 0.0, "a sample has a negative reading");
-    };
-    for (const auto& reading : kRealReadings) requireUnreadOrPositive(reading.Field);
-    for (double Sample::*limit : kLimits) requireUnreadOrPositive(limit);
+    }
     Require(!(sample.FrameTimeMs <= 0.0) || sample.FrameTimeMs == -1.0, "a sample has a negative frame time");
 }
 
@@ -323,31 +313,34 @@ void RequireHistories(const std::vector<GpuTelemetryHistory>& histories) {
 
 // ---- Changes ----
 
-/// The sentences of an answer to a change.
-bool IsAnswerTo(const std::string& change, Result result, const std::string& error) {
-    switch (result) {
-        case Result::NoPermission: return error == "NVML denied " + change + " for this user.";
-        case Result::Unsupported: return error == "The NVIDIA driver does not support " + change + ".";
-        case Result::Error: return error == "NVML " + change + " failed.";
-        case Result::Success: break;
-    }
-    return false;
-}
+constexpr EntryPoint kLockGraphics = EntryPoint::nvmlDeviceSetGpuLockedClocks;
+constexpr EntryPoint kResetGraphics = EntryPoint::nvmlDeviceResetGpuLockedClocks;
+constexpr EntryPoint kLockMemory = EntryPoint::nvmlDeviceSetMemoryLockedClocks;
+constexpr EntryPoint kResetMemory = EntryPoint::nvmlDeviceResetMemoryLockedClocks;
+constexpr EntryPoint kSetLimit = EntryPoint::nvmlDeviceSetPowerManagementLimit;
 
-Result ResultOf(unsigned int code) {
-    switch (code) {
-        case 0: return Result::Success;
-        case 3: return Result::Unsupported;
-        case 4: return Result::NoPermission;
-        default: return Result::Error;
-    }
-}
+/// What becomes of the driver's code, and the sentence around the name of the change.
+struct Verdict {
+    unsigned int Code;
+    Result Outcome;
+    const char* Before;
+    const char* After;
+};
+
+constexpr Verdict kVerdicts[] = {{kSuccess, Result::Success, "", ""},
+                                 {kNotSupported, Result::Unsupported, "The NVIDIA driver does not support ", "."},
+                                 {kNoPermission, Result::NoPermission, "NVML denied ", " for this user."}};
+constexpr Verdict kOtherVerdict = {kUnknown, Result::Error, "NVML ", " failed."};
 
 /// `error` is null where the host did not want the sentence.
-void RequireAnswer(EntryPoint setter, const char* change, Result result, const std::string* error) {
-    Require(result == ResultOf(Nvml().Last(setter).Code), "a result is not what the driver answered");
+void RequireAnswer(EntryPoint setter, const std::string& change, Result result, const std::string* error) {
+    const auto* const verdict = std::find_if(std::begin(kVerdicts), std::end(kVerdicts), [&](const Verdict& known) {
+        return known.Code == Nvml().Last(setter).Code;
+    });
+    const auto& [code, outcome, before, after] = verdict != std::end(kVerdicts) ? *verdict : kOtherVerdict;
+    Require(result == outcome, "a result is not what the driver answered");
     if (error == nullptr || result == Result::Success) return;
-    Require(IsAnswerTo(change, result, *error), "a sentence is not that of the answer");
+    Require(*error == before + change + after, "a sentence is not that of the answer");
 }
 
 bool Called(EntryPoint name) {
@@ -366,8 +359,8 @@ void RequireRefusal(Result result, const std::string* error, std::initializer_li
 
 /// Only a pair that the driver lists may be locked, each clock of it by itself.
 void RequireListedLock() {
-    const LastCall& graphics = Nvml().Last(EntryPoint::nvmlDeviceSetGpuLockedClocks);
-    const LastCall& memory = Nvml().Last(EntryPoint::nvmlDeviceSetMemoryLockedClocks);
+    const LastCall& graphics = Nvml().Last(kLockGraphics);
+    const LastCall& memory = Nvml().Last(kLockMemory);
     const auto& pairs = Nvml().ListedPairs();
     Require(graphics.First == graphics.Second && memory.First == memory.Second, "a range of clocks was locked");
     const auto isLocked = [&](const std::pair<int, int>& pair) {
@@ -378,60 +371,61 @@ void RequireListedLock() {
 }
 
 void RequireLock(Result result, const std::string* error) {
-    if (!Called(EntryPoint::nvmlDeviceSetGpuLockedClocks)) {
+    if (!Called(kLockGraphics)) {
         RequireRefusal(result, error, {kNoUsableDevice, kGpuUnavailable},
                        {"Requested clock pair is not supported by NVML.", "NVML locked-clock control is unavailable."});
         return;
     }
     RequireListedLock();
-    if (!Called(EntryPoint::nvmlDeviceSetMemoryLockedClocks)) {
-        RequireAnswer(EntryPoint::nvmlDeviceSetGpuLockedClocks, "GPU locked-clock control", result, error);
+    if (!Called(kLockMemory)) {
+        RequireAnswer(kLockGraphics, "GPU locked-clock control", result, error);
         Require(result != Result::Success, "a lock of one clock only succeeded");
-        Require(!Called(EntryPoint::nvmlDeviceResetGpuLockedClocks), "an earlier lock was reset");
+        Require(!Called(kResetGraphics), "an earlier lock was reset");
         return;
     }
-    RequireAnswer(EntryPoint::nvmlDeviceSetMemoryLockedClocks, "memory locked-clock control", result, error);
+    RequireAnswer(kLockMemory, "memory locked-clock control", result, error);
     const unsigned int undone = result == Result::Success ? 0 : 1;
-    Require(Nvml().Calls(EntryPoint::nvmlDeviceResetGpuLockedClocks) == undone &&
-                Nvml().Calls(EntryPoint::nvmlDeviceResetMemoryLockedClocks) == undone,
+    Require(Nvml().Calls(kResetGraphics) == undone && Nvml().Calls(kResetMemory) == undone,
             "half a lock was not undone, or a whole one was");
 }
 
 void RequireReset(Result result, const std::string* error) {
-    const unsigned int resets = Nvml().Calls(EntryPoint::nvmlDeviceResetGpuLockedClocks);
-    Require(resets == Nvml().Calls(EntryPoint::nvmlDeviceResetMemoryLockedClocks), "only one clock was reset");
+    const unsigned int resets = Nvml().Calls(kResetGraphics);
+    Require(resets == Nvml().Calls(kResetMemory), "only one clock was reset");
     if (resets == 0) {
         RequireRefusal(result, error, {kNoUsableDevice}, {"NVML locked-clock reset is unavailable."});
-    } else if (Nvml().Last(EntryPoint::nvmlDeviceResetMemoryLockedClocks).Code != 0) {
-        RequireAnswer(EntryPoint::nvmlDeviceResetMemoryLockedClocks, "memory locked-clock reset", result, error);
+    } else if (Nvml().Last(kResetMemory).Code != 0) {
+        RequireAnswer(kResetMemory, "memory locked-clock reset", result, error);
     } else {
-        RequireAnswer(EntryPoint::nvmlDeviceResetGpuLockedClocks, "GPU locked-clock reset", result, error);
+        RequireAnswer(kResetGraphics, "GPU locked-clock reset", result, error);
     }
 }
 
-void RequireLimitChange(Result result, const std::string* error, bool bToDefault) {
-    if (Called(EntryPoint::nvmlDeviceSetPowerManagementLimit)) {
-        const uint64_t limit = Nvml().Last(EntryPoint::nvmlDeviceSetPowerManagementLimit).First;
+void RequireLimitChange(Result result, const std::string* error) {
+    if (Called(kSetLimit)) {
+        const uint64_t limit = Nvml().Last(kSetLimit).First;
         const LastCall& range = Nvml().Last(EntryPoint::nvmlDeviceGetPowerManagementLimitConstraints);
         Require(range.Outcome == Outcome::Answered && range.First <= limit && limit <= range.Second,
                 "a limit was set out of the range");
-        RequireAnswer(EntryPoint::nvmlDeviceSetPowerManagementLimit, "power-limit control", result, error);
+        RequireAnswer(kSetLimit, "power-limit control", result, error);
         return;
     }
-    const std::initializer_list<const char*> unsupported = {
-        "Requested power limit is outside the driver-supported range.", "NVML power-limit control is unavailable.",
-        kPowerSentences[1].Text, kPowerSentences[2].Text, kPowerSentences[3].Text};
-    const bool bMayLackDefault = bToDefault && result == Result::Unsupported && error != nullptr;
-    const bool bLacksDefault = bMayLackDefault && (*error == kPowerSentences[0].Text || *error == kGpuUnavailable ||
-                                                   IsOneOf(*error, kStartFailures));
-    if (!bLacksDefault) RequireRefusal(result, error, {kGpuUnavailable}, unsupported);
+    RequireRefusal(
+        result, error, {kGpuUnavailable},
+        {"Requested power limit is outside the driver-supported range.", "NVML power-limit control is unavailable.",
+         kPowerSentences[1].Text, kPowerSentences[2].Text, kPowerSentences[3].Text});
+}
+
+/// Like another limit, but a GPU whose default limit cannot be read refuses with the sentence of its state.
+void RequireDefaultLimit(Result result, const std::string* error) {
+    const bool bLacksDefault =
+        !Called(kSetLimit) && result == Result::Unsupported && error != nullptr &&
+        (*error == kPowerSentences[0].Text || *error == kGpuUnavailable || IsOneOf(*error, kStartFailures));
+    if (!bLacksDefault) RequireLimitChange(result, error);
 }
 
 void RequireNoChange() {
-    for (const EntryPoint change :
-         {EntryPoint::nvmlDeviceSetGpuLockedClocks, EntryPoint::nvmlDeviceResetGpuLockedClocks,
-          EntryPoint::nvmlDeviceSetMemoryLockedClocks, EntryPoint::nvmlDeviceResetMemoryLockedClocks,
-          EntryPoint::nvmlDeviceSetPowerManagementLimit}) {
+    for (const EntryPoint change : {kLockGraphics, kResetGraphics, kLockMemory, kResetMemory, kSetLimit}) {
         Require(!Called(change), "a GPU was changed without a request");
     }
 }
@@ -450,27 +444,17 @@ public:
     }
 
 private:
-    using Instruction = void (Host::*)();
-    struct NamedInstruction {
+    struct Instruction {
         const char* Name;
-        Instruction Do;
+        void (*Do)(Host& host);
     };
-    static const std::vector<NamedInstruction>& Instructions();
+    static const Instruction kInstructions[];
 
-    void Step() {
-        const std::vector<NamedInstruction>& all = Instructions();
-        const NamedInstruction& chosen = all[Bytes.Byte() % all.size()];
-        Operation = chosen.Name;
-        Nvml().BeginOperation();
-        OpeningsBefore = Sim().Use().Openings;
-        (this->*chosen.Do)();
-        RequireState();
-        RequireNoMisuse();
-    }
+    void Step();
 
     // ---- Scripting the driver ----
 
-    EntryPoint AnyEntryPoint() { return EntryPoint{Bytes.Byte() % simulated_nvml::kEntryPointCount}; }
+    EntryPoint AnyEntryPoint() { return EntryPoint{Bytes.Byte() % kEntryPointCount}; }
 
     unsigned int AnyCode() {
         constexpr unsigned int kCodes[] = {0, 1, 2, 3, 4, 6, 7, 15, 999};
@@ -490,14 +474,10 @@ private:
         Nvml().Append(name, answer);
     }
 
-    void ForgetAnswers() { Nvml().Forget(AnyEntryPoint()); }
-
     void HideName() {
         const EntryPoint name = AnyEntryPoint();
         Nvml().HideLookups(name, Bytes.Byte());
     }
-
-    void HideLibrary() { Nvml().HideLibrary(Bytes.Byte()); }
 
     void Confuse() {
         const uint32_t seed = Bytes.Byte();
@@ -508,8 +488,6 @@ private:
         GPUProfiler::Get()->FrameTimeMs.reset();
         if (Bytes.Flag()) GPUProfiler::Get()->FrameTimeMs = Bytes.AnyDouble();
     }
-
-    void RefuseThread() { sampler_clock::RefuseThreads(1); }
 
     // ---- Arguments ----
 
@@ -528,16 +506,16 @@ private:
     }
 
     double AnyWatts() {
-        switch (Bytes.Byte() % 8) {
-            case 0: return LatestPower.MinimumWatts;
-            case 1: return LatestPower.MaximumWatts;
-            case 2: return LatestPower.DefaultWatts;
-            case 3: return std::numeric_limits<double>::quiet_NaN();
-            case 4: return std::numeric_limits<double>::infinity();
-            case 5: return LatestPower.MaximumWatts + 0.0004;
-            case 6: return Bytes.Number() / 1000.0;
-            default: return Bytes.AnyDouble();
-        }
+        const GpuPowerCapabilities& latest = LatestPower;
+        const double watts[] = {latest.MinimumWatts,
+                                latest.MaximumWatts,
+                                latest.DefaultWatts,
+                                std::numeric_limits<double>::quiet_NaN(),
+                                std::numeric_limits<double>::infinity(),
+                                latest.MaximumWatts + 0.0004};
+        const size_t choice = Bytes.Byte() % (std::size(watts) + 2);
+        if (choice < std::size(watts)) return watts[choice];
+        return choice == std::size(watts) ? Bytes.Number() / 1000.0 : Bytes.AnyDouble();
     }
 
     GpuClockPair AnyPair() {
@@ -548,18 +526,9 @@ private:
         return {graphics, static_cast<int>(Bytes.Number())};
     }
 
-    /// Where an operation writes its sentence; null in one of four cases.
-    std::string* AnyError() {
-        Error = kPoisonText;
-        return Bytes.Byte() % 4 == 3 ? nullptr : &Error;
-    }
-
     // ---- Lifecycle ----
 
-    void Start() { StartBy(&NvmlGpuMonitor::Start); }
-    void Resume() { StartBy(&NvmlGpuMonitor::ResumeSampling); }
-
-    void StartBy(bool (NvmlGpuMonitor::*start)()) {
+    void Start(bool (NvmlGpuMonitor::*start)()) {
         const uint64_t waits = sampler_clock::WaitsBegun();
         const bool bRefused = sampler_clock::RefusalsLeft() > 0;
         bool bStarted = false;
@@ -585,10 +554,8 @@ private:
     }
 
     void Pause() {
-        const uint64_t activity = Sim().Use().Activity;
-        Monitor->PauseSampling();
+        RequireNoDriver([&] { Monitor->PauseSampling(); });
         bSamplerRuns = false;
-        Require(Sim().Use().Activity == activity, "a pause used the driver");
     }
 
     void Destroy() {
@@ -645,10 +612,10 @@ private:
     void WakeSpuriously() {
         if (!bSamplerRuns) return;
         const uint64_t waits = sampler_clock::WaitsBegun();
-        const uint64_t activity = Sim().Use().Activity;
-        sampler_clock::WakeSpuriously();
-        AwaitWaits(waits + 1);
-        Require(Sim().Use().Activity == activity, "a spurious wake-up made a cycle");
+        RequireNoDriver([&] {
+            sampler_clock::WakeSpuriously();
+            AwaitWaits(waits + 1);
+        });
     }
 
     void AwaitWaits(uint64_t count) {
@@ -662,55 +629,43 @@ private:
 
     // ---- Readings and queries ----
 
-    void ReadFirst() {
-        ReadBy([this](Sample* output) { return Monitor->ReadCurrentSample(output); });
-    }
-
-    void ReadAny() {
-        const unsigned int index = AnyIndex();
-        ReadBy([this, index](Sample* output) { return Monitor->ReadCurrentSample(index, output); });
-    }
-
-    template <typename Read>
-    void ReadBy(Read read) {
-        if (Bytes.Byte() == 255) return RequireNullIsRefused([&] { return read(nullptr); });
-        Sample sample = PoisonedSample();
-        const double before = NowSeconds();
-        const bool bRead = read(&sample);
+    /// Has `query` fill a record that nobody has filled, or refuse a null one. False: it was null.
+    template <typename Record, typename Query>
+    bool Fill(Record* record, const Record& poisoned, Query query) {
+        const bool bNull = Bytes.Byte() == 255;
+        if (bNull) {
+            RequireNoDriver([&] { Require(!query(nullptr), "a query without an output succeeded"); });
+        } else {
+            *record = poisoned;
+            bFilled = query(record);
+        }
         RequireNoChange();
-        if (!bRead && sample.TimestampSeconds == 0.0) return RequireDefaults(sample);
+        return !bNull;
+    }
+
+    void Read(std::optional<unsigned int> index) {
+        Sample sample;
+        const double before = NowSeconds();
+        const auto read = [&](Sample* output) {
+            return index ? Monitor->ReadCurrentSample(*index, output) : Monitor->ReadCurrentSample(output);
+        };
+        if (!Fill(&sample, PoisonedSample(), read)) return;
+        if (!bFilled && sample.TimestampSeconds == 0.0) return RequireDefaults(sample);
         RequireReadings(sample);
         RequireFrameTime(sample.FrameTimeMs);
         RequirePlausible(sample, before - 1e-6, NowSeconds());
-        Require(bRead == (sample.PowerWatts >= 0.0 || sample.GraphicsClockMHz >= 0), "a reading tells another result");
+        Require(bFilled == (sample.PowerWatts >= 0.0 || sample.GraphicsClockMHz >= 0),
+                "a reading reports another result");
     }
 
-    template <typename Query>
-    void RequireNullIsRefused(Query query) {
-        const uint64_t activity = Sim().Use().Activity;
-        Require(!query(), "a query without an output succeeded");
-        Require(Sim().Use().Activity == activity, "a query without an output used the driver");
-    }
-
-    void QueryFirstClocks() {
-        QueryClocksBy(0, [this](GpuClockCapabilities* output) { return Monitor->GetClockCapabilities(output); });
-    }
-
-    void QueryClocks() {
-        const unsigned int index = AnyIndex();
-        QueryClocksBy(index, [this, index](GpuClockCapabilities* output) {
-            return Monitor->GetClockCapabilities(index, output);
-        });
-    }
-
-    template <typename Query>
-    void QueryClocksBy(unsigned int index, Query query) {
-        if (Bytes.Byte() == 255) return RequireNullIsRefused([&] { return query(nullptr); });
-        LatestClocks = {kPoison,        kPoisonText,    kPoisonText, {{kPoisoned<int>, kPoisoned<int>}},
-                        kPoisoned<int>, kPoisoned<int>, true,        kPoisonText};
-        const bool bFound = query(&LatestClocks);
-        RequireNoChange();
-        RequireClocks(index, bFound, LatestClocks);
+    void QueryClocks(std::optional<unsigned int> index) {
+        const auto query = [&](GpuClockCapabilities* output) {
+            return index ? Monitor->GetClockCapabilities(*index, output) : Monitor->GetClockCapabilities(output);
+        };
+        const GpuClockPair pair = {kPoisoned<int>, kPoisoned<int>};
+        const GpuClockCapabilities poisoned = {kPoison,        kPoisonText,    kPoisonText, {pair},
+                                               kPoisoned<int>, kPoisoned<int>, true,        kPoisonText};
+        if (Fill(&LatestClocks, poisoned, query)) RequireClocks(index.value_or(0), bFilled, LatestClocks);
     }
 
     void RequireClocks(unsigned int index, bool bFound, const GpuClockCapabilities& clocks) {
@@ -743,19 +698,15 @@ private:
 
     void QueryPower() {
         const unsigned int index = AnyIndex();
-        if (Bytes.Byte() == 255) {
-            RequireNullIsRefused([&] { return Monitor->GetPowerCapabilities(index, nullptr); });
-            return;
-        }
-        LatestPower = {kPoison,           kPoisonText,       static_cast<GpuCapabilityState>(77),
-                       kPoisoned<double>, kPoisoned<double>, kPoisoned<double>,
-                       kPoisoned<double>, kPoisonText};
-        const bool bFound = Monitor->GetPowerCapabilities(index, &LatestPower);
-        RequireNoChange();
+        const double watts = kPoisoned<double>;
+        const GpuPowerCapabilities poisoned = {
+            kPoison, kPoisonText, static_cast<GpuCapabilityState>(77), watts, watts, watts, watts, kPoisonText};
+        const auto query = [&](GpuPowerCapabilities* output) { return Monitor->GetPowerCapabilities(index, output); };
+        if (!Fill(&LatestPower, poisoned, query)) return;
         Require(LatestPower.DeviceIndex == index, "a record is of another GPU");
         RequireLimits(LatestPower.CurrentWatts, LatestPower.DefaultWatts, LatestPower.MinimumWatts,
                       LatestPower.MaximumWatts);
-        RequirePowerStatus(bFound, LatestPower);
+        RequirePowerStatus(bFilled, LatestPower);
     }
 
     void RequirePowerStatus(bool bFound, const GpuPowerCapabilities& power) {
@@ -784,12 +735,10 @@ private:
     }
 
     void Capture() {
-        if (Bytes.Byte() == 255) return RequireNullIsRefused([&] { return Monitor->CaptureClockState(nullptr); });
-        Captured = {true, kPoisoned<int>, kPoisoned<int>};
-        const bool bCaptured = Monitor->CaptureClockState(&Captured);
-        RequireNoChange();
-        Require(Captured.Valid == bCaptured && bCaptured == !Nvml().ListedPairs().empty(), "a capture is not valid");
-        if (bCaptured) {
+        const auto query = [&](GpuClockState* output) { return Monitor->CaptureClockState(output); };
+        if (!Fill(&Captured, {true, kPoisoned<int>, kPoisoned<int>}, query)) return;
+        Require(Captured.Valid == bFilled && bFilled == !Nvml().ListedPairs().empty(), "a capture is not valid");
+        if (bFilled) {
             RequireFrom({EntryPoint::nvmlDeviceGetClockInfo, 0}, Captured.GraphicsClockMHz);
             RequireFrom({EntryPoint::nvmlDeviceGetClockInfo, 2}, Captured.MemoryClockMHz);
         } else {
@@ -800,57 +749,54 @@ private:
 
     // ---- Changes ----
 
-    void LockFirst() {
+    void Lock(std::optional<unsigned int> index) {
         const GpuClockPair pair = AnyPair();
-        std::string* const error = AnyError();
-        RequireLock(Checked(Monitor->SetLockedClock(pair, error), error), error);
-    }
-
-    void LockAny() {
-        const unsigned int index = AnyIndex();
-        const GpuClockPair pair = AnyPair();
-        std::string* const error = AnyError();
-        RequireLock(Checked(Monitor->SetLockedClock(index, pair, error), error), error);
+        Change(RequireLock, [&](std::string* error) {
+            return index ? Monitor->SetLockedClock(*index, pair, error) : Monitor->SetLockedClock(pair, error);
+        });
     }
 
     void RestoreState() {
-        std::string* const error = AnyError();
-        RequireReset(Checked(Monitor->RestoreClockState(Captured, error), error), error);
+        Change(RequireReset, [&](std::string* error) { return Monitor->RestoreClockState(Captured, error); });
     }
 
-    void ResetFirst() {
-        std::string* const error = AnyError();
-        RequireReset(Checked(Monitor->RestoreDefaultClocks(error), error), error);
-    }
-
-    void ResetAny() {
-        const unsigned int index = AnyIndex();
-        std::string* const error = AnyError();
-        RequireReset(Checked(Monitor->RestoreDefaultClocks(index, error), error), error);
+    void Reset(std::optional<unsigned int> index) {
+        Change(RequireReset, [&](std::string* error) {
+            return index ? Monitor->RestoreDefaultClocks(*index, error) : Monitor->RestoreDefaultClocks(error);
+        });
     }
 
     void SetLimit() {
         const unsigned int index = AnyIndex();
         const double watts = AnyWatts();
-        std::string* const error = AnyError();
-        RequireLimitChange(Checked(Monitor->SetPowerLimit(index, watts, error), error), error, false);
+        Change(RequireLimitChange, [&](std::string* error) { return Monitor->SetPowerLimit(index, watts, error); });
     }
 
     void RestoreLimit() {
         const unsigned int index = AnyIndex();
-        std::string* const error = AnyError();
-        RequireLimitChange(Checked(Monitor->RestoreDefaultPowerLimit(index, error), error), error, true);
+        Change(RequireDefaultLimit,
+               [&](std::string* error) { return Monitor->RestoreDefaultPowerLimit(index, error); });
     }
 
-    /// What holds for the sentence of every change.
-    static Result Checked(Result result, const std::string* error) {
-        if (error == nullptr) return result;
-        Require((*error == kPoisonText) == (result == Result::Success),
-                "a sentence without a failure, or none with one");
-        return result;
+    /// Makes a change and has `require` judge it. In one of four cases the host does not want the sentence.
+    template <typename Operation>
+    void Change(void (*require)(Result result, const std::string* error), Operation operation) {
+        std::string text = kPoisonText;
+        std::string* const error = Bytes.Byte() % 4 == 3 ? nullptr : &text;
+        const Result result = operation(error);
+        Require(error == nullptr || (text == kPoisonText) == (result == Result::Success),
+                "a sentence without a failure, or a failure without a sentence");
+        require(result, error);
     }
 
     // ---- What holds after every operation ----
+
+    template <typename Operation>
+    static void RequireNoDriver(Operation operation) {
+        const uint64_t activity = Sim().Use().Activity;
+        operation();
+        Require(Sim().Use().Activity == activity, "the driver was used without need");
+    }
 
     std::optional<GpuDeviceInfo> DeviceOf(unsigned int index) const {
         for (const GpuTelemetryHistory& history : Monitor->Snapshot()) {
@@ -897,6 +843,8 @@ private:
     bool bLong;
     std::unique_ptr<NvmlGpuMonitor> Monitor = std::make_unique<NvmlGpuMonitor>();
     bool bSamplerRuns = false;
+    /// What the latest query returned.
+    bool bFilled = false;
     uint64_t WaitsSeen = 0;
     uint64_t OpeningsAtBirth = 0;
     uint64_t OpeningsBefore = 0;
@@ -907,43 +855,49 @@ private:
     GpuClockCapabilities LatestClocks;
     GpuPowerCapabilities LatestPower;
     GpuClockState Captured;
-    std::string Error;
 };
 
 /// Inputs name an instruction by its position, so new ones go last.
-const std::vector<Host::NamedInstruction>& Host::Instructions() {
-    static const std::vector<NamedInstruction> kAll = {
-        {"an answer", &Host::ScriptAnswer},
-        {"the end of answers", &Host::ForgetAnswers},
-        {"a hidden name", &Host::HideName},
-        {"a hidden library", &Host::HideLibrary},
-        {"confusion", &Host::Confuse},
-        {"a frame time", &Host::SetFrameTime},
-        {"a refused thread", &Host::RefuseThread},
-        {"Start", &Host::Start},
-        {"Stop", &Host::Stop},
-        {"PauseSampling", &Host::Pause},
-        {"ResumeSampling", &Host::Resume},
-        {"another monitor", &Host::MakeAnother},
-        {"SetSampleInterval", &Host::SetInterval},
-        {"SetInitialSampleDelay", &Host::SetDelay},
-        {"cycles", &Host::LetCyclesPass},
-        {"a spurious wake-up", &Host::WakeSpuriously},
-        {"ReadCurrentSample", &Host::ReadFirst},
-        {"ReadCurrentSample by index", &Host::ReadAny},
-        {"GetClockCapabilities", &Host::QueryFirstClocks},
-        {"GetClockCapabilities by index", &Host::QueryClocks},
-        {"GetPowerCapabilities", &Host::QueryPower},
-        {"CaptureClockState", &Host::Capture},
-        {"SetLockedClock", &Host::LockFirst},
-        {"SetLockedClock by index", &Host::LockAny},
-        {"RestoreClockState", &Host::RestoreState},
-        {"RestoreDefaultClocks", &Host::ResetFirst},
-        {"RestoreDefaultClocks by index", &Host::ResetAny},
-        {"SetPowerLimit", &Host::SetLimit},
-        {"RestoreDefaultPowerLimit", &Host::RestoreLimit},
-    };
-    return kAll;
+constexpr Host::Instruction Host::kInstructions[] = {
+    {"an answer", [](Host& host) { host.ScriptAnswer(); }},
+    {"the end of answers", [](Host& host) { Nvml().Forget(host.AnyEntryPoint()); }},
+    {"a hidden name", [](Host& host) { host.HideName(); }},
+    {"a hidden library", [](Host& host) { Nvml().HideLibrary(host.Bytes.Byte()); }},
+    {"confusion", [](Host& host) { host.Confuse(); }},
+    {"a frame time", [](Host& host) { host.SetFrameTime(); }},
+    {"a refused thread", [](Host&) { sampler_clock::RefuseThreads(1); }},
+    {"Start", [](Host& host) { host.Start(&NvmlGpuMonitor::Start); }},
+    {"Stop", [](Host& host) { host.Stop(); }},
+    {"PauseSampling", [](Host& host) { host.Pause(); }},
+    {"ResumeSampling", [](Host& host) { host.Start(&NvmlGpuMonitor::ResumeSampling); }},
+    {"another monitor", [](Host& host) { host.MakeAnother(); }},
+    {"SetSampleInterval", [](Host& host) { host.SetInterval(); }},
+    {"SetInitialSampleDelay", [](Host& host) { host.SetDelay(); }},
+    {"cycles", [](Host& host) { host.LetCyclesPass(); }},
+    {"a spurious wake-up", [](Host& host) { host.WakeSpuriously(); }},
+    {"ReadCurrentSample", [](Host& host) { host.Read({}); }},
+    {"ReadCurrentSample by index", [](Host& host) { host.Read(host.AnyIndex()); }},
+    {"GetClockCapabilities", [](Host& host) { host.QueryClocks({}); }},
+    {"GetClockCapabilities by index", [](Host& host) { host.QueryClocks(host.AnyIndex()); }},
+    {"GetPowerCapabilities", [](Host& host) { host.QueryPower(); }},
+    {"CaptureClockState", [](Host& host) { host.Capture(); }},
+    {"SetLockedClock", [](Host& host) { host.Lock({}); }},
+    {"SetLockedClock by index", [](Host& host) { host.Lock(host.AnyIndex()); }},
+    {"RestoreClockState", [](Host& host) { host.RestoreState(); }},
+    {"RestoreDefaultClocks", [](Host& host) { host.Reset({}); }},
+    {"RestoreDefaultClocks by index", [](Host& host) { host.Reset(host.AnyIndex()); }},
+    {"SetPowerLimit", [](Host& host) { host.SetLimit(); }},
+    {"RestoreDefaultPowerLimit", [](Host& host) { host.RestoreLimit(); }},
+};
+
+void Host::Step() {
+    const Instruction& chosen = kInstructions[Bytes.Byte() % std::size(kInstructions)];
+    Operation = chosen.Name;
+    Nvml().BeginOperation();
+    OpeningsBefore = Sim().Use().Openings;
+    chosen.Do(*this);
+    RequireState();
+    RequireNoMisuse();
 }
 
 }  // namespace
