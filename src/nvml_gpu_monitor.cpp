@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
+#include <cstring>
 #include <initializer_list>
 #include <new>
 #include <set>
@@ -437,12 +438,15 @@ constexpr unsigned int kDefaultProcessRecords = 128;
 /// Keeps a driver with a nonsensical count from taking all memory.
 constexpr unsigned int kMaxProcessRecords = 4096;
 
-/// Zeroed room for `count` process records. Some drivers write 32 bytes per record through this interface, so that much
-/// is owned for each record offered.
+/// Room for `count` process records, every byte of it zero. Some drivers write 32 bytes per record through this
+/// interface, so that much is owned for each record offered.
 std::vector<NvmlProcessInfo> ProcessBuffer(unsigned int count) {
     constexpr size_t kLargestRecordBytes = 32;
-    return std::vector<NvmlProcessInfo>((count * kLargestRecordBytes + sizeof(NvmlProcessInfo) - 1) /
+    std::vector<NvmlProcessInfo> buffer((count * kLargestRecordBytes + sizeof(NvmlProcessInfo) - 1) /
                                         sizeof(NvmlProcessInfo));
+    // The constructor need not write the gap between `Pid` and `UsedGpuMemory`.
+    std::memset(buffer.data(), 0, buffer.size() * sizeof(NvmlProcessInfo));
+    return buffer;
 }
 
 /// Adds what one process query reports for one GPU to `out`; a process that is there already keeps its larger value.

@@ -70,6 +70,18 @@ TEST(MergeProcessMemoryTest, ReadsNoMoreRecordsThanItOffered) {
     EXPECT_EQ(processes, (std::unordered_map<int, uint64_t>{{1, 100}, {3, 100}}));
 }
 
+TEST(MergeProcessMemoryTest, OffersABufferThatIsZeroInEveryByte) {
+    static std::string buffer;
+    const auto copyBuffer = [](NvmlDevice, unsigned int* count, NvmlProcessInfo* processes) -> NvmlReturn {
+        *count = 3;
+        if (processes != nullptr) buffer.assign(reinterpret_cast<const char*>(processes), *count * size_t{32});
+        return kNvmlSuccess;
+    };
+    std::unordered_map<int, uint64_t> processes;
+    MergeProcessMemory(copyBuffer, nullptr, processes);
+    EXPECT_EQ(buffer, std::string(96, '\0')) << "the gap in each record and the room behind the records too";
+}
+
 }  // namespace
 
 extern "C" void* __wrap_dlsym(void* library, const char* name) {

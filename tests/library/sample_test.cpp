@@ -9,8 +9,6 @@
 
 namespace {
 
-using simulated_nvml::Readings;
-
 /// Every field that NVML fills, to compare and to print.
 auto FieldsOf(const GpuTelemetrySample& s) {
     return std::make_tuple(
@@ -21,10 +19,8 @@ auto FieldsOf(const GpuTelemetrySample& s) {
         s.PcieWidth, s.PcieReceiveMiBPerSecond, s.PcieTransmitMiBPerSecond, s.PerformanceLimitReasons);
 }
 
-// A board's readings and the sample that they make, in the order of the fields.
+// What fixed_boards::DistinctReadings become, and what a sample holds that nothing was read into.
 // clang-format off
-const Readings kReadings = {61, 62, 63, 64, 65, UINT32_MAX, 66, 2100, 2101, 9501, 1785, 2, 4, 16, UINT32_MAX, 512,
-                            UINT64_MAX, 5'000'000'000, 12'000'000, {}, {}};
 const GpuTelemetrySample kSample = {0.0, 61, 62, 63, 64, 65, 5'000'000'000, 16376ULL << 20U, 12'000'000, 16ULL << 30U,
                                     4294967.295, 320.0, 320.0, 150.0, 352.0, 66, 2100, 2101, 9501, 1785, 2, 4, 16,
                                     4294967295.0 / 1024.0, 0.5, UINT64_MAX, -1.0};
@@ -34,8 +30,6 @@ const GpuTelemetrySample kNothingRead = {0.0, -1, -1, -1, -1, -1, 0, 0, 0, 0, -1
 
 class SampleTest : public MonitorTest {
 protected:
-    SampleTest() { Sim.SetBoards(fixed_boards::FixedBoards(1, kReadings)); }
-
     GpuTelemetrySample Read(bool bExpected = true) {
         GpuTelemetrySample sample;
         EXPECT_EQ(Monitor.ReadCurrentSample(&sample), bExpected);
@@ -100,7 +94,6 @@ TEST_F(SampleTest, QueryThatIsMissingOrFailsLeavesOnlyItsOwnFieldsUnread) {
         EXPECT_EQ(FieldsOf(Read()), FieldsOf(expected)) << query << " missing";
         Monitor.Stop();
         StartOver();
-        Sim.SetBoards(fixed_boards::FixedBoards(1, kReadings));
     }
 }
 
@@ -123,7 +116,7 @@ TEST_F(SampleTest, ConfiguredLimitIsAskedOnlyWhenTheEnforcedOneCannotBeRead) {
 }
 
 TEST_F(SampleTest, SucceedsWithPowerOrGraphicsClockAlsoWhenTheyAreZero) {
-    Readings readings = kReadings;
+    simulated_nvml::Readings readings = fixed_boards::DistinctReadings();
     readings.PowerMilliwatts = readings.GraphicsMHz = 0;
     Sim.SetBoards(fixed_boards::FixedBoards(1, readings));
     Sim.FailFrom("nvmlDeviceGetClockInfo", simulated_nvml::kNotSupported);
@@ -137,6 +130,12 @@ TEST_F(SampleTest, SucceedsWithPowerOrGraphicsClockAlsoWhenTheyAreZero) {
 
 TEST_F(SampleTest, FrameTimeComesFromTheHostsProfiler) {
     EXPECT_EQ(Read().FrameTimeMs, -1.0) << "no frame";
+    const size_t secondRead = Sim.Log().size();
+    std::string before;
+    GPUProfiler::Get()->OnRead = [&] { before = Log(secondRead); };
+    Read();
+    EXPECT_EQ(before, "?HandleByIndex_v2 HandleByIndex_v2(0) ") << "the moment of the sample, before any query";
+    GPUProfiler::Get()->OnRead = nullptr;
     const std::pair<double, double> cases[] = {{16.5, 16.5}, {0.001, 0.001}, {0.0, -1.0}, {-3.0, -1.0}};
     for (const auto& [frameTime, expected] : cases) {
         GPUProfiler::Get()->FrameTimeMs = frameTime;

@@ -1,6 +1,7 @@
 #include "failing_memory.h"
 
 #include <cstdlib>
+#include <cstring>
 #include <new>
 
 #include "simulated_nvml.h"
@@ -13,27 +14,18 @@ thread_local bool bChecking = false;
 
 }  // namespace failing_memory
 
-namespace {
-
 using namespace failing_memory;
 
-bool IsToFail() {
-    if (bChecking || simulated_nvml::SimulatedNvml::InsideCall()) return false;
-    uint64_t left = AllocationsUntilFailure;
-    while (left > 0 && !AllocationsUntilFailure.compare_exchange_weak(left, left - 1)) {
-    }
-    return left == 1;
-}
-
-}  // namespace
-
 void* operator new(size_t bytes) {
-    if (IsToFail()) {
+    const bool bCounts = !bChecking && !simulated_nvml::SimulatedNvml::InsideCall();
+    if (bCounts && AllocationsUntilFailure-- == 1) {
         bAllocationFailed = true;
         throw std::bad_alloc();
     }
-    if (void* memory = std::malloc(bytes)) return memory;
-    throw std::bad_alloc();
+    void* const memory = std::malloc(bytes);
+    if (memory == nullptr) throw std::bad_alloc();
+    // Not zero, so that a test notices what nobody has written.
+    return std::memset(memory, 0xA5, bytes);
 }
 void operator delete(void* memory) noexcept {
     std::free(memory);

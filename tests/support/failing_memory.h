@@ -10,7 +10,7 @@
 
 namespace failing_memory {
 
-/// How many allocations, on any thread, it takes until one throws; that one included. 0: none throws.
+/// How many allocations, on any thread, it takes until one throws; that one included. Set it to 0 and none throws.
 /// What the simulator allocates and what a thread allocates that is `bChecking` does not count.
 extern std::atomic<uint64_t> AllocationsUntilFailure;
 /// Set when an allocation has thrown.

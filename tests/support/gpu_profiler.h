@@ -1,11 +1,12 @@
 #ifndef GPU_PROFILER_H
 #define GPU_PROFILER_H
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
 
-/// A host's profiler whose latest frame a test sets.
+/// A host's profiler: a test sets its latest frame, and what happens when somebody reads it.
 class GPUProfiler {
 public:
     struct FrameSnapshot {
@@ -20,11 +21,13 @@ public:
     }
 
     bool GetLatestSnapshot(FrameSnapshot* snapshot) const {
+        if (OnRead) OnRead();
         *snapshot = {"frame", {1.0, 2.0}, FrameTimeMs.value_or(7.0)};
         return FrameTimeMs.has_value();
     }
 
     std::optional<double> FrameTimeMs;
+    std::function<void()> OnRead;
 };
 
 #endif  // GPU_PROFILER_H

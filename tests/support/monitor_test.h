@@ -21,24 +21,25 @@ inline double SteadySeconds() {
     return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
-/// Every test begins with one desktop board that nothing is wrong with, and fails when the simulator saw misuse or NVML
+/// Every test begins with one fixed board that nothing is wrong with, and fails when the simulator saw misuse or NVML
 /// was left open.
 class ScriptedTest : public testing::Test {
 protected:
     ScriptedTest() {
-        sampler_clock::Reset();
-        GPUProfiler::Get()->FrameTimeMs.reset();
+        *GPUProfiler::Get() = {};
         StartOver();
     }
     ~ScriptedTest() override {
         EXPECT_THAT(Log(), testing::AnyOf("", testing::EndsWith("dlclose "), testing::EndsWith("dlopen(1) ")))
             << "NVML was left open";
         EXPECT_THAT(Sim.Misuse(), testing::IsEmpty());
+        sampler_clock::Reset();
     }
 
     void StartOver() {
         EXPECT_THAT(Sim.Misuse(), testing::IsEmpty());
         Sim.Reset();
+        Sim.SetBoards(fixed_boards::FixedBoards(1));
         Sim.RecordLog();
         Sim.ForbidConcurrentCalls();
         Sim.LetFailuresWrite();

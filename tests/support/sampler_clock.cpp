@@ -2,8 +2,12 @@
 
 #include <pthread.h>
 
+#include <atomic>
 #include <cerrno>
 #include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
 #include <mutex>
 #include <system_error>
 
@@ -26,6 +30,8 @@ namespace {
 
 using std::chrono::nanoseconds;
 
+constexpr std::chrono::seconds kPatience{60};
+
 // Guards what follows. A thread that begins a wait locks it while it holds the mutex of its condition.
 std::mutex Guard;
 std::condition_variable WaitBegan;
@@ -37,7 +43,7 @@ pthread_mutex_t* ConditionMutex = nullptr;
 bool bHeld = false;
 nanoseconds HeldNow{};
 unsigned int WaitsToPass = 0;
-unsigned int ThreadsToRefuse = 0;
+std::atomic<unsigned int> ThreadsToRefuse{0};
 
 nanoseconds TimeOf(const timespec& moment) {
     return std::chrono::seconds(moment.tv_sec) + nanoseconds(moment.tv_nsec);
@@ -53,23 +59,21 @@ bool PassLocked(const timespec& deadline) {
 
 void NoteWaitLocked(pthread_cond_t* condition, pthread_mutex_t* mutex, const timespec& deadline) {
     const nanoseconds now = bHeld ? HeldNow : nanoseconds(STEADY_NOW(__real_)());
+    ++WaitCount;
     Latest = {TimeOf(deadline), TimeOf(deadline) - now};
     Condition = condition;
     ConditionMutex = mutex;
-    ++WaitCount;
     WaitBegan.notify_all();
 }
 
-/// Wakes the thread that waits. Only with the mutex of its condition is it certain that the thread is in its wait
-/// already, and not on its way there.
-void Wake(unsigned int waitsToPass) {
-    pthread_mutex_lock(ConditionMutex);
-    {
-        const std::lock_guard<std::mutex> lock(Guard);
-        WaitsToPass = waitsToPass;
-    }
-    pthread_cond_broadcast(Condition);
-    pthread_mutex_unlock(ConditionMutex);
+/// A wait by the wall clock that ends the program when nobody ends the wait.
+void WaitToBeWoken(pthread_cond_t* condition, pthread_mutex_t* mutex) {
+    timespec giveUp{};
+    clock_gettime(CLOCK_REALTIME, &giveUp);
+    giveUp.tv_sec += kPatience.count();
+    if (pthread_cond_timedwait(condition, mutex, &giveUp) != ETIMEDOUT) return;
+    std::fputs("Nobody has ended a timed wait for a minute.\n", stderr);
+    std::abort();
 }
 
 }  // namespace
@@ -77,12 +81,9 @@ void Wake(unsigned int waitsToPass) {
 extern "C" {
 
 void START_THREAD(__wrap_)(void* thread, void* state, void (*depend)()) {
-    {
-        const std::lock_guard<std::mutex> lock(Guard);
-        if (ThreadsToRefuse > 0) {
-            --ThreadsToRefuse;
-            throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
-        }
+    if (ThreadsToRefuse > 0) {
+        --ThreadsToRefuse;
+        throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
     }
     START_THREAD(__real_)(thread, state, depend);
 }
@@ -96,7 +97,7 @@ int CLOCK_WAIT(__wrap_)(pthread_cond_t* condition, pthread_mutex_t* mutex, clock
     }
     if (PassLocked(*deadline)) return ETIMEDOUT;
     lock.unlock();
-    pthread_cond_wait(condition, mutex);
+    WaitToBeWoken(condition, mutex);
     lock.lock();
     return PassLocked(*deadline) ? ETIMEDOUT : 0;
 }
@@ -128,11 +129,14 @@ void Hold() {
 }
 
 void PassWaits(unsigned int count) {
-    Wake(count);
-}
-
-void WakeSpuriously() {
-    Wake(0);
+    // Only with the mutex of its condition is it certain that the thread is in its wait already, and not on its way.
+    pthread_mutex_lock(ConditionMutex);
+    {
+        const std::lock_guard<std::mutex> lock(Guard);
+        WaitsToPass = count;
+    }
+    pthread_cond_broadcast(Condition);
+    pthread_mutex_unlock(ConditionMutex);
 }
 
 uint64_t WaitsBegun() {
@@ -148,17 +152,15 @@ TimedWait LatestWait() {
 bool AwaitWaits(uint64_t count) {
     std::unique_lock<std::mutex> lock(Guard);
     // The wall clock, because waits on the steady clock come here.
-    const auto giveUp = std::chrono::system_clock::now() + std::chrono::minutes(1);
+    const auto giveUp = std::chrono::system_clock::now() + kPatience;
     return WaitBegan.wait_until(lock, giveUp, [count] { return WaitCount >= count; });
 }
 
 void RefuseThreads(unsigned int count) {
-    const std::lock_guard<std::mutex> lock(Guard);
     ThreadsToRefuse = count;
 }
 
 unsigned int RefusalsLeft() {
-    const std::lock_guard<std::mutex> lock(Guard);
     return ThreadsToRefuse;
 }
 

@@ -22,11 +22,13 @@ void Hold();
 /// waits that follow. A thread must have begun a wait.
 void PassWaits(unsigned int count = 1);
 /// Wakes the thread whose wait began last, without a reason, whether the clock is held or not.
-void WakeSpuriously();
+inline void WakeSpuriously() {
+    PassWaits(0);
+}
 
 struct TimedWait {
-    std::chrono::nanoseconds Deadline;
-    std::chrono::nanoseconds Duration;
+    std::chrono::nanoseconds Deadline{};
+    std::chrono::nanoseconds Duration{};
 };
 /// How many waits have begun. One that goes on after a wake-up is counted again.
 uint64_t WaitsBegun();
