@@ -14,6 +14,7 @@ configure_and_build() {
     cd -- "$root" &&
         cmake --preset release -B "$build" \
             -DNVML_GPU_MONITOR_BUILD_PROGRAMS=ON \
+            -DNVML_GPU_MONITOR_BUILD_EXAMPLES=OFF \
             -DNVML_GPU_MONITOR_BUILD_TESTS=OFF \
             -DNVML_GPU_MONITOR_BUILD_BENCHMARKS=OFF &&
         cmake --build "$build" --target gpu_monitor

@@ -11,7 +11,11 @@
 
 #include "gpu_feed/clock.h"
 #include "gpu_feed/readings.h"
+#include "gpu_feed/tuning_session.h"
+#include "process_names.h"
 #include "rhythm.h"
+
+namespace gpu_feed {
 
 namespace {
 
@@ -21,20 +25,8 @@ using std::chrono::milliseconds;
 constexpr milliseconds kShortestInterval{100};
 constexpr milliseconds kLongestInterval{10000};
 
-/// Readings are overdue after this many periods, but not before this long.
-constexpr double kSilentPeriods = 3.0;
-constexpr double kMinimumSilenceSeconds = 1.0;
-/// The same while no period is known: a cycle over many GPUs takes seconds.
-constexpr double kUnknownPeriodSeconds = 5.0;
-constexpr double kHangSeconds = 5.0;
-
 constexpr const char* kNoSuchGpu = "The GPU is not there any more.";
 constexpr const char* kFeedEnded = "The program is ending.";
-
-double PatienceFor(const FeedGpu& gpu) {
-    if (gpu.PeriodSeconds == 0.0) return kUnknownPeriodSeconds;
-    return std::max(kSilentPeriods * gpu.PeriodSeconds, kMinimumSilenceSeconds);
-}
 
 std::string KeyOf(const GpuDeviceInfo& device) {
     if (!device.Uuid.empty()) return device.Uuid;
@@ -69,18 +61,6 @@ milliseconds Clamped(milliseconds interval) {
 
 }  // namespace
 
-std::shared_ptr<const FeedGpu> FeedData::Find(const std::string& key) const {
-    const auto gpu = std::find_if(Gpus.begin(), Gpus.end(), [&key](const auto& each) { return each->Key == key; });
-    return gpu == Gpus.end() ? nullptr : *gpu;
-}
-
-const TuningRecord* FeedData::FindTuning(const std::string& gpuKey, TuningControl control) const {
-    const auto record = std::find_if(Tuning.begin(), Tuning.end(), [&](const TuningRecord& each) {
-        return each.GpuKey == gpuKey && each.Before.Control() == control;
-    });
-    return record == Tuning.end() ? nullptr : &*record;
-}
-
 /// The feed's thread and what it shares with the interface.
 class MonitorFeed::Worker {
 public:
@@ -88,7 +68,8 @@ public:
     using Task = std::function<void(NvmlGpuMonitor* monitor)>;
 
     explicit Worker(FeedOptions options)
-        : Options(std::move(options)),
+        : bSimulated(options.bSimulated),
+          Options(std::move(options)),
           SamplerRhythm(Clamped(Options.Interval)),
           Data(std::make_shared<const FeedData>()) {
         Next.Interval = Clamped(Options.Interval);
@@ -153,6 +134,8 @@ public:
         const double since = DriverUsedSince;
         return since == 0.0 ? 0.0 : NowSeconds() - since;
     }
+
+    bool IsSimulated() const { return bSimulated; }
 
     // ---- On the feed's thread ----
 
@@ -332,7 +315,7 @@ private:
     void Fill(GpuTelemetryHistory history, double now, FeedGpu* gpu) {
         gpu->Device = std::move(history.Device);
         gpu->Samples = std::move(history.Samples);
-        gpu->Processes = Names.Describe(history.ProcessMemory, Options.bNameProcesses);
+        gpu->Processes = Names.Describe(history.ProcessMemory, !bSimulated);
         if (TakeLatest(gpu)) {
             gpu->SilentSince = 0.0;
         } else if (gpu->SilentSince == 0.0) {
@@ -413,6 +396,8 @@ private:
         Ended.notify_all();
     }
 
+    const bool bSimulated;
+
     // The thread's own.
     FeedOptions Options;
     Rhythm SamplerRhythm;
@@ -448,25 +433,8 @@ std::shared_ptr<const FeedData> MonitorFeed::Latest() const {
     return Work->Latest();
 }
 
-double MonitorFeed::DriverWait() const {
-    return Work->DriverWait();
-}
-
-bool MonitorFeed::IsDriverHanging(const FeedData& data) const {
-    double patience = kHangSeconds;
-    for (const auto& gpu : data.Gpus) patience = std::max(patience, PatienceFor(*gpu));
-    return DriverWait() >= patience;
-}
-
-GpuState MonitorFeed::StateOf(const FeedData& data, const FeedGpu& gpu) const {
-    if (data.State == FeedState::Unavailable) return GpuState::Unavailable;
-    const bool bPaused = data.State == FeedState::Paused;
-    const double until = bPaused ? data.PausedAt : NowSeconds();
-    const double silence = gpu.SilentSince == 0.0 ? 0.0 : until - gpu.SilentSince;
-    const double wait = bPaused ? 0.0 : DriverWait();
-    if (std::max(silence, wait) >= PatienceFor(gpu)) return GpuState::NoData;
-    if (bPaused) return GpuState::Paused;
-    return gpu.Latest.TimestampSeconds < data.SamplingSince ? GpuState::Starting : GpuState::Live;
+FeedMoment MonitorFeed::Moment() const {
+    return {Work->Latest(), NowSeconds(), std::chrono::system_clock::now(), Work->DriverWait(), Work->IsSimulated()};
 }
 
 void MonitorFeed::SetInterval(milliseconds interval) {
@@ -528,3 +496,5 @@ bool MonitorFeed::Stop(milliseconds patience) {
     }
     return !bLeftBehind;
 }
+
+}  // namespace gpu_feed

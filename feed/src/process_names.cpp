@@ -1,4 +1,4 @@
-#include "gpu_feed/process_names.h"
+#include "process_names.h"
 
 #include <pwd.h>
 #include <sys/stat.h>
@@ -10,6 +10,8 @@
 #include <thread>
 #include <tuple>
 #include <utility>
+
+namespace gpu_feed {
 
 namespace {
 
@@ -65,3 +67,5 @@ std::string ProcessNames::UserName(unsigned int userId) {
     const bool bKnown = name.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
     return bKnown ? name.get() : std::to_string(userId);
 }
+
+}  // namespace gpu_feed

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+namespace gpu_feed {
+
 namespace {
 
 /// How long after the expected start of a cycle to look: late enough for the sampler to have begun, so that the look
@@ -40,3 +42,5 @@ double Rhythm::AfterNothing(double now) {
     RetrySeconds = std::min(RetrySeconds * 2.0, IntervalSeconds);
     return next;
 }
+
+}  // namespace gpu_feed

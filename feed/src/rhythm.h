@@ -1,10 +1,12 @@
-#ifndef EXAMPLES_RHYTHM_H
-#define EXAMPLES_RHYTHM_H
+#ifndef RHYTHM_H
+#define RHYTHM_H
 
 #include <chrono>
 #include <deque>
 
 #include "nvml_gpu_monitor.h"
+
+namespace gpu_feed {
 
 /// Tells when the sampler's next cycle is due, from the timestamps of its samples. Moments are steady-clock seconds.
 class Rhythm {
@@ -29,4 +31,6 @@ private:
     double RetrySeconds;
 };
 
-#endif  // EXAMPLES_RHYTHM_H
+}  // namespace gpu_feed
+
+#endif  // RHYTHM_H

@@ -19,15 +19,15 @@
 #include <utility>
 #include <vector>
 
-#include "terminal/failure.h"
+#include "commands/change_commands.h"
 #include "commands/polled_feed.h"
-#include "nvml_gpu_monitor.h"
 #include "commands/query_commands.h"
-#include "terminal/output.h"
 #include "commands/simulate.h"
 #include "commands/stream.h"
-#include "commands/change_commands.h"
 #include "commands/watch.h"
+#include "nvml_gpu_monitor.h"
+#include "terminal/failure.h"
+#include "terminal/output.h"
 
 namespace {
 

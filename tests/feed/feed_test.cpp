@@ -7,12 +7,13 @@
 #include <future>
 #include <mutex>
 
+#include "gpu_feed/limit_reasons.h"
 #include "monitor_test.h"
-#include "gpu_feed/readings.h"
 
 namespace {
 
 using namespace testing;
+using namespace gpu_feed;
 using simulated_nvml::DesktopBoard;
 using Kind = TuningChange::Kind;
 using std::chrono::milliseconds;
@@ -64,9 +65,9 @@ protected:
 
     /// The state of the GPU with the UUID of a board.
     GpuState StateOf(unsigned int board) const {
-        const std::shared_ptr<const FeedData> data = Feed->Latest();
-        const std::shared_ptr<const FeedGpu> gpu = data->Find(Key(board));
-        return gpu == nullptr ? GpuState::Starting : Feed->StateOf(*data, *gpu);
+        const FeedMoment moment = Feed->Moment();
+        const std::shared_ptr<const FeedGpu> gpu = moment.Data->Find(Key(board));
+        return gpu == nullptr ? GpuState::Starting : gpu_feed::StateOf(moment, *gpu);
     }
 
     bool WaitForState(unsigned int board, GpuState state) {
@@ -100,7 +101,7 @@ protected:
 TEST_F(FeedTest, StartsWithoutBeingWaitedForAndGivesSamplesOfEveryGpu) {
     Sim.Block("nvmlInit_v2");
     Start();
-    EXPECT_TRUE(WaitFor([this] { return Feed->DriverWait() > 0.05; }));
+    EXPECT_TRUE(WaitFor([this] { return Feed->Moment().DriverSilence > 0.05; }));
     EXPECT_EQ(State(), FeedState::Starting);
     EXPECT_THAT(Feed->Latest()->Gpus, IsEmpty());
     EXPECT_EQ(ChangeCount(), 0);
@@ -114,7 +115,7 @@ TEST_F(FeedTest, StartsWithoutBeingWaitedForAndGivesSamplesOfEveryGpu) {
     for (const auto& gpu : data->Gpus) {
         EXPECT_EQ(gpu->Latest.TimestampSeconds, gpu->Samples.back().TimestampSeconds);
         EXPECT_THAT(gpu->PeriodSeconds, AllOf(Ge(0.1), Le(SteadySeconds() - gpu->Samples[0].TimestampSeconds)));
-        EXPECT_THAT(gpu->Age(SteadySeconds()), AllOf(Gt(0.0), Lt(60.0)));
+        EXPECT_THAT(AgeOf(Feed->Moment(), *gpu), AllOf(Gt(0.0), Lt(60.0)));
         EXPECT_TRUE(std::is_sorted(gpu->Processes.begin(), gpu->Processes.end(),
                                    [](const auto& a, const auto& b) { return a.VramUsedBytes > b.VramUsedBytes; }));
         EXPECT_THAT(gpu->Processes, Not(IsEmpty()));
@@ -149,9 +150,9 @@ TEST_F(FeedTest, DriverThatHangsHoldsUpNeitherTheDataNorTheEnd) {
     EXPECT_TRUE(WaitForSamples(3));
     Sim.Block(kReadingCall);
     EXPECT_TRUE(WaitForState(0, GpuState::NoData) && WaitForState(1, GpuState::NoData));
-    const double wait = Feed->DriverWait();
+    const double wait = Feed->Moment().DriverSilence;
     EXPECT_GT(wait, 0.0);
-    EXPECT_TRUE(WaitFor([&] { return Feed->DriverWait() > wait; }));
+    EXPECT_TRUE(WaitFor([&] { return Feed->Moment().DriverSilence > wait; }));
     std::future<TuningCapabilities> unanswered = Feed->QueryTuning(Key());
     EXPECT_FALSE(Feed->Stop(milliseconds(100)));
     const int changes = ChangeCount();
@@ -303,7 +304,7 @@ TEST(ReadingsTest, OnlyLimitsThatProtectTheGpuAreADanger) {
     for (uint64_t bit = 1; bit != 0; bit <<= 1U) {
         GpuTelemetrySample sample;
         sample.PerformanceLimitReasons = bit;
-        const std::vector<ClockReason> reasons = ClockReasons(sample);
+        const std::vector<LimitReason> reasons = LimitReasons(sample.PerformanceLimitReasons);
         ASSERT_THAT(reasons, SizeIs(1));
         EXPECT_EQ(reasons[0].bDanger, (bit & dangers) != 0) << reasons[0].Word;
         EXPECT_EQ(reasons[0].bIdle, bit == simulated_nvml::kReasonIdle) << reasons[0].Word;

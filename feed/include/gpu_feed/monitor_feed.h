@@ -1,78 +1,18 @@
-#ifndef EXAMPLES_MONITOR_FEED_H
-#define EXAMPLES_MONITOR_FEED_H
+#ifndef GPU_FEED_MONITOR_FEED_H
+#define GPU_FEED_MONITOR_FEED_H
 
 #include <chrono>
-#include <deque>
 #include <functional>
 #include <future>
 #include <memory>
 #include <string>
 #include <thread>
-#include <vector>
 
+#include "gpu_feed/feed_data.h"
+#include "gpu_feed/tuning_change.h"
 #include "nvml_gpu_monitor.h"
-#include "gpu_feed/process_names.h"
-#include "gpu_feed/tuning_session.h"
 
-enum class FeedState {
-    /// NVML is being started.
-    Starting,
-    Sampling,
-    Paused,
-    /// NVML, or sampling, could not be started; `FeedData::Status` says why.
-    Unavailable,
-};
-
-enum class GpuState {
-    /// No reading yet since sampling began or went on.
-    Starting,
-    Live,
-    Paused,
-    /// Readings are overdue, or were when sampling was paused: the GPU may be lost, or the driver hangs.
-    NoData,
-    /// As the whole feed.
-    Unavailable,
-};
-
-/// One GPU as of the latest look at it. Moments are steady-clock seconds, as in samples.
-struct FeedGpu {
-    /// Names the GPU for as long as the program runs: its UUID. Where that was not read, or another GPU has it too, the
-    /// PCI bus id and the index take part.
-    std::string Key;
-    GpuDeviceInfo Device;
-    /// Oldest first.
-    std::deque<GpuTelemetrySample> Samples;
-    /// Largest first.
-    std::vector<FeedProcess> Processes;
-    /// The newest sample with any reading; without one, its `TimestampSeconds` is 0.
-    GpuTelemetrySample Latest;
-    /// From one sample to the next, as last measured; 0 until it can be, also after a pause or with a new interval.
-    double PeriodSeconds = 0.0;
-    /// Since when looks at the GPU have been in vain; 0 while they are not.
-    double SilentSince = 0.0;
-
-    /// Of the latest reading, if there is one.
-    double Age(double now) const { return now - Latest.TimestampSeconds; }
-};
-
-/// What the feed publishes. Nothing in it changes any more.
-struct FeedData {
-    FeedState State = FeedState::Starting;
-    /// The monitor's `Status`, or why sampling could not be started; empty while NVML is being started.
-    std::string Status;
-    std::chrono::milliseconds Interval{0};
-    /// When sampling began or went on, and when it was paused last.
-    double SamplingSince = 0.0;
-    double PausedAt = 0.0;
-    /// In the order of NVML's indices; none is null.
-    std::vector<std::shared_ptr<const FeedGpu>> Gpus;
-    /// Of each setting of a GPU that the program has changed, or has tried to.
-    std::vector<TuningRecord> Tuning;
-
-    /// Null when there is none.
-    std::shared_ptr<const FeedGpu> Find(const std::string& key) const;
-    const TuningRecord* FindTuning(const std::string& gpuKey, TuningControl control) const;
-};
+namespace gpu_feed {
 
 /// What can be changed on one GPU, as `NvmlGpuMonitor` tells it.
 struct TuningCapabilities {
@@ -83,8 +23,8 @@ struct TuningCapabilities {
 struct FeedOptions {
     /// As `NvmlGpuMonitor::SetSampleInterval` takes it.
     std::chrono::milliseconds Interval{1000};
-    /// False for simulated GPUs, whose processes are none of this system's.
-    bool bNameProcesses = true;
+    /// Whether the GPUs are simulated: processes on them are not this system's, so they get no names.
+    bool bSimulated = false;
     /// Called on the feed's thread, with a lock of the feed held, when there is something new: data or a result. All it
     /// may do is wake the interface. Once `Stop` has returned it is not called any more.
     std::function<void()> OnChange = [] {};
@@ -114,14 +54,8 @@ public:
     /// Never null.
     std::shared_ptr<const FeedData> Latest() const;
 
-    /// What `gpu`, of `data`, does at this moment.
-    GpuState StateOf(const FeedData& data, const FeedGpu& gpu) const;
-
-    /// How long the feed's thread has been waiting for the driver, in seconds.
-    double DriverWait() const;
-
-    /// Whether that is much longer than cycles over the GPUs of `data` take.
-    bool IsDriverHanging(const FeedData& data) const;
+    /// The same with what else a view draws from.
+    FeedMoment Moment() const;
 
     void SetInterval(std::chrono::milliseconds interval);
     void Pause();
@@ -158,4 +92,6 @@ private:
     bool bLeftBehind = false;
 };
 
-#endif  // EXAMPLES_MONITOR_FEED_H
+}  // namespace gpu_feed
+
+#endif  // GPU_FEED_MONITOR_FEED_H

@@ -8,15 +8,17 @@
 #include <utility>
 #include <vector>
 
-#include "text/change_text.h"
-#include "gpu_feed/clock.h"
 #include "commands/gpu_discovery.h"
+#include "gpu_feed/clock.h"
 #include "terminal/failure.h"
 #include "terminal/output.h"
 #include "terminal/signals.h"
-#include "text/text_format.h"
+#include "text/change_text.h"
+#include "text/reading_text.h"
 #include "text/text_layout.h"
 #include "text/tuning_format.h"
+
+using namespace gpu_feed;
 
 namespace {
 

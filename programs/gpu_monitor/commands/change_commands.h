@@ -1,5 +1,5 @@
-#ifndef GPU_MONITOR_TUNING_H
-#define GPU_MONITOR_TUNING_H
+#ifndef GPU_MONITOR_CHANGE_COMMANDS_H
+#define GPU_MONITOR_CHANGE_COMMANDS_H
 
 #include <optional>
 #include <string>
@@ -29,4 +29,4 @@ int RunSetPower(const TuningOptions& options, double watts);
 /// Sets the power limit of GPUs to their defaults.
 int RunResetPower(const TuningOptions& options);
 
-#endif  // GPU_MONITOR_TUNING_H
+#endif  // GPU_MONITOR_CHANGE_COMMANDS_H

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <string>
 
-#include "terminal/failure.h"
 #include "commands/simulate.h"
+#include "terminal/failure.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
-#ifndef GPU_MONITOR_DRIVER_H
-#define GPU_MONITOR_DRIVER_H
+#ifndef GPU_MONITOR_GPU_DISCOVERY_H
+#define GPU_MONITOR_GPU_DISCOVERY_H
 
 #include <optional>
 #include <string>
@@ -18,4 +18,4 @@ void RequireGpu(const std::vector<GpuDeviceInfo>& gpus, unsigned int index);
 /// `Failure`.
 std::vector<GpuDeviceInfo> DiscoverGpus(std::optional<unsigned int> only, NvmlGpuMonitor* monitor);
 
-#endif  // GPU_MONITOR_DRIVER_H
+#endif  // GPU_MONITOR_GPU_DISCOVERY_H

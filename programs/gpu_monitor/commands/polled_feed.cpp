@@ -8,8 +8,10 @@
 #include <vector>
 
 #include "commands/gpu_discovery.h"
-#include "terminal/failure.h"
 #include "commands/simulate.h"
+#include "terminal/failure.h"
+
+using namespace gpu_feed;
 
 namespace {
 
@@ -30,27 +32,27 @@ void TellNews(int descriptor) {
 
 }  // namespace
 
-LiveFeed::LiveFeed(std::chrono::milliseconds interval)
+PolledFeed::PolledFeed(std::chrono::milliseconds interval)
     : NewsDescriptor(NewsChannel()),
-      Feed({interval, !IsSimulating(), [descriptor = NewsDescriptor] { TellNews(descriptor); }}) {}
+      Feed({interval, IsSimulating(), [descriptor = NewsDescriptor] { TellNews(descriptor); }}) {}
 
-LiveFeed::~LiveFeed() {
+PolledFeed::~PolledFeed() {
     if (!Feed.Stop()) bDriverLeftBehind = true;
     close(NewsDescriptor);
 }
 
-void LiveFeed::TakeNews() const {
+void PolledFeed::TakeNews() const {
     uint64_t count = 0;
     const ssize_t ignored = read(NewsDescriptor, &count, sizeof count);
     static_cast<void>(ignored);
 }
 
-bool LiveFeed::WaitForNews(int timeoutMs, int stopDescriptor) const {
+bool PolledFeed::WaitForNews(int timeoutMs, int stopDescriptor) const {
     pollfd descriptors[] = {{NewsDescriptor, POLLIN, 0}, {stopDescriptor, POLLIN, 0}};
     return poll(descriptors, 2, timeoutMs) <= 0 || descriptors[1].revents == 0;
 }
 
-void LiveFeed::RequireUsable(const FeedData& data, std::optional<unsigned int> onlyGpu) {
+void PolledFeed::RequireUsable(const FeedData& data, std::optional<unsigned int> onlyGpu) {
     if (data.State == FeedState::Starting) return;
     RequireDriver(data.State != FeedState::Unavailable, data.Status);
     std::vector<GpuDeviceInfo> devices;
@@ -58,7 +60,7 @@ void LiveFeed::RequireUsable(const FeedData& data, std::optional<unsigned int> o
     if (onlyGpu) RequireGpu(devices, *onlyGpu);
 }
 
-void LiveFeed::LeaveDriverBehind() {
+void PolledFeed::LeaveDriverBehind() {
     if (!Feed.Stop(std::chrono::milliseconds(0))) bDriverLeftBehind = true;
 }
 

@@ -1,5 +1,5 @@
-#ifndef GPU_MONITOR_LIVE_FEED_H
-#define GPU_MONITOR_LIVE_FEED_H
+#ifndef GPU_MONITOR_POLLED_FEED_H
+#define GPU_MONITOR_POLLED_FEED_H
 
 #include <chrono>
 #include <memory>
@@ -8,16 +8,16 @@
 #include "gpu_feed/monitor_feed.h"
 
 /// The monitor's feed for a program that waits with `poll`.
-class LiveFeed {
+class PolledFeed {
 public:
-    explicit LiveFeed(std::chrono::milliseconds interval);
-    ~LiveFeed();
+    explicit PolledFeed(std::chrono::milliseconds interval);
+    ~PolledFeed();
 
-    LiveFeed(const LiveFeed&) = delete;
-    LiveFeed& operator=(const LiveFeed&) = delete;
+    PolledFeed(const PolledFeed&) = delete;
+    PolledFeed& operator=(const PolledFeed&) = delete;
 
-    MonitorFeed* operator->() { return &Feed; }
-    MonitorFeed* Get() { return &Feed; }
+    gpu_feed::MonitorFeed* operator->() { return &Feed; }
+    gpu_feed::MonitorFeed* Get() { return &Feed; }
 
     /// A descriptor that is readable while `TakeNews` has not been called since the latest change.
     int Descriptor() const { return NewsDescriptor; }
@@ -28,17 +28,17 @@ public:
     bool WaitForNews(int timeoutMs, int stopDescriptor) const;
 
     /// Throws `Failure` when `data` shows that there is no usable driver, or no GPU of the index that is asked for.
-    static void RequireUsable(const FeedData& data, std::optional<unsigned int> onlyGpu);
+    static void RequireUsable(const gpu_feed::FeedData& data, std::optional<unsigned int> onlyGpu);
 
     /// Ends the feed at once, because the driver does not answer.
     void LeaveDriverBehind();
 
 private:
     const int NewsDescriptor;
-    MonitorFeed Feed;
+    gpu_feed::MonitorFeed Feed;
 };
 
 /// Whether a feed ended while its driver hung: its thread still runs, so the program must not run its destructors.
 bool IsDriverLeftBehind();
 
-#endif  // GPU_MONITOR_LIVE_FEED_H
+#endif  // GPU_MONITOR_POLLED_FEED_H

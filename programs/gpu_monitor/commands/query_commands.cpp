@@ -6,13 +6,16 @@
 #include <vector>
 
 #include "commands/gpu_discovery.h"
-#include "terminal/failure.h"
-#include "text/json_format.h"
+#include "gpu_feed/readings.h"
 #include "nvml_gpu_monitor.h"
+#include "terminal/failure.h"
 #include "terminal/output.h"
-#include "text/text_format.h"
+#include "text/json_format.h"
+#include "text/table_format.h"
 #include "text/text_layout.h"
 #include "text/tuning_format.h"
+
+using namespace gpu_feed;
 
 namespace {
 
@@ -54,7 +57,7 @@ int RunList(const QueryOptions& options) {
 }
 
 int RunSample(const QueryOptions& options) {
-    return RunQuery<GpuReading>(options, {SampleJson, SampleText}, [](NvmlGpuMonitor* monitor, GpuReading* gpu) {
+    return RunQuery<GpuReadings>(options, {SampleJson, SampleText}, [](NvmlGpuMonitor* monitor, GpuReadings* gpu) {
         monitor->ReadCurrentSample(gpu->Device.Index, &gpu->Sample);
         return std::string(HasAnyReading(gpu->Sample) ? "" : " gave no reading.");
     });

@@ -1,5 +1,5 @@
-#ifndef GPU_MONITOR_ONE_SHOT_H
-#define GPU_MONITOR_ONE_SHOT_H
+#ifndef GPU_MONITOR_QUERY_COMMANDS_H
+#define GPU_MONITOR_QUERY_COMMANDS_H
 
 #include <optional>
 
@@ -24,4 +24,4 @@ int RunClocks(const QueryOptions& options);
 /// The power limit and its range.
 int RunPower(const QueryOptions& options);
 
-#endif  // GPU_MONITOR_ONE_SHOT_H
+#endif  // GPU_MONITOR_QUERY_COMMANDS_H

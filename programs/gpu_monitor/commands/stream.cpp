@@ -12,14 +12,16 @@
 #include <string>
 #include <vector>
 
+#include "commands/polled_feed.h"
 #include "gpu_feed/clock.h"
 #include "terminal/failure.h"
-#include "text/json_format.h"
-#include "commands/polled_feed.h"
 #include "terminal/output.h"
 #include "terminal/signals.h"
-#include "text/text_format.h"
+#include "text/json_format.h"
+#include "text/stream_format.h"
 #include "text/text_layout.h"
+
+using namespace gpu_feed;
 
 namespace {
 
@@ -54,13 +56,13 @@ public:
             if (!Feed.WaitForNews(-1, StopDescriptor)) return;
             Feed.TakeNews();
         }
-        LiveFeed::RequireUsable(*Feed->Latest(), Options.Gpu);
+        PolledFeed::RequireUsable(*Feed->Latest(), Options.Gpu);
         if (!Options.bJson && !Print(StreamHeading())) return;
         do {
             Feed.TakeNews();
-            const std::shared_ptr<const FeedData> data = Feed->Latest();
-            if (!PrintCycles(NewRows(*data))) return;
-            NoticeSilence(*data);
+            const FeedMoment moment = Feed->Moment();
+            if (!PrintCycles(NewRows(*moment.Data))) return;
+            NoticeSilence(moment);
         } while (WaitForNews());
     }
 
@@ -135,14 +137,14 @@ private:
 
     /// Says so once per GPU on standard error when it seems lost. Throws `Failure` when no GPU that is shown gives
     /// readings any more.
-    void NoticeSilence(const FeedData& data) {
-        const double now = NowSeconds();
-        HangsSeen = Feed->IsDriverHanging(data) ? HangsSeen + 1 : 0;
+    void NoticeSilence(const FeedMoment& moment) {
+        const double now = moment.Now;
+        HangsSeen = IsDriverHanging(moment) ? HangsSeen + 1 : 0;
         bool bAllSilent = true;
         double lastReading = StartedAt;
-        for (const auto& gpu : data.Gpus) {
+        for (const auto& gpu : moment.Data->Gpus) {
             if (!IsWanted(*gpu)) continue;
-            const bool bSilent = Feed->StateOf(data, *gpu) == GpuState::NoData;
+            const bool bSilent = StateOf(moment, *gpu) == GpuState::NoData;
             TellSilence(*gpu, bSilent, now);
             lastReading = std::max(lastReading, gpu->Latest.TimestampSeconds);
             const bool bLong = gpu->SilentSince != 0.0 && now - gpu->SilentSince >= kLongestSilenceSeconds;
@@ -168,7 +170,7 @@ private:
     const int StopDescriptor;
     const double StartedAt;
     const bool bTerminal = isatty(STDOUT_FILENO) == 1;
-    LiveFeed Feed;
+    PolledFeed Feed;
     std::map<std::string, double> PrintedUntil;
     std::set<std::string> Silent;
     int HangsSeen = 0;

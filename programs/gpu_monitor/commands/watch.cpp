@@ -12,17 +12,19 @@
 #include <utility>
 #include <vector>
 
-#include "text/change_text.h"
-#include "gpu_feed/clock.h"
-#include "view/dialog.h"
-#include "terminal/failure.h"
 #include "commands/polled_feed.h"
+#include "gpu_feed/clock.h"
+#include "terminal/failure.h"
 #include "terminal/output.h"
 #include "terminal/screen.h"
 #include "terminal/signals.h"
+#include "text/change_text.h"
 #include "text/text_layout.h"
-#include "view/tuning_panel.h"
+#include "view/dialog.h"
 #include "view/live_view.h"
+#include "view/tuning_panel.h"
+
+using namespace gpu_feed;
 
 namespace {
 
@@ -54,7 +56,7 @@ public:
 
     int Run() {
         if (!Feed.WaitForNews(kQuickStartMs, StopDescriptor)) return kExitSuccess;
-        LiveFeed::RequireUsable(*Feed->Latest(), Options.Gpu);
+        PolledFeed::RequireUsable(*Feed->Latest(), Options.Gpu);
         return IsTakeBackWanted() ? TakeAllBack() : TellKept();
     }
 
@@ -74,13 +76,14 @@ private:
         Screen screen;
         do {
             Feed.TakeNews();
-            const std::shared_ptr<const FeedData> data = Feed->Latest();
-            LiveFeed::RequireUsable(*data, Options.Gpu);
+            const FeedMoment moment = Feed->Moment();
+            const std::shared_ptr<const FeedData> data = moment.Data;
+            PolledFeed::RequireUsable(*data, Options.Gpu);
             if (Choice.Gpu.empty()) SelectFirst(*data);
             if (Panel) Panel->OnTime();
             // Nothing can be taken back while the program is stopped.
             screen.AllowSuspending(!Panel && Outstanding(*data).empty());
-            Draw(*data, &screen);
+            Draw(moment, &screen);
             if (!Wait(*data)) return true;
             for (int key = screen.ReadKey(); key != NoKey && !bLeft; key = screen.ReadKey()) OnKey(key);
         } while (!bLeft);
@@ -102,13 +105,13 @@ private:
         }
     }
 
-    void Draw(const FeedData& data, Screen* screen) {
-        if (NowSeconds() >= NoticeUntil) Choice.Notice.clear();
+    void Draw(const FeedMoment& moment, Screen* screen) {
+        if (moment.Now >= NoticeUntil) Choice.Notice.clear();
         Canvas canvas = screen->Blank();
-        DrawView(&canvas, data, *Feed.Get(), Choice);
+        DrawView(&canvas, moment, Choice);
         if (Panel) Panel->Draw(&canvas);
         if (bHelp) DrawHelp(&canvas);
-        if (bLeaving) DrawLeaving(data, &canvas);
+        if (bLeaving) DrawLeaving(*moment.Data, &canvas);
         screen->Show(canvas);
     }
 
@@ -269,10 +272,10 @@ private:
 
     /// How long taking back may last.
     double Patience() {
-        const std::shared_ptr<const FeedData> data = Feed->Latest();
-        if (Feed->IsDriverHanging(*data)) return kTakeBackSeconds;
+        const FeedMoment moment = Feed->Moment();
+        if (IsDriverHanging(moment)) return kTakeBackSeconds;
         double patience = kTakeBackSeconds;
-        for (const auto& gpu : data->Gpus) {
+        for (const auto& gpu : moment.Data->Gpus) {
             const bool bPeriodKnown = gpu->PeriodSeconds > 0.0;
             patience = std::max(patience, bPeriodKnown ? kTakeBackPeriods * gpu->PeriodSeconds : kUnknownPeriodSeconds);
         }
@@ -308,7 +311,7 @@ private:
     const WatchOptions Options;
     const int StopDescriptor;
     milliseconds Interval;
-    LiveFeed Feed;
+    PolledFeed Feed;
     ViewChoice Choice;
     double NoticeUntil = 0.0;
     std::unique_ptr<TuningPanel> Panel;
@@ -322,19 +325,19 @@ private:
 };
 
 /// Waits until every wanted GPU has given a reading, or none for too long. Result: those GPUs. Throws `Failure`.
-std::vector<GpuOnPage> FirstReadings(LiveFeed* feed, std::optional<unsigned int> only) {
+std::vector<GpuOnPage> FirstReadings(PolledFeed* feed, std::optional<unsigned int> only) {
     for (;;) {
-        const std::shared_ptr<const FeedData> data = (*feed)->Latest();
-        LiveFeed::RequireUsable(*data, only);
+        const FeedMoment moment = (*feed)->Moment();
+        PolledFeed::RequireUsable(*moment.Data, only);
         std::vector<GpuOnPage> pages;
-        bool bComplete = data->State != FeedState::Starting;
-        for (const auto& gpu : data->Gpus) {
+        bool bComplete = moment.Data->State != FeedState::Starting;
+        for (const auto& gpu : moment.Data->Gpus) {
             if (only.value_or(gpu->Device.Index) != gpu->Device.Index) continue;
-            bComplete = bComplete && (*feed)->StateOf(*data, *gpu) != GpuState::Starting;
-            pages.push_back(OnPage(gpu, *data, *feed->Get()));
+            bComplete = bComplete && StateOf(moment, *gpu) != GpuState::Starting;
+            pages.push_back(OnPage(moment, gpu));
         }
         if (bComplete) return pages;
-        if ((*feed)->DriverWait() >= kLongestStartSeconds) throw Failure("The driver does not answer.");
+        if (moment.DriverSilence >= kLongestStartSeconds) throw Failure("The driver does not answer.");
         feed->WaitForNews(kQuickRedrawMs, -1);
         feed->TakeNews();
     }
@@ -357,7 +360,7 @@ int RunWatch(const WatchOptions& options) {
 }
 
 int PrintView(const WatchOptions& options) {
-    LiveFeed feed(options.Interval);
+    PolledFeed feed(options.Interval);
     int status = kExitSuccess;
     std::string text;
     const int width = std::max(static_cast<int>(OutputWidth()), kMinimumViewWidth);

@@ -2,6 +2,8 @@
 
 #include "text/tuning_format.h"
 
+using namespace gpu_feed;
+
 namespace {
 
 using Kind = TuningChange::Kind;

@@ -4,10 +4,22 @@
 
 #include <chrono>
 #include <iomanip>
+#include <nlohmann/json.hpp>
+#include <optional>
 #include <sstream>
 #include <utility>
 
+#include "gpu_feed/clock_groups.h"
+#include "gpu_feed/limit_reasons.h"
+#include "gpu_feed/readings.h"
+#include "text/identity.h"
+
+using namespace gpu_feed;
+
 namespace {
+
+/// Keeps the order of its keys: output reads in the order of the tables.
+using Json = nlohmann::ordered_json;
 
 constexpr int kIndent = 2;
 constexpr int kOneLine = -1;
@@ -34,7 +46,11 @@ std::string UtcTime(double steadySeconds) {
 
 void AddIdentity(const GpuDeviceInfo& device, Json* json) {
     for (const IdentityField& field : IdentityFields()) {
-        if (Json value = field.Get(device); !value.is_null()) (*json)[field.Key] = std::move(value);
+        if (field.Text == nullptr) {
+            if (const std::optional<uint64_t> number = field.Number(device)) (*json)[field.Key] = *number;
+        } else if (std::string text = field.Text(device); !text.empty()) {
+            (*json)[field.Key] = std::move(text);
+        }
     }
 }
 
@@ -47,12 +63,26 @@ Json ShortIdentity(const GpuDeviceInfo& device) {
     return json;
 }
 
+void AddReading(const Reading& reading, const GpuTelemetrySample& sample, Json* json) {
+    if (reading.WholeValue != nullptr) {
+        if (const std::optional<int64_t> value = reading.WholeValue(sample)) (*json)[reading.Key] = *value;
+    } else if (const std::optional<double> value = reading.Value(sample)) {
+        (*json)[reading.Key] = *value;
+    }
+}
+
+void AddLimitReasons(uint64_t mask, Json* json) {
+    if (mask == 0) return;
+    (*json)["performance_limit_reasons"] = mask;
+    Json& words = (*json)["performance_limits"];
+    for (const LimitReason& reason : LimitReasons(mask)) words.push_back(reason.Word);
+}
+
 void AddReadings(const GpuTelemetrySample& sample, Json* json) {
     (*json)["time"] = UtcTime(sample.TimestampSeconds);
     (*json)["timestamp_seconds"] = sample.TimestampSeconds;
-    for (const Reading& reading : Readings()) {
-        if (Json value = reading.Get(sample); !value.is_null()) (*json)[reading.Key] = std::move(value);
-    }
+    for (const Reading& reading : Readings()) AddReading(reading, sample, json);
+    AddLimitReasons(sample.PerformanceLimitReasons, json);
 }
 
 Json ProcessList(const std::vector<FeedProcess>& processes) {
@@ -116,9 +146,9 @@ std::string ListJson(const std::string& driverVersion, const std::vector<GpuDevi
     return Line(Document(driverVersion, std::move(gpus)), kIndent);
 }
 
-std::string SampleJson(const std::string& driverVersion, const std::vector<GpuReading>& gpus) {
+std::string SampleJson(const std::string& driverVersion, const std::vector<GpuReadings>& gpus) {
     Json list = Json::array();
-    for (const GpuReading& gpu : gpus) {
+    for (const GpuReadings& gpu : gpus) {
         Json& json = list.emplace_back();
         AddIdentity(gpu.Device, &json);
         AddReadings(gpu.Sample, &json);

@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "gpu_feed/process_names.h"
-#include "gpu_feed/readings.h"
+#include "gpu_feed/feed_data.h"
+#include "text/query_answers.h"
 
 // Every text ends with a line break. A value that was not read is left out.
 
@@ -13,7 +13,7 @@
 std::string ListJson(const std::string& driverVersion, const std::vector<GpuDeviceInfo>& devices);
 
 /// One object with identity and reading of every GPU in `gpus`, which may be empty.
-std::string SampleJson(const std::string& driverVersion, const std::vector<GpuReading>& gpus);
+std::string SampleJson(const std::string& driverVersion, const std::vector<GpuReadings>& gpus);
 
 /// One object with the clocks of every GPU in `gpus`, which may be empty.
 std::string ClocksJson(const std::string& driverVersion, const std::vector<GpuClocks>& gpus);
@@ -23,6 +23,6 @@ std::string PowerJson(const std::string& driverVersion, const std::vector<GpuPow
 
 /// One sample of one GPU as one line, with the GPU's processes unless `processes` is null.
 std::string StreamJson(const GpuDeviceInfo& device, const GpuTelemetrySample& sample,
-                       const std::vector<FeedProcess>* processes);
+                       const std::vector<gpu_feed::FeedProcess>* processes);
 
 #endif  // GPU_MONITOR_JSON_FORMAT_H

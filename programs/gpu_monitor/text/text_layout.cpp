@@ -30,6 +30,10 @@ std::string Printable(std::string text) {
     return text;
 }
 
+std::string OrDash(const std::string& text) {
+    return text.empty() ? kNotRead : text;
+}
+
 std::vector<std::string> Wrapped(std::string text, size_t width) {
     std::vector<std::string> lines;
     while (text.size() > width) {

@@ -21,6 +21,9 @@ std::string Right(const std::string& text, int width);
 /// `text` as a terminal may get it: without control characters, which a driver's text could have.
 std::string Printable(std::string text);
 
+/// `text`, or a dash when it is empty.
+std::string OrDash(const std::string& text);
+
 /// Breaks `text` into lines of at most `width`, between words where it can.
 std::vector<std::string> Wrapped(std::string text, size_t width);
 

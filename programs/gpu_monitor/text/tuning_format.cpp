@@ -4,7 +4,10 @@
 #include <cmath>
 #include <cstddef>
 
+#include "gpu_feed/clock_groups.h"
 #include "text/text_layout.h"
+
+using namespace gpu_feed;
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "gpu_feed/readings.h"
+#include "text/query_answers.h"
 
 /// A labelled line of a paragraph about one GPU.
 struct Detail {

@@ -3,8 +3,11 @@
 #include <algorithm>
 #include <string>
 
-#include "text/text_format.h"
+#include "gpu_feed/readings.h"
+#include "text/reading_text.h"
 #include "text/text_layout.h"
+
+using namespace gpu_feed;
 
 namespace {
 
@@ -18,14 +21,13 @@ size_t FirstShown(size_t count, size_t room, size_t selected) {
 struct Column {
     const char* Heading;
     int Width;
-    /// Of the reading that it shows.
-    const char* Key;
+    ReadingId Id;
 };
 
 constexpr Column kColumns[] = {
-    {"util", 5, "gpu_utilization_percent"}, {"vram", 9, "vram_used_bytes"},    {"power", 7, "power_watts"},
-    {"limit", 7, "power_limit_watts"},      {"temp", 5, "temperature_c"},      {"fan", 5, "fan_percent"},
-    {"graphics", 8, "graphics_clock_mhz"},  {"memory", 9, "memory_clock_mhz"},
+    {"util", 5, ReadingId::GpuUtilization},    {"vram", 9, ReadingId::VramUsed},      {"power", 7, ReadingId::Power},
+    {"limit", 7, ReadingId::PowerLimit},       {"temp", 5, ReadingId::Temperature},   {"fan", 5, ReadingId::Fan},
+    {"graphics", 8, ReadingId::GraphicsClock}, {"memory", 9, ReadingId::MemoryClock},
 };
 
 constexpr int kShortestName = 18;
@@ -46,7 +48,7 @@ void DrawReadings(Canvas* canvas, const Area& area, const GpuOnPage& page) {
     for (const Column& column : kColumns) {
         x += kColumnGap + column.Width;
         if (x > area.X + area.Width) return;
-        canvas->PutRight(x, area.Y, ReadingText(column.Key, page.Now));
+        canvas->PutRight(x, area.Y, ReadingText(column.Id, page.Now));
     }
     x += kColumnGap;
     DrawLimits(canvas, {x, area.Y, area.X + area.Width - x, 1}, page.Now);
@@ -82,7 +84,7 @@ void DrawTableHeading(Canvas* canvas, const Area& area, const std::string& shown
 
 /// A GPU in the strip: its index and how busy it is, or that this is not known.
 std::string StripWord(const GpuOnPage& page) {
-    const std::string busy = page.bSilent ? "!" : ReadingText("gpu_utilization_percent", page.Now, false);
+    const std::string busy = page.bSilent ? "!" : ReadingNumber(ReadingId::GpuUtilization, page.Now);
     return std::to_string(page.Gpu->Device.Index) + ':' + busy;
 }
 

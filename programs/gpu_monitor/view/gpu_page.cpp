@@ -8,13 +8,15 @@
 #include <optional>
 #include <utility>
 
-#include "gpu_feed/clock.h"
-#include "view/gauge.h"
-#include "view/plot.h"
-#include "commands/simulate.h"
-#include "text/text_format.h"
+#include "gpu_feed/limit_reasons.h"
+#include "gpu_feed/readings.h"
+#include "text/reading_text.h"
 #include "text/text_layout.h"
 #include "text/tuning_format.h"
+#include "view/gauge.h"
+#include "view/plot.h"
+
+using namespace gpu_feed;
 
 namespace {
 
@@ -27,45 +29,42 @@ std::string PeriodText(double seconds) {
 }
 
 /// A moment of the steady clock as the time of day.
-std::string TimeOfDay(double steadySeconds) {
+std::string TimeOfDay(const FeedMoment& now, double steadySeconds) {
     using std::chrono::system_clock;
-    const std::chrono::duration<double> ago(NowSeconds() - steadySeconds);
+    const std::chrono::duration<double> ago(now.Now - steadySeconds);
     const time_t moment =
-        system_clock::to_time_t(system_clock::now() - std::chrono::duration_cast<system_clock::duration>(ago));
+        system_clock::to_time_t(now.TimeOfDay - std::chrono::duration_cast<system_clock::duration>(ago));
     tm local{};
     localtime_r(&moment, &local);
     char text[sizeof "hh:mm:ss"];
     return {text, strftime(text, sizeof text, "%H:%M:%S", &local)};
 }
 
-std::string SilenceText(const FeedGpu& gpu, bool bDriverHangs) {
+std::string SilenceText(const FeedMoment& moment, const FeedGpu& gpu) {
     const double last = gpu.Latest.TimestampSeconds;
-    const std::string reason = bDriverHangs ? "driver hangs, " : "";
+    const std::string reason = IsDriverHanging(moment) ? "driver hangs, " : "";
     if (last == 0.0) return reason + "no data yet";
-    return reason + "no data since " + TimeOfDay(last) + " (" + Number(gpu.Age(NowSeconds()), 0) + " s)";
+    return reason + "no data since " + TimeOfDay(moment, last) + " (" + Number(AgeOf(moment, gpu), 0) + " s)";
 }
 
-std::string StateText(const FeedGpu& gpu, const FeedData& data, const MonitorFeed& feed) {
-    switch (feed.StateOf(data, gpu)) {
+std::string StateText(const FeedMoment& moment, const FeedGpu& gpu) {
+    switch (StateOf(moment, gpu)) {
         case GpuState::Starting: return "starting";
         case GpuState::Live: return gpu.PeriodSeconds == 0.0 ? "live" : "live, every " + PeriodText(gpu.PeriodSeconds);
         case GpuState::Paused: return "paused";
-        case GpuState::NoData: return SilenceText(gpu, feed.IsDriverHanging(data));
+        case GpuState::NoData: return SilenceText(moment, gpu);
         case GpuState::Unavailable: break;
     }
-    return data.Status;
+    return moment.Data->Status;
 }
 
 std::string LinkText(const GpuTelemetrySample& sample) {
-    return "PCIe gen " + ReadingText("pcie_generation", sample) + " x" + ReadingText("pcie_width", sample, false);
-}
-
-std::string OrDash(const std::string& text) {
-    return text.empty() ? kNotRead : text;
+    return "PCIe gen " + ReadingText(ReadingId::PcieGeneration, sample) + " x" +
+           ReadingNumber(ReadingId::PcieWidth, sample);
 }
 
 std::string StateOfPerformance(const GpuTelemetrySample& now) {
-    const std::string state = ReadingText("performance_state", now);
+    const std::string state = ReadingText(ReadingId::PerformanceState, now);
     return state == kNotRead ? "state -" : 'P' + state;
 }
 
@@ -88,15 +87,11 @@ constexpr int kValueWidth = 18;
 constexpr int kTwoColumnWidth = 76;
 constexpr int kColumnGap = 2;
 
-std::optional<double> Share(double part, double whole) {
-    return part < 0.0 || whole <= 0.0 ? std::nullopt : std::optional<double>(part / whole);
-}
-
 /// `part` of `whole`, both readings with one unit.
-std::string OfText(const std::string& part, const std::string& whole, const GpuTelemetrySample& sample) {
+std::string OfText(ReadingId part, ReadingId whole, const GpuTelemetrySample& sample) {
     const std::string wholeText = ReadingText(whole, sample);
     if (wholeText == kNotRead) return ReadingText(part, sample);
-    return ReadingText(part, sample, false) + " / " + wholeText;
+    return ReadingNumber(part, sample) + " / " + wholeText;
 }
 
 struct Gauge {
@@ -105,14 +100,15 @@ struct Gauge {
     void (*Draw)(Canvas* canvas, const Area& area, const GpuTelemetrySample& sample);
 };
 
-template <int GpuTelemetrySample::*Field>
+template <ReadingId Id>
 void DrawPercent(Canvas* canvas, const Area& area, const GpuTelemetrySample& sample) {
-    DrawGauge(canvas, area, Share(sample.*Field, 100.0));
+    const std::optional<double> value = ReadingValue(Id, sample);
+    DrawGauge(canvas, area, value ? std::optional(*value / 100.0) : std::nullopt);
 }
 
 void DrawMemory(Canvas* canvas, const Area& area, const GpuTelemetrySample& sample) {
-    DrawGauge(canvas, area,
-              Share(static_cast<double>(sample.VramUsedBytes), static_cast<double>(sample.VramTotalBytes)));
+    const std::optional<double> used = ReadingValue(ReadingId::VramUsed, sample);
+    DrawGauge(canvas, area, used ? std::optional(*used / *ReadingValue(ReadingId::VramTotal, sample)) : std::nullopt);
 }
 
 void DrawPower(Canvas* canvas, const Area& area, const GpuTelemetrySample& sample) {
@@ -125,18 +121,19 @@ using Sample = GpuTelemetrySample;
 
 /// In two columns, if there is room: the first four stand in the left one.
 constexpr Gauge kGauges[] = {
-    {"GPU", [](const Sample& now) { return ReadingText("gpu_utilization_percent", now); },
-     DrawPercent<&Sample::GpuUtilizationPercent>},
-    {"VRAM", [](const Sample& now) { return OfText("vram_used_bytes", "vram_total_bytes", now); }, DrawMemory},
-    {"Encoder", [](const Sample& now) { return ReadingText("encoder_utilization_percent", now); },
-     DrawPercent<&Sample::EncoderUtilizationPercent>},
-    {"Decoder", [](const Sample& now) { return ReadingText("decoder_utilization_percent", now); },
-     DrawPercent<&Sample::DecoderUtilizationPercent>},
-    {"Power", [](const Sample& now) { return OfText("power_watts", "power_limit_watts", now); }, DrawPower},
-    {"Temp", [](const Sample& now) { return ReadingText("temperature_c", now); }, DrawPercent<&Sample::TemperatureC>},
-    {"Fan", [](const Sample& now) { return ReadingText("fan_percent", now); }, DrawPercent<&Sample::FanPercent>},
-    {"Mem I/O", [](const Sample& now) { return ReadingText("memory_utilization_percent", now); },
-     DrawPercent<&Sample::MemoryUtilizationPercent>},
+    {"GPU", [](const Sample& now) { return ReadingText(ReadingId::GpuUtilization, now); },
+     DrawPercent<ReadingId::GpuUtilization>},
+    {"VRAM", [](const Sample& now) { return OfText(ReadingId::VramUsed, ReadingId::VramTotal, now); }, DrawMemory},
+    {"Encoder", [](const Sample& now) { return ReadingText(ReadingId::EncoderUtilization, now); },
+     DrawPercent<ReadingId::EncoderUtilization>},
+    {"Decoder", [](const Sample& now) { return ReadingText(ReadingId::DecoderUtilization, now); },
+     DrawPercent<ReadingId::DecoderUtilization>},
+    {"Power", [](const Sample& now) { return OfText(ReadingId::Power, ReadingId::PowerLimit, now); }, DrawPower},
+    {"Temp", [](const Sample& now) { return ReadingText(ReadingId::Temperature, now); },
+     DrawPercent<ReadingId::Temperature>},
+    {"Fan", [](const Sample& now) { return ReadingText(ReadingId::Fan, now); }, DrawPercent<ReadingId::Fan>},
+    {"Mem I/O", [](const Sample& now) { return ReadingText(ReadingId::MemoryUtilization, now); },
+     DrawPercent<ReadingId::MemoryUtilization>},
 };
 constexpr int kGaugeCount = static_cast<int>(std::size(kGauges));
 
@@ -165,8 +162,9 @@ void DrawGauges(Canvas* canvas, const Area& area, const GpuTelemetrySample& now)
 // ---- Clocks and limits ----
 
 std::string ClockLine(const GpuTelemetrySample& now) {
-    return "graphics " + ReadingText("graphics_clock_mhz", now) + ", SM " + ReadingText("sm_clock_mhz", now) +
-           ", memory " + ReadingText("memory_clock_mhz", now) + ", video " + ReadingText("video_clock_mhz", now);
+    return "graphics " + ReadingText(ReadingId::GraphicsClock, now) + ", SM " + ReadingText(ReadingId::SmClock, now) +
+           ", memory " + ReadingText(ReadingId::MemoryClock, now) + ", video " +
+           ReadingText(ReadingId::VideoClock, now);
 }
 
 std::string PowerLimitLine(const GpuTelemetrySample& now) {
@@ -207,9 +205,9 @@ void DrawProcessLine(Canvas* canvas, const Area& area, const std::string (&texts
     canvas->Put(x, area.Y, texts[3], look, area.X + area.Width - x);
 }
 
-/// Processes of simulated GPUs are none of this system's.
-std::string NameText(const FeedProcess& process) {
-    return IsSimulating() ? "(simulated)" : OrDash(process.Name);
+/// Processes of simulated GPUs are not this system's.
+std::string NameText(const FeedProcess& process, bool bSimulated) {
+    return bSimulated ? "(simulated)" : OrDash(process.Name);
 }
 
 std::string OrderMark(const char* heading, bool bOrder) {
@@ -225,20 +223,15 @@ constexpr int kGoodPlotHeight = 9;
 
 using OptionalValue = std::optional<double>;
 
-template <auto Field>
-OptionalValue FieldValue(const GpuTelemetrySample& sample) {
-    const auto value = static_cast<double>(sample.*Field);
-    return value < 0.0 ? OptionalValue() : value;
+template <ReadingId Id>
+OptionalValue Shown(const GpuTelemetrySample& sample) {
+    return ShownValue(Id, sample);
 }
 
-OptionalValue VramValue(const GpuTelemetrySample& sample) {
-    if (sample.VramTotalBytes == 0) return {};
-    return static_cast<double>(sample.VramUsedBytes) / kBytesPerGiB;
-}
-
-OptionalValue VramTotal(const GpuTelemetrySample& sample) {
-    if (sample.VramTotalBytes == 0) return {};
-    return static_cast<double>(sample.VramTotalBytes) / kBytesPerGiB;
+template <ReadingId Id>
+OptionalValue Gibibytes(const GpuTelemetrySample& sample) {
+    const OptionalValue bytes = ReadingValue(Id, sample);
+    return bytes ? OptionalValue(*bytes / kBytesPerGiB) : OptionalValue();
 }
 
 /// The highest value of any of `values` in the history, rounded up to a multiple of `step`.
@@ -252,27 +245,32 @@ double Ceiling(const FeedGpu& gpu, std::initializer_list<OptionalValue (*)(const
 }
 
 Plot UtilizationPlot(const FeedGpu& /*gpu*/) {
-    return {"Utilization", "%", {{FieldValue<&Sample::GpuUtilizationPercent>, Style::Bar}}};
+    return {"Utilization", "%", {{Shown<ReadingId::GpuUtilization>, Style::Bar}}};
 }
 
 Plot PowerPlot(const FeedGpu& gpu) {
-    const auto power = FieldValue<&Sample::PowerWatts>;
-    const auto limit = FieldValue<&Sample::PowerLimitWatts>;
+    const auto power = Shown<ReadingId::Power>;
+    const auto limit = Shown<ReadingId::PowerLimit>;
     return {"Power", "W", {{limit, Style::Limit}, {power, Style::Bar}}, 0.0, Ceiling(gpu, {power, limit}, 50.0)};
 }
 
 Plot TemperaturePlot(const FeedGpu& gpu) {
-    const auto temperature = FieldValue<&Sample::TemperatureC>;
+    const auto temperature = Shown<ReadingId::Temperature>;
     return {"Temperature", "C", {{temperature, Style::Bar}}, 20.0, std::max(100.0, Ceiling(gpu, {temperature}, 10.0))};
 }
 
 Plot ClockPlot(const FeedGpu& gpu) {
-    const auto clock = FieldValue<&Sample::GraphicsClockMHz>;
+    const auto clock = Shown<ReadingId::GraphicsClock>;
     return {"Graphics clock", "MHz", {{clock, Style::Bar}}, 0.0, Ceiling(gpu, {clock}, 500.0)};
 }
 
 Plot MemoryPlot(const FeedGpu& gpu) {
-    return {"VRAM", "GiB", {{VramValue, Style::Bar}}, 0.0, Ceiling(gpu, {VramTotal}, 1.0), 1};
+    return {"VRAM",
+            "GiB",
+            {{Gibibytes<ReadingId::VramUsed>, Style::Bar}},
+            0.0,
+            Ceiling(gpu, {Gibibytes<ReadingId::VramTotal>}, 1.0),
+            1};
 }
 
 struct NamedPlot {
@@ -323,18 +321,19 @@ TimeSpan SpanOf(const FeedGpu& gpu, const PlotView& view) {
 
 }  // namespace
 
-GpuOnPage OnPage(const std::shared_ptr<const FeedGpu>& gpu, const FeedData& data, const MonitorFeed& feed) {
-    const GpuState state = feed.StateOf(data, *gpu);
+GpuOnPage OnPage(const FeedMoment& moment, const std::shared_ptr<const FeedGpu>& gpu) {
+    const GpuState state = StateOf(moment, *gpu);
     const bool bKnown = state == GpuState::Live || state == GpuState::Paused;
-    return {gpu, bKnown ? gpu->Latest : GpuTelemetrySample(), StateText(*gpu, data, feed), state == GpuState::NoData};
+    return {gpu, bKnown ? gpu->Latest : GpuTelemetrySample(), StateText(moment, *gpu), state == GpuState::NoData,
+            moment.bSimulated};
 }
 
 void DrawLimits(Canvas* canvas, const Area& area, const GpuTelemetrySample& now) {
-    std::vector<ClockReason> reasons = ClockReasons(now);
-    std::stable_partition(reasons.begin(), reasons.end(), [](const ClockReason& reason) { return reason.bDanger; });
+    std::vector<LimitReason> reasons = LimitReasons(now.PerformanceLimitReasons);
+    std::stable_partition(reasons.begin(), reasons.end(), [](const LimitReason& reason) { return reason.bDanger; });
     const int end = area.X + area.Width;
     int x = area.X;
-    for (const ClockReason& reason : reasons) {
+    for (const LimitReason& reason : reasons) {
         if (reason.bIdle) continue;
         if (x > area.X) x = canvas->Put(x, area.Y, ", ", Style::Normal, end - x);
         x = canvas->Put(x, area.Y, reason.Word, reason.bDanger ? Style::Alarm : Style::Strong, end - x);
@@ -367,7 +366,7 @@ void DrawProcesses(Canvas* canvas, const Area& area, const GpuOnPage& page, Proc
     for (int i = 0; i < std::min(count, room); ++i) {
         const FeedProcess& process = processes[static_cast<size_t>(i)];
         const std::string texts[] = {std::to_string(process.Pid), MemoryText(process.VramUsedBytes),
-                                     OrDash(process.User), NameText(process)};
+                                     OrDash(process.User), NameText(process, page.bSimulated)};
         DrawProcessLine(canvas, {area.X, area.Y + 1 + i, area.Width, 1}, texts, Style::Normal);
     }
     if (count > room) canvas->PutRight(area.X + area.Width, area.Y, std::to_string(count - room) + " more", Style::Dim);

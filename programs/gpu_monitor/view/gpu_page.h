@@ -7,17 +7,18 @@
 #include <string>
 #include <vector>
 
+#include "gpu_feed/feed_data.h"
 #include "view/canvas.h"
-#include "gpu_feed/monitor_feed.h"
 
 /// One GPU as it is to be shown.
 struct GpuOnPage {
-    std::shared_ptr<const FeedGpu> Gpu;
+    std::shared_ptr<const gpu_feed::FeedGpu> Gpu;
     /// What it reads now; nothing while it gives no data.
     GpuTelemetrySample Now;
     /// What it does, in words.
     std::string State;
     bool bSilent = false;
+    bool bSimulated = false;
 };
 
 enum class ProcessOrder { Memory, Pid, User, Name };
@@ -26,8 +27,8 @@ enum class ProcessOrder { Memory, Pid, User, Name };
 constexpr size_t kPlotCount = 5;
 using PlotChoice = std::bitset<kPlotCount>;
 
-/// `gpu` of `data`, with its state in words.
-GpuOnPage OnPage(const std::shared_ptr<const FeedGpu>& gpu, const FeedData& data, const MonitorFeed& feed);
+/// `gpu` of `moment.Data`, with its state in words.
+GpuOnPage OnPage(const gpu_feed::FeedMoment& moment, const std::shared_ptr<const gpu_feed::FeedGpu>& gpu);
 
 /// Draws what limits the clocks, in words; a dash for nothing.
 void DrawLimits(Canvas* canvas, const Area& area, const GpuTelemetrySample& now);
@@ -52,7 +53,7 @@ struct PlotView {
 };
 
 /// Draws the chosen plots, as many as there is room for.
-void DrawPlots(Canvas* canvas, const Area& area, const FeedGpu& gpu, const PlotView& view);
+void DrawPlots(Canvas* canvas, const Area& area, const gpu_feed::FeedGpu& gpu, const PlotView& view);
 
 /// What the plots show, in the order of their keys.
 const std::vector<std::string>& PlotNames();

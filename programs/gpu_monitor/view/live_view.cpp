@@ -4,11 +4,11 @@
 #include <utility>
 #include <vector>
 
-#include "gpu_feed/clock.h"
+#include "text/text_layout.h"
 #include "view/dialog.h"
 #include "view/gpu_overview.h"
-#include "commands/simulate.h"
-#include "text/text_layout.h"
+
+using namespace gpu_feed;
 
 namespace {
 
@@ -42,8 +42,8 @@ constexpr KeyName kFooterKeys[] = {{"q", "quit"},      {"?", "help"},     {"t", 
                                    {kGpuKey, "GPU"},   {"1-5", "plots"},  {"+-", "zoom"},
                                    {"space", "pause"}, {"i", "interval"}, {"s", "sort"}};
 
-void DrawFooter(Canvas* canvas, const Area& area, const FeedData& data, const ViewChoice& choice) {
-    const std::string settings = (IsSimulating() ? "simulated  " : "") + SpanText(choice.Seconds);
+void DrawFooter(Canvas* canvas, const Area& area, const FeedMoment& moment, const ViewChoice& choice) {
+    const std::string settings = (moment.bSimulated ? "simulated  " : "") + SpanText(choice.Seconds);
     const int end = area.X + area.Width;
     canvas->PutRight(end, area.Y, settings, Style::Strong);
     const int room = end - ColumnsOf(settings) - 1;
@@ -54,7 +54,7 @@ void DrawFooter(Canvas* canvas, const Area& area, const FeedData& data, const Vi
     int x = area.X;
     for (const auto& [key, name] : kFooterKeys) {
         if (x + ColumnsOf(key) + 1 + ColumnsOf(name) > room) return;
-        if (key == kGpuKey && data.Gpus.size() < 2) continue;
+        if (key == kGpuKey && moment.Data->Gpus.size() < 2) continue;
         x = canvas->Put(x, area.Y, key, Style::Strong) + 1;
         x = canvas->Put(x, area.Y, name, Style::Dim) + 2;
     }
@@ -65,9 +65,9 @@ void DrawStarting(Canvas* canvas, const Area& area, double wait) {
     canvas->Put(area.X + (area.Width - ColumnsOf(text)) / 2, area.Y + area.Height / 2, text, Style::Strong, area.Width);
 }
 
-std::vector<GpuOnPage> PagesOf(const FeedData& data, const MonitorFeed& feed) {
+std::vector<GpuOnPage> PagesOf(const FeedMoment& moment) {
     std::vector<GpuOnPage> pages;
-    for (const auto& gpu : data.Gpus) pages.push_back(OnPage(gpu, data, feed));
+    for (const auto& gpu : moment.Data->Gpus) pages.push_back(OnPage(moment, gpu));
     return pages;
 }
 
@@ -82,18 +82,19 @@ void DrawOverview(Canvas* canvas, Area* rest, const std::vector<GpuOnPage>& page
     TakeTop(rest, 1);
 }
 
-void DrawPage(Canvas* canvas, Area rest, const GpuOnPage& page, const FeedData& data, const ViewChoice& choice) {
+void DrawPage(Canvas* canvas, Area rest, const GpuOnPage& page, const FeedMoment& moment, const ViewChoice& choice) {
+    const FeedData& data = *moment.Data;
     DrawSummary(canvas, TakeTop(&rest, SummaryHeight(rest.Width)), page);
     DrawProcesses(canvas, TakeBottom(&rest, canvas->Height() / kProcessShare + 1), page, choice.Order);
     // A pause is for looking at the plots: they stand still.
-    const double until = data.State == FeedState::Paused ? data.PausedAt : NowSeconds();
+    const double until = data.State == FeedState::Paused ? data.PausedAt : moment.Now;
     const double interval = std::chrono::duration<double>(data.Interval).count();
     DrawPlots(canvas, rest, *page.Gpu, {choice.Plots, until, choice.Seconds, interval});
 }
 
 }  // namespace
 
-void DrawView(Canvas* canvas, const FeedData& data, const MonitorFeed& feed, const ViewChoice& choice) {
+void DrawView(Canvas* canvas, const FeedMoment& moment, const ViewChoice& choice) {
     if (canvas->Width() < kMinimumViewWidth || canvas->Height() < kMinimumHeight) {
         canvas->Put(0, 0,
                     "Too small: this view needs " + std::to_string(kMinimumViewWidth) + " x " +
@@ -101,17 +102,17 @@ void DrawView(Canvas* canvas, const FeedData& data, const MonitorFeed& feed, con
         return;
     }
     Area rest = canvas->Whole();
-    DrawFooter(canvas, TakeBottom(&rest, 1), data, choice);
-    if (data.Gpus.empty()) {
-        DrawStarting(canvas, rest, feed.DriverWait());
+    DrawFooter(canvas, TakeBottom(&rest, 1), moment, choice);
+    if (moment.Data->Gpus.empty()) {
+        DrawStarting(canvas, rest, moment.DriverSilence);
         return;
     }
-    const std::vector<GpuOnPage> pages = PagesOf(data, feed);
+    const std::vector<GpuOnPage> pages = PagesOf(moment);
     const auto isSelected = [&choice](const GpuOnPage& page) { return page.Gpu->Key == choice.Gpu; };
     const auto found = std::find_if(pages.begin(), pages.end(), isSelected);
     const auto selected = found == pages.end() ? pages.begin() : found;
     DrawOverview(canvas, &rest, pages, static_cast<size_t>(selected - pages.begin()));
-    DrawPage(canvas, rest, *selected, data, choice);
+    DrawPage(canvas, rest, *selected, moment, choice);
 }
 
 void DrawHelp(Canvas* canvas) {

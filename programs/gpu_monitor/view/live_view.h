@@ -1,13 +1,13 @@
-#ifndef GPU_MONITOR_WATCH_VIEW_H
-#define GPU_MONITOR_WATCH_VIEW_H
+#ifndef GPU_MONITOR_LIVE_VIEW_H
+#define GPU_MONITOR_LIVE_VIEW_H
 
 #include <chrono>
 #include <cstddef>
 #include <string>
 
+#include "gpu_feed/feed_data.h"
 #include "view/canvas.h"
 #include "view/gpu_page.h"
-#include "gpu_feed/monitor_feed.h"
 
 /// In less, nothing fits any more.
 constexpr int kMinimumViewWidth = 60;
@@ -25,7 +25,7 @@ struct ViewChoice {
 };
 
 /// Draws the whole view.
-void DrawView(Canvas* canvas, const FeedData& data, const MonitorFeed& feed, const ViewChoice& choice);
+void DrawView(Canvas* canvas, const gpu_feed::FeedMoment& moment, const ViewChoice& choice);
 
 void DrawHelp(Canvas* canvas);
 
@@ -34,4 +34,4 @@ std::string SpanText(double seconds);
 
 std::string IntervalText(std::chrono::milliseconds interval);
 
-#endif  // GPU_MONITOR_WATCH_VIEW_H
+#endif  // GPU_MONITOR_LIVE_VIEW_H

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "view/canvas.h"
 #include "nvml_gpu_monitor.h"
+#include "view/canvas.h"
 
 /// One curve: a value of each sample; none where it was not read.
 struct Curve {

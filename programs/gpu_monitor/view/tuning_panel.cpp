@@ -7,12 +7,13 @@
 #include <iterator>
 #include <utility>
 
-#include "text/change_text.h"
 #include "gpu_feed/clock.h"
 #include "terminal/screen.h"
-#include "text/text_format.h"
+#include "text/change_text.h"
 #include "text/text_layout.h"
 #include "text/tuning_format.h"
+
+using namespace gpu_feed;
 
 namespace {
 
@@ -317,7 +318,7 @@ Dialog TuningPanel::Content() const {
 }
 
 Dialog TuningPanel::WaitDialog(const std::string& what) const {
-    const double wait = Feed->DriverWait();
+    const double wait = Feed->Moment().DriverSilence;
     Dialog dialog = {"", {{what + " ..."}}, Now == Stage::Asking ? "Esc closes" : "Ctrl-C leaves"};
     if (wait >= 1.0) {
         dialog.Lines.push_back({"The driver has not answered for " + Number(wait, 0) + " s.", Style::Warning});

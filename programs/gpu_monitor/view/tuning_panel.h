@@ -7,16 +7,16 @@
 #include <optional>
 #include <string>
 
+#include "gpu_feed/clock_groups.h"
+#include "gpu_feed/monitor_feed.h"
 #include "view/canvas.h"
 #include "view/dialog.h"
-#include "gpu_feed/monitor_feed.h"
-#include "gpu_feed/readings.h"
 
 /// The dialog that changes one GPU. A change that the user does not decide to keep goes back.
 class TuningPanel {
 public:
     /// `simulateOption`: for the commands that the user is told.
-    TuningPanel(MonitorFeed* feed, std::shared_ptr<const FeedGpu> gpu, std::string simulateOption);
+    TuningPanel(gpu_feed::MonitorFeed* feed, std::shared_ptr<const gpu_feed::FeedGpu> gpu, std::string simulateOption);
 
     void OnKey(int key);
 
@@ -53,11 +53,11 @@ private:
     void BeginClocks();
     void BeginPower();
     void ChoosePower();
-    void Confirm(const TuningChange& change);
+    void Confirm(const gpu_feed::TuningChange& change);
     void Apply();
-    void TakeResult(const TuningResult& result);
+    void TakeResult(const gpu_feed::TuningResult& result);
     void WatchDeadline();
-    void TellTakenBack(const TuningResult& result);
+    void TellTakenBack(const gpu_feed::TuningResult& result);
     void Tell(DialogLines lines);
 
     GpuClockPair ChosenPair() const;
@@ -65,9 +65,9 @@ private:
     bool CanSetPower() const { return Capabilities.Power.State == GpuCapabilityState::Supported; }
     bool CanSetDefault() const { return CanSetPower() && Capabilities.Power.DefaultWatts > 0.0; }
     /// What the program has set and not taken back; null when there is none.
-    const TuningRecord* Record(const FeedData& data, TuningControl control) const;
+    const gpu_feed::TuningRecord* Record(const gpu_feed::FeedData& data, gpu_feed::TuningControl control) const;
     /// What a change goes back to, as far as can be told now; none when there is no way back.
-    std::optional<TuningChange> WayBack(const FeedData& data) const;
+    std::optional<gpu_feed::TuningChange> WayBack(const gpu_feed::FeedData& data) const;
     std::string WayBackText() const;
 
     Dialog Content() const;
@@ -78,23 +78,23 @@ private:
     Dialog KeepDialog() const;
     Dialog WaitDialog(const std::string& what) const;
 
-    MonitorFeed* const Feed;
+    gpu_feed::MonitorFeed* const Feed;
     /// As it was when the dialog was opened.
-    const std::shared_ptr<const FeedGpu> Gpu;
+    const std::shared_ptr<const gpu_feed::FeedGpu> Gpu;
     const std::string SimulateOption;
 
     Stage Now = Stage::Asking;
     /// What the driver tells is asked for again and again: other programs tune too.
-    std::future<TuningCapabilities> CapabilityAnswer;
-    TuningCapabilities Capabilities;
+    std::future<gpu_feed::TuningCapabilities> CapabilityAnswer;
+    gpu_feed::TuningCapabilities Capabilities;
     double AskedAt = 0.0;
-    std::future<TuningResult> Answer;
-    TuningChange Wanted{TuningChange::Kind::ResetClocks};
+    std::future<gpu_feed::TuningResult> Answer;
+    gpu_feed::TuningChange Wanted{gpu_feed::TuningChange::Kind::ResetClocks};
     /// Whether `Capabilities` were told after `Wanted` was made.
     bool bReadBack = false;
     DialogLines Message;
 
-    ClockGroups Groups;
+    gpu_feed::ClockGroups Groups;
     size_t MemoryPlace = 0;
     size_t GraphicsPlace = 0;
     double Watts = 0.0;

@@ -1,22 +1,15 @@
-#ifndef EXAMPLES_PROCESS_NAMES_H
-#define EXAMPLES_PROCESS_NAMES_H
+#ifndef PROCESS_NAMES_H
+#define PROCESS_NAMES_H
 
-#include <cstdint>
 #include <future>
 #include <map>
 #include <string>
 #include <vector>
 
+#include "gpu_feed/feed_data.h"
 #include "nvml_gpu_monitor.h"
 
-/// A process that uses video memory, as people know it.
-struct FeedProcess {
-    int Pid = 0;
-    uint64_t VramUsedBytes = 0;
-    /// Empty when this system does not tell: the process is another container's, for example.
-    std::string Name;
-    std::string User;
-};
+namespace gpu_feed {
 
 /// Tells what the system knows of processes.
 class ProcessNames {
@@ -31,4 +24,6 @@ private:
     std::map<unsigned int, std::shared_future<std::string>> UserNames;
 };
 
-#endif  // EXAMPLES_PROCESS_NAMES_H
+}  // namespace gpu_feed
+
+#endif  // PROCESS_NAMES_H
