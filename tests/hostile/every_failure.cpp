@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "failing_memory.h"
+#include "fixed_boards.h"
 #include "nvml_gpu_monitor.h"
 #include "sampler_clock.h"
 #include "simulated_nvml.h"
@@ -59,20 +60,10 @@ void AttemptChange(const char* name, Change change) {
 }
 
 void UseBoards() {
-    SimulatedNvml& sim = SimulatedNvml::Get();
-    sim.Reset();
-    simulated_nvml::Readings readings;
-    readings.ComputeProcesses = {{10, 1000}, {11, 2000}};
-    readings.GraphicsProcesses = {{11, 3000}};
-    std::vector<simulated_nvml::Board> boards;
-    for (unsigned int i = 0; i < 2; ++i) {
-        boards.push_back(simulated_nvml::DesktopBoard(i));
-        boards.back().Clocks = {{5001, {1500, 300}}, {810, {1500}}};
-        boards.back().Fixed = readings;
-    }
-    sim.SetBoards(boards);
-    sim.RecordLog();
-    sim.ForbidConcurrentCalls();
+    SimulatedNvml::Get().Reset();
+    SimulatedNvml::Get().SetBoards(fixed_boards::FixedBoards(2));
+    SimulatedNvml::Get().RecordLog();
+    SimulatedNvml::Get().ForbidConcurrentCalls();
 }
 
 void ExpectWholeHistories(const std::vector<GpuTelemetryHistory>& histories) {
@@ -154,20 +145,23 @@ void Live() {
     ExpectRecovery(&monitor);
 }
 
-void ExpectNoMisuse() {
+/// The whole life with what `prepare` makes fail.
+template <typename Preparation>
+void LiveWith(const std::string& failing, Preparation prepare) {
+    Present = failing;
+    UseBoards();
+    prepare();
+    Live();
     for (const std::string& sentence : SimulatedNvml::Get().Misuse()) Expect(false, sentence);
 }
 
-/// Lives with each of the calls of a whole life failing in turn, with each of these codes.
+/// Each of the calls of a whole life fails in turn, with each of these codes.
 size_t FailEveryCall(const std::vector<std::string>& calls) {
     size_t tried = 0;
     for (size_t k = 0; k < calls.size(); ++k) {
         for (const unsigned int code : {1U, 3U, 4U, 7U, 15U, 999U}) {
-            Present = "call " + std::to_string(k + 1) + ", " + calls[k] + ", failing with " + std::to_string(code);
-            UseBoards();
-            SimulatedNvml::Get().FailNthCall(k + 1, code);
-            Live();
-            ExpectNoMisuse();
+            LiveWith("call " + std::to_string(k + 1) + ", " + calls[k] + ", failing with " + std::to_string(code),
+                     [&] { SimulatedNvml::Get().FailNthCall(k + 1, code); });
             ++tried;
         }
     }
@@ -176,25 +170,21 @@ size_t FailEveryCall(const std::vector<std::string>& calls) {
 
 size_t MissEveryLookup(const std::vector<std::string>& lookups) {
     for (size_t k = 0; k < lookups.size(); ++k) {
-        Present = "lookup " + std::to_string(k + 1) + ", " + lookups[k] + ", missing";
-        UseBoards();
-        SimulatedNvml::Get().MissNthLookup(k + 1);
-        Live();
-        ExpectNoMisuse();
+        LiveWith("lookup " + std::to_string(k + 1) + ", " + lookups[k] + ", missing",
+                 [&] { SimulatedNvml::Get().MissNthLookup(k + 1); });
     }
     return lookups.size();
 }
 
-/// Lives without the k-th allocation, for every k up to the first that is not made any more.
+/// The k-th allocation throws, for every k up to the first that is not made any more.
 size_t FailEveryAllocation() {
     uint64_t k = 0;
     do {
-        Present = "allocation " + std::to_string(++k) + " failing";
-        UseBoards();
-        bAllocationFailed = false;
-        AllocationsUntilFailure = k;
-        Live();
-        ExpectNoMisuse();
+        ++k;
+        LiveWith("allocation " + std::to_string(k) + " failing", [k] {
+            bAllocationFailed = false;
+            AllocationsUntilFailure = k;
+        });
     } while (bAllocationFailed);
     return k - 1;
 }
@@ -203,10 +193,7 @@ size_t FailEveryAllocation() {
 
 int main() {
     bChecking = true;
-    Present = "nothing failing";
-    UseBoards();
-    Live();
-    ExpectNoMisuse();
+    LiveWith("nothing failing", [] {});
     // Up to the first shutdown: what comes after it is the recovery, in which nothing is to fail.
     const std::vector<std::string> log = SimulatedNvml::Get().Log();
     std::vector<std::string> calls;
