@@ -102,7 +102,7 @@ enum class Shape : unsigned char {
     Processes,
     Lock,
     Reset,
-    SetLimit,
+    SetLimit
 };
 
 constexpr Shape kEntryPointShapes[] = {

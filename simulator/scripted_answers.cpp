@@ -34,16 +34,6 @@ uint64_t Argument(const Call& call, size_t position) {
     return position < call.Values.size() ? call.Values.begin()[position].value_or(0) : 0;
 }
 
-unsigned int HighestSelector(EntryPoint name) {
-    switch (name) {
-        case EntryPoint::nvmlDeviceGetClockInfo:
-        case EntryPoint::nvmlDeviceGetMaxClockInfo: return kClockVideo;
-        case EntryPoint::nvmlDeviceGetTemperatureThreshold: return kThresholdSlowdown;
-        case EntryPoint::nvmlDeviceGetPcieThroughput: return kPcieReceive;
-        default: return kSensorGpu;
-    }
-}
-
 // ---- Writing what an answer says ----
 
 /// The letters a to p, over and over.
@@ -125,6 +115,16 @@ const char* ListComplaint(const Outputs& outputs) {
 }
 
 }  // namespace
+
+unsigned int HighestSelector(EntryPoint name) {
+    switch (name) {
+        case EntryPoint::nvmlDeviceGetClockInfo:
+        case EntryPoint::nvmlDeviceGetMaxClockInfo: return kClockVideo;
+        case EntryPoint::nvmlDeviceGetTemperatureThreshold: return kThresholdSlowdown;
+        case EntryPoint::nvmlDeviceGetPcieThroughput: return kPcieReceive;
+        default: return kSensorGpu;
+    }
+}
 
 const char* ScriptedAnswers::Complaint(const Call& call) const {
     constexpr unsigned int kLongestText = 96;

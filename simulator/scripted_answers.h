@@ -65,6 +65,9 @@ struct Call {
     Outputs Written;
 };
 
+/// The last sensor, clock or counter that a call can ask for.
+unsigned int HighestSelector(EntryPoint name);
+
 /// No GPU lists more than this many clocks or processes.
 constexpr uint32_t kLongestList = 4096;
 
