@@ -16,11 +16,6 @@ constexpr unsigned int kCommonCodes[] = {0, 1, 2, 3, 4, 6, 7, 15, 999, 0xFFFFFFF
 /// Clients ask for every GPU, so a larger number only takes longer.
 constexpr uint32_t kMostDevices = kLongestList + 1;
 
-/// The bit of `pattern` for the `turn`th time.
-bool BitOf(uint8_t pattern, uint64_t turn) {
-    return (pattern >> turn % 8 & 1) != 0;
-}
-
 bool HasForm(const Answer& answer, int bit) {
     return (answer.Form >> bit & 1) != 0;
 }
@@ -30,8 +25,18 @@ T& OutputOf(void* output) {
     return *static_cast<T*>(output);
 }
 
-uint64_t Argument(const Call& call, size_t position) {
-    return position < call.Values.size() ? call.Values.begin()[position].value_or(0) : 0;
+unsigned int Argument(const Call& call, size_t position) {
+    return position < call.Values.size() ? static_cast<unsigned int>(call.Values.begin()[position].value_or(0)) : 0;
+}
+
+bool IsPair(Shape shape) {
+    return shape == Shape::Pair || shape == Shape::Utilization;
+}
+
+/// Calls that start, end or change something, and the one that cannot fail.
+bool HasNoOutput(Shape shape) {
+    return shape == Shape::Init || shape == Shape::Shutdown || shape == Shape::ErrorText || shape == Shape::Lock ||
+           shape == Shape::Reset || shape == Shape::SetLimit;
 }
 
 // ---- Writing what an answer says ----
@@ -128,40 +133,24 @@ unsigned int HighestSelector(EntryPoint name) {
 
 const char* ScriptedAnswers::Complaint(const Call& call) const {
     constexpr unsigned int kLongestText = 96;
-    constexpr const char* kNoPlace = "without a place for the answer";
     const Outputs& outputs = call.Written;
     const Shape shape = ShapeOf(call.Name);
-    const bool bUnlisted = bObserving && shape == Shape::GraphicsClocks &&
-                           MemoryClocks.count(static_cast<uint32_t>(Argument(call, 0))) == 0;
-    if (bUnlisted) return "with a memory clock that was not listed";
-    switch (shape) {
-        case Shape::Init:
-        case Shape::Shutdown:
-        case Shape::ErrorText:
-        case Shape::Lock:
-        case Shape::Reset:
-        case Shape::SetLimit: return nullptr;
-        case Shape::SystemText:
-        case Shape::Text:
-            return outputs.First == nullptr || outputs.TextBytes < kLongestText ? "without room for the longest text"
-                                                                                : nullptr;
-        case Shape::Pair:
-        case Shape::Utilization: return outputs.First == nullptr || outputs.Second == nullptr ? kNoPlace : nullptr;
-        case Shape::MemoryClocks:
-        case Shape::GraphicsClocks:
-        case Shape::Processes: return ListComplaint(outputs);
-        case Shape::Selected:
-            if (Argument(call, 0) > HighestSelector(call.Name)) return "with a selector that does not exist";
-            [[fallthrough]];
-        default: return outputs.First == nullptr ? kNoPlace : nullptr;
+    if (HasNoOutput(shape)) return nullptr;
+    if (shape == Shape::GraphicsClocks && bObserving && MemoryClocks.count(Argument(call, 0)) == 0) {
+        return "with a memory clock that was not listed";
     }
+    if (IsList(call.Name)) return ListComplaint(outputs);
+    if (shape == Shape::Selected && Argument(call, 0) > HighestSelector(call.Name)) {
+        return "with a selector that does not exist";
+    }
+    if ((shape == Shape::Text || shape == Shape::SystemText) && outputs.TextBytes < kLongestText) {
+        return "without room for the longest text";
+    }
+    const bool bNoSecond = IsPair(shape) && outputs.Second == nullptr;
+    return outputs.First == nullptr || bNoSecond ? "without a place for the answer" : nullptr;
 }
 
 // ---- What the script says ----
-
-void ScriptedAnswers::Append(EntryPoint name, const Answer& answer) {
-    Of(name).Answers.push_back(answer);
-}
 
 void ScriptedAnswers::Forget(EntryPoint name) {
     Of(name).Answers.clear();
@@ -188,14 +177,10 @@ void ScriptedAnswers::BeginOperation() {
     Pairs.clear();
 }
 
-bool ScriptedAnswers::HidesLibrary(uint64_t opening) const {
-    return BitOf(LibraryHidden, opening);
-}
-
 bool ScriptedAnswers::HidesLookup(EntryPoint name) {
     Script& script = Of(name);
     script.Last.fill({});
-    return BitOf(script.Hidden, script.Lookups++);
+    return HasBit(script.Hidden, script.Lookups++);
 }
 
 // ---- Calls ----
@@ -236,15 +221,10 @@ bool ScriptedAnswers::Afford(size_t work) {
 }
 
 bool ScriptedAnswers::Acts(EntryPoint name, const Answer& answer) {
-    switch (ShapeOf(name)) {
-        // Whatever it answers, a client has no second try.
-        case Shape::Shutdown: return true;
-        case Shape::Init:
-        case Shape::Lock:
-        case Shape::Reset:
-        case Shape::SetLimit: return answer.Code == kSuccess;
-        default: return answer.bWrites;
-    }
+    const Shape shape = ShapeOf(name);
+    // Whatever a shutdown answers, a client has no second try.
+    if (shape == Shape::Shutdown) return true;
+    return HasNoOutput(shape) ? answer.Code == kSuccess : answer.bWrites;
 }
 
 uint32_t ScriptedAnswers::RoomOf(const Call& call) {
@@ -253,31 +233,22 @@ uint32_t ScriptedAnswers::RoomOf(const Call& call) {
 
 void ScriptedAnswers::Write(const Call& call, const Answer& answer, uint32_t room) {
     const Outputs& outputs = call.Written;
-    switch (ShapeOf(call.Name)) {
+    const Shape shape = ShapeOf(call.Name);
+    if (IsList(call.Name))
+        return outputs.Second != nullptr ? WriteList(answer, call, room) : WriteListCount(call, answer);
+    if (IsPair(shape) && answer.Count) OutputOf<uint32_t>(outputs.Second) = *answer.Count;
+    switch (shape) {
         case Shape::SystemText:
         case Shape::Text: WriteText(answer, static_cast<char*>(outputs.First), outputs.TextBytes); break;
         case Shape::Pci: WritePci(answer, static_cast<PciRecord*>(outputs.First)); break;
-        case Shape::Count:
-            if (answer.Value) OutputOf<uint32_t>(outputs.First) = std::min(*answer.Value, kMostDevices);
-            break;
-        case Shape::Pair:
-        case Shape::Utilization:
-            if (answer.Count) OutputOf<uint32_t>(outputs.Second) = *answer.Count;
-            [[fallthrough]];
-        case Shape::Value:
-        case Shape::Selected:
-            if (answer.Value) OutputOf<uint32_t>(outputs.First) = *answer.Value;
-            break;
+        case Shape::Memory: WriteMemory(answer, static_cast<MemoryRecord*>(outputs.First)); break;
         case Shape::Mask:
             if (answer.Value) OutputOf<unsigned long long>(outputs.First) = Shifted(*answer.Value, answer);
             break;
-        case Shape::Memory: WriteMemory(answer, static_cast<MemoryRecord*>(outputs.First)); break;
-        case Shape::MemoryClocks:
-        case Shape::GraphicsClocks:
-        case Shape::Processes:
-            outputs.Second != nullptr ? WriteList(answer, call, room) : WriteListCount(call, answer);
-            break;
-        default: break;
+        default:
+            if (!answer.Value || HasNoOutput(shape) || shape == Shape::Handle) break;
+            OutputOf<uint32_t>(outputs.First) =
+                shape == Shape::Count ? std::min(*answer.Value, kMostDevices) : *answer.Value;
     }
 }
 

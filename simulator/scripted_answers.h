@@ -78,7 +78,7 @@ public:
     // ---- For scripts ----
 
     /// From now on, calls of `name` give the answers appended since `Forget`, one after the other and over again.
-    void Append(EntryPoint name, const Answer& answer);
+    void Append(EntryPoint name, const Answer& answer) { Of(name).Answers.push_back(answer); }
     void Forget(EntryPoint name);
     /// Lookups of `name` find nothing where `pattern` has a bit, the lowest bit first and over again.
     void HideLookups(EntryPoint name, uint8_t pattern);
@@ -103,7 +103,7 @@ public:
 
     // ---- For the engine ----
 
-    bool HidesLibrary(uint64_t opening) const;
+    bool HidesLibrary(uint64_t opening) const { return HasBit(LibraryHidden, opening); }
     /// Counts a lookup of `name`. True: it finds nothing.
     bool HidesLookup(EntryPoint name);
     void ForgetDeviceCount() { Devices = 0; }
@@ -147,6 +147,8 @@ private:
         std::array<LastCall, kSelectors> Last;
     };
 
+    /// Whether `pattern` has the bit for the `turn`th time.
+    static bool HasBit(uint8_t pattern, uint64_t turn) { return (pattern >> turn % 8 & 1) != 0; }
     Script& Of(EntryPoint name) { return Scripts[IndexOf(name)]; }
     const Script& Of(EntryPoint name) const { return Scripts[IndexOf(name)]; }
     /// Whether a call with this answer does anything besides returning a code.

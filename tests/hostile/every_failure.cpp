@@ -80,17 +80,12 @@ void ExpectWholeHistories(const std::vector<GpuTelemetryHistory>& histories) {
     }
 }
 
-/// Whether the library has been closed, or never been looked into.
-bool EndsWithClose(const std::vector<std::string>& log) {
-    return log.empty() || log.back() == "dlclose";
-}
-
 /// Three cycles of the sampler, if it can be started.
 void RunSampler(NvmlGpuMonitor* monitor) {
     bool bStarted = false;
     monitor->SetSampleInterval(kLongInterval);
     Attempt([&] { bStarted = monitor->Start(); });
-    const bool bOpen = !EndsWithClose(SimulatedNvml::Get().Log());
+    const bool bOpen = SimulatedNvml::Get().Use().OpenLibraries != 0;
     Expect(bOpen == monitor->IsAvailable(), "the library is open without need, or closed too soon");
     for (uint64_t cycle = 1; bStarted && cycle <= kCycles; ++cycle) {
         Expect(sampler_clock::AwaitWaits(cycle), "a cycle did not come to its end");
@@ -108,8 +103,7 @@ void QueryAndChange(NvmlGpuMonitor* monitor) {
     Attempt([&] { monitor->GetPowerCapabilities(1, &power); });
     Attempt([&] { monitor->CaptureClockState(&state); });
     Expect(clocks.CanControl == !clocks.SupportedPairs.empty(),
-           "clocks that can be locked without a list, or a list of "
-           "clocks that cannot");
+           "clocks that can be locked without a list, or a list of clocks that cannot");
     using Error = std::string*;
     AttemptChange("a lock", [&](Error error) { return monitor->SetLockedClock(1, {1500, 810}, error); });
     AttemptChange("a limit", [&](Error error) { return monitor->SetPowerLimit(1, 200.0, error); });

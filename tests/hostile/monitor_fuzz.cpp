@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 #include <set>
+#include <string_view>
 #include <system_error>
 #include <type_traits>
 #include <variant>
@@ -26,6 +27,7 @@ namespace monitor_fuzz {
 namespace {
 
 using namespace simulated_nvml;
+using std::chrono::milliseconds;
 using Outcome = LastCall::Result;
 using Result = GpuClockOperationResult;
 using Sample = GpuTelemetrySample;
@@ -44,8 +46,7 @@ size_t InstructionNumber = 0;
 // ---- The driver ----
 
 SimulatedNvml& Sim() {
-    static SimulatedNvml& sim = SimulatedNvml::Get();
-    return sim;
+    return SimulatedNvml::Get();
 }
 
 /// What calls answer and what they came to.
@@ -99,20 +100,15 @@ constexpr const char* kClockObstacles[] = {
     "NVML supported memory-clock query failed.", "NVML returned no supported locked-clock pairs."};
 constexpr const char* kGpuUnavailable = "NVIDIA GPU is unavailable.";
 
-struct PowerSentence {
-    GpuCapabilityState State;
-    const char* Text;
-};
-
-constexpr PowerSentence kPowerSentences[] = {
+constexpr std::pair<GpuCapabilityState, std::string_view> kPowerSentences[] = {
     {GpuCapabilityState::Supported, "Power-limit control supported; authorization may be required to apply."},
     {GpuCapabilityState::Unsupported, "Power-limit control is not supported by this GPU."},
     {GpuCapabilityState::DriverLimitation, "Power-limit control is not exposed by this NVIDIA driver."},
     {GpuCapabilityState::Unavailable, "Power-limit constraints are temporarily unavailable."}};
 
-template <typename Texts>
-bool IsOneOf(const std::string& text, const Texts& texts) {
-    return std::find(std::begin(texts), std::end(texts), text) != std::end(texts);
+template <typename Values, typename T>
+bool IsOneOf(const T& value, const Values& values) {
+    return std::find(std::begin(values), std::end(values), value) != std::end(values);
 }
 
 std::string ActiveStatus(size_t devices) {
@@ -132,6 +128,11 @@ template <typename T>
 constexpr T kPoisoned = static_cast<T>(kPoison);
 constexpr const char* kPoisonText = "?untouched?";
 
+constexpr EntryPoint kEnforcedLimit = EntryPoint::nvmlDeviceGetEnforcedPowerLimit;
+constexpr EntryPoint kConfiguredLimit = EntryPoint::nvmlDeviceGetPowerManagementLimit;
+constexpr EntryPoint kDefaultLimit = EntryPoint::nvmlDeviceGetPowerManagementDefaultLimit;
+constexpr EntryPoint kRange = EntryPoint::nvmlDeviceGetPowerManagementLimitConstraints;
+
 /// Where a field comes from.
 struct Source {
     EntryPoint Query;
@@ -145,7 +146,10 @@ struct Source {
 /// What a field may hold after the last call of its query.
 template <typename T>
 void RequireFrom(const Source& source, const T& field) {
-    const LastCall& last = Nvml().Last(source.Query, source.Selector);
+    const EntryPoint query = source.Query;
+    // Of the limits in force, the first one that NVML answers counts.
+    const bool bOther = query == kEnforcedLimit && Nvml().Last(query).Outcome < Outcome::WroteNothing;
+    const LastCall& last = Nvml().Last(bOther ? kConfiguredLimit : query, source.Selector);
     T read = static_cast<T>(source.bSecond ? last.Second : last.First);
     if constexpr (std::is_same_v<T, double>) read /= source.Scale;
     switch (last.Outcome) {
@@ -179,6 +183,10 @@ constexpr Reading kReadings[] = {
     {&Sample::PcieGeneration, {EntryPoint::nvmlDeviceGetCurrPcieLinkGeneration}},
     {&Sample::PcieWidth, {EntryPoint::nvmlDeviceGetCurrPcieLinkWidth}},
     {&Sample::PowerWatts, {EntryPoint::nvmlDeviceGetPowerUsage, 0, false, kMilli}},
+    {&Sample::PowerLimitWatts, {kEnforcedLimit, 0, false, kMilli}},
+    {&Sample::DefaultPowerLimitWatts, {kDefaultLimit, 0, false, kMilli}},
+    {&Sample::MinimumPowerLimitWatts, {kRange, 0, false, kMilli}},
+    {&Sample::MaximumPowerLimitWatts, {kRange, 0, true, kMilli}},
     {&Sample::PcieTransmitMiBPerSecond, {EntryPoint::nvmlDeviceGetPcieThroughput, 0, false, kKibi}},
     {&Sample::PcieReceiveMiBPerSecond, {EntryPoint::nvmlDeviceGetPcieThroughput, 1, false, kKibi}},
     {&Sample::VramUsedBytes, {EntryPoint::nvmlDeviceGetMemoryInfo}},
@@ -188,50 +196,21 @@ constexpr Reading kReadings[] = {
     {&Sample::PerformanceLimitReasons, {EntryPoint::nvmlDeviceGetCurrentClocksThrottleReasons}},
 };
 
-/// What is a rate or a power; that of the limits is judged by `RequireLimits`.
-constexpr double Sample::*kRealFields[] = {&Sample::PowerWatts,
-                                           &Sample::PowerLimitWatts,
-                                           &Sample::DefaultPowerLimitWatts,
-                                           &Sample::MinimumPowerLimitWatts,
-                                           &Sample::MaximumPowerLimitWatts,
-                                           &Sample::PcieReceiveMiBPerSecond,
-                                           &Sample::PcieTransmitMiBPerSecond};
-
-void RequireLimits(double current, double standard, double minimum, double maximum) {
-    constexpr EntryPoint kEnforced = EntryPoint::nvmlDeviceGetEnforcedPowerLimit;
-    constexpr EntryPoint kRange = EntryPoint::nvmlDeviceGetPowerManagementLimitConstraints;
-    // Of the limits in force, the first one that NVML answers counts.
-    const bool bEnforced = Nvml().Last(kEnforced).Outcome >= Outcome::WroteNothing;
-    RequireFrom({bEnforced ? kEnforced : EntryPoint::nvmlDeviceGetPowerManagementLimit, 0, false, kMilli}, current);
-    RequireFrom({EntryPoint::nvmlDeviceGetPowerManagementDefaultLimit, 0, false, kMilli}, standard);
-    RequireFrom({kRange, 0, false, kMilli}, minimum);
-    RequireFrom({kRange, 0, true, kMilli}, maximum);
-}
-
 void RequireText(const std::string& text, size_t longest) {
     constexpr const char* kCharacters = "abcdefghijklmnop0123456789.";
     Require(text.size() <= longest, "a text is longer than its buffer");
     Require(text.find_first_not_of(kCharacters) == std::string::npos, "a text has a character that NVML did not write");
 }
 
-void RequireArchitecture(const std::string& name) {
-    constexpr const char* kNames[] = {"",       "Unknown", "Kepler", "Maxwell", "Pascal",   "Volta",
-                                      "Turing", "Ampere",  "Ada",    "Hopper",  "Blackwell"};
-    Require(IsOneOf(name, kNames), "an architecture has no known name");
-}
-
 void RequireFrameTime(double field) {
-    const std::optional<double> frame = GPUProfiler::Get()->FrameTimeMs;
-    if (!frame || *frame <= 0.0) {
-        Require(field == -1.0, "a frame time was made up");
-    } else {
-        Require(field == *frame || (std::isnan(field) && std::isnan(*frame)), "a frame time is not the profiler's");
-    }
+    const double frame = GPUProfiler::Get()->FrameTimeMs.value_or(-1.0);
+    const bool bSame = field == (frame <= 0.0 ? -1.0 : frame) || (std::isnan(field) && std::isnan(frame));
+    Require(bSame, "a frame time is not the profiler's");
 }
 
 // ---- Samples ----
 
-/// Calls `visit(sample.*field, source)` for each reading but the limits.
+/// Calls `visit(sample.*field, source)` for each reading.
 template <typename AnySample, typename Visit>
 void ForEachReading(AnySample& sample, Visit visit) {
     for (const Reading& reading : kReadings) {
@@ -242,15 +221,12 @@ void ForEachReading(AnySample& sample, Visit visit) {
 Sample PoisonedSample() {
     Sample sample;
     ForEachReading(sample, [](auto& field, const Source&) { field = kPoisoned<std::decay_t<decltype(field)>>; });
-    for (double Sample::*field : kRealFields) sample.*field = kPoisoned<double>;
     sample.TimestampSeconds = sample.FrameTimeMs = kPoisoned<double>;
     return sample;
 }
 
 void RequireReadings(const Sample& sample) {
     ForEachReading(sample, [](const auto& field, const Source& source) { RequireFrom(source, field); });
-    RequireLimits(sample.PowerLimitWatts, sample.DefaultPowerLimitWatts, sample.MinimumPowerLimitWatts,
-                  sample.MaximumPowerLimitWatts);
 }
 
 /// No query may have filled anything.
@@ -262,9 +238,11 @@ void RequireDefaults(const Sample& sample) {
 
 void RequirePlausible(const Sample& sample, double after, double before) {
     Require(sample.TimestampSeconds > after && sample.TimestampSeconds < before, "a sample is not from its time");
-    for (double Sample::*field : kRealFields) {
-        Require(sample.*field == -1.0 || sample.*field >= 0.0, "a sample has a negative reading");
-    }
+    ForEachReading(sample, [](const auto& field, const Source&) {
+        if constexpr (std::is_same_v<decltype(field), const double&>) {
+            Require(field == -1.0 || field >= 0.0, "a sample has a negative reading");
+        }
+    });
     Require(!(sample.FrameTimeMs <= 0.0) || sample.FrameTimeMs == -1.0, "a sample has a negative frame time");
 }
 
@@ -276,7 +254,9 @@ void RequireDevice(const GpuDeviceInfo& device) {
     RequireText(device.PciBusId, 32);
     RequireText(device.DriverVersion, 96);
     RequireText(device.VbiosVersion, 128);
-    RequireArchitecture(device.Architecture);
+    constexpr const char* kArchitectures[] = {"",       "Unknown", "Kepler", "Maxwell", "Pascal",   "Volta",
+                                              "Turing", "Ampere",  "Ada",    "Hopper",  "Blackwell"};
+    Require(IsOneOf(device.Architecture, kArchitectures), "an architecture has no known name");
 }
 
 void RequireProcesses(const std::vector<GpuProcessMemory>& processes) {
@@ -289,13 +269,11 @@ void RequireProcesses(const std::vector<GpuProcessMemory>& processes) {
     }
 }
 
-void RequireHistory(const GpuTelemetryHistory& history) {
-    RequireDevice(history.Device);
-    RequireProcesses(history.ProcessMemory);
-    Require(history.Samples.size() <= kMostSamples, "a history is longer than its bound");
+void RequireSamples(const std::deque<Sample>& samples) {
+    Require(samples.size() <= kMostSamples, "a history is longer than its bound");
     const double now = NowSeconds();
     double latest = 0.0;
-    for (const Sample& sample : history.Samples) {
+    for (const Sample& sample : samples) {
         // A cycle whose reading finds no GPU leaves an empty sample.
         if (sample.TimestampSeconds == 0.0) continue;
         RequirePlausible(sample, latest, now);
@@ -305,9 +283,12 @@ void RequireHistory(const GpuTelemetryHistory& history) {
 
 void RequireHistories(const std::vector<GpuTelemetryHistory>& histories) {
     for (size_t i = 0; i < histories.size(); ++i) {
-        RequireHistory(histories[i]);
-        Require(i == 0 || histories[i - 1].Device.Index < histories[i].Device.Index, "the GPUs are out of order");
-        Require(histories[i].Device.DriverVersion == histories[0].Device.DriverVersion, "the GPUs' drivers differ");
+        const GpuDeviceInfo& device = histories[i].Device;
+        RequireDevice(device);
+        RequireProcesses(histories[i].ProcessMemory);
+        RequireSamples(histories[i].Samples);
+        Require(i == 0 || histories[i - 1].Device.Index < device.Index, "the GPUs are out of order");
+        Require(device.DriverVersion == histories[0].Device.DriverVersion, "the GPUs' drivers differ");
     }
 }
 
@@ -348,8 +329,8 @@ bool Called(EntryPoint name) {
 }
 
 /// Nothing was asked of the driver, so the sentence must be one of those that go with `result`.
-void RequireRefusal(Result result, const std::string* error, std::initializer_list<const char*> errors,
-                    std::initializer_list<const char*> unsupported) {
+void RequireRefusal(Result result, const std::string* error, std::initializer_list<std::string_view> errors,
+                    std::initializer_list<std::string_view> unsupported) {
     Require(result == Result::Error || result == Result::Unsupported, "a change succeeded that was not made");
     if (error == nullptr) return;
     const bool bStartFailed = result == Result::Error && IsOneOf(*error, kStartFailures);
@@ -404,7 +385,7 @@ void RequireReset(Result result, const std::string* error) {
 void RequireLimitChange(Result result, const std::string* error) {
     if (Called(kSetLimit)) {
         const uint64_t limit = Nvml().Last(kSetLimit).First;
-        const LastCall& range = Nvml().Last(EntryPoint::nvmlDeviceGetPowerManagementLimitConstraints);
+        const LastCall& range = Nvml().Last(kRange);
         Require(range.Outcome == Outcome::Answered && range.First <= limit && limit <= range.Second,
                 "a limit was set out of the range");
         RequireAnswer(kSetLimit, "power-limit control", result, error);
@@ -413,14 +394,14 @@ void RequireLimitChange(Result result, const std::string* error) {
     RequireRefusal(
         result, error, {kGpuUnavailable},
         {"Requested power limit is outside the driver-supported range.", "NVML power-limit control is unavailable.",
-         kPowerSentences[1].Text, kPowerSentences[2].Text, kPowerSentences[3].Text});
+         kPowerSentences[1].second, kPowerSentences[2].second, kPowerSentences[3].second});
 }
 
 /// Like another limit, but a GPU whose default limit cannot be read refuses with the sentence of its state.
 void RequireDefaultLimit(Result result, const std::string* error) {
     const bool bLacksDefault =
         !Called(kSetLimit) && result == Result::Unsupported && error != nullptr &&
-        (*error == kPowerSentences[0].Text || *error == kGpuUnavailable || IsOneOf(*error, kStartFailures));
+        (*error == kPowerSentences[0].second || *error == kGpuUnavailable || IsOneOf(*error, kStartFailures));
     if (!bLacksDefault) RequireLimitChange(result, error);
 }
 
@@ -496,23 +477,18 @@ private:
         return choice < 240 ? choice % 4 : Bytes.Word();
     }
 
-    std::chrono::milliseconds AnyDuration() {
+    milliseconds AnyDuration() {
         constexpr int64_t kDurations[] = {0,    1,     99,    100,
                                           1000, 10000, 10001, std::numeric_limits<int64_t>::max(),
                                           -1,   -1000, 5000,  std::numeric_limits<int64_t>::min()};
         const uint8_t choice = Bytes.Byte();
-        return std::chrono::milliseconds(choice < 250 ? kDurations[choice % std::size(kDurations)]
-                                                      : int64_t{Bytes.Word()});
+        return milliseconds(choice < 250 ? kDurations[choice % std::size(kDurations)] : int64_t{Bytes.Word()});
     }
 
     double AnyWatts() {
-        const GpuPowerCapabilities& latest = LatestPower;
-        const double watts[] = {latest.MinimumWatts,
-                                latest.MaximumWatts,
-                                latest.DefaultWatts,
-                                std::numeric_limits<double>::quiet_NaN(),
-                                std::numeric_limits<double>::infinity(),
-                                latest.MaximumWatts + 0.0004};
+        const double watts[] = {
+            LatestPower.MinimumWatts,         LatestPower.MaximumWatts, LatestPower.DefaultWatts, NAN, INFINITY,
+            LatestPower.MaximumWatts + 0.0004};
         const size_t choice = Bytes.Byte() % (std::size(watts) + 2);
         if (choice < std::size(watts)) return watts[choice];
         return choice == std::size(watts) ? Bytes.Number() / 1000.0 : Bytes.AnyDouble();
@@ -529,7 +505,6 @@ private:
     // ---- Lifecycle ----
 
     void Start(bool (NvmlGpuMonitor::*start)()) {
-        const uint64_t waits = sampler_clock::WaitsBegun();
         const bool bRefused = sampler_clock::RefusalsLeft() > 0;
         bool bStarted = false;
         try {
@@ -543,7 +518,7 @@ private:
         if (!bStarted || bSamplerRuns) return;
         bSamplerRuns = true;
         RunningDelay = Delay;
-        AwaitWaits(waits + 1);
+        AwaitWaits(1);
     }
 
     void Stop() {
@@ -570,26 +545,25 @@ private:
         Destroy();
         Monitor = std::make_unique<NvmlGpuMonitor>();
         OpeningsAtBirth = Sim().Use().Openings;
-        Interval = std::chrono::milliseconds(1000);
-        Delay = std::chrono::milliseconds(0);
+        Interval = milliseconds(1000);
+        Delay = milliseconds(0);
         Require(Monitor->Status().empty() && Monitor->Snapshot().empty(), "a new monitor is not empty");
     }
 
     // ---- Settings and cycles ----
 
     void SetInterval() {
-        const std::chrono::milliseconds interval = AnyDuration();
-        const uint64_t waits = sampler_clock::WaitsBegun();
-        Interval = std::clamp(interval, std::chrono::milliseconds(100), std::chrono::milliseconds(10000));
+        const milliseconds interval = AnyDuration();
+        Interval = std::clamp(interval, milliseconds(100), milliseconds(10000));
         RunningDelay = Delay;
         Monitor->SetSampleInterval(interval);
-        if (bSamplerRuns) AwaitWaits(waits + 1);
+        if (bSamplerRuns) AwaitWaits(1);
         RequireUnstarted();
     }
 
     void SetDelay() {
-        const std::chrono::milliseconds delay = AnyDuration();
-        Delay = std::clamp(delay, std::chrono::milliseconds(0), std::chrono::milliseconds(10000));
+        const milliseconds delay = AnyDuration();
+        Delay = std::clamp(delay, milliseconds(0), milliseconds(10000));
         Monitor->SetInitialSampleDelay(delay);
         RequireUnstarted();
     }
@@ -604,25 +578,24 @@ private:
         const unsigned int cycles = AnyCycles();
         if (!bSamplerRuns || cycles > CyclesLeft) return;
         CyclesLeft -= cycles;
-        const uint64_t waits = sampler_clock::WaitsBegun();
         sampler_clock::PassWaits(cycles);
-        AwaitWaits(waits + cycles);
+        AwaitWaits(cycles);
     }
 
     void WakeSpuriously() {
         if (!bSamplerRuns) return;
-        const uint64_t waits = sampler_clock::WaitsBegun();
         RequireNoDriver([&] {
             sampler_clock::WakeSpuriously();
-            AwaitWaits(waits + 1);
+            AwaitWaits(1);
         });
     }
 
-    void AwaitWaits(uint64_t count) {
-        Require(sampler_clock::AwaitWaits(count), "the sampler did not come to its wait");
-        Require(sampler_clock::WaitsBegun() == count, "the sampler waited more often than it had a reason to");
-        WaitsSeen = count;
-        const auto length = std::chrono::round<std::chrono::milliseconds>(sampler_clock::LatestWait().Duration);
+    /// Returns when the sampler has begun so many more waits.
+    void AwaitWaits(uint64_t more) {
+        WaitsSeen += more;
+        Require(sampler_clock::AwaitWaits(WaitsSeen), "the sampler did not come to its wait");
+        Require(sampler_clock::WaitsBegun() == WaitsSeen, "the sampler waited more often than it had a reason to");
+        const auto length = std::chrono::round<milliseconds>(sampler_clock::LatestWait().Duration);
         Require(length == Interval || length == RunningDelay, "the sampler waits for another time than was set");
         RequireNoChange();
     }
@@ -688,12 +661,10 @@ private:
 
     static void RequirePairs(const GpuClockCapabilities& clocks) {
         Require(clocks.CanControl == !clocks.SupportedPairs.empty(), "a record contradicts itself");
-        const std::set<std::pair<int, int>>& listed = Nvml().ListedPairs();
-        const bool bSame = std::equal(clocks.SupportedPairs.begin(), clocks.SupportedPairs.end(), listed.begin(),
-                                      listed.end(), [](const GpuClockPair& pair, const std::pair<int, int>& other) {
-                                          return pair == GpuClockPair{other.first, other.second};
-                                      });
-        Require(bSame, "the pairs are not those that the driver listed, sorted and each once");
+        std::vector<GpuClockPair> listed;
+        for (const auto& [graphics, memory] : Nvml().ListedPairs()) listed.push_back({graphics, memory});
+        Require(clocks.SupportedPairs == listed,
+                "the pairs are not those that the driver listed, sorted and each once");
     }
 
     void QueryPower() {
@@ -704,8 +675,10 @@ private:
         const auto query = [&](GpuPowerCapabilities* output) { return Monitor->GetPowerCapabilities(index, output); };
         if (!Fill(&LatestPower, poisoned, query)) return;
         Require(LatestPower.DeviceIndex == index, "a record is of another GPU");
-        RequireLimits(LatestPower.CurrentWatts, LatestPower.DefaultWatts, LatestPower.MinimumWatts,
-                      LatestPower.MaximumWatts);
+        RequireFrom({kEnforcedLimit, 0, false, kMilli}, LatestPower.CurrentWatts);
+        RequireFrom({kDefaultLimit, 0, false, kMilli}, LatestPower.DefaultWatts);
+        RequireFrom({kRange, 0, false, kMilli}, LatestPower.MinimumWatts);
+        RequireFrom({kRange, 0, true, kMilli}, LatestPower.MaximumWatts);
         RequirePowerStatus(bFilled, LatestPower);
     }
 
@@ -714,11 +687,8 @@ private:
         if (bFound) {
             Require(Monitor->IsAvailable() && device.has_value(), "a GPU was found that is not there");
             Require(power.DeviceUuid == device->Uuid, "a record has another identity");
-            const bool bFits =
-                std::any_of(std::begin(kPowerSentences), std::end(kPowerSentences), [&](const PowerSentence& sentence) {
-                    return power.State == sentence.State && power.Status == sentence.Text;
-                });
-            Require(bFits, "a state and its sentence do not fit");
+            const std::pair<GpuCapabilityState, std::string_view> sentence(power.State, power.Status);
+            Require(IsOneOf(sentence, kPowerSentences), "a state and its sentence do not fit");
         } else {
             Require(power.DeviceUuid.empty() && power.State == GpuCapabilityState::Unavailable,
                     "a record is not empty");
@@ -849,9 +819,9 @@ private:
     uint64_t OpeningsAtBirth = 0;
     uint64_t OpeningsBefore = 0;
     unsigned int CyclesLeft = kMostCycles;
-    std::chrono::milliseconds Interval{1000};
-    std::chrono::milliseconds Delay{0};
-    std::chrono::milliseconds RunningDelay{0};
+    milliseconds Interval{1000};
+    milliseconds Delay{0};
+    milliseconds RunningDelay{0};
     GpuClockCapabilities LatestClocks;
     GpuPowerCapabilities LatestPower;
     GpuClockState Captured;

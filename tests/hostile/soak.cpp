@@ -25,18 +25,9 @@
 #include "sampler_clock.h"
 #include "simulated_nvml.h"
 
-// g++ has macros for what clang++ answers by __has_feature.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define SOAK_SANITIZED 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define SOAK_SANITIZED 1
-#endif
-#endif
-#ifdef SOAK_SANITIZED
-// Of the sanitizers' own interface, for which g++ brings no header.
-extern "C" size_t __sanitizer_get_current_allocated_bytes();  // NOLINT(bugprone-reserved-identifier)
-#endif
+// Of the sanitizers' own interface; null where the program is built without one.
+extern "C" size_t __sanitizer_get_current_allocated_bytes()
+    __attribute__((weak));  // NOLINT(bugprone-reserved-identifier)
 
 namespace {
 
@@ -71,28 +62,26 @@ int64_t CountDescriptors() {
     return CountEntries("/proc/self/fd");
 }
 
-/// What is allocated and not freed.
-int64_t HeapBytes() {
-#ifdef SOAK_SANITIZED
-    return static_cast<int64_t>(__sanitizer_get_current_allocated_bytes());
-#else
-    const struct mallinfo2 heap = mallinfo2();
-    return static_cast<int64_t>(heap.uordblks + heap.hblkhd);
-#endif
+bool IsSanitized() {
+    return __sanitizer_get_current_allocated_bytes != nullptr;
 }
 
-/// What the process has in memory.
+/// What is allocated and not freed.
+int64_t HeapBytes() {
+    if (IsSanitized()) return static_cast<int64_t>(__sanitizer_get_current_allocated_bytes());
+    const struct mallinfo2 heap = mallinfo2();
+    return static_cast<int64_t>(heap.uordblks + heap.hblkhd);
+}
+
+/// What the process has in memory. Under a sanitizer most of that is the sanitizer's own, and only the heap counts.
 int64_t ResidentBytes() {
-#ifdef SOAK_SANITIZED
-    return 0;  // mostly the sanitizer's own: its count of the heap decides, and LeakSanitizer at the end
-#else
+    if (IsSanitized()) return 0;
     std::ifstream statm("/proc/self/statm");
     int64_t size = 0;
     int64_t resident = 0;
     statm >> size >> resident;
     Require(resident > 0, "/proc/self/statm cannot be read.");
     return resident * sysconf(_SC_PAGESIZE);
-#endif
 }
 
 struct Quantity {
