@@ -207,9 +207,8 @@ void Engine::Note(const Visit& visit, std::optional<unsigned int> board, Argumen
 }
 
 std::optional<unsigned int> Engine::NoteHandle(const Visit& visit, NvmlDevice device) {
-    const std::optional<unsigned int> board = BoardOf(device);
-    const bool bAllowed = device == nullptr && Answers.MayGetNull(visit.Name);
-    if (IsInitialized() && !board.has_value() && !bAllowed) {
+    const std::optional<unsigned int> board = BoardOf(visit.Name, device);
+    if (IsInitialized() && !board.has_value()) {
         AddMisuse(CallText(visit.Name, std::nullopt, {}) + " with a handle that is null, stale or unknown.");
     }
     return board;
@@ -275,16 +274,17 @@ NvmlDevice Engine::MakeUpHandle(const Answer& answer, unsigned int index) {
     return device;
 }
 
-std::optional<unsigned int> Engine::BoardOf(NvmlDevice device) const {
-    if (!Boards.empty() && MadeUpHandles.count(device) != 0) return 0;
+std::optional<unsigned int> Engine::BoardOf(EntryPoint name, NvmlDevice device) const {
+    const bool bMadeUp = MadeUpHandles.count(device) != 0 || (device == nullptr && Answers.MayGetNull(name));
+    if (bMadeUp && !Boards.empty()) return 0;
     const auto handle = reinterpret_cast<uintptr_t>(device);
     const uintptr_t place = handle & ((1U << kHandleIndexBits) - 1U);
     if (handle >> kHandleIndexBits != Generation || place == 0 || place > Boards.size()) return std::nullopt;
     return static_cast<unsigned int>(place - 1);
 }
 
-BoardModel* Engine::FindBoard(NvmlDevice device) {
-    const std::optional<unsigned int> board = BoardOf(device);
+BoardModel* Engine::FindBoard(EntryPoint name, NvmlDevice device) {
+    const std::optional<unsigned int> board = BoardOf(name, device);
     return board.has_value() ? &Boards[*board] : nullptr;
 }
 

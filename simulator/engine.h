@@ -104,8 +104,8 @@ public:
     NvmlReturn DeviceCall(EntryPoint name, NvmlDevice device, Arguments arguments, Outputs outputs, Body body) {
         return Run(name, [&](Visit& visit) {
             Note(visit, NoteHandle(visit, device), arguments);
-            const NvmlReturn verdict = Admit(visit, BoardOf(device));
-            BoardModel* board = FindBoard(device);
+            const NvmlReturn verdict = Admit(visit, BoardOf(name, device));
+            BoardModel* board = FindBoard(name, device);
             if (verdict != kSuccess && (board == nullptr || !WritesWhenFailing(name))) return verdict;
             if (board == nullptr) return kInvalidArgument;
             if (!board->Supports(name)) return kNotSupported;
@@ -210,8 +210,8 @@ private:
     NvmlDevice MakeUpHandle(const Answer& answer, unsigned int index);
     /// Lets the handles given so far become stale.
     void BeginGeneration();
-    std::optional<unsigned int> BoardOf(NvmlDevice device) const;
-    BoardModel* FindBoard(NvmlDevice device);
+    std::optional<unsigned int> BoardOf(EntryPoint name, NvmlDevice device) const;
+    BoardModel* FindBoard(EntryPoint name, NvmlDevice device);
     void BringToNow(BoardModel* board);
     /// How long the boards have lived.
     double ElapsedSeconds() const;

@@ -86,7 +86,7 @@ public:
     void HideLibrary(uint8_t pattern) { LibraryHidden = pattern; }
     /// Makes up about `level` of 256 answers from `seed` where no answer was appended; 0 ends it.
     void Confuse(uint32_t seed, uint8_t level);
-    /// Lets `name` be called with a null handle once such a handle was given as a success.
+    /// Lets `name` be called with a null handle, for board 0, once such a handle was given as a success.
     void AllowNullHandle(EntryPoint name) { Of(name).bNullAllowed = true; }
 
     /// Starts observing anew: forgets the calls and the lists that were observed before.

@@ -57,8 +57,7 @@ ScriptedAnswers& Nvml() {
 
 /// GPUs that nothing is wrong with, whose texts have only characters that `RequireText` expects.
 std::vector<Board> HealthyBoards() {
-    const std::vector<ClockGroup> clocks = {{405, {330, 315, 300}}, {420, {330, 315, 300}}};
-    std::vector<Board> boards = fixed_boards::FixedBoards(2, fixed_boards::DistinctReadings(), clocks);
+    std::vector<Board> boards = fixed_boards::FixedBoards(2);
     for (Board& board : boards) {
         for (std::string Board::*text :
              {&Board::Name, &Board::Uuid, &Board::BusId, &Board::BusIdLegacy, &Board::VbiosVersion}) {
@@ -518,7 +517,7 @@ private:
         if (!bStarted || bSamplerRuns) return;
         bSamplerRuns = true;
         RunningDelay = Delay;
-        AwaitWaits(1);
+        AwaitCycles(1);
     }
 
     void Stop() {
@@ -557,7 +556,7 @@ private:
         Interval = std::clamp(interval, milliseconds(100), milliseconds(10000));
         RunningDelay = Delay;
         Monitor->SetSampleInterval(interval);
-        if (bSamplerRuns) AwaitWaits(1);
+        if (bSamplerRuns) AwaitCycles(1);
         RequireUnstarted();
     }
 
@@ -579,15 +578,24 @@ private:
         if (!bSamplerRuns || cycles > CyclesLeft) return;
         CyclesLeft -= cycles;
         sampler_clock::PassWaits(cycles);
-        AwaitWaits(cycles);
+        AwaitCycles(cycles);
     }
 
     void WakeSpuriously() {
         if (!bSamplerRuns) return;
+        const auto deadline = sampler_clock::LatestWait().Deadline;
         RequireNoDriver([&] {
             sampler_clock::WakeSpuriously();
             AwaitWaits(1);
         });
+        Require(sampler_clock::LatestWait().Deadline == deadline, "a spurious wake-up moved the deadline");
+    }
+
+    /// Returns when the sampler has begun so many more waits, each of them after a cycle or a change of its times.
+    void AwaitCycles(uint64_t more) {
+        AwaitWaits(more);
+        const auto length = std::chrono::round<milliseconds>(sampler_clock::LatestWait().Duration);
+        Require(length == Interval || length == RunningDelay, "the sampler waits for another time than was set");
     }
 
     /// Returns when the sampler has begun so many more waits.
@@ -595,8 +603,6 @@ private:
         WaitsSeen += more;
         Require(sampler_clock::AwaitWaits(WaitsSeen), "the sampler did not come to its wait");
         Require(sampler_clock::WaitsBegun() == WaitsSeen, "the sampler waited more often than it had a reason to");
-        const auto length = std::chrono::round<milliseconds>(sampler_clock::LatestWait().Duration);
-        Require(length == Interval || length == RunningDelay, "the sampler waits for another time than was set");
         RequireNoChange();
     }
 
