@@ -669,8 +669,7 @@ private:
         Require(clocks.CanControl == !clocks.SupportedPairs.empty(), "a record contradicts itself");
         std::vector<GpuClockPair> listed;
         for (const auto& [graphics, memory] : Nvml().ListedPairs()) listed.push_back({graphics, memory});
-        Require(clocks.SupportedPairs == listed,
-                "the pairs are not those that the driver listed, sorted and each once");
+        Require(clocks.SupportedPairs == listed, "the pairs are not those of the driver, sorted and each once");
     }
 
     void QueryPower() {
@@ -696,18 +695,13 @@ private:
             const std::pair<GpuCapabilityState, std::string_view> sentence(power.State, power.Status);
             Require(IsOneOf(sentence, kPowerSentences), "a state and its sentence do not fit");
         } else {
-            Require(power.DeviceUuid.empty() && power.State == GpuCapabilityState::Unavailable,
-                    "a record is not empty");
-            const bool bUp = Monitor->IsAvailable();
-            Require(power.Status == (bUp ? kGpuUnavailable : Monitor->Status()), "a record tells no obstacle");
+            const bool bEmpty = power.DeviceUuid.empty() && power.State == GpuCapabilityState::Unavailable;
+            const std::string obstacle = Monitor->IsAvailable() ? kGpuUnavailable : Monitor->Status();
+            Require(bEmpty && power.Status == obstacle, "a record without a GPU is not empty but for the obstacle");
         }
-        RequireRange(power);
-    }
-
-    static void RequireRange(const GpuPowerCapabilities& power) {
-        if (power.State != GpuCapabilityState::Supported) return;
-        Require(power.MinimumWatts > 0.0 && power.MaximumWatts >= power.MinimumWatts && power.CurrentWatts >= 0.0,
-                "a limit can be set in no range");
+        const bool bRange = power.MinimumWatts > 0.0 && power.MaximumWatts >= power.MinimumWatts;
+        const bool bSettable = bRange && power.CurrentWatts >= 0.0;
+        Require(bSettable || power.State != GpuCapabilityState::Supported, "a limit can be set in no range");
     }
 
     void Capture() {
@@ -792,8 +786,8 @@ private:
         const std::vector<GpuTelemetryHistory> histories = Monitor->Snapshot();
         Require(Sim().Use().Activity == activity, "an observer used the driver");
         const LibraryUse use = Sim().Use();
-        Require(use.OpenLibraries == (bUp ? 1U : 0U) && use.Initializations == (bUp ? 1U : 0U),
-                "the library is not open as it should be");
+        const unsigned int open = bUp ? 1 : 0;
+        Require(use.OpenLibraries == open && use.Initializations == open, "the library is not open as it should be");
         Require(!bSamplerRuns || bUp, "a sampler runs without NVML");
         Require(sampler_clock::WaitsBegun() == WaitsSeen, "the sampler woke without a reason");
         RequireHistories(histories);

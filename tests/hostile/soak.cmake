@@ -1,7 +1,7 @@
 find_package(CLI11 CONFIG REQUIRED)
 
 add_executable(soak soak.cpp)
-target_link_libraries(soak PRIVATE monitor_under_test simulated_loader sampler_clock CLI11::CLI11)
+target_link_libraries(soak PRIVATE monitor_under_test simulated_loader sampler_clock fixed_boards CLI11::CLI11)
 set_target_properties(soak PROPERTIES CXX_EXTENSIONS OFF)
 nvml_gpu_monitor_strict_warnings(soak)
 

@@ -21,13 +21,14 @@
 #include <thread>
 #include <vector>
 
+#include "fixed_boards.h"
 #include "nvml_gpu_monitor.h"
 #include "sampler_clock.h"
 #include "simulated_nvml.h"
 
 // Of the sanitizers' own interface; null where the program is built without one.
-extern "C" size_t __sanitizer_get_current_allocated_bytes()
-    __attribute__((weak));  // NOLINT(bugprone-reserved-identifier)
+// NOLINTNEXTLINE(bugprone-reserved-identifier)
+extern "C" size_t __sanitizer_get_current_allocated_bytes() __attribute__((weak));
 
 namespace {
 
@@ -39,11 +40,9 @@ void Require(bool bHolds, const std::string& otherwise) {
 }
 
 void UseBoards(unsigned int count) {
-    std::vector<simulated_nvml::Board> boards;
-    for (unsigned int i = 0; i < count; ++i) boards.push_back(simulated_nvml::DesktopBoard(i));
     SimulatedNvml::Get().Reset();
     SimulatedNvml::Get().ForbidConcurrentCalls();
-    SimulatedNvml::Get().SetBoards(boards);
+    SimulatedNvml::Get().SetBoards(fixed_boards::FixedBoards(count));
     sampler_clock::Reset();
     sampler_clock::Hold();
 }
@@ -56,10 +55,6 @@ int64_t CountEntries(const char* folder) {
 
 int64_t CountThreads() {
     return CountEntries("/proc/self/task");
-}
-
-int64_t CountDescriptors() {
-    return CountEntries("/proc/self/fd");
 }
 
 bool IsSanitized() {
@@ -96,7 +91,7 @@ struct Quantity {
 constexpr Quantity kQuantities[] = {{"bytes of heap", HeapBytes, 16, int64_t{16} << 10},
                                     {"bytes resident", ResidentBytes, 16, int64_t{1} << 20},
                                     {"threads", CountThreads, 0, 0},
-                                    {"descriptors", CountDescriptors, 0, 0}};
+                                    {"descriptors", [] { return CountEntries("/proc/self/fd"); }, 0, 0}};
 using Footprint = std::array<int64_t, std::size(kQuantities)>;
 
 /// Measures when `threads` threads are left: a thread that was joined stays in /proc for a moment.
@@ -156,27 +151,33 @@ void FillHistories(unsigned int boards) {
              uint64_t{kCyclesBetweenMeasurements} * boards);
 }
 
-/// Starts a sampler and stops it in one of the ways in which hosts do.
-void StartAndStop(uint64_t way) {
-    NvmlGpuMonitor monitor;
+/// Starts and stops in one of the ways in which hosts do.
+void StartAndStop(uint64_t way, NvmlGpuMonitor* monitor) {
     const uint64_t waits = sampler_clock::WaitsBegun();
-    Require(monitor.Start(), "A start failed: " + monitor.Status());
+    Require(monitor->Start(), "A start failed: " + monitor->Status());
     if (way == 1) Require(sampler_clock::AwaitWaits(waits + 1), "A started sampler made no cycle.");
     if (way == 2) {
-        monitor.PauseSampling();
-        Require(monitor.ResumeSampling(), "A resume failed: " + monitor.Status());
+        monitor->PauseSampling();
+        Require(monitor->ResumeSampling(), "A resume failed: " + monitor->Status());
     }
-    // Otherwise the destructor stops it.
-    if (way != 3) monitor.Stop();
+    if (way != 3) monitor->Stop();
 }
 
-void StartAndStopRepeatedly(unsigned int boards, uint64_t cycles) {
+void StartAndStopRepeatedly(uint64_t count, NvmlGpuMonitor* monitor) {
+    for (uint64_t i = 0; i < count; ++i) {
+        NvmlGpuMonitor stoppedByItsDestructor;
+        StartAndStop(i % 4, i % 4 == 3 ? &stoppedByItsDestructor : monitor);
+    }
+}
+
+void StartOften(unsigned int boards, uint64_t cycles) {
     constexpr uint64_t kWarmUpCycles = 200;
     const int64_t threads = CountThreads();
     UseBoards(boards);
-    for (uint64_t i = 0; i < kWarmUpCycles; ++i) StartAndStop(i % 4);
+    NvmlGpuMonitor monitor;
+    StartAndStopRepeatedly(kWarmUpCycles, &monitor);
     const Footprint before = Measure(threads);
-    for (uint64_t i = 0; i < cycles; ++i) StartAndStop(i % 4);
+    StartAndStopRepeatedly(cycles, &monitor);
     const Footprint after = Measure(threads);
     const uint64_t inits = SimulatedNvml::Get().Calls("nvmlInit_v2");
     Require(inits == kWarmUpCycles + cycles && inits == SimulatedNvml::Get().Calls("nvmlShutdown"),
@@ -184,30 +185,21 @@ void StartAndStopRepeatedly(unsigned int boards, uint64_t cycles) {
     Conclude(std::to_string(cycles) + " starts and stops", before, after, cycles);
 }
 
-int Run(int argc, char** argv) {
+}  // namespace
+
+int main(int argc, char** argv) try {
     unsigned int boards = 64;
     uint64_t cycles = 10000;
-    CLI::App app(
-        "Runs the monitor for long over the simulated NVML and fails when memory, threads or file descriptors "
-        "grow.",
-        "soak");
+    CLI::App app("Fails when memory, threads or file descriptors grow in a long run over the simulated NVML.", "soak");
     app.add_option("--boards", boards, "How many boards, 1 to 64; default 64")->check(CLI::Range(1, 64));
     app.add_option("--cycles", cycles, "How many starts and stops; default 10000")->check(CLI::Range(1, 1000000000));
     CLI11_PARSE(app, argc, argv);
     // The thread sanitizer starts a thread of its own with the first one of the program.
     std::thread([] {}).join();
     FillHistories(boards);
-    StartAndStopRepeatedly(boards, cycles);
+    StartOften(boards, cycles);
     return 0;
-}
-
-}  // namespace
-
-int main(int argc, char** argv) {
-    try {
-        return Run(argc, argv);
-    } catch (const std::exception& finding) {
-        std::fprintf(stderr, "soak: %s\n", finding.what());
-        return 1;
-    }
+} catch (const std::exception& finding) {
+    std::fprintf(stderr, "soak: %s\n", finding.what());
+    return 1;
 }
