@@ -90,9 +90,9 @@ public:
         return Run(name, [&](Visit& visit) {
             Note(visit, std::nullopt, arguments);
             const NvmlReturn verdict = Admit(visit, std::nullopt);
-            if (verdict == kSuccess) return Complete({name, arguments, outputs}, body);
-            if (WritesWhenFailing(name)) body();
-            return verdict;
+            if (verdict != kSuccess && !WritesWhenFailing(name)) return verdict;
+            const NvmlReturn answer = Complete({name, arguments, outputs}, body);
+            return verdict != kSuccess ? verdict : answer;
         });
     }
 
@@ -110,9 +110,8 @@ public:
             if (board == nullptr) return kInvalidArgument;
             if (!board->Supports(name)) return kNotSupported;
             BringToNow(board);
-            if (verdict == kSuccess) return Complete({name, arguments, outputs}, [&] { return body(*board); });
-            body(*board);
-            return verdict;
+            const NvmlReturn answer = Complete({name, arguments, outputs}, [&] { return body(*board); });
+            return verdict != kSuccess ? verdict : answer;
         });
     }
 
@@ -177,13 +176,12 @@ private:
         }
     }
 
-    /// Completes an admitted call, by a scripted answer if there is one.
+    /// Completes a call that was admitted, by a scripted answer if there is one.
     template <typename Body>
     NvmlReturn Complete(const Call& call, Body body) {
-        if (const char* const complaint = Answers.Complaint(call)) {
-            AddMisuse(std::string(NameOf(call.Name)) + "() " + complaint + ".");
-            return body();
-        }
+        const std::optional<Complaint> complaint = Answers.Judge(call);
+        if (complaint.has_value()) AddMisuse(std::string(NameOf(call.Name)) + "() " + complaint->Text + ".");
+        if (complaint.has_value() && complaint->bRefused) return kInvalidArgument;
         return Answers.Complete(call, Answers.Next(call.Name), body);
     }
     /// Counts, logs and polices a call that begins.

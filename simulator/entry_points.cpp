@@ -18,9 +18,8 @@ Engine& Nvml() {
 
 // ---- Single values ----
 
-NvmlReturn Store(unsigned int* output, std::optional<unsigned int> value) {
-    if (output == nullptr || !value.has_value()) return kInvalidArgument;
-    *output = *value;
+NvmlReturn Store(unsigned int* output, unsigned int value) {
+    *output = value;
     return kSuccess;
 }
 
@@ -48,41 +47,36 @@ NvmlReturn Value(EntryPoint name, NvmlDevice device, unsigned int* value) {
                              [&](const BoardModel& board) { return Store(value, ValueOf(name, board)); });
 }
 
-std::optional<unsigned int> ClockOf(unsigned int type, unsigned int graphics, unsigned int sm, unsigned int memory,
-                                    unsigned int video) {
-    switch (type) {
-        case kClockGraphics: return graphics;
-        case kClockSm: return sm;
-        case kClockMemory: return memory;
-        case kClockVideo: return video;
-        default: return std::nullopt;
-    }
+unsigned int ClockOf(unsigned int type, unsigned int graphics, unsigned int sm, unsigned int memory,
+                     unsigned int video) {
+    const unsigned int clocks[] = {graphics, sm, memory, video};
+    return clocks[type];
 }
 
-std::optional<unsigned int> MaxClockOf(const std::vector<ClockGroup>& clocks, unsigned int type) {
-    if (clocks.empty()) return std::nullopt;
-    const unsigned int graphics = clocks.front().GraphicsMHz.front();
-    return ClockOf(type, graphics, graphics, clocks.front().MemoryMHz, BoardModel::VideoClockMHz(graphics));
+unsigned int MaxClockOf(const ClockGroup& fastest, unsigned int type) {
+    const unsigned int graphics = fastest.GraphicsMHz.front();
+    return ClockOf(type, graphics, graphics, fastest.MemoryMHz, BoardModel::VideoClockMHz(graphics));
 }
 
-std::optional<unsigned int> SelectedOf(EntryPoint name, unsigned int selector, const BoardModel& model) {
+unsigned int SelectedOf(EntryPoint name, unsigned int selector, const BoardModel& model) {
     const Board& board = model.Identity();
     const Readings& now = model.Now();
-    if (selector > HighestSelector(name)) return std::nullopt;
     switch (name) {
         case EntryPoint::nvmlDeviceGetTemperature: return now.TemperatureC;
         case EntryPoint::nvmlDeviceGetTemperatureThreshold:
             return selector == kThresholdShutdown ? board.ShutdownTemperatureC : board.SlowdownTemperatureC;
         case EntryPoint::nvmlDeviceGetPcieThroughput:
             return selector == kPcieTransmit ? now.PcieTransmitKiBPerSecond : now.PcieReceiveKiBPerSecond;
-        case EntryPoint::nvmlDeviceGetMaxClockInfo: return MaxClockOf(board.Clocks, selector);
+        case EntryPoint::nvmlDeviceGetMaxClockInfo: return MaxClockOf(board.Clocks.front(), selector);
         default: return ClockOf(selector, now.GraphicsMHz, now.SmMHz, now.MemoryMHz, now.VideoMHz);
     }
 }
 
 NvmlReturn Selected(EntryPoint name, NvmlDevice device, unsigned int selector, unsigned int* value) {
-    return Nvml().DeviceCall(name, device, {selector}, {value},
-                             [&](const BoardModel& board) { return Store(value, SelectedOf(name, selector, board)); });
+    return Nvml().DeviceCall(name, device, {selector}, {value}, [&](const BoardModel& board) {
+        const bool bLacksClocks = name == EntryPoint::nvmlDeviceGetMaxClockInfo && board.Identity().Clocks.empty();
+        return bLacksClocks ? kNotSupported : Store(value, SelectedOf(name, selector, board));
+    });
 }
 
 NvmlReturn Count(EntryPoint name, unsigned int* count) {
@@ -104,7 +98,6 @@ std::pair<unsigned int, unsigned int> PairOf(EntryPoint name, const BoardModel& 
 
 NvmlReturn Pair(EntryPoint name, NvmlDevice device, unsigned int* first, unsigned int* second) {
     return Nvml().DeviceCall(name, device, {}, {first, second}, [&](const BoardModel& board) {
-        if (first == nullptr || second == nullptr) return kInvalidArgument;
         std::tie(*first, *second) = PairOf(name, board);
         return kSuccess;
     });
@@ -117,7 +110,6 @@ NvmlReturn Utilization(EntryPoint name, NvmlDevice device, UtilizationRecord* ra
 
 NvmlReturn Mask(EntryPoint name, NvmlDevice device, unsigned long long* reasons) {
     return Nvml().DeviceCall(name, device, {}, {reasons}, [&](const BoardModel& board) {
-        if (reasons == nullptr) return kInvalidArgument;
         *reasons = board.Now().LimitReasons;
         return kSuccess;
     });
@@ -125,7 +117,6 @@ NvmlReturn Mask(EntryPoint name, NvmlDevice device, unsigned long long* reasons)
 
 NvmlReturn Memory(EntryPoint name, NvmlDevice device, MemoryRecord* memory) {
     return Nvml().DeviceCall(name, device, {}, {memory}, [&](const BoardModel& board) {
-        if (memory == nullptr) return kInvalidArgument;
         const bool bVram = name == EntryPoint::nvmlDeviceGetMemoryInfo;
         const uint64_t total = bVram ? board.Identity().VramTotalBytes : board.Identity().Bar1TotalBytes;
         const uint64_t used = std::min(bVram ? board.Now().VramUsedBytes : board.Now().Bar1UsedBytes, total);
@@ -137,7 +128,6 @@ NvmlReturn Memory(EntryPoint name, NvmlDevice device, MemoryRecord* memory) {
 // ---- Texts ----
 
 NvmlReturn StoreText(char* output, unsigned int size, const std::string& text) {
-    if (output == nullptr) return kInvalidArgument;
     if (Nvml().Rules.bUnterminatedText) {
         std::memset(output, 'x', size);
         // NOLINTNEXTLINE(bugprone-not-null-terminated-result): that is what was asked for.
@@ -175,7 +165,6 @@ NvmlReturn Text(EntryPoint name, NvmlDevice device, char* text, unsigned int siz
 
 NvmlReturn Pci(EntryPoint name, NvmlDevice device, PciRecord* pci) {
     return Nvml().DeviceCall(name, device, {}, {pci}, [&](const BoardModel& model) {
-        if (pci == nullptr) return kInvalidArgument;
         const Board& board = model.Identity();
         *pci = PciRecord{};
         FillField(pci->BusIdLegacy, board.BusIdLegacy);
@@ -215,11 +204,8 @@ size_t ListedEntries(EntryPoint name, size_t entries, bool bSizeQuery) {
 /// The protocol of all list queries: a room too small is answered with the size needed, and `write(index, entry)` is
 /// called for each entry when there is room. An entry that only the script adds is like the last one.
 template <typename Entry, typename Write>
-NvmlReturn StoreList(EntryPoint name, const std::vector<Entry>& entries, unsigned int* count, const void* output,
-                     Write write) {
-    if (count == nullptr) return kInvalidArgument;
+NvmlReturn StoreList(EntryPoint name, const std::vector<Entry>& entries, unsigned int* count, Write write) {
     const unsigned int room = *count;
-    if (room != 0 && output == nullptr) return kInvalidArgument;
     const size_t listed = ListedEntries(name, entries.size(), room == 0);
     *count = static_cast<unsigned int>(listed);
     if (listed > room) return kInsufficientSize;
@@ -231,7 +217,7 @@ NvmlReturn StoreList(EntryPoint name, const std::vector<Entry>& entries, unsigne
 
 NvmlReturn StoreClocks(EntryPoint name, const std::vector<unsigned int>& clocks, unsigned int* count,
                        unsigned int* output) {
-    return StoreList(name, clocks, count, output, [output](size_t i, unsigned int clock) { output[i] = clock; });
+    return StoreList(name, clocks, count, [output](size_t i, unsigned int clock) { output[i] = clock; });
 }
 
 std::optional<uint64_t> RoomArgument(const unsigned int* count) {
@@ -277,7 +263,7 @@ NvmlReturn Processes(EntryPoint name, NvmlDevice device, unsigned int* count, Pr
             std::memset(bytes + i * recordBytes, 0, recordBytes);
             std::memcpy(bytes + i * recordBytes, &record, sizeof record);
         };
-        return StoreList(name, ProcessesOf(name, board.Now()), count, output, write);
+        return StoreList(name, ProcessesOf(name, board.Now()), count, write);
     });
 }
 

@@ -112,15 +112,7 @@ std::pair<uint64_t, uint64_t> ValuesOf(const Call& call) {
 
 // ---- What is wrong with a call ----
 
-const char* ListComplaint(const Outputs& outputs) {
-    if (outputs.First == nullptr) return "without a place for the count";
-    const auto room = OutputOf<uint32_t>(outputs.First);
-    if ((room == 0) != (outputs.Second == nullptr)) return "with room for entries and no place for them, or no room";
-    return room > kLongestList ? "with room for more entries than any list has" : nullptr;
-}
-
-}  // namespace
-
+/// The last sensor, clock or counter that a call can ask for.
 unsigned int HighestSelector(EntryPoint name) {
     switch (name) {
         case EntryPoint::nvmlDeviceGetClockInfo:
@@ -131,23 +123,35 @@ unsigned int HighestSelector(EntryPoint name) {
     }
 }
 
-const char* ScriptedAnswers::Complaint(const Call& call) const {
+std::optional<Complaint> ListComplaint(const Outputs& outputs) {
+    if (outputs.First == nullptr) return Complaint{"without a place for the count", true};
+    const auto room = OutputOf<uint32_t>(outputs.First);
+    if (room != 0 && outputs.Second == nullptr) return Complaint{"with room for entries but no place for them", true};
+    if (room == 0 && outputs.Second != nullptr) return Complaint{"with a place for entries but no room", false};
+    if (room > kLongestList) return Complaint{"with room for more entries than any list has", false};
+    return std::nullopt;
+}
+
+}  // namespace
+
+std::optional<Complaint> ScriptedAnswers::Judge(const Call& call) const {
     constexpr unsigned int kLongestText = 96;
     const Outputs& outputs = call.Written;
     const Shape shape = ShapeOf(call.Name);
-    if (HasNoOutput(shape)) return nullptr;
+    if (HasNoOutput(shape)) return std::nullopt;
     if (shape == Shape::GraphicsClocks && bObserving && MemoryClocks.count(Argument(call, 0)) == 0) {
-        return "with a memory clock that was not listed";
+        return Complaint{"with a memory clock that was not listed", false};
     }
     if (IsList(call.Name)) return ListComplaint(outputs);
+    if (outputs.First == nullptr || (IsPair(shape) && outputs.Second == nullptr)) {
+        return Complaint{"without a place for the answer", true};
+    }
     if (shape == Shape::Selected && Argument(call, 0) > HighestSelector(call.Name)) {
-        return "with a selector that does not exist";
+        return Complaint{"with a selector that does not exist", true};
     }
-    if ((shape == Shape::Text || shape == Shape::SystemText) && outputs.TextBytes < kLongestText) {
-        return "without room for the longest text";
-    }
-    const bool bNoSecond = IsPair(shape) && outputs.Second == nullptr;
-    return outputs.First == nullptr || bNoSecond ? "without a place for the answer" : nullptr;
+    const bool bText = shape == Shape::Text || shape == Shape::SystemText;
+    if (bText && outputs.TextBytes < kLongestText) return Complaint{"without room for the longest text", false};
+    return std::nullopt;
 }
 
 // ---- What the script says ----

@@ -33,9 +33,9 @@ struct Answer {
     uint8_t Form = 0;
     /// The value, the length of a text, the number of entries that a list has, or its first entry; and any value lets
     /// the GPU exist that a handle is asked for. Without a value, what the board answers.
-    std::optional<uint32_t> Value;
+    std::optional<uint32_t> Value{};
     /// The second value, or what a list query leaves as the count. Without it, what the board answers.
-    std::optional<uint32_t> Count;
+    std::optional<uint32_t> Count{};
 };
 
 /// What the last call of a name did.
@@ -65,8 +65,11 @@ struct Call {
     Outputs Written;
 };
 
-/// The last sensor, clock or counter that a call can ask for.
-unsigned int HighestSelector(EntryPoint name);
+/// What is wrong with the arguments of a call, whatever the board, and whether no board can answer it.
+struct Complaint {
+    const char* Text;
+    bool bRefused;
+};
 
 /// No GPU lists more than this many clocks or processes.
 constexpr uint32_t kLongestList = 4096;
@@ -127,8 +130,7 @@ public:
         if (bObserving) Observe(call, code, bActs, room);
         return code;
     }
-    /// What is wrong with the arguments of a call whatever the board; null when nothing is.
-    const char* Complaint(const Call& call) const;
+    std::optional<Complaint> Judge(const Call& call) const;
 
 private:
     static constexpr NvmlReturn kSucceeded = 0;
