@@ -1,5 +1,5 @@
-// What one cycle costs the sampler thread, by boards and by processes on each: the monitor's, and the same lookups,
-// calls and allocations written by hand, on a thread that is woken in the same way.
+// What one cycle costs the sampler thread, by GPUs, by processes on each and by what the histories hold; and what a
+// start and a stop cost.
 
 #include <benchmark/benchmark.h>
 
@@ -7,49 +7,42 @@
 #include <cstdint>
 
 #include "boards.h"
-#include "hand_written.h"
 #include "nvml_gpu_monitor.h"
 #include "sampler.h"
-#include "work.h"
 
 namespace {
 
-template <typename Monitor>
 void Cycle(benchmark::State& state) {
     UseBoards(state.range(0), state.range(1));
-    Monitor monitor;
-    SamplerDriver<Monitor> sampler(&monitor, static_cast<uint64_t>(state.range(0)));
+    NvmlGpuMonitor monitor;
+    SamplerDriver sampler(&monitor, state.range(0));
     for ([[maybe_unused]] auto _ : state) state.SetIterationTime(sampler.Cycle());
 }
+BENCHMARK(Cycle)->ArgsProduct({{1, 8, 64}, {0, 16, 1024, 4096}})->UseManualTime();
 
-void BoardsAndProcesses(benchmark::internal::Benchmark* cycle) {
-    for (const int64_t boards : {1, 8, 64}) {
-        for (const int64_t processes : {0, 16, 1024, 4096}) cycle->Args({boards, processes});
+/// Cycles of 8 GPUs that follow others, as many as given.
+void CycleAfter(benchmark::State& state) {
+    UseBoards(8);
+    NvmlGpuMonitor monitor;
+    SamplerDriver sampler(&monitor, 8);
+    for (int64_t i = 0; i < state.range(0); ++i) sampler.Cycle();
+    for ([[maybe_unused]] auto _ : state) state.SetIterationTime(sampler.Cycle());
+}
+// The iterations are given, so that growing histories stay below the bound while they are measured.
+BENCHMARK(CycleAfter)->Arg(1000)->Arg(kFullHistorySamples)->Iterations(2000)->UseManualTime();
+
+void StartAndStop(benchmark::State& state) {
+    UseBoards(state.range(0));
+    NvmlGpuMonitor monitor;
+    // So that no cycle is measured.
+    monitor.SetInitialSampleDelay(std::chrono::seconds(10));
+    for ([[maybe_unused]] auto _ : state) {
+        monitor.Start();
+        monitor.Stop();
     }
-    cycle->UseManualTime();
 }
-BENCHMARK_TEMPLATE(Cycle, NvmlGpuMonitor)->Name("CycleOfMonitor")->Apply(BoardsAndProcesses);
-BENCHMARK_TEMPLATE(Cycle, HandWrittenMonitor)->Name("CycleByHand")->Apply(BoardsAndProcesses);
-
-template <typename Monitor>
-Work WorkOfCycle() {
-    UseBoards(3, 5);
-    Monitor monitor;
-    SamplerDriver<Monitor> sampler(&monitor, 3);
-    // What takes the lock waits for the end of a cycle, also of one whose thread was interrupted and seems asleep.
-    const auto waitForEnd = [&] { monitor.SetInitialSampleDelay(std::chrono::milliseconds(0)); };
-    waitForEnd();
-    return WorkOf([&] {
-        sampler.Cycle();
-        waitForEnd();
-    });
-}
+BENCHMARK(StartAndStop)->Arg(1)->Arg(8)->Arg(64)->MeasureProcessCPUTime();
 
 }  // namespace
 
-int main(int argc, char** argv) {
-    RequireSameWork("A cycle", WorkOfCycle<NvmlGpuMonitor>(), WorkOfCycle<HandWrittenMonitor>());
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    return 0;
-}
+BENCHMARK_MAIN();

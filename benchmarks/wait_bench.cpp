@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "boards.h"
-#include "full_histories.h"
 #include "nvml_gpu_monitor.h"
 #include "sampler.h"
 #include "simulated_nvml.h"
@@ -22,14 +21,14 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Milliseconds = std::chrono::duration<double, std::milli>;
 
-/// Calls of Snapshot at moments that do not know of the sampler: each one is as likely as any other.
+/// Calls of Snapshot at moments that do not depend on the sampler: each moment is as likely as any other.
 class RandomCalls {
 public:
-    /// What the call at the next moment waits, in milliseconds.
+    /// How long the call at the next moment waits, in milliseconds.
     double Next(const NvmlGpuMonitor& monitor) {
         Moment += std::chrono::duration_cast<Clock::duration>(Milliseconds(Gap(Random)));
-        // A moment at which the call before still waited: a call of its own would have waited for the same cycle and
-        // then copied as long, but beside it, not behind it.
+        // At some moments the call before still waits. A call made then would have waited for the same cycle and copied
+        // as long, at the same time and not afterwards, so its wait ends with the other's.
         if (Moment >= LatestEnd) Call(monitor);
         return Milliseconds(LatestEnd - Moment).count();
     }
@@ -37,7 +36,7 @@ public:
 private:
     void Call(const NvmlGpuMonitor& monitor) {
         std::this_thread::sleep_until(Moment);
-        // A sleep ends late, which is no wait of the monitor's.
+        // A sleep ends late; that time is not spent waiting for the monitor.
         Moment = Clock::now();
         const std::vector<GpuTelemetryHistory> copy = monitor.Snapshot();
         LatestEnd = Clock::now();

@@ -14,16 +14,17 @@
 /// Telemetry and tuning of NVIDIA GPUs for a program that embeds it.
 ///
 /// The module opens NVIDIA's management library (NVML, `libnvidia-ml.so.1`) at run time. Nothing has to be linked or
-/// installed to build with it, and on a machine without the NVIDIA driver it says so in `Status` and stays harmless.
+/// installed to build with it. On a machine without the NVIDIA driver, `Status` says so and every operation fails
+/// without harm.
 ///
 ///     NvmlGpuMonitor monitor;
 ///     if (!monitor.Start()) std::puts(monitor.Status().c_str());
 ///     ...
 ///     for (const GpuTelemetryHistory& gpu : monitor.Snapshot()) Plot(gpu.Device.Name, gpu.Samples);
 ///
-/// Every record is a plain value that the host owns: nothing in it points back into the monitor.
+/// Every record is a plain value that the host owns: nothing in it refers to the monitor.
 
-// Xlib has macros of these names, with which nothing below means what it says.
+// Xlib has macros of these names, which would change the declarations below.
 #if defined(Status) || defined(Success)
 #error "nvml_gpu_monitor.h: include it in a source without Xlib's headers, or #undef Status and Success before it."
 #endif
@@ -119,8 +120,8 @@ struct GpuTelemetrySample {
     /// slowdown by the driver, 0x40 by the hardware; 0x80 power brake; 0x100 display clocks. Source:
     /// `nvmlDeviceGetCurrentClocksThrottleReasons`.
     uint64_t PerformanceLimitReasons = 0;
-    /// GPU time of the host's latest frame, milliseconds; -1.0 when the host's profiler has none or tells 0 or less.
-    /// Anything else is as the profiler tells it, NaN included. Source: `GPUProfiler`.
+    /// GPU time of the host's latest frame, milliseconds; -1.0 when the host's profiler has no frame or gives 0 or
+    /// less. Any other value is the profiler's, NaN included. Source: `GPUProfiler`.
     double FrameTimeMs = -1.0;
 };
 
@@ -138,7 +139,7 @@ struct GpuTelemetryHistory {
     /// Which GPU this is.
     GpuDeviceInfo Device;
     /// Oldest first, newest last. At most 6000: once full, each new sample drops the oldest. A GPU that is lost gets no
-    /// more of them, and nothing else tells that it is.
+    /// more of them; nothing else shows that it is lost.
     std::deque<GpuTelemetrySample> Samples;
     /// The processes that used video memory on this GPU at the latest sampling cycle that reached it, each listed once
     /// with the largest value NVML gave for it, in no particular order. Compute and graphics processes are read from
@@ -152,7 +153,7 @@ enum class GpuClockOperationResult : uint8_t {
     /// The driver took the change.
     Success = 0,
     /// The driver refuses this user. Changes usually need root, in a container CAP_SYS_ADMIN; the same call with more
-    /// rights can succeed. No query can tell beforehand.
+    /// rights can succeed. No query can show this beforehand.
     NoPermission = 1,
     /// Not with this driver, this GPU or this value: another value may be taken. Of the power limit also when it cannot
     /// be set at this moment, which the sentence then says.
@@ -209,11 +210,11 @@ struct GpuClockState {
 
 /// Whether a setting of a GPU can be changed.
 enum class GpuCapabilityState : uint8_t {
-    /// It can, as far as the driver tells; a change can still be refused for lack of rights.
+    /// It can, according to the driver; a change can still be refused for lack of rights.
     Supported = 0,
     /// This GPU does not have it.
     Unsupported = 1,
-    /// For the host's own use, after a change was refused: no operation of this module tells it.
+    /// For the host's own use, after a change was refused: no operation of this module reports it.
     PermissionRequired = 2,
     /// The installed driver lacks what control needs; a newer one may have it.
     DriverLimitation = 3,
@@ -245,7 +246,7 @@ struct GpuPowerCapabilities {
 };
 
 /// Reads every NVIDIA GPU once per interval on a thread of its own and keeps bounded histories; the host takes copies.
-/// It also tells whether clocks and power limit of a GPU can be changed, and changes them.
+/// It also finds out whether clocks and power limit of a GPU can be changed, and changes them.
 ///
 /// Create one, keep it while the application runs, and stop it before `main` returns: its thread must not outlive the
 /// host's profiler.
@@ -261,9 +262,9 @@ struct GpuPowerCapabilities {
 /// waits meanwhile. A child process of `fork` must not use the monitor of its parent.
 ///
 /// Failure: NVML's failures are reported by results and by `Status`; nothing is thrown for them and nothing is logged.
-/// Only the standard library's own exceptions (out of memory, no thread to be had, a broken mutex) pass out of an
+/// Only the standard library's own exceptions (out of memory, no thread available, a broken mutex) pass out of an
 /// operation. On the sampler thread, running out of memory ends the cycle: GPUs that it has reached keep its updates,
-/// and the next cycle runs after the usual wait. Nobody could catch any other exception there, so it ends the process.
+/// and the next cycle runs after the usual wait. Any other exception there ends the process, as no caller can catch it.
 ///
 /// Tuning: what the host sets belongs to the driver, not to the monitor. A locked clock or a power limit outlives
 /// `Stop`, the monitor and the process, and acts on every program of the machine; nothing is reset unless the host asks
@@ -338,20 +339,20 @@ public:
     /// Threads: any thread, any time; waits for a cycle in progress.
     void SetInitialSampleDelay(std::chrono::milliseconds delay);
 
-    /// Copies all histories, one per GPU in ascending NVML index order, with all of a cycle's updates or none.
+    /// Copies all histories, one per GPU in ascending NVML index order, never in the middle of a cycle.
     ///
     /// Works in every state and never starts NVML: empty before the first start, the last data after a stop or a pause.
-    /// A start that fails after NVML told that there are GPUs leaves it empty.
+    /// A start that fails after NVML reported GPUs leaves it empty.
     /// Cost: up to 6000 samples per GPU are copied while the sampler waits, about 1 MiB and half a millisecond for each
     /// GPU. Call it once per interval at most.
     /// Threads: any thread, any time; waits for a cycle in progress.
     /// Ownership: the copy is the caller's and shares nothing with the monitor.
     std::vector<GpuTelemetryHistory> Snapshot() const;
 
-    /// Tells the clock capabilities of NVML device 0. As `GetClockCapabilities(0, output)`.
+    /// Reads the clock capabilities of NVML device 0. As `GetClockCapabilities(0, output)`.
     bool GetClockCapabilities(GpuClockCapabilities* output);
 
-    /// Tells which clocks a GPU can be locked to, what it runs at now, and in words why its clocks cannot be locked.
+    /// Reads which clocks a GPU can be locked to and what it runs at now, and says why its clocks cannot be locked.
     ///
     /// `deviceIndex` is the NVML index (`GpuDeviceInfo::Index`), not a position in a snapshot.
     /// Result: true when `*output` describes the GPU; whether its clocks can be locked is `CanControl`. False when
@@ -366,7 +367,7 @@ public:
     /// Ownership: the caller owns `*output`, and nothing in it points back into the monitor.
     bool GetClockCapabilities(unsigned int deviceIndex, GpuClockCapabilities* output);
 
-    /// Tells whether and in which range the power limit of a GPU can be set, and in words why not.
+    /// Finds out whether and in which range the power limit of a GPU can be set, and says why not.
     ///
     /// `deviceIndex` is the NVML index (`GpuDeviceInfo::Index`), not a position in a snapshot.
     /// Result: true when the GPU was found; whether its limit can be set is `State`. False when `output` is null
@@ -385,7 +386,7 @@ public:
     ///
     /// Result: true when the clocks of device 0 can be locked: `*output` is then valid, also with clocks that could
     /// not be read. False when `output` is null (nothing happens) or they cannot be locked for any reason; a non-null
-    /// `*output` then holds its defaults. `GetClockCapabilities` tells the reason.
+    /// `*output` then holds its defaults. `GetClockCapabilities` gives the reason.
     /// Side effect, source, cost, threads and ownership: as `GetClockCapabilities`.
     bool CaptureClockState(GpuClockState* output);
 
@@ -412,7 +413,7 @@ public:
                                            std::string* error = nullptr);
 
     /// Releases the locked clocks of NVML device 0. As `RestoreDefaultClocks(0, error)`: `state` is not looked at, and
-    /// its clocks are not applied, because they tell what ran and not what was locked.
+    /// its clocks are not applied, because they are the clocks that ran, not clocks that were locked.
     GpuClockOperationResult RestoreClockState(const GpuClockState& state, std::string* error = nullptr);
 
     /// Releases the locked clocks of NVML device 0. As `RestoreDefaultClocks(0, error)`.
@@ -424,8 +425,8 @@ public:
     /// `deviceIndex` is the NVML index (`GpuDeviceInfo::Index`), not a position in a snapshot. Without `error`, a
     /// literal 0 has to be `0U`: it could be either argument.
     /// Result: `Success` when both were reset. `Error` when NVML cannot be started or there is no such GPU,
-    /// `Unsupported` when the driver lacks a reset, and then none is made; otherwise what the driver answers, for the
-    /// memory clock first. A reset that fails does not keep the other from being tried.
+    /// `Unsupported` when the driver lacks one of the resets, and then neither is made; otherwise what the driver
+    /// answers, for the memory clock first. When one reset fails, the other is tried too.
     /// `error`: null, or receives one sentence for the user in place of what it held. Untouched on success, not kept.
     /// Rights and side effect: as `SetLockedClock`.
     /// Source: `nvmlDeviceResetMemoryLockedClocks`, `nvmlDeviceResetGpuLockedClocks`.
@@ -439,7 +440,7 @@ public:
     /// `watts` must be within `GpuPowerCapabilities::MinimumWatts` to `MaximumWatts`, both included, which are queried
     /// anew in this call.
     /// Result: `Success` when the driver took the limit. `Unsupported` for a value that is outside or not finite, and
-    /// when the limit cannot be set, be it only for now. `Error` when NVML cannot be started or there is no such GPU.
+    /// when the limit cannot be set, even if only for now. `Error` when NVML cannot be started or there is no such GPU.
     /// Otherwise what the driver answers. After a failure the limit is as it was.
     /// `error`: null, or receives one sentence for the user in place of what it held. Untouched on success, not kept.
     /// Lasting effect: the limit outlives `Stop`, the monitor and the process. `RestoreDefaultPowerLimit` undoes it.
@@ -463,7 +464,7 @@ public:
     /// Reads one sample of one GPU at once, outside the sampler's rhythm; the histories do not change.
     ///
     /// `deviceIndex` is the NVML index (`GpuDeviceInfo::Index`), not a position in a snapshot.
-    /// An index that discovery skipped is read all the same, as far as the driver allows.
+    /// An index that discovery skipped is read too, as far as the driver allows.
     /// Result: true when power or graphics clock could be read. False when neither could: what else was read is in
     /// `*output`. False also when `output` is null (nothing happens), NVML cannot be started (`Status` says why), or
     /// the driver gives no handle for this index (there is no such GPU, or it is lost); a non-null `*output` then holds
@@ -479,8 +480,8 @@ public:
 private:
     /// Body of the sampler thread: the initial delay, then cycles with a wait after each.
     void SamplerLoop();
-    /// Waits out the initial delay, from its beginning again whenever a wake-up cuts it short. False: the sampler is to
-    /// end.
+    /// Waits for the initial delay to pass, and begins it again whenever a wake-up ends it early. False: the sampler is
+    /// to end.
     bool WaitInitialDelay();
     /// Waits for `duration`, or until the sampler is to end or `WakeGeneration` is no longer `generation`. `lock` holds
     /// `Mutex`, also afterwards.

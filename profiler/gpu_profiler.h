@@ -1,9 +1,9 @@
 #ifndef GPU_PROFILER_H
 #define GPU_PROFILER_H
 
-/// Stands in for the frame profiler of a host that has none: it never has a frame, so samples carry no frame time.
+/// For a host without a frame profiler: this one never has a frame, so samples have no frame time.
 ///
-/// A host with a profiler of its own supplies a header of this name with the same three members, and the monitor is
+/// A host with its own profiler supplies a header of this name with the same three members, and the monitor is
 /// compiled against that one. The monitor asks it from its sampler thread and from every thread that reads a sample,
 /// while it holds its own mutex: `GetLatestSnapshot` must be safe to call from them and may take a lock, but must not
 /// throw and must never call into the monitor. `Get` must give a profiler whenever the monitor reads, never null.
@@ -21,7 +21,7 @@ public:
         return &profiler;
     }
 
-    /// Copies the latest frame into `snapshot`; false when there is none.
+    /// Copies the latest frame into `snapshot`; false when there is no frame.
     bool GetLatestSnapshot(FrameSnapshot* snapshot) const {
         static_cast<void>(snapshot);
         return false;

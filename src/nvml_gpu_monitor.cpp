@@ -106,7 +106,7 @@ using LockClocksFn = NvmlReturn (*)(NvmlDevice device, unsigned int lowest, unsi
 using ResetClocksFn = NvmlReturn (*)(NvmlDevice device);
 using SetLimitFn = NvmlReturn (*)(NvmlDevice device, unsigned int milliwatts);
 
-// ---- Lookup by name. Nothing is cached but the library handle, so a missing name costs only what it would fill. ----
+// ---- Lookup by name. Only the library handle is kept, so a missing name affects only what it would fill. ----
 
 /// The entry point `name`; null when the open `library` does not export it.
 template <typename T>
@@ -134,7 +134,7 @@ bool Succeeds(Fn query, Arguments... arguments) {
     return query != nullptr && query(arguments...) == kNvmlSuccess;
 }
 
-/// Gets the handle of the GPU with NVML index `index`; whether there is one is for NVML to say. Only after true may
+/// Gets the handle of the GPU with NVML index `index`; NVML decides whether there is such a GPU. Only after true may
 /// `*device` be used.
 bool GetDevice(void* library, unsigned int index, NvmlDevice* device) {
     if (device == nullptr) return false;
@@ -197,7 +197,7 @@ private:
     bool bStarted = false;
 };
 
-/// The codes are NVML's. Kepler is the oldest that it tells.
+/// The codes are NVML's. Kepler has the lowest.
 const char* ArchitectureName(unsigned int architecture) {
     switch (architecture) {
         case 2: return "Kepler";
@@ -245,7 +245,7 @@ uint64_t ReadBar1TotalBytes(void* library, NvmlDevice device) {
     return Succeeds(Symbol<MemoryFn>(library, "nvmlDeviceGetBAR1MemoryInfo"), device, &bar1) ? bar1.Total : 0;
 }
 
-/// Fills what NVML may or may not tell about a GPU; a query that is missing or fails leaves only its own field empty.
+/// Fills the fields that a GPU can be without; a query that is missing or fails leaves only its own field empty.
 void ReadOptionalIdentity(void* library, NvmlDevice device, GpuDeviceInfo* info) {
     info->Uuid = ReadDeviceText(library, device, "nvmlDeviceGetUUID");
     info->VbiosVersion = ReadDeviceText(library, device, "nvmlDeviceGetVbiosVersion");
@@ -278,13 +278,13 @@ std::vector<GpuTelemetryHistory> DiscoverDevices(void* library, const StartupEnt
 
 // ---- Reading one sample ----
 
-/// The steady clock, so that setting the machine's time leaves no mark in a history.
+/// The steady clock, so that a history does not show when somebody sets the machine's time.
 double NowSeconds() {
     const std::chrono::nanoseconds now = std::chrono::steady_clock::now().time_since_epoch();
     return static_cast<double>(now.count()) / 1e9;
 }
 
-/// -1.0 when the host's profiler has no frame or did not measure it; whatever else it tells is passed on, NaN included.
+/// -1.0 when the host's profiler has no frame or did not measure it; any other value is passed on, NaN included.
 double LatestGpuFrameTimeMs() {
     // The host's record may own memory, so it is made and destroyed for each reading.
     GPUProfiler::FrameSnapshot frame{};
@@ -292,7 +292,7 @@ double LatestGpuFrameTimeMs() {
     return frame.GpuFrameTimeMs <= 0.0 ? -1.0 : frame.GpuFrameTimeMs;
 }
 
-// Both take NVML's whole unsigned range: a detour through int would lose half of it.
+// Both take NVML's whole unsigned range: an int would hold only half of it.
 
 double WattsFromMilliwatts(unsigned int milliwatts) {
     return milliwatts / 1000.0;
@@ -307,7 +307,7 @@ void ReadPowerLimits(void* library, NvmlDevice device, GpuTelemetrySample* sampl
     unsigned int milliwatts = 0;
     const auto enforced = Symbol<ValueFn>(library, "nvmlDeviceGetEnforcedPowerLimit");
     const auto configured = Symbol<ValueFn>(library, "nvmlDeviceGetPowerManagementLimit");
-    // The enforced limit is the one in force; the configured one stands in for drivers and boards that do not tell it.
+    // The enforced limit is the one in force. Where it cannot be read, the configured one is taken.
     if (Succeeds(enforced, device, &milliwatts) || Succeeds(configured, device, &milliwatts)) {
         sample->PowerLimitWatts = WattsFromMilliwatts(milliwatts);
     }
@@ -423,7 +423,7 @@ private:
     NvmlDevice Device;
     GpuTelemetrySample* Sample;
     SampleEntryPoints Nvml;
-    // Scratch that the queries share: what is left in it never counts, because only a success is read from it.
+    // The queries share these. What an earlier query left is never used: only after a success are they read.
     unsigned int Value = 0;
     unsigned int SamplingPeriod = 0;
     NvmlMemory MemoryInfo{};
@@ -433,9 +433,9 @@ private:
 
 constexpr size_t kMaxHistorySamples = 6000;
 
-/// Room for programs that start between the count query and the list query of an idle GPU.
+/// Room for processes that start between the count query and the list query of an idle GPU.
 constexpr unsigned int kDefaultProcessRecords = 128;
-/// Keeps a driver with a nonsensical count from taking all memory.
+/// So that a nonsensical count from the driver does not use up all memory.
 constexpr unsigned int kMaxProcessRecords = 4096;
 
 /// Room for `count` process records, every byte of it zero. Some drivers write 32 bytes per record through this
@@ -498,7 +498,7 @@ std::vector<GpuProcessMemory> ReadProcessMemory(const CycleEntryPoints& nvml, Nv
     return processes;
 }
 
-/// A full history drops one sample for each that it takes.
+/// A full history drops its oldest sample for each new one.
 void AppendSample(const GpuTelemetrySample& sample, std::deque<GpuTelemetrySample>* samples) {
     samples->push_back(sample);
     while (samples->size() > kMaxHistorySamples) samples->pop_front();
@@ -506,7 +506,7 @@ void AppendSample(const GpuTelemetrySample& sample, std::deque<GpuTelemetrySampl
 
 // ---- Results of changes ----
 
-/// Tells the user why an operation failed, unless nobody wants to know.
+/// Writes why an operation failed, if the host asked for the sentence.
 void SetClockError(std::string* error, const char* message) {
     if (error == nullptr) return;
     *error = message != nullptr ? message : "NVML clock operation failed";
@@ -534,7 +534,7 @@ GpuClockOperationResult Refuse(GpuClockOperationResult result, const std::string
     return result;
 }
 
-/// The discovered GPU with NVML index `index`; null when discovery skipped it or there is none.
+/// The discovered GPU with NVML index `index`; null when discovery skipped it or there is no such GPU.
 const GpuDeviceInfo* FindDevice(const std::vector<GpuTelemetryHistory>& histories, unsigned int index) {
     for (const GpuTelemetryHistory& history : histories) {
         if (history.Device.Index == index) return &history.Device;
@@ -544,7 +544,7 @@ const GpuDeviceInfo* FindDevice(const std::vector<GpuTelemetryHistory>& historie
 
 // ---- Clock capabilities ----
 
-/// Keeps a driver with a nonsensical count from taking all memory.
+/// So that a nonsensical count from the driver does not use up all memory.
 constexpr unsigned int kMaxClocks = 4096;
 
 /// Graphics clock first: the order in which hosts are given the pairs.
@@ -567,7 +567,7 @@ struct ClockCapabilityEntryPoints {
 
     MemoryClocksFn MemoryClocks;
     GraphicsClocksFn GraphicsClocks;
-    // A query calls none of these; that they are there shows that the driver can lock clocks.
+    // A query does not call these. It looks them up because a driver that exports them can lock clocks.
     LockClocksFn LockGraphics;
     ResetClocksFn ResetGraphics;
     LockClocksFn LockMemory;
@@ -580,7 +580,8 @@ bool CountQuerySucceeded(NvmlReturn result) {
     return result == kNvmlSuccess || result == kNvmlErrorInsufficientSize;
 }
 
-/// How many clocks a list has; 0 when it cannot be told or makes no sense. `selector` is what the list belongs to.
+/// How many clocks a list has; 0 when NVML does not report it or it makes no sense. `selector` is what the list belongs
+/// to.
 template <typename Fn, typename... Selector>
 unsigned int CountClocks(Fn query, NvmlDevice device, Selector... selector) {
     unsigned int count = 0;
@@ -588,7 +589,7 @@ unsigned int CountClocks(Fn query, NvmlDevice device, Selector... selector) {
     return count;
 }
 
-/// `count` clocks, 0 where NVML wrote none; empty when the query failed.
+/// `count` clocks, 0 where NVML wrote nothing; empty when the query failed.
 template <typename Fn, typename... Selector>
 std::vector<unsigned int> ReadClocks(Fn query, unsigned int count, NvmlDevice device, Selector... selector) {
     std::vector<unsigned int> clocks(count);
@@ -605,7 +606,7 @@ void AddClockPairs(GraphicsClocksFn query, NvmlDevice device, unsigned int memor
     }
 }
 
-/// Collects every pair that the GPU can be locked to. Result: null, or why there is none.
+/// Collects every pair that the GPU can be locked to. Result: null, or why there is no such pair.
 const char* ReadClockPairs(void* library, NvmlDevice device, ClockPairs* pairs) {
     const ClockCapabilityEntryPoints nvml(library);
     if (!nvml.Complete()) return "NVML locked-clock control is not supported by this driver.";
@@ -647,7 +648,7 @@ struct LockedClockEntryPoints {
     ResetClocksFn ResetMemory;
 };
 
-/// Locks both clocks of a GPU or, when the memory clock cannot be locked, none.
+/// Locks both clocks of a GPU or, when the memory clock cannot be locked, neither.
 GpuClockOperationResult LockClockPair(const LockedClockEntryPoints& nvml, NvmlDevice device, const GpuClockPair& pair,
                                       std::string* error) {
     const auto graphics = static_cast<unsigned int>(pair.GraphicsClockMHz);
@@ -657,7 +658,7 @@ GpuClockOperationResult LockClockPair(const LockedClockEntryPoints& nvml, NvmlDe
     if (graphicsResult != GpuClockOperationResult::Success) return graphicsResult;
 
     const NvmlReturn memoryResult = nvml.LockMemory(device, memory, memory);
-    // Undone before the sentence is made: running out of memory for it must not leave half a lock.
+    // Undone before the sentence is made: if that runs out of memory, no half of a lock must be left.
     if (memoryResult != kNvmlSuccess) {
         nvml.ResetGraphics(device);
         nvml.ResetMemory(device);
@@ -685,11 +686,12 @@ struct PowerLimitEntryPoints {
     ValueFn Configured;
     ValueFn Default;
     ValuePairFn Constraints;
-    // A query does not call it; that it is there shows that the driver can set a limit.
+    // A query does not call it. It looks it up because a driver that exports it can set a limit.
     SetLimitFn Set;
 };
 
-/// The limit in force or, where the driver or the board does not tell it, the configured one. Result: of the last call.
+/// The limit in force or, where the driver or the board does not report it, the configured one. Result: of the last
+/// call.
 NvmlReturn ReadCurrentLimit(const PowerLimitEntryPoints& nvml, NvmlDevice device, unsigned int* milliwatts) {
     NvmlReturn result = kNvmlErrorNotSupported;
     if (nvml.Enforced != nullptr) result = nvml.Enforced(device, milliwatts);
@@ -790,7 +792,7 @@ void NvmlGpuMonitor::SetSampleInterval(std::chrono::milliseconds interval) {
     {
         const std::lock_guard<std::mutex> lock(Mutex);
         SampleInterval = std::clamp(interval, std::chrono::milliseconds(100), std::chrono::milliseconds(10000));
-        // Also when nothing changed: to ask for the interval is to ask for a cycle now.
+        // Also when nothing changed: each call of this operation asks for a cycle now.
         ++WakeGeneration;
     }
     WakeCv.notify_all();
@@ -894,7 +896,8 @@ void NvmlGpuMonitor::SamplerLoop() {
             try {
                 SampleAllDevicesLocked();
             } catch (const std::bad_alloc&) {
-                // Nobody could be told here, and the host is not to die of telemetry: the next cycle tries again.
+                // This thread has no caller to report to, and the host must not end because a cycle failed: the next
+                // cycle tries again.
             }
         }
         std::unique_lock<std::mutex> wait(Mutex);
@@ -927,11 +930,11 @@ void NvmlGpuMonitor::SampleAllDevicesLocked() {
         NvmlDevice device = nullptr;
         if (!Succeeds(nvml.GetHandle, history.Device.Index, &device)) continue;
         GpuTelemetrySample sample;
-        // Also a reading that reports failure is kept: the fields that it could fill are worth having.
+        // A reading that reports failure is kept too: some of its fields may have been read.
         ReadCurrentSampleLocked(history.Device.Index, &sample);
         std::vector<GpuProcessMemory> processes = ReadProcessMemory(nvml, device);
         AppendSample(sample, &history.Samples);
-        // Last, because this cannot run out of memory: a GPU has all of its updates or none.
+        // Last, because this cannot run out of memory: a GPU gets all updates of a cycle or no update.
         history.ProcessMemory = std::move(processes);
     }
 }
@@ -959,7 +962,7 @@ bool NvmlGpuMonitor::InitializeLocked() {
     if (discovered.empty()) return fail("No NVIDIA GPU found.");
     std::string active = "NVML active: " + std::to_string(discovered.size()) + " NVIDIA GPU(s).";
 
-    // Nothing below can throw, so NVML is up in all members or in none.
+    // Nothing below can throw, so no exception leaves only some of the members changed.
     guard.Started();
     Histories = std::move(discovered);
     PrimaryDevice = primaryDevice;
@@ -1063,7 +1066,7 @@ GpuClockOperationResult NvmlGpuMonitor::SetLockedClockLocked(unsigned int device
 }
 
 GpuClockOperationResult NvmlGpuMonitor::RestoreClockStateLocked(const GpuClockState& /*state*/, std::string* error) {
-    // What ran before a lock was no lock, so applying it would put one in the place of the other.
+    // The state holds the clocks that ran, not clocks that were locked: applying it would lock the GPU again.
     return RestoreDefaultClocksLocked(error);
 }
 
@@ -1084,7 +1087,7 @@ GpuClockOperationResult NvmlGpuMonitor::RestoreDefaultClocksLocked(unsigned int 
         return Refuse(Result::Unsupported, "NVML locked-clock reset is unavailable.", error);
     }
 
-    // Both are tried before either failure is told, so that one lock at least is released.
+    // Both are tried before either failure is reported, so that at least one lock is released.
     const NvmlReturn memoryResult = resetMemory(device);
     const NvmlReturn graphicsResult = resetGraphics(device);
     if (memoryResult != kNvmlSuccess) return MapClockResult(memoryResult, "memory locked-clock reset", error);
@@ -1104,7 +1107,7 @@ GpuClockOperationResult NvmlGpuMonitor::SetPowerLimitLocked(unsigned int deviceI
     if (!std::isfinite(watts) || watts < capabilities.MinimumWatts || watts > capabilities.MaximumWatts) {
         return Refuse(Result::Unsupported, "Requested power limit is outside the driver-supported range.", error);
     }
-    // Within a range that NVML told, so NVML's unsigned milliwatts hold it.
+    // Within the range that NVML reported, so NVML's unsigned milliwatts hold it.
     const double milliwatts = std::round(watts * 1000.0);
     const auto set = Symbol<SetLimitFn>(Library, "nvmlDeviceSetPowerManagementLimit");
     NvmlDevice device = nullptr;

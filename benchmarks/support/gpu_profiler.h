@@ -6,8 +6,8 @@
 #include <atomic>
 #include <cstdint>
 
-/// A host's profiler without a frame. It notes who asks it and how often, which tells a benchmark what the sampler
-/// does.
+/// A host's profiler without a frame. It notes which thread asks it and how often, so that a benchmark can follow the
+/// sampler.
 class GPUProfiler {
 public:
     struct FrameSnapshot {
@@ -21,7 +21,7 @@ public:
 
     bool GetLatestSnapshot(FrameSnapshot* /*snapshot*/) {
         LatestReader.store(pthread_self(), std::memory_order_relaxed);
-        // One thread reads at a time, so that a plain addition does.
+        // Only one thread reads at a time, so a plain addition is enough.
         Readings.store(Readings.load(std::memory_order_relaxed) + 1, std::memory_order_release);
         return false;
     }

@@ -9,7 +9,7 @@
 
 namespace {
 
-/// Every field that NVML fills, to compare and to print.
+/// Every field that NVML fills, as one value to compare and to print.
 auto FieldsOf(const GpuTelemetrySample& s) {
     return std::make_tuple(
         s.TemperatureC, s.GpuUtilizationPercent, s.MemoryUtilizationPercent, s.EncoderUtilizationPercent,
@@ -19,7 +19,7 @@ auto FieldsOf(const GpuTelemetrySample& s) {
         s.PcieWidth, s.PcieReceiveMiBPerSecond, s.PcieTransmitMiBPerSecond, s.PerformanceLimitReasons);
 }
 
-// What fixed_boards::DistinctReadings become, and what a sample holds that nothing was read into.
+// The sample of a board with fixed_boards::DistinctReadings, and a sample of which no field was read.
 // clang-format off
 const GpuTelemetrySample kSample = {0.0, 61, 62, 63, 64, 65, 5'000'000'000, 16376ULL << 20U, 12'000'000, 16ULL << 30U,
                                     4294967.295, 320.0, 320.0, 150.0, 352.0, 66, 2100, 2101, 9501, 1785, 2, 4, 16,
@@ -97,22 +97,15 @@ TEST_F(SampleTest, QueryThatIsMissingOrFailsLeavesOnlyItsOwnFieldsUnread) {
     }
 }
 
-TEST_F(SampleTest, QueriesAskedSeveralTimesFailEachForItself) {
+TEST_F(SampleTest, FurtherQueriesFailEachForItself) {
     Sim.FailFrom("nvmlDeviceGetPcieThroughput", simulated_nvml::kNotSupported, 2);
     Sim.FailFrom("nvmlDeviceGetClockInfo", simulated_nvml::kNotSupported, 3);
+    Sim.FailFrom("nvmlDeviceGetEnforcedPowerLimit", simulated_nvml::kUnknown);
+    Sim.FailFrom("nvmlDeviceGetPowerManagementLimit", simulated_nvml::kUnknown);
     GpuTelemetrySample expected = kSample;
-    expected.PcieTransmitMiBPerSecond = -1.0;
+    expected.PcieTransmitMiBPerSecond = expected.PowerLimitWatts = -1.0;
     expected.MemoryClockMHz = expected.VideoClockMHz = -1;
     EXPECT_EQ(FieldsOf(Read()), FieldsOf(expected));
-}
-
-TEST_F(SampleTest, ConfiguredLimitIsAskedOnlyWhenTheEnforcedOneCannotBeRead) {
-    Read();
-    EXPECT_EQ(Sim.Calls("nvmlDeviceGetPowerManagementLimit"), 0);
-    Sim.FailFrom("nvmlDeviceGetEnforcedPowerLimit", simulated_nvml::kUnknown);
-    EXPECT_EQ(Read().PowerLimitWatts, 320.0);
-    Sim.FailFrom("nvmlDeviceGetPowerManagementLimit", simulated_nvml::kUnknown);
-    EXPECT_EQ(Read().PowerLimitWatts, -1.0);
 }
 
 TEST_F(SampleTest, SucceedsWithPowerOrGraphicsClockAlsoWhenTheyAreZero) {
@@ -125,7 +118,7 @@ TEST_F(SampleTest, SucceedsWithPowerOrGraphicsClockAlsoWhenTheyAreZero) {
     Sim.FailFrom("nvmlDeviceGetPowerUsage", simulated_nvml::kNotSupported);
     Sim.FailFrom("nvmlDeviceGetClockInfo", simulated_nvml::kNotSupported, 2);
     EXPECT_EQ(Read().GraphicsClockMHz, 0);
-    EXPECT_EQ(Read(false).TemperatureC, 61) << "no clock any more";
+    EXPECT_EQ(Read(false).TemperatureC, 61) << "a failure, as the clock cannot be read any more";
 }
 
 TEST_F(SampleTest, FrameTimeComesFromTheHostsProfiler) {
@@ -148,7 +141,7 @@ TEST_F(SampleTest, FrameTimeComesFromTheHostsProfiler) {
 TEST_F(SampleTest, ReadingThatCannotBeginLeavesTheDefaults) {
     EXPECT_FALSE(Monitor.ReadCurrentSample(nullptr));
     EXPECT_FALSE(Monitor.ReadCurrentSample(1, nullptr));
-    EXPECT_EQ(Log(), "") << "without a record to fill nothing is started";
+    EXPECT_EQ(Log(), "") << "Without a record to fill, nothing is started.";
     const auto expectDefaults = [this](unsigned int index) {
         GpuTelemetrySample sample = kSample;
         sample.TimestampSeconds = 5.0;
@@ -157,7 +150,7 @@ TEST_F(SampleTest, ReadingThatCannotBeginLeavesTheDefaults) {
         EXPECT_EQ(sample.TimestampSeconds, 0.0);
     };
     expectDefaults(1);
-    EXPECT_TRUE(Monitor.IsAvailable()) << "a reading starts NVML also when the GPU does not exist";
+    EXPECT_TRUE(Monitor.IsAvailable()) << "A reading starts NVML even if the GPU does not exist.";
     Monitor.Stop();
     Sim.RemoveLibrary();
     expectDefaults(0);

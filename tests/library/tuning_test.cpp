@@ -1,6 +1,7 @@
 // What can be changed on a GPU, changing it, and taking the change back: clocks first, then the power limit.
 
 #include <cmath>
+#include <functional>
 #include <set>
 #include <tuple>
 
@@ -31,21 +32,21 @@ const char* const kDefault = "nvmlDeviceGetPowerManagementDefaultLimit";
 const char* const kRange = "nvmlDeviceGetPowerManagementLimitConstraints";
 const char* const kSet = "nvmlDeviceSetPowerManagementLimit";
 
-/// A name that NVML lacks (`Code` 0) or that fails with `Code`, from its n-th lookup or call on.
+/// A name that is missing (`Code` 0) or fails with `Code`, from its n-th lookup or call on.
 struct Fault {
     const char* Name;
     unsigned int Code = 0;
     uint64_t Nth = 1;
 };
 
-// Records with an earlier answer, of which nothing may survive a query.
+// Records with an earlier answer, of which nothing may be left after a query.
 
 GpuClockCapabilities OldClocks() {
-    return {7, "uuid", "name", {{1, 2}}, 3, 4, true, "status"};
+    return {7, "old uuid", "old name", {{1, 2}}, 3, 4, true, "old status"};
 }
 
 GpuPowerCapabilities OldPower() {
-    return {7, "uuid", State::PermissionRequired, 1.0, 2.0, 3.0, 4.0, "status"};
+    return {7, "old uuid", State::PermissionRequired, 1.0, 2.0, 3.0, 4.0, "old status"};
 }
 
 /// Current, default, lowest and highest limit.
@@ -53,27 +54,19 @@ std::vector<double> Watts(const GpuPowerCapabilities& answer) {
     return {answer.CurrentWatts, answer.DefaultWatts, answer.MinimumWatts, answer.MaximumWatts};
 }
 
-/// Codes of NVML that are no success, and what becomes of a change that they answer.
-std::vector<std::pair<unsigned int, std::string>> Refusals(const std::string& change) {
-    return {{4, "NoPermission: NVML denied " + change + " for this user. "},
-            {3, "Unsupported: The NVIDIA driver does not support " + change + ". "},
-            {7, "Error: NVML " + change + " failed. "},
-            {999, "Error: NVML " + change + " failed. "}};
-}
-
 /// Two fixed boards: clocks are changed on the first, the power limit on the second.
 class TuningTest : public MonitorTest {
 protected:
     TuningTest() { MakeWhole(); }
 
-    /// Two boards that nothing is wrong with. NVML is closed.
+    /// Two boards without faults, and a closed NVML.
     void MakeWhole(const Groups& clocks = fixed_boards::FewClocks()) {
         Monitor.Stop();
         StartOver();
         Sim.SetBoards(fixed_boards::FixedBoards(2, fixed_boards::DistinctReadings(), clocks));
     }
 
-    /// Failures last until the next ones; a name that is lacking comes back with `StartOver`.
+    /// Replaces the failures; names stay missing until `StartOver`.
     void Break(const std::vector<Fault>& faults) {
         Sim.StopFailing();
         for (const Fault& fault : faults) {
@@ -82,8 +75,8 @@ protected:
         }
     }
 
-    /// What `change` answers and asks of NVML: "Result: Sentence. Calls ", without a sentence when the string that is
-    /// to receive it is untouched.
+    /// The result of `change` and its calls of NVML: "Result: Sentence. Calls ", without a sentence when the string
+    /// that receives it is untouched.
     template <typename Change>
     std::string Outcome(Change change) {
         const std::string before(200, 'x');
@@ -133,12 +126,13 @@ protected:
     const std::string Locked = GraphicsLocked + "DeviceSetMemoryLockedClocks(0, 810, 810) ";
     const std::string Undone = "DeviceResetGpuLockedClocks(0) DeviceResetMemoryLockedClocks(0) ";
     const std::string Released = "DeviceResetMemoryLockedClocks(0) DeviceResetGpuLockedClocks(0) ";
+    const std::string LimitSet = "DeviceSetPowerManagementLimit(1, 320000) ";
     const std::string NotListed = "Unsupported: Requested clock pair is not supported by NVML. ";
 };
 
 // ---- Clocks and power limit ----
 
-TEST_F(TuningTest, WithoutADriverOrTheGpuTheRecordsSaySo) {
+TEST_F(TuningTest, RecordsSayThatTheDriverOrTheGpuIsMissing) {
     const auto expectUnavailable = [this](const std::string& clockStatus, const std::string& powerStatus,
                                           unsigned int clockIndex, const std::string& identity) {
         const GpuClockCapabilities clocks = QueryClocks(1, false);
@@ -156,7 +150,7 @@ TEST_F(TuningTest, WithoutADriverOrTheGpuTheRecordsSaySo) {
     };
     EXPECT_FALSE(Monitor.GetClockCapabilities(nullptr) || Monitor.GetClockCapabilities(0, nullptr) ||
                  Monitor.CaptureClockState(nullptr) || Monitor.GetPowerCapabilities(0, nullptr));
-    EXPECT_EQ(Log(), "") << "without a record to fill nothing is started";
+    EXPECT_EQ(Log(), "") << "Without a record to fill, nothing is started.";
     QueryClocks();
     Break({{kHandle, kGpuIsLost}});
     expectUnavailable("NVML has no usable NVIDIA device.", "NVIDIA GPU is unavailable.", 1,
@@ -166,20 +160,45 @@ TEST_F(TuningTest, WithoutADriverOrTheGpuTheRecordsSaySo) {
     expectUnavailable(noDriver, noDriver, 0, "");
 }
 
-TEST_F(TuningTest, GpuThatDiscoverySkippedHasItsClocksButNoPowerLimit) {
-    Break({{"nvmlDeviceGetName", kUnknown}});
-    MakeWhole();
-    Sim.FailFrom("nvmlDeviceGetName", kUnknown, 1, 1);
-    const GpuClockCapabilities clocks = QueryClocks(1);
+TEST_F(TuningTest, Device0IsNvmlsAlsoWhenDiscoverySkippedItAndThenHasNoPowerLimit) {
+    Sim.FailFrom("nvmlDeviceGetName", kUnknown, 1, 0);
+    GpuClockCapabilities clocks;
+    EXPECT_TRUE(Monitor.GetClockCapabilities(&clocks) && clocks.CanControl);
     EXPECT_EQ(clocks.DeviceName + clocks.DeviceUuid, "");
-    EXPECT_EQ(Monitor.SetLockedClock(1, {1500, 810}), Result::Success);
-    EXPECT_EQ(Monitor.RestoreDefaultClocks(1), Result::Success);
-    EXPECT_EQ(QueryPower(false).Status, "NVIDIA GPU is unavailable.");
+    EXPECT_EQ(Lock() + ResetClocks(), "Success " + Locked + "Success " + Released);
+    GpuPowerCapabilities power;
+    EXPECT_FALSE(Monitor.GetPowerCapabilities(0, &power));
+    EXPECT_EQ(power.Status + power.DeviceUuid, "NVIDIA GPU is unavailable.");
+}
+
+TEST_F(TuningTest, WhatNvmlRefusesIsMappedAndHalfALockIsUndone) {
+    const std::tuple<const char*, std::vector<const char*>, std::string, std::function<std::string()>> changes[] = {
+        {"GPU locked-clock control", {kLockGraphics}, GraphicsLocked, [this] { return Lock(); }},
+        {"memory locked-clock control", {kLockMemory, kResetGraphics}, Locked + Undone, [this] { return Lock(); }},
+        {"memory locked-clock reset", {kResetMemory}, Released, [this] { return ResetClocks(); }},
+        {"GPU locked-clock reset", {kResetGraphics}, Released, [this] { return ResetClocks(); }},
+        {"power-limit control", {kSet}, LimitSet, [this] { return SetLimit(320.0); }},
+        {"power-limit control", {kSet}, LimitSet, [this] { return RestoreLimit(); }}};
+    for (const auto& [change, failing, calls, make] : changes) {
+        const std::pair<unsigned int, std::string> answers[] = {
+            {4, std::string("NoPermission: NVML denied ") + change + " for this user. "},
+            {3, std::string("Unsupported: The NVIDIA driver does not support ") + change + ". "},
+            {7, std::string("Error: NVML ") + change + " failed. "},
+            {999, std::string("Error: NVML ") + change + " failed. "}};
+        for (const auto& [code, answer] : answers) {
+            Sim.StopFailing();
+            for (const char* name : failing) Sim.FailFrom(name, code);
+            EXPECT_EQ(make(), answer + calls);
+        }
+    }
+    EXPECT_NE(Monitor.SetPowerLimit(1, 320.0), Result::Success) << "no string for the sentence";
 }
 
 TEST_F(TuningTest, RecordThatAnExceptionInterruptsHoldsNothingOld) {
+    uint64_t allocation = 0;
     bool bInterrupted = true;
-    for (uint64_t allocation = 1; bInterrupted; ++allocation) {
+    while (bInterrupted) {
+        ++allocation;
         SCOPED_TRACE(allocation);
         bInterrupted = false;
         const auto interrupt = [&](auto operation) {
@@ -194,15 +213,14 @@ TEST_F(TuningTest, RecordThatAnExceptionInterruptsHoldsNothingOld) {
         };
         GpuClockCapabilities clocks = OldClocks();
         interrupt([&] { Monitor.GetClockCapabilities(1, &clocks); });
-        EXPECT_THAT((std::set{clocks.DeviceUuid, clocks.DeviceName, clocks.Status}),
-                    Not(AnyOf(Contains("uuid"), Contains("name"), Contains("status"))));
+        EXPECT_THAT(clocks.DeviceUuid + clocks.DeviceName + clocks.Status, Not(HasSubstr("old")));
         EXPECT_THAT(clocks.SupportedPairs, Not(Contains(Pair{1, 2})));
         EXPECT_TRUE(clocks.CurrentGraphicsClockMHz != 3 && clocks.CurrentMemoryClockMHz != 4);
         EXPECT_TRUE(clocks.DeviceIndex != 7 && clocks.CanControl == !clocks.SupportedPairs.empty());
         GpuPowerCapabilities power = OldPower();
         interrupt([&] { Monitor.GetPowerCapabilities(1, &power); });
-        EXPECT_TRUE(power.DeviceIndex == 1 && power.DeviceUuid != "uuid" && power.Status != "status");
-        EXPECT_NE(power.State, State::PermissionRequired);
+        EXPECT_THAT(power.DeviceUuid + power.Status, Not(HasSubstr("old")));
+        EXPECT_TRUE(power.DeviceIndex == 1 && power.State != State::PermissionRequired);
         EXPECT_THAT(Watts(power), Each(AnyOf(Lt(0.0), Gt(100.0))));
         GpuClockState state{true, 1, 2};
         interrupt([&] { Monitor.CaptureClockState(&state); });
@@ -213,6 +231,7 @@ TEST_F(TuningTest, RecordThatAnExceptionInterruptsHoldsNothingOld) {
         interrupt([&] { Monitor.ReadCurrentSample(1, &sample); });
         EXPECT_THAT(sample.TemperatureC, AnyOf(-1, 61));
     }
+    EXPECT_GT(allocation, 1U);
 }
 
 // ---- Clocks ----
@@ -238,7 +257,7 @@ TEST_F(ClocksTest, QueryListsEveryPairOnceInOrder) {
               "SupportedGraphicsClocks(0, 810, 0) SupportedGraphicsClocks(0, 810, 3) ");
 }
 
-TEST_F(ClocksTest, WhatKeepsClocksFromBeingLockedIsSaid) {
+TEST_F(ClocksTest, StatusSaysWhyClocksCannotBeLocked) {
     const char* const noNames = "NVML locked-clock control is not supported by this driver.";
     const char* const noClocks = "NVML did not expose supported memory clocks.";
     const char* const noFill = "NVML supported memory-clock query failed.";
@@ -265,10 +284,10 @@ TEST_F(ClocksTest, WhatKeepsClocksFromBeingLockedIsSaid) {
         const GpuClockCapabilities answer = QueryClocks();
         EXPECT_EQ(answer.Status, status);
         EXPECT_THAT(answer.SupportedPairs, IsEmpty()) << status;
-        EXPECT_EQ(answer.CurrentGraphicsClockMHz, 2100) << "read all the same";
+        EXPECT_EQ(answer.CurrentGraphicsClockMHz, 2100) << "read nevertheless";
     }
     Break({{kMemoryList}});
-    EXPECT_EQ(Lock(), NotListed) << "whatever keeps it from being listed";
+    EXPECT_EQ(Lock(), NotListed) << "a pair that cannot be listed";
     GpuClockState state{true, 1, 2};
     EXPECT_FALSE(Monitor.CaptureClockState(&state));
     EXPECT_TRUE(!state.Valid && state.GraphicsClockMHz == -1 && state.MemoryClockMHz == -1);
@@ -295,7 +314,7 @@ TEST_F(ClocksTest, ListsOf4096ClocksAndOnesThatShrinkAreTaken) {
     EXPECT_THAT(Log(), EndsWith("SupportedGraphicsClocks(0, 0, 0) ")) << "what was not written is zero";
 }
 
-TEST_F(ClocksTest, CurrentClocksThatCannotBeReadDoNotStandInTheWay) {
+TEST_F(ClocksTest, ClocksAreCapturedAlsoWhenTheyCannotBeRead) {
     Break({{"nvmlDeviceGetClockInfo", kUnknown, 2}});
     GpuClockState state;
     EXPECT_TRUE(Monitor.CaptureClockState(&state) && state.Valid);
@@ -317,26 +336,6 @@ TEST_F(ClocksTest, LockSetsBothClocksAndResetReleasesThem) {
     EXPECT_THAT(Log(), EndsWith(" ?HandleByIndex_v2 HandleByIndex_v2(1) ?DeviceResetGpuLockedClocks "
                                 "?DeviceResetMemoryLockedClocks "
                                 "DeviceResetMemoryLockedClocks(1) DeviceResetGpuLockedClocks(1) "));
-}
-
-TEST_F(ClocksTest, WhatNvmlRefusesIsMappedAndHalfALockIsUndone) {
-    for (const auto& [code, outcome] : Refusals("GPU locked-clock control")) {
-        Break({{kLockGraphics, code}});
-        EXPECT_EQ(Lock(), outcome + GraphicsLocked);
-    }
-    for (const auto& [code, outcome] : Refusals("memory locked-clock control")) {
-        Break({{kLockMemory, code}, {kResetGraphics, kUnknown}, {kResetMemory, kUnknown}});
-        EXPECT_EQ(Lock(), outcome + Locked + Undone);
-        EXPECT_NE(Monitor.SetLockedClock({1500, 810}), Result::Success) << "with nowhere to say why";
-    }
-    for (const auto& [code, outcome] : Refusals("memory locked-clock reset")) {
-        Break({{kResetMemory, code}, {kResetGraphics, kGpuIsLost}});
-        EXPECT_EQ(ResetClocks(), outcome + Released);
-    }
-    for (const auto& [code, outcome] : Refusals("GPU locked-clock reset")) {
-        Break({{kResetGraphics, code}});
-        EXPECT_EQ(ResetClocks(), outcome + Released);
-    }
 }
 
 TEST_F(ClocksTest, ChangeThatCannotBeMadeIsRefusedBeforeNvmlIsAsked) {
@@ -370,7 +369,6 @@ protected:
         Sim.SetBoards(boards);
     }
 
-    const std::string SetTo320 = "Success DeviceSetPowerManagementLimit(1, 320000) ";
     const std::string Outside = "Unsupported: Requested power limit is outside the driver-supported range. ";
 };
 
@@ -427,8 +425,8 @@ TEST_F(PowerTest, StateFollowsFromWhatTheDriverHasAndAnswers) {
         EXPECT_EQ(answer.Status, status);
         EXPECT_EQ(Watts(answer), watts);
         const std::string refusal = std::string("Unsupported: ") + status + ' ';
-        EXPECT_EQ(SetLimit(320.0), state == State::Supported ? SetTo320 : refusal);
-        EXPECT_EQ(RestoreLimit(), state == State::Supported && watts[1] > 0.0 ? SetTo320 : refusal);
+        EXPECT_EQ(SetLimit(320.0), state == State::Supported ? "Success " + LimitSet : refusal);
+        EXPECT_EQ(RestoreLimit(), state == State::Supported && watts[1] > 0.0 ? "Success " + LimitSet : refusal);
         Monitor.Stop();
         StartOver();
     }
@@ -445,7 +443,7 @@ TEST_F(PowerTest, LimitsWithinTheRangeAreSetInWholeMilliwatts) {
     for (const double watts : {352.0004, 149.9999, -200.0, std::nan(""), HUGE_VAL, -HUGE_VAL}) {
         EXPECT_EQ(SetLimit(watts), Outside) << watts;
     }
-    EXPECT_EQ(RestoreLimit(), SetTo320);
+    EXPECT_EQ(RestoreLimit(), "Success " + LimitSet);
     SetRange(1, UINT32_MAX);
     EXPECT_EQ(SetLimit(4294967.295), setTo("4294967295"));
     SetRange(100000, 319999);
@@ -454,17 +452,12 @@ TEST_F(PowerTest, LimitsWithinTheRangeAreSetInWholeMilliwatts) {
     EXPECT_EQ(RestoreLimit(), "Unsupported: " + QueryPower().Status + ' ') << "a board without a default";
 }
 
-TEST_F(PowerTest, WhatNvmlRefusesIsMapped) {
-    for (const auto& [code, outcome] : Refusals("power-limit control")) {
-        Break({{kSet, code}});
-        EXPECT_EQ(SetLimit(150.0), outcome + "DeviceSetPowerManagementLimit(1, 150000) ");
-        EXPECT_THAT(Log(), HasSubstr(" ?DeviceSetPowerManagementLimit ?HandleByIndex_v2 HandleByIndex_v2(1) Device"));
-        EXPECT_EQ(RestoreLimit(), outcome + "DeviceSetPowerManagementLimit(1, 320000) ");
-        EXPECT_NE(Monitor.SetPowerLimit(1, 150.0), Result::Success) << "with nowhere to say why";
-    }
-    for (const Fault& fault : {Fault{kHandle, kGpuIsLost, 2}, Fault{kSet, 0, 2}}) {  // after the query
+TEST_F(PowerTest, GpuAndEntryPointAreLookedUpAgainForTheChange) {
+    QueryPower();
+    for (const Fault& fault : {Fault{kHandle, kGpuIsLost, 2}, Fault{kSet, 0, 2}}) {  // gone after the query
         Break({fault});
         EXPECT_EQ(SetLimit(150.0), "Unsupported: NVML power-limit control is unavailable. ");
+        EXPECT_THAT(Log(), EndsWith(" ?DeviceSetPowerManagementLimit ?HandleByIndex_v2 HandleByIndex_v2(1) "));
     }
 }
 
