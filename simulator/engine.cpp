@@ -2,6 +2,7 @@
 
 #include <stdexcept>
 #include <thread>
+#include <unordered_map>
 #include <utility>
 
 #include "environment.h"
@@ -11,6 +12,8 @@ namespace simulated_nvml {
 namespace {
 
 constexpr unsigned int kHandleIndexBits = 8;
+/// What a board that only a scripted answer lets exist takes of what may be spent, in list entries.
+constexpr size_t kWorkPerBoard = 400;
 
 std::string CallText(EntryPoint name, std::optional<unsigned int> board, Arguments arguments) {
     std::string values = board.has_value() ? std::to_string(*board) : "";
@@ -18,23 +21,18 @@ std::string CallText(EntryPoint name, std::optional<unsigned int> board, Argumen
         if (!values.empty()) values += ", ";
         values += argument.has_value() ? std::to_string(*argument) : "null";
     }
-    return std::string(kEntryPointNames[IndexOf(name)]) + "(" + values + ")";
+    return std::string(NameOf(name)) + "(" + values + ")";
 }
 
 bool StartsNvml(EntryPoint name) {
-    return name == EntryPoint::nvmlInit_v2 || name == EntryPoint::nvmlInit;
+    return ShapeOf(name) == Shape::Init;
 }
 
 /// How long an entry point takes on hardware.
 std::chrono::microseconds RealisticDelay(EntryPoint name) {
+    if (ShapeOf(name) == Shape::Processes) return std::chrono::microseconds(4500);
     switch (name) {
         case EntryPoint::nvmlDeviceGetPcieThroughput: return std::chrono::milliseconds(20);
-        case EntryPoint::nvmlDeviceGetComputeRunningProcesses_v3:
-        case EntryPoint::nvmlDeviceGetComputeRunningProcesses_v2:
-        case EntryPoint::nvmlDeviceGetComputeRunningProcesses:
-        case EntryPoint::nvmlDeviceGetGraphicsRunningProcesses_v3:
-        case EntryPoint::nvmlDeviceGetGraphicsRunningProcesses_v2:
-        case EntryPoint::nvmlDeviceGetGraphicsRunningProcesses: return std::chrono::microseconds(4500);
         case EntryPoint::nvmlDeviceGetFanSpeed: return std::chrono::microseconds(100);
         default: return std::chrono::microseconds(3);
     }
@@ -51,7 +49,7 @@ void Wait(std::chrono::microseconds duration) {
 
 }  // namespace
 
-void Script::UseRealisticDelays() {
+void ScriptRules::UseRealisticDelays() {
     for (unsigned int i = 0; i < kEntryPointCount; ++i) Delays[i] = RealisticDelay(static_cast<EntryPoint>(i));
 }
 
@@ -73,24 +71,48 @@ Engine::Visit::~Visit() {
 }
 
 NvmlReturn Engine::Initialize(EntryPoint name) {
-    return SystemCall(name, {}, [this] {
-        if (InitCount == 0 && !bScripted && !StartFromEnvironment()) return kUnknown;
-        if (InitCount++ == 0) ++Generation;
+    return SystemCall(name, {}, {}, [this] {
+        if (!IsInitialized() && !bScripted && !StartFromEnvironment()) return kUnknown;
+        if (Observed.Use.Initializations++ == 0) BeginGeneration();
         return kSuccess;
     });
 }
 
 NvmlReturn Engine::Shutdown() {
-    return SystemCall(EntryPoint::nvmlShutdown, {}, [this] {
-        --InitCount;
+    const NvmlReturn result = SystemCall(EntryPoint::nvmlShutdown, {}, {}, [this] {
+        --Observed.Use.Initializations;
         return kSuccess;
+    });
+    const std::lock_guard<std::mutex> lock(Mutex);
+    Observed.bShutdownFailed = result != kSuccess;
+    return result;
+}
+
+NvmlReturn Engine::HandleCall(EntryPoint name, unsigned int index, NvmlDevice* device) {
+    return Run(name, [&](Visit& visit) {
+        Note(visit, index, {});
+        const NvmlReturn verdict = Admit(visit, index);
+        if (verdict != kSuccess) return verdict;
+        if (device == nullptr) {
+            AddMisuse(std::string(NameOf(name)) + "() without a place for the answer.");
+            return kInvalidArgument;
+        }
+        const std::optional<Answer> answer = Answers.Next(name);
+        const bool bMadeUp = answer.has_value() && answer->Value.has_value();
+        if (index >= Boards.size() && !(bMadeUp && Answers.Afford(kWorkPerBoard))) return kInvalidArgument;
+        const NvmlReturn code = Answers.Complete({name, {}, {device}}, answer, [&] {
+            *device = answer.has_value() ? MakeUpHandle(*answer, index) : HandleOf(index);
+            return kSuccess;
+        });
+        if (code == kSuccess && *device == nullptr) Answers.NoteNullGiven(true);
+        return code;
     });
 }
 
 void Engine::NoteTextCall(EntryPoint name) {
     const Visit visit(*this, name);
-    ++Seen.Calls[IndexOf(name)];
-    LogLine(std::string(kEntryPointNames[IndexOf(name)]) + "()");
+    ++Observed.Calls[IndexOf(name)];
+    LogLine(std::string(NameOf(name)) + "()");
 }
 
 bool Engine::StartFromEnvironment() {
@@ -108,11 +130,11 @@ bool Engine::TakeOverEnvironment() {
     if (!environment.StatePath.empty()) {
         KeptState = std::make_unique<StateFile>(environment.StatePath, environment.Boards);
     }
-    Wanted.Seed = environment.Seed;
-    Wanted.bAdministrator = environment.bAdministrator;
-    Wanted.CallsLeft = environment.LostAfterCalls;
-    Wanted.CallsUntilHang = environment.HangsAfterCalls;
-    if (environment.bRealisticDelays) Wanted.UseRealisticDelays();
+    Rules.Seed = environment.Seed;
+    Rules.bAdministrator = environment.bAdministrator;
+    Rules.CallsLeft = environment.LostAfterCalls;
+    Rules.CallsUntilHang = environment.HangsAfterCalls;
+    if (environment.bRealisticDelays) Rules.UseRealisticDelays();
     MakeBoards(std::move(environment.Boards));
     return true;
 }
@@ -128,11 +150,11 @@ void Engine::MakeBoards(std::vector<Board> boards) {
     std::vector<BoardModel> models;
     models.reserve(boards.size());
     for (Board& board : boards) {
-        models.emplace_back(std::move(board), static_cast<unsigned int>(models.size()), Wanted.Seed);
+        models.emplace_back(std::move(board), static_cast<unsigned int>(models.size()), Rules.Seed);
     }
     Boards = std::move(models);
     BoardsSince = std::chrono::steady_clock::now();
-    ++Generation;
+    BeginGeneration();
 }
 
 void Engine::RestartBoards() {
@@ -142,36 +164,51 @@ void Engine::RestartBoards() {
 }
 
 void Engine::ForgetInitialization() {
-    InitCount = 0;
+    Observed.Use.Initializations = 0;
+    BeginGeneration();
+}
+
+void Engine::BeginGeneration() {
     ++Generation;
+    MadeUpHandles.clear();
+    Answers.NoteNullGiven(false);
+}
+
+void Engine::CloseLibrary() {
+    if (IsInitialized() && !Observed.bShutdownFailed) AddMisuse("dlclose while NVML was initialized.");
+    ForgetInitialization();
 }
 
 void Engine::AddMisuse(std::string sentence) {
     // A client that is not tested may misuse NVML for days.
     constexpr size_t kMostSentences = 1000;
-    if (Seen.Misuse.size() < kMostSentences) Seen.Misuse.push_back(std::move(sentence));
+    if (Observed.Misuse.size() < kMostSentences) Observed.Misuse.push_back(std::move(sentence));
 }
 
 void Engine::LogLine(const std::string& line) {
-    if (Seen.bRecordLog) Seen.Log.push_back(line);
+    if (Observed.bRecordLog) Observed.Log.push_back(line);
 }
 
 void Engine::Note(const Visit& visit, std::optional<unsigned int> board, Arguments arguments) {
     const EntryPoint name = visit.Name;
-    ++Seen.Calls[IndexOf(name)];
-    if (Seen.bRecordLog) Seen.Log.push_back(CallText(name, board, arguments));
-    if (InitCount == 0 && !StartsNvml(name)) {
+    ++Observed.Calls[IndexOf(name)];
+    ++Observed.Use.Activity;
+    if (Observed.bRecordLog) Observed.Log.push_back(CallText(name, board, arguments));
+    if (!IsInitialized() && !StartsNvml(name)) {
         AddMisuse(CallText(name, board, arguments) + " while NVML was not initialized.");
     }
-    if (!visit.bAlone && Wanted.bForbidConcurrentCalls) {
+    if (!visit.bAlone && Rules.bForbidConcurrentCalls) {
         AddMisuse(CallText(name, board, arguments) + " while another thread was inside NVML.");
+    }
+    if (Observed.Use.Openings != 0 && Observed.Use.OpenLibraries == 0) {
+        AddMisuse(CallText(name, board, arguments) + " while the library was not open.");
     }
     Changed.notify_all();
 }
 
 std::optional<unsigned int> Engine::NoteHandle(const Visit& visit, NvmlDevice device) {
-    const std::optional<unsigned int> board = BoardOf(device);
-    if (InitCount != 0 && !board.has_value()) {
+    const std::optional<unsigned int> board = BoardOf(visit.Name, device);
+    if (IsInitialized() && !board.has_value()) {
         AddMisuse(CallText(visit.Name, std::nullopt, {}) + " with a handle that is null, stale or unknown.");
     }
     return board;
@@ -179,35 +216,36 @@ std::optional<unsigned int> Engine::NoteHandle(const Visit& visit, NvmlDevice de
 
 NvmlReturn Engine::Admit(Visit& visit, std::optional<unsigned int> board) {
     const size_t name = IndexOf(visit.Name);
-    Changed.wait(visit.Lock, [&] { return !Wanted.Blocked[name]; });
-    const std::chrono::microseconds delay = Wanted.Delays[name];
+    Changed.wait(visit.Lock, [&] { return !Rules.Blocked[name]; });
+    const std::chrono::microseconds delay = Rules.Delays[name];
     if (delay.count() > 0) {
         visit.Lock.unlock();
         Wait(delay);
         visit.Lock.lock();
     }
     const std::optional<NvmlReturn> failure = CountAgainstRules(visit.Name, board);
-    if (board.has_value() && !SpendCall(&Wanted.CallsUntilHang, *board)) {
+    if (board.has_value() && !SpendCall(&Rules.CallsUntilHang, *board)) {
         Changed.wait(visit.Lock, [] { return false; });
     }
-    if (board.has_value() && !SpendCall(&Wanted.CallsLeft, *board)) return kGpuIsLost;
+    if (board.has_value() && !SpendCall(&Rules.CallsLeft, *board)) return kGpuIsLost;
     if (failure.has_value()) return *failure;
-    return InitCount == 0 && !StartsNvml(visit.Name) ? kUninitialized : kSuccess;
+    return !IsInitialized() && !StartsNvml(visit.Name) ? kUninitialized : kSuccess;
 }
 
 std::optional<NvmlReturn> Engine::CountAgainstRules(EntryPoint name, std::optional<unsigned int> board) {
     std::optional<NvmlReturn> failure;
-    if (Wanted.CallsUntilFailure > 0 && --Wanted.CallsUntilFailure == 0) failure = Wanted.FailureCode;
-    for (FailureRule& rule : Wanted.Failures) {
+    if (Rules.CallsUntilFailure > 0 && --Rules.CallsUntilFailure == 0) failure = Rules.FailureCode;
+    for (FailureRule& rule : Rules.Failures) {
         if (rule.Name != name || (rule.Board.has_value() && rule.Board != board)) continue;
         if (++rule.CallsSeen >= rule.NthCall) failure = rule.Code;
     }
     return failure;
 }
 
-bool Engine::SpendLookup(EntryPoint name) {
-    if (Wanted.LookupsUntilMiss > 0 && --Wanted.LookupsUntilMiss == 0) return false;
-    std::optional<uint64_t>& left = Wanted.LookupsLeft[IndexOf(name)];
+bool Engine::FindsLookup(EntryPoint name) {
+    const bool bHidden = Answers.HidesLookup(name);
+    if (bHidden || (Rules.LookupsUntilMiss > 0 && --Rules.LookupsUntilMiss == 0)) return false;
+    std::optional<uint64_t>& left = Rules.LookupsLeft[IndexOf(name)];
     if (!left.has_value()) return true;
     if (*left == 0) return false;
     --*left;
@@ -226,20 +264,32 @@ NvmlDevice Engine::HandleOf(unsigned int index) const {
     return reinterpret_cast<NvmlDevice>((Generation << kHandleIndexBits) | (index + 1U));
 }
 
-std::optional<unsigned int> Engine::BoardOf(NvmlDevice device) const {
+NvmlDevice Engine::MakeUpHandle(const Answer& answer, unsigned int index) {
+    constexpr uintptr_t kMadeUp = uintptr_t{1} << 63;
+    const bool bNull = (answer.Form & 1) != 0;
+    const bool bNew = (answer.Form & 2) != 0 || index >= Boards.size() || answer.Code != kSuccess;
+    if (bNull || !bNew) return bNull ? nullptr : HandleOf(index);
+    auto* const device = reinterpret_cast<NvmlDevice>(kMadeUp | ++MadeUpCount);
+    if (answer.Code == kSuccess) MadeUpHandles.insert(device);
+    return device;
+}
+
+std::optional<unsigned int> Engine::BoardOf(EntryPoint name, NvmlDevice device) const {
+    const bool bMadeUp = MadeUpHandles.count(device) != 0 || (device == nullptr && Answers.MayGetNull(name));
+    if (bMadeUp && !Boards.empty()) return 0;
     const auto handle = reinterpret_cast<uintptr_t>(device);
     const uintptr_t place = handle & ((1U << kHandleIndexBits) - 1U);
     if (handle >> kHandleIndexBits != Generation || place == 0 || place > Boards.size()) return std::nullopt;
     return static_cast<unsigned int>(place - 1);
 }
 
-BoardModel* Engine::FindBoard(NvmlDevice device) {
-    const std::optional<unsigned int> board = BoardOf(device);
+BoardModel* Engine::FindBoard(EntryPoint name, NvmlDevice device) {
+    const std::optional<unsigned int> board = BoardOf(name, device);
     return board.has_value() ? &Boards[*board] : nullptr;
 }
 
 NvmlReturn Engine::Change(BoardModel* board, const SettingsEdit& edit) {
-    if (!Wanted.bAdministrator) return kNoPermission;
+    if (!Rules.bAdministrator) return kNoPermission;
     // The next call about the board finds the change in the file.
     if (KeptState != nullptr) return KeptState->Change(board->Identity(), edit);
     BoardSettings settings = board->Settings();
@@ -255,18 +305,21 @@ void Engine::BringToNow(BoardModel* board) {
 
 double Engine::ElapsedSeconds() const {
     using Seconds = std::chrono::duration<double>;
-    if (Wanted.HeldSeconds.has_value()) return *Wanted.HeldSeconds;
+    if (Rules.HeldSeconds.has_value()) return *Rules.HeldSeconds;
     if (KeptState != nullptr) {
         return Seconds(std::chrono::system_clock::now().time_since_epoch()).count() - KeptState->Latest().SinceSeconds;
     }
     return Seconds(std::chrono::steady_clock::now() - BoardsSince).count();
 }
 
-std::optional<EntryPoint> FindEntryPoint(const std::string& name) {
-    for (unsigned int i = 0; i < kEntryPointCount; ++i) {
-        if (name == kEntryPointNames[i]) return static_cast<EntryPoint>(i);
-    }
-    return std::nullopt;
+std::optional<EntryPoint> FindEntryPoint(std::string_view name) {
+    static const auto kByName = [] {
+        std::unordered_map<std::string_view, EntryPoint> byName;
+        for (unsigned int i = 0; i < kEntryPointCount; ++i) byName.emplace(kEntryPointNames[i], EntryPoint{i});
+        return byName;
+    }();
+    const auto found = kByName.find(name);
+    return found != kByName.end() ? std::optional(found->second) : std::nullopt;
 }
 
 EntryPoint EntryPointOf(const std::string& name) {

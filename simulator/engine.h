@@ -7,17 +7,18 @@
 #include <cstdint>
 #include <cstring>
 #include <exception>
-#include <initializer_list>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "board_model.h"
 #include "entry_point_list.h"
 #include "nvml_abi.h"
+#include "scripted_answers.h"
 #include "simulated_nvml.h"
 #include "state_file.h"
 
@@ -31,8 +32,8 @@ struct FailureRule {
     uint64_t CallsSeen = 0;
 };
 
-/// What the script or the environment asks for; a default-constructed one asks for nothing.
-struct Script {
+/// What the script or the environment asks for; by default nothing.
+struct ScriptRules {
     bool bLibraryRemoved = false;
     /// Lookups that still find a name which is to be hidden.
     PerEntryPoint<std::optional<uint64_t>> LookupsLeft{};
@@ -64,14 +65,13 @@ struct Observations {
     PerEntryPoint<uint64_t> Calls{};
     std::vector<std::string> Log;
     std::vector<std::string> Misuse;
-    unsigned int OpenLibraries = 0;
+    LibraryUse Use;
+    /// The latest shutdown failed, or its entry point was looked up and not found.
+    bool bShutdownFailed = false;
     bool bRecordLog = false;
     /// Lists whose size was asked for and that were not read since.
     PerEntryPoint<bool> SizeAsked{};
 };
-
-/// Values that the log shows for a call; one without a value is a null buffer.
-using Arguments = std::initializer_list<std::optional<uint64_t>>;
 
 /// The simulator behind the entry points and the script. There is one, and it is never destroyed, because a program
 /// may call into NVML until its last moment.
@@ -86,39 +86,31 @@ public:
 
     /// Runs `body` as one call that is about no board.
     template <typename Body>
-    NvmlReturn SystemCall(EntryPoint name, Arguments arguments, Body body) {
+    NvmlReturn SystemCall(EntryPoint name, Arguments arguments, Outputs outputs, Body body) {
         return Run(name, [&](Visit& visit) {
             Note(visit, std::nullopt, arguments);
             const NvmlReturn verdict = Admit(visit, std::nullopt);
-            if (verdict == kSuccess) return body();
-            if (WritesWhenFailing(name)) body();
-            return verdict;
+            if (verdict != kSuccess && !WritesWhenFailing(name)) return verdict;
+            const NvmlReturn answer = Complete({name, arguments, outputs}, body);
+            return verdict != kSuccess ? verdict : answer;
         });
     }
 
-    /// Runs `body` as one call about the board at `index`, or about a board that does not exist.
-    template <typename Body>
-    NvmlReturn IndexCall(EntryPoint name, unsigned int index, Body body) {
-        return Run(name, [&](Visit& visit) {
-            Note(visit, index, {});
-            const NvmlReturn verdict = Admit(visit, index);
-            if (verdict != kSuccess) return verdict;
-            return index < Boards.size() ? body(HandleOf(index)) : kInvalidArgument;
-        });
-    }
+    /// Gives the handle of the board at `index`.
+    NvmlReturn HandleCall(EntryPoint name, unsigned int index, NvmlDevice* device);
 
     /// Runs `body` with the board that `device` stands for, brought to this moment.
     template <typename Body>
-    NvmlReturn DeviceCall(EntryPoint name, NvmlDevice device, Arguments arguments, Body body) {
+    NvmlReturn DeviceCall(EntryPoint name, NvmlDevice device, Arguments arguments, Outputs outputs, Body body) {
         return Run(name, [&](Visit& visit) {
             Note(visit, NoteHandle(visit, device), arguments);
-            const NvmlReturn verdict = Admit(visit, BoardOf(device));
-            BoardModel* board = FindBoard(device);
+            const NvmlReturn verdict = Admit(visit, BoardOf(name, device));
+            BoardModel* board = FindBoard(name, device);
             if (verdict != kSuccess && (board == nullptr || !WritesWhenFailing(name))) return verdict;
             if (board == nullptr) return kInvalidArgument;
             if (!board->Supports(name)) return kNotSupported;
             BringToNow(board);
-            const NvmlReturn answer = body(*board);
+            const NvmlReturn answer = Complete({name, arguments, outputs}, [&] { return body(*board); });
             return verdict != kSuccess ? verdict : answer;
         });
     }
@@ -139,8 +131,10 @@ public:
     /// The same boards from their first moment on.
     void RestartBoards();
     void ForgetInitialization();
-    /// Takes one of the lookups that a name has left. False: it is hidden.
-    bool SpendLookup(EntryPoint name);
+    /// Whether a lookup of `name` is to find it.
+    bool FindsLookup(EntryPoint name);
+    /// Ends what the last client left initialized.
+    void CloseLibrary();
     void AddMisuse(std::string sentence);
     /// Adds a line to the log where one is kept.
     void LogLine(const std::string& line);
@@ -148,10 +142,9 @@ public:
     mutable std::mutex Mutex;
     /// Signalled when a call begins and when the script lets go of one.
     mutable std::condition_variable Changed;
-    Script Wanted;
-    Observations Seen;
-    unsigned int InitCount = 0;
-
+    ScriptRules Rules;
+    ScriptedAnswers Answers;
+    Observations Observed;
     /// This thread is at work inside the simulator.
     static thread_local bool bInsideCall;
 
@@ -183,9 +176,17 @@ private:
         }
     }
 
+    /// Completes a call that was admitted, by a scripted answer if there is one.
+    template <typename Body>
+    NvmlReturn Complete(const Call& call, Body body) {
+        const std::optional<Complaint> complaint = Answers.Judge(call);
+        if (complaint.has_value()) AddMisuse(std::string(NameOf(call.Name)) + "() " + complaint->Text + ".");
+        if (complaint.has_value() && complaint->bRefused) return kInvalidArgument;
+        return Answers.Complete(call, Answers.Next(call.Name), body);
+    }
     /// Counts, logs and polices a call that begins.
     void Note(const Visit& visit, std::optional<unsigned int> board, Arguments arguments);
-    /// The board of `device`; a handle that is none is misuse.
+    /// The board of `device`; a handle without a board is misuse.
     std::optional<unsigned int> NoteHandle(const Visit& visit, NvmlDevice device);
     /// Waits as long as the script wants, then tells how the script or the state of NVML answers the call.
     NvmlReturn Admit(Visit& visit, std::optional<unsigned int> board);
@@ -193,8 +194,7 @@ private:
     std::optional<NvmlReturn> CountAgainstRules(EntryPoint name, std::optional<unsigned int> board);
     /// Whether a failing call of this query still fills its outputs.
     bool WritesWhenFailing(EntryPoint name) const {
-        return Wanted.bFailuresWrite && InitCount != 0 &&
-               std::strstr(kEntryPointNames[IndexOf(name)], "Get") != nullptr;
+        return Rules.bFailuresWrite && IsInitialized() && std::strstr(NameOf(name), "Get") != nullptr;
     }
     /// Takes one of the calls that a board has left. False: there is none.
     static bool SpendCall(std::map<unsigned int, uint64_t>* left, unsigned int board);
@@ -202,9 +202,14 @@ private:
     bool StartFromEnvironment();
     bool TakeOverEnvironment();
 
+    bool IsInitialized() const { return Observed.Use.Initializations != 0; }
     NvmlDevice HandleOf(unsigned int index) const;
-    std::optional<unsigned int> BoardOf(NvmlDevice device) const;
-    BoardModel* FindBoard(NvmlDevice device);
+    /// A handle as a scripted answer wants it.
+    NvmlDevice MakeUpHandle(const Answer& answer, unsigned int index);
+    /// Lets the handles given so far become stale.
+    void BeginGeneration();
+    std::optional<unsigned int> BoardOf(EntryPoint name, NvmlDevice device) const;
+    BoardModel* FindBoard(EntryPoint name, NvmlDevice device);
     void BringToNow(BoardModel* board);
     /// How long the boards have lived.
     double ElapsedSeconds() const;
@@ -217,6 +222,9 @@ private:
     std::chrono::steady_clock::time_point BoardsSince;
     /// Part of every handle: one more with each initialization and each new set of boards.
     uintptr_t Generation = 0;
+    /// Handles that only scripted answers gave. They are handles of board 0.
+    std::set<NvmlDevice> MadeUpHandles;
+    uintptr_t MadeUpCount = 0;
     std::atomic<int> ThreadsInside{0};
 };
 

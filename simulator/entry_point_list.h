@@ -5,76 +5,110 @@
 #include <cstddef>
 #include <optional>
 #include <string>
+#include <string_view>
+
+#define SIMULATED_NVML_EXPORT __attribute__((visibility("default")))
 
 /// \file
-/// Every name that the simulator exports, once. Lists and look-up tables are made from this one.
+/// Every name that the simulator exports and the shape of its call, once. Lists and look-up tables are made from this
+/// one; nvml_abi.h says what each shape looks like.
 
 // clang-format off
-#define SIMULATED_NVML_ENTRY_POINTS(X)             \
-    X(nvmlInit_v2)                                 \
-    X(nvmlInit)                                    \
-    X(nvmlShutdown)                                \
-    X(nvmlErrorString)                             \
-    X(nvmlSystemGetDriverVersion)                  \
-    X(nvmlDeviceGetCount_v2)                       \
-    X(nvmlDeviceGetCount)                          \
-    X(nvmlDeviceGetHandleByIndex_v2)               \
-    X(nvmlDeviceGetHandleByIndex)                  \
-    X(nvmlDeviceGetName)                           \
-    X(nvmlDeviceGetUUID)                           \
-    X(nvmlDeviceGetVbiosVersion)                   \
-    X(nvmlDeviceGetPciInfo_v3)                     \
-    X(nvmlDeviceGetArchitecture)                   \
-    X(nvmlDeviceGetBAR1MemoryInfo)                 \
-    X(nvmlDeviceGetMemoryInfo)                     \
-    X(nvmlDeviceGetTemperature)                    \
-    X(nvmlDeviceGetTemperatureThreshold)           \
-    X(nvmlDeviceGetUtilizationRates)               \
-    X(nvmlDeviceGetEncoderUtilization)             \
-    X(nvmlDeviceGetDecoderUtilization)             \
-    X(nvmlDeviceGetFanSpeed)                       \
-    X(nvmlDeviceGetClockInfo)                      \
-    X(nvmlDeviceGetMaxClockInfo)                   \
-    X(nvmlDeviceGetPerformanceState)               \
-    X(nvmlDeviceGetPowerState)                     \
-    X(nvmlDeviceGetCurrPcieLinkGeneration)         \
-    X(nvmlDeviceGetCurrPcieLinkWidth)              \
-    X(nvmlDeviceGetMaxPcieLinkGeneration)          \
-    X(nvmlDeviceGetMaxPcieLinkWidth)               \
-    X(nvmlDeviceGetPcieThroughput)                 \
-    X(nvmlDeviceGetCurrentClocksThrottleReasons)   \
-    X(nvmlDeviceGetPowerUsage)                     \
-    X(nvmlDeviceGetEnforcedPowerLimit)             \
-    X(nvmlDeviceGetPowerManagementLimit)           \
-    X(nvmlDeviceGetPowerManagementDefaultLimit)    \
-    X(nvmlDeviceGetPowerManagementLimitConstraints)\
-    X(nvmlDeviceSetPowerManagementLimit)           \
-    X(nvmlDeviceGetSupportedMemoryClocks)          \
-    X(nvmlDeviceGetSupportedGraphicsClocks)        \
-    X(nvmlDeviceSetGpuLockedClocks)                \
-    X(nvmlDeviceResetGpuLockedClocks)              \
-    X(nvmlDeviceSetMemoryLockedClocks)             \
-    X(nvmlDeviceResetMemoryLockedClocks)           \
-    X(nvmlDeviceGetComputeRunningProcesses_v3)     \
-    X(nvmlDeviceGetComputeRunningProcesses_v2)     \
-    X(nvmlDeviceGetComputeRunningProcesses)        \
-    X(nvmlDeviceGetGraphicsRunningProcesses_v3)    \
-    X(nvmlDeviceGetGraphicsRunningProcesses_v2)    \
-    X(nvmlDeviceGetGraphicsRunningProcesses)
+#define SIMULATED_NVML_ENTRY_POINTS(X)                              \
+    X(nvmlInit_v2, Init)                                            \
+    X(nvmlInit, Init)                                               \
+    X(nvmlShutdown, Shutdown)                                       \
+    X(nvmlErrorString, ErrorText)                                   \
+    X(nvmlSystemGetDriverVersion, SystemText)                       \
+    X(nvmlDeviceGetCount_v2, Count)                                 \
+    X(nvmlDeviceGetCount, Count)                                    \
+    X(nvmlDeviceGetHandleByIndex_v2, Handle)                        \
+    X(nvmlDeviceGetHandleByIndex, Handle)                           \
+    X(nvmlDeviceGetName, Text)                                      \
+    X(nvmlDeviceGetUUID, Text)                                      \
+    X(nvmlDeviceGetVbiosVersion, Text)                              \
+    X(nvmlDeviceGetPciInfo_v3, Pci)                                 \
+    X(nvmlDeviceGetArchitecture, Value)                             \
+    X(nvmlDeviceGetBAR1MemoryInfo, Memory)                          \
+    X(nvmlDeviceGetMemoryInfo, Memory)                              \
+    X(nvmlDeviceGetTemperature, Selected)                           \
+    X(nvmlDeviceGetTemperatureThreshold, Selected)                  \
+    X(nvmlDeviceGetUtilizationRates, Utilization)                   \
+    X(nvmlDeviceGetEncoderUtilization, Pair)                        \
+    X(nvmlDeviceGetDecoderUtilization, Pair)                        \
+    X(nvmlDeviceGetFanSpeed, Value)                                 \
+    X(nvmlDeviceGetClockInfo, Selected)                             \
+    X(nvmlDeviceGetMaxClockInfo, Selected)                          \
+    X(nvmlDeviceGetPerformanceState, Value)                         \
+    X(nvmlDeviceGetPowerState, Value)                               \
+    X(nvmlDeviceGetCurrPcieLinkGeneration, Value)                   \
+    X(nvmlDeviceGetCurrPcieLinkWidth, Value)                        \
+    X(nvmlDeviceGetMaxPcieLinkGeneration, Value)                    \
+    X(nvmlDeviceGetMaxPcieLinkWidth, Value)                         \
+    X(nvmlDeviceGetPcieThroughput, Selected)                        \
+    X(nvmlDeviceGetCurrentClocksThrottleReasons, Mask)              \
+    X(nvmlDeviceGetPowerUsage, Value)                               \
+    X(nvmlDeviceGetEnforcedPowerLimit, Value)                       \
+    X(nvmlDeviceGetPowerManagementLimit, Value)                     \
+    X(nvmlDeviceGetPowerManagementDefaultLimit, Value)              \
+    X(nvmlDeviceGetPowerManagementLimitConstraints, Pair)           \
+    X(nvmlDeviceSetPowerManagementLimit, SetLimit)                  \
+    X(nvmlDeviceGetSupportedMemoryClocks, MemoryClocks)             \
+    X(nvmlDeviceGetSupportedGraphicsClocks, GraphicsClocks)         \
+    X(nvmlDeviceSetGpuLockedClocks, Lock)                           \
+    X(nvmlDeviceResetGpuLockedClocks, Reset)                        \
+    X(nvmlDeviceSetMemoryLockedClocks, Lock)                        \
+    X(nvmlDeviceResetMemoryLockedClocks, Reset)                     \
+    X(nvmlDeviceGetComputeRunningProcesses_v3, Processes)           \
+    X(nvmlDeviceGetComputeRunningProcesses_v2, Processes)           \
+    X(nvmlDeviceGetComputeRunningProcesses, Processes)              \
+    X(nvmlDeviceGetGraphicsRunningProcesses_v3, Processes)          \
+    X(nvmlDeviceGetGraphicsRunningProcesses_v2, Processes)          \
+    X(nvmlDeviceGetGraphicsRunningProcesses, Processes)
 // clang-format on
 
 namespace simulated_nvml {
 
 enum class EntryPoint : unsigned int {
-#define SIMULATED_NVML_ENUMERATOR(name) name,
+#define SIMULATED_NVML_ENUMERATOR(name, shape) name,
     SIMULATED_NVML_ENTRY_POINTS(SIMULATED_NVML_ENUMERATOR)
 #undef SIMULATED_NVML_ENUMERATOR
 };
 
 constexpr const char* kEntryPointNames[] = {
-#define SIMULATED_NVML_NAME(name) #name,
+#define SIMULATED_NVML_NAME(name, shape) #name,
     SIMULATED_NVML_ENTRY_POINTS(SIMULATED_NVML_NAME)
 #undef SIMULATED_NVML_NAME
+};
+
+/// What the parameters of a call are.
+enum class Shape : unsigned char {
+    Init,
+    Shutdown,
+    ErrorText,
+    SystemText,
+    Count,
+    Handle,
+    Text,
+    Pci,
+    Value,
+    Selected,
+    Pair,
+    Mask,
+    Memory,
+    Utilization,
+    MemoryClocks,
+    GraphicsClocks,
+    Processes,
+    Lock,
+    Reset,
+    SetLimit
+};
+
+constexpr Shape kEntryPointShapes[] = {
+#define SIMULATED_NVML_SHAPE(name, shape) Shape::shape,
+    SIMULATED_NVML_ENTRY_POINTS(SIMULATED_NVML_SHAPE)
+#undef SIMULATED_NVML_SHAPE
 };
 
 constexpr unsigned int kEntryPointCount = sizeof kEntryPointNames / sizeof kEntryPointNames[0];
@@ -87,9 +121,23 @@ constexpr size_t IndexOf(EntryPoint name) {
     return static_cast<size_t>(name);
 }
 
-std::optional<EntryPoint> FindEntryPoint(const std::string& name);
+constexpr const char* NameOf(EntryPoint name) {
+    return kEntryPointNames[IndexOf(name)];
+}
 
-/// The entry point of this name; throws `std::invalid_argument` when there is none.
+constexpr Shape ShapeOf(EntryPoint name) {
+    return kEntryPointShapes[IndexOf(name)];
+}
+
+/// Whether a call gives a list, which is asked for its size first.
+constexpr bool IsList(EntryPoint name) {
+    const Shape shape = ShapeOf(name);
+    return shape == Shape::MemoryClocks || shape == Shape::GraphicsClocks || shape == Shape::Processes;
+}
+
+std::optional<EntryPoint> FindEntryPoint(std::string_view name);
+
+/// The entry point of this name; throws `std::invalid_argument` when no entry point has it.
 EntryPoint EntryPointOf(const std::string& name);
 
 }  // namespace simulated_nvml

@@ -1,4 +1,5 @@
-// What the library exports: NVML's functions, each answered by the engine.
+// What the library exports: a function for each name of the list, made from the shape of its call. Each shape has one
+// function here that answers for all its names from the board.
 
 #include <algorithm>
 #include <cstring>
@@ -7,36 +8,127 @@
 
 #include "engine.h"
 
-#define NVML_EXPORT extern "C" SIMULATED_NVML_EXPORT
-
 using namespace simulated_nvml;  // NOLINT(google-build-using-namespace): the exports themselves stand in no namespace
 
 namespace {
-
-using Milliwatts = unsigned int;
 
 Engine& Nvml() {
     return Engine::Get();
 }
 
-// ---- Answers of one value ----
+// ---- Single values ----
 
 NvmlReturn Store(unsigned int* output, unsigned int value) {
-    if (output == nullptr) return kInvalidArgument;
     *output = value;
     return kSuccess;
 }
 
-NvmlReturn StorePair(unsigned int* first, unsigned int firstValue, unsigned int* second, unsigned int secondValue) {
-    if (first == nullptr || second == nullptr) return kInvalidArgument;
-    *first = firstValue;
-    *second = secondValue;
-    return kSuccess;
+unsigned int ValueOf(EntryPoint name, const BoardModel& model) {
+    const Board& board = model.Identity();
+    const Readings& now = model.Now();
+    switch (name) {
+        case EntryPoint::nvmlDeviceGetArchitecture: return board.Architecture;
+        case EntryPoint::nvmlDeviceGetFanSpeed: return now.FanPercent;
+        case EntryPoint::nvmlDeviceGetPerformanceState:
+        case EntryPoint::nvmlDeviceGetPowerState: return now.PerformanceState;
+        case EntryPoint::nvmlDeviceGetCurrPcieLinkGeneration: return now.PcieGeneration;
+        case EntryPoint::nvmlDeviceGetCurrPcieLinkWidth: return now.PcieWidth;
+        case EntryPoint::nvmlDeviceGetMaxPcieLinkGeneration: return board.MaxPcieGeneration;
+        case EntryPoint::nvmlDeviceGetMaxPcieLinkWidth: return board.MaxPcieWidth;
+        case EntryPoint::nvmlDeviceGetPowerUsage: return now.PowerMilliwatts;
+        case EntryPoint::nvmlDeviceGetPowerManagementDefaultLimit: return board.DefaultPowerLimitMilliwatts;
+        // The limit that was set is also the one in force: no simulated board enforces a lower one by itself.
+        default: return model.PowerLimitMilliwatts();
+    }
 }
 
+NvmlReturn Value(EntryPoint name, NvmlDevice device, unsigned int* value) {
+    return Nvml().DeviceCall(name, device, {}, {value},
+                             [&](const BoardModel& board) { return Store(value, ValueOf(name, board)); });
+}
+
+unsigned int ClockOf(unsigned int type, unsigned int graphics, unsigned int sm, unsigned int memory,
+                     unsigned int video) {
+    const unsigned int clocks[] = {graphics, sm, memory, video};
+    return clocks[type];
+}
+
+unsigned int MaxClockOf(const ClockGroup& fastest, unsigned int type) {
+    const unsigned int graphics = fastest.GraphicsMHz.front();
+    return ClockOf(type, graphics, graphics, fastest.MemoryMHz, BoardModel::VideoClockMHz(graphics));
+}
+
+unsigned int SelectedOf(EntryPoint name, unsigned int selector, const BoardModel& model) {
+    const Board& board = model.Identity();
+    const Readings& now = model.Now();
+    switch (name) {
+        case EntryPoint::nvmlDeviceGetTemperature: return now.TemperatureC;
+        case EntryPoint::nvmlDeviceGetTemperatureThreshold:
+            return selector == kThresholdShutdown ? board.ShutdownTemperatureC : board.SlowdownTemperatureC;
+        case EntryPoint::nvmlDeviceGetPcieThroughput:
+            return selector == kPcieTransmit ? now.PcieTransmitKiBPerSecond : now.PcieReceiveKiBPerSecond;
+        case EntryPoint::nvmlDeviceGetMaxClockInfo: return MaxClockOf(board.Clocks.front(), selector);
+        default: return ClockOf(selector, now.GraphicsMHz, now.SmMHz, now.MemoryMHz, now.VideoMHz);
+    }
+}
+
+NvmlReturn Selected(EntryPoint name, NvmlDevice device, unsigned int selector, unsigned int* value) {
+    return Nvml().DeviceCall(name, device, {selector}, {value}, [&](const BoardModel& board) {
+        const bool bLacksClocks = name == EntryPoint::nvmlDeviceGetMaxClockInfo && board.Identity().Clocks.empty();
+        return bLacksClocks ? kNotSupported : Store(value, SelectedOf(name, selector, board));
+    });
+}
+
+NvmlReturn Count(EntryPoint name, unsigned int* count) {
+    return Nvml().SystemCall(name, {}, {count}, [&] { return Store(count, Nvml().BoardCount()); });
+}
+
+// ---- Values that come together ----
+
+std::pair<unsigned int, unsigned int> PairOf(EntryPoint name, const BoardModel& model) {
+    constexpr unsigned int kSamplingPeriodMicroseconds = 167000;
+    const Readings& now = model.Now();
+    switch (name) {
+        case EntryPoint::nvmlDeviceGetUtilizationRates: return {now.GpuPercent, now.MemoryPercent};
+        case EntryPoint::nvmlDeviceGetEncoderUtilization: return {now.EncoderPercent, kSamplingPeriodMicroseconds};
+        case EntryPoint::nvmlDeviceGetDecoderUtilization: return {now.DecoderPercent, kSamplingPeriodMicroseconds};
+        default: return {model.Identity().MinimumPowerLimitMilliwatts, model.Identity().MaximumPowerLimitMilliwatts};
+    }
+}
+
+NvmlReturn Pair(EntryPoint name, NvmlDevice device, unsigned int* first, unsigned int* second) {
+    return Nvml().DeviceCall(name, device, {}, {first, second}, [&](const BoardModel& board) {
+        std::tie(*first, *second) = PairOf(name, board);
+        return kSuccess;
+    });
+}
+
+NvmlReturn Utilization(EntryPoint name, NvmlDevice device, UtilizationRecord* rates) {
+    if (rates == nullptr) return Pair(name, device, nullptr, nullptr);
+    return Pair(name, device, &rates->GpuPercent, &rates->MemoryPercent);
+}
+
+NvmlReturn Mask(EntryPoint name, NvmlDevice device, unsigned long long* reasons) {
+    return Nvml().DeviceCall(name, device, {}, {reasons}, [&](const BoardModel& board) {
+        *reasons = board.Now().LimitReasons;
+        return kSuccess;
+    });
+}
+
+NvmlReturn Memory(EntryPoint name, NvmlDevice device, MemoryRecord* memory) {
+    return Nvml().DeviceCall(name, device, {}, {memory}, [&](const BoardModel& board) {
+        const bool bVram = name == EntryPoint::nvmlDeviceGetMemoryInfo;
+        const uint64_t total = bVram ? board.Identity().VramTotalBytes : board.Identity().Bar1TotalBytes;
+        const uint64_t used = std::min(bVram ? board.Now().VramUsedBytes : board.Now().Bar1UsedBytes, total);
+        *memory = {total, total - used, used};
+        return kSuccess;
+    });
+}
+
+// ---- Texts ----
+
 NvmlReturn StoreText(char* output, unsigned int size, const std::string& text) {
-    if (output == nullptr) return kInvalidArgument;
-    if (Nvml().Wanted.bUnterminatedText) {
+    if (Nvml().Rules.bUnterminatedText) {
         std::memset(output, 'x', size);
         // NOLINTNEXTLINE(bugprone-not-null-terminated-result): that is what was asked for.
         std::memcpy(output, text.data(), std::min<size_t>(size, text.size()));
@@ -49,174 +141,43 @@ NvmlReturn StoreText(char* output, unsigned int size, const std::string& text) {
 
 template <size_t Size>
 void FillField(char (&field)[Size], const std::string& text) {
-    std::memset(field, Nvml().Wanted.bUnterminatedText ? 'x' : '\0', Size);
+    std::memset(field, Nvml().Rules.bUnterminatedText ? 'x' : '\0', Size);
     std::memcpy(field, text.data(), std::min(Size, text.size()));
 }
 
-/// A query that tells one of the board's present readings.
-NvmlReturn ReadingCall(EntryPoint name, NvmlDevice device, unsigned int* output, unsigned int Readings::*reading) {
-    return Nvml().DeviceCall(name, device, {},
-                             [&](const BoardModel& board) { return Store(output, board.Now().*reading); });
-}
-
-/// A query that tells one fixed fact of the board.
-NvmlReturn FactCall(EntryPoint name, NvmlDevice device, unsigned int* output, unsigned int Board::*fact) {
-    return Nvml().DeviceCall(name, device, {},
-                             [&](const BoardModel& board) { return Store(output, board.Identity().*fact); });
-}
-
-NvmlReturn TextCall(EntryPoint name, NvmlDevice device, char* output, unsigned int size, std::string Board::*text) {
-    return Nvml().DeviceCall(name, device, {size},
-                             [&](const BoardModel& board) { return StoreText(output, size, board.Identity().*text); });
-}
-
-NvmlReturn MemoryCall(EntryPoint name, NvmlDevice device, MemoryRecord* output, uint64_t Board::*total,
-                      uint64_t Readings::*used) {
-    return Nvml().DeviceCall(name, device, {}, [&](const BoardModel& board) {
-        if (output == nullptr) return kInvalidArgument;
-        const uint64_t totalBytes = board.Identity().*total;
-        const uint64_t usedBytes = std::min(board.Now().*used, totalBytes);
-        *output = {totalBytes, totalBytes - usedBytes, usedBytes};
-        return kSuccess;
-    });
-}
-
-NvmlReturn CoderCall(EntryPoint name, NvmlDevice device, unsigned int* percent, unsigned int* periodMicroseconds,
-                     unsigned int Readings::*reading) {
-    constexpr unsigned int kSamplingPeriodMicroseconds = 167000;
-    return Nvml().DeviceCall(name, device, {}, [&](const BoardModel& board) {
-        return StorePair(percent, board.Now().*reading, periodMicroseconds, kSamplingPeriodMicroseconds);
-    });
-}
-
-/// The limit that was set is also the one in force: no simulated board enforces a lower one by itself.
-NvmlReturn PowerLimitCall(EntryPoint name, NvmlDevice device, Milliwatts* limit) {
-    return Nvml().DeviceCall(name, device, {},
-                             [&](const BoardModel& board) { return Store(limit, board.PowerLimitMilliwatts()); });
-}
-
-// ---- Answers that are lists ----
-
-/// How many entries a list has for a caller that offers this room. The script can change it after a size query.
-size_t ListedEntries(EntryPoint name, size_t entries, bool bSizeQuery) {
-    const bool bSizeAsked = std::exchange(Nvml().Seen.SizeAsked[IndexOf(name)], bSizeQuery);
-    if (bSizeQuery || !bSizeAsked) return entries;
-    const int64_t changed = static_cast<int64_t>(entries) + Nvml().Wanted.ListChanges[IndexOf(name)];
-    return static_cast<size_t>(std::max<int64_t>(changed, 0));
-}
-
-/// The protocol of all list queries: a room too small is answered with the size needed, and `write(index, entry)` is
-/// called for each entry when there is room. An entry that only the script adds is like the last one.
-template <typename Entry, typename Write>
-NvmlReturn ListCall(EntryPoint name, const std::vector<Entry>& entries, unsigned int* count, const void* output,
-                    Write write) {
-    if (count == nullptr) return kInvalidArgument;
-    const unsigned int room = *count;
-    if (room != 0 && output == nullptr) return kInvalidArgument;
-    const size_t listed = ListedEntries(name, entries.size(), room == 0);
-    *count = static_cast<unsigned int>(listed);
-    if (listed > room) return kInsufficientSize;
-    for (size_t i = 0; i < listed; ++i) {
-        write(i, i < entries.size() ? entries[i] : entries.empty() ? Entry{} : entries.back());
-    }
-    return kSuccess;
-}
-
-NvmlReturn ClockListCall(EntryPoint name, const std::vector<unsigned int>& clocks, unsigned int* count,
-                         unsigned int* output) {
-    return ListCall(name, clocks, count, output, [output](size_t i, unsigned int clock) { output[i] = clock; });
-}
-
-std::optional<uint64_t> RoomArgument(const unsigned int* count) {
-    return count != nullptr ? std::optional<uint64_t>(*count) : std::nullopt;
-}
-
-NvmlReturn ProcessesCall(EntryPoint name, NvmlDevice device, unsigned int* count, ProcessRecord* output,
-                         std::vector<Process> Readings::*processes) {
-    return Nvml().DeviceCall(name, device, {RoomArgument(count)}, [&](const BoardModel& board) {
-        const size_t recordBytes = Nvml().Wanted.ProcessRecordBytes;
-        auto* bytes = reinterpret_cast<unsigned char*>(output);
-        const auto write = [bytes, recordBytes](size_t i, const Process& process) {
-            constexpr uint32_t kNoInstance = UINT32_MAX;
-            const ProcessRecord record = {process.Pid, process.UsedBytes, kNoInstance, kNoInstance};
-            std::memset(bytes + i * recordBytes, 0, recordBytes);
-            std::memcpy(bytes + i * recordBytes, &record, sizeof record);
-        };
-        return ListCall(name, board.Now().*processes, count, output, write);
-    });
-}
-
-// ---- Clocks ----
-
-std::optional<unsigned int> ClockOf(unsigned int type, unsigned int graphics, unsigned int sm, unsigned int memory,
-                                    unsigned int video) {
-    switch (type) {
-        case kClockGraphics: return graphics;
-        case kClockSm: return sm;
-        case kClockMemory: return memory;
-        case kClockVideo: return video;
-        default: return std::nullopt;
+const std::string& TextOf(EntryPoint name, const Board& board) {
+    switch (name) {
+        case EntryPoint::nvmlDeviceGetName: return board.Name;
+        case EntryPoint::nvmlDeviceGetUUID: return board.Uuid;
+        default: return board.VbiosVersion;
     }
 }
 
-NvmlReturn StoreClock(unsigned int* output, std::optional<unsigned int> clock) {
-    return clock.has_value() ? Store(output, *clock) : kInvalidArgument;
+NvmlReturn SystemText(EntryPoint name, char* text, unsigned int size) {
+    return Nvml().SystemCall(name, {size}, {text, nullptr, size}, [&] { return StoreText(text, size, "550.120"); });
 }
 
-// ---- Changes ----
-
-using ClockLock = std::optional<ClockRange> BoardSettings::*;
-
-NvmlReturn ChangeCall(EntryPoint name, NvmlDevice device, Arguments arguments, const SettingsEdit& edit) {
-    return Nvml().DeviceCall(name, device, arguments, [&](BoardModel& board) { return Nvml().Change(&board, edit); });
+NvmlReturn Text(EntryPoint name, NvmlDevice device, char* text, unsigned int size) {
+    return Nvml().DeviceCall(name, device, {size}, {text, nullptr, size}, [&](const BoardModel& board) {
+        return StoreText(text, size, TextOf(name, board.Identity()));
+    });
 }
 
-NvmlReturn LockCall(EntryPoint name, NvmlDevice device, unsigned int lowest, unsigned int highest, ClockLock lock) {
-    return ChangeCall(name, device, {lowest, highest}, [&](const Board&, BoardSettings* settings) {
-        const ClockRange range{lowest, highest};
-        if (!IsSensible(range)) return kInvalidArgument;
-        settings->*lock = range;
+NvmlReturn Pci(EntryPoint name, NvmlDevice device, PciRecord* pci) {
+    return Nvml().DeviceCall(name, device, {}, {pci}, [&](const BoardModel& model) {
+        const Board& board = model.Identity();
+        *pci = PciRecord{};
+        FillField(pci->BusIdLegacy, board.BusIdLegacy);
+        FillField(pci->BusId, board.BusId);
+        pci->Bus = board.PciBus;
+        pci->DeviceAndVendorId = board.PciDeviceId;
+        pci->SubSystemId = board.PciSubSystemId;
         return kSuccess;
     });
 }
 
-NvmlReturn UnlockCall(EntryPoint name, NvmlDevice device, ClockLock lock) {
-    return ChangeCall(name, device, {}, [&](const Board&, BoardSettings* settings) {
-        settings->*lock = std::nullopt;
-        return kSuccess;
-    });
-}
-
-NvmlReturn CountCall(EntryPoint name, unsigned int* count) {
-    return Nvml().SystemCall(name, {}, [&] { return Store(count, Nvml().BoardCount()); });
-}
-
-NvmlReturn HandleCall(EntryPoint name, unsigned int index, NvmlDevice* device) {
-    return Nvml().IndexCall(name, index, [&](NvmlDevice handle) {
-        if (device == nullptr) return kInvalidArgument;
-        *device = handle;
-        return kSuccess;
-    });
-}
-
-}  // namespace
-
-// ---- The library ----
-
-NVML_EXPORT NvmlReturn nvmlInit_v2() {
-    return Nvml().Initialize(EntryPoint::nvmlInit_v2);
-}
-
-NVML_EXPORT NvmlReturn nvmlInit() {
-    return Nvml().Initialize(EntryPoint::nvmlInit);
-}
-
-NVML_EXPORT NvmlReturn nvmlShutdown() {
-    return Nvml().Shutdown();
-}
-
-NVML_EXPORT const char* nvmlErrorString(NvmlReturn result) {
-    Nvml().NoteTextCall(EntryPoint::nvmlErrorString);
+const char* ErrorText(EntryPoint name, NvmlReturn result) {
+    Nvml().NoteTextCall(name);
     switch (result) {
         case kSuccess: return "Success";
         case kUninitialized: return "NVML is not initialized";
@@ -230,254 +191,170 @@ NVML_EXPORT const char* nvmlErrorString(NvmlReturn result) {
     }
 }
 
-NVML_EXPORT NvmlReturn nvmlSystemGetDriverVersion(char* version, unsigned int size) {
-    return Nvml().SystemCall(EntryPoint::nvmlSystemGetDriverVersion, {size},
-                             [&] { return StoreText(version, size, "550.120"); });
+// ---- Lists ----
+
+/// How many entries a list has for a caller that offers this room. The script can change it after a size query.
+size_t ListedEntries(EntryPoint name, size_t entries, bool bSizeQuery) {
+    const bool bSizeAsked = std::exchange(Nvml().Observed.SizeAsked[IndexOf(name)], bSizeQuery);
+    if (bSizeQuery || !bSizeAsked) return entries;
+    const int64_t changed = static_cast<int64_t>(entries) + Nvml().Rules.ListChanges[IndexOf(name)];
+    return static_cast<size_t>(std::max<int64_t>(changed, 0));
 }
 
-NVML_EXPORT NvmlReturn nvmlDeviceGetCount_v2(unsigned int* count) {
-    return CountCall(EntryPoint::nvmlDeviceGetCount_v2, count);
+/// The protocol of all list queries: a room too small is answered with the size needed, and `write(index, entry)` is
+/// called for each entry when there is room. An entry that only the script adds is like the last one.
+template <typename Entry, typename Write>
+NvmlReturn StoreList(EntryPoint name, const std::vector<Entry>& entries, unsigned int* count, Write write) {
+    const unsigned int room = *count;
+    const size_t listed = ListedEntries(name, entries.size(), room == 0);
+    *count = static_cast<unsigned int>(listed);
+    if (listed > room) return kInsufficientSize;
+    for (size_t i = 0; i < listed; ++i) {
+        write(i, i < entries.size() ? entries[i] : entries.empty() ? Entry{} : entries.back());
+    }
+    return kSuccess;
 }
 
-NVML_EXPORT NvmlReturn nvmlDeviceGetCount(unsigned int* count) {
-    return CountCall(EntryPoint::nvmlDeviceGetCount, count);
+NvmlReturn StoreClocks(EntryPoint name, const std::vector<unsigned int>& clocks, unsigned int* count,
+                       unsigned int* output) {
+    return StoreList(name, clocks, count, [output](size_t i, unsigned int clock) { output[i] = clock; });
 }
 
-NVML_EXPORT NvmlReturn nvmlDeviceGetHandleByIndex_v2(unsigned int index, NvmlDevice* device) {
-    return HandleCall(EntryPoint::nvmlDeviceGetHandleByIndex_v2, index, device);
+std::optional<uint64_t> RoomArgument(const unsigned int* count) {
+    return count != nullptr ? std::optional<uint64_t>(*count) : std::nullopt;
 }
 
-NVML_EXPORT NvmlReturn nvmlDeviceGetHandleByIndex(unsigned int index, NvmlDevice* device) {
-    return HandleCall(EntryPoint::nvmlDeviceGetHandleByIndex, index, device);
-}
-
-// ---- Identity ----
-
-NVML_EXPORT NvmlReturn nvmlDeviceGetName(NvmlDevice device, char* name, unsigned int size) {
-    return TextCall(EntryPoint::nvmlDeviceGetName, device, name, size, &Board::Name);
-}
-
-NVML_EXPORT NvmlReturn nvmlDeviceGetUUID(NvmlDevice device, char* uuid, unsigned int size) {
-    return TextCall(EntryPoint::nvmlDeviceGetUUID, device, uuid, size, &Board::Uuid);
-}
-
-NVML_EXPORT NvmlReturn nvmlDeviceGetVbiosVersion(NvmlDevice device, char* version, unsigned int size) {
-    return TextCall(EntryPoint::nvmlDeviceGetVbiosVersion, device, version, size, &Board::VbiosVersion);
-}
-
-NVML_EXPORT NvmlReturn nvmlDeviceGetPciInfo_v3(NvmlDevice device, PciRecord* pci) {
-    return Nvml().DeviceCall(EntryPoint::nvmlDeviceGetPciInfo_v3, device, {}, [&](const BoardModel& model) {
-        if (pci == nullptr) return kInvalidArgument;
-        const Board& board = model.Identity();
-        *pci = PciRecord{};
-        FillField(pci->BusIdLegacy, board.BusIdLegacy);
-        FillField(pci->BusId, board.BusId);
-        pci->Bus = board.PciBus;
-        pci->DeviceAndVendorId = board.PciDeviceId;
-        pci->SubSystemId = board.PciSubSystemId;
-        return kSuccess;
-    });
-}
-
-NVML_EXPORT NvmlReturn nvmlDeviceGetArchitecture(NvmlDevice device, unsigned int* architecture) {
-    return FactCall(EntryPoint::nvmlDeviceGetArchitecture, device, architecture, &Board::Architecture);
-}
-
-// ---- Readings ----
-
-NVML_EXPORT NvmlReturn nvmlDeviceGetBAR1MemoryInfo(NvmlDevice device, MemoryRecord* memory) {
-    return MemoryCall(EntryPoint::nvmlDeviceGetBAR1MemoryInfo, device, memory, &Board::Bar1TotalBytes,
-                      &Readings::Bar1UsedBytes);
-}
-
-NVML_EXPORT NvmlReturn nvmlDeviceGetMemoryInfo(NvmlDevice device, MemoryRecord* memory) {
-    return MemoryCall(EntryPoint::nvmlDeviceGetMemoryInfo, device, memory, &Board::VramTotalBytes,
-                      &Readings::VramUsedBytes);
-}
-
-NVML_EXPORT NvmlReturn nvmlDeviceGetTemperature(NvmlDevice device, unsigned int sensor, unsigned int* celsius) {
-    return Nvml().DeviceCall(EntryPoint::nvmlDeviceGetTemperature, device, {sensor}, [&](const BoardModel& board) {
-        return sensor == kSensorGpu ? Store(celsius, board.Now().TemperatureC) : kInvalidArgument;
-    });
-}
-
-NVML_EXPORT NvmlReturn nvmlDeviceGetTemperatureThreshold(NvmlDevice device, unsigned int threshold,
-                                                         unsigned int* celsius) {
-    constexpr EntryPoint kName = EntryPoint::nvmlDeviceGetTemperatureThreshold;
-    return Nvml().DeviceCall(kName, device, {threshold}, [&](const BoardModel& board) {
-        switch (threshold) {
-            case kThresholdShutdown: return Store(celsius, board.Identity().ShutdownTemperatureC);
-            case kThresholdSlowdown: return Store(celsius, board.Identity().SlowdownTemperatureC);
-            default: return kInvalidArgument;
-        }
-    });
-}
-
-NVML_EXPORT NvmlReturn nvmlDeviceGetUtilizationRates(NvmlDevice device, UtilizationRecord* utilization) {
-    return Nvml().DeviceCall(EntryPoint::nvmlDeviceGetUtilizationRates, device, {}, [&](const BoardModel& board) {
-        if (utilization == nullptr) return kInvalidArgument;
-        *utilization = {board.Now().GpuPercent, board.Now().MemoryPercent};
-        return kSuccess;
-    });
-}
-
-NVML_EXPORT NvmlReturn nvmlDeviceGetEncoderUtilization(NvmlDevice device, unsigned int* percent, unsigned int* period) {
-    return CoderCall(EntryPoint::nvmlDeviceGetEncoderUtilization, device, percent, period, &Readings::EncoderPercent);
-}
-
-NVML_EXPORT NvmlReturn nvmlDeviceGetDecoderUtilization(NvmlDevice device, unsigned int* percent, unsigned int* period) {
-    return CoderCall(EntryPoint::nvmlDeviceGetDecoderUtilization, device, percent, period, &Readings::DecoderPercent);
-}
-
-NVML_EXPORT NvmlReturn nvmlDeviceGetFanSpeed(NvmlDevice device, unsigned int* percent) {
-    return ReadingCall(EntryPoint::nvmlDeviceGetFanSpeed, device, percent, &Readings::FanPercent);
-}
-
-NVML_EXPORT NvmlReturn nvmlDeviceGetClockInfo(NvmlDevice device, unsigned int type, unsigned int* megahertz) {
-    return Nvml().DeviceCall(EntryPoint::nvmlDeviceGetClockInfo, device, {type}, [&](const BoardModel& board) {
-        const Readings& now = board.Now();
-        return StoreClock(megahertz, ClockOf(type, now.GraphicsMHz, now.SmMHz, now.MemoryMHz, now.VideoMHz));
-    });
-}
-
-NVML_EXPORT NvmlReturn nvmlDeviceGetMaxClockInfo(NvmlDevice device, unsigned int type, unsigned int* megahertz) {
-    return Nvml().DeviceCall(EntryPoint::nvmlDeviceGetMaxClockInfo, device, {type}, [&](const BoardModel& board) {
-        if (board.Identity().Clocks.empty()) return kNotSupported;
-        const ClockGroup& fastest = board.Identity().Clocks.front();
-        const unsigned int graphics = fastest.GraphicsMHz.front();
-        return StoreClock(megahertz,
-                          ClockOf(type, graphics, graphics, fastest.MemoryMHz, BoardModel::VideoClockMHz(graphics)));
-    });
-}
-
-NVML_EXPORT NvmlReturn nvmlDeviceGetPerformanceState(NvmlDevice device, unsigned int* state) {
-    return ReadingCall(EntryPoint::nvmlDeviceGetPerformanceState, device, state, &Readings::PerformanceState);
-}
-
-NVML_EXPORT NvmlReturn nvmlDeviceGetPowerState(NvmlDevice device, unsigned int* state) {
-    return ReadingCall(EntryPoint::nvmlDeviceGetPowerState, device, state, &Readings::PerformanceState);
-}
-
-NVML_EXPORT NvmlReturn nvmlDeviceGetCurrPcieLinkGeneration(NvmlDevice device, unsigned int* generation) {
-    return ReadingCall(EntryPoint::nvmlDeviceGetCurrPcieLinkGeneration, device, generation, &Readings::PcieGeneration);
-}
-
-NVML_EXPORT NvmlReturn nvmlDeviceGetCurrPcieLinkWidth(NvmlDevice device, unsigned int* width) {
-    return ReadingCall(EntryPoint::nvmlDeviceGetCurrPcieLinkWidth, device, width, &Readings::PcieWidth);
-}
-
-NVML_EXPORT NvmlReturn nvmlDeviceGetMaxPcieLinkGeneration(NvmlDevice device, unsigned int* generation) {
-    return FactCall(EntryPoint::nvmlDeviceGetMaxPcieLinkGeneration, device, generation, &Board::MaxPcieGeneration);
-}
-
-NVML_EXPORT NvmlReturn nvmlDeviceGetMaxPcieLinkWidth(NvmlDevice device, unsigned int* width) {
-    return FactCall(EntryPoint::nvmlDeviceGetMaxPcieLinkWidth, device, width, &Board::MaxPcieWidth);
-}
-
-NVML_EXPORT NvmlReturn nvmlDeviceGetPcieThroughput(NvmlDevice device, unsigned int counter,
-                                                   unsigned int* kibPerSecond) {
-    return Nvml().DeviceCall(EntryPoint::nvmlDeviceGetPcieThroughput, device, {counter}, [&](const BoardModel& board) {
-        if (counter == kPcieTransmit) return Store(kibPerSecond, board.Now().PcieTransmitKiBPerSecond);
-        if (counter == kPcieReceive) return Store(kibPerSecond, board.Now().PcieReceiveKiBPerSecond);
-        return kInvalidArgument;
-    });
-}
-
-NVML_EXPORT NvmlReturn nvmlDeviceGetCurrentClocksThrottleReasons(NvmlDevice device, unsigned long long* reasons) {
-    return Nvml().DeviceCall(EntryPoint::nvmlDeviceGetCurrentClocksThrottleReasons, device, {},
-                             [&](const BoardModel& board) {
-                                 if (reasons == nullptr) return kInvalidArgument;
-                                 *reasons = board.Now().LimitReasons;
-                                 return kSuccess;
-                             });
-}
-
-// ---- Power ----
-
-NVML_EXPORT NvmlReturn nvmlDeviceGetPowerUsage(NvmlDevice device, Milliwatts* usage) {
-    return ReadingCall(EntryPoint::nvmlDeviceGetPowerUsage, device, usage, &Readings::PowerMilliwatts);
-}
-
-NVML_EXPORT NvmlReturn nvmlDeviceGetEnforcedPowerLimit(NvmlDevice device, Milliwatts* limit) {
-    return PowerLimitCall(EntryPoint::nvmlDeviceGetEnforcedPowerLimit, device, limit);
-}
-
-NVML_EXPORT NvmlReturn nvmlDeviceGetPowerManagementLimit(NvmlDevice device, Milliwatts* limit) {
-    return PowerLimitCall(EntryPoint::nvmlDeviceGetPowerManagementLimit, device, limit);
-}
-
-NVML_EXPORT NvmlReturn nvmlDeviceGetPowerManagementDefaultLimit(NvmlDevice device, Milliwatts* limit) {
-    return FactCall(EntryPoint::nvmlDeviceGetPowerManagementDefaultLimit, device, limit,
-                    &Board::DefaultPowerLimitMilliwatts);
-}
-
-NVML_EXPORT NvmlReturn nvmlDeviceGetPowerManagementLimitConstraints(NvmlDevice device, Milliwatts* minimum,
-                                                                    Milliwatts* maximum) {
-    return Nvml().DeviceCall(EntryPoint::nvmlDeviceGetPowerManagementLimitConstraints, device, {},
-                             [&](const BoardModel& board) {
-                                 return StorePair(minimum, board.Identity().MinimumPowerLimitMilliwatts, maximum,
-                                                  board.Identity().MaximumPowerLimitMilliwatts);
-                             });
-}
-
-NVML_EXPORT NvmlReturn nvmlDeviceSetPowerManagementLimit(NvmlDevice device, Milliwatts limit) {
-    constexpr EntryPoint kName = EntryPoint::nvmlDeviceSetPowerManagementLimit;
-    return ChangeCall(kName, device, {limit}, [&](const Board& board, BoardSettings* settings) {
-        if (!AllowsPowerLimit(board, limit)) return kInvalidArgument;
-        settings->PowerLimitMilliwatts = limit;
-        return kSuccess;
-    });
-}
-
-// ---- Clock lists and locks ----
-
-NVML_EXPORT NvmlReturn nvmlDeviceGetSupportedMemoryClocks(NvmlDevice device, unsigned int* count,
-                                                          unsigned int* clocks) {
-    constexpr EntryPoint kName = EntryPoint::nvmlDeviceGetSupportedMemoryClocks;
-    return Nvml().DeviceCall(kName, device, {RoomArgument(count)}, [&](const BoardModel& board) {
+NvmlReturn MemoryClocks(EntryPoint name, NvmlDevice device, unsigned int* count, unsigned int* clocks) {
+    return Nvml().DeviceCall(name, device, {RoomArgument(count)}, {count, clocks}, [&](const BoardModel& board) {
         std::vector<unsigned int> memoryClocks;
         for (const ClockGroup& group : board.Identity().Clocks) memoryClocks.push_back(group.MemoryMHz);
-        return ClockListCall(kName, memoryClocks, count, clocks);
+        return StoreClocks(name, memoryClocks, count, clocks);
     });
 }
 
-NVML_EXPORT NvmlReturn nvmlDeviceGetSupportedGraphicsClocks(NvmlDevice device, unsigned int memoryMHz,
-                                                            unsigned int* count, unsigned int* clocks) {
-    constexpr EntryPoint kName = EntryPoint::nvmlDeviceGetSupportedGraphicsClocks;
-    return Nvml().DeviceCall(kName, device, {memoryMHz, RoomArgument(count)}, [&](const BoardModel& board) {
+NvmlReturn GraphicsClocks(EntryPoint name, NvmlDevice device, unsigned int memoryMHz, unsigned int* count,
+                          unsigned int* clocks) {
+    const Outputs outputs{count, clocks};
+    return Nvml().DeviceCall(name, device, {memoryMHz, RoomArgument(count)}, outputs, [&](const BoardModel& board) {
         for (const ClockGroup& group : board.Identity().Clocks) {
-            if (group.MemoryMHz == memoryMHz) return ClockListCall(kName, group.GraphicsMHz, count, clocks);
+            if (group.MemoryMHz == memoryMHz) return StoreClocks(name, group.GraphicsMHz, count, clocks);
         }
         return kNotFound;
     });
 }
 
-NVML_EXPORT NvmlReturn nvmlDeviceSetGpuLockedClocks(NvmlDevice device, unsigned int lowest, unsigned int highest) {
-    return LockCall(EntryPoint::nvmlDeviceSetGpuLockedClocks, device, lowest, highest, &BoardSettings::GraphicsLock);
-}
-
-NVML_EXPORT NvmlReturn nvmlDeviceResetGpuLockedClocks(NvmlDevice device) {
-    return UnlockCall(EntryPoint::nvmlDeviceResetGpuLockedClocks, device, &BoardSettings::GraphicsLock);
-}
-
-NVML_EXPORT NvmlReturn nvmlDeviceSetMemoryLockedClocks(NvmlDevice device, unsigned int lowest, unsigned int highest) {
-    return LockCall(EntryPoint::nvmlDeviceSetMemoryLockedClocks, device, lowest, highest, &BoardSettings::MemoryLock);
-}
-
-NVML_EXPORT NvmlReturn nvmlDeviceResetMemoryLockedClocks(NvmlDevice device) {
-    return UnlockCall(EntryPoint::nvmlDeviceResetMemoryLockedClocks, device, &BoardSettings::MemoryLock);
-}
-
-// ---- Processes: the same 24-byte records under every name ----
-
-#define SIMULATED_NVML_PROCESS_QUERY(name, list)                                                    \
-    NVML_EXPORT NvmlReturn name(NvmlDevice device, unsigned int* count, ProcessRecord* processes) { \
-        return ProcessesCall(EntryPoint::name, device, count, processes, &Readings::list);          \
+/// Which list a query gives: its newer and older names differ in nothing else, not even in the records.
+const std::vector<Process>& ProcessesOf(EntryPoint name, const Readings& now) {
+    switch (name) {
+        case EntryPoint::nvmlDeviceGetComputeRunningProcesses_v3:
+        case EntryPoint::nvmlDeviceGetComputeRunningProcesses_v2:
+        case EntryPoint::nvmlDeviceGetComputeRunningProcesses: return now.ComputeProcesses;
+        default: return now.GraphicsProcesses;
     }
-SIMULATED_NVML_PROCESS_QUERY(nvmlDeviceGetComputeRunningProcesses_v3, ComputeProcesses)
-SIMULATED_NVML_PROCESS_QUERY(nvmlDeviceGetComputeRunningProcesses_v2, ComputeProcesses)
-SIMULATED_NVML_PROCESS_QUERY(nvmlDeviceGetComputeRunningProcesses, ComputeProcesses)
-SIMULATED_NVML_PROCESS_QUERY(nvmlDeviceGetGraphicsRunningProcesses_v3, GraphicsProcesses)
-SIMULATED_NVML_PROCESS_QUERY(nvmlDeviceGetGraphicsRunningProcesses_v2, GraphicsProcesses)
-SIMULATED_NVML_PROCESS_QUERY(nvmlDeviceGetGraphicsRunningProcesses, GraphicsProcesses)
-#undef SIMULATED_NVML_PROCESS_QUERY
+}
+
+NvmlReturn Processes(EntryPoint name, NvmlDevice device, unsigned int* count, ProcessRecord* output) {
+    return Nvml().DeviceCall(name, device, {RoomArgument(count)}, {count, output}, [&](const BoardModel& board) {
+        const size_t recordBytes = Nvml().Rules.ProcessRecordBytes;
+        auto* bytes = reinterpret_cast<unsigned char*>(output);
+        const auto write = [bytes, recordBytes](size_t i, const Process& process) {
+            constexpr uint32_t kNoInstance = UINT32_MAX;
+            const ProcessRecord record = {process.Pid, process.UsedBytes, kNoInstance, kNoInstance};
+            std::memset(bytes + i * recordBytes, 0, recordBytes);
+            std::memcpy(bytes + i * recordBytes, &record, sizeof record);
+        };
+        return StoreList(name, ProcessesOf(name, board.Now()), count, write);
+    });
+}
+
+// ---- Changes ----
+
+std::optional<ClockRange>& LockOf(EntryPoint name, BoardSettings* settings) {
+    const bool bGraphics =
+        name == EntryPoint::nvmlDeviceSetGpuLockedClocks || name == EntryPoint::nvmlDeviceResetGpuLockedClocks;
+    return bGraphics ? settings->GraphicsLock : settings->MemoryLock;
+}
+
+NvmlReturn Change(EntryPoint name, NvmlDevice device, Arguments arguments, const SettingsEdit& edit) {
+    return Nvml().DeviceCall(name, device, arguments, {},
+                             [&](BoardModel& board) { return Nvml().Change(&board, edit); });
+}
+
+NvmlReturn Lock(EntryPoint name, NvmlDevice device, unsigned int lowest, unsigned int highest) {
+    return Change(name, device, {lowest, highest}, [&](const Board&, BoardSettings* settings) {
+        const ClockRange range{lowest, highest};
+        if (!IsSensible(range)) return kInvalidArgument;
+        LockOf(name, settings) = range;
+        return kSuccess;
+    });
+}
+
+NvmlReturn Reset(EntryPoint name, NvmlDevice device) {
+    return Change(name, device, {}, [&](const Board&, BoardSettings* settings) {
+        LockOf(name, settings) = std::nullopt;
+        return kSuccess;
+    });
+}
+
+NvmlReturn SetLimit(EntryPoint name, NvmlDevice device, unsigned int milliwatts) {
+    return Change(name, device, {milliwatts}, [&](const Board& board, BoardSettings* settings) {
+        if (!AllowsPowerLimit(board, milliwatts)) return kInvalidArgument;
+        settings->PowerLimitMilliwatts = milliwatts;
+        return kSuccess;
+    });
+}
+
+// ---- The rest of the shapes ----
+
+NvmlReturn Init(EntryPoint name) {
+    return Nvml().Initialize(name);
+}
+
+NvmlReturn Shutdown(EntryPoint) {
+    return Nvml().Shutdown();
+}
+
+NvmlReturn Handle(EntryPoint name, unsigned int index, NvmlDevice* device) {
+    return Nvml().HandleCall(name, index, device);
+}
+
+}  // namespace
+
+// ---- The exports ----
+
+// NOLINTBEGIN(readability-identifier-naming): the list gives the ends of these names.
+// clang-format off
+#define EXPORT_Init(name) NvmlReturn name() { return Init(EntryPoint::name); }
+#define EXPORT_Shutdown(name) NvmlReturn name() { return Shutdown(EntryPoint::name); }
+#define EXPORT_ErrorText(name) const char* name(NvmlReturn result) { return ErrorText(EntryPoint::name, result); }
+#define EXPORT_SystemText(name) \
+    NvmlReturn name(char* text, unsigned int size) { return SystemText(EntryPoint::name, text, size); }
+#define EXPORT_Count(name) NvmlReturn name(unsigned int* count) { return Count(EntryPoint::name, count); }
+#define EXPORT_Handle(name) \
+    NvmlReturn name(unsigned int index, NvmlDevice* device) { return Handle(EntryPoint::name, index, device); }
+#define EXPORT_DeviceCall(name, shape, type) \
+    NvmlReturn name(NvmlDevice device, type output) { return shape(EntryPoint::name, device, output); }
+#define EXPORT_Pci(name) EXPORT_DeviceCall(name, Pci, PciRecord*)
+#define EXPORT_Value(name) EXPORT_DeviceCall(name, Value, unsigned int*)
+#define EXPORT_Mask(name) EXPORT_DeviceCall(name, Mask, unsigned long long*)
+#define EXPORT_Memory(name) EXPORT_DeviceCall(name, Memory, MemoryRecord*)
+#define EXPORT_Utilization(name) EXPORT_DeviceCall(name, Utilization, UtilizationRecord*)
+#define EXPORT_SetLimit(name) EXPORT_DeviceCall(name, SetLimit, unsigned int)
+#define EXPORT_Reset(name) NvmlReturn name(NvmlDevice device) { return Reset(EntryPoint::name, device); }
+#define EXPORT_DeviceCall2(name, shape, type1, type2) \
+    NvmlReturn name(NvmlDevice device, type1 a, type2 b) { return shape(EntryPoint::name, device, a, b); }
+#define EXPORT_Text(name) EXPORT_DeviceCall2(name, Text, char*, unsigned int)
+#define EXPORT_Selected(name) EXPORT_DeviceCall2(name, Selected, unsigned int, unsigned int*)
+#define EXPORT_Pair(name) EXPORT_DeviceCall2(name, Pair, unsigned int*, unsigned int*)
+#define EXPORT_MemoryClocks(name) EXPORT_DeviceCall2(name, MemoryClocks, unsigned int*, unsigned int*)
+#define EXPORT_Processes(name) EXPORT_DeviceCall2(name, Processes, unsigned int*, ProcessRecord*)
+#define EXPORT_Lock(name) EXPORT_DeviceCall2(name, Lock, unsigned int, unsigned int)
+#define EXPORT_GraphicsClocks(name) \
+    NvmlReturn name(NvmlDevice device, unsigned int memory, unsigned int* count, unsigned int* clocks) { \
+        return GraphicsClocks(EntryPoint::name, device, memory, count, clocks); \
+    }
+// clang-format on
+
+#define EXPORT(name, shape) EXPORT_##shape(name)
+SIMULATED_NVML_ENTRY_POINTS(EXPORT)
+// NOLINTEND(readability-identifier-naming)

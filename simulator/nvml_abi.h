@@ -4,8 +4,11 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "entry_point_list.h"
+
 /// \file
-/// The records that the simulator writes and the handle it gives, as NVML's clients know them.
+/// The records that the simulator writes, the handle that it gives and the functions that it exports, as NVML's clients
+/// know them.
 
 namespace simulated_nvml {
 
@@ -55,6 +58,38 @@ constexpr unsigned int kThresholdSlowdown = 1;
 constexpr unsigned int kPcieTransmit = 0;
 constexpr unsigned int kPcieReceive = 1;
 
+/// How the calls of each `Shape` look.
+namespace shapes {
+
+using Init = NvmlReturn();
+using Shutdown = NvmlReturn();
+using ErrorText = const char*(NvmlReturn result);
+using SystemText = NvmlReturn(char* text, unsigned int size);
+using Count = NvmlReturn(unsigned int* count);
+using Handle = NvmlReturn(unsigned int index, NvmlDevice* device);
+using Text = NvmlReturn(NvmlDevice device, char* text, unsigned int size);
+using Pci = NvmlReturn(NvmlDevice device, PciRecord* pci);
+using Value = NvmlReturn(NvmlDevice device, unsigned int* value);
+using Selected = NvmlReturn(NvmlDevice device, unsigned int selector, unsigned int* value);
+using Pair = NvmlReturn(NvmlDevice device, unsigned int* first, unsigned int* second);
+using Mask = NvmlReturn(NvmlDevice device, unsigned long long* mask);
+using Memory = NvmlReturn(NvmlDevice device, MemoryRecord* memory);
+using Utilization = NvmlReturn(NvmlDevice device, UtilizationRecord* utilization);
+using MemoryClocks = NvmlReturn(NvmlDevice device, unsigned int* count, unsigned int* clocks);
+using GraphicsClocks = NvmlReturn(NvmlDevice device, unsigned int memoryMHz, unsigned int* count, unsigned int* clocks);
+using Processes = NvmlReturn(NvmlDevice device, unsigned int* count, ProcessRecord* processes);
+using Lock = NvmlReturn(NvmlDevice device, unsigned int lowest, unsigned int highest);
+using Reset = NvmlReturn(NvmlDevice device);
+using SetLimit = NvmlReturn(NvmlDevice device, unsigned int milliwatts);
+
+}  // namespace shapes
+
 }  // namespace simulated_nvml
+
+extern "C" {
+#define SIMULATED_NVML_DECLARATION(name, shape) SIMULATED_NVML_EXPORT simulated_nvml::shapes::shape name;
+SIMULATED_NVML_ENTRY_POINTS(SIMULATED_NVML_DECLARATION)
+#undef SIMULATED_NVML_DECLARATION
+}
 
 #endif  // NVML_ABI_H

@@ -43,7 +43,7 @@ void* __wrap_dlopen(const char* file, int flags) {
 }
 
 void* __wrap_dlsym(void* library, const char* name) {
-    if (IsNvml(library) && !Sim().OnLookup(name)) return nullptr;
+    if (IsNvml(library) && !Sim().OnLookup(name).has_value()) return nullptr;
     return __real_dlsym(library, name);
 }
 

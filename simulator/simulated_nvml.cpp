@@ -34,17 +34,13 @@ void RequireBoard(std::optional<unsigned int> board) {
     Require(!board.has_value() || *board < Engine::Get().BoardCount(), "There is no simulated board of this index.");
 }
 
-bool IsList(const std::string& name) {
-    return name.find("Supported") != std::string::npos || name.find("Processes") != std::string::npos;
+/// What the engine holds, used as one expression under the lock.
+ScriptRules& Rules() {
+    return Engine::Get().Rules;
 }
 
-/// The engine's script and observations, used as one expression under the lock.
-Script& Wanted() {
-    return Engine::Get().Wanted;
-}
-
-Observations& Seen() {
-    return Engine::Get().Seen;
+Observations& Observed() {
+    return Engine::Get().Observed;
 }
 
 bool HasSensibleClocks(const Board& board) {
@@ -100,8 +96,9 @@ SimulatedNvml& SimulatedNvml::Get() {
 void SimulatedNvml::Reset() {
     const auto lock = Locked();
     Engine& engine = Engine::Get();
-    engine.Wanted = Script{};
-    engine.Seen = Observations{};
+    engine.Rules = ScriptRules{};
+    engine.Answers = ScriptedAnswers{};
+    engine.Observed = Observations{};
     engine.TakeOverScript();
     engine.ForgetInitialization();
     engine.MakeBoards({DesktopBoard(0)});
@@ -112,13 +109,13 @@ void SimulatedNvml::SetBoards(std::vector<Board> boards) {
     Require(boards.size() <= kMaxBoards, "The simulated NVML has room for 64 boards.");
     for (const Board& board : boards) CheckBoard(board);
     const auto lock = Scripting();
-    Wanted().CallsLeft.clear();
+    Rules().CallsLeft.clear();
     Engine::Get().MakeBoards(std::move(boards));
 }
 
 void SimulatedNvml::SetSeed(uint64_t seed) {
     const auto lock = Scripting();
-    Wanted().Seed = seed;
+    Rules().Seed = seed;
     Engine::Get().RestartBoards();
 }
 
@@ -126,18 +123,18 @@ void SimulatedNvml::HoldTimeAt(double seconds) {
     constexpr double kYear = 3.2e7;
     Require(seconds >= 0.0 && seconds <= kYear, "The boards' clock runs from 0 to one year.");
     const auto lock = Scripting();
-    Wanted().HeldSeconds = std::max(seconds, Wanted().HeldSeconds.value_or(seconds));
+    Rules().HeldSeconds = std::max(seconds, Rules().HeldSeconds.value_or(seconds));
 }
 
 void SimulatedNvml::RemoveLibrary() {
     const auto lock = Scripting();
-    Wanted().bLibraryRemoved = true;
+    Rules().bLibraryRemoved = true;
 }
 
 void SimulatedNvml::HideEntryPoint(const std::string& name, uint64_t nthLookup) {
     Require(nthLookup >= 1, "Lookups are counted from 1.");
     const auto lock = Scripting();
-    Wanted().LookupsLeft[IndexOf(EntryPointOf(name))] = nthLookup - 1;
+    Rules().LookupsLeft[IndexOf(EntryPointOf(name))] = nthLookup - 1;
 }
 
 void SimulatedNvml::FailFrom(const std::string& name, unsigned int code, uint64_t nthCall,
@@ -146,103 +143,108 @@ void SimulatedNvml::FailFrom(const std::string& name, unsigned int code, uint64_
     Require(name != "nvmlErrorString", "nvmlErrorString cannot fail.");
     const auto lock = Scripting();
     RequireBoard(board);
-    Wanted().Failures.push_back({EntryPointOf(name), code, nthCall, board});
+    Rules().Failures.push_back({EntryPointOf(name), code, nthCall, board});
 }
 
 void SimulatedNvml::FailNthCall(uint64_t nth, unsigned int code) {
     Require(nth >= 1 && code != kSuccess, "A failure has a code, and calls are counted from 1.");
     const auto lock = Scripting();
-    Wanted().CallsUntilFailure = nth;
-    Wanted().FailureCode = code;
+    Rules().CallsUntilFailure = nth;
+    Rules().FailureCode = code;
 }
 
 void SimulatedNvml::StopFailing() {
     const auto lock = Scripting();
-    Wanted().Failures.clear();
-    Wanted().CallsUntilFailure = 0;
+    Rules().Failures.clear();
+    Rules().CallsUntilFailure = 0;
 }
 
 void SimulatedNvml::MissNthLookup(uint64_t nth) {
     Require(nth >= 1, "Lookups are counted from 1.");
     const auto lock = Scripting();
-    Wanted().LookupsUntilMiss = nth;
+    Rules().LookupsUntilMiss = nth;
 }
 
 void SimulatedNvml::LoseBoard(unsigned int board, uint64_t calls) {
     const auto lock = Scripting();
     RequireBoard(board);
-    Wanted().CallsLeft[board] = calls;
+    Rules().CallsLeft[board] = calls;
 }
 
 void SimulatedNvml::SetDelay(const std::string& name, std::chrono::microseconds delay) {
     const auto lock = Scripting();
-    Wanted().Delays[IndexOf(EntryPointOf(name))] = delay;
+    Rules().Delays[IndexOf(EntryPointOf(name))] = delay;
 }
 
 void SimulatedNvml::UseRealisticDelays() {
     const auto lock = Scripting();
-    Wanted().UseRealisticDelays();
+    Rules().UseRealisticDelays();
 }
 
 void SimulatedNvml::Block(const std::string& name) {
     const auto lock = Scripting();
-    Wanted().Blocked[IndexOf(EntryPointOf(name))] = true;
+    Rules().Blocked[IndexOf(EntryPointOf(name))] = true;
 }
 
 void SimulatedNvml::Unblock() {
     const auto lock = Scripting();
-    Wanted().Blocked = {};
+    Rules().Blocked = {};
     Engine::Get().Changed.notify_all();
 }
 
 void SimulatedNvml::UseUnterminatedText() {
     const auto lock = Scripting();
-    Wanted().bUnterminatedText = true;
+    Rules().bUnterminatedText = true;
 }
 
 void SimulatedNvml::ChangeListAfterSizeQuery(const std::string& name, int entries) {
     constexpr int kMostEntries = 1000000;
-    Require(IsList(name), "Only a list query can change its list.");
+    Require(IsList(EntryPointOf(name)), "Only a list query can change its list.");
     Require(entries >= -kMostEntries && entries <= kMostEntries, "A list changes by a million entries at most.");
     const auto lock = Scripting();
-    Wanted().ListChanges[IndexOf(EntryPointOf(name))] = entries;
+    Rules().ListChanges[IndexOf(EntryPointOf(name))] = entries;
 }
 
 void SimulatedNvml::SetProcessRecordBytes(size_t bytes) {
     constexpr size_t kLongRecordBytes = 32;
     Require(bytes == sizeof(ProcessRecord) || bytes == kLongRecordBytes, "A process record has 24 or 32 bytes.");
     const auto lock = Scripting();
-    Wanted().ProcessRecordBytes = bytes;
+    Rules().ProcessRecordBytes = bytes;
 }
 
 void SimulatedNvml::SetAdministratorRights(bool bAllowed) {
     const auto lock = Scripting();
-    Wanted().bAdministrator = bAllowed;
+    Rules().bAdministrator = bAllowed;
 }
 
 void SimulatedNvml::LetFailuresWrite() {
     const auto lock = Scripting();
-    Wanted().bFailuresWrite = true;
+    Rules().bFailuresWrite = true;
 }
 
 void SimulatedNvml::ForbidConcurrentCalls() {
     const auto lock = Scripting();
-    Wanted().bForbidConcurrentCalls = true;
+    Rules().bForbidConcurrentCalls = true;
+}
+
+ScriptedAnswers& SimulatedNvml::Answers() {
+    const auto lock = Scripting();
+    return Engine::Get().Answers;
 }
 
 void SimulatedNvml::RecordLog() {
     const auto lock = Locked();
-    Seen().bRecordLog = true;
+    Observed().bRecordLog = true;
 }
 
 std::vector<std::string> SimulatedNvml::Log() const {
     const auto lock = Locked();
-    return Seen().Log;
+    return Observed().Log;
 }
 
 uint64_t SimulatedNvml::Calls(const std::string& name) const {
     const auto lock = Locked();
-    return Seen().Calls[IndexOf(EntryPointOf(name))];
+    return Observed().Calls[IndexOf(EntryPointOf(name))];
 }
 
 bool SimulatedNvml::WaitForCalls(const std::string& name, uint64_t count, std::chrono::milliseconds timeout) const {
@@ -251,12 +253,17 @@ bool SimulatedNvml::WaitForCalls(const std::string& name, uint64_t count, std::c
     constexpr std::chrono::milliseconds kLongestTimeout = std::chrono::hours(1000);
     auto lock = Locked();
     return Engine::Get().Changed.wait_for(lock, std::min(timeout, kLongestTimeout),
-                                          [&] { return Seen().Calls[entryPoint] >= count; });
+                                          [&] { return Observed().Calls[entryPoint] >= count; });
 }
 
 std::vector<std::string> SimulatedNvml::Misuse() const {
     const auto lock = Locked();
-    return Seen().Misuse;
+    return Observed().Misuse;
+}
+
+LibraryUse SimulatedNvml::Use() const {
+    const auto lock = Locked();
+    return Observed().Use;
 }
 
 bool SimulatedNvml::InsideCall() {
@@ -266,30 +273,38 @@ bool SimulatedNvml::InsideCall() {
 bool SimulatedNvml::OnOpen(int flags) {
     const LoaderVisit visit;
     Engine::Get().LogLine("dlopen(" + std::to_string(flags) + ")");
-    if (Wanted().bLibraryRemoved) return false;
-    ++Seen().OpenLibraries;
+    LibraryUse& use = Observed().Use;
+    ++use.Activity;
+    if (use.OpenLibraries == 0) Engine::Get().Answers.ForgetDeviceCount();
+    if (Engine::Get().Answers.HidesLibrary(use.Openings++) || Rules().bLibraryRemoved) return false;
+    ++use.OpenLibraries;
     return true;
 }
 
-bool SimulatedNvml::OnLookup(const char* name) {
+std::optional<EntryPoint> SimulatedNvml::OnLookup(const char* name) {
     const LoaderVisit visit;
     Engine& engine = Engine::Get();
-    const std::string lookup = std::string("dlsym ") + name;
-    engine.LogLine(lookup);
-    if (Seen().OpenLibraries == 0) engine.AddMisuse(lookup + " in a library that is not open.");
+    const auto lookup = [name] { return std::string("dlsym ") + name; };
+    ++Observed().Use.Activity;
+    if (Observed().bRecordLog) engine.LogLine(lookup());
+    if (Observed().Use.OpenLibraries == 0) engine.AddMisuse(lookup() + " in a library that is not open.");
     const std::optional<EntryPoint> entryPoint = FindEntryPoint(name);
-    if (!entryPoint.has_value()) engine.AddMisuse(lookup + ", a name that NVML does not have.");
-    return entryPoint.has_value() && engine.SpendLookup(*entryPoint);
+    if (!entryPoint.has_value()) engine.AddMisuse(lookup() + ", a name that NVML does not have.");
+    if (entryPoint.has_value() && engine.FindsLookup(*entryPoint)) return entryPoint;
+    if (entryPoint == EntryPoint::nvmlShutdown) Observed().bShutdownFailed = true;
+    return std::nullopt;
 }
 
 void SimulatedNvml::OnClose() {
     const LoaderVisit visit;
     Engine& engine = Engine::Get();
     engine.LogLine("dlclose");
-    if (Seen().OpenLibraries == 0) {
+    LibraryUse& use = Observed().Use;
+    ++use.Activity;
+    if (use.OpenLibraries == 0) {
         engine.AddMisuse("dlclose of a library that is not open.");
-    } else if (--Seen().OpenLibraries == 0 && engine.InitCount > 0) {
-        engine.AddMisuse("dlclose while NVML was initialized.");
+    } else if (--use.OpenLibraries == 0) {
+        engine.CloseLibrary();
     }
 }
 

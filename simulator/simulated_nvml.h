@@ -8,14 +8,15 @@
 #include <string>
 #include <vector>
 
+#include "entry_point_list.h"
+#include "scripted_answers.h"
+
 /// \file
 /// The script of the simulated NVML: which boards there are, what goes wrong, and what the caller did.
 ///
 /// The simulator is a real `libnvidia-ml.so.1`. A program that only wants GPUs to show needs nothing of this header:
 /// it puts the simulator's folder on its library path and sets the `NVML_SIM_...` environment variables. A test links
 /// the simulator and scripts it from here; the environment then has no say.
-
-#define SIMULATED_NVML_EXPORT __attribute__((visibility("default")))
 
 namespace simulated_nvml {
 
@@ -130,6 +131,17 @@ SIMULATED_NVML_EXPORT Board OldBoard(unsigned int index);
 /// A workstation card: its graphics clocks can be locked, its memory clocks cannot.
 SIMULATED_NVML_EXPORT Board WorkstationBoard(unsigned int index);
 
+/// How the caller has used the library, where a loader asks the simulator.
+struct LibraryUse {
+    /// Successful and other attempts to open it.
+    uint64_t Openings = 0;
+    /// Grows with each opening, closing, lookup and call.
+    uint64_t Activity = 0;
+    unsigned int OpenLibraries = 0;
+    /// Initializations that no shutdown has answered yet.
+    unsigned int Initializations = 0;
+};
+
 /// The one script of the simulator in this process.
 ///
 /// Operations throw `std::invalid_argument` for an entry point or a board that does not exist and for values that make
@@ -194,6 +206,8 @@ public:
     void LetFailuresWrite();
     /// Makes it misuse when two threads are inside NVML at once.
     void ForbidConcurrentCalls();
+    /// Single calls, scripted one by one. `Reset` takes them back.
+    ScriptedAnswers& Answers();
 
     // ---- What the caller did ----
 
@@ -207,18 +221,20 @@ public:
     /// Waits until `name` has been called `count` times in all, counted when a call begins. False when it takes longer
     /// than `timeout`.
     bool WaitForCalls(const std::string& name, uint64_t count, std::chrono::milliseconds timeout) const;
-    /// What the caller did wrong, one sentence each: calls before initialization or after shutdown, stale handles, two
-    /// threads inside where that is forbidden, a library closed while NVML was up. The first thousand.
+    /// What the caller did wrong, one sentence each: calls before initialization, after shutdown or after the library
+    /// was closed, stale handles, outputs without room, two threads inside where that is forbidden, a library closed
+    /// before NVML was asked to shut down. The first thousand.
     std::vector<std::string> Misuse() const;
-    /// True on a thread that is at work inside the simulator: what it allocates there is none of the caller's.
+    LibraryUse Use() const;
+    /// True on a thread that is at work inside the simulator: what it allocates there the caller did not ask for.
     static bool InsideCall();
 
     // ---- For a loader that stands between the caller and the simulator, such as simulated_loader.cpp ----
 
     /// False when NVML is not installed.
     bool OnOpen(int flags);
-    /// False when `name` is hidden, or is none of NVML's, which is misuse.
-    bool OnLookup(const char* name);
+    /// No entry point when `name` is hidden, or when NVML has no such name, which is misuse.
+    std::optional<EntryPoint> OnLookup(const char* name);
     void OnClose();
 
 private:

@@ -1,8 +1,6 @@
 add_executable(every_failure every_failure.cpp)
-target_include_directories(every_failure PRIVATE "${PROJECT_SOURCE_DIR}/tests/support")
-target_link_libraries(every_failure PRIVATE monitor_under_test simulated_loader failing_memory)
-target_link_options(every_failure PRIVATE "LINKER:--wrap=pthread_cond_clockwait")
-target_compile_features(every_failure PRIVATE cxx_std_17)
+target_link_libraries(every_failure PRIVATE
+    monitor_under_test simulated_loader failing_memory fixed_boards sampler_clock)
 set_target_properties(every_failure PROPERTIES CXX_EXTENSIONS OFF)
 nvml_gpu_monitor_strict_warnings(every_failure)
 

@@ -3,19 +3,18 @@
 //
 // Prints how many failures were tried. Exit status: 0, or 1 with a sentence about each failure that broke something.
 
-#include <pthread.h>
-
-#include <condition_variable>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <mutex>
 #include <new>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "failing_memory.h"
+#include "fixed_boards.h"
 #include "nvml_gpu_monitor.h"
+#include "sampler_clock.h"
 #include "simulated_nvml.h"
 
 namespace {
@@ -23,41 +22,8 @@ namespace {
 using namespace failing_memory;
 using simulated_nvml::SimulatedNvml;
 
-constexpr int kCycles = 3;
+constexpr uint64_t kCycles = 3;
 constexpr std::chrono::seconds kLongInterval{10};
-
-// ---- The sampler's waits ----
-
-/// How often the sampler has begun to wait for its next cycle: each of its cycles ends so.
-std::mutex WaitMutex;
-std::condition_variable WaitBegan;
-int Waits = 0;
-
-void WaitForEndOfCycle(int cycle) {
-    std::unique_lock<std::mutex> lock(WaitMutex);
-    WaitBegan.wait(lock, [cycle] { return Waits >= cycle; });
-}
-
-}  // namespace
-
-// NOLINTBEGIN(bugprone-reserved-identifier): the linker gives these names.
-
-extern "C" int __real_pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
-                                             const timespec* deadline);
-
-extern "C" int __wrap_pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
-                                             const timespec* deadline) {
-    {
-        const std::lock_guard<std::mutex> lock(WaitMutex);
-        ++Waits;
-    }
-    WaitBegan.notify_all();
-    return __real_pthread_cond_clockwait(condition, mutex, clock, deadline);
-}
-
-// NOLINTEND(bugprone-reserved-identifier)
-
-namespace {
 
 /// The faults that were found, one sentence each.
 std::vector<std::string> Faults;
@@ -94,20 +60,10 @@ void AttemptChange(const char* name, Change change) {
 }
 
 void UseBoards() {
-    SimulatedNvml& sim = SimulatedNvml::Get();
-    sim.Reset();
-    simulated_nvml::Readings readings;
-    readings.ComputeProcesses = {{10, 1000}, {11, 2000}};
-    readings.GraphicsProcesses = {{11, 3000}};
-    std::vector<simulated_nvml::Board> boards;
-    for (unsigned int i = 0; i < 2; ++i) {
-        boards.push_back(simulated_nvml::DesktopBoard(i));
-        boards.back().Clocks = {{5001, {1500, 300}}, {810, {1500}}};
-        boards.back().Fixed = readings;
-    }
-    sim.SetBoards(boards);
-    sim.RecordLog();
-    sim.ForbidConcurrentCalls();
+    SimulatedNvml::Get().Reset();
+    SimulatedNvml::Get().SetBoards(fixed_boards::FixedBoards(2));
+    SimulatedNvml::Get().RecordLog();
+    SimulatedNvml::Get().ForbidConcurrentCalls();
 }
 
 void ExpectWholeHistories(const std::vector<GpuTelemetryHistory>& histories) {
@@ -124,20 +80,15 @@ void ExpectWholeHistories(const std::vector<GpuTelemetryHistory>& histories) {
     }
 }
 
-/// Whether the library has been closed, or never been looked into.
-bool EndsWithClose(const std::vector<std::string>& log) {
-    return log.empty() || log.back() == "dlclose";
-}
-
 /// Three cycles of the sampler, if it can be started.
 void RunSampler(NvmlGpuMonitor* monitor) {
     bool bStarted = false;
     monitor->SetSampleInterval(kLongInterval);
     Attempt([&] { bStarted = monitor->Start(); });
-    const bool bOpen = !EndsWithClose(SimulatedNvml::Get().Log());
+    const bool bOpen = SimulatedNvml::Get().Use().OpenLibraries != 0;
     Expect(bOpen == monitor->IsAvailable(), "the library is open without need, or closed too soon");
-    for (int cycle = 1; bStarted && cycle <= kCycles; ++cycle) {
-        WaitForEndOfCycle(cycle);
+    for (uint64_t cycle = 1; bStarted && cycle <= kCycles; ++cycle) {
+        Expect(sampler_clock::AwaitWaits(cycle), "a cycle did not come to its end");
         if (cycle < kCycles) monitor->SetSampleInterval(kLongInterval);
     }
 }
@@ -152,8 +103,7 @@ void QueryAndChange(NvmlGpuMonitor* monitor) {
     Attempt([&] { monitor->GetPowerCapabilities(1, &power); });
     Attempt([&] { monitor->CaptureClockState(&state); });
     Expect(clocks.CanControl == !clocks.SupportedPairs.empty(),
-           "clocks that can be locked without a list, or a list of "
-           "clocks that cannot");
+           "clocks that can be locked without a list, or a list of clocks that cannot");
     using Error = std::string*;
     AttemptChange("a lock", [&](Error error) { return monitor->SetLockedClock(1, {1500, 810}, error); });
     AttemptChange("a limit", [&](Error error) { return monitor->SetPowerLimit(1, 200.0, error); });
@@ -179,7 +129,7 @@ void ExpectRecovery(NvmlGpuMonitor* monitor) {
 
 /// The whole life. What is to fail has been prepared.
 void Live() {
-    Waits = 0;
+    sampler_clock::Reset();
     NvmlGpuMonitor monitor;
     RunSampler(&monitor);
     QueryAndChange(&monitor);
@@ -189,23 +139,23 @@ void Live() {
     ExpectRecovery(&monitor);
 }
 
-/// What the caller of NVML did wrong, unless it had no choice: an NVML that cannot be shut down is closed all the same.
-void ExpectNoMisuse(bool bShutdownFailed) {
-    for (const std::string& sentence : SimulatedNvml::Get().Misuse()) {
-        Expect(bShutdownFailed && sentence == "dlclose while NVML was initialized.", sentence);
-    }
+/// The whole life with what `prepare` makes fail.
+template <typename Preparation>
+void LiveWith(const std::string& failing, Preparation prepare) {
+    Present = failing;
+    UseBoards();
+    prepare();
+    Live();
+    for (const std::string& sentence : SimulatedNvml::Get().Misuse()) Expect(false, sentence);
 }
 
-/// Lives with each of the calls of a whole life failing in turn, with each of these codes.
+/// Each of the calls of a whole life fails in turn, with each of these codes.
 size_t FailEveryCall(const std::vector<std::string>& calls) {
     size_t tried = 0;
     for (size_t k = 0; k < calls.size(); ++k) {
         for (const unsigned int code : {1U, 3U, 4U, 7U, 15U, 999U}) {
-            Present = "call " + std::to_string(k + 1) + ", " + calls[k] + ", failing with " + std::to_string(code);
-            UseBoards();
-            SimulatedNvml::Get().FailNthCall(k + 1, code);
-            Live();
-            ExpectNoMisuse(calls[k] == "nvmlShutdown()");
+            LiveWith("call " + std::to_string(k + 1) + ", " + calls[k] + ", failing with " + std::to_string(code),
+                     [&] { SimulatedNvml::Get().FailNthCall(k + 1, code); });
             ++tried;
         }
     }
@@ -214,25 +164,21 @@ size_t FailEveryCall(const std::vector<std::string>& calls) {
 
 size_t MissEveryLookup(const std::vector<std::string>& lookups) {
     for (size_t k = 0; k < lookups.size(); ++k) {
-        Present = "lookup " + std::to_string(k + 1) + ", " + lookups[k] + ", missing";
-        UseBoards();
-        SimulatedNvml::Get().MissNthLookup(k + 1);
-        Live();
-        ExpectNoMisuse(lookups[k] == "dlsym nvmlShutdown");
+        LiveWith("lookup " + std::to_string(k + 1) + ", " + lookups[k] + ", missing",
+                 [&] { SimulatedNvml::Get().MissNthLookup(k + 1); });
     }
     return lookups.size();
 }
 
-/// Lives without the k-th allocation, for every k up to the first that is not made any more.
+/// The k-th allocation throws, for every k up to the first that is not made any more.
 size_t FailEveryAllocation() {
     uint64_t k = 0;
     do {
-        Present = "allocation " + std::to_string(++k) + " failing";
-        UseBoards();
-        bAllocationFailed = false;
-        AllocationsUntilFailure = k;
-        Live();
-        ExpectNoMisuse(false);
+        ++k;
+        LiveWith("allocation " + std::to_string(k) + " failing", [k] {
+            bAllocationFailed = false;
+            AllocationsUntilFailure = k;
+        });
     } while (bAllocationFailed);
     return k - 1;
 }
@@ -241,10 +187,7 @@ size_t FailEveryAllocation() {
 
 int main() {
     bChecking = true;
-    Present = "nothing failing";
-    UseBoards();
-    Live();
-    ExpectNoMisuse(false);
+    LiveWith("nothing failing", [] {});
     // Up to the first shutdown: what comes after it is the recovery, in which nothing is to fail.
     const std::vector<std::string> log = SimulatedNvml::Get().Log();
     std::vector<std::string> calls;

@@ -1,5 +1,5 @@
-// Bytes choose what an NVML answers and what a host asks of the monitor, and after every operation the monitor must
-// have kept its word. The bytes are a list of instructions: those that script the driver, and public operations.
+// Bytes choose what NVML answers and what a host asks of the monitor, and after every operation the monitor must have
+// kept its word. The bytes are a list of instructions: those that script the driver, and public operations.
 
 #include <algorithm>
 #include <cmath>
@@ -8,20 +8,29 @@
 #include <limits>
 #include <memory>
 #include <optional>
+#include <set>
+#include <string_view>
 #include <system_error>
+#include <type_traits>
+#include <variant>
+#include <vector>
 
+#include "fixed_boards.h"
 #include "gpu_profiler.h"
 #include "monitor_fuzz_input.h"
-#include "monitor_fuzz_nvml.h"
-#include "monitor_fuzz_sampler.h"
 #include "nvml_gpu_monitor.h"
+#include "sampler_clock.h"
+#include "simulated_nvml.h"
 
 namespace monitor_fuzz {
 
 namespace {
 
+using namespace simulated_nvml;
+using std::chrono::milliseconds;
+using Outcome = LastCall::Result;
 using Result = GpuClockOperationResult;
-using Outcome = Told::Outcome;
+using Sample = GpuTelemetrySample;
 
 constexpr size_t kMostInstructions = 200;
 /// Filling histories takes a large part of a second. Fuzzing with `-max_len` of this size never does it, and is fast.
@@ -30,14 +39,55 @@ constexpr size_t kMostSamples = 6000;
 /// The cycles of one execution: a few more than fill a history.
 constexpr unsigned int kMostCycles = 6100;
 
-constexpr auto kPoisonInt = static_cast<int>(kPoison);
-constexpr uint64_t kPoisonLong = uint64_t{kPoison} << 32 | kPoison;
-constexpr double kPoisonDouble = -12345.5;
-constexpr const char* kPoisonText = "?untouched?";
-
 /// For the message of a failure.
 const char* Operation = "nothing";
 size_t InstructionNumber = 0;
+
+// ---- The driver ----
+
+SimulatedNvml& Sim() {
+    return SimulatedNvml::Get();
+}
+
+/// What calls answer and what they came to.
+ScriptedAnswers& Nvml() {
+    static ScriptedAnswers& answers = Sim().Answers();
+    return answers;
+}
+
+/// GPUs that nothing is wrong with, whose texts have only characters that `RequireText` expects.
+std::vector<Board> HealthyBoards() {
+    std::vector<Board> boards = fixed_boards::FixedBoards(2);
+    for (Board& board : boards) {
+        for (std::string Board::*text :
+             {&Board::Name, &Board::Uuid, &Board::BusId, &Board::BusIdLegacy, &Board::VbiosVersion}) {
+            board.*text = "abcdefgh";
+        }
+    }
+    return boards;
+}
+
+void ResetDriver() {
+    static const std::vector<Board> kBoards = HealthyBoards();
+    Sim().Reset();
+    Sim().SetBoards(kBoards);
+    Sim().ForbidConcurrentCalls();
+    // Discovery and cycles pass on a null handle that was given as a success. What reads a sample or changes a GPU must
+    // not.
+    for (unsigned int i = 0; i < kEntryPointCount; ++i) {
+        const auto name = EntryPoint{i};
+        const Shape shape = ShapeOf(name);
+        const bool bOnlyDiscovery = shape == Shape::Text || shape == Shape::Pci || shape == Shape::Processes ||
+                                    name == EntryPoint::nvmlDeviceGetArchitecture ||
+                                    name == EntryPoint::nvmlDeviceGetBAR1MemoryInfo;
+        if (bOnlyDiscovery) Nvml().AllowNullHandle(name);
+    }
+}
+
+void RequireNoMisuse() {
+    const std::vector<std::string> misuse = Sim().Misuse();
+    if (!misuse.empty()) Fail(misuse.front());
+}
 
 // ---- The sentences ----
 
@@ -49,165 +99,149 @@ constexpr const char* kClockObstacles[] = {
     "NVML supported memory-clock query failed.", "NVML returned no supported locked-clock pairs."};
 constexpr const char* kGpuUnavailable = "NVIDIA GPU is unavailable.";
 
-struct PowerSentence {
-    GpuCapabilityState State;
-    const char* Text;
-};
-
-constexpr PowerSentence kPowerSentences[] = {
+constexpr std::pair<GpuCapabilityState, std::string_view> kPowerSentences[] = {
     {GpuCapabilityState::Supported, "Power-limit control supported; authorization may be required to apply."},
     {GpuCapabilityState::Unsupported, "Power-limit control is not supported by this GPU."},
     {GpuCapabilityState::DriverLimitation, "Power-limit control is not exposed by this NVIDIA driver."},
     {GpuCapabilityState::Unavailable, "Power-limit constraints are temporarily unavailable."}};
 
-template <typename Texts>
-bool IsOneOf(const std::string& text, const Texts& texts) {
-    return std::find(std::begin(texts), std::end(texts), text) != std::end(texts);
+template <typename Values, typename T>
+bool IsOneOf(const T& value, const Values& values) {
+    return std::find(std::begin(values), std::end(values), value) != std::end(values);
 }
 
 std::string ActiveStatus(size_t devices) {
     return "NVML active: " + std::to_string(devices) + " NVIDIA GPU(s).";
 }
 
+double NowSeconds() {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
 // ---- Fields ----
 
-/// What a field may hold after its query said `told`.
+/// What a field holds that was not read, and what it holds before an operation.
 template <typename T>
-void RequireField(const Told& told, const T& field, const T& unread, const T& read, const T& poison) {
-    switch (told.Said) {
-        case Outcome::NotAsked:
-        case Outcome::Failed: Require(field == unread, "a field was filled without a successful query"); break;
-        case Outcome::Spoke: Require(field == read, "a field is not what the query told"); break;
-        // The query promised an answer and gave none, so anything that the monitor itself had will do.
-        case Outcome::SaidNothing: Require(field != poison, "a field was left as it was"); break;
+constexpr T kUnread = std::is_unsigned_v<T> ? T{0} : static_cast<T>(-1);
+template <typename T>
+constexpr T kPoisoned = static_cast<T>(kPoison);
+constexpr const char* kPoisonText = "?untouched?";
+
+constexpr EntryPoint kEnforcedLimit = EntryPoint::nvmlDeviceGetEnforcedPowerLimit;
+constexpr EntryPoint kConfiguredLimit = EntryPoint::nvmlDeviceGetPowerManagementLimit;
+constexpr EntryPoint kDefaultLimit = EntryPoint::nvmlDeviceGetPowerManagementDefaultLimit;
+constexpr EntryPoint kRange = EntryPoint::nvmlDeviceGetPowerManagementLimitConstraints;
+
+/// Where a field comes from.
+struct Source {
+    EntryPoint Query;
+    size_t Selector = 0;
+    /// Whether it is the second value that the query writes.
+    bool bSecond = false;
+    /// How many units of the query are one of the field.
+    double Scale = 1.0;
+};
+
+/// What a field may hold after the last call of its query.
+template <typename T>
+void RequireFrom(const Source& source, const T& field) {
+    const EntryPoint query = source.Query;
+    // Of the limits in force, the first one that NVML answers counts.
+    const bool bOther = query == kEnforcedLimit && Nvml().Last(query).Outcome < Outcome::WroteNothing;
+    const LastCall& last = Nvml().Last(bOther ? kConfiguredLimit : query, source.Selector);
+    T read = static_cast<T>(source.bSecond ? last.Second : last.First);
+    if constexpr (std::is_same_v<T, double>) read /= source.Scale;
+    switch (last.Outcome) {
+        case Outcome::NotCalled:
+        case Outcome::Failed: Require(field == kUnread<T>, "a field was filled without a successful query"); break;
+        case Outcome::Answered: Require(field == read, "a field is not what the query answered"); break;
+        // The query promised an answer and wrote nothing, so anything that the monitor itself had will do.
+        case Outcome::WroteNothing: Require(field != kPoisoned<T>, "a field was left as it was"); break;
     }
 }
 
-void RequireInt(EntryPoint name, size_t selector, int field) {
-    const Told& told = Nvml().Last(name, selector);
-    RequireField(told, field, -1, static_cast<int>(told.First), kPoisonInt);
-}
+struct Reading {
+    std::variant<int Sample::*, double Sample::*, uint64_t Sample::*> Field;
+    Source From;
+};
 
-void RequireWatts(EntryPoint name, double field) {
-    const Told& told = Nvml().Last(name);
-    RequireField(told, field, -1.0, static_cast<double>(told.First) / 1000.0, kPoisonDouble);
-}
-
-void RequireThroughput(size_t selector, double field) {
-    const Told& told = Nvml().Last(EntryPoint::nvmlDeviceGetPcieThroughput, selector);
-    RequireField(told, field, -1.0, static_cast<double>(told.First) / 1024.0, kPoisonDouble);
-}
-
-void RequireMemory(EntryPoint name, uint64_t used, uint64_t total) {
-    const Told& told = Nvml().Last(name);
-    RequireField<uint64_t>(told, used, 0, told.First, kPoisonLong);
-    RequireField<uint64_t>(told, total, 0, told.Second, kPoisonLong);
-}
-
-/// Of the limits in force, the one that is told first counts.
-void RequireCurrentLimit(double field) {
-    const bool bEnforced = Nvml().Last(EntryPoint::nvmlDeviceGetEnforcedPowerLimit).Said >= Outcome::SaidNothing;
-    RequireWatts(
-        bEnforced ? EntryPoint::nvmlDeviceGetEnforcedPowerLimit : EntryPoint::nvmlDeviceGetPowerManagementLimit, field);
-}
-
-void RequireLimits(double current, double standard, double minimum, double maximum) {
-    RequireCurrentLimit(current);
-    RequireWatts(EntryPoint::nvmlDeviceGetPowerManagementDefaultLimit, standard);
-    RequireWatts(EntryPoint::nvmlDeviceGetPowerManagementLimitConstraints, minimum);
-    const Told& range = Nvml().Last(EntryPoint::nvmlDeviceGetPowerManagementLimitConstraints);
-    RequireField(range, maximum, -1.0, static_cast<double>(range.Second) / 1000.0, kPoisonDouble);
-}
+constexpr double kMilli = 1000.0;
+constexpr double kKibi = 1024.0;
+constexpr Reading kReadings[] = {
+    {&Sample::TemperatureC, {EntryPoint::nvmlDeviceGetTemperature}},
+    {&Sample::GpuUtilizationPercent, {EntryPoint::nvmlDeviceGetUtilizationRates}},
+    {&Sample::MemoryUtilizationPercent, {EntryPoint::nvmlDeviceGetUtilizationRates, 0, true}},
+    {&Sample::EncoderUtilizationPercent, {EntryPoint::nvmlDeviceGetEncoderUtilization}},
+    {&Sample::DecoderUtilizationPercent, {EntryPoint::nvmlDeviceGetDecoderUtilization}},
+    {&Sample::FanPercent, {EntryPoint::nvmlDeviceGetFanSpeed}},
+    {&Sample::GraphicsClockMHz, {EntryPoint::nvmlDeviceGetClockInfo, 0}},
+    {&Sample::SmClockMHz, {EntryPoint::nvmlDeviceGetClockInfo, 1}},
+    {&Sample::MemoryClockMHz, {EntryPoint::nvmlDeviceGetClockInfo, 2}},
+    {&Sample::VideoClockMHz, {EntryPoint::nvmlDeviceGetClockInfo, 3}},
+    {&Sample::PerformanceState, {EntryPoint::nvmlDeviceGetPerformanceState}},
+    {&Sample::PcieGeneration, {EntryPoint::nvmlDeviceGetCurrPcieLinkGeneration}},
+    {&Sample::PcieWidth, {EntryPoint::nvmlDeviceGetCurrPcieLinkWidth}},
+    {&Sample::PowerWatts, {EntryPoint::nvmlDeviceGetPowerUsage, 0, false, kMilli}},
+    {&Sample::PowerLimitWatts, {kEnforcedLimit, 0, false, kMilli}},
+    {&Sample::DefaultPowerLimitWatts, {kDefaultLimit, 0, false, kMilli}},
+    {&Sample::MinimumPowerLimitWatts, {kRange, 0, false, kMilli}},
+    {&Sample::MaximumPowerLimitWatts, {kRange, 0, true, kMilli}},
+    {&Sample::PcieTransmitMiBPerSecond, {EntryPoint::nvmlDeviceGetPcieThroughput, 0, false, kKibi}},
+    {&Sample::PcieReceiveMiBPerSecond, {EntryPoint::nvmlDeviceGetPcieThroughput, 1, false, kKibi}},
+    {&Sample::VramUsedBytes, {EntryPoint::nvmlDeviceGetMemoryInfo}},
+    {&Sample::VramTotalBytes, {EntryPoint::nvmlDeviceGetMemoryInfo, 0, true}},
+    {&Sample::Bar1UsedBytes, {EntryPoint::nvmlDeviceGetBAR1MemoryInfo}},
+    {&Sample::Bar1TotalBytes, {EntryPoint::nvmlDeviceGetBAR1MemoryInfo, 0, true}},
+    {&Sample::PerformanceLimitReasons, {EntryPoint::nvmlDeviceGetCurrentClocksThrottleReasons}},
+};
 
 void RequireText(const std::string& text, size_t longest) {
+    constexpr const char* kCharacters = "abcdefghijklmnop0123456789.";
     Require(text.size() <= longest, "a text is longer than its buffer");
-    const bool bTold =
-        std::all_of(text.begin(), text.end(), [](char c) { return kFirstCharacter <= c && c <= kLastCharacter; });
-    Require(bTold, "a text has a character that was never told");
-}
-
-void RequireArchitecture(const std::string& name) {
-    constexpr const char* kNames[] = {"",       "Unknown", "Kepler", "Maxwell", "Pascal",   "Volta",
-                                      "Turing", "Ampere",  "Ada",    "Hopper",  "Blackwell"};
-    Require(IsOneOf(name, kNames), "an architecture has no known name");
+    Require(text.find_first_not_of(kCharacters) == std::string::npos, "a text has a character that NVML did not write");
 }
 
 void RequireFrameTime(double field) {
-    const std::optional<double> frame = GPUProfiler::Get()->FrameTimeMs;
-    if (!frame || *frame <= 0.0) {
-        Require(field == -1.0, "a frame time was made up");
-    } else {
-        Require(field == *frame || (std::isnan(field) && std::isnan(*frame)), "a frame time is not the profiler's");
-    }
-}
-
-bool IsUnreadOrPositive(double field) {
-    return field == -1.0 || field >= 0.0;
+    const double frame = GPUProfiler::Get()->FrameTimeMs.value_or(-1.0);
+    const bool bSame = field == (frame <= 0.0 ? -1.0 : frame) || (std::isnan(field) && std::isnan(frame));
+    Require(bSame, "a frame time is not the profiler's");
 }
 
 // ---- Samples ----
 
-GpuTelemetrySample PoisonedSample() {
-    GpuTelemetrySample sample;
-    for (int* field : {&sample.TemperatureC, &sample.GpuUtilizationPercent, &sample.MemoryUtilizationPercent,
-                       &sample.EncoderUtilizationPercent, &sample.DecoderUtilizationPercent, &sample.FanPercent,
-                       &sample.GraphicsClockMHz, &sample.SmClockMHz, &sample.MemoryClockMHz, &sample.VideoClockMHz,
-                       &sample.PerformanceState, &sample.PcieGeneration, &sample.PcieWidth}) {
-        *field = kPoisonInt;
+/// Calls `visit(sample.*field, source)` for each reading.
+template <typename AnySample, typename Visit>
+void ForEachReading(AnySample& sample, Visit visit) {
+    for (const Reading& reading : kReadings) {
+        std::visit([&](auto field) { visit(sample.*field, reading.From); }, reading.Field);
     }
-    for (double* field :
-         {&sample.TimestampSeconds, &sample.PowerWatts, &sample.PowerLimitWatts, &sample.DefaultPowerLimitWatts,
-          &sample.MinimumPowerLimitWatts, &sample.MaximumPowerLimitWatts, &sample.PcieReceiveMiBPerSecond,
-          &sample.PcieTransmitMiBPerSecond, &sample.FrameTimeMs}) {
-        *field = kPoisonDouble;
-    }
-    for (uint64_t* field : {&sample.VramUsedBytes, &sample.VramTotalBytes, &sample.Bar1UsedBytes,
-                            &sample.Bar1TotalBytes, &sample.PerformanceLimitReasons}) {
-        *field = kPoisonLong;
-    }
+}
+
+Sample PoisonedSample() {
+    Sample sample;
+    ForEachReading(sample, [](auto& field, const Source&) { field = kPoisoned<std::decay_t<decltype(field)>>; });
+    sample.TimestampSeconds = sample.FrameTimeMs = kPoisoned<double>;
     return sample;
 }
 
-void RequireReadings(const GpuTelemetrySample& sample) {
-    RequireInt(EntryPoint::nvmlDeviceGetTemperature, 0, sample.TemperatureC);
-    RequireInt(EntryPoint::nvmlDeviceGetUtilizationRates, 0, sample.GpuUtilizationPercent);
-    const Told& utilization = Nvml().Last(EntryPoint::nvmlDeviceGetUtilizationRates);
-    RequireField(utilization, sample.MemoryUtilizationPercent, -1, static_cast<int>(utilization.Second), kPoisonInt);
-    RequireInt(EntryPoint::nvmlDeviceGetEncoderUtilization, 0, sample.EncoderUtilizationPercent);
-    RequireInt(EntryPoint::nvmlDeviceGetDecoderUtilization, 0, sample.DecoderUtilizationPercent);
-    RequireMemory(EntryPoint::nvmlDeviceGetMemoryInfo, sample.VramUsedBytes, sample.VramTotalBytes);
-    RequireMemory(EntryPoint::nvmlDeviceGetBAR1MemoryInfo, sample.Bar1UsedBytes, sample.Bar1TotalBytes);
-    RequireWatts(EntryPoint::nvmlDeviceGetPowerUsage, sample.PowerWatts);
-    RequireLimits(sample.PowerLimitWatts, sample.DefaultPowerLimitWatts, sample.MinimumPowerLimitWatts,
-                  sample.MaximumPowerLimitWatts);
-    RequireInt(EntryPoint::nvmlDeviceGetFanSpeed, 0, sample.FanPercent);
-    RequireInt(EntryPoint::nvmlDeviceGetClockInfo, 0, sample.GraphicsClockMHz);
-    RequireInt(EntryPoint::nvmlDeviceGetClockInfo, 1, sample.SmClockMHz);
-    RequireInt(EntryPoint::nvmlDeviceGetClockInfo, 2, sample.MemoryClockMHz);
-    RequireInt(EntryPoint::nvmlDeviceGetClockInfo, 3, sample.VideoClockMHz);
-    RequireInt(EntryPoint::nvmlDeviceGetPerformanceState, 0, sample.PerformanceState);
-    RequireInt(EntryPoint::nvmlDeviceGetCurrPcieLinkGeneration, 0, sample.PcieGeneration);
-    RequireInt(EntryPoint::nvmlDeviceGetCurrPcieLinkWidth, 0, sample.PcieWidth);
-    RequireThroughput(0, sample.PcieTransmitMiBPerSecond);
-    RequireThroughput(1, sample.PcieReceiveMiBPerSecond);
-    const Told& reasons = Nvml().Last(EntryPoint::nvmlDeviceGetCurrentClocksThrottleReasons);
-    RequireField<uint64_t>(reasons, sample.PerformanceLimitReasons, 0, reasons.First, kPoisonLong);
+void RequireReadings(const Sample& sample) {
+    ForEachReading(sample, [](const auto& field, const Source& source) { RequireFrom(source, field); });
 }
 
 /// No query may have filled anything.
-void RequireDefaults(const GpuTelemetrySample& sample) {
+void RequireDefaults(const Sample& sample) {
     Nvml().BeginOperation();
     RequireReadings(sample);
     Require(sample.TimestampSeconds == 0.0 && sample.FrameTimeMs == -1.0, "a record without a reading is not empty");
 }
 
-void RequirePlausible(const GpuTelemetrySample& sample, double after, double before) {
+void RequirePlausible(const Sample& sample, double after, double before) {
     Require(sample.TimestampSeconds > after && sample.TimestampSeconds < before, "a sample is not from its time");
-    for (const double field :
-         {sample.PowerWatts, sample.PowerLimitWatts, sample.DefaultPowerLimitWatts, sample.MinimumPowerLimitWatts,
-          sample.MaximumPowerLimitWatts, sample.PcieReceiveMiBPerSecond, sample.PcieTransmitMiBPerSecond}) {
-        Require(IsUnreadOrPositive(field), "a sample has a negative reading");
-    }
+    ForEachReading(sample, [](const auto& field, const Source&) {
+        if constexpr (std::is_same_v<decltype(field), const double&>) {
+            Require(field == -1.0 || field >= 0.0, "a sample has a negative reading");
+        }
+    });
     Require(!(sample.FrameTimeMs <= 0.0) || sample.FrameTimeMs == -1.0, "a sample has a negative frame time");
 }
 
@@ -219,7 +253,9 @@ void RequireDevice(const GpuDeviceInfo& device) {
     RequireText(device.PciBusId, 32);
     RequireText(device.DriverVersion, 96);
     RequireText(device.VbiosVersion, 128);
-    RequireArchitecture(device.Architecture);
+    constexpr const char* kArchitectures[] = {"",       "Unknown", "Kepler", "Maxwell", "Pascal",   "Volta",
+                                              "Turing", "Ampere",  "Ada",    "Hopper",  "Blackwell"};
+    Require(IsOneOf(device.Architecture, kArchitectures), "an architecture has no known name");
 }
 
 void RequireProcesses(const std::vector<GpuProcessMemory>& processes) {
@@ -232,13 +268,11 @@ void RequireProcesses(const std::vector<GpuProcessMemory>& processes) {
     }
 }
 
-void RequireHistory(const GpuTelemetryHistory& history) {
-    RequireDevice(history.Device);
-    RequireProcesses(history.ProcessMemory);
-    Require(history.Samples.size() <= kMostSamples, "a history is longer than its bound");
-    const double now = sampler::NowSeconds();
+void RequireSamples(const std::deque<Sample>& samples) {
+    Require(samples.size() <= kMostSamples, "a history is longer than its bound");
+    const double now = NowSeconds();
     double latest = 0.0;
-    for (const GpuTelemetrySample& sample : history.Samples) {
+    for (const Sample& sample : samples) {
         // A cycle whose reading finds no GPU leaves an empty sample.
         if (sample.TimestampSeconds == 0.0) continue;
         RequirePlausible(sample, latest, now);
@@ -248,39 +282,45 @@ void RequireHistory(const GpuTelemetryHistory& history) {
 
 void RequireHistories(const std::vector<GpuTelemetryHistory>& histories) {
     for (size_t i = 0; i < histories.size(); ++i) {
-        RequireHistory(histories[i]);
-        Require(i == 0 || histories[i - 1].Device.Index < histories[i].Device.Index, "the GPUs are out of order");
-        Require(histories[i].Device.DriverVersion == histories[0].Device.DriverVersion, "the GPUs' drivers differ");
+        const GpuDeviceInfo& device = histories[i].Device;
+        RequireDevice(device);
+        RequireProcesses(histories[i].ProcessMemory);
+        RequireSamples(histories[i].Samples);
+        Require(i == 0 || histories[i - 1].Device.Index < device.Index, "the GPUs are out of order");
+        Require(device.DriverVersion == histories[0].Device.DriverVersion, "the GPUs' drivers differ");
     }
 }
 
 // ---- Changes ----
 
-/// The sentences of an answer to a change.
-bool IsAnswerTo(const std::string& change, Result result, const std::string& error) {
-    switch (result) {
-        case Result::NoPermission: return error == "NVML denied " + change + " for this user.";
-        case Result::Unsupported: return error == "The NVIDIA driver does not support " + change + ".";
-        case Result::Error: return error == "NVML " + change + " failed.";
-        case Result::Success: break;
-    }
-    return false;
-}
+constexpr EntryPoint kLockGraphics = EntryPoint::nvmlDeviceSetGpuLockedClocks;
+constexpr EntryPoint kResetGraphics = EntryPoint::nvmlDeviceResetGpuLockedClocks;
+constexpr EntryPoint kLockMemory = EntryPoint::nvmlDeviceSetMemoryLockedClocks;
+constexpr EntryPoint kResetMemory = EntryPoint::nvmlDeviceResetMemoryLockedClocks;
+constexpr EntryPoint kSetLimit = EntryPoint::nvmlDeviceSetPowerManagementLimit;
 
-Result ResultOf(unsigned int code) {
-    switch (code) {
-        case 0: return Result::Success;
-        case 3: return Result::Unsupported;
-        case 4: return Result::NoPermission;
-        default: return Result::Error;
-    }
-}
+/// What becomes of the driver's code, and the sentence around the name of the change.
+struct Verdict {
+    unsigned int Code;
+    Result Outcome;
+    const char* Before;
+    const char* After;
+};
+
+constexpr Verdict kVerdicts[] = {{kSuccess, Result::Success, "", ""},
+                                 {kNotSupported, Result::Unsupported, "The NVIDIA driver does not support ", "."},
+                                 {kNoPermission, Result::NoPermission, "NVML denied ", " for this user."}};
+constexpr Verdict kOtherVerdict = {kUnknown, Result::Error, "NVML ", " failed."};
 
 /// `error` is null where the host did not want the sentence.
-void RequireAnswer(EntryPoint setter, const char* change, Result result, const std::string* error) {
-    Require(result == ResultOf(Nvml().LastCode(setter)), "a result is not what the driver answered");
+void RequireAnswer(EntryPoint setter, const std::string& change, Result result, const std::string* error) {
+    const auto* const verdict = std::find_if(std::begin(kVerdicts), std::end(kVerdicts), [&](const Verdict& known) {
+        return known.Code == Nvml().Last(setter).Code;
+    });
+    const auto& [code, outcome, before, after] = verdict != std::end(kVerdicts) ? *verdict : kOtherVerdict;
+    Require(result == outcome, "a result is not what the driver answered");
     if (error == nullptr || result == Result::Success) return;
-    Require(IsAnswerTo(change, result, *error), "a sentence is not that of the answer");
+    Require(*error == before + change + after, "a sentence is not that of the answer");
 }
 
 bool Called(EntryPoint name) {
@@ -288,8 +328,8 @@ bool Called(EntryPoint name) {
 }
 
 /// Nothing was asked of the driver, so the sentence must be one of those that go with `result`.
-void RequireRefusal(Result result, const std::string* error, std::initializer_list<const char*> errors,
-                    std::initializer_list<const char*> unsupported) {
+void RequireRefusal(Result result, const std::string* error, std::initializer_list<std::string_view> errors,
+                    std::initializer_list<std::string_view> unsupported) {
     Require(result == Result::Error || result == Result::Unsupported, "a change succeeded that was not made");
     if (error == nullptr) return;
     const bool bStartFailed = result == Result::Error && IsOneOf(*error, kStartFailures);
@@ -297,56 +337,77 @@ void RequireRefusal(Result result, const std::string* error, std::initializer_li
             "a sentence is not one of a refusal");
 }
 
+/// Only a pair that the driver lists may be locked, each clock of it by itself.
+void RequireListedLock() {
+    const LastCall& graphics = Nvml().Last(kLockGraphics);
+    const LastCall& memory = Nvml().Last(kLockMemory);
+    const auto& pairs = Nvml().ListedPairs();
+    Require(graphics.First == graphics.Second && memory.First == memory.Second, "a range of clocks was locked");
+    const auto isLocked = [&](const std::pair<int, int>& pair) {
+        return pair.first == static_cast<int>(graphics.First) &&
+               (memory.Outcome == Outcome::NotCalled || pair.second == static_cast<int>(memory.First));
+    };
+    Require(std::any_of(pairs.begin(), pairs.end(), isLocked), "a lock of clocks that are not listed together");
+}
+
 void RequireLock(Result result, const std::string* error) {
-    if (!Called(EntryPoint::nvmlDeviceSetGpuLockedClocks)) {
+    if (!Called(kLockGraphics)) {
         RequireRefusal(result, error, {kNoUsableDevice, kGpuUnavailable},
                        {"Requested clock pair is not supported by NVML.", "NVML locked-clock control is unavailable."});
         return;
     }
-    if (!Called(EntryPoint::nvmlDeviceSetMemoryLockedClocks)) {
-        RequireAnswer(EntryPoint::nvmlDeviceSetGpuLockedClocks, "GPU locked-clock control", result, error);
+    RequireListedLock();
+    if (!Called(kLockMemory)) {
+        RequireAnswer(kLockGraphics, "GPU locked-clock control", result, error);
         Require(result != Result::Success, "a lock of one clock only succeeded");
-        Require(!Called(EntryPoint::nvmlDeviceResetGpuLockedClocks), "an earlier lock was reset");
+        Require(!Called(kResetGraphics), "an earlier lock was reset");
         return;
     }
-    RequireAnswer(EntryPoint::nvmlDeviceSetMemoryLockedClocks, "memory locked-clock control", result, error);
+    RequireAnswer(kLockMemory, "memory locked-clock control", result, error);
     const unsigned int undone = result == Result::Success ? 0 : 1;
-    Require(Nvml().Calls(EntryPoint::nvmlDeviceResetGpuLockedClocks) == undone &&
-                Nvml().Calls(EntryPoint::nvmlDeviceResetMemoryLockedClocks) == undone,
+    Require(Nvml().Calls(kResetGraphics) == undone && Nvml().Calls(kResetMemory) == undone,
             "half a lock was not undone, or a whole one was");
 }
 
 void RequireReset(Result result, const std::string* error) {
-    const unsigned int resets = Nvml().Calls(EntryPoint::nvmlDeviceResetGpuLockedClocks);
-    Require(resets == Nvml().Calls(EntryPoint::nvmlDeviceResetMemoryLockedClocks), "only one clock was reset");
+    const unsigned int resets = Nvml().Calls(kResetGraphics);
+    Require(resets == Nvml().Calls(kResetMemory), "only one clock was reset");
     if (resets == 0) {
         RequireRefusal(result, error, {kNoUsableDevice}, {"NVML locked-clock reset is unavailable."});
-    } else if (Nvml().LastCode(EntryPoint::nvmlDeviceResetMemoryLockedClocks) != 0) {
-        RequireAnswer(EntryPoint::nvmlDeviceResetMemoryLockedClocks, "memory locked-clock reset", result, error);
+    } else if (Nvml().Last(kResetMemory).Code != 0) {
+        RequireAnswer(kResetMemory, "memory locked-clock reset", result, error);
     } else {
-        RequireAnswer(EntryPoint::nvmlDeviceResetGpuLockedClocks, "GPU locked-clock reset", result, error);
+        RequireAnswer(kResetGraphics, "GPU locked-clock reset", result, error);
     }
 }
 
-void RequireLimitChange(Result result, const std::string* error, bool bToDefault) {
-    if (Called(EntryPoint::nvmlDeviceSetPowerManagementLimit)) {
-        RequireAnswer(EntryPoint::nvmlDeviceSetPowerManagementLimit, "power-limit control", result, error);
+void RequireLimitChange(Result result, const std::string* error) {
+    if (Called(kSetLimit)) {
+        const uint64_t limit = Nvml().Last(kSetLimit).First;
+        const LastCall& range = Nvml().Last(kRange);
+        Require(range.Outcome == Outcome::Answered && range.First <= limit && limit <= range.Second,
+                "a limit was set out of the range");
+        RequireAnswer(kSetLimit, "power-limit control", result, error);
         return;
     }
-    const std::initializer_list<const char*> unsupported = {
-        "Requested power limit is outside the driver-supported range.", "NVML power-limit control is unavailable.",
-        kPowerSentences[1].Text, kPowerSentences[2].Text, kPowerSentences[3].Text};
-    const bool bMayLackDefault = bToDefault && result == Result::Unsupported && error != nullptr;
-    const bool bLacksDefault = bMayLackDefault && (*error == kPowerSentences[0].Text || *error == kGpuUnavailable ||
-                                                   IsOneOf(*error, kStartFailures));
-    if (!bLacksDefault) RequireRefusal(result, error, {kGpuUnavailable}, unsupported);
+    RequireRefusal(
+        result, error, {kGpuUnavailable},
+        {"Requested power limit is outside the driver-supported range.", "NVML power-limit control is unavailable.",
+         kPowerSentences[1].second, kPowerSentences[2].second, kPowerSentences[3].second});
 }
 
-bool AnythingChanged() {
-    return Called(EntryPoint::nvmlDeviceSetGpuLockedClocks) || Called(EntryPoint::nvmlDeviceSetMemoryLockedClocks) ||
-           Called(EntryPoint::nvmlDeviceResetGpuLockedClocks) ||
-           Called(EntryPoint::nvmlDeviceResetMemoryLockedClocks) ||
-           Called(EntryPoint::nvmlDeviceSetPowerManagementLimit);
+/// Like another limit, but a GPU whose default limit cannot be read refuses with the sentence of its state.
+void RequireDefaultLimit(Result result, const std::string* error) {
+    const bool bLacksDefault =
+        !Called(kSetLimit) && result == Result::Unsupported && error != nullptr &&
+        (*error == kPowerSentences[0].second || *error == kGpuUnavailable || IsOneOf(*error, kStartFailures));
+    if (!bLacksDefault) RequireLimitChange(result, error);
+}
+
+void RequireNoChange() {
+    for (const EntryPoint change : {kLockGraphics, kResetGraphics, kLockMemory, kResetMemory, kSetLimit}) {
+        Require(!Called(change), "a GPU was changed without a request");
+    }
 }
 
 // ---- A host that does what the input says ----
@@ -363,26 +424,17 @@ public:
     }
 
 private:
-    using Instruction = void (Host::*)();
-    struct NamedInstruction {
+    struct Instruction {
         const char* Name;
-        Instruction Do;
+        void (*Do)(Host& host);
     };
-    static const std::vector<NamedInstruction>& Instructions();
+    static const Instruction kInstructions[];
 
-    void Step() {
-        const std::vector<NamedInstruction>& all = Instructions();
-        const NamedInstruction& chosen = all[Bytes.Byte() % all.size()];
-        Operation = chosen.Name;
-        Nvml().BeginOperation();
-        OpeningsBefore = Nvml().Openings();
-        (this->*chosen.Do)();
-        RequireState();
-    }
+    void Step();
 
     // ---- Scripting the driver ----
 
-    EntryPoint AnyEntryPoint() { return static_cast<EntryPoint>(Bytes.Byte() % kEntryPointCount); }
+    EntryPoint AnyEntryPoint() { return EntryPoint{Bytes.Byte() % kEntryPointCount}; }
 
     unsigned int AnyCode() {
         constexpr unsigned int kCodes[] = {0, 1, 2, 3, 4, 6, 7, 15, 999};
@@ -396,22 +448,16 @@ private:
         answer.Code = AnyCode();
         const uint8_t parts = Bytes.Byte();
         answer.bWrites = (parts & 1) == 0;
-        answer.bHasValue = (parts & 2) != 0;
-        answer.bHasCount = (parts & 4) != 0;
         answer.Form = static_cast<uint8_t>(parts >> 3);
-        if (answer.bHasValue) answer.Value = Bytes.Number();
-        if (answer.bHasCount) answer.Count = Bytes.Number();
+        if ((parts & 2) != 0) answer.Value = Bytes.Number();
+        if ((parts & 4) != 0) answer.Count = Bytes.Number();
         Nvml().Append(name, answer);
     }
 
-    void ForgetAnswers() { Nvml().Forget(AnyEntryPoint()); }
-
     void HideName() {
         const EntryPoint name = AnyEntryPoint();
-        Nvml().Hide(name, Bytes.Byte());
+        Nvml().HideLookups(name, Bytes.Byte());
     }
-
-    void HideLibrary() { Nvml().HideLibrary(Bytes.Byte()); }
 
     void Confuse() {
         const uint32_t seed = Bytes.Byte();
@@ -423,8 +469,6 @@ private:
         if (Bytes.Flag()) GPUProfiler::Get()->FrameTimeMs = Bytes.AnyDouble();
     }
 
-    void RefuseThread() { sampler::RefuseNextThread(); }
-
     // ---- Arguments ----
 
     unsigned int AnyIndex() {
@@ -432,26 +476,21 @@ private:
         return choice < 240 ? choice % 4 : Bytes.Word();
     }
 
-    std::chrono::milliseconds AnyDuration() {
+    milliseconds AnyDuration() {
         constexpr int64_t kDurations[] = {0,    1,     99,    100,
                                           1000, 10000, 10001, std::numeric_limits<int64_t>::max(),
                                           -1,   -1000, 5000,  std::numeric_limits<int64_t>::min()};
         const uint8_t choice = Bytes.Byte();
-        return std::chrono::milliseconds(choice < 250 ? kDurations[choice % std::size(kDurations)]
-                                                      : int64_t{Bytes.Word()});
+        return milliseconds(choice < 250 ? kDurations[choice % std::size(kDurations)] : int64_t{Bytes.Word()});
     }
 
     double AnyWatts() {
-        switch (Bytes.Byte() % 8) {
-            case 0: return LatestPower.MinimumWatts;
-            case 1: return LatestPower.MaximumWatts;
-            case 2: return LatestPower.DefaultWatts;
-            case 3: return std::numeric_limits<double>::quiet_NaN();
-            case 4: return std::numeric_limits<double>::infinity();
-            case 5: return LatestPower.MaximumWatts + 0.0004;
-            case 6: return Bytes.Number() / 1000.0;
-            default: return Bytes.AnyDouble();
-        }
+        const double watts[] = {
+            LatestPower.MinimumWatts,         LatestPower.MaximumWatts, LatestPower.DefaultWatts, NAN, INFINITY,
+            LatestPower.MaximumWatts + 0.0004};
+        const size_t choice = Bytes.Byte() % (std::size(watts) + 2);
+        if (choice < std::size(watts)) return watts[choice];
+        return choice == std::size(watts) ? Bytes.Number() / 1000.0 : Bytes.AnyDouble();
     }
 
     GpuClockPair AnyPair() {
@@ -462,25 +501,15 @@ private:
         return {graphics, static_cast<int>(Bytes.Number())};
     }
 
-    /// Where an operation writes its sentence; null in one of four cases.
-    std::string* AnyError() {
-        Error = kPoisonText;
-        return Bytes.Byte() % 4 == 3 ? nullptr : &Error;
-    }
-
     // ---- Lifecycle ----
 
-    void Start() { StartBy(&NvmlGpuMonitor::Start); }
-    void Resume() { StartBy(&NvmlGpuMonitor::ResumeSampling); }
-
-    void StartBy(bool (NvmlGpuMonitor::*start)()) {
-        const uint64_t waits = sampler::Waits();
-        const bool bRefused = sampler::ThreadRefusalPending();
+    void Start(bool (NvmlGpuMonitor::*start)()) {
+        const bool bRefused = sampler_clock::RefusalsLeft() > 0;
         bool bStarted = false;
         try {
             bStarted = (Monitor.get()->*start)();
         } catch (const std::system_error&) {
-            Require(bRefused && !sampler::ThreadRefusalPending() && Monitor->IsAvailable(), "a start threw");
+            Require(bRefused && sampler_clock::RefusalsLeft() == 0 && Monitor->IsAvailable(), "a start threw");
             return;
         }
         Require(bStarted == Monitor->IsAvailable(), "a start does not tell whether NVML is up");
@@ -488,7 +517,7 @@ private:
         if (!bStarted || bSamplerRuns) return;
         bSamplerRuns = true;
         RunningDelay = Delay;
-        AwaitWaits(waits + 1);
+        AwaitCycles(1);
     }
 
     void Stop() {
@@ -499,44 +528,41 @@ private:
     }
 
     void Pause() {
-        const uint64_t activity = Nvml().Activity();
-        Monitor->PauseSampling();
+        RequireNoDriver([&] { Monitor->PauseSampling(); });
         bSamplerRuns = false;
-        Require(Nvml().Activity() == activity, "a pause used the driver");
     }
 
     void Destroy() {
         Operation = "the destructor";
         Monitor.reset();
         bSamplerRuns = false;
-        Require(!Nvml().IsOpen(), "a library outlives its monitor");
-        Require(sampler::Waits() == WaitsSeen, "a sampler outlives its monitor");
+        Require(Sim().Use().OpenLibraries == 0, "a library outlives its monitor");
+        Require(sampler_clock::WaitsBegun() == WaitsSeen, "a sampler outlives its monitor");
     }
 
     void MakeAnother() {
         Destroy();
         Monitor = std::make_unique<NvmlGpuMonitor>();
-        OpeningsAtBirth = Nvml().Openings();
-        Interval = std::chrono::milliseconds(1000);
-        Delay = std::chrono::milliseconds(0);
+        OpeningsAtBirth = Sim().Use().Openings;
+        Interval = milliseconds(1000);
+        Delay = milliseconds(0);
         Require(Monitor->Status().empty() && Monitor->Snapshot().empty(), "a new monitor is not empty");
     }
 
     // ---- Settings and cycles ----
 
     void SetInterval() {
-        const std::chrono::milliseconds interval = AnyDuration();
-        const uint64_t waits = sampler::Waits();
-        Interval = std::clamp(interval, std::chrono::milliseconds(100), std::chrono::milliseconds(10000));
+        const milliseconds interval = AnyDuration();
+        Interval = std::clamp(interval, milliseconds(100), milliseconds(10000));
         RunningDelay = Delay;
         Monitor->SetSampleInterval(interval);
-        if (bSamplerRuns) AwaitWaits(waits + 1);
+        if (bSamplerRuns) AwaitCycles(1);
         RequireUnstarted();
     }
 
     void SetDelay() {
-        const std::chrono::milliseconds delay = AnyDuration();
-        Delay = std::clamp(delay, std::chrono::milliseconds(0), std::chrono::milliseconds(10000));
+        const milliseconds delay = AnyDuration();
+        Delay = std::clamp(delay, milliseconds(0), milliseconds(10000));
         Monitor->SetInitialSampleDelay(delay);
         RequireUnstarted();
     }
@@ -551,79 +577,74 @@ private:
         const unsigned int cycles = AnyCycles();
         if (!bSamplerRuns || cycles > CyclesLeft) return;
         CyclesLeft -= cycles;
-        const uint64_t waits = sampler::Waits();
-        sampler::LetWaitsPass(cycles);
-        AwaitWaits(waits + 1);
+        sampler_clock::PassWaits(cycles);
+        AwaitCycles(cycles);
     }
 
     void WakeSpuriously() {
         if (!bSamplerRuns) return;
-        const uint64_t waits = sampler::Waits();
-        const uint64_t activity = Nvml().Activity();
-        sampler::WakeSpuriously();
-        AwaitWaits(waits + 1);
-        Require(Nvml().Activity() == activity, "a spurious wake-up made a cycle");
+        const auto deadline = sampler_clock::LatestWait().Deadline;
+        RequireNoDriver([&] {
+            sampler_clock::WakeSpuriously();
+            AwaitWaits(1);
+        });
+        Require(sampler_clock::LatestWait().Deadline == deadline, "a spurious wake-up moved the deadline");
     }
 
-    void AwaitWaits(uint64_t count) {
-        sampler::AwaitWaits(count);
-        WaitsSeen = count;
-        const std::chrono::milliseconds length = sampler::LatestWait();
+    /// Returns when the sampler has begun so many more waits, each of them after a cycle or a change of its times.
+    void AwaitCycles(uint64_t more) {
+        AwaitWaits(more);
+        const auto length = std::chrono::round<milliseconds>(sampler_clock::LatestWait().Duration);
         Require(length == Interval || length == RunningDelay, "the sampler waits for another time than was set");
-        Require(!AnythingChanged(), "the sampler changed a GPU");
+    }
+
+    /// Returns when the sampler has begun so many more waits.
+    void AwaitWaits(uint64_t more) {
+        WaitsSeen += more;
+        Require(sampler_clock::AwaitWaits(WaitsSeen), "the sampler did not come to its wait");
+        Require(sampler_clock::WaitsBegun() == WaitsSeen, "the sampler waited more often than it had a reason to");
+        RequireNoChange();
     }
 
     // ---- Readings and queries ----
 
-    void ReadFirst() {
-        ReadBy([this](GpuTelemetrySample* output) { return Monitor->ReadCurrentSample(output); });
+    /// Has `query` fill a record that nobody has filled, or refuse a null one. False: it was null.
+    template <typename Record, typename Query>
+    bool Fill(Record* record, const Record& poisoned, Query query) {
+        const bool bNull = Bytes.Byte() == 255;
+        if (bNull) {
+            RequireNoDriver([&] { Require(!query(nullptr), "a query without an output succeeded"); });
+        } else {
+            *record = poisoned;
+            bFilled = query(record);
+        }
+        RequireNoChange();
+        return !bNull;
     }
 
-    void ReadAny() {
-        const unsigned int index = AnyIndex();
-        ReadBy([this, index](GpuTelemetrySample* output) { return Monitor->ReadCurrentSample(index, output); });
-    }
-
-    template <typename Read>
-    void ReadBy(Read read) {
-        if (Bytes.Byte() == 255) return RequireNullIsRefused([&] { return read(nullptr); });
-        GpuTelemetrySample sample = PoisonedSample();
-        const double before = sampler::NowSeconds();
-        const bool bRead = read(&sample);
-        Require(!AnythingChanged(), "a reading changed a GPU");
-        if (!bRead && sample.TimestampSeconds == 0.0) return RequireDefaults(sample);
+    void Read(std::optional<unsigned int> index) {
+        Sample sample;
+        const double before = NowSeconds();
+        const auto read = [&](Sample* output) {
+            return index ? Monitor->ReadCurrentSample(*index, output) : Monitor->ReadCurrentSample(output);
+        };
+        if (!Fill(&sample, PoisonedSample(), read)) return;
+        if (!bFilled && sample.TimestampSeconds == 0.0) return RequireDefaults(sample);
         RequireReadings(sample);
         RequireFrameTime(sample.FrameTimeMs);
-        RequirePlausible(sample, before - 1e-6, sampler::NowSeconds());
-        Require(bRead == (sample.PowerWatts >= 0.0 || sample.GraphicsClockMHz >= 0), "a reading tells another result");
+        RequirePlausible(sample, before - 1e-6, NowSeconds());
+        Require(bFilled == (sample.PowerWatts >= 0.0 || sample.GraphicsClockMHz >= 0),
+                "a reading reports another result");
     }
 
-    template <typename Query>
-    void RequireNullIsRefused(Query query) {
-        const uint64_t activity = Nvml().Activity();
-        Require(!query(), "a query without an output succeeded");
-        Require(Nvml().Activity() == activity, "a query without an output used the driver");
-    }
-
-    void QueryFirstClocks() {
-        QueryClocksBy(0, [this](GpuClockCapabilities* output) { return Monitor->GetClockCapabilities(output); });
-    }
-
-    void QueryClocks() {
-        const unsigned int index = AnyIndex();
-        QueryClocksBy(index, [this, index](GpuClockCapabilities* output) {
-            return Monitor->GetClockCapabilities(index, output);
-        });
-    }
-
-    template <typename Query>
-    void QueryClocksBy(unsigned int index, Query query) {
-        if (Bytes.Byte() == 255) return RequireNullIsRefused([&] { return query(nullptr); });
-        LatestClocks = {kPoison,    kPoisonText, kPoisonText, {{kPoisonInt, kPoisonInt}},
-                        kPoisonInt, kPoisonInt,  true,        kPoisonText};
-        const bool bFound = query(&LatestClocks);
-        Require(!AnythingChanged(), "a query changed a GPU");
-        RequireClocks(index, bFound, LatestClocks);
+    void QueryClocks(std::optional<unsigned int> index) {
+        const auto query = [&](GpuClockCapabilities* output) {
+            return index ? Monitor->GetClockCapabilities(*index, output) : Monitor->GetClockCapabilities(output);
+        };
+        const GpuClockPair pair = {kPoisoned<int>, kPoisoned<int>};
+        const GpuClockCapabilities poisoned = {kPoison,        kPoisonText,    kPoisonText, {pair},
+                                               kPoisoned<int>, kPoisoned<int>, true,        kPoisonText};
+        if (Fill(&LatestClocks, poisoned, query)) RequireClocks(index.value_or(0), bFilled, LatestClocks);
     }
 
     void RequireClocks(unsigned int index, bool bFound, const GpuClockCapabilities& clocks) {
@@ -632,8 +653,8 @@ private:
         Require(clocks.DeviceIndex == (bUp ? index : 0), "a record is of another GPU");
         const GpuDeviceInfo device = bUp ? DeviceOf(index).value_or(GpuDeviceInfo{}) : GpuDeviceInfo{};
         Require(clocks.DeviceName == device.Name && clocks.DeviceUuid == device.Uuid, "a record has another identity");
-        RequireInt(EntryPoint::nvmlDeviceGetClockInfo, 0, clocks.CurrentGraphicsClockMHz);
-        RequireInt(EntryPoint::nvmlDeviceGetClockInfo, 2, clocks.CurrentMemoryClockMHz);
+        RequireFrom({EntryPoint::nvmlDeviceGetClockInfo, 0}, clocks.CurrentGraphicsClockMHz);
+        RequireFrom({EntryPoint::nvmlDeviceGetClockInfo, 2}, clocks.CurrentMemoryClockMHz);
         RequirePairs(clocks);
         if (!bUp || clocks.CanControl) {
             Require(clocks.Status == Monitor->Status(), "a record's status is not the monitor's");
@@ -646,29 +667,24 @@ private:
 
     static void RequirePairs(const GpuClockCapabilities& clocks) {
         Require(clocks.CanControl == !clocks.SupportedPairs.empty(), "a record contradicts itself");
-        const std::set<std::pair<int, int>>& told = Nvml().ListedPairs();
-        const bool bSame = std::equal(clocks.SupportedPairs.begin(), clocks.SupportedPairs.end(), told.begin(),
-                                      told.end(), [](const GpuClockPair& pair, const std::pair<int, int>& listed) {
-                                          return pair == GpuClockPair{listed.first, listed.second};
-                                      });
-        Require(bSame, "the pairs are not those that the driver listed, sorted and each once");
+        std::vector<GpuClockPair> listed;
+        for (const auto& [graphics, memory] : Nvml().ListedPairs()) listed.push_back({graphics, memory});
+        Require(clocks.SupportedPairs == listed, "the pairs are not those of the driver, sorted and each once");
     }
 
     void QueryPower() {
         const unsigned int index = AnyIndex();
-        if (Bytes.Byte() == 255) {
-            RequireNullIsRefused([&] { return Monitor->GetPowerCapabilities(index, nullptr); });
-            return;
-        }
-        LatestPower = {kPoison,       kPoisonText,   static_cast<GpuCapabilityState>(77),
-                       kPoisonDouble, kPoisonDouble, kPoisonDouble,
-                       kPoisonDouble, kPoisonText};
-        const bool bFound = Monitor->GetPowerCapabilities(index, &LatestPower);
-        Require(!AnythingChanged(), "a query changed a GPU");
+        const double watts = kPoisoned<double>;
+        const GpuPowerCapabilities poisoned = {
+            kPoison, kPoisonText, static_cast<GpuCapabilityState>(77), watts, watts, watts, watts, kPoisonText};
+        const auto query = [&](GpuPowerCapabilities* output) { return Monitor->GetPowerCapabilities(index, output); };
+        if (!Fill(&LatestPower, poisoned, query)) return;
         Require(LatestPower.DeviceIndex == index, "a record is of another GPU");
-        RequireLimits(LatestPower.CurrentWatts, LatestPower.DefaultWatts, LatestPower.MinimumWatts,
-                      LatestPower.MaximumWatts);
-        RequirePowerStatus(bFound, LatestPower);
+        RequireFrom({kEnforcedLimit, 0, false, kMilli}, LatestPower.CurrentWatts);
+        RequireFrom({kDefaultLimit, 0, false, kMilli}, LatestPower.DefaultWatts);
+        RequireFrom({kRange, 0, false, kMilli}, LatestPower.MinimumWatts);
+        RequireFrom({kRange, 0, true, kMilli}, LatestPower.MaximumWatts);
+        RequirePowerStatus(bFilled, LatestPower);
     }
 
     void RequirePowerStatus(bool bFound, const GpuPowerCapabilities& power) {
@@ -676,35 +692,25 @@ private:
         if (bFound) {
             Require(Monitor->IsAvailable() && device.has_value(), "a GPU was found that is not there");
             Require(power.DeviceUuid == device->Uuid, "a record has another identity");
-            const bool bFits =
-                std::any_of(std::begin(kPowerSentences), std::end(kPowerSentences), [&](const PowerSentence& sentence) {
-                    return power.State == sentence.State && power.Status == sentence.Text;
-                });
-            Require(bFits, "a state and its sentence do not fit");
+            const std::pair<GpuCapabilityState, std::string_view> sentence(power.State, power.Status);
+            Require(IsOneOf(sentence, kPowerSentences), "a state and its sentence do not fit");
         } else {
-            Require(power.DeviceUuid.empty() && power.State == GpuCapabilityState::Unavailable,
-                    "a record is not empty");
-            const bool bUp = Monitor->IsAvailable();
-            Require(power.Status == (bUp ? kGpuUnavailable : Monitor->Status()), "a record tells no obstacle");
+            const bool bEmpty = power.DeviceUuid.empty() && power.State == GpuCapabilityState::Unavailable;
+            const std::string obstacle = Monitor->IsAvailable() ? kGpuUnavailable : Monitor->Status();
+            Require(bEmpty && power.Status == obstacle, "a record without a GPU is not empty but for the obstacle");
         }
-        RequireRange(power);
-    }
-
-    static void RequireRange(const GpuPowerCapabilities& power) {
-        if (power.State != GpuCapabilityState::Supported) return;
-        Require(power.MinimumWatts > 0.0 && power.MaximumWatts >= power.MinimumWatts && power.CurrentWatts >= 0.0,
-                "a limit can be set in no range");
+        const bool bRange = power.MinimumWatts > 0.0 && power.MaximumWatts >= power.MinimumWatts;
+        const bool bSettable = bRange && power.CurrentWatts >= 0.0;
+        Require(bSettable || power.State != GpuCapabilityState::Supported, "a limit can be set in no range");
     }
 
     void Capture() {
-        if (Bytes.Byte() == 255) return RequireNullIsRefused([&] { return Monitor->CaptureClockState(nullptr); });
-        Captured = {true, kPoisonInt, kPoisonInt};
-        const bool bCaptured = Monitor->CaptureClockState(&Captured);
-        Require(!AnythingChanged(), "a query changed a GPU");
-        Require(Captured.Valid == bCaptured && bCaptured == !Nvml().ListedPairs().empty(), "a capture is not valid");
-        if (bCaptured) {
-            RequireInt(EntryPoint::nvmlDeviceGetClockInfo, 0, Captured.GraphicsClockMHz);
-            RequireInt(EntryPoint::nvmlDeviceGetClockInfo, 2, Captured.MemoryClockMHz);
+        const auto query = [&](GpuClockState* output) { return Monitor->CaptureClockState(output); };
+        if (!Fill(&Captured, {true, kPoisoned<int>, kPoisoned<int>}, query)) return;
+        Require(Captured.Valid == bFilled && bFilled == !Nvml().ListedPairs().empty(), "a capture is not valid");
+        if (bFilled) {
+            RequireFrom({EntryPoint::nvmlDeviceGetClockInfo, 0}, Captured.GraphicsClockMHz);
+            RequireFrom({EntryPoint::nvmlDeviceGetClockInfo, 2}, Captured.MemoryClockMHz);
         } else {
             Require(Captured.GraphicsClockMHz == -1 && Captured.MemoryClockMHz == -1,
                     "an invalid capture is not empty");
@@ -713,57 +719,54 @@ private:
 
     // ---- Changes ----
 
-    void LockFirst() {
+    void Lock(std::optional<unsigned int> index) {
         const GpuClockPair pair = AnyPair();
-        std::string* const error = AnyError();
-        RequireLock(Tell(Monitor->SetLockedClock(pair, error), error), error);
-    }
-
-    void LockAny() {
-        const unsigned int index = AnyIndex();
-        const GpuClockPair pair = AnyPair();
-        std::string* const error = AnyError();
-        RequireLock(Tell(Monitor->SetLockedClock(index, pair, error), error), error);
+        Change(RequireLock, [&](std::string* error) {
+            return index ? Monitor->SetLockedClock(*index, pair, error) : Monitor->SetLockedClock(pair, error);
+        });
     }
 
     void RestoreState() {
-        std::string* const error = AnyError();
-        RequireReset(Tell(Monitor->RestoreClockState(Captured, error), error), error);
+        Change(RequireReset, [&](std::string* error) { return Monitor->RestoreClockState(Captured, error); });
     }
 
-    void ResetFirst() {
-        std::string* const error = AnyError();
-        RequireReset(Tell(Monitor->RestoreDefaultClocks(error), error), error);
-    }
-
-    void ResetAny() {
-        const unsigned int index = AnyIndex();
-        std::string* const error = AnyError();
-        RequireReset(Tell(Monitor->RestoreDefaultClocks(index, error), error), error);
+    void Reset(std::optional<unsigned int> index) {
+        Change(RequireReset, [&](std::string* error) {
+            return index ? Monitor->RestoreDefaultClocks(*index, error) : Monitor->RestoreDefaultClocks(error);
+        });
     }
 
     void SetLimit() {
         const unsigned int index = AnyIndex();
         const double watts = AnyWatts();
-        std::string* const error = AnyError();
-        RequireLimitChange(Tell(Monitor->SetPowerLimit(index, watts, error), error), error, false);
+        Change(RequireLimitChange, [&](std::string* error) { return Monitor->SetPowerLimit(index, watts, error); });
     }
 
     void RestoreLimit() {
         const unsigned int index = AnyIndex();
-        std::string* const error = AnyError();
-        RequireLimitChange(Tell(Monitor->RestoreDefaultPowerLimit(index, error), error), error, true);
+        Change(RequireDefaultLimit,
+               [&](std::string* error) { return Monitor->RestoreDefaultPowerLimit(index, error); });
     }
 
-    /// What holds for the sentence of every change.
-    static Result Tell(Result result, const std::string* error) {
-        if (error == nullptr) return result;
-        Require((*error == kPoisonText) == (result == Result::Success),
-                "a sentence without a failure, or none with one");
-        return result;
+    /// Makes a change and has `require` judge it. In one of four cases the host does not want the sentence.
+    template <typename Operation>
+    void Change(void (*require)(Result result, const std::string* error), Operation operation) {
+        std::string text = kPoisonText;
+        std::string* const error = Bytes.Byte() % 4 == 3 ? nullptr : &text;
+        const Result result = operation(error);
+        Require(error == nullptr || (text == kPoisonText) == (result == Result::Success),
+                "a sentence without a failure, or a failure without a sentence");
+        require(result, error);
     }
 
     // ---- What holds after every operation ----
+
+    template <typename Operation>
+    static void RequireNoDriver(Operation operation) {
+        const uint64_t activity = Sim().Use().Activity;
+        operation();
+        Require(Sim().Use().Activity == activity, "the driver was used without need");
+    }
 
     std::optional<GpuDeviceInfo> DeviceOf(unsigned int index) const {
         for (const GpuTelemetryHistory& history : Monitor->Snapshot()) {
@@ -773,18 +776,20 @@ private:
     }
 
     void RequireUnstarted() const {
-        Require(Nvml().Openings() == OpeningsBefore, "an operation started NVML that never does");
+        Require(Sim().Use().Openings == OpeningsBefore, "an operation started NVML that never does");
     }
 
     void RequireState() {
-        const uint64_t activity = Nvml().Activity();
+        const uint64_t activity = Sim().Use().Activity;
         const bool bUp = Monitor->IsAvailable();
         const std::string status = Monitor->Status();
         const std::vector<GpuTelemetryHistory> histories = Monitor->Snapshot();
-        Require(Nvml().Activity() == activity, "an observer used the driver");
-        Require(bUp == Nvml().IsOpen() && bUp == Nvml().Initialized(), "the library is not open as it should be");
+        Require(Sim().Use().Activity == activity, "an observer used the driver");
+        const LibraryUse use = Sim().Use();
+        const unsigned int open = bUp ? 1 : 0;
+        Require(use.OpenLibraries == open && use.Initializations == open, "the library is not open as it should be");
         Require(!bSamplerRuns || bUp, "a sampler runs without NVML");
-        Require(sampler::Waits() == WaitsSeen, "the sampler woke without a reason");
+        Require(sampler_clock::WaitsBegun() == WaitsSeen, "the sampler woke without a reason");
         RequireHistories(histories);
         RequireStatus(bUp, status, histories);
     }
@@ -793,68 +798,76 @@ private:
         const bool bActive = status == ActiveStatus(histories.size()) && !histories.empty();
         if (bUp) {
             Require(bActive, "the status is not that of an NVML that is up");
-            Require(histories.back().Device.Index < Nvml().ToldDevices(), "a GPU is listed that was not told");
-        } else if (Nvml().Openings() == OpeningsAtBirth) {
+            Require(histories.back().Device.Index < Nvml().DeviceCount(), "a GPU is listed that was not told");
+        } else if (Sim().Use().Openings == OpeningsAtBirth) {
             Require(status.empty() && histories.empty(), "something is known without an attempt");
         } else {
             Require(bActive || IsOneOf(status, kStartFailures), "the status is no known line");
         }
         // Of the failures, only this one comes after NVML told of GPUs.
-        const bool bJustFailed = !bUp && Nvml().Openings() != OpeningsBefore;
-        if (bJustFailed && Nvml().ToldDevices() > 0) Require(histories.empty(), "a failed start left histories");
+        const bool bJustFailed = !bUp && Sim().Use().Openings != OpeningsBefore;
+        if (bJustFailed && Nvml().DeviceCount() > 0) Require(histories.empty(), "a failed start left histories");
     }
 
     Input Bytes;
     bool bLong;
     std::unique_ptr<NvmlGpuMonitor> Monitor = std::make_unique<NvmlGpuMonitor>();
     bool bSamplerRuns = false;
+    /// What the latest query returned.
+    bool bFilled = false;
     uint64_t WaitsSeen = 0;
     uint64_t OpeningsAtBirth = 0;
     uint64_t OpeningsBefore = 0;
     unsigned int CyclesLeft = kMostCycles;
-    std::chrono::milliseconds Interval{1000};
-    std::chrono::milliseconds Delay{0};
-    std::chrono::milliseconds RunningDelay{0};
+    milliseconds Interval{1000};
+    milliseconds Delay{0};
+    milliseconds RunningDelay{0};
     GpuClockCapabilities LatestClocks;
     GpuPowerCapabilities LatestPower;
     GpuClockState Captured;
-    std::string Error;
 };
 
 /// Inputs name an instruction by its position, so new ones go last.
-const std::vector<Host::NamedInstruction>& Host::Instructions() {
-    static const std::vector<NamedInstruction> kAll = {
-        {"an answer", &Host::ScriptAnswer},
-        {"the end of answers", &Host::ForgetAnswers},
-        {"a hidden name", &Host::HideName},
-        {"a hidden library", &Host::HideLibrary},
-        {"confusion", &Host::Confuse},
-        {"a frame time", &Host::SetFrameTime},
-        {"a refused thread", &Host::RefuseThread},
-        {"Start", &Host::Start},
-        {"Stop", &Host::Stop},
-        {"PauseSampling", &Host::Pause},
-        {"ResumeSampling", &Host::Resume},
-        {"another monitor", &Host::MakeAnother},
-        {"SetSampleInterval", &Host::SetInterval},
-        {"SetInitialSampleDelay", &Host::SetDelay},
-        {"cycles", &Host::LetCyclesPass},
-        {"a spurious wake-up", &Host::WakeSpuriously},
-        {"ReadCurrentSample", &Host::ReadFirst},
-        {"ReadCurrentSample by index", &Host::ReadAny},
-        {"GetClockCapabilities", &Host::QueryFirstClocks},
-        {"GetClockCapabilities by index", &Host::QueryClocks},
-        {"GetPowerCapabilities", &Host::QueryPower},
-        {"CaptureClockState", &Host::Capture},
-        {"SetLockedClock", &Host::LockFirst},
-        {"SetLockedClock by index", &Host::LockAny},
-        {"RestoreClockState", &Host::RestoreState},
-        {"RestoreDefaultClocks", &Host::ResetFirst},
-        {"RestoreDefaultClocks by index", &Host::ResetAny},
-        {"SetPowerLimit", &Host::SetLimit},
-        {"RestoreDefaultPowerLimit", &Host::RestoreLimit},
-    };
-    return kAll;
+constexpr Host::Instruction Host::kInstructions[] = {
+    {"an answer", [](Host& host) { host.ScriptAnswer(); }},
+    {"the end of answers", [](Host& host) { Nvml().Forget(host.AnyEntryPoint()); }},
+    {"a hidden name", [](Host& host) { host.HideName(); }},
+    {"a hidden library", [](Host& host) { Nvml().HideLibrary(host.Bytes.Byte()); }},
+    {"confusion", [](Host& host) { host.Confuse(); }},
+    {"a frame time", [](Host& host) { host.SetFrameTime(); }},
+    {"a refused thread", [](Host&) { sampler_clock::RefuseThreads(1); }},
+    {"Start", [](Host& host) { host.Start(&NvmlGpuMonitor::Start); }},
+    {"Stop", [](Host& host) { host.Stop(); }},
+    {"PauseSampling", [](Host& host) { host.Pause(); }},
+    {"ResumeSampling", [](Host& host) { host.Start(&NvmlGpuMonitor::ResumeSampling); }},
+    {"another monitor", [](Host& host) { host.MakeAnother(); }},
+    {"SetSampleInterval", [](Host& host) { host.SetInterval(); }},
+    {"SetInitialSampleDelay", [](Host& host) { host.SetDelay(); }},
+    {"cycles", [](Host& host) { host.LetCyclesPass(); }},
+    {"a spurious wake-up", [](Host& host) { host.WakeSpuriously(); }},
+    {"ReadCurrentSample", [](Host& host) { host.Read({}); }},
+    {"ReadCurrentSample by index", [](Host& host) { host.Read(host.AnyIndex()); }},
+    {"GetClockCapabilities", [](Host& host) { host.QueryClocks({}); }},
+    {"GetClockCapabilities by index", [](Host& host) { host.QueryClocks(host.AnyIndex()); }},
+    {"GetPowerCapabilities", [](Host& host) { host.QueryPower(); }},
+    {"CaptureClockState", [](Host& host) { host.Capture(); }},
+    {"SetLockedClock", [](Host& host) { host.Lock({}); }},
+    {"SetLockedClock by index", [](Host& host) { host.Lock(host.AnyIndex()); }},
+    {"RestoreClockState", [](Host& host) { host.RestoreState(); }},
+    {"RestoreDefaultClocks", [](Host& host) { host.Reset({}); }},
+    {"RestoreDefaultClocks by index", [](Host& host) { host.Reset(host.AnyIndex()); }},
+    {"SetPowerLimit", [](Host& host) { host.SetLimit(); }},
+    {"RestoreDefaultPowerLimit", [](Host& host) { host.RestoreLimit(); }},
+};
+
+void Host::Step() {
+    const Instruction& chosen = kInstructions[Bytes.Byte() % std::size(kInstructions)];
+    Operation = chosen.Name;
+    Nvml().BeginOperation();
+    OpeningsBefore = Sim().Use().Openings;
+    chosen.Do(*this);
+    RequireState();
+    RequireNoMisuse();
 }
 
 }  // namespace
@@ -867,8 +880,9 @@ void Fail(const std::string& what) {
 }  // namespace monitor_fuzz
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    monitor_fuzz::Nvml().Reset();
-    monitor_fuzz::sampler::Reset();
+    monitor_fuzz::ResetDriver();
+    sampler_clock::Reset();
+    sampler_clock::Hold();
     GPUProfiler::Get()->FrameTimeMs.reset();
     monitor_fuzz::Host(data, size).Run();
     return 0;

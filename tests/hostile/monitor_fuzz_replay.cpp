@@ -1,4 +1,5 @@
-// Runs the fuzz target once for every file that is named or lies in a folder that is named, where no fuzzer does it.
+// Runs the fuzz target once for every file that is named on the command line and every file in a folder that is named,
+// where the program is built without a fuzzer.
 
 #include <algorithm>
 #include <cstdint>
@@ -25,7 +26,7 @@ std::vector<std::filesystem::path> FilesOf(const std::filesystem::path& named) {
 }
 
 void Replay(const std::filesystem::path& path) {
-    // Told before, so that the output of a failure ends with its file.
+    // Printed before, so that the output of a failure names its file.
     std::printf("%s\n", path.c_str());
     std::fflush(stdout);
     std::ifstream file;
@@ -35,25 +36,20 @@ void Replay(const std::filesystem::path& path) {
     LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
 }
 
-int ReplayAll(const std::vector<std::string>& named) {
-    size_t replayed = 0;
-    for (const std::string& name : named) {
-        const std::vector<std::filesystem::path> files = FilesOf(name);
-        for (const std::filesystem::path& file : files) Replay(file);
-        replayed += files.size();
-    }
-    std::printf("%zu inputs replayed\n", replayed);
-    // A folder that has gone empty must not pass for one whose inputs are all fine.
-    return replayed > 0 ? 0 : 1;
-}
-
 }  // namespace
 
-int main(int argc, char** argv) {
-    try {
-        return ReplayAll({argv + 1, argv + argc});
-    } catch (const std::exception& error) {
-        std::fprintf(stderr, "%s\n", error.what());
-        return 2;
+int main(int argc, char** argv) try {
+    size_t replayed = 0;
+    for (const std::string& named : std::vector<std::string>(argv + 1, argv + argc)) {
+        for (const std::filesystem::path& file : FilesOf(named)) {
+            Replay(file);
+            ++replayed;
+        }
     }
+    std::printf("%zu inputs replayed\n", replayed);
+    // An empty folder must not pass for one whose inputs are all fine.
+    return replayed > 0 ? 0 : 1;
+} catch (const std::exception& error) {
+    std::fprintf(stderr, "%s\n", error.what());
+    return 2;
 }

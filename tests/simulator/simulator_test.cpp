@@ -1,6 +1,5 @@
 // The simulated NVML as its clients see it: protocols, boards that live, and what it says of a caller's mistakes.
 
-#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -16,37 +15,25 @@ namespace {
 using namespace simulated_nvml;
 using namespace testing;
 
-template <typename T>
-uintptr_t Register(T argument) {
-    return (uintptr_t)argument;  // a pointer or a number
-}
-
-/// Calls an export as a client does that knows only its name: each argument travels in a register of its own.
-template <typename... Arguments>
-unsigned int Call(const char* name, Arguments... arguments) {
-    using EntryPointFn = unsigned int (*)(decltype(Register(arguments))...);
-    return reinterpret_cast<EntryPointFn>(dlsym(RTLD_DEFAULT, name))(Register(arguments)...);
-}
-
 class SimulatorTest : public testing::Test {
 protected:
     SimulatorTest() {
         Sim.Reset();
         Sim.SetBoards({DesktopBoard(0), LaptopBoard(1), DataCenterBoard(2), OldBoard(3)});
-        EXPECT_EQ(Call("nvmlInit_v2"), kSuccess);
+        EXPECT_EQ(nvmlInit_v2(), kSuccess);
     }
 
     static void* Handle(unsigned int index) {
         void* device = nullptr;
-        EXPECT_EQ(Call("nvmlDeviceGetHandleByIndex_v2", index, &device), kSuccess);
+        EXPECT_EQ(nvmlDeviceGetHandleByIndex_v2(index, &device), kSuccess);
         return device;
     }
 
-    /// What a query that must succeed tells.
-    template <typename... Selector>
-    static unsigned int Value(const char* query, void* device, Selector... selector) {
+    /// What a query answers that must succeed.
+    template <typename... Parameters, typename... Selector>
+    static unsigned int Value(NvmlReturn (*query)(NvmlDevice, Parameters...), void* device, Selector... selector) {
         unsigned int value = 0;
-        EXPECT_EQ(Call(query, device, selector..., &value), kSuccess) << query;
+        EXPECT_EQ(query(device, selector..., &value), kSuccess);
         return value;
     }
 
@@ -54,7 +41,7 @@ protected:
     unsigned long long ReasonsAfter(double seconds) {
         unsigned long long reasons = 0;
         Sim.HoldTimeAt(Seconds += seconds);
-        EXPECT_EQ(Call("nvmlDeviceGetCurrentClocksThrottleReasons", Handle(0), &reasons), kSuccess);
+        EXPECT_EQ(nvmlDeviceGetCurrentClocksThrottleReasons(Handle(0), &reasons), kSuccess);
         return reasons;
     }
 
@@ -63,21 +50,17 @@ protected:
     unsigned int Output = 0;
 };
 
-TEST_F(SimulatorTest, ExportsEveryNameOfItsList) {
-    for (const char* name : kEntryPointNames) EXPECT_NE(dlsym(RTLD_DEFAULT, name), nullptr) << name;
-}
-
 TEST_F(SimulatorTest, InitializationIsCountedAndCallsOutsideItAreMisuse) {
-    Call("nvmlInit_v2");
-    EXPECT_EQ(Call("nvmlShutdown"), kSuccess);
+    nvmlInit_v2();
+    EXPECT_EQ(nvmlShutdown(), kSuccess);
     void* const device = Handle(0);
-    EXPECT_EQ(Call("nvmlShutdown"), kSuccess);
+    EXPECT_EQ(nvmlShutdown(), kSuccess);
     EXPECT_THAT(Sim.Misuse(), IsEmpty());
 
-    EXPECT_EQ(Call("nvmlDeviceGetCount_v2", &Output), kUninitialized);
-    EXPECT_EQ(Call("nvmlShutdown"), kUninitialized);
-    Call("nvmlInit_v2");
-    EXPECT_EQ(Call("nvmlDeviceGetPowerUsage", device, &Output), kInvalidArgument) << "a handle of the time before";
+    EXPECT_EQ(nvmlDeviceGetCount_v2(&Output), kUninitialized);
+    EXPECT_EQ(nvmlShutdown(), kUninitialized);
+    nvmlInit_v2();
+    EXPECT_EQ(nvmlDeviceGetPowerUsage(device, &Output), kInvalidArgument) << "a handle of the time before";
     EXPECT_THAT(Sim.Misuse(), ElementsAre("nvmlDeviceGetCount_v2() while NVML was not initialized.",
                                           "nvmlShutdown() while NVML was not initialized.",
                                           "nvmlDeviceGetPowerUsage() with a handle that is null, stale or unknown."));
@@ -85,63 +68,82 @@ TEST_F(SimulatorTest, InitializationIsCountedAndCallsOutsideItAreMisuse) {
 
 TEST_F(SimulatorTest, WrongArgumentsAreRefused) {
     void* const device = Handle(0);
-    const std::vector<unsigned int> results = {Call("nvmlDeviceGetHandleByIndex_v2", 4U, nullptr),
-                                               Call("nvmlDeviceGetHandleByIndex_v2", 0U, nullptr),
-                                               Call("nvmlDeviceGetPowerUsage", device, nullptr),
-                                               Call("nvmlDeviceGetTemperature", device, 1U, &Output),
-                                               Call("nvmlDeviceGetClockInfo", device, 4U, &Output),
-                                               Call("nvmlDeviceSetGpuLockedClocks", device, 900U, 800U),
-                                               Call("nvmlDeviceSetPowerManagementLimit", device, 149999U),
-                                               Call("nvmlDeviceSetPowerManagementLimit", device, 352001U)};
-    EXPECT_THAT(results, Each(kInvalidArgument));
+    const std::vector<unsigned int> misused = {nvmlDeviceGetHandleByIndex_v2(0, nullptr),
+                                               nvmlDeviceGetPowerUsage(device, nullptr),
+                                               nvmlDeviceGetUtilizationRates(device, nullptr),
+                                               nvmlDeviceGetPowerManagementLimitConstraints(device, &Output, nullptr),
+                                               nvmlDeviceGetSupportedMemoryClocks(device, nullptr, &Output),
+                                               nvmlDeviceGetSupportedMemoryClocks(device, &(Output = 4), nullptr),
+                                               nvmlDeviceGetTemperature(device, 1, &Output),
+                                               nvmlDeviceGetTemperatureThreshold(device, 2, &Output),
+                                               nvmlDeviceGetPcieThroughput(device, 2, &Output),
+                                               nvmlDeviceGetClockInfo(device, 4, &Output)};
+    EXPECT_THAT(misused, Each(kInvalidArgument));
+    EXPECT_THAT(Sim.Misuse(), SizeIs(misused.size()));
+    void* other = nullptr;
+    const std::vector<unsigned int> refused = {
+        nvmlDeviceGetHandleByIndex_v2(4, &other), nvmlDeviceSetGpuLockedClocks(device, 900, 800),
+        nvmlDeviceSetPowerManagementLimit(device, 149999), nvmlDeviceSetPowerManagementLimit(device, 352001)};
+    EXPECT_THAT(refused, Each(kInvalidArgument));
+    EXPECT_THAT(Sim.Misuse(), SizeIs(misused.size())) << "a board may refuse these";
     EXPECT_THROW(Sim.FailFrom("nvmlDeviceGetFanSped", kUnknown), std::invalid_argument);
 }
 
-TEST_F(SimulatorTest, ListQueriesTellTheSizeTheyNeed) {
-    const char* const query = "nvmlDeviceGetSupportedMemoryClocks";
+TEST_F(SimulatorTest, TextsNeedRoomForTheirTerminator) {
+    const std::string name = DesktopBoard(0).Name;
+    const auto length = static_cast<unsigned int>(name.size());
+    char text[96] = {};
+    EXPECT_EQ(nvmlDeviceGetName(Handle(0), text, length), kInsufficientSize);
+    EXPECT_EQ(nvmlDeviceGetName(Handle(0), text, length + 1), kSuccess);
+    EXPECT_EQ(text, name);
+    std::vector<std::string> errors;
+    for (const unsigned int code : {0, 1, 2, 3, 4, 6, 7, 15, 999}) errors.emplace_back(nvmlErrorString(code));
+    EXPECT_THAT(errors, ElementsAre("Success", "NVML is not initialized", "Invalid argument", "Not supported",
+                                    "No permission", "Not found", "Insufficient size", "GPU is lost", "Unknown error"));
+}
+
+TEST_F(SimulatorTest, ListQueriesAnswerTheSizeTheyNeed) {
+    const auto query = nvmlDeviceGetSupportedMemoryClocks;
     void* const device = Handle(0);
-    EXPECT_EQ(Call(query, device, &Output, nullptr), kInsufficientSize);
-    ASSERT_EQ(Output, 5U);
+    EXPECT_EQ(query(device, &Output, nullptr), kInsufficientSize);
+    ASSERT_EQ(Output, 5);
     std::vector<unsigned int> clocks(5);
-    EXPECT_EQ(Call(query, device, &Output, nullptr), kInvalidArgument);
-    EXPECT_EQ(Call(query, device, &(Output = 4), clocks.data()), kInsufficientSize);
-    EXPECT_EQ(Call(query, device, &Output, clocks.data()), kSuccess) << "with the room it asked for";
+    EXPECT_EQ(query(device, &(Output = 4), clocks.data()), kInsufficientSize);
+    EXPECT_EQ(query(device, &Output, clocks.data()), kSuccess) << "with the room it asked for";
     EXPECT_THAT(clocks, ElementsAre(11201, 10802, 5001, 810, 405));
-    EXPECT_EQ(Call("nvmlDeviceGetSupportedGraphicsClocks", device, 406U, &Output, nullptr), kNotFound);
-    EXPECT_EQ(Call("nvmlDeviceGetGraphicsRunningProcesses", Handle(2), &(Output = 0), nullptr), kSuccess) << "none";
+    EXPECT_EQ(nvmlDeviceGetSupportedGraphicsClocks(device, 406, &(Output = 0), nullptr), kNotFound);
+    EXPECT_EQ(nvmlDeviceGetGraphicsRunningProcesses(Handle(2), &(Output = 0), nullptr), kSuccess) << "none";
 }
 
 TEST_F(SimulatorTest, BoardsAndRightsDecideWhatCanBeDone) {
-    const std::vector<unsigned int> results = {Call("nvmlDeviceGetFanSpeed", Handle(1), &Output),
-                                               Call("nvmlDeviceGetFanSpeed", Handle(2), &Output),
-                                               Call("nvmlDeviceSetPowerManagementLimit", Handle(1), 90000U),
-                                               Call("nvmlDeviceSetGpuLockedClocks", Handle(3), 900U, 900U)};
+    const std::vector<unsigned int> results = {
+        nvmlDeviceGetFanSpeed(Handle(1), &Output), nvmlDeviceGetFanSpeed(Handle(2), &Output),
+        nvmlDeviceSetPowerManagementLimit(Handle(1), 90000), nvmlDeviceSetGpuLockedClocks(Handle(3), 900, 900)};
     EXPECT_THAT(results, Each(kNotSupported));
-    EXPECT_EQ(Value("nvmlDeviceGetTemperatureThreshold", Handle(0), kThresholdSlowdown), 97U);
-    EXPECT_EQ(Value("nvmlDeviceGetMaxClockInfo", Handle(0), kClockMemory), 11201U);
-    EXPECT_EQ(Value("nvmlDeviceGetMaxPcieLinkGeneration", Handle(2)), 5U);
-    EXPECT_EQ(Call("nvmlDeviceSetPowerManagementLimit", Handle(0), 200000U), kSuccess);
+    EXPECT_EQ(Value(nvmlDeviceGetTemperatureThreshold, Handle(0), kThresholdSlowdown), 97);
+    EXPECT_EQ(Value(nvmlDeviceGetMaxClockInfo, Handle(0), kClockMemory), 11201);
+    EXPECT_EQ(Value(nvmlDeviceGetMaxPcieLinkGeneration, Handle(2)), 5);
+    EXPECT_EQ(nvmlDeviceSetPowerManagementLimit(Handle(0), 200000), kSuccess);
     Sim.SetAdministratorRights(false);
-    EXPECT_EQ(Call("nvmlDeviceSetPowerManagementLimit", Handle(0), 200000U), kNoPermission);
-    EXPECT_EQ(Call("nvmlDeviceResetGpuLockedClocks", Handle(0)), kNoPermission);
+    EXPECT_EQ(nvmlDeviceSetPowerManagementLimit(Handle(0), 200000), kNoPermission);
+    EXPECT_EQ(nvmlDeviceResetGpuLockedClocks(Handle(0)), kNoPermission);
 }
 
-TEST_F(SimulatorTest, SameSeedLivesTheSameLifeHoweverOftenItIsAsked) {
-    const auto powerOverTime = [this](uint64_t seed, int stepSeconds) {
-        Sim.Reset();
-        Sim.SetSeed(seed);
-        Call("nvmlInit_v2");
-        std::vector<unsigned int> everyMinute;
-        for (int seconds = 0; seconds < 300; seconds += stepSeconds) {
-            Sim.HoldTimeAt(seconds);
-            const unsigned int power = Value("nvmlDeviceGetPowerUsage", Handle(0));
-            if (seconds % 60 == 0) everyMinute.push_back(power);
-        }
-        return everyMinute;
+TEST_F(SimulatorTest, BoardsOfASeedLiveTheSameLifeHoweverOftenTheyAreAsked) {
+    const auto readingsAt = [this](double seconds, unsigned int index) {
+        Sim.HoldTimeAt(seconds);
+        void* const device = Handle(index);
+        return std::vector<unsigned int>{Value(nvmlDeviceGetPowerUsage, device),
+                                         Value(nvmlDeviceGetTemperature, device, kSensorGpu),
+                                         Value(nvmlDeviceGetClockInfo, device, kClockMemory),
+                                         Value(nvmlDeviceGetPcieThroughput, device, kPcieReceive)};
     };
-    const std::vector<unsigned int> power = powerOverTime(7, 60);
-    EXPECT_EQ(powerOverTime(7, 1), power);
-    EXPECT_NE(powerOverTime(8, 60), power);
+    for (int seconds = 1; seconds < 100; ++seconds) readingsAt(seconds, 0);
+    EXPECT_THAT(readingsAt(100, 0), ElementsAre(302849, 75, 11201, 1597088));
+    EXPECT_THAT(readingsAt(100, 1), ElementsAre(48767, 55, 7001, 199749));
+    EXPECT_THAT(readingsAt(100, 2), ElementsAre(345770, 72, 1593, 1475913));
+    Sim.SetSeed(8);
+    EXPECT_THAT(readingsAt(100, 2), Not(ElementsAre(345770, 72, 1593, 1475913)));
 }
 
 TEST_F(SimulatorTest, LimitsActOnTheBoardAndTheReasonsSaySo) {
@@ -151,23 +153,25 @@ TEST_F(SimulatorTest, LimitsActOnTheBoardAndTheReasonsSaySo) {
     void* const device = Handle(0);
     // Until the board runs against its own limit, within a time in which any training does.
     while (ReasonsAfter(1.0) != kReasonSoftwarePowerCap) ASSERT_LT(Seconds, 600.0);
-    const unsigned int clock = Value("nvmlDeviceGetClockInfo", device, kClockGraphics);
+    const unsigned int clock = Value(nvmlDeviceGetClockInfo, device, kClockGraphics);
 
-    EXPECT_EQ(Call("nvmlDeviceSetPowerManagementLimit", device, 180000U), kSuccess);
+    EXPECT_EQ(nvmlDeviceSetPowerManagementLimit(device, 180000), kSuccess);
     EXPECT_EQ(ReasonsAfter(3.0), kReasonSoftwarePowerCap);
-    EXPECT_LE(Value("nvmlDeviceGetPowerUsage", device), 181000U);
-    EXPECT_LT(Value("nvmlDeviceGetClockInfo", device, kClockGraphics), clock);
-    const unsigned int hot = Value("nvmlDeviceGetTemperature", device, kSensorGpu);
+    EXPECT_LE(Value(nvmlDeviceGetPowerUsage, device), 181000);
+    EXPECT_LT(Value(nvmlDeviceGetClockInfo, device, kClockGraphics), clock);
+    const unsigned int hot = Value(nvmlDeviceGetTemperature, device, kSensorGpu);
 
-    EXPECT_EQ(Call("nvmlDeviceSetGpuLockedClocks", device, 900U, 900U), kSuccess);
-    EXPECT_EQ(Call("nvmlDeviceSetMemoryLockedClocks", device, 6000U, 6000U), kSuccess);
+    EXPECT_EQ(nvmlDeviceSetGpuLockedClocks(device, 900, 900), kSuccess);
+    EXPECT_EQ(ReasonsAfter(60.0), kReasonApplicationClocks) << "without a memory lock";
+    EXPECT_EQ(Value(nvmlDeviceGetClockInfo, device, kClockMemory), 11201);
+    EXPECT_EQ(nvmlDeviceSetMemoryLockedClocks(device, 6000, 6000), kSuccess);
     EXPECT_EQ(ReasonsAfter(60.0), kReasonApplicationClocks);
-    EXPECT_EQ(Value("nvmlDeviceGetClockInfo", device, kClockGraphics), 900U);
-    EXPECT_EQ(Value("nvmlDeviceGetClockInfo", device, kClockMemory), 5001U) << "the nearest clock of the list";
-    EXPECT_LT(Value("nvmlDeviceGetTemperature", device, kSensorGpu), hot);
-    EXPECT_EQ(Call("nvmlDeviceResetGpuLockedClocks", device), kSuccess);
+    EXPECT_EQ(Value(nvmlDeviceGetClockInfo, device, kClockGraphics), 900);
+    EXPECT_EQ(Value(nvmlDeviceGetClockInfo, device, kClockMemory), 5001) << "the nearest clock of the list";
+    EXPECT_LT(Value(nvmlDeviceGetTemperature, device, kSensorGpu), hot);
+    EXPECT_EQ(nvmlDeviceResetGpuLockedClocks(device), kSuccess);
     ReasonsAfter(1.0);
-    EXPECT_GT(Value("nvmlDeviceGetClockInfo", device, kClockGraphics), 900U);
+    EXPECT_GT(Value(nvmlDeviceGetClockInfo, device, kClockGraphics), 900);
 }
 
 TEST_F(SimulatorTest, ClocksLockedOnAnIdleBoardHoldAtTheNextTick) {
@@ -182,26 +186,42 @@ TEST_F(SimulatorTest, ClocksLockedOnAnIdleBoardHoldAtTheNextTick) {
     const unsigned int cases[][4] = {
         {900, 0, 810, 0}, {420, 405, 405, 0}, {210, 405, 405, kReasonIdle}, {3105, 11201, 11201, 0}};
     for (const auto& [graphics, memory, memoryClock, reasons] : cases) {
-        Call("nvmlDeviceSetGpuLockedClocks", device, graphics, graphics);
-        Call("nvmlDeviceSetMemoryLockedClocks", device, memory, memory);
+        nvmlDeviceSetGpuLockedClocks(device, graphics, graphics);
+        nvmlDeviceSetMemoryLockedClocks(device, memory, memory);
         EXPECT_EQ(ReasonsAfter(kTick), reasons) << graphics;
-        EXPECT_EQ(Value("nvmlDeviceGetClockInfo", device, kClockGraphics), graphics);
-        EXPECT_EQ(Value("nvmlDeviceGetClockInfo", device, kClockMemory), memoryClock);
+        EXPECT_EQ(Value(nvmlDeviceGetClockInfo, device, kClockGraphics), graphics);
+        EXPECT_EQ(Value(nvmlDeviceGetClockInfo, device, kClockMemory), memoryClock);
     }
-    Call("nvmlDeviceResetGpuLockedClocks", device);
-    Call("nvmlDeviceResetMemoryLockedClocks", device);
+    nvmlDeviceResetGpuLockedClocks(device);
+    nvmlDeviceResetMemoryLockedClocks(device);
     EXPECT_EQ(ReasonsAfter(kTick), kReasonIdle);
 }
 
 TEST_F(SimulatorTest, LostBoardStaysLostAndTheOthersDoNot) {
     Sim.LoseBoard(1, 2);
     void* const lost = Handle(1);
-    EXPECT_EQ(Call("nvmlDeviceGetPowerUsage", lost, &Output), kSuccess);
-    EXPECT_EQ(Call("nvmlDeviceGetPowerUsage", lost, &Output), kGpuIsLost);
-    Call("nvmlShutdown");
-    Call("nvmlInit_v2");
-    EXPECT_EQ(Call("nvmlDeviceGetHandleByIndex_v2", 1U, nullptr), kGpuIsLost);
-    Value("nvmlDeviceGetPowerUsage", Handle(0));
+    EXPECT_EQ(nvmlDeviceGetPowerUsage(lost, &Output), kSuccess);
+    EXPECT_EQ(nvmlDeviceGetPowerUsage(lost, &Output), kGpuIsLost);
+    nvmlShutdown();
+    nvmlInit_v2();
+    EXPECT_EQ(nvmlDeviceGetHandleByIndex_v2(1, nullptr), kGpuIsLost);
+    Value(nvmlDeviceGetPowerUsage, Handle(0));
+}
+
+TEST_F(SimulatorTest, ScriptedAnswersComeInTurnInPlaceOfTheBoards) {
+    void* const device = Handle(0);
+    ScriptedAnswers& answers = Sim.Answers();
+    answers.BeginOperation();
+    const Answer failureThatWrites{kUnknown, true, 0, 101};
+    const Answer successThatDoesNot{kSuccess, false};
+    for (const Answer& answer : {failureThatWrites, successThatDoesNot})
+        answers.Append(EntryPoint::nvmlDeviceGetFanSpeed, answer);
+    const auto fan = [&] { return std::pair(nvmlDeviceGetFanSpeed(device, &Output), Output); };
+    EXPECT_THAT(fan(), Pair(kUnknown, 101));
+    Output = 5;
+    EXPECT_THAT(fan(), Pair(kSuccess, 5));
+    EXPECT_THAT(fan(), Pair(kUnknown, 101));
+    EXPECT_EQ(answers.Last(EntryPoint::nvmlDeviceGetFanSpeed).First, 101);
 }
 
 TEST_F(SimulatorTest, TwoThreadsInsideAreMisuseOnlyWhereForbidden) {
@@ -210,9 +230,9 @@ TEST_F(SimulatorTest, TwoThreadsInsideAreMisuseOnlyWhereForbidden) {
         EXPECT_THAT(Sim.Misuse(), IsEmpty());
         if (calls == 2) Sim.ForbidConcurrentCalls();
         Sim.Block("nvmlDeviceGetFanSpeed");
-        std::thread other([&] { Value("nvmlDeviceGetFanSpeed", device); });
+        std::thread other([&] { Value(nvmlDeviceGetFanSpeed, device); });
         EXPECT_TRUE(Sim.WaitForCalls("nvmlDeviceGetFanSpeed", calls, std::chrono::seconds(60)));
-        Value("nvmlDeviceGetPowerUsage", device);
+        Value(nvmlDeviceGetPowerUsage, device);
         Sim.Unblock();
         other.join();
     }
