@@ -307,6 +307,7 @@ TEST_F(ViewTest, PlotsAreThoseThatWereChosenAndFindRoom) {
         std::string found;
         for (int i = 0; i < 5; ++i) found += screen.find(kTitles[i]) == std::string::npos ? "" : std::to_string(i + 1);
         EXPECT_EQ(found, shownKeys) << screen;
+        EXPECT_EQ(screen.find("Tab GPU"), std::string::npos) << "with one GPU";
         EXPECT_NE(screen.find(text), std::string::npos) << text << '\n' << screen;
     }
     Press("2");
