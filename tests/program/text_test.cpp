@@ -8,6 +8,7 @@
 
 #include "gpu_feed/clock.h"
 #include "text/change_report.h"
+#include "text/change_text.h"
 #include "text/json_format.h"
 #include "text/stream_format.h"
 #include "text/table_format.h"
@@ -177,6 +178,7 @@ TEST(TextTest, ReportOfALockSaysWhyOtherClocksRunAndAdviceWhatCanBeLocked) {
     for (const auto& [gpu, graphics, report] : cases) {
         const Details details = LockReport({graphics, 5001}, gpu.Sample, 3, "--simulate");
         EXPECT_THAT(Words(Paragraph({}, details, 40)), EndsWith(report + undo));
+        EXPECT_THAT(Paragraph({}, details, 40), HasSubstr("gpu_monitor reset-clocks --gpu 3 --simulate\n"));
     }
     const GpuClockCapabilities listed = {0, "", "", {{1000, 5001}, {1020, 5001}, {1020, 405}}, -1, -1, true, ""};
     const std::pair<GpuClockPair, std::string> advice[] = {
@@ -186,6 +188,7 @@ TEST(TextTest, ReportOfALockSaysWhyOtherClocksRunAndAdviceWhatCanBeLocked) {
         EXPECT_EQ(LockAdvice(pair, "", listed, 3, ""),
                   nearest + "\nAll that can be locked: gpu_monitor clocks --gpu 3");
     }
+    EXPECT_EQ(CommandOf({Kind::LockClocks, {1500, 5001}}, 3, ""), "gpu_monitor lock-clocks --gpu 3 1500 5001");
 }
 
 }  // namespace
