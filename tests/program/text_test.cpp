@@ -180,7 +180,8 @@ TEST(TextTest, ReportOfALockSaysWhyOtherClocksRunAndAdviceWhatCanBeLocked) {
         EXPECT_THAT(Words(Paragraph({}, details, 40)), EndsWith(report + undo));
         EXPECT_THAT(Paragraph({}, details, 40), HasSubstr("gpu_monitor reset-clocks --gpu 3 --simulate\n"));
     }
-    const GpuClockCapabilities listed = {0, "", "", {{1000, 5001}, {1020, 5001}, {1020, 405}}, -1, -1, true, ""};
+    const GpuClockCapabilities listed = {0,  "", "",   {{1000, 5001}, {1020, 5001}, {1020, 405}, {405, 1000}},
+                                         -1, -1, true, ""};
     const std::pair<GpuClockPair, std::string> advice[] = {
         {{1010, 5000}, "Nearest: 1000 MHz graphics, 5001 MHz memory or 1020 MHz graphics, 5001 MHz memory."},
         {{405, 1020}, "Nearest: 1020 MHz graphics, 405 MHz memory."}};
