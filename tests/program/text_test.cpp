@@ -8,6 +8,7 @@
 
 #include "gpu_feed/clock.h"
 #include "text/change_report.h"
+#include "text/change_text.h"
 #include "text/json_format.h"
 #include "text/stream_format.h"
 #include "text/table_format.h"
@@ -31,7 +32,9 @@ GpuReadings FullGpu(uint64_t limitReasons = 0x24) {
 }
 
 /// A GPU that answers nothing.
-const GpuReadings kSilentGpu = {{"Old", 12, "", "", "", "", "", 0}, {}};
+GpuReadings SilentGpu() {
+    return {{"Old", 12, "", "", "", "", "", 0}, {}};
+}
 
 GpuPowerCapabilities Power(double current, double byDefault = 320.0) {
     return {0, "", GpuCapabilityState::Supported, current, byDefault, 150.0, 352.0, "Fine."};
@@ -39,14 +42,14 @@ GpuPowerCapabilities Power(double current, double byDefault = 320.0) {
 
 /// The words of a text with one space between them, without the time of day.
 std::string Words(const std::string& text) {
-    std::istringstream words(std::regex_replace(text, std::regex("\"time\": ?\"[^\"]*\","), ""));
+    std::istringstream words(std::regex_replace(text, std::regex(R"("time": ?"[^"]*",)"), ""));
     std::string joined;
     for (std::string word; words >> word;) joined += (joined.empty() ? "" : " ") + word;
     return joined;
 }
 
 TEST(TextTest, TableHasARowForEachReading) {
-    const std::string table = SampleText({FullGpu(), kSilentGpu}, 52);
+    const std::string table = SampleText({FullGpu(), SilentGpu()}, 52);
     EXPECT_EQ(Words(table),
               "GPU 3: Board? GPU 12: Old GPU 3 GPU 12 GPU utilization % 7 - Memory utilization % 8 - "
               "Encoder utilization % 9 - Decoder utilization % 10 - VRAM used MiB 1000 - VRAM total MiB 2000 - "
@@ -61,12 +64,13 @@ TEST(TextTest, TableHasARowForEachReading) {
                                         "GPU utilization      %                7            -\n"),
                              EndsWith("Limited by                   power cap,            -\n"
                                       "                                thermal             \n")));
-    EXPECT_EQ(SampleText({FullGpu(), kSilentGpu}, 51), SampleText({FullGpu()}, 0) + '\n' + SampleText({kSilentGpu}, 0));
+    EXPECT_EQ(SampleText({FullGpu(), SilentGpu()}, 51),
+              SampleText({FullGpu()}, 0) + '\n' + SampleText({SilentGpu()}, 0));
 }
 
 TEST(TextTest, StreamHasColumnsWithUnitsAndAsManyLimitsAsFit) {
     EXPECT_EQ(StreamHeading() + StreamText(FullGpu().Device, FullGpu().Sample, 12.34) +
-                  StreamText(kSilentGpu.Device, kSilentGpu.Sample, 0.0),
+                  StreamText(SilentGpu().Device, SilentGpu().Sample, 0.0),
               "    time gpu util  mem   vram  power temp  fan   gfx   mem limited by\n"
               "       s        %    %    MiB      W    C    %   MHz   MHz\n"
               "    12.3   3    7    8   1000  100.0   61   41  1500  5001 power cap, thermal\n"
@@ -93,14 +97,15 @@ TEST(TextTest, JsonHasWhatWasReadUnderItsUnit) {
         } ] })"));
     // A name that is not UTF-8 does not spoil the line.
     const std::vector<gpu_feed::FeedProcess> processes = {{7, 1, "a\xff", "user"}, {8, 2, "", ""}};
-    EXPECT_EQ(Words(StreamJson(kSilentGpu.Device, {}, &processes)),
+    EXPECT_EQ(Words(StreamJson(SilentGpu().Device, {}, &processes)),
               R"({"index":12,"name":"Old","timestamp_seconds":0.0,"processes":[{"pid":7,"vram_used_bytes":1,)"
               R"("name":"a�","user":"user"},{"pid":8,"vram_used_bytes":2}]})");
 }
 
 TEST(TextTest, JsonTimeIsTheTimeOfDayOfTheSample) {
     // The milliseconds of one of these begin with a zero.
-    for (double age = 7000.0; age < 7001.0; age += 0.1) {
+    for (int tenth = 0; tenth < 10; ++tenth) {
+        const double age = 7000.0 + 0.1 * tenth;
         GpuTelemetrySample sample;
         sample.TimestampSeconds = gpu_feed::NowSeconds() - age;
         const std::string json = StreamJson({}, sample, nullptr);
@@ -113,14 +118,14 @@ TEST(TextTest, JsonTimeIsTheTimeOfDayOfTheSample) {
 }
 
 TEST(TextTest, AnswersAreParagraphsAndObjects) {
-    EXPECT_EQ(Words(ListText({FullGpu().Device, kSilentGpu.Device})),
+    EXPECT_EQ(Words(ListText({FullGpu().Device, SilentGpu().Device})),
               "Index 3 Name Board? UUID GPU-1 PCI bus id 00:02.0 Architecture Ada Driver version 550.1 "
               "VBIOS version 94.02 BAR1 size 256 MiB Index 12 Name Old UUID - PCI bus id - Architecture - "
               "Driver version - VBIOS version - BAR1 size -");
     const std::vector<GpuClockPair> pairs = {{300, 405}, {315, 405}, {330, 405}, {345, 405},
                                              {400, 405}, {410, 405}, {420, 405}, {210, 5001}};
     const std::vector<GpuClocks> clocks = {{FullGpu().Device, {0, "", "", pairs, 300, -1, true, "Fine."}},
-                                           {kSilentGpu.Device, {0, "", "", {}, -1, -1, false, "No clocks here."}}};
+                                           {SilentGpu().Device, {0, "", "", {}, -1, -1, false, "No clocks here."}}};
     EXPECT_EQ(ClockQueryText(clocks, 38),
               "GPU 3: Board?\nRunning     300 MHz graphics, - memory\nLocking     possible; may need root\n"
               "Memory MHz  Graphics MHz\n      5001  210\n       405  300 to 345 in steps of 15,\n"
@@ -132,7 +137,7 @@ TEST(TextTest, AnswersAreParagraphsAndObjects) {
         { "memory_clock_mhz": 405, "graphics_clocks_mhz": [ 300, 315, 330, 345, 400, 410, 420 ] } ] },
         { "index": 12, "name": "Old", "can_control": false, "status": "No clocks here.", "supported": [] } ] })"));
     const GpuPowerCapabilities unread = {0, "", GpuCapabilityState::DriverLimitation, -1, -1, -1, -1, "Bad."};
-    const std::vector<GpuPower> power = {{FullGpu().Device, Power(200.5)}, {kSilentGpu.Device, unread}};
+    const std::vector<GpuPower> power = {{FullGpu().Device, Power(200.5)}, {SilentGpu().Device, unread}};
     EXPECT_EQ(PowerQueryText(power, 80),
               "GPU 3: Board?\nIn force  200.5 W\nDefault   320 W\nRange     150 to 352 W\nStatus    Fine.\n\n"
               "GPU 12: Old\nIn force  -\nDefault   -\nRange     -\nStatus    Bad.\n");
@@ -173,12 +178,14 @@ TEST(TextTest, ReportOfALockSaysWhyOtherClocksRunAndAdviceWhatCanBeLocked) {
         {FullGpu(), 1500, "5001 MHz memory"},
         {FullGpu(), 1485, "5001 MHz memory" + note + "other clocks run; limited by: power cap, thermal."},
         {FullGpu(0), 1485, "5001 MHz memory" + note + "other clocks run; it does not tell what limits them."},
-        {kSilentGpu, 1485, "Running -" + note + "the clocks cannot be read."}};
+        {SilentGpu(), 1485, "Running -" + note + "the clocks cannot be read."}};
     for (const auto& [gpu, graphics, report] : cases) {
         const Details details = LockReport({graphics, 5001}, gpu.Sample, 3, "--simulate");
         EXPECT_THAT(Words(Paragraph({}, details, 40)), EndsWith(report + undo));
+        EXPECT_THAT(Paragraph({}, details, 40), HasSubstr("gpu_monitor reset-clocks --gpu 3 --simulate\n"));
     }
-    const GpuClockCapabilities listed = {0, "", "", {{1000, 5001}, {1020, 5001}, {1020, 405}}, -1, -1, true, ""};
+    const GpuClockCapabilities listed = {0,  "", "",   {{1000, 5001}, {1020, 5001}, {1020, 405}, {405, 1000}},
+                                         -1, -1, true, ""};
     const std::pair<GpuClockPair, std::string> advice[] = {
         {{1010, 5000}, "Nearest: 1000 MHz graphics, 5001 MHz memory or 1020 MHz graphics, 5001 MHz memory."},
         {{405, 1020}, "Nearest: 1020 MHz graphics, 405 MHz memory."}};
@@ -186,6 +193,7 @@ TEST(TextTest, ReportOfALockSaysWhyOtherClocksRunAndAdviceWhatCanBeLocked) {
         EXPECT_EQ(LockAdvice(pair, "", listed, 3, ""),
                   nearest + "\nAll that can be locked: gpu_monitor clocks --gpu 3");
     }
+    EXPECT_EQ(CommandOf({Kind::LockClocks, {1500, 5001}}, 3, ""), "gpu_monitor lock-clocks --gpu 3 1500 5001");
 }
 
 }  // namespace

@@ -19,7 +19,7 @@ using namespace testing;
 using namespace gpu_feed;
 
 constexpr double kNow = 1000.0;
-constexpr uint64_t kMebibyte = 1024 * 1024;
+constexpr uint64_t kMebibyte = uint64_t{1024} * 1024;
 
 /// A GPU that has been read every second for a minute.
 FeedGpu MadeGpu(unsigned int index) {
@@ -256,15 +256,15 @@ TEST_F(ViewTest, ManyGpusAreListedAroundTheSelectedOne) {
     std::vector<GpuOnPage> pages;
     for (const auto& gpu : Data.Gpus) pages.push_back(OnPage(Moment(), gpu));
     Canvas table(100, 4, true);
-    DrawGpuTable(&table, table.Whole(), pages, 1);
+    DrawGpuTable(&table, table.Whole(), pages, 2);
     EXPECT_EQ(table.Text(),
               R"(3 of 5 GPUs          util       vram    power    limit   temp    fan  graphics     memory  limited b
-GPU 0: Made Board   100 %   3072 MiB  150.0 W  225.0 W   75 C   10 %  2100 MHz   9501 MHz  hardware
 GPU 1: Made Board   no data since 12:00:00 (0 s)
 GPU 2: Made Board       -          -        -        -      -      -         -          -  -
+GPU 3: Made Board   100 %   3072 MiB  150.0 W  225.0 W   75 C   10 %  2100 MHz   9501 MHz  hardware
 )");
     EXPECT_EQ(table.At(0, 2).Look, Style::Selected);
-    EXPECT_EQ(table.At(20, 2).Look, Style::Alarm);
+    EXPECT_EQ(table.At(20, 1).Look, Style::Alarm);
     const std::tuple<int, size_t, const char*> strips[] = {{60, 4, "GPU util % 0:100  1:!    2:-    3:100  4:100\n"},
                                                            {46, 0, "GPU util % 0:100  1:!    2:-       3 of 5 GPUs\n"},
                                                            {46, 2, "GPU util % 1:!    2:-    3:100     3 of 5 GPUs\n"},
@@ -307,6 +307,7 @@ TEST_F(ViewTest, PlotsAreThoseThatWereChosenAndFindRoom) {
         std::string found;
         for (int i = 0; i < 5; ++i) found += screen.find(kTitles[i]) == std::string::npos ? "" : std::to_string(i + 1);
         EXPECT_EQ(found, shownKeys) << screen;
+        EXPECT_EQ(screen.find("Tab GPU"), std::string::npos) << "with one GPU";
         EXPECT_NE(screen.find(text), std::string::npos) << text << '\n' << screen;
     }
     Press("2");
@@ -376,7 +377,7 @@ TEST_F(ViewTest, KeysChangeTheSampling) {
 
 TEST_F(ViewTest, LeavingAsksWhatBecomesOfChanges) {
     NoteChange(150.0, 0.0);
-    Follow({"q GPU 1 (Made Board): power limit 150 W", "X q quit", "q r take them back   k keep them   Esc stay"});
+    Follow({"q GPU 1 (Made Board): power limit 150 W", "X Power W", "q r take them back   k keep them   Esc stay"});
     EXPECT_FALSE(Control.End());
     Press("r");
     EXPECT_EQ(Control.End(), ViewEnd::TakeChangesBack);
@@ -415,7 +416,7 @@ TEST_F(ViewTest, MenuOffersWhatTheDriverSupports) {
     Drawn();
     AnswerCapabilities(225.0);
     Follow({" p  set a limit         d  set the default", " c  lock to a pair      r  release",
-            " In force 225 W, default 250 W", "X q quit"});
+            " In force 225 W, default 250 W", "X Power W"});
     EXPECT_FALSE(Control.IsTuning());
 }
 
@@ -435,12 +436,12 @@ TEST_F(ViewTest, ChangeThatIsNotKeptGoesBack) {
     Follow({"n Going back ..."});
     NoteChange(225.0, 0.0);
     Result.set_value({GpuClockOperationResult::Success});
-    Follow({"X It went back to: power limit 225 W.", "E Asking what can be changed ...", "X q quit"});
+    Follow({"X It went back to: power limit 225 W.", "E Asking what can be changed ...", "X Power W"});
     MakeChange();
     Now += 11.0;
     Follow({"y It goes back in 0 s."});
     NoteChange(225.0, 0.0);
-    Follow({" It went back to: power limit 225 W.", "EX q quit"});
+    Follow({" It went back to: power limit 225 W.", "EX Power W"});
     MakeChange();
     NoteChange(150.0, 0.0, "The sentence.");
     Follow({" It could not go back:", " The sentence.", " gpu_monitor set-power --gpu 1 225 --simulate"});
@@ -458,7 +459,7 @@ TEST_F(ViewTest, ChangeThatIsNotMadeSaysWhy) {
         Result.set_value(result);
         Follow({text});
         EXPECT_EQ(Drawn().Text().find("with sudo") != std::string::npos, bRightsAdvised) << Drawn().Text();
-        Follow({"EX q quit"});
+        Follow({"EX Power W"});
     }
 }
 

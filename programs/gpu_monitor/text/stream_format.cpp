@@ -13,16 +13,16 @@ constexpr int kIndexWidth = 3;
 constexpr size_t kLimitsWidth = 21;
 
 struct Column {
-    ReadingId Id;
     const char* Heading;
+    ReadingId Id;
     int Width;
 };
 
 /// Left to right. The reasons that limit the clocks come after these columns.
 constexpr Column kColumns[] = {
-    {ReadingId::GpuUtilization, "util", 4}, {ReadingId::MemoryUtilization, "mem", 4}, {ReadingId::VramUsed, "vram", 6},
-    {ReadingId::Power, "power", 6},         {ReadingId::Temperature, "temp", 4},      {ReadingId::Fan, "fan", 4},
-    {ReadingId::GraphicsClock, "gfx", 5},   {ReadingId::MemoryClock, "mem", 5},
+    {"util", ReadingId::GpuUtilization, 4}, {"mem", ReadingId::MemoryUtilization, 4}, {"vram", ReadingId::VramUsed, 6},
+    {"power", ReadingId::Power, 6},         {"temp", ReadingId::Temperature, 4},      {"fan", ReadingId::Fan, 4},
+    {"gfx", ReadingId::GraphicsClock, 5},   {"mem", ReadingId::MemoryClock, 5},
 };
 
 /// A line of the stream; `cellOf` returns the text for a column.
