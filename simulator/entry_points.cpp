@@ -98,6 +98,7 @@ std::pair<unsigned int, unsigned int> PairOf(EntryPoint name, const BoardModel& 
 
 NvmlReturn Pair(EntryPoint name, NvmlDevice device, unsigned int* first, unsigned int* second) {
     return Nvml().DeviceCall(name, device, {}, {first, second}, [&](const BoardModel& board) {
+        if (first == nullptr || second == nullptr) return kInvalidArgument;
         std::tie(*first, *second) = PairOf(name, board);
         return kSuccess;
     });
