@@ -8,7 +8,7 @@
 
 #include "engine.h"
 
-using namespace simulated_nvml;  // NOLINT(google-build-using-namespace): the exports themselves stand in no namespace
+using namespace simulated_nvml;  // NOLINT(google-build-using-namespace): the exports are in no namespace
 
 namespace {
 

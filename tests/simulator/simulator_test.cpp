@@ -1,4 +1,4 @@
-// The simulated NVML as its clients see it: protocols, boards that live, and what it says of a caller's mistakes.
+// The simulated NVML as its clients see it: protocols, boards that live, and what it reports as misuse.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -112,7 +112,7 @@ TEST_F(SimulatorTest, ListQueriesAnswerTheSizeTheyNeed) {
     EXPECT_EQ(query(device, &Output, clocks.data()), kSuccess) << "with the room it asked for";
     EXPECT_THAT(clocks, ElementsAre(11201, 10802, 5001, 810, 405));
     EXPECT_EQ(nvmlDeviceGetSupportedGraphicsClocks(device, 406, &(Output = 0), nullptr), kNotFound);
-    EXPECT_EQ(nvmlDeviceGetGraphicsRunningProcesses(Handle(2), &(Output = 0), nullptr), kSuccess) << "none";
+    EXPECT_EQ(nvmlDeviceGetGraphicsRunningProcesses(Handle(2), &(Output = 0), nullptr), kSuccess) << "an empty list";
 }
 
 TEST_F(SimulatorTest, BoardsAndRightsDecideWhatCanBeDone) {
