@@ -91,6 +91,65 @@ bool Ok(Fn query, Arguments... arguments) {
     return query != nullptr && query(arguments...) == 0;
 }
 
+template <typename Fn, typename... Arguments>
+void ReadInt(int* field, Fn query, Arguments... arguments) {
+    unsigned int value = 0;
+    if (Ok(query, arguments..., &value)) *field = static_cast<int>(value);
+}
+
+void ReadWatts(double* field, Value query, NvmlDevice device) {
+    unsigned int milliwatts = 0;
+    if (Ok(query, device, &milliwatts)) *field = milliwatts / 1000.0;
+}
+
+void ReadLoad(const Queries& nvml, NvmlDevice device, GpuTelemetrySample* sample) {
+    ReadInt(&sample->TemperatureC, nvml.Temperature, device, 0U);
+    simulated_nvml::UtilizationRecord rates{};
+    if (Ok(nvml.Rates, device, &rates)) {
+        sample->GpuUtilizationPercent = static_cast<int>(rates.GpuPercent);
+        sample->MemoryUtilizationPercent = static_cast<int>(rates.MemoryPercent);
+    }
+    simulated_nvml::MemoryRecord bytes{};
+    if (Ok(nvml.VideoMemory, device, &bytes)) {
+        sample->VramUsedBytes = bytes.UsedBytes;
+        sample->VramTotalBytes = bytes.TotalBytes;
+    }
+    ReadWatts(&sample->PowerWatts, nvml.Power, device);
+    ReadWatts(&sample->PowerLimitWatts, nvml.Enforced, device);
+    if (sample->PowerLimitWatts < 0.0) ReadWatts(&sample->PowerLimitWatts, nvml.Configured, device);
+    ReadWatts(&sample->DefaultPowerLimitWatts, nvml.Default, device);
+    unsigned int lowest = 0;
+    unsigned int highest = 0;
+    if (Ok(nvml.Range, device, &lowest, &highest)) {
+        sample->MinimumPowerLimitWatts = lowest / 1000.0;
+        sample->MaximumPowerLimitWatts = highest / 1000.0;
+    }
+}
+
+void ReadClocksAndBus(const Queries& nvml, NvmlDevice device, GpuTelemetrySample* sample) {
+    ReadInt(&sample->FanPercent, nvml.Fan, device);
+    ReadInt(&sample->GraphicsClockMHz, nvml.Clock, device, 0U);
+    ReadInt(&sample->SmClockMHz, nvml.Clock, device, 1U);
+    ReadInt(&sample->MemoryClockMHz, nvml.Clock, device, 2U);
+    ReadInt(&sample->VideoClockMHz, nvml.Clock, device, 3U);
+    ReadInt(&sample->PerformanceState, nvml.State, device);
+    unsigned int value = 0;
+    unsigned int period = 0;
+    if (Ok(nvml.Encoder, device, &value, &period)) sample->EncoderUtilizationPercent = static_cast<int>(value);
+    if (Ok(nvml.Decoder, device, &value, &period)) sample->DecoderUtilizationPercent = static_cast<int>(value);
+    simulated_nvml::MemoryRecord bytes{};
+    if (Ok(nvml.Bar1, device, &bytes)) {
+        sample->Bar1UsedBytes = bytes.UsedBytes;
+        sample->Bar1TotalBytes = bytes.TotalBytes;
+    }
+    ReadInt(&sample->PcieGeneration, nvml.Generation, device);
+    ReadInt(&sample->PcieWidth, nvml.Width, device);
+    if (Ok(nvml.Throughput, device, 1U, &value)) sample->PcieReceiveMiBPerSecond = value / 1024.0;
+    if (Ok(nvml.Throughput, device, 0U, &value)) sample->PcieTransmitMiBPerSecond = value / 1024.0;
+    unsigned long long mask = 0;
+    if (Ok(nvml.Reasons, device, &mask)) sample->PerformanceLimitReasons = mask;
+}
+
 /// Makes the calls of one sample, one after the other.
 void ReadByHand(const Queries& nvml, GpuTelemetrySample* sample) {
     *sample = GpuTelemetrySample{};
@@ -100,50 +159,8 @@ void ReadByHand(const Queries& nvml, GpuTelemetrySample* sample) {
     sample->TimestampSeconds = static_cast<double>(now.count()) / 1e9;
     GPUProfiler::FrameSnapshot frame;
     if (GPUProfiler::Get()->GetLatestSnapshot(&frame)) sample->FrameTimeMs = frame.GpuFrameTimeMs;
-
-    unsigned int value = 0;
-    unsigned int second = 0;
-    const auto toInt = [&](int* field) { *field = static_cast<int>(value); };
-    const auto toWatts = [](unsigned int milliwatts, double* field) { *field = milliwatts / 1000.0; };
-    simulated_nvml::UtilizationRecord rates{};
-    simulated_nvml::MemoryRecord bytes{};
-    unsigned long long mask = 0;
-    if (Ok(nvml.Temperature, device, 0U, &value)) toInt(&sample->TemperatureC);
-    if (Ok(nvml.Rates, device, &rates)) {
-        sample->GpuUtilizationPercent = static_cast<int>(rates.GpuPercent);
-        sample->MemoryUtilizationPercent = static_cast<int>(rates.MemoryPercent);
-    }
-    if (Ok(nvml.VideoMemory, device, &bytes)) {
-        sample->VramUsedBytes = bytes.UsedBytes;
-        sample->VramTotalBytes = bytes.TotalBytes;
-    }
-    if (Ok(nvml.Power, device, &value)) toWatts(value, &sample->PowerWatts);
-    if (Ok(nvml.Enforced, device, &value) || Ok(nvml.Configured, device, &value)) {
-        toWatts(value, &sample->PowerLimitWatts);
-    }
-    if (Ok(nvml.Default, device, &value)) toWatts(value, &sample->DefaultPowerLimitWatts);
-    if (Ok(nvml.Range, device, &value, &second)) {
-        toWatts(value, &sample->MinimumPowerLimitWatts);
-        toWatts(second, &sample->MaximumPowerLimitWatts);
-    }
-    if (Ok(nvml.Fan, device, &value)) toInt(&sample->FanPercent);
-    int* const clocks[] = {&sample->GraphicsClockMHz, &sample->SmClockMHz, &sample->MemoryClockMHz,
-                           &sample->VideoClockMHz};
-    for (unsigned int type = 0; type < 4; ++type) {
-        if (Ok(nvml.Clock, device, type, &value)) toInt(clocks[type]);
-    }
-    if (Ok(nvml.State, device, &value)) toInt(&sample->PerformanceState);
-    if (Ok(nvml.Encoder, device, &value, &second)) toInt(&sample->EncoderUtilizationPercent);
-    if (Ok(nvml.Decoder, device, &value, &second)) toInt(&sample->DecoderUtilizationPercent);
-    if (Ok(nvml.Bar1, device, &bytes)) {
-        sample->Bar1UsedBytes = bytes.UsedBytes;
-        sample->Bar1TotalBytes = bytes.TotalBytes;
-    }
-    if (Ok(nvml.Generation, device, &value)) toInt(&sample->PcieGeneration);
-    if (Ok(nvml.Width, device, &value)) toInt(&sample->PcieWidth);
-    if (Ok(nvml.Throughput, device, 1U, &value)) sample->PcieReceiveMiBPerSecond = value / 1024.0;
-    if (Ok(nvml.Throughput, device, 0U, &value)) sample->PcieTransmitMiBPerSecond = value / 1024.0;
-    if (Ok(nvml.Reasons, device, &mask)) sample->PerformanceLimitReasons = mask;
+    ReadLoad(nvml, device, sample);
+    ReadClocksAndBus(nvml, device, sample);
 }
 
 // ---- Measuring ----
