@@ -12,10 +12,10 @@ namespace simulated_nvml {
 namespace {
 
 constexpr double kTickSeconds = 0.05;
-/// A board has worked for a while when it is first seen: warm, with its clocks settled.
+/// How long a board has worked when it is first seen: it is warm, and its clocks have settled.
 constexpr int64_t kWarmUpTicks = 4800;
-/// After this long nothing of an earlier state is left, because the slowest part settles in 20 s: of a longer gap
-/// between two readings, only so much is lived.
+/// After this long nothing of an earlier state is left, because the slowest part settles in 20 s. After longer
+/// gaps between two readings, only this much is simulated.
 constexpr int64_t kMemoryTicks = 36000;
 
 constexpr double kPhaseSeconds = 18.0;
@@ -196,7 +196,7 @@ double BoardModel::WantedGraphicsClock(double demand) {
     const double locked = std::clamp(free, std::clamp<double>(range.Lowest, lowest, highest),
                                      std::clamp<double>(range.Highest, lowest, highest));
     if (locked < free) Reasons |= kReasonApplicationClocks;
-    // A lock that holds an idle board faster leaves nothing that holds it slower.
+    // Where a lock makes an idle board run faster, nothing limits its clocks.
     if (IsIdle(demand) && locked <= free) Reasons |= kReasonIdle;
     return locked;
 }
@@ -216,7 +216,7 @@ unsigned int BoardModel::HighestClockWithin(double highestMHz, double demand) {
         std::partition_point(clocks.begin(), std::prev(clocks.end()),
                              [highestMHz](unsigned int clock) { return static_cast<double>(clock) > highestMHz; });
     const auto isTooMuch = [&](unsigned int clock) { return PowerAt(clock, demand) > PowerLimitMilliwatts(); };
-    // The usual case, told apart because the search takes most of the time of a step.
+    // The usual case comes first, because the search takes most of the time of a step.
     if (!isTooMuch(*allowed)) return *allowed;
     Reasons |= kReasonSoftwarePowerCap;
     return *std::partition_point(allowed, std::prev(clocks.end()), isTooMuch);
@@ -291,7 +291,7 @@ void BoardModel::PublishProcesses() {
         const uint64_t stream = kProcesses + 3 * static_cast<uint64_t>(slot);
         if (slot != 0 && Random(stream, life) > 0.6) continue;
         Process process;
-        // Each slot has process ids of its own, so that none stands for two programs.
+        // Each slot has process ids of its own, so that no id belongs to two programs.
         process.Pid = static_cast<unsigned int>(1000 + 6000 * slot) + Rounded(5999.0 * Random(stream + 1, life));
         const double share = slot == 1 ? 0.5 : 0.1;
         process.UsedBytes =

@@ -12,7 +12,7 @@ namespace simulated_nvml {
 /// Video memory that the driver keeps for itself: a living board has more than that.
 constexpr uint64_t kReservedVramBytes = uint64_t{320} << 20;
 
-/// A board that lives: a workload keeps it busy, and load, limits and heat decide its clocks and its power.
+/// A living board: a workload keeps it busy, and load, limits and heat decide its clocks and its power.
 ///
 /// Time runs in fixed steps from the board's start, so the same seed gives the same readings at the same moment,
 /// however often they are asked for. Not safe to use from two threads at once.
@@ -25,7 +25,7 @@ public:
 
     const Board& Identity() const { return Description; }
     bool Supports(EntryPoint name) const { return !Unsupported[IndexOf(name)]; }
-    /// Brings the readings to `seconds` after the board's start, or before it; on a clock that was set back, too.
+    /// Brings the readings to `seconds` after the board's start; negative before it. The clock may have been set back.
     void AdvanceTo(double seconds);
     const Readings& Now() const { return Current; }
 
@@ -37,7 +37,7 @@ public:
     }
 
 private:
-    /// A number from 0 to 1 that belongs to this board, this `stream` of numbers and this place in it.
+    /// A random number from 0 to 1: always the same one for this board, this `stream` and this place in the stream.
     double Random(uint64_t stream, int64_t place) const;
     /// How much the workload asks of the board at a moment, 0 to 1.
     double Demand(double seconds) const;

@@ -13,7 +13,7 @@ struct ClockRange {
     unsigned int Highest;
 };
 
-/// What can be set on a board and stays set until it is set anew. What has no value is as the board came.
+/// What can be set on a board. It stays set until it is set again; without a value, the board's default is in force.
 struct BoardSettings {
     std::optional<ClockRange> GraphicsLock;
     std::optional<ClockRange> MemoryLock;

@@ -140,7 +140,7 @@ bool Engine::TakeOverEnvironment() {
 }
 
 void Engine::TakeOverScript() {
-    // A script that wants no boards has said so.
+    // Later on, no boards means that the script asked for no boards.
     if (!bScripted && Boards.empty()) MakeBoards({DesktopBoard(0)});
     bScripted = true;
     KeptState.reset();

@@ -40,13 +40,13 @@ struct ScriptRules {
     PerEntryPoint<std::chrono::microseconds> Delays{};
     PerEntryPoint<int> ListChanges{};
     std::vector<FailureRule> Failures;
-    /// Calls until one fails and lookups until one misses, that one included; 0 for none.
+    /// The call that fails and the lookup that misses, counted from 1 from now on; 0 when all succeed.
     uint64_t CallsUntilFailure = 0;
     unsigned int FailureCode = kSuccess;
     uint64_t LookupsUntilMiss = 0;
     /// Calls that a board still answers before it is lost.
     std::map<unsigned int, uint64_t> CallsLeft;
-    /// Calls that a board still answers before one never returns.
+    /// Calls that a board still answers before a call never returns.
     std::map<unsigned int, uint64_t> CallsUntilHang;
     PerEntryPoint<bool> Blocked{};
     std::optional<double> HeldSeconds;
@@ -99,7 +99,7 @@ public:
     /// Gives the handle of the board at `index`.
     NvmlReturn HandleCall(EntryPoint name, unsigned int index, NvmlDevice* device);
 
-    /// Runs `body` with the board that `device` stands for, brought to this moment.
+    /// Runs `body` with the board of the handle `device`, brought to this moment.
     template <typename Body>
     NvmlReturn DeviceCall(EntryPoint name, NvmlDevice device, Arguments arguments, Outputs outputs, Body body) {
         return Run(name, [&](Visit& visit) {
@@ -125,7 +125,7 @@ public:
 
     // ---- For the script; the caller holds Mutex ----
 
-    /// From here on the environment has no say.
+    /// From here on the environment variables have no effect.
     void TakeOverScript();
     void MakeBoards(std::vector<Board> boards);
     /// The same boards from their first moment on.
@@ -140,7 +140,7 @@ public:
     void LogLine(const std::string& line);
 
     mutable std::mutex Mutex;
-    /// Signalled when a call begins and when the script lets go of one.
+    /// Signalled when a call begins and when the script releases blocked calls.
     mutable std::condition_variable Changed;
     ScriptRules Rules;
     ScriptedAnswers Answers;
@@ -188,7 +188,8 @@ private:
     void Note(const Visit& visit, std::optional<unsigned int> board, Arguments arguments);
     /// The board of `device`; a handle without a board is misuse.
     std::optional<unsigned int> NoteHandle(const Visit& visit, NvmlDevice device);
-    /// Waits as long as the script wants, then tells how the script or the state of NVML answers the call.
+    /// Waits as long as the script wants. Result: success, or the code with which the script or the state of NVML ends
+    /// the call.
     NvmlReturn Admit(Visit& visit, std::optional<unsigned int> board);
     /// Counts a call against the failure rules; the code of one that applies.
     std::optional<NvmlReturn> CountAgainstRules(EntryPoint name, std::optional<unsigned int> board);
@@ -196,7 +197,7 @@ private:
     bool WritesWhenFailing(EntryPoint name) const {
         return Rules.bFailuresWrite && IsInitialized() && std::strstr(NameOf(name), "Get") != nullptr;
     }
-    /// Takes one of the calls that a board has left. False: there is none.
+    /// Takes one of the calls that a board has left. False: no call was left.
     static bool SpendCall(std::map<unsigned int, uint64_t>* left, unsigned int board);
     /// Sets NVML up as the environment wants it. False: it makes no sense, and stderr says why.
     bool StartFromEnvironment();
@@ -211,13 +212,13 @@ private:
     std::optional<unsigned int> BoardOf(EntryPoint name, NvmlDevice device) const;
     BoardModel* FindBoard(EntryPoint name, NvmlDevice device);
     void BringToNow(BoardModel* board);
-    /// How long the boards have lived.
+    /// How long the boards have been running.
     double ElapsedSeconds() const;
 
     /// A script has taken over.
     bool bScripted = false;
     std::vector<BoardModel> Boards;
-    /// What outlives the process, where the environment names a file for it.
+    /// Settings that outlive the process, where the environment names a file for them.
     std::unique_ptr<StateFile> KeptState;
     std::chrono::steady_clock::time_point BoardsSince;
     /// Part of every handle: one more with each initialization and each new set of boards.

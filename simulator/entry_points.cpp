@@ -8,7 +8,7 @@
 
 #include "engine.h"
 
-using namespace simulated_nvml;  // NOLINT(google-build-using-namespace): the exports themselves stand in no namespace
+using namespace simulated_nvml;  // NOLINT(google-build-using-namespace): the exports are in no namespace
 
 namespace {
 
@@ -98,6 +98,7 @@ std::pair<unsigned int, unsigned int> PairOf(EntryPoint name, const BoardModel& 
 
 NvmlReturn Pair(EntryPoint name, NvmlDevice device, unsigned int* first, unsigned int* second) {
     return Nvml().DeviceCall(name, device, {}, {first, second}, [&](const BoardModel& board) {
+        if (first == nullptr || second == nullptr) return kInvalidArgument;
         std::tie(*first, *second) = PairOf(name, board);
         return kSuccess;
     });

@@ -104,7 +104,7 @@ bool ReadStatePath(Environment* environment) {
     const std::optional<std::string> path = Variable("NVML_SIM_STATE");
     if (!path.has_value()) return true;
     if (path->empty()) return false;
-    // The client may change its working directory. One that is in none that exists has to give a whole path.
+    // The client may change its working directory. If that directory no longer exists, the path has to be absolute.
     std::error_code error;
     environment->StatePath = std::filesystem::absolute(*path, error).string();
     return !error;
@@ -139,7 +139,7 @@ struct Setting {
     const char* Expected;
 };
 constexpr const char* kCallCounts = "GPU@CALLS with the index of a simulated GPU, such as 1@500, once per GPU";
-/// Boards stand first: what is said of a board later must be about one that exists.
+/// Boards come first: later variables may only name boards that exist.
 constexpr Setting kSettings[] = {
     {"NVML_SIM_BOARDS", ReadBoards,
      "a number from 1 to 64, or up to 64 of desktop, laptop, datacenter, old, workstation"},
@@ -151,14 +151,14 @@ constexpr Setting kSettings[] = {
     {"NVML_SIM_HANG", ReadHangs, kCallCounts},
 };
 
-/// A variable that looks like one of ours and is none: a misspelt name must not pass for a setting that was taken.
+/// A misspelt variable: it begins like the simulator's variables, but no setting has its name.
 std::optional<std::string> UnknownVariable() {
     for (char** entry = environ; *entry != nullptr; ++entry) {
         const std::string variable(*entry);
         const std::string name = variable.substr(0, variable.find('='));
-        const auto isIt = [&name](const Setting& setting) { return name == setting.Name; };
-        const bool bOurs = name.rfind("NVML_SIM_", 0) == 0;
-        if (bOurs && std::none_of(std::begin(kSettings), std::end(kSettings), isIt)) return name;
+        const auto hasName = [&name](const Setting& setting) { return name == setting.Name; };
+        const bool bOfSimulator = name.rfind("NVML_SIM_", 0) == 0;
+        if (bOfSimulator && std::none_of(std::begin(kSettings), std::end(kSettings), hasName)) return name;
     }
     return std::nullopt;
 }

@@ -14,7 +14,7 @@ namespace simulated_nvml {
 struct Environment {
     /// NVML_SIM_BOARDS: a number of boards, or their kinds; default one desktop board.
     std::vector<Board> Boards;
-    /// NVML_SIM_SEED: a whole number. By default a life in which much happens from the first moment on.
+    /// NVML_SIM_SEED: a whole number. With the default, much happens from the first moment on.
     uint64_t Seed = 3;
     /// NVML_SIM_DELAYS=realistic.
     bool bRealisticDelays = false;
@@ -32,7 +32,7 @@ struct Environment {
 /// Reads all variables into `environment`. False when one makes no sense: `*problem` then says which and why.
 bool ReadEnvironment(Environment* environment, std::string* problem);
 
-/// Tells the user, on stderr, what is wrong with a variable or with what it names.
+/// Prints on stderr what is wrong with a variable or with what it names.
 void SayProblem(const std::string& sentence);
 
 }  // namespace simulated_nvml

@@ -238,8 +238,9 @@ uint32_t ScriptedAnswers::RoomOf(const Call& call) {
 void ScriptedAnswers::Write(const Call& call, const Answer& answer, uint32_t room) {
     const Outputs& outputs = call.Written;
     const Shape shape = ShapeOf(call.Name);
-    if (IsList(call.Name))
-        return outputs.Second != nullptr ? WriteList(answer, call, room) : WriteListCount(call, answer);
+    const bool bEntries = IsList(call.Name) && outputs.Second != nullptr;
+    if (bEntries) return WriteList(answer, call, room);
+    if (IsList(call.Name)) return WriteListCount(call, answer);
     if (IsPair(shape) && answer.Count) OutputOf<uint32_t>(outputs.Second) = *answer.Count;
     switch (shape) {
         case Shape::SystemText:

@@ -135,7 +135,7 @@ public:
 private:
     static constexpr NvmlReturn kSucceeded = 0;
     static constexpr size_t kSelectors = 4;
-    /// List entries that may be told in all.
+    /// List entries that may be answered in all.
     static constexpr size_t kWork = 15000;
 
     /// Everything about one entry point.

@@ -1,4 +1,4 @@
-// The script: every operation changes or tells what the engine holds, under the engine's lock.
+// The script: every operation changes or returns what the engine holds, under the engine's lock.
 
 #include "simulated_nvml.h"
 
@@ -19,7 +19,7 @@ std::unique_lock<std::mutex> Locked() {
     return std::unique_lock<std::mutex>(Engine::Get().Mutex);
 }
 
-/// For an operation that changes something: from the first one on, the environment has no say.
+/// For an operation that changes something: from the first one on, the environment variables have no effect.
 std::unique_lock<std::mutex> Scripting() {
     auto lock = Locked();
     Engine::Get().TakeOverScript();

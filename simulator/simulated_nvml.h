@@ -14,9 +14,9 @@
 /// \file
 /// The script of the simulated NVML: which boards there are, what goes wrong, and what the caller did.
 ///
-/// The simulator is a real `libnvidia-ml.so.1`. A program that only wants GPUs to show needs nothing of this header:
+/// The simulator is a real `libnvidia-ml.so.1`. A program that only needs GPUs to show does without this header:
 /// it puts the simulator's folder on its library path and sets the `NVML_SIM_...` environment variables. A test links
-/// the simulator and scripts it from here; the environment then has no say.
+/// the simulator and scripts it from here; the environment variables then have no effect.
 
 namespace simulated_nvml {
 
@@ -47,7 +47,7 @@ struct Process {
     uint64_t UsedBytes = 0;
 };
 
-/// What a board tells at one moment, in NVML's own units.
+/// A board's readings at one moment, in NVML's own units.
 struct Readings {
     unsigned int TemperatureC = 0;
     unsigned int GpuPercent = 0;
@@ -81,8 +81,8 @@ struct ClockGroup {
 /// What keeps a board busy.
 enum class Workload { Game, Training, Video, Office };
 
-/// What a board is: fixed for its life. One that lives needs clocks, more than 320 MiB of video memory, and powers and
-/// temperatures in a sensible order; for one with fixed readings nothing is required.
+/// What never changes about a board. A living board needs clocks, more than 320 MiB of video memory, and powers and
+/// temperatures in a sensible order; a board with fixed readings may leave all of that out.
 struct Board {
     std::string Name;
     std::string Uuid;
@@ -111,11 +111,11 @@ struct Board {
     unsigned int MaxPcieGeneration = 0;
     unsigned int MaxPcieWidth = 0;
     Workload Load = Workload::Game;
-    /// Whether programs on it draw, so that they stand in the graphics process list.
+    /// Whether programs on it draw, so that the graphics process list has them.
     bool bDraws = true;
     /// Entry points that answer "not supported" on this board. Only queries and changes of a board can.
     std::set<std::string> Unsupported;
-    /// Told for ever instead of a living workload's readings.
+    /// Always answered in place of a living workload's readings.
     std::optional<Readings> Fixed;
 };
 
@@ -138,14 +138,14 @@ struct LibraryUse {
     /// Grows with each opening, closing, lookup and call.
     uint64_t Activity = 0;
     unsigned int OpenLibraries = 0;
-    /// Initializations that no shutdown has answered yet.
+    /// Initializations that were not shut down yet.
     unsigned int Initializations = 0;
 };
 
 /// The one script of the simulator in this process.
 ///
 /// Operations throw `std::invalid_argument` for an entry point or a board that does not exist and for values that make
-/// no sense, so that a script with a typing error cannot pass for one that does nothing.
+/// no sense, so that a typing error in a script does not go unnoticed.
 /// Threads: any thread, any time.
 class SIMULATED_NVML_EXPORT SimulatedNvml {
 public:
@@ -162,16 +162,17 @@ public:
 
     /// Replaces all boards, lost ones too; handles of the old ones become stale. At most 64.
     void SetBoards(std::vector<Board> boards);
-    /// Boards with the same seed live the same life. Makes the boards anew: locks, limits and handles are gone.
+    /// Boards with the same seed have the same readings at the same moment. Makes the boards anew: locks, limits and
+    /// handles are gone.
     void SetSeed(uint64_t seed);
     /// Stops the boards' clock at `seconds` after their start. It can be set forward again and again, never back.
     void HoldTimeAt(double seconds);
 
     // ---- What goes wrong ----
 
-    // What is said of the library and of lookups needs a loader that asks the simulator (simulated_loader.cpp).
+    // Operations about the library and about lookups need a loader that asks the simulator (simulated_loader.cpp).
 
-    /// Makes the machine one without NVML.
+    /// Opening the library fails from now on, as on a machine without NVML.
     void RemoveLibrary();
     /// Takes a name out of the library, or lets only the lookups before the n-th from now on find it.
     void HideEntryPoint(const std::string& name, uint64_t nthLookup = 1);
@@ -229,7 +230,7 @@ public:
     /// True on a thread that is at work inside the simulator: what it allocates there the caller did not ask for.
     static bool InsideCall();
 
-    // ---- For a loader that stands between the caller and the simulator, such as simulated_loader.cpp ----
+    // ---- For a loader between the caller and the simulator, such as simulated_loader.cpp ----
 
     /// False when NVML is not installed.
     bool OnOpen(int flags);

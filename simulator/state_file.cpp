@@ -120,7 +120,7 @@ private:
         return Uninterrupted([&] { return open(path.c_str(), access | O_CLOEXEC | O_NONBLOCK); });
     }
     /// Before anything is overwritten, because half a text would make no sense. Where a file system cannot reserve
-    /// room, it is left to luck.
+    /// room, nothing guards against that.
     void ReserveRoom(off_t bytes) const {
         const auto reserve = [&] { return fallocate(Descriptor, FALLOC_FL_KEEP_SIZE, 0, bytes); };
         if (Uninterrupted(reserve) < 0 && errno != EOPNOTSUPP) ThrowSystemError();
@@ -145,10 +145,10 @@ private:
     int Descriptor;
 };
 
-// ---- What stands in it ----
+// ---- Its contents ----
 
 Json Parsed(const std::string& text) {
-    // What is deeper would be copied and written with as deep a stack.
+    // Deeper nesting would be copied and written by an equally deep recursion.
     constexpr int kDeepest = 64;
     const auto limitDepth = [](int depth, Json::parse_event_t /*event*/, Json& /*parsed*/) {
         Require(depth <= kDeepest, "it is nested too deeply");
@@ -168,7 +168,7 @@ bool IsUnsignedInt(const Json& value) {
 }
 
 double SinceOf(const Json& document, double known) {
-    // So far away that the boards' clock still counts every moment up to it.
+    // The boards' clock can still count every moment of this time.
     constexpr double kLatest = 1e11;
     const Json since = document.value(kSince, Json(known));
     Require(since.is_number() && since >= 0.0 && since <= kLatest, Quoted(kSince) + " is no time in seconds");
@@ -186,7 +186,7 @@ struct Place {
     const Board& Owner;
     const Json& Entry;
 
-    /// The setting `key`, or null. What `setter` cannot set on the board cannot stand in the file either.
+    /// The setting `key`, or null. A value that `setter` refuses makes no sense in the file either.
     const Json* Find(const char* key, const char* setter) const {
         const auto found = Entry.find(key);
         if (found == Entry.end()) return nullptr;

@@ -12,7 +12,7 @@
 
 namespace simulated_nvml {
 
-/// Changes settings of a board, or answers why they cannot be so.
+/// Changes settings of a board. Result: success, or why the board refuses them.
 using SettingsEdit = std::function<NvmlReturn(const Board& board, BoardSettings* settings)>;
 
 /// What a driver would keep, in a file that outlives the process and that several processes share: NVML_SIM_STATE.
@@ -29,7 +29,7 @@ using SettingsEdit = std::function<NvmlReturn(const Board& board, BoardSettings*
 ///
 /// `since` is when the boards' life began, in seconds of the system clock: processes that share it see the same
 /// readings at the same moment. The first process writes it. `rights` belongs to whoever edits the file: with "user",
-/// nobody may change settings. All else that stands there is left as it is. Whoever edits the file while it is in use
+/// nobody may change settings. Everything else in the file is left as it is. Whoever edits the file while it is in use
 /// replaces it as a whole, or holds an exclusive flock on it.
 ///
 /// Each process has its own boards; the file may hold settings of others. Not safe to use from two threads at once.
@@ -44,14 +44,14 @@ public:
 
     StateFile(std::string path, std::vector<Board> boards);
 
-    /// Creates the file where there is none, and lets the boards' life begin where it has not. False when it cannot be
+    /// Creates the file if there is no file yet, and writes `since` if it has no value. False when the file cannot be
     /// used or makes no sense: a sentence on stderr then says why.
     bool Start();
     /// What the file says now, or said when it last made sense.
     const State& Now();
-    /// What it said then, without a further look.
+    /// What it said then; does not read the file.
     const State& Latest() const { return LatestState; }
-    /// Changes settings of a board for every process, unless the file takes the right to away. A file that makes no
+    /// Changes settings of a board for every process, unless the file takes away the right to. A file that makes no
     /// sense is left alone.
     NvmlReturn Change(const Board& board, const SettingsEdit& edit);
 
@@ -62,7 +62,7 @@ private:
     void Create() const;
     /// Writes down that the boards' life begins now, unless it has begun. Result: what the file says then.
     std::string BeginLife() const;
-    /// Makes `text` the latest one that makes sense, or throws why it makes none.
+    /// Makes `text` the latest text that makes sense; throws what is wrong with it when it makes no sense.
     void Take(const std::string& text);
 
     std::string Path;

@@ -512,7 +512,7 @@ private:
             Require(bRefused && sampler_clock::RefusalsLeft() == 0 && Monitor->IsAvailable(), "a start threw");
             return;
         }
-        Require(bStarted == Monitor->IsAvailable(), "a start does not tell whether NVML is up");
+        Require(bStarted == Monitor->IsAvailable(), "a start returns another answer than IsAvailable");
         Require(bStarted || !bSamplerRuns, "a running sampler was not found");
         if (!bStarted || bSamplerRuns) return;
         bSamplerRuns = true;
@@ -659,9 +659,9 @@ private:
         if (!bUp || clocks.CanControl) {
             Require(clocks.Status == Monitor->Status(), "a record's status is not the monitor's");
         } else if (bFound) {
-            Require(IsOneOf(clocks.Status, kClockObstacles), "a record tells no obstacle");
+            Require(IsOneOf(clocks.Status, kClockObstacles), "a record names no obstacle");
         } else {
-            Require(clocks.Status == kNoUsableDevice, "a record does not tell that there is no GPU");
+            Require(clocks.Status == kNoUsableDevice, "a record does not say that there is no GPU");
         }
     }
 
@@ -798,13 +798,13 @@ private:
         const bool bActive = status == ActiveStatus(histories.size()) && !histories.empty();
         if (bUp) {
             Require(bActive, "the status is not that of an NVML that is up");
-            Require(histories.back().Device.Index < Nvml().DeviceCount(), "a GPU is listed that was not told");
+            Require(histories.back().Device.Index < Nvml().DeviceCount(), "a GPU is listed that NVML did not count");
         } else if (Sim().Use().Openings == OpeningsAtBirth) {
             Require(status.empty() && histories.empty(), "something is known without an attempt");
         } else {
             Require(bActive || IsOneOf(status, kStartFailures), "the status is no known line");
         }
-        // Of the failures, only this one comes after NVML told of GPUs.
+        // Only a start that fails after NVML has counted GPUs could leave histories.
         const bool bJustFailed = !bUp && Sim().Use().Openings != OpeningsBefore;
         if (bJustFailed && Nvml().DeviceCount() > 0) Require(histories.empty(), "a failed start left histories");
     }

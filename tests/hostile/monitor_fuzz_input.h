@@ -15,7 +15,7 @@ namespace monitor_fuzz {
 /// What outputs hold before an operation. No answer of the driver is this number, so it can only be what was there.
 constexpr uint32_t kPoison = 0x5A5A5A5A;
 
-/// Tells what is wrong and during which operation, and ends the process.
+/// Prints what is wrong and during which operation, and ends the process.
 [[noreturn]] void Fail(const std::string& what);
 
 inline void Require(bool bHolds, const char* what) {

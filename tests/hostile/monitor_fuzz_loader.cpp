@@ -12,7 +12,7 @@ namespace {
 using monitor_fuzz::Require;
 using namespace simulated_nvml;
 
-#define MONITOR_FUZZ_FUNCTION(name, shape) reinterpret_cast<void*>(&name),
+#define MONITOR_FUZZ_FUNCTION(name, shape) reinterpret_cast<void*>(&(name)),
 void* const kFunctions[] = {SIMULATED_NVML_ENTRY_POINTS(MONITOR_FUZZ_FUNCTION)};
 #undef MONITOR_FUZZ_FUNCTION
 

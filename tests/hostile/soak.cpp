@@ -27,7 +27,7 @@
 #include "simulated_nvml.h"
 
 // Of the sanitizers' own interface; null where the program is built without one.
-// NOLINTNEXTLINE(bugprone-reserved-identifier)
+// NOLINTNEXTLINE(bugprone-reserved-identifier,readability-identifier-naming)
 extern "C" size_t __sanitizer_get_current_allocated_bytes() __attribute__((weak));
 
 namespace {
