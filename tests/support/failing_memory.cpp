@@ -6,14 +6,6 @@
 
 #include "simulated_nvml.h"
 
-namespace failing_memory {
-
-std::atomic<uint64_t> AllocationsUntilFailure{0};
-std::atomic<bool> bAllocationFailed{false};
-thread_local bool bChecking = false;
-
-}  // namespace failing_memory
-
 using namespace failing_memory;
 
 void* operator new(size_t bytes) {

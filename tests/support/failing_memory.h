@@ -12,11 +12,11 @@ namespace failing_memory {
 
 /// The n-th allocation from now on throws, on whichever thread; with 0, every allocation succeeds. Allocations of the
 /// simulator and of threads that are `bChecking` are not counted.
-extern std::atomic<uint64_t> AllocationsUntilFailure;
+inline std::atomic<uint64_t> AllocationsUntilFailure{0};
 /// Set when an allocation has thrown.
-extern std::atomic<bool> bAllocationFailed;
+inline std::atomic<bool> bAllocationFailed{false};
 /// This thread works for the test, not for the monitor.
-extern thread_local bool bChecking;
+inline thread_local bool bChecking = false;
 
 }  // namespace failing_memory
 

@@ -3,14 +3,12 @@
 
 #include <functional>
 #include <optional>
-#include <string>
 #include <vector>
 
 /// A host's profiler: a test sets its latest frame and what runs when it is read.
 class GPUProfiler {
 public:
     struct FrameSnapshot {
-        std::string Label;
         std::vector<double> ScopesMs;
         double GpuFrameTimeMs;
     };
@@ -22,7 +20,7 @@ public:
 
     bool GetLatestSnapshot(FrameSnapshot* snapshot) const {
         if (OnRead) OnRead();
-        *snapshot = {"frame", {1.0, 2.0}, FrameTimeMs.value_or(7.0)};
+        *snapshot = {{1.0, 2.0}, FrameTimeMs.value_or(7.0)};
         return FrameTimeMs.has_value();
     }
 

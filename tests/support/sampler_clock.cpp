@@ -45,32 +45,17 @@ nanoseconds HeldNow{};
 unsigned int WaitsToPass = 0;
 std::atomic<unsigned int> ThreadsToRefuse{0};
 
-nanoseconds TimeOf(const timespec& moment) {
-    return std::chrono::seconds(moment.tv_sec) + nanoseconds(moment.tv_nsec);
-}
-
-/// Ends a wait by moving the held clock to its deadline, if time is to pass.
-bool PassLocked(const timespec& deadline) {
+/// Ends the latest wait by moving the held clock to its deadline, if time is to pass.
+bool PassLocked() {
     if (WaitsToPass == 0) return false;
     --WaitsToPass;
-    HeldNow = TimeOf(deadline);
+    HeldNow = Latest.Deadline;
     return true;
-}
-
-void NoteWaitLocked(pthread_cond_t* condition, pthread_mutex_t* mutex, const timespec& deadline) {
-    const nanoseconds now = bHeld ? HeldNow : nanoseconds(STEADY_NOW(__real_)());
-    ++WaitCount;
-    Latest = {TimeOf(deadline), TimeOf(deadline) - now};
-    Condition = condition;
-    ConditionMutex = mutex;
-    WaitBegan.notify_all();
 }
 
 /// Waits by the wall clock, and ends the program when the wait takes too long.
 void WaitToBeWoken(pthread_cond_t* condition, pthread_mutex_t* mutex) {
-    timespec giveUp{};
-    clock_gettime(CLOCK_REALTIME, &giveUp);
-    giveUp.tv_sec += kPatience.count();
+    const timespec giveUp{std::time(nullptr) + kPatience.count(), 0};
     if (pthread_cond_timedwait(condition, mutex, &giveUp) != ETIMEDOUT) return;
     std::fputs("Nothing has ended a timed wait for a minute.\n", stderr);
     std::abort();
@@ -90,16 +75,21 @@ void START_THREAD(__wrap_)(void* thread, void* state, void (*depend)()) {
 
 int CLOCK_WAIT(__wrap_)(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock, const timespec* deadline) {
     std::unique_lock<std::mutex> lock(Guard);
-    NoteWaitLocked(condition, mutex, *deadline);
+    const nanoseconds end = std::chrono::seconds(deadline->tv_sec) + nanoseconds(deadline->tv_nsec);
+    Latest = {end, end - (bHeld ? HeldNow : nanoseconds(STEADY_NOW(__real_)()))};
+    Condition = condition;
+    ConditionMutex = mutex;
+    ++WaitCount;
+    WaitBegan.notify_all();
     if (!bHeld) {
         lock.unlock();
         return CLOCK_WAIT(__real_)(condition, mutex, clock, deadline);
     }
-    if (PassLocked(*deadline)) return ETIMEDOUT;
+    if (PassLocked()) return ETIMEDOUT;
     lock.unlock();
     WaitToBeWoken(condition, mutex);
     lock.lock();
-    return PassLocked(*deadline) ? ETIMEDOUT : 0;
+    return PassLocked() ? ETIMEDOUT : 0;
 }
 
 int64_t STEADY_NOW(__wrap_)() {
