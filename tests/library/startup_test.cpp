@@ -156,12 +156,4 @@ TEST_F(StartupTest, TextsWithoutATerminatorEndWithTheirBuffers) {
     EXPECT_THAT(device.PciBusId, AllOf(StartsWith(board.BusIdLegacy), SizeIs(16))) << "the legacy form";
 }
 
-TEST_F(StartupTest, ThreadThatCannotBeCreatedLeavesTheSamplerStopped) {
-    sampler_clock::RefuseThreads(2);
-    EXPECT_THROW(Monitor.Start(), std::system_error);
-    EXPECT_THROW(Monitor.ResumeSampling(), std::system_error) << "a sampler that never ran must not count as running";
-    EXPECT_TRUE(Monitor.Start());
-    EXPECT_TRUE(WaitForCalls("nvmlDeviceGetTemperature", 1));
-}
-
 }  // namespace
