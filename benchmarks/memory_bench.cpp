@@ -21,7 +21,7 @@ void FullHistory(benchmark::State& state) {
     const auto boards = static_cast<double>(state.range(0));
     double bytesPerGpu = 0.0;
     for ([[maybe_unused]] auto _ : state) {
-        // So that the simulator's boards count before and after.
+        // First, so that the simulator's boards are part of both figures.
         UseBoards(state.range(0));
         const double before = AllocatedBytes();
         const auto monitor = std::make_unique<NvmlGpuMonitor>();

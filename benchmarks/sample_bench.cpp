@@ -31,7 +31,7 @@ using Mask = NvmlReturn (*)(NvmlDevice device, unsigned long long* mask);
 using Memory = NvmlReturn (*)(NvmlDevice device, simulated_nvml::MemoryRecord* memory);
 using Utilization = NvmlReturn (*)(NvmlDevice device, simulated_nvml::UtilizationRecord* utilization);
 
-/// The entry point `name`, of the type that it is stored as.
+/// Looks a name up. The result has the type of the variable that takes it.
 struct Symbol {
     template <typename Fn>
     operator Fn() const {
@@ -91,7 +91,7 @@ bool Ok(Fn query, Arguments... arguments) {
     return query != nullptr && query(arguments...) == 0;
 }
 
-/// Makes the calls of one sample, straight on.
+/// Makes the calls of one sample, one after the other.
 void ReadByHand(const Queries& nvml, GpuTelemetrySample* sample) {
     *sample = GpuTelemetrySample{};
     NvmlDevice device = nullptr;

@@ -30,7 +30,7 @@ Histories GrownLike(const Histories& model) {
     return grown;
 }
 
-/// Made when first asked for and kept: filling takes seconds.
+/// Made at the first use and kept, because filling takes seconds.
 Subject& SubjectOf(int64_t boards) {
     static std::map<int64_t, std::unique_ptr<Subject>> subjects;
     std::unique_ptr<Subject>& subject = subjects[boards];

@@ -24,7 +24,7 @@ using Milliseconds = std::chrono::duration<double, std::milli>;
 /// Calls of Snapshot at moments that do not depend on the sampler: each moment is as likely as any other.
 class RandomCalls {
 public:
-    /// What the call at the next moment waits, in milliseconds.
+    /// How long the call at the next moment waits, in milliseconds.
     double Next(const NvmlGpuMonitor& monitor) {
         Moment += std::chrono::duration_cast<Clock::duration>(Milliseconds(Gap(Random)));
         // At some moments the call before still waits. A call made then would have waited for the same cycle and copied

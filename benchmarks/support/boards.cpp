@@ -19,7 +19,7 @@ void UseBoards(int64_t count, int64_t processes) {
     }
     auto& simulator = simulated_nvml::SimulatedNvml::Get();
     simulator.Reset();
-    // Spares the simulator a look at the clock in each call: the less it takes, the more a comparison shows.
+    // Then the simulator does not read the clock in each call: the less time it takes, the more a comparison shows.
     simulator.HoldTimeAt(0.0);
     simulator.SetBoards(std::move(boards));
 }

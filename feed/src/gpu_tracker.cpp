@@ -106,6 +106,7 @@ double GpuTracker::LongestPeriod(const std::vector<GpuTelemetryHistory>& histori
 
 std::shared_ptr<const FeedGpu> GpuTracker::Publish(std::vector<FeedGpu> gpus) {
     std::vector<std::shared_ptr<const FeedGpu>> published;
+    published.reserve(gpus.size());
     for (FeedGpu& gpu : gpus) published.push_back(std::make_shared<const FeedGpu>(std::move(gpu)));
     Published = std::move(published);
     std::shared_ptr<const FeedGpu> newest;

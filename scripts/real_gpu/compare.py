@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Compares gpu_monitor with nvidia-smi on this machine; scripts/check_real_gpu.sh calls it and says what for.
+"""Compares gpu_monitor with nvidia-smi on this machine; called by scripts/check_real_gpu.sh.
 
     compare.py --program GPU_MONITOR [--probe PROBE] [--tuning]
 
@@ -67,8 +67,8 @@ HELD_MIB, PROCESS_SLACK_MIB = 256, 2
 # How far a locked graphics clock may be off, MHz, and how long a change may take to show: seconds.
 LOCK_SLACK_MHZ, SETTLE_SECONDS = 30, 10
 
-# Asked besides, to judge the fields above: drivers that tell it leave it out of memory.used, while the library counts
-# it; and the limit that stands in for an enforced one that is not told.
+# Asked to judge the fields above. Drivers that have the first one do not count it in memory.used, but the library does;
+# the second one is the limit where the enforced limit cannot be read.
 RESERVED_FIELD, CONFIGURED_LIMIT_FIELD = "memory.reserved", "power.limit"
 NOT_THERE = {"[N/A]", "N/A", "[Not Supported]", "Not Supported"}
 
@@ -123,7 +123,7 @@ class Smi:
         return next((gpu for gpu in self.gpus() if gpu["uuid"] == uuid), None)
 
     def supported_clocks(self, index):
-        """Pairs of memory and graphics clock; None where the driver has none to tell."""
+        """Pairs of memory and graphics clock; None where the driver lists none."""
         answer = self.run("-i", str(index), "--query-supported-clocks=memory,graphics", "--format=csv,noheader,nounits")
         lines = [line for line in answer.stdout.splitlines() if line.strip()]
         if answer.returncode != 0 or not lines or any(word in lines[0] for word in NOT_THERE):
@@ -170,7 +170,7 @@ def is_told(text):
 
 
 def number(text):
-    """nvidia-smi's value as a number; None for one that is none, such as an error in brackets."""
+    """nvidia-smi's value as a number; None for other text, such as an error in brackets."""
     try:
         return int(text, 16) if text.startswith("0x") else float(text[1:] if text.startswith("P") else text)
     except ValueError:
@@ -355,7 +355,7 @@ sys.stdin.read()
 
 
 class MemoryHolder:
-    """A process that holds video memory of one GPU while it is entered; `why_not` tells why it does not."""
+    """A process that holds video memory of one GPU while it is entered; `why_not` says why it could not."""
 
     def __init__(self, uuid):
         self.environment = {**os.environ, "CUDA_VISIBLE_DEVICES": uuid}
@@ -448,7 +448,7 @@ def tune_power(checks, smi, monitor, gpu):
         if taken:
             check_told("set", current - 1)
     finally:
-        # Also where it was not taken as far as is known: an interrupted program may have set it all the same.
+        # Also when the change seemed to fail: an interrupted program may have made it before.
         answer = monitor.run("set-power", "--gpu", index, str(current))
     if taken and changed(checks, f"{name} back", answer):
         check_told("back", current)
@@ -480,7 +480,7 @@ def tune_clocks(checks, smi, monitor, gpu):
                              f"{graphics} MHz +-{LOCK_SLACK_MHZ} for graphics within {SETTLE_SECONDS} s")
     finally:
         answer = monitor.run("reset-clocks", "--gpu", index)
-    # No query of nvidia-smi tells a lock, and an idle GPU may run at any clock, so the answer is all there is.
+    # nvidia-smi does not show locks, and an idle GPU may run at any clock, so only the answer can be checked.
     if taken:
         changed(checks, f"{name} reset", answer)
 

@@ -1,5 +1,5 @@
-// What the terminal program cannot show of the library on a real driver: its sampler's life, and what the queries of a
-// cycle cost when they are made directly. A part of scripts/check_real_gpu.sh, which compiles it where it runs.
+// What the terminal program cannot show of the library on a real driver: that its sampler pauses and resumes, and how
+// long the queries of a cycle take without the library. scripts/check_real_gpu.sh compiles and runs it.
 //
 //   probe lifecycle      a line per check: "ok NAME: seen ..., expected ..." or "FAIL ..."
 //   probe cost GPU       milliseconds of the queries of one cycle for one GPU, made directly: the median of several
@@ -28,7 +28,7 @@ double Seconds(Clock::duration duration) {
     return std::chrono::duration<double>(duration).count();
 }
 
-// ---- The sampler's life ----
+// ---- The sampler ----
 
 int Failures = 0;
 
@@ -103,8 +103,8 @@ int CheckLifecycle() {
 
 using Device = void*;
 
-/// NVML as a program that knows nothing better would call it: the same queries in the same order, nothing else. A query
-/// that the driver lacks costs nothing, as in the library.
+/// The library's queries of NVML, in the same order, and nothing else. A query that the driver lacks costs nothing, as
+/// in the library.
 class DirectQueries {
 public:
     explicit DirectQueries(unsigned int index) : Library(dlopen("libnvidia-ml.so.1", RTLD_LAZY)) {
@@ -183,7 +183,7 @@ int TellCost(unsigned int index) {
         const Clock::time_point begin = Clock::now();
         queries.MakeAll();
         costs.push_back(Seconds(Clock::now() - begin) * 1000.0);
-        // As the sampler does, so that the driver is no warmer for these queries than for its.
+        // As long as the sampler waits, so that the driver is as ready for these queries as for the sampler's.
         std::this_thread::sleep_for(milliseconds(100));
     }
     std::nth_element(costs.begin(), costs.begin() + 10, costs.end());

@@ -22,8 +22,6 @@ using std::chrono::seconds;
 
 constexpr const char* kSetPower = "nvmlDeviceSetPowerManagementLimit";
 constexpr double kLongSeconds = 1000.0;
-/// In what the log has of changes.
-const std::vector<std::string> kChanges = {"LockedClocks(", "SetPowerManagementLimit("};
 const TuningChange kLimit = {Kind::SetPower, {}, 200.0};
 const TuningChange kLock = {Kind::LockClocks, {1500, 5001}};
 
@@ -71,10 +69,13 @@ protected:
     /// The first GPU.
     std::shared_ptr<const FeedGpu> Gpu() const { return Feed->Latest()->Gpus.at(0); }
 
-    TuningRecord Record(TuningControl control) const { return *Feed->Latest()->FindTuning(kKey, control); }
+    /// The calls of the driver that change locks or limits.
+    std::string ChangesMade() const { return Log(0, {"LockedClocks(", "SetPowerManagementLimit("}); }
+
+    TuningRecord Record(TuningControl control) const { return *Feed->Latest()->FindTuning(Key, control); }
 
     std::string Tune(const TuningChange& change, double keepSeconds = kLongSeconds) {
-        return Feed->Tune(kKey, change, keepSeconds).get().Error;
+        return Feed->Tune(Key, change, keepSeconds).get().Error;
     }
 
     /// Whether the wait that began last lasts until the deadline of a change.
@@ -83,8 +84,8 @@ protected:
         return std::abs(end.count() - Record(control).Deadline) < 1e-6;
     }
 
-    const std::string kKey = simulated_nvml::DesktopBoard(0).Uuid;
-    const std::string kSecondKey = simulated_nvml::DesktopBoard(1).Uuid;
+    const std::string Key = simulated_nvml::DesktopBoard(0).Uuid;
+    const std::string SecondKey = simulated_nvml::DesktopBoard(1).Uuid;
     std::mutex Mutex;
     std::condition_variable Changed;
     std::atomic<int> Changes{0};
@@ -155,7 +156,7 @@ TEST_F(FeedTest, IntervalAndPauseTakeEffectAtOnceAndTheHistoryGoesOn) {
     const std::shared_ptr<const FeedData> data = Feed->Latest();
     EXPECT_TRUE(changed < data->PausedAt && data->PausedAt < data->SamplingSince);
     Feed->Resume();
-    Feed->QueryTuning(kKey).get();
+    Feed->QueryTuning(Key).get();
     EXPECT_EQ(Feed->Latest()->SamplingSince, data->SamplingSince);
 }
 
@@ -165,7 +166,7 @@ TEST_F(FeedTest, DriverThatHangsHoldsUpNeitherTheDataNorTheEndWhichTakesBackWhat
     EXPECT_EQ(Tune(kLimit), "");
     Sim.Block("nvmlDeviceGetTemperature");
     EXPECT_TRUE(WaitFor([this] { return StateOf(Feed->Moment(), *Gpu()) == GpuState::NoData; }));
-    EXPECT_GT(Feed->Moment().DriverSilence, 0.9);
+    EXPECT_TRUE(WaitFor([this] { return Feed->Moment().DriverSilence > 0.9; }));
     std::future<TuningResult> overtaken = Feed->TakeAllBack();
     EXPECT_FALSE(Feed->Stop(milliseconds(100)));
     const int changes = Changes;
@@ -175,7 +176,7 @@ TEST_F(FeedTest, DriverThatHangsHoldsUpNeitherTheDataNorTheEndWhichTakesBackWhat
     EXPECT_FALSE(Feed->Stop());
     // Its thread was left behind and ends now.
     EXPECT_TRUE(WaitFor([this] { return Sim.Log().back() == "dlclose"; }));
-    EXPECT_EQ(Log(0, kChanges), "DeviceSetPowerManagementLimit(0, 200000) DeviceSetPowerManagementLimit(0, 320000) ");
+    EXPECT_EQ(ChangesMade(), "DeviceSetPowerManagementLimit(0, 200000) DeviceSetPowerManagementLimit(0, 320000) ");
 }
 
 TEST_F(FeedTest, FeedWithAFreeDriverStopsAtOnceAndRefusesRequestsAfterwards) {
@@ -187,14 +188,14 @@ TEST_F(FeedTest, FeedWithAFreeDriverStopsAtOnceAndRefusesRequestsAfterwards) {
     EXPECT_TRUE(Feed->Stop(seconds(40)));
     EXPECT_LT(SteadySeconds() - before, 20.0);
     const std::shared_ptr<const FeedData> data = Feed->Latest();
-    const TuningCapabilities capabilities = Feed->QueryTuning(kKey).get();
-    EXPECT_THAT((std::vector{Tune(kLimit), Feed->TakeBack(kKey, TuningControl::Power).get().Error,
+    const TuningCapabilities capabilities = Feed->QueryTuning(Key).get();
+    EXPECT_THAT((std::vector{Tune(kLimit), Feed->TakeBack(Key, TuningControl::Power).get().Error,
                              Feed->TakeAllBack().get().Error, capabilities.Clocks.Status, capabilities.Power.Status}),
                 Each("The program is ending."));
     Feed->SetInterval(milliseconds(500));
     Feed->Pause();
     Feed->Resume();
-    Feed->Keep(kKey, TuningControl::Power);
+    Feed->Keep(Key, TuningControl::Power);
     EXPECT_EQ(Feed->Latest(), data);
     EXPECT_TRUE(Feed->Stop());
 }
@@ -202,26 +203,28 @@ TEST_F(FeedTest, FeedWithAFreeDriverStopsAtOnceAndRefusesRequestsAfterwards) {
 TEST_F(FeedTest, RequestsAreCarriedOutInOrderOnTheGpuThatTheyName) {
     StartPaused();
     const int changes = Changes;
-    const TuningCapabilities capabilities = Feed->QueryTuning(kSecondKey).get();
+    const TuningCapabilities capabilities = Feed->QueryTuning(SecondKey).get();
     EXPECT_TRUE(WaitFor([this, changes] { return Changes > changes; }));
     EXPECT_TRUE(capabilities.Clocks.CanControl);
     EXPECT_EQ(capabilities.Power.MaximumWatts, 352.0);
     Sim.Block(kSetPower);
     std::vector<std::future<TuningResult>> answers;
-    answers.push_back(Feed->Tune(kSecondKey, kLimit, kLongSeconds));
-    answers.push_back(Feed->Tune(kSecondKey, kLock, kLongSeconds));
-    answers.push_back(Feed->Tune(kKey, {Kind::SetPower, {}, 999.0}, kLongSeconds));
+    answers.push_back(Feed->Tune(SecondKey, kLimit, kLongSeconds));
+    answers.push_back(Feed->Tune(SecondKey, kLock, kLongSeconds));
+    answers.push_back(Feed->Tune(Key, {Kind::SetPower, {}, 999.0}, kLongSeconds));
     answers.push_back(Feed->Tune("GPU-of-another-machine", kLimit, kLongSeconds));
-    answers.push_back(Feed->TakeBack(kSecondKey, TuningControl::Power));
+    answers.push_back(Feed->TakeBack(SecondKey, TuningControl::Power));
     EXPECT_TRUE(WaitForCalls(kSetPower, 1));
     // From here on it can be in force, whether or not the driver ever answers.
-    EXPECT_TRUE(Feed->Latest()->Tuning.at(0).IsOutstanding());
+    const std::shared_ptr<const FeedData> data = Feed->Latest();
+    EXPECT_TRUE(data->FindTuning(SecondKey, TuningControl::Power)->IsOutstanding());
+    EXPECT_EQ(data->FindTuning(Key, TuningControl::Power), nullptr);
     Sim.Unblock();
-    std::vector<std::string> errors;
-    for (std::future<TuningResult>& answer : answers) errors.push_back(answer.get().Error);
+    std::vector<std::string> errors(answers.size());
+    std::transform(answers.begin(), answers.end(), errors.begin(), [](auto& answer) { return answer.get().Error; });
     EXPECT_THAT(errors, ElementsAre("", "", "Requested power limit is outside the driver-supported range.",
                                     "The GPU is not there any more.", ""));
-    EXPECT_EQ(Log(0, kChanges),
+    EXPECT_EQ(ChangesMade(),
               "DeviceSetPowerManagementLimit(1, 200000) DeviceSetGpuLockedClocks(1, 1500, 1500) "
               "DeviceSetMemoryLockedClocks(1, 5001, 5001) DeviceSetPowerManagementLimit(1, 320000) ");
 }
@@ -253,11 +256,11 @@ TEST_F(FeedTest, ChangesGoBackAtTheirDeadlinesUnlessTheyAreKept) {
     EXPECT_EQ(Tune(kLimit, std::numeric_limits<double>::infinity()), "");
     EXPECT_TRUE(sampler_clock::AwaitWaits(++waits));
     EXPECT_GT(sampler_clock::LatestWait().Deadline, std::chrono::hours(1));
-    Feed->Keep(kKey, TuningControl::Power);
+    Feed->Keep(Key, TuningControl::Power);
     EXPECT_TRUE(WaitFor([this] { return Record(TuningControl::Power).Deadline == 0.0; }));
-    EXPECT_EQ(Feed->QueryTuning(kKey).get().Power.CurrentWatts, 200.0);
-    EXPECT_EQ(Feed->TakeBack(kKey, TuningControl::Power).get().Error, "");
-    EXPECT_EQ(Feed->QueryTuning(kKey).get().Power.CurrentWatts, 320.0);
+    EXPECT_EQ(Feed->QueryTuning(Key).get().Power.CurrentWatts, 200.0);
+    EXPECT_EQ(Feed->TakeBack(Key, TuningControl::Power).get().Error, "");
+    EXPECT_EQ(Feed->QueryTuning(Key).get().Power.CurrentWatts, 320.0);
 }
 
 TEST_F(FeedTest, WayBackLeadsPastChangesThatNobodyHasKeptAndThoseThatFailed) {
@@ -272,24 +275,24 @@ TEST_F(FeedTest, WayBackLeadsPastChangesThatNobodyHasKeptAndThoseThatFailed) {
     EXPECT_TRUE(record.Previous.What == Kind::ResetPower && record.Deadline != 0.0 && record.InForce.Watts == 250.0);
     // A pending way back to a kept limit does not survive that everything is taken back, kept clocks too.
     EXPECT_EQ(Tune(kLock), "");
-    Feed->Keep(kKey, TuningControl::Clocks);
-    Feed->Keep(kKey, TuningControl::Power);
+    Feed->Keep(Key, TuningControl::Clocks);
+    Feed->Keep(Key, TuningControl::Power);
     EXPECT_EQ(Tune({Kind::ResetPower}), "");
     EXPECT_EQ(Record(TuningControl::Power).Previous.Watts, 250.0);
     EXPECT_EQ(Feed->TakeAllBack().get().Error, "");
     EXPECT_TRUE(Feed->Stop(seconds(30)));
-    EXPECT_THAT(Log(0, kChanges), EndsWith("(0, 5001, 5001) DeviceSetPowerManagementLimit(0, 320000) "
-                                           "DeviceResetMemoryLockedClocks(0) DeviceResetGpuLockedClocks(0) "));
+    EXPECT_THAT(ChangesMade(), EndsWith("(0, 5001, 5001) DeviceSetPowerManagementLimit(0, 320000) "
+                                        "DeviceResetMemoryLockedClocks(0) DeviceResetGpuLockedClocks(0) "));
 }
 
 TEST_F(FeedTest, LockThatFailsHalfWayIsReleasedOnceAndASolvedProblemIsForgotten) {
     StartPaused();
     Sim.FailFrom("nvmlDeviceSetMemoryLockedClocks", simulated_nvml::kNotSupported);
-    EXPECT_EQ(Feed->Tune(kKey, kLock, kLongSeconds).get().Half, HalfLock::Released);
+    EXPECT_EQ(Feed->Tune(Key, kLock, kLongSeconds).get().Half, HalfLock::Released);
     EXPECT_FALSE(Record(TuningControl::Clocks).IsOutstanding());
     EXPECT_EQ(Tune(kLimit), "");
     Sim.SetAdministratorRights(false);
-    EXPECT_NE(Feed->TakeBack(kKey, TuningControl::Power).get().Error, "");
+    EXPECT_NE(Feed->TakeBack(Key, TuningControl::Power).get().Error, "");
     EXPECT_NE(Record(TuningControl::Power).Problem, "");
     EXPECT_TRUE(Record(TuningControl::Power).IsOutstanding());
     Sim.SetAdministratorRights(true);
@@ -313,7 +316,7 @@ TEST_F(FeedTest, OutOfMemoryARequestFailsWithASentenceAndWhatIsPublishedCatchesU
         Feed->SetInterval(interval);
         EXPECT_TRUE(WaitFor([&] { return Feed->Latest()->Interval == interval; })) << nth;
         if (failing_memory::bAllocationFailed) continue;
-        const std::string status = Feed->QueryTuning(kKey).get().Power.Status;
+        const std::string status = Feed->QueryTuning(Key).get().Power.Status;
         failures += status == "GPU monitoring has failed: std::bad_alloc." ? 1 : 0;
         EXPECT_EQ(status.find("failed") != std::string::npos, failing_memory::bAllocationFailed) << status;
     }

@@ -1,4 +1,4 @@
-// What no driver lets a test reach through the public header: the source's own helpers, over a loader that is a table.
+// Helpers of the source with inputs that no simulated driver can cause. The loader is a table of entry points.
 
 #include <gtest/gtest.h>
 
@@ -11,7 +11,7 @@ namespace {
 
 std::map<std::string, void*> Exports;
 
-/// Stands for an open library; nothing looks into it.
+/// Its address is the handle of an open library.
 int OpenLibrary = 0;
 
 void Export(const char* name, HandleByIndexFn entryPoint) {
@@ -24,13 +24,13 @@ TEST(GetDeviceTest, NeedsAPlaceALibraryAndAHandle) {
     EXPECT_FALSE(GetDevice(&OpenLibrary, 0, &device)) << "no entry point";
     EXPECT_EQ(device, nullptr);
 
-    const auto tellHandle = [](unsigned int index, NvmlDevice* handle) -> NvmlReturn {
+    const auto giveHandle = [](unsigned int index, NvmlDevice* handle) -> NvmlReturn {
         *handle = index < 2 ? &OpenLibrary : nullptr;
         return index == 1 ? 999 : kNvmlSuccess;
     };
-    Export("nvmlDeviceGetHandleByIndex", tellHandle);
+    Export("nvmlDeviceGetHandleByIndex", giveHandle);
     EXPECT_FALSE(GetDevice(nullptr, 0, &device));
-    EXPECT_TRUE(GetDevice(&OpenLibrary, 0, &device)) << "the older name serves";
+    EXPECT_TRUE(GetDevice(&OpenLibrary, 0, &device)) << "by the older name";
     EXPECT_FALSE(GetDevice(&OpenLibrary, 1, &device)) << "a failure, whatever the handle";
     EXPECT_FALSE(GetDevice(&OpenLibrary, 2, &device)) << "no handle, whatever the result";
     Export("nvmlDeviceGetHandleByIndex_v2", [](unsigned int, NvmlDevice*) -> NvmlReturn { return 999; });
@@ -57,8 +57,8 @@ TEST(CountQuerySucceededTest, TakesARoomThatIsTooSmallForAnAnswer) {
 }
 
 TEST(MergeProcessMemoryTest, ReadsNoMoreRecordsThanItOffered) {
-    // Of three records it leaves the second as it was, and it tells of more than it was offered.
-    const auto boast = [](NvmlDevice, unsigned int* count, NvmlProcessInfo* processes) -> NvmlReturn {
+    // Leaves the second of three records as it was, and reports more records than it was offered.
+    const auto overstate = [](NvmlDevice, unsigned int* count, NvmlProcessInfo* processes) -> NvmlReturn {
         for (const unsigned int i : {0U, 2U, 3U}) {
             if (processes != nullptr) processes[i] = {i + 1, 100, 0, 0};
         }
@@ -66,7 +66,7 @@ TEST(MergeProcessMemoryTest, ReadsNoMoreRecordsThanItOffered) {
         return kNvmlSuccess;
     };
     std::unordered_map<int, uint64_t> processes;
-    MergeProcessMemory(boast, nullptr, processes);
+    MergeProcessMemory(overstate, nullptr, processes);
     EXPECT_EQ(processes, (std::unordered_map<int, uint64_t>{{1, 100}, {3, 100}}));
 }
 

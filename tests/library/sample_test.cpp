@@ -9,7 +9,7 @@
 
 namespace {
 
-/// Every field that NVML fills, to compare and to print.
+/// Every field that NVML fills, as one value to compare and to print.
 auto FieldsOf(const GpuTelemetrySample& s) {
     return std::make_tuple(
         s.TemperatureC, s.GpuUtilizationPercent, s.MemoryUtilizationPercent, s.EncoderUtilizationPercent,
@@ -19,7 +19,7 @@ auto FieldsOf(const GpuTelemetrySample& s) {
         s.PcieWidth, s.PcieReceiveMiBPerSecond, s.PcieTransmitMiBPerSecond, s.PerformanceLimitReasons);
 }
 
-// What fixed_boards::DistinctReadings become, and what a sample holds that nothing was read into.
+// The sample of a board with fixed_boards::DistinctReadings, and a sample of which no field was read.
 // clang-format off
 const GpuTelemetrySample kSample = {0.0, 61, 62, 63, 64, 65, 5'000'000'000, 16376ULL << 20U, 12'000'000, 16ULL << 30U,
                                     4294967.295, 320.0, 320.0, 150.0, 352.0, 66, 2100, 2101, 9501, 1785, 2, 4, 16,
@@ -118,7 +118,7 @@ TEST_F(SampleTest, SucceedsWithPowerOrGraphicsClockAlsoWhenTheyAreZero) {
     Sim.FailFrom("nvmlDeviceGetPowerUsage", simulated_nvml::kNotSupported);
     Sim.FailFrom("nvmlDeviceGetClockInfo", simulated_nvml::kNotSupported, 2);
     EXPECT_EQ(Read().GraphicsClockMHz, 0);
-    EXPECT_EQ(Read(false).TemperatureC, 61) << "no clock any more";
+    EXPECT_EQ(Read(false).TemperatureC, 61) << "a failure, as the clock cannot be read any more";
 }
 
 TEST_F(SampleTest, FrameTimeComesFromTheHostsProfiler) {
@@ -141,7 +141,7 @@ TEST_F(SampleTest, FrameTimeComesFromTheHostsProfiler) {
 TEST_F(SampleTest, ReadingThatCannotBeginLeavesTheDefaults) {
     EXPECT_FALSE(Monitor.ReadCurrentSample(nullptr));
     EXPECT_FALSE(Monitor.ReadCurrentSample(1, nullptr));
-    EXPECT_EQ(Log(), "") << "without a record to fill nothing is started";
+    EXPECT_EQ(Log(), "") << "Without a record to fill, nothing is started.";
     const auto expectDefaults = [this](unsigned int index) {
         GpuTelemetrySample sample = kSample;
         sample.TimestampSeconds = 5.0;
@@ -150,7 +150,7 @@ TEST_F(SampleTest, ReadingThatCannotBeginLeavesTheDefaults) {
         EXPECT_EQ(sample.TimestampSeconds, 0.0);
     };
     expectDefaults(1);
-    EXPECT_TRUE(Monitor.IsAvailable()) << "a reading starts NVML also when the GPU does not exist";
+    EXPECT_TRUE(Monitor.IsAvailable()) << "A reading starts NVML even if the GPU does not exist.";
     Monitor.Stop();
     Sim.RemoveLibrary();
     expectDefaults(0);

@@ -15,7 +15,7 @@ using namespace testing;
 
 using ProcessBytes = std::map<int, uint64_t>;
 
-/// How long the wait that began last is to last.
+/// How long the latest wait is meant to take.
 milliseconds WaitDuration() {
     return std::chrono::round<milliseconds>(sampler_clock::LatestWait().Duration);
 }
@@ -24,8 +24,8 @@ class SamplerTest : public MonitorTest {
 protected:
     SamplerTest() { sampler_clock::Hold(); }
 
-    /// Does what makes the sampler begin `count` more waits. Result: the histories when it has begun the last of them,
-    /// and so ended the cycles before it.
+    /// Runs `action`, which must make the sampler begin `count` more waits. Result: the histories when it has begun
+    /// them, so all cycles before them are over.
     template <typename Action>
     std::vector<GpuTelemetryHistory> AfterWaits(Action action, uint64_t count = 1) {
         const uint64_t waits = sampler_clock::WaitsBegun();
@@ -110,11 +110,11 @@ TEST_F(SamplerTest, ProcessListIsAskedForOnceWithinItsBounds) {
 TEST_F(SamplerTest, DriverThatWritesLongerRecordsStaysWithinTheBuffer) {
     Sim.SetProcessRecordBytes(32);
     for (const unsigned int processes : {1U, 2U, 3U, 4096U}) {
-        EXPECT_EQ(ListedOf(ManyProcesses(processes))[1], 1000U) << "the first record lies where it always does";
+        EXPECT_EQ(ListedOf(ManyProcesses(processes))[1], 1000U) << "the first record is at the same place";
     }
 }
 
-TEST_F(SamplerTest, OlderProcessQueriesServeWhenNewerOnesAreMissing) {
+TEST_F(SamplerTest, OlderProcessQueriesAreUsedWhenNewerOnesAreMissing) {
     for (const std::string version : {"_v3", "_v2", ""}) {
         EXPECT_EQ(ListedOf({{10, 300}}, {{11, 400}}), (ProcessBytes{{10, 300}, {11, 400}})) << version;
         EXPECT_EQ(Sim.Calls("nvmlDeviceGetComputeRunningProcesses" + version), 2) << version;
@@ -136,13 +136,13 @@ TEST_F(SamplerTest, BoardWithoutAHandleIsSkippedAndPartialSamplesAreKept) {
     EXPECT_THAT(histories[0].Samples, SizeIs(1));
     EXPECT_THAT(histories[0].ProcessMemory, SizeIs(2));
     ASSERT_THAT(histories[1].Samples, SizeIs(2));
-    EXPECT_THAT(histories[1].ProcessMemory, IsEmpty()) << "replaced, also by nothing";
+    EXPECT_THAT(histories[1].ProcessMemory, IsEmpty()) << "an empty list replaces the old one";
     EXPECT_EQ(histories[1].Samples.back().PowerWatts, -1.0);
     EXPECT_EQ(histories[1].Samples.back().TemperatureC, 61);
     Sim.StopFailing();
     const GpuTelemetryHistory resumed = PassWaits()[0];
     EXPECT_THAT(resumed.Samples, SizeIs(2));
-    EXPECT_THAT(resumed.ProcessMemory, SizeIs(2)) << "replaced, not added to";
+    EXPECT_THAT(resumed.ProcessMemory, SizeIs(2)) << "a list replaces the old one";
 }
 
 TEST_F(SamplerTest, CycleThatRunsOutOfMemoryLeavesEveryGpuWhole) {
@@ -151,7 +151,7 @@ TEST_F(SamplerTest, CycleThatRunsOutOfMemoryLeavesEveryGpuWhole) {
     simulated_nvml::Readings readings;
     uint64_t allocation = 0;
     do {
-        // As many bytes as cycles before, so that a list shows which cycle it is from.
+        // Another number of bytes in each cycle, so that a list shows which cycle it is from.
         readings.ComputeProcesses = {{10, ++allocation}};
         Sim.SetBoards(fixed_boards::FixedBoards(2, readings));
         const std::vector<GpuTelemetryHistory> before = Monitor.Snapshot();
@@ -167,6 +167,7 @@ TEST_F(SamplerTest, CycleThatRunsOutOfMemoryLeavesEveryGpuWhole) {
         }
     } while (failing_memory::bAllocationFailed);
     EXPECT_GT(allocation, 1U);
+    failing_memory::bChecking = false;
 }
 
 TEST_F(SamplerTest, HistoryKeepsTheNewest6000Samples) {
@@ -212,9 +213,9 @@ TEST_F(SamplerTest, SnapshotWaitsForTheEndOfACycle) {
 TEST_F(SamplerTest, SettingTheIntervalDuringACycleIsNotLost) {
     Sim.Reset();
     EXPECT_TRUE(Monitor.Start());
-    // Each setting waits for the end of the cycle. Among so many, some come in before the sampler's wait begins.
+    // Each call waits for the end of a cycle. Of so many, some come before the sampler begins its wait.
     for (uint64_t cycle = 1; cycle <= 3000; ++cycle) {
-        ASSERT_TRUE(WaitForCalls("nvmlDeviceGetTemperature", cycle)) << "No wait has passed, so each makes a cycle.";
+        ASSERT_TRUE(WaitForCalls("nvmlDeviceGetTemperature", cycle)) << "a cycle for each call, as no wait passes";
         Monitor.SetSampleInterval(milliseconds(200));
     }
 }
@@ -263,7 +264,7 @@ TEST_F(SamplerTest, PauseKeepsNvmlAndHistoriesAndASecondStartChangesNothing) {
     Start();
     Monitor.PauseSampling();
     GpuTelemetrySample sample;
-    EXPECT_TRUE(Monitor.ReadCurrentSample(&sample)) << "everything else works while paused";
+    EXPECT_TRUE(Monitor.ReadCurrentSample(&sample)) << "a pause stops only the sampler";
     const auto resume = [this] { EXPECT_TRUE(Monitor.ResumeSampling()); };
     EXPECT_THAT(AfterWaits(resume).front().Samples, SizeIs(2));
     EXPECT_EQ(Sim.Calls("nvmlInit_v2"), 1);
@@ -303,7 +304,7 @@ TEST_F(SamplerTest, ManyThreadsMayUseARunningMonitor) {
     Sim.SetBoards(fixed_boards::FixedBoards(2));
     Monitor.SetInitialSampleDelay(milliseconds(10));
     Monitor.Start();
-    const auto beAHost = [this] {
+    const auto useMonitor = [this] {
         for (int i = 0; i < 50; ++i) {
             Monitor.SetSampleInterval(milliseconds(100 + i));
             Monitor.SetInitialSampleDelay(milliseconds(i));
@@ -325,8 +326,8 @@ TEST_F(SamplerTest, ManyThreadsMayUseARunningMonitor) {
             EXPECT_EQ(Monitor.Status(), "NVML active: 2 NVIDIA GPU(s).");
         }
     };
-    std::vector<std::future<void>> hosts;
-    for (int host = 0; host < 4; ++host) hosts.push_back(std::async(std::launch::async, beAHost));
+    std::vector<std::future<void>> users;
+    for (int user = 0; user < 4; ++user) users.push_back(std::async(std::launch::async, useMonitor));
     for (int i = 0; i < 20; ++i) {
         Monitor.Stop();
         EXPECT_TRUE(Monitor.Start());

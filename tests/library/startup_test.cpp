@@ -15,7 +15,7 @@ static_assert(!std::is_move_constructible_v<NvmlGpuMonitor> && !std::is_move_ass
 
 class StartupTest : public MonitorTest {
 protected:
-    /// Starts NVML without the sampler, whose calls would come in between, and tells what was discovered.
+    /// Starts NVML without the sampler, whose calls would come in between. Result: the GPUs that were discovered.
     std::vector<GpuDeviceInfo> Discover() {
         GpuTelemetrySample sample;
         Monitor.ReadCurrentSample(&sample);
@@ -24,12 +24,13 @@ protected:
         return devices;
     }
 
-    /// Expects a start as scripted to fail with `status` and these last words, and one without the script to succeed.
-    void ExpectFailedStart(const std::string& status, const std::string& lastWords) {
+    /// Expects a start as scripted to fail with `status` and this end of the log, and one without the script to
+    /// succeed.
+    void ExpectFailedStart(const std::string& status, const std::string& logEnd) {
         EXPECT_FALSE(Monitor.Start());
         EXPECT_FALSE(Monitor.IsAvailable());
         EXPECT_EQ(Monitor.Status(), status);
-        EXPECT_THAT(Log(), EndsWith(lastWords));
+        EXPECT_THAT(Log(), EndsWith(logEnd));
         StartOver();
         EXPECT_TRUE(Monitor.Start());
         EXPECT_EQ(Monitor.Status(), "NVML active: 1 NVIDIA GPU(s).");
@@ -94,7 +95,7 @@ TEST_F(StartupTest, FailedStartKeepsOrEmptiesTheHistoriesOfTheOneBefore) {
     EXPECT_THAT(Discover(), SizeIs(1));
     Monitor.Stop();
     Sim.FailFrom("nvmlDeviceGetCount_v2", simulated_nvml::kUnknown);
-    EXPECT_THAT(Discover(), SizeIs(1)) << "no count, nothing replaced";
+    EXPECT_THAT(Discover(), SizeIs(1)) << "Without a count nothing is replaced.";
     Sim.StopFailing();
     Sim.FailFrom("nvmlDeviceGetName", simulated_nvml::kUnknown);
     EXPECT_THAT(Discover(), IsEmpty());
@@ -111,7 +112,7 @@ TEST_F(StartupTest, SkippedDevicesLeaveGapsInTheIndices) {
     EXPECT_EQ(devices[0].Index, 1U);
     EXPECT_EQ(devices[1].Index, 3U);
     EXPECT_EQ(Sim.Calls("nvmlDeviceGetUUID"), 2) << "a skipped device is asked nothing more";
-    EXPECT_THAT(Log(), EndsWith("CurrentClocksThrottleReasons(0) ")) << "device 0 is NVML's, admitted or not";
+    EXPECT_THAT(Log(), EndsWith("CurrentClocksThrottleReasons(0) ")) << "device 0 of NVML, though it was skipped";
 }
 
 TEST_F(StartupTest, IdentityIsReadAndEachMissingPartLeavesOnlyItsFieldEmpty) {

@@ -32,14 +32,14 @@ const char* const kDefault = "nvmlDeviceGetPowerManagementDefaultLimit";
 const char* const kRange = "nvmlDeviceGetPowerManagementLimitConstraints";
 const char* const kSet = "nvmlDeviceSetPowerManagementLimit";
 
-/// A name that NVML lacks (`Code` 0) or that fails with `Code`, from its n-th lookup or call on.
+/// A name that is missing (`Code` 0) or fails with `Code`, from its n-th lookup or call on.
 struct Fault {
     const char* Name;
     unsigned int Code = 0;
     uint64_t Nth = 1;
 };
 
-// Records with an earlier answer, of which nothing may survive a query.
+// Records with an earlier answer, of which nothing may be left after a query.
 
 GpuClockCapabilities OldClocks() {
     return {7, "old uuid", "old name", {{1, 2}}, 3, 4, true, "old status"};
@@ -59,14 +59,14 @@ class TuningTest : public MonitorTest {
 protected:
     TuningTest() { MakeWhole(); }
 
-    /// Two boards that nothing is wrong with. NVML is closed.
+    /// Two boards without faults, and a closed NVML.
     void MakeWhole(const Groups& clocks = fixed_boards::FewClocks()) {
         Monitor.Stop();
         StartOver();
         Sim.SetBoards(fixed_boards::FixedBoards(2, fixed_boards::DistinctReadings(), clocks));
     }
 
-    /// Failures last until the next ones; a name that is lacking comes back with `StartOver`.
+    /// Replaces the failures; names stay missing until `StartOver`.
     void Break(const std::vector<Fault>& faults) {
         Sim.StopFailing();
         for (const Fault& fault : faults) {
@@ -75,8 +75,8 @@ protected:
         }
     }
 
-    /// What `change` answers and asks of NVML: "Result: Sentence. Calls ", without a sentence when the string that is
-    /// to receive it is untouched.
+    /// The result of `change` and its calls of NVML: "Result: Sentence. Calls ", without a sentence when the string
+    /// that receives it is untouched.
     template <typename Change>
     std::string Outcome(Change change) {
         const std::string before(200, 'x');
@@ -132,7 +132,7 @@ protected:
 
 // ---- Clocks and power limit ----
 
-TEST_F(TuningTest, WithoutADriverOrTheGpuTheRecordsSaySo) {
+TEST_F(TuningTest, RecordsSayThatTheDriverOrTheGpuIsMissing) {
     const auto expectUnavailable = [this](const std::string& clockStatus, const std::string& powerStatus,
                                           unsigned int clockIndex, const std::string& identity) {
         const GpuClockCapabilities clocks = QueryClocks(1, false);
@@ -150,7 +150,7 @@ TEST_F(TuningTest, WithoutADriverOrTheGpuTheRecordsSaySo) {
     };
     EXPECT_FALSE(Monitor.GetClockCapabilities(nullptr) || Monitor.GetClockCapabilities(0, nullptr) ||
                  Monitor.CaptureClockState(nullptr) || Monitor.GetPowerCapabilities(0, nullptr));
-    EXPECT_EQ(Log(), "") << "without a record to fill nothing is started";
+    EXPECT_EQ(Log(), "") << "Without a record to fill, nothing is started.";
     QueryClocks();
     Break({{kHandle, kGpuIsLost}});
     expectUnavailable("NVML has no usable NVIDIA device.", "NVIDIA GPU is unavailable.", 1,
@@ -191,12 +191,14 @@ TEST_F(TuningTest, WhatNvmlRefusesIsMappedAndHalfALockIsUndone) {
             EXPECT_EQ(make(), answer + calls);
         }
     }
-    EXPECT_NE(Monitor.SetPowerLimit(1, 320.0), Result::Success) << "with nowhere to say why";
+    EXPECT_NE(Monitor.SetPowerLimit(1, 320.0), Result::Success) << "no string for the sentence";
 }
 
 TEST_F(TuningTest, RecordThatAnExceptionInterruptsHoldsNothingOld) {
+    uint64_t allocation = 0;
     bool bInterrupted = true;
-    for (uint64_t allocation = 1; bInterrupted; ++allocation) {
+    while (bInterrupted) {
+        ++allocation;
         SCOPED_TRACE(allocation);
         bInterrupted = false;
         const auto interrupt = [&](auto operation) {
@@ -229,6 +231,7 @@ TEST_F(TuningTest, RecordThatAnExceptionInterruptsHoldsNothingOld) {
         interrupt([&] { Monitor.ReadCurrentSample(1, &sample); });
         EXPECT_THAT(sample.TemperatureC, AnyOf(-1, 61));
     }
+    EXPECT_GT(allocation, 1U);
 }
 
 // ---- Clocks ----
@@ -254,7 +257,7 @@ TEST_F(ClocksTest, QueryListsEveryPairOnceInOrder) {
               "SupportedGraphicsClocks(0, 810, 0) SupportedGraphicsClocks(0, 810, 3) ");
 }
 
-TEST_F(ClocksTest, WhatKeepsClocksFromBeingLockedIsSaid) {
+TEST_F(ClocksTest, StatusSaysWhyClocksCannotBeLocked) {
     const char* const noNames = "NVML locked-clock control is not supported by this driver.";
     const char* const noClocks = "NVML did not expose supported memory clocks.";
     const char* const noFill = "NVML supported memory-clock query failed.";
@@ -281,10 +284,10 @@ TEST_F(ClocksTest, WhatKeepsClocksFromBeingLockedIsSaid) {
         const GpuClockCapabilities answer = QueryClocks();
         EXPECT_EQ(answer.Status, status);
         EXPECT_THAT(answer.SupportedPairs, IsEmpty()) << status;
-        EXPECT_EQ(answer.CurrentGraphicsClockMHz, 2100) << "read all the same";
+        EXPECT_EQ(answer.CurrentGraphicsClockMHz, 2100) << "read nevertheless";
     }
     Break({{kMemoryList}});
-    EXPECT_EQ(Lock(), NotListed) << "whatever keeps it from being listed";
+    EXPECT_EQ(Lock(), NotListed) << "a pair that cannot be listed";
     GpuClockState state{true, 1, 2};
     EXPECT_FALSE(Monitor.CaptureClockState(&state));
     EXPECT_TRUE(!state.Valid && state.GraphicsClockMHz == -1 && state.MemoryClockMHz == -1);
@@ -311,7 +314,7 @@ TEST_F(ClocksTest, ListsOf4096ClocksAndOnesThatShrinkAreTaken) {
     EXPECT_THAT(Log(), EndsWith("SupportedGraphicsClocks(0, 0, 0) ")) << "what was not written is zero";
 }
 
-TEST_F(ClocksTest, CurrentClocksThatCannotBeReadDoNotStandInTheWay) {
+TEST_F(ClocksTest, ClocksAreCapturedAlsoWhenTheyCannotBeRead) {
     Break({{"nvmlDeviceGetClockInfo", kUnknown, 2}});
     GpuClockState state;
     EXPECT_TRUE(Monitor.CaptureClockState(&state) && state.Valid);
@@ -449,9 +452,9 @@ TEST_F(PowerTest, LimitsWithinTheRangeAreSetInWholeMilliwatts) {
     EXPECT_EQ(RestoreLimit(), "Unsupported: " + QueryPower().Status + ' ') << "a board without a default";
 }
 
-TEST_F(PowerTest, GpuAndNameAreLookedUpAgainForTheChange) {
+TEST_F(PowerTest, GpuAndEntryPointAreLookedUpAgainForTheChange) {
     QueryPower();
-    for (const Fault& fault : {Fault{kHandle, kGpuIsLost, 2}, Fault{kSet, 0, 2}}) {  // after the query
+    for (const Fault& fault : {Fault{kHandle, kGpuIsLost, 2}, Fault{kSet, 0, 2}}) {  // gone after the query
         Break({fault});
         EXPECT_EQ(SetLimit(150.0), "Unsupported: NVML power-limit control is unavailable. ");
         EXPECT_THAT(Log(), EndsWith(" ?DeviceSetPowerManagementLimit ?HandleByIndex_v2 HandleByIndex_v2(1) "));

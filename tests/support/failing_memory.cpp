@@ -24,7 +24,7 @@ void* operator new(size_t bytes) {
     }
     void* const memory = std::malloc(bytes);
     if (memory == nullptr) throw std::bad_alloc();
-    // Not zero, so that a test notices what nobody has written.
+    // Not zero, so that a test notices bytes that were never written.
     return std::memset(memory, 0xA5, bytes);
 }
 void operator delete(void* memory) noexcept {

@@ -10,8 +10,8 @@
 
 namespace failing_memory {
 
-/// How many allocations, on any thread, it takes until one throws; that one included. Set it to 0 and none throws.
-/// What the simulator allocates and what a thread allocates that is `bChecking` does not count.
+/// The n-th allocation from now on throws, on whichever thread; with 0, every allocation succeeds. Allocations of the
+/// simulator and of threads that are `bChecking` are not counted.
 extern std::atomic<uint64_t> AllocationsUntilFailure;
 /// Set when an allocation has thrown.
 extern std::atomic<bool> bAllocationFailed;

@@ -7,12 +7,12 @@
 #include "simulated_nvml.h"
 
 /// \file
-/// Boards of the simulated NVML that always answer the same, for tests that compare what comes out with what went in.
+/// Boards of the simulated NVML that always answer the same, for tests that compare exact values.
 
 namespace fixed_boards {
 
-/// Every reading has a value of its own, so that a test notices two that are swapped. Some are the highest of their
-/// range. Process 10 uses 1000 bytes; process 11 uses 2000 to compute and 3000 to draw.
+/// Nearly all readings differ, so that a test notices two that are swapped. Some are the highest possible value.
+/// Process 10 uses 1000 bytes; process 11 uses 2000 to compute and 3000 to draw.
 inline simulated_nvml::Readings DistinctReadings() {
     // In the order of the members.
     // clang-format off

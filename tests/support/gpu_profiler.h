@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-/// A host's profiler: a test sets its latest frame, and what happens when somebody reads it.
+/// A host's profiler: a test sets its latest frame and what runs when it is read.
 class GPUProfiler {
 public:
     struct FrameSnapshot {

@@ -16,13 +16,13 @@
 #include "sampler_clock.h"
 #include "simulated_nvml.h"
 
-/// Now, in the seconds that samples are stamped with.
+/// The time now, on the clock of the samples' timestamps.
 inline double SteadySeconds() {
     return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
-/// Every test begins with one fixed board that nothing is wrong with, and fails when the simulator saw misuse or NVML
-/// was left open.
+/// Every test begins with one fixed board without faults, and fails when the simulator saw misuse or NVML was left
+/// open.
 class ScriptedTest : public testing::Test {
 protected:
     ScriptedTest() {
@@ -45,8 +45,8 @@ protected:
         Sim.LetFailuresWrite();
     }
 
-    /// The log from entry `from` on, as far as it contains one of `words`: "?Name" is a lookup, "Name(...)" a call, and
-    /// the common beginnings of NVML's names are left out.
+    /// The entries of the log from `from` on that contain one of `words`: "?Name" is a lookup, "Name(...)" a call. The
+    /// common beginnings of NVML's names are left out.
     std::string Log(size_t from = 0, const std::vector<std::string>& words = {""}) const {
         std::string text;
         const std::vector<std::string> log = Sim.Log();
@@ -74,7 +74,7 @@ protected:
     simulated_nvml::SimulatedNvml& Sim = simulated_nvml::SimulatedNvml::Get();
 };
 
-/// With a monitor, which is gone when the simulator is asked what it saw.
+/// Has a monitor, which is destroyed before the test looks for misuse.
 class MonitorTest : public ScriptedTest {
 protected:
     NvmlGpuMonitor Monitor;

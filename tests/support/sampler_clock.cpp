@@ -32,12 +32,12 @@ using std::chrono::nanoseconds;
 
 constexpr std::chrono::seconds kPatience{60};
 
-// Guards what follows. A thread that begins a wait locks it while it holds the mutex of its condition.
+// Guards what follows. A thread that begins a wait locks it while it holds the mutex of the condition.
 std::mutex Guard;
 std::condition_variable WaitBegan;
 uint64_t WaitCount = 0;
 sampler_clock::TimedWait Latest{};
-// Where the thread waits whose wait began last.
+// What the latest wait waits on.
 pthread_cond_t* Condition = nullptr;
 pthread_mutex_t* ConditionMutex = nullptr;
 bool bHeld = false;
@@ -66,13 +66,13 @@ void NoteWaitLocked(pthread_cond_t* condition, pthread_mutex_t* mutex, const tim
     WaitBegan.notify_all();
 }
 
-/// A wait by the wall clock that ends the program when nobody ends the wait.
+/// Waits by the wall clock, and ends the program when the wait takes too long.
 void WaitToBeWoken(pthread_cond_t* condition, pthread_mutex_t* mutex) {
     timespec giveUp{};
     clock_gettime(CLOCK_REALTIME, &giveUp);
     giveUp.tv_sec += kPatience.count();
     if (pthread_cond_timedwait(condition, mutex, &giveUp) != ETIMEDOUT) return;
-    std::fputs("Nobody has ended a timed wait for a minute.\n", stderr);
+    std::fputs("Nothing has ended a timed wait for a minute.\n", stderr);
     std::abort();
 }
 
@@ -129,7 +129,7 @@ void Hold() {
 }
 
 void PassWaits(unsigned int count) {
-    // Only with the mutex of its condition is it certain that the thread is in its wait already, and not on its way.
+    // With the mutex of the condition in hand, the thread has surely begun to wait: it held the mutex until then.
     pthread_mutex_lock(ConditionMutex);
     {
         const std::lock_guard<std::mutex> lock(Guard);
@@ -151,7 +151,7 @@ TimedWait LatestWait() {
 
 bool AwaitWaits(uint64_t count) {
     std::unique_lock<std::mutex> lock(Guard);
-    // The wall clock, because waits on the steady clock come here.
+    // The wall clock, because this source replaces waits on the steady clock.
     const auto giveUp = std::chrono::system_clock::now() + kPatience;
     return WaitBegan.wait_until(lock, giveUp, [count] { return WaitCount >= count; });
 }

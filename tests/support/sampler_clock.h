@@ -11,17 +11,18 @@
 
 namespace sampler_clock {
 
-/// As a program begins: time passes, no wait has begun, and threads start. Call it while no thread waits.
+/// As at the start of a program: time passes, no wait has begun, and threads start. Call it while no thread waits.
 void Reset();
 
-/// Holds the clock: it stands still but for a microsecond each time that somebody reads it, and a timed wait ends only
-/// by a notification, `PassWaits` or `WakeSpuriously`. Call it while no thread waits; only one thread at a time may
-/// wait then. What a test itself waits for, it has to wait for by the wall clock.
+/// Holds the clock: it moves on by one microsecond each time that it is read, and a timed wait ends only by a
+/// notification, `PassWaits` or `WakeSpuriously`. Call it while no thread waits. While the clock is held, only one
+/// thread at a time may wait by it; the test itself waits by the wall clock. A wait that nothing ends for a minute ends
+/// the program.
 void Hold();
 /// Moves the held clock to the deadline of the present wait, which ends it, and does the same with the `count` - 1
 /// waits that follow. A thread must have begun a wait.
 void PassWaits(unsigned int count = 1);
-/// Wakes the thread whose wait began last, without a reason, whether the clock is held or not.
+/// Wakes the thread whose wait began last, without a notification and before its deadline. The clock need not be held.
 inline void WakeSpuriously() {
     PassWaits(0);
 }
