@@ -1,16 +1,19 @@
-// What one sample costs: the monitor's operation, and the same lookups and calls written by hand.
+// What one sample costs: the monitor's operation, and the same lookups and calls without the monitor.
 
 #include <benchmark/benchmark.h>
 #include <dlfcn.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "boards.h"
-#include "gpu_profiler.h"
+#include "entry_point_list.h"
 #include "nvml_abi.h"
 #include "nvml_gpu_monitor.h"
 #include "simulated_nvml.h"
@@ -23,145 +26,85 @@ using simulated_nvml::SimulatedNvml;
 
 // ---- By hand ----
 
-using Handle = NvmlReturn (*)(unsigned int index, NvmlDevice* device);
-using Value = NvmlReturn (*)(NvmlDevice device, unsigned int* value);
-using Selected = NvmlReturn (*)(NvmlDevice device, unsigned int selector, unsigned int* value);
-using Pair = NvmlReturn (*)(NvmlDevice device, unsigned int* first, unsigned int* second);
-using Mask = NvmlReturn (*)(NvmlDevice device, unsigned long long* mask);
-using Memory = NvmlReturn (*)(NvmlDevice device, simulated_nvml::MemoryRecord* memory);
-using Utilization = NvmlReturn (*)(NvmlDevice device, simulated_nvml::UtilizationRecord* utilization);
+namespace shapes = simulated_nvml::shapes;
+using simulated_nvml::Shape;
 
-/// Looks a name up. The result has the type of the variable that takes it.
-struct Symbol {
-    template <typename Fn>
-    operator Fn() const {
-        return reinterpret_cast<Fn>(dlsym(Library, Name));
-    }
-
-    void* Library;
-    const char* Name;
+/// One of the calls that a sample makes.
+struct Query {
+    std::string Name;
+    Shape Form;
+    unsigned int Selector;
 };
 
-/// What a sample looks up.
-struct Queries {
-    explicit Queries(void* library)
-        : GetHandle(Symbol{library, "nvmlDeviceGetHandleByIndex_v2"}),
-          Temperature(Symbol{library, "nvmlDeviceGetTemperature"}),
-          Rates(Symbol{library, "nvmlDeviceGetUtilizationRates"}),
-          VideoMemory(Symbol{library, "nvmlDeviceGetMemoryInfo"}),
-          Power(Symbol{library, "nvmlDeviceGetPowerUsage"}),
-          Fan(Symbol{library, "nvmlDeviceGetFanSpeed"}),
-          Clock(Symbol{library, "nvmlDeviceGetClockInfo"}),
-          State(Symbol{library, "nvmlDeviceGetPerformanceState"}),
-          Encoder(Symbol{library, "nvmlDeviceGetEncoderUtilization"}),
-          Decoder(Symbol{library, "nvmlDeviceGetDecoderUtilization"}),
-          Bar1(Symbol{library, "nvmlDeviceGetBAR1MemoryInfo"}),
-          Generation(Symbol{library, "nvmlDeviceGetCurrPcieLinkGeneration"}),
-          Width(Symbol{library, "nvmlDeviceGetCurrPcieLinkWidth"}),
-          Throughput(Symbol{library, "nvmlDeviceGetPcieThroughput"}),
-          Reasons(Symbol{library, "nvmlDeviceGetCurrentClocksThrottleReasons"}),
-          Enforced(Symbol{library, "nvmlDeviceGetEnforcedPowerLimit"}),
-          Configured(Symbol{library, "nvmlDeviceGetPowerManagementLimit"}),
-          Default(Symbol{library, "nvmlDeviceGetPowerManagementDefaultLimit"}),
-          Range(Symbol{library, "nvmlDeviceGetPowerManagementLimitConstraints"}) {}
+Shape ShapeOf(const std::string& name) {
+    const auto* const found =
+        std::find(std::begin(simulated_nvml::kEntryPointNames), std::end(simulated_nvml::kEntryPointNames), name);
+    return simulated_nvml::kEntryPointShapes[found - std::begin(simulated_nvml::kEntryPointNames)];
+}
 
-    Handle GetHandle;
-    Selected Temperature;
-    Utilization Rates;
-    Memory VideoMemory;
-    Value Power;
-    Value Fan;
-    Selected Clock;
-    Value State;
-    Pair Encoder;
-    Pair Decoder;
-    Memory Bar1;
-    Value Generation;
-    Value Width;
-    Selected Throughput;
-    Mask Reasons;
-    Value Enforced;
-    Value Configured;
-    Value Default;
-    Pair Range;
+/// From a line of the simulator's log: "NAME(BOARD)" or "NAME(BOARD, SELECTOR)".
+Query QueryOf(const std::string& line) {
+    const std::string name = line.substr(0, line.find('('));
+    const size_t comma = line.find(", ");
+    const bool bSelects = comma != std::string::npos;
+    return {name, ShapeOf(name), bSelects ? static_cast<unsigned int>(std::stoul(line.substr(comma + 2))) : 0U};
+}
+
+/// What the answers to a sample's calls are written to.
+struct Answers {
+    NvmlDevice Device = nullptr;
+    unsigned int First = 0;
+    unsigned int Second = 0;
+    unsigned long long Mask = 0;
+    simulated_nvml::MemoryRecord Memory{};
+    simulated_nvml::UtilizationRecord Utilization{};
 };
 
-template <typename Fn, typename... Arguments>
-bool Ok(Fn query, Arguments... arguments) {
-    return query != nullptr && query(arguments...) == 0;
+template <typename Shaped>
+Shaped* As(void* entryPoint) {
+    return reinterpret_cast<Shaped*>(entryPoint);
 }
 
-template <typename Fn, typename... Arguments>
-void ReadInt(int* field, Fn query, Arguments... arguments) {
-    unsigned int value = 0;
-    if (Ok(query, arguments..., &value)) *field = static_cast<int>(value);
-}
-
-void ReadWatts(double* field, Value query, NvmlDevice device) {
-    unsigned int milliwatts = 0;
-    if (Ok(query, device, &milliwatts)) *field = milliwatts / 1000.0;
-}
-
-void ReadLoad(const Queries& nvml, NvmlDevice device, GpuTelemetrySample* sample) {
-    ReadInt(&sample->TemperatureC, nvml.Temperature, device, 0U);
-    simulated_nvml::UtilizationRecord rates{};
-    if (Ok(nvml.Rates, device, &rates)) {
-        sample->GpuUtilizationPercent = static_cast<int>(rates.GpuPercent);
-        sample->MemoryUtilizationPercent = static_cast<int>(rates.MemoryPercent);
-    }
-    simulated_nvml::MemoryRecord bytes{};
-    if (Ok(nvml.VideoMemory, device, &bytes)) {
-        sample->VramUsedBytes = bytes.UsedBytes;
-        sample->VramTotalBytes = bytes.TotalBytes;
-    }
-    ReadWatts(&sample->PowerWatts, nvml.Power, device);
-    ReadWatts(&sample->PowerLimitWatts, nvml.Enforced, device);
-    if (sample->PowerLimitWatts < 0.0) ReadWatts(&sample->PowerLimitWatts, nvml.Configured, device);
-    ReadWatts(&sample->DefaultPowerLimitWatts, nvml.Default, device);
-    unsigned int lowest = 0;
-    unsigned int highest = 0;
-    if (Ok(nvml.Range, device, &lowest, &highest)) {
-        sample->MinimumPowerLimitWatts = lowest / 1000.0;
-        sample->MaximumPowerLimitWatts = highest / 1000.0;
+NvmlReturn Ask(const Query& query, void* entryPoint, Answers* to) {
+    switch (query.Form) {
+        case Shape::Handle: return As<shapes::Handle>(entryPoint)(0, &to->Device);
+        case Shape::Value: return As<shapes::Value>(entryPoint)(to->Device, &to->First);
+        case Shape::Selected: return As<shapes::Selected>(entryPoint)(to->Device, query.Selector, &to->First);
+        case Shape::Pair: return As<shapes::Pair>(entryPoint)(to->Device, &to->First, &to->Second);
+        case Shape::Mask: return As<shapes::Mask>(entryPoint)(to->Device, &to->Mask);
+        case Shape::Memory: return As<shapes::Memory>(entryPoint)(to->Device, &to->Memory);
+        case Shape::Utilization: return As<shapes::Utilization>(entryPoint)(to->Device, &to->Utilization);
+        default: return simulated_nvml::kUnknown;
     }
 }
 
-void ReadClocksAndBus(const Queries& nvml, NvmlDevice device, GpuTelemetrySample* sample) {
-    ReadInt(&sample->FanPercent, nvml.Fan, device);
-    ReadInt(&sample->GraphicsClockMHz, nvml.Clock, device, 0U);
-    ReadInt(&sample->SmClockMHz, nvml.Clock, device, 1U);
-    ReadInt(&sample->MemoryClockMHz, nvml.Clock, device, 2U);
-    ReadInt(&sample->VideoClockMHz, nvml.Clock, device, 3U);
-    ReadInt(&sample->PerformanceState, nvml.State, device);
-    unsigned int value = 0;
-    unsigned int period = 0;
-    if (Ok(nvml.Encoder, device, &value, &period)) sample->EncoderUtilizationPercent = static_cast<int>(value);
-    if (Ok(nvml.Decoder, device, &value, &period)) sample->DecoderUtilizationPercent = static_cast<int>(value);
-    simulated_nvml::MemoryRecord bytes{};
-    if (Ok(nvml.Bar1, device, &bytes)) {
-        sample->Bar1UsedBytes = bytes.UsedBytes;
-        sample->Bar1TotalBytes = bytes.TotalBytes;
-    }
-    ReadInt(&sample->PcieGeneration, nvml.Generation, device);
-    ReadInt(&sample->PcieWidth, nvml.Width, device);
-    if (Ok(nvml.Throughput, device, 1U, &value)) sample->PcieReceiveMiBPerSecond = value / 1024.0;
-    if (Ok(nvml.Throughput, device, 0U, &value)) sample->PcieTransmitMiBPerSecond = value / 1024.0;
-    unsigned long long mask = 0;
-    if (Ok(nvml.Reasons, device, &mask)) sample->PerformanceLimitReasons = mask;
-}
+/// The calls of a sample without the monitor. Which ones those are, the monitor itself has shown.
+class HandMadeSample {
+public:
+    HandMadeSample(void* library, const std::vector<Query>& queries) : Library(library), ToAsk(queries) {}
 
-/// Makes the calls of one sample, one after the other.
-void ReadByHand(const Queries& nvml, GpuTelemetrySample* sample) {
-    *sample = GpuTelemetrySample{};
-    NvmlDevice device = nullptr;
-    if (!Ok(nvml.GetHandle, 0U, &device)) return;
-    const std::chrono::nanoseconds now = std::chrono::steady_clock::now().time_since_epoch();
-    sample->TimestampSeconds = static_cast<double>(now.count()) / 1e9;
-    GPUProfiler::FrameSnapshot frame;
-    if (GPUProfiler::Get()->GetLatestSnapshot(&frame)) sample->FrameTimeMs = frame.GpuFrameTimeMs;
-    ReadLoad(nvml, device, sample);
-    ReadClocksAndBus(nvml, device, sample);
-}
+    /// Looks each name up at its first call, as the monitor does.
+    void LookUp() {
+        EntryPoints.clear();
+        for (size_t i = 0; i < ToAsk.size(); ++i) {
+            const bool bAgain = i > 0 && ToAsk[i].Name == ToAsk[i - 1].Name;
+            EntryPoints.push_back(bAgain ? EntryPoints.back() : dlsym(Library, ToAsk[i].Name.c_str()));
+        }
+    }
+
+    void Call() {
+        Answers answers;
+        const auto now = std::chrono::steady_clock::now();
+        benchmark::DoNotOptimize(now);
+        for (size_t i = 0; i < ToAsk.size(); ++i) Ask(ToAsk[i], EntryPoints[i], &answers);
+        benchmark::DoNotOptimize(answers);
+    }
+
+private:
+    void* const Library;
+    const std::vector<Query>& ToAsk;
+    std::vector<void*> EntryPoints;
+};
 
 // ---- Measuring ----
 
@@ -180,57 +123,75 @@ struct Nvml {
     void* Library = dlopen("libnvidia-ml.so.1", RTLD_LAZY);
 };
 
+/// The calls of NVML that `read` makes, in order.
 template <typename Read>
-void Measure(benchmark::State& state, Read read) {
+std::vector<std::string> CallsOf(Read read) {
+    SimulatedNvml::Get().RecordLog();
+    const size_t before = SimulatedNvml::Get().Log().size();
+    read();
+    const std::vector<std::string> log = SimulatedNvml::Get().Log();
+    return {log.begin() + static_cast<std::ptrdiff_t>(before), log.end()};
+}
+
+std::vector<std::string> CallsOfMonitor() {
+    Nvml nvml;
     GpuTelemetrySample sample;
-    for ([[maybe_unused]] auto _ : state) {
-        read(&sample);
-        benchmark::DoNotOptimize(sample);
-    }
+    return CallsOf([&] { nvml.Monitor.ReadCurrentSample(0, &sample); });
+}
+
+/// The calls of a sample. They are recorded at the first use, before which nothing else may use the simulator.
+const std::vector<Query>& Queries() {
+    static const std::vector<Query> kQueries = [] {
+        std::vector<Query> queries;
+        for (const std::string& line : CallsOfMonitor()) queries.push_back(QueryOf(line));
+        return queries;
+    }();
+    return kQueries;
 }
 
 void SampleOfMonitor(benchmark::State& state) {
     Nvml nvml;
-    Measure(state, [&](GpuTelemetrySample* sample) { nvml.Monitor.ReadCurrentSample(0, sample); });
+    GpuTelemetrySample sample;
+    for ([[maybe_unused]] auto _ : state) {
+        nvml.Monitor.ReadCurrentSample(0, &sample);
+        benchmark::DoNotOptimize(sample);
+    }
 }
 BENCHMARK(SampleOfMonitor);
 
 void SampleByHand(benchmark::State& state) {
     const Nvml nvml;
-    Measure(state, [&](GpuTelemetrySample* sample) { ReadByHand(Queries(nvml.Library), sample); });
+    HandMadeSample reader(nvml.Library, Queries());
+    for ([[maybe_unused]] auto _ : state) {
+        reader.LookUp();
+        reader.Call();
+    }
 }
 BENCHMARK(SampleByHand);
 
 void SampleLookedUpOnce(benchmark::State& state) {
     const Nvml nvml;
-    const Queries queries(nvml.Library);
-    Measure(state, [&](GpuTelemetrySample* sample) { ReadByHand(queries, sample); });
+    HandMadeSample reader(nvml.Library, Queries());
+    reader.LookUp();
+    for ([[maybe_unused]] auto _ : state) reader.Call();
 }
 BENCHMARK(SampleLookedUpOnce);
 
-/// The calls of NVML that `read` makes, in order.
-template <typename Read>
-std::vector<std::string> CallsOf(Read read) {
-    GpuTelemetrySample sample;
-    SimulatedNvml::Get().RecordLog();
-    const size_t before = SimulatedNvml::Get().Log().size();
-    read(&sample);
-    const std::vector<std::string> log = SimulatedNvml::Get().Log();
-    return {log.begin() + static_cast<std::ptrdiff_t>(before), log.end()};
-}
-
 /// A comparison of times says nothing where the two do not make the same calls.
 bool MakeTheSameCalls() {
-    Nvml nvml;
-    const auto ofMonitor = CallsOf([&](GpuTelemetrySample* s) { nvml.Monitor.ReadCurrentSample(0, s); });
-    return ofMonitor == CallsOf([&](GpuTelemetrySample* s) { ReadByHand(Queries(nvml.Library), s); });
+    const std::vector<std::string> ofMonitor = CallsOfMonitor();
+    const std::vector<Query>& queries = Queries();
+    const Nvml nvml;
+    HandMadeSample reader(nvml.Library, queries);
+    reader.LookUp();
+    return !ofMonitor.empty() && CallsOf([&] { reader.Call(); }) == ofMonitor;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
     if (!MakeTheSameCalls()) {
-        std::fputs("A sample does not make the calls that are written by hand.\n", stderr);
+        std::fputs("A sample does not make the calls that are made by hand.\n", stderr);
         return EXIT_FAILURE;
     }
     benchmark::Initialize(&argc, argv);

@@ -1,4 +1,6 @@
-option(NVML_GPU_MONITOR_WARNINGS_AS_ERRORS "Fail on every warning, as the project's own checks do" OFF)
+if(NVML_GPU_MONITOR_TOP_LEVEL)
+    option(NVML_GPU_MONITOR_WARNINGS_AS_ERRORS "Fail on every warning, as the project's own checks do" OFF)
+endif()
 
 # A host that embeds the project keeps its own settings.
 function(nvml_gpu_monitor_strict_warnings target)

@@ -1,5 +1,6 @@
-#include <cstdio>
 #include <nvml_gpu_monitor.h>
+
+#include <cstdio>
 #include <thread>
 
 int main() {
