@@ -57,20 +57,18 @@ int64_t CountThreads() {
     return CountEntries("/proc/self/task");
 }
 
-bool IsSanitized() {
-    return __sanitizer_get_current_allocated_bytes != nullptr;
-}
+const bool kSanitized = __sanitizer_get_current_allocated_bytes != nullptr;
 
 /// What is allocated and not freed.
 int64_t HeapBytes() {
-    if (IsSanitized()) return static_cast<int64_t>(__sanitizer_get_current_allocated_bytes());
+    if (kSanitized) return static_cast<int64_t>(__sanitizer_get_current_allocated_bytes());
     const struct mallinfo2 heap = mallinfo2();
     return static_cast<int64_t>(heap.uordblks + heap.hblkhd);
 }
 
 /// What the process has in memory. Under a sanitizer most of that is the sanitizer's own, and only the heap counts.
 int64_t ResidentBytes() {
-    if (IsSanitized()) return 0;
+    if (kSanitized) return 0;
     std::ifstream statm("/proc/self/statm");
     int64_t size = 0;
     int64_t resident = 0;
@@ -103,8 +101,12 @@ Footprint Measure(int64_t threads) {
     return footprint;
 }
 
-/// Ends a phase: prints its figures, then judges. `rounds` is how often the work was done in between.
-void Conclude(const std::string& phase, const Footprint& before, const Footprint& after, uint64_t rounds) {
+/// Does the `rounds` rounds of `work` and judges what they left behind, with the monitor's `threads` at both moments.
+template <typename Work>
+void RequireNoGrowth(const std::string& phase, uint64_t rounds, int64_t threads, Work work) {
+    const Footprint before = Measure(threads);
+    work();
+    const Footprint after = Measure(threads);
     for (size_t i = 0; i < before.size(); ++i) {
         const Quantity& quantity = kQuantities[i];
         const int64_t bound = std::max(static_cast<int64_t>(rounds) * quantity.PerRound, quantity.AtLeast);
@@ -134,39 +136,33 @@ void MakeCycles(unsigned int count) {
 void FillHistories(unsigned int boards) {
     constexpr size_t kHistoryBound = 6000;
     constexpr unsigned int kCyclesBeyondBound = 500;
-    constexpr unsigned int kCyclesBetweenMeasurements = 2000;
+    constexpr unsigned int kMeasuredCycles = 2000;
     const int64_t threads = CountThreads() + 1;
     UseBoards(boards);
     NvmlGpuMonitor monitor;
     Require(monitor.Start() && sampler_clock::AwaitWaits(1), "The sampler did not start.");
     MakeCycles(kHistoryBound + kCyclesBeyondBound);
-    const Footprint before = Measure(threads);
-    MakeCycles(kCyclesBetweenMeasurements);
-    const Footprint after = Measure(threads);
+    RequireNoGrowth("histories of " + std::to_string(boards) + " boards", uint64_t{kMeasuredCycles} * boards, threads,
+                    [] { MakeCycles(kMeasuredCycles); });
     const std::vector<GpuTelemetryHistory> histories = monitor.Snapshot();
     const auto isFull = [](const GpuTelemetryHistory& history) { return history.Samples.size() == kHistoryBound; };
     Require(histories.size() == boards && std::all_of(histories.begin(), histories.end(), isFull),
             "A history is not at its bound.");
-    Conclude("histories of " + std::to_string(boards) + " boards", before, after,
-             uint64_t{kCyclesBetweenMeasurements} * boards);
 }
 
-/// Starts and stops in one of the ways in which hosts do.
-void StartAndStop(uint64_t way, NvmlGpuMonitor* monitor) {
-    const uint64_t waits = sampler_clock::WaitsBegun();
-    Require(monitor->Start(), "A start failed: " + monitor->Status());
-    if (way == 1) Require(sampler_clock::AwaitWaits(waits + 1), "A started sampler made no cycle.");
-    if (way == 2) {
-        monitor->PauseSampling();
-        Require(monitor->ResumeSampling(), "A resume failed: " + monitor->Status());
-    }
-    if (way != 3) monitor->Stop();
-}
-
-void StartAndStopRepeatedly(uint64_t count, NvmlGpuMonitor* monitor) {
+/// Starts and stops in turn in each of the ways in which hosts do.
+void StartAndStop(uint64_t count, NvmlGpuMonitor* longLived) {
     for (uint64_t i = 0; i < count; ++i) {
         NvmlGpuMonitor stoppedByItsDestructor;
-        StartAndStop(i % 4, i % 4 == 3 ? &stoppedByItsDestructor : monitor);
+        NvmlGpuMonitor* const monitor = i % 4 == 3 ? &stoppedByItsDestructor : longLived;
+        const uint64_t waits = sampler_clock::WaitsBegun();
+        Require(monitor->Start(), "A start failed: " + monitor->Status());
+        if (i % 4 == 1) Require(sampler_clock::AwaitWaits(waits + 1), "A started sampler made no cycle.");
+        if (i % 4 == 2) {
+            monitor->PauseSampling();
+            Require(monitor->ResumeSampling(), "A resume failed: " + monitor->Status());
+        }
+        if (i % 4 != 3) monitor->Stop();
     }
 }
 
@@ -175,14 +171,12 @@ void StartOften(unsigned int boards, uint64_t cycles) {
     const int64_t threads = CountThreads();
     UseBoards(boards);
     NvmlGpuMonitor monitor;
-    StartAndStopRepeatedly(kWarmUpCycles, &monitor);
-    const Footprint before = Measure(threads);
-    StartAndStopRepeatedly(cycles, &monitor);
-    const Footprint after = Measure(threads);
+    StartAndStop(kWarmUpCycles, &monitor);
+    RequireNoGrowth(std::to_string(cycles) + " starts and stops", cycles, threads,
+                    [&] { StartAndStop(cycles, &monitor); });
     const uint64_t inits = SimulatedNvml::Get().Calls("nvmlInit_v2");
     Require(inits == kWarmUpCycles + cycles && inits == SimulatedNvml::Get().Calls("nvmlShutdown"),
             "NVML was not initialized and shut down once per start and stop.");
-    Conclude(std::to_string(cycles) + " starts and stops", before, after, cycles);
 }
 
 }  // namespace
