@@ -51,24 +51,11 @@ SimulatedNvml& Sim() {
 
 /// What calls answer and what they came to.
 ScriptedAnswers& Nvml() {
-    static ScriptedAnswers& answers = Sim().Answers();
-    return answers;
-}
-
-/// GPUs that nothing is wrong with, whose texts have only characters that `RequireText` expects.
-std::vector<Board> HealthyBoards() {
-    std::vector<Board> boards = fixed_boards::FixedBoards(2);
-    for (Board& board : boards) {
-        for (std::string Board::*text :
-             {&Board::Name, &Board::Uuid, &Board::BusId, &Board::BusIdLegacy, &Board::VbiosVersion}) {
-            board.*text = "abcdefgh";
-        }
-    }
-    return boards;
+    return Sim().Answers();
 }
 
 void ResetDriver() {
-    static const std::vector<Board> kBoards = HealthyBoards();
+    static const std::vector<Board> kBoards = fixed_boards::FixedBoards(2);
     Sim().Reset();
     Sim().SetBoards(kBoards);
     Sim().ForbidConcurrentCalls();
@@ -82,11 +69,6 @@ void ResetDriver() {
                                     name == EntryPoint::nvmlDeviceGetBAR1MemoryInfo;
         if (bOnlyDiscovery) Nvml().AllowNullHandle(name);
     }
-}
-
-void RequireNoMisuse() {
-    const std::vector<std::string> misuse = Sim().Misuse();
-    if (!misuse.empty()) Fail(misuse.front());
 }
 
 // ---- The sentences ----
@@ -108,10 +90,6 @@ constexpr std::pair<GpuCapabilityState, std::string_view> kPowerSentences[] = {
 template <typename Values, typename T>
 bool IsOneOf(const T& value, const Values& values) {
     return std::find(std::begin(values), std::end(values), value) != std::end(values);
-}
-
-std::string ActiveStatus(size_t devices) {
-    return "NVML active: " + std::to_string(devices) + " NVIDIA GPU(s).";
 }
 
 double NowSeconds() {
@@ -195,18 +173,6 @@ constexpr Reading kReadings[] = {
     {&Sample::PerformanceLimitReasons, {EntryPoint::nvmlDeviceGetCurrentClocksThrottleReasons}},
 };
 
-void RequireText(const std::string& text, size_t longest) {
-    constexpr const char* kCharacters = "abcdefghijklmnop0123456789.";
-    Require(text.size() <= longest, "a text is longer than its buffer");
-    Require(text.find_first_not_of(kCharacters) == std::string::npos, "a text has a character that NVML did not write");
-}
-
-void RequireFrameTime(double field) {
-    const double frame = GPUProfiler::Get()->FrameTimeMs.value_or(-1.0);
-    const bool bSame = field == (frame <= 0.0 ? -1.0 : frame) || (std::isnan(field) && std::isnan(frame));
-    Require(bSame, "a frame time is not the profiler's");
-}
-
 // ---- Samples ----
 
 /// Calls `visit(sample.*field, source)` for each reading.
@@ -248,11 +214,16 @@ void RequirePlausible(const Sample& sample, double after, double before) {
 // ---- Histories ----
 
 void RequireDevice(const GpuDeviceInfo& device) {
-    RequireText(device.Name, 96);
-    RequireText(device.Uuid, 128);
-    RequireText(device.PciBusId, 32);
-    RequireText(device.DriverVersion, 96);
-    RequireText(device.VbiosVersion, 128);
+    const std::pair<std::string, size_t> texts[] = {{device.Name, 96},
+                                                    {device.Uuid, 128},
+                                                    {device.PciBusId, 32},
+                                                    {device.DriverVersion, 96},
+                                                    {device.VbiosVersion, 128}};
+    for (const auto& [text, longest] : texts) {
+        Require(text.size() <= longest, "a text is longer than its buffer");
+        const auto isPrintable = [](char c) { return c >= ' ' && c <= '~'; };
+        Require(std::all_of(text.begin(), text.end(), isPrintable), "a text has a character that NVML did not write");
+    }
     constexpr const char* kArchitectures[] = {"",       "Unknown", "Kepler", "Maxwell", "Pascal",   "Volta",
                                               "Turing", "Ampere",  "Ada",    "Hopper",  "Blackwell"};
     Require(IsOneOf(device.Architecture, kArchitectures), "an architecture has no known name");
@@ -309,15 +280,15 @@ struct Verdict {
 
 constexpr Verdict kVerdicts[] = {{kSuccess, Result::Success, "", ""},
                                  {kNotSupported, Result::Unsupported, "The NVIDIA driver does not support ", "."},
-                                 {kNoPermission, Result::NoPermission, "NVML denied ", " for this user."}};
-constexpr Verdict kOtherVerdict = {kUnknown, Result::Error, "NVML ", " failed."};
+                                 {kNoPermission, Result::NoPermission, "NVML denied ", " for this user."},
+                                 {kUnknown, Result::Error, "NVML ", " failed."}};
 
 /// `error` is null where the host did not want the sentence.
 void RequireAnswer(EntryPoint setter, const std::string& change, Result result, const std::string* error) {
-    const auto* const verdict = std::find_if(std::begin(kVerdicts), std::end(kVerdicts), [&](const Verdict& known) {
-        return known.Code == Nvml().Last(setter).Code;
-    });
-    const auto& [code, outcome, before, after] = verdict != std::end(kVerdicts) ? *verdict : kOtherVerdict;
+    const Verdict* verdict = std::begin(kVerdicts);
+    // The last one is for every other code.
+    while (verdict->Code != Nvml().Last(setter).Code && verdict != std::end(kVerdicts) - 1) ++verdict;
+    const auto& [code, outcome, before, after] = *verdict;
     Require(result == outcome, "a result is not what the driver answered");
     if (error == nullptr || result == Result::Success) return;
     Require(*error == before + change + after, "a sentence is not that of the answer");
@@ -352,16 +323,15 @@ void RequireListedLock() {
 
 void RequireLock(Result result, const std::string* error) {
     if (!Called(kLockGraphics)) {
-        RequireRefusal(result, error, {kNoUsableDevice, kGpuUnavailable},
-                       {"Requested clock pair is not supported by NVML.", "NVML locked-clock control is unavailable."});
-        return;
+        return RequireRefusal(
+            result, error, {kNoUsableDevice, kGpuUnavailable},
+            {"Requested clock pair is not supported by NVML.", "NVML locked-clock control is unavailable."});
     }
     RequireListedLock();
     if (!Called(kLockMemory)) {
         RequireAnswer(kLockGraphics, "GPU locked-clock control", result, error);
         Require(result != Result::Success, "a lock of one clock only succeeded");
-        Require(!Called(kResetGraphics), "an earlier lock was reset");
-        return;
+        return Require(!Called(kResetGraphics), "an earlier lock was reset");
     }
     RequireAnswer(kLockMemory, "memory locked-clock control", result, error);
     const unsigned int undone = result == Result::Success ? 0 : 1;
@@ -370,15 +340,13 @@ void RequireLock(Result result, const std::string* error) {
 }
 
 void RequireReset(Result result, const std::string* error) {
-    const unsigned int resets = Nvml().Calls(kResetGraphics);
-    Require(resets == Nvml().Calls(kResetMemory), "only one clock was reset");
-    if (resets == 0) {
-        RequireRefusal(result, error, {kNoUsableDevice}, {"NVML locked-clock reset is unavailable."});
-    } else if (Nvml().Last(kResetMemory).Code != 0) {
-        RequireAnswer(kResetMemory, "memory locked-clock reset", result, error);
-    } else {
-        RequireAnswer(kResetGraphics, "GPU locked-clock reset", result, error);
+    Require(Nvml().Calls(kResetGraphics) == Nvml().Calls(kResetMemory), "only one clock was reset");
+    if (!Called(kResetMemory)) {
+        return RequireRefusal(result, error, {kNoUsableDevice}, {"NVML locked-clock reset is unavailable."});
     }
+    const bool bMemory = Nvml().Last(kResetMemory).Code != 0;
+    RequireAnswer(bMemory ? kResetMemory : kResetGraphics,
+                  bMemory ? "memory locked-clock reset" : "GPU locked-clock reset", result, error);
 }
 
 void RequireLimitChange(Result result, const std::string* error) {
@@ -387,8 +355,7 @@ void RequireLimitChange(Result result, const std::string* error) {
         const LastCall& range = Nvml().Last(kRange);
         Require(range.Outcome == Outcome::Answered && range.First <= limit && limit <= range.Second,
                 "a limit was set out of the range");
-        RequireAnswer(kSetLimit, "power-limit control", result, error);
-        return;
+        return RequireAnswer(kSetLimit, "power-limit control", result, error);
     }
     RequireRefusal(
         result, error, {kGpuUnavailable},
@@ -524,7 +491,7 @@ private:
         Monitor->Stop();
         bSamplerRuns = false;
         Require(!Monitor->IsAvailable(), "NVML is up after a stop");
-        RequireUnstarted();
+        Require(Sim().Use().Openings == OpeningsBefore, "a stop started NVML");
     }
 
     void Pause() {
@@ -555,16 +522,16 @@ private:
         const milliseconds interval = AnyDuration();
         Interval = std::clamp(interval, milliseconds(100), milliseconds(10000));
         RunningDelay = Delay;
-        Monitor->SetSampleInterval(interval);
-        if (bSamplerRuns) AwaitCycles(1);
-        RequireUnstarted();
+        const auto set = [&] { Monitor->SetSampleInterval(interval); };
+        if (!bSamplerRuns) return RequireNoDriver(set);
+        set();
+        AwaitCycles(1);
     }
 
     void SetDelay() {
         const milliseconds delay = AnyDuration();
         Delay = std::clamp(delay, milliseconds(0), milliseconds(10000));
-        Monitor->SetInitialSampleDelay(delay);
-        RequireUnstarted();
+        RequireNoDriver([&] { Monitor->SetInitialSampleDelay(delay); });
     }
 
     /// A few or, in a long input, enough to fill the histories.
@@ -631,7 +598,9 @@ private:
         if (!Fill(&sample, PoisonedSample(), read)) return;
         if (!bFilled && sample.TimestampSeconds == 0.0) return RequireDefaults(sample);
         RequireReadings(sample);
-        RequireFrameTime(sample.FrameTimeMs);
+        const double frame = GPUProfiler::Get()->FrameTimeMs.value_or(-1.0);
+        const bool bNan = std::isnan(frame) && std::isnan(sample.FrameTimeMs);
+        Require(bNan || sample.FrameTimeMs == (frame <= 0.0 ? -1.0 : frame), "a frame time is not the profiler's");
         RequirePlausible(sample, before - 1e-6, NowSeconds());
         Require(bFilled == (sample.PowerWatts >= 0.0 || sample.GraphicsClockMHz >= 0),
                 "a reading reports another result");
@@ -644,32 +613,28 @@ private:
         const GpuClockPair pair = {kPoisoned<int>, kPoisoned<int>};
         const GpuClockCapabilities poisoned = {kPoison,        kPoisonText,    kPoisonText, {pair},
                                                kPoisoned<int>, kPoisoned<int>, true,        kPoisonText};
-        if (Fill(&LatestClocks, poisoned, query)) RequireClocks(index.value_or(0), bFilled, LatestClocks);
+        if (Fill(&LatestClocks, poisoned, query)) RequireClocks(index.value_or(0), LatestClocks);
     }
 
-    void RequireClocks(unsigned int index, bool bFound, const GpuClockCapabilities& clocks) {
+    void RequireClocks(unsigned int index, const GpuClockCapabilities& clocks) {
         const bool bUp = Monitor->IsAvailable();
-        Require(bUp || !bFound, "a query succeeded without NVML");
+        Require(bUp || !bFilled, "a query succeeded without NVML");
         Require(clocks.DeviceIndex == (bUp ? index : 0), "a record is of another GPU");
         const GpuDeviceInfo device = bUp ? DeviceOf(index).value_or(GpuDeviceInfo{}) : GpuDeviceInfo{};
         Require(clocks.DeviceName == device.Name && clocks.DeviceUuid == device.Uuid, "a record has another identity");
         RequireFrom({EntryPoint::nvmlDeviceGetClockInfo, 0}, clocks.CurrentGraphicsClockMHz);
         RequireFrom({EntryPoint::nvmlDeviceGetClockInfo, 2}, clocks.CurrentMemoryClockMHz);
-        RequirePairs(clocks);
-        if (!bUp || clocks.CanControl) {
-            Require(clocks.Status == Monitor->Status(), "a record's status is not the monitor's");
-        } else if (bFound) {
-            Require(IsOneOf(clocks.Status, kClockObstacles), "a record names no obstacle");
-        } else {
-            Require(clocks.Status == kNoUsableDevice, "a record does not say that there is no GPU");
-        }
-    }
-
-    static void RequirePairs(const GpuClockCapabilities& clocks) {
         Require(clocks.CanControl == !clocks.SupportedPairs.empty(), "a record contradicts itself");
         std::vector<GpuClockPair> listed;
         for (const auto& [graphics, memory] : Nvml().ListedPairs()) listed.push_back({graphics, memory});
         Require(clocks.SupportedPairs == listed, "the pairs are not those of the driver, sorted and each once");
+        if (!bUp || clocks.CanControl) {
+            Require(clocks.Status == Monitor->Status(), "a record's status is not the monitor's");
+        } else if (bFilled) {
+            Require(IsOneOf(clocks.Status, kClockObstacles), "a record names no obstacle");
+        } else {
+            Require(clocks.Status == kNoUsableDevice, "a record does not say that there is no GPU");
+        }
     }
 
     void QueryPower() {
@@ -684,12 +649,12 @@ private:
         RequireFrom({kDefaultLimit, 0, false, kMilli}, LatestPower.DefaultWatts);
         RequireFrom({kRange, 0, false, kMilli}, LatestPower.MinimumWatts);
         RequireFrom({kRange, 0, true, kMilli}, LatestPower.MaximumWatts);
-        RequirePowerStatus(bFilled, LatestPower);
+        RequirePowerStatus(LatestPower);
     }
 
-    void RequirePowerStatus(bool bFound, const GpuPowerCapabilities& power) {
+    void RequirePowerStatus(const GpuPowerCapabilities& power) {
         const std::optional<GpuDeviceInfo> device = DeviceOf(power.DeviceIndex);
-        if (bFound) {
+        if (bFilled) {
             Require(Monitor->IsAvailable() && device.has_value(), "a GPU was found that is not there");
             Require(power.DeviceUuid == device->Uuid, "a record has another identity");
             const std::pair<GpuCapabilityState, std::string_view> sentence(power.State, power.Status);
@@ -708,13 +673,10 @@ private:
         const auto query = [&](GpuClockState* output) { return Monitor->CaptureClockState(output); };
         if (!Fill(&Captured, {true, kPoisoned<int>, kPoisoned<int>}, query)) return;
         Require(Captured.Valid == bFilled && bFilled == !Nvml().ListedPairs().empty(), "a capture is not valid");
-        if (bFilled) {
-            RequireFrom({EntryPoint::nvmlDeviceGetClockInfo, 0}, Captured.GraphicsClockMHz);
-            RequireFrom({EntryPoint::nvmlDeviceGetClockInfo, 2}, Captured.MemoryClockMHz);
-        } else {
-            Require(Captured.GraphicsClockMHz == -1 && Captured.MemoryClockMHz == -1,
-                    "an invalid capture is not empty");
-        }
+        // An invalid capture is empty, whatever the queries answered.
+        if (!bFilled) Nvml().BeginOperation();
+        RequireFrom({EntryPoint::nvmlDeviceGetClockInfo, 0}, Captured.GraphicsClockMHz);
+        RequireFrom({EntryPoint::nvmlDeviceGetClockInfo, 2}, Captured.MemoryClockMHz);
     }
 
     // ---- Changes ----
@@ -775,10 +737,6 @@ private:
         return {};
     }
 
-    void RequireUnstarted() const {
-        Require(Sim().Use().Openings == OpeningsBefore, "an operation started NVML that never does");
-    }
-
     void RequireState() {
         const uint64_t activity = Sim().Use().Activity;
         const bool bUp = Monitor->IsAvailable();
@@ -791,22 +749,19 @@ private:
         Require(!bSamplerRuns || bUp, "a sampler runs without NVML");
         Require(sampler_clock::WaitsBegun() == WaitsSeen, "the sampler woke without a reason");
         RequireHistories(histories);
-        RequireStatus(bUp, status, histories);
-    }
-
-    void RequireStatus(bool bUp, const std::string& status, const std::vector<GpuTelemetryHistory>& histories) const {
-        const bool bActive = status == ActiveStatus(histories.size()) && !histories.empty();
+        const std::string active = "NVML active: " + std::to_string(histories.size()) + " NVIDIA GPU(s).";
+        const bool bActive = status == active && !histories.empty();
         if (bUp) {
             Require(bActive, "the status is not that of an NVML that is up");
             Require(histories.back().Device.Index < Nvml().DeviceCount(), "a GPU is listed that NVML did not count");
-        } else if (Sim().Use().Openings == OpeningsAtBirth) {
+        } else if (use.Openings == OpeningsAtBirth) {
             Require(status.empty() && histories.empty(), "something is known without an attempt");
         } else {
             Require(bActive || IsOneOf(status, kStartFailures), "the status is no known line");
         }
         // Only a start that fails after NVML has counted GPUs could leave histories.
-        const bool bJustFailed = !bUp && Sim().Use().Openings != OpeningsBefore;
-        if (bJustFailed && Nvml().DeviceCount() > 0) Require(histories.empty(), "a failed start left histories");
+        const bool bJustFailed = !bUp && use.Openings != OpeningsBefore && Nvml().DeviceCount() > 0;
+        Require(!bJustFailed || histories.empty(), "a failed start left histories");
     }
 
     Input Bytes;
@@ -867,7 +822,7 @@ void Host::Step() {
     OpeningsBefore = Sim().Use().Openings;
     chosen.Do(*this);
     RequireState();
-    RequireNoMisuse();
+    for (const std::string& misuse : Sim().Misuse()) Fail(misuse);
 }
 
 }  // namespace
