@@ -41,7 +41,7 @@ constexpr unsigned int kMostCycles = 6100;
 
 /// For the message of a failure.
 const char* Operation = "nothing";
-size_t InstructionNumber = 0;
+size_t StepNumber = 0;
 
 // ---- The driver ----
 
@@ -129,13 +129,10 @@ void RequireFrom(const Source& source, const T& field) {
     const LastCall& last = Nvml().Last(bOther ? kConfiguredLimit : query, source.Selector);
     T read = static_cast<T>(source.bSecond ? last.Second : last.First);
     if constexpr (std::is_same_v<T, double>) read /= source.Scale;
-    switch (last.Outcome) {
-        case Outcome::NotCalled:
-        case Outcome::Failed: Require(field == kUnread<T>, "a field was filled without a successful query"); break;
-        case Outcome::Answered: Require(field == read, "a field is not what the query answered"); break;
-        // The query promised an answer and wrote nothing, so anything that the monitor itself had will do.
-        case Outcome::WroteNothing: Require(field != kPoisoned<T>, "a field was left as it was"); break;
-    }
+    if (last.Outcome == Outcome::Answered) return Require(field == read, "a field is not what the query answered");
+    // The query promised an answer and wrote nothing, so anything that the monitor itself had will do.
+    if (last.Outcome == Outcome::WroteNothing) return Require(field != kPoisoned<T>, "a field was left as it was");
+    Require(field == kUnread<T>, "a field was filled without a successful query");
 }
 
 struct Reading {
@@ -181,24 +178,6 @@ void ForEachReading(AnySample& sample, Visit visit) {
     for (const Reading& reading : kReadings) {
         std::visit([&](auto field) { visit(sample.*field, reading.From); }, reading.Field);
     }
-}
-
-Sample PoisonedSample() {
-    Sample sample;
-    ForEachReading(sample, [](auto& field, const Source&) { field = kPoisoned<std::decay_t<decltype(field)>>; });
-    sample.TimestampSeconds = sample.FrameTimeMs = kPoisoned<double>;
-    return sample;
-}
-
-void RequireReadings(const Sample& sample) {
-    ForEachReading(sample, [](const auto& field, const Source& source) { RequireFrom(source, field); });
-}
-
-/// No query may have filled anything.
-void RequireDefaults(const Sample& sample) {
-    Nvml().BeginOperation();
-    RequireReadings(sample);
-    Require(sample.TimestampSeconds == 0.0 && sample.FrameTimeMs == -1.0, "a record without a reading is not empty");
 }
 
 void RequirePlausible(const Sample& sample, double after, double before) {
@@ -308,8 +287,13 @@ void RequireRefusal(Result result, const std::string* error, std::initializer_li
             "a sentence is not one of a refusal");
 }
 
-/// Only a pair that the driver lists may be locked, each clock of it by itself.
-void RequireListedLock() {
+void RequireLock(Result result, const std::string* error) {
+    if (!Called(kLockGraphics)) {
+        return RequireRefusal(
+            result, error, {kNoUsableDevice, kGpuUnavailable},
+            {"Requested clock pair is not supported by NVML.", "NVML locked-clock control is unavailable."});
+    }
+    // Only a pair that the driver lists may be locked, each clock of it by itself.
     const LastCall& graphics = Nvml().Last(kLockGraphics);
     const LastCall& memory = Nvml().Last(kLockMemory);
     const auto& pairs = Nvml().ListedPairs();
@@ -319,15 +303,6 @@ void RequireListedLock() {
                (memory.Outcome == Outcome::NotCalled || pair.second == static_cast<int>(memory.First));
     };
     Require(std::any_of(pairs.begin(), pairs.end(), isLocked), "a lock of clocks that are not listed together");
-}
-
-void RequireLock(Result result, const std::string* error) {
-    if (!Called(kLockGraphics)) {
-        return RequireRefusal(
-            result, error, {kNoUsableDevice, kGpuUnavailable},
-            {"Requested clock pair is not supported by NVML.", "NVML locked-clock control is unavailable."});
-    }
-    RequireListedLock();
     if (!Called(kLockMemory)) {
         RequireAnswer(kLockGraphics, "GPU locked-clock control", result, error);
         Require(result != Result::Success, "a lock of one clock only succeeded");
@@ -384,9 +359,7 @@ public:
     Host(const uint8_t* data, size_t size) : Bytes(data, size), bLong(size > kShortInput) {}
 
     void Run() {
-        for (InstructionNumber = 0; InstructionNumber < kMostInstructions && !Bytes.AtEnd(); ++InstructionNumber) {
-            Step();
-        }
+        for (StepNumber = 0; StepNumber < kMostInstructions && !Bytes.AtEnd(); ++StepNumber) Step();
         Destroy();
     }
 
@@ -433,7 +406,7 @@ private:
 
     void SetFrameTime() {
         GPUProfiler::Get()->FrameTimeMs.reset();
-        if (Bytes.Flag()) GPUProfiler::Get()->FrameTimeMs = Bytes.AnyDouble();
+        if ((Bytes.Byte() & 1) != 0) GPUProfiler::Get()->FrameTimeMs = Bytes.AnyDouble();
     }
 
     // ---- Arguments ----
@@ -513,7 +486,6 @@ private:
         OpeningsAtBirth = Sim().Use().Openings;
         Interval = milliseconds(1000);
         Delay = milliseconds(0);
-        Require(Monitor->Status().empty() && Monitor->Snapshot().empty(), "a new monitor is not empty");
     }
 
     // ---- Settings and cycles ----
@@ -590,14 +562,20 @@ private:
     }
 
     void Read(std::optional<unsigned int> index) {
+        Sample poisoned;
+        ForEachReading(poisoned, [](auto& field, const Source&) { field = kPoisoned<std::decay_t<decltype(field)>>; });
+        poisoned.TimestampSeconds = poisoned.FrameTimeMs = kPoisoned<double>;
         Sample sample;
         const double before = NowSeconds();
         const auto read = [&](Sample* output) {
             return index ? Monitor->ReadCurrentSample(*index, output) : Monitor->ReadCurrentSample(output);
         };
-        if (!Fill(&sample, PoisonedSample(), read)) return;
-        if (!bFilled && sample.TimestampSeconds == 0.0) return RequireDefaults(sample);
-        RequireReadings(sample);
+        if (!Fill(&sample, poisoned, read)) return;
+        const bool bEmpty = !bFilled && sample.TimestampSeconds == 0.0;
+        // A record without a reading is empty, whatever the queries answered.
+        if (bEmpty) Nvml().BeginOperation();
+        ForEachReading(sample, [](const auto& field, const Source& source) { RequireFrom(source, field); });
+        if (bEmpty) return Require(sample.FrameTimeMs == -1.0, "a record without a reading has a frame time");
         const double frame = GPUProfiler::Get()->FrameTimeMs.value_or(-1.0);
         const bool bNan = std::isnan(frame) && std::isnan(sample.FrameTimeMs);
         Require(bNan || sample.FrameTimeMs == (frame <= 0.0 ? -1.0 : frame), "a frame time is not the profiler's");
@@ -828,7 +806,7 @@ void Host::Step() {
 }  // namespace
 
 void Fail(const std::string& what) {
-    std::fprintf(stderr, "monitor_fuzz: %s (instruction %zu, %s)\n", what.c_str(), InstructionNumber, Operation);
+    std::fprintf(stderr, "monitor_fuzz: %s (instruction %zu, %s)\n", what.c_str(), StepNumber, Operation);
     std::abort();
 }
 

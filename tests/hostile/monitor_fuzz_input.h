@@ -29,7 +29,6 @@ public:
 
     bool AtEnd() const { return Position >= Size; }
     uint8_t Byte() { return AtEnd() ? uint8_t{0} : Data[Position++]; }
-    bool Flag() { return (Byte() & 1) != 0; }
 
     uint32_t Word() {
         uint32_t word = 0;

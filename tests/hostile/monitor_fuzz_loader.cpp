@@ -1,20 +1,17 @@
 // What the fuzzed monitor calls in place of the dynamic loader: one library, which is the simulator. Lookups and
 // openings are counted there; here an opening gets an address of its own, so that a stale one is noticed.
 
+#include <dlfcn.h>
+
 #include <string_view>
 
 #include "monitor_fuzz_input.h"
-#include "nvml_abi.h"
 #include "simulated_nvml.h"
 
 namespace {
 
 using monitor_fuzz::Require;
-using namespace simulated_nvml;
-
-#define MONITOR_FUZZ_FUNCTION(name, shape) reinterpret_cast<void*>(&(name)),
-void* const kFunctions[] = {SIMULATED_NVML_ENTRY_POINTS(MONITOR_FUZZ_FUNCTION)};
-#undef MONITOR_FUZZ_FUNCTION
+using simulated_nvml::SimulatedNvml;
 
 uintptr_t Openings = 0;
 void* Library = nullptr;
@@ -39,8 +36,7 @@ int MonitorFuzzClose(void* library) {
 
 void* MonitorFuzzLookup(void* library, const char* name) {
     Require(library != nullptr && library == Library, "a name is looked up in a library that is not open");
-    const std::optional<EntryPoint> found = SimulatedNvml::Get().OnLookup(name);
-    return found.has_value() ? kFunctions[IndexOf(*found)] : nullptr;
+    return SimulatedNvml::Get().OnLookup(name).has_value() ? dlsym(RTLD_DEFAULT, name) : nullptr;
 }
 
 }  // extern "C"

@@ -39,14 +39,6 @@ void Require(bool bHolds, const std::string& otherwise) {
     if (!bHolds) throw std::runtime_error(otherwise);
 }
 
-void UseBoards(unsigned int count) {
-    SimulatedNvml::Get().Reset();
-    SimulatedNvml::Get().ForbidConcurrentCalls();
-    SimulatedNvml::Get().SetBoards(fixed_boards::FixedBoards(count));
-    sampler_clock::Reset();
-    sampler_clock::Hold();
-}
-
 // ---- What must not grow ----
 
 int64_t CountEntries(const char* folder) {
@@ -138,7 +130,6 @@ void FillHistories(unsigned int boards) {
     constexpr unsigned int kCyclesBeyondBound = 500;
     constexpr unsigned int kMeasuredCycles = 2000;
     const int64_t threads = CountThreads() + 1;
-    UseBoards(boards);
     NvmlGpuMonitor monitor;
     Require(monitor.Start() && sampler_clock::AwaitWaits(1), "The sampler did not start.");
     MakeCycles(kHistoryBound + kCyclesBeyondBound);
@@ -166,16 +157,17 @@ void StartAndStop(uint64_t count, NvmlGpuMonitor* longLived) {
     }
 }
 
-void StartOften(unsigned int boards, uint64_t cycles) {
+void StartOften(uint64_t cycles) {
     constexpr uint64_t kWarmUpCycles = 200;
+    const uint64_t initsBefore = SimulatedNvml::Get().Calls("nvmlInit_v2");
     const int64_t threads = CountThreads();
-    UseBoards(boards);
     NvmlGpuMonitor monitor;
     StartAndStop(kWarmUpCycles, &monitor);
     RequireNoGrowth(std::to_string(cycles) + " starts and stops", cycles, threads,
                     [&] { StartAndStop(cycles, &monitor); });
-    const uint64_t inits = SimulatedNvml::Get().Calls("nvmlInit_v2");
-    Require(inits == kWarmUpCycles + cycles && inits == SimulatedNvml::Get().Calls("nvmlShutdown"),
+    const uint64_t inits = SimulatedNvml::Get().Calls("nvmlInit_v2") - initsBefore;
+    const bool bEachEnded = SimulatedNvml::Get().Calls("nvmlShutdown") == initsBefore + inits;
+    Require(inits == kWarmUpCycles + cycles && bEachEnded,
             "NVML was not initialized and shut down once per start and stop.");
 }
 
@@ -190,8 +182,11 @@ int main(int argc, char** argv) try {
     CLI11_PARSE(app, argc, argv);
     // The thread sanitizer starts a thread of its own with the first one of the program.
     std::thread([] {}).join();
+    SimulatedNvml::Get().ForbidConcurrentCalls();
+    SimulatedNvml::Get().SetBoards(fixed_boards::FixedBoards(boards));
+    sampler_clock::Hold();
     FillHistories(boards);
-    StartOften(boards, cycles);
+    StartOften(cycles);
     return 0;
 } catch (const std::exception& finding) {
     std::fprintf(stderr, "soak: %s\n", finding.what());
