@@ -1,14 +1,18 @@
 // Bytes choose what NVML answers and what a host asks of the monitor, and after every operation the monitor must have
 // kept its word. The bytes are a list of instructions: those that script the driver, and public operations.
 
+#include <dlfcn.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <limits>
 #include <memory>
 #include <optional>
 #include <set>
+#include <string>
 #include <string_view>
 #include <system_error>
 #include <type_traits>
@@ -17,12 +21,9 @@
 
 #include "fixed_boards.h"
 #include "gpu_profiler.h"
-#include "monitor_fuzz_input.h"
 #include "nvml_gpu_monitor.h"
 #include "sampler_clock.h"
 #include "simulated_nvml.h"
-
-namespace monitor_fuzz {
 
 namespace {
 
@@ -31,6 +32,9 @@ using std::chrono::milliseconds;
 using Outcome = LastCall::Result;
 using Result = GpuClockOperationResult;
 using Sample = GpuTelemetrySample;
+
+/// What outputs hold before an operation. No answer of the driver is this number, so it can only be what was there.
+constexpr uint32_t kPoison = 0x5A5A5A5A;
 
 constexpr size_t kMostInstructions = 200;
 /// Filling histories takes a large part of a second. Fuzzing with `-max_len` of this size never does it, and is fast.
@@ -42,6 +46,56 @@ constexpr unsigned int kMostCycles = 6100;
 /// For the message of a failure.
 const char* Operation = "nothing";
 size_t StepNumber = 0;
+
+/// Prints what is wrong and during which operation, and ends the process.
+[[noreturn]] void Fail(const std::string& what) {
+    std::fprintf(stderr, "monitor_fuzz: %s (instruction %zu, %s)\n", what.c_str(), StepNumber, Operation);
+    std::abort();
+}
+
+void Require(bool bHolds, const char* what) {
+    if (!bHolds) Fail(what);
+}
+
+/// The bytes of one execution, first to last; zeros when they are used up, so that every prefix is an input too.
+class Input {
+public:
+    Input(const uint8_t* data, size_t size) : Data(data), Size(size) {}
+
+    bool AtEnd() const { return Position >= Size; }
+    uint8_t Byte() { return AtEnd() ? uint8_t{0} : Data[Position++]; }
+
+    uint32_t Word() {
+        uint32_t word = 0;
+        for (int i = 0; i < 4; ++i) word = word << 8 | Byte();
+        return word;
+    }
+
+    /// Mostly small, often a bound of something, at times anything.
+    uint32_t Number() {
+        constexpr uint32_t kBounds[] = {128,        4095,       4096,       4097,      8192,   65535,
+                                        99999,      100000,     200000,     300000,    300001, 0x7FFFFFFF,
+                                        0x80000000, 0xFFFFFFFE, 0xFFFFFFFF, 1000000000};
+        const uint8_t choice = Byte();
+        if (choice < 128) return choice;
+        if (choice < 224) return kBounds[choice % std::size(kBounds)];
+        const uint32_t word = Word();
+        return word == kPoison ? word + 1 : word;
+    }
+
+    /// Any bit pattern: not-a-numbers and infinities too.
+    double AnyDouble() {
+        const uint64_t bits = uint64_t{Word()} << 32 | Word();
+        double number = 0.0;
+        std::memcpy(&number, &bits, sizeof number);
+        return number;
+    }
+
+private:
+    const uint8_t* Data;
+    size_t Size;
+    size_t Position = 0;
+};
 
 // ---- The driver ----
 
@@ -203,9 +257,6 @@ void RequireDevice(const GpuDeviceInfo& device) {
         const auto isPrintable = [](char c) { return c >= ' ' && c <= '~'; };
         Require(std::all_of(text.begin(), text.end(), isPrintable), "a text has a character that NVML did not write");
     }
-    constexpr const char* kArchitectures[] = {"",       "Unknown", "Kepler", "Maxwell", "Pascal",   "Volta",
-                                              "Turing", "Ampere",  "Ada",    "Hopper",  "Blackwell"};
-    Require(IsOneOf(device.Architecture, kArchitectures), "an architecture has no known name");
 }
 
 void RequireProcesses(const std::vector<GpuProcessMemory>& processes) {
@@ -351,6 +402,13 @@ void RequireNoChange() {
         Require(!Called(change), "a GPU was changed without a request");
     }
 }
+
+// ---- The dynamic loader ----
+
+// What the monitor calls in its place: one library, which is the simulator. Lookups and openings are counted there;
+// here an opening gets an address of its own, so that a stale one is noticed.
+uintptr_t Openings = 0;
+void* Library = nullptr;
 
 // ---- A host that does what the input says ----
 
@@ -805,18 +863,34 @@ void Host::Step() {
 
 }  // namespace
 
-void Fail(const std::string& what) {
-    std::fprintf(stderr, "monitor_fuzz: %s (instruction %zu, %s)\n", what.c_str(), StepNumber, Operation);
-    std::abort();
+extern "C" {
+
+void* MonitorFuzzOpen(const char* file, int mode) {
+    Require(file != nullptr && std::string_view(file) == "libnvidia-ml.so.1", "a library of another name is opened");
+    Require(Library == nullptr, "the library is opened while it is open");
+    if (Sim().OnOpen(mode)) Library = reinterpret_cast<void*>(++Openings << 4);
+    return Library;
 }
 
-}  // namespace monitor_fuzz
+int MonitorFuzzClose(void* library) {
+    Require(library != nullptr && library == Library, "a library is closed that is not open");
+    Sim().OnClose();
+    Library = nullptr;
+    return 0;
+}
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    monitor_fuzz::ResetDriver();
+void* MonitorFuzzLookup(void* library, const char* name) {
+    Require(library != nullptr && library == Library, "a name is looked up in a library that is not open");
+    return Sim().OnLookup(name).has_value() ? dlsym(RTLD_DEFAULT, name) : nullptr;
+}
+
+int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    ResetDriver();
     sampler_clock::Reset();
     sampler_clock::Hold();
     GPUProfiler::Get()->FrameTimeMs.reset();
-    monitor_fuzz::Host(data, size).Run();
+    Host(data, size).Run();
     return 0;
 }
+
+}  // extern "C"

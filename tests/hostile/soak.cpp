@@ -3,7 +3,6 @@
 // there at the first measurement, so whatever is more at the second one was left behind by the work.
 
 #include <malloc.h>
-#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -14,7 +13,6 @@
 #include <cstdio>
 #include <exception>
 #include <filesystem>
-#include <fstream>
 #include <iterator>
 #include <stdexcept>
 #include <string>
@@ -49,37 +47,25 @@ int64_t CountThreads() {
     return CountEntries("/proc/self/task");
 }
 
-const bool kSanitized = __sanitizer_get_current_allocated_bytes != nullptr;
-
 /// What is allocated and not freed.
 int64_t HeapBytes() {
-    if (kSanitized) return static_cast<int64_t>(__sanitizer_get_current_allocated_bytes());
+    if (__sanitizer_get_current_allocated_bytes != nullptr) {
+        return static_cast<int64_t>(__sanitizer_get_current_allocated_bytes());
+    }
     const struct mallinfo2 heap = mallinfo2();
     return static_cast<int64_t>(heap.uordblks + heap.hblkhd);
-}
-
-/// What the process has in memory. Under a sanitizer most of that is the sanitizer's own, and only the heap counts.
-int64_t ResidentBytes() {
-    if (kSanitized) return 0;
-    std::ifstream statm("/proc/self/statm");
-    int64_t size = 0;
-    int64_t resident = 0;
-    statm >> size >> resident;
-    Require(resident > 0, "/proc/self/statm cannot be read.");
-    return resident * sysconf(_SC_PAGESIZE);
 }
 
 struct Quantity {
     const char* Name;
     int64_t (*Read)();
     /// What it may grow by for each round of work, and at least. For memory that is half of malloc's smallest block,
-    /// and what threads keep for their next allocations and touch of new stacks and heaps.
+    /// and what threads keep for their next allocations.
     int64_t PerRound;
     int64_t AtLeast;
 };
 
 constexpr Quantity kQuantities[] = {{"bytes of heap", HeapBytes, 16, int64_t{16} << 10},
-                                    {"bytes resident", ResidentBytes, 16, int64_t{1} << 20},
                                     {"threads", CountThreads, 0, 0},
                                     {"descriptors", [] { return CountEntries("/proc/self/fd"); }, 0, 0}};
 using Footprint = std::array<int64_t, std::size(kQuantities)>;
