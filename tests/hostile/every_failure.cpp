@@ -95,8 +95,7 @@ void QueryAndChange(NvmlGpuMonitor* monitor) {
     Attempt([&] { monitor->GetClockCapabilities(1, &clocks); });
     Attempt([&] { monitor->GetPowerCapabilities(1, &power); });
     Attempt([&] { monitor->CaptureClockState(&state); });
-    Expect(clocks.CanControl == !clocks.SupportedPairs.empty(),
-           "clocks that can be locked without a list, or a list of clocks that cannot");
+    Expect(clocks.CanControl == !clocks.SupportedPairs.empty(), "lockable clocks and their list disagree");
     using Error = std::string*;
     AttemptChange("a lock", [&](Error error) { return monitor->SetLockedClock(1, {1500, 810}, error); });
     AttemptChange("a limit", [&](Error error) { return monitor->SetPowerLimit(1, 200.0, error); });

@@ -177,10 +177,9 @@ struct Source {
 /// What a field may hold after the last call of its query.
 template <typename T>
 void RequireFrom(const Source& source, const T& field) {
-    const EntryPoint query = source.Query;
     // Of the limits in force, the first one that NVML answers counts.
-    const bool bOther = query == kEnforcedLimit && Nvml().Last(query).Outcome < Outcome::WroteNothing;
-    const LastCall& last = Nvml().Last(bOther ? kConfiguredLimit : query, source.Selector);
+    const bool bOther = source.Query == kEnforcedLimit && Nvml().Last(kEnforcedLimit).Outcome < Outcome::WroteNothing;
+    const LastCall& last = Nvml().Last(bOther ? kConfiguredLimit : source.Query, source.Selector);
     T read = static_cast<T>(source.bSecond ? last.Second : last.First);
     if constexpr (std::is_same_v<T, double>) read /= source.Scale;
     if (last.Outcome == Outcome::Answered) return Require(field == read, "a field is not what the query answered");
@@ -259,21 +258,19 @@ void RequireDevice(const GpuDeviceInfo& device) {
     }
 }
 
-void RequireProcesses(const std::vector<GpuProcessMemory>& processes) {
-    Require(processes.size() <= 2 * size_t{4096}, "more processes than two lists hold");
+void RequireHistory(const GpuTelemetryHistory& history) {
+    RequireDevice(history.Device);
+    Require(history.ProcessMemory.size() <= 2 * size_t{4096}, "more processes than two lists hold");
     std::set<int> pids;
-    for (const GpuProcessMemory& process : processes) {
+    for (const GpuProcessMemory& process : history.ProcessMemory) {
         Require(process.Pid != 0 && process.VramUsedBytes != 0 && process.VramUsedBytes != UINT64_MAX,
                 "a process without a number or memory is listed");
         Require(pids.insert(process.Pid).second, "a process is listed twice");
     }
-}
-
-void RequireSamples(const std::deque<Sample>& samples) {
-    Require(samples.size() <= kMostSamples, "a history is longer than its bound");
+    Require(history.Samples.size() <= kMostSamples, "a history is longer than its bound");
     const double now = NowSeconds();
     double latest = 0.0;
-    for (const Sample& sample : samples) {
+    for (const Sample& sample : history.Samples) {
         // A cycle whose reading finds no GPU leaves an empty sample.
         if (sample.TimestampSeconds == 0.0) continue;
         RequirePlausible(sample, latest, now);
@@ -283,10 +280,8 @@ void RequireSamples(const std::deque<Sample>& samples) {
 
 void RequireHistories(const std::vector<GpuTelemetryHistory>& histories) {
     for (size_t i = 0; i < histories.size(); ++i) {
+        RequireHistory(histories[i]);
         const GpuDeviceInfo& device = histories[i].Device;
-        RequireDevice(device);
-        RequireProcesses(histories[i].ProcessMemory);
-        RequireSamples(histories[i].Samples);
         Require(i == 0 || histories[i - 1].Device.Index < device.Index, "the GPUs are out of order");
         Require(device.DriverVersion == histories[0].Device.DriverVersion, "the GPUs' drivers differ");
     }
@@ -434,16 +429,12 @@ private:
 
     EntryPoint AnyEntryPoint() { return EntryPoint{Bytes.Byte() % kEntryPointCount}; }
 
-    unsigned int AnyCode() {
-        constexpr unsigned int kCodes[] = {0, 1, 2, 3, 4, 6, 7, 15, 999};
-        const uint8_t choice = Bytes.Byte();
-        return choice == 255 ? Bytes.Word() : kCodes[choice % std::size(kCodes)];
-    }
-
     void ScriptAnswer() {
         const EntryPoint name = AnyEntryPoint();
         Answer answer;
-        answer.Code = AnyCode();
+        constexpr unsigned int kCodes[] = {0, 1, 2, 3, 4, 6, 7, 15, 999};
+        const uint8_t code = Bytes.Byte();
+        answer.Code = code == 255 ? Bytes.Word() : kCodes[code % std::size(kCodes)];
         const uint8_t parts = Bytes.Byte();
         answer.bWrites = (parts & 1) == 0;
         answer.Form = static_cast<uint8_t>(parts >> 3);
@@ -564,14 +555,11 @@ private:
         RequireNoDriver([&] { Monitor->SetInitialSampleDelay(delay); });
     }
 
-    /// A few or, in a long input, enough to fill the histories.
-    unsigned int AnyCycles() {
-        const uint8_t choice = Bytes.Byte();
-        return bLong && choice == 255 ? static_cast<unsigned int>(kMostSamples) + 1 : choice % 4 + 1;
-    }
-
+    /// A few cycles or, in a long input, enough to fill the histories.
     void LetCyclesPass() {
-        const unsigned int cycles = AnyCycles();
+        const uint8_t choice = Bytes.Byte();
+        const bool bFill = bLong && choice == 255;
+        const unsigned int cycles = bFill ? static_cast<unsigned int>(kMostSamples) + 1 : choice % 4 + 1;
         if (!bSamplerRuns || cycles > CyclesLeft) return;
         CyclesLeft -= cycles;
         sampler_clock::PassWaits(cycles);
@@ -608,15 +596,14 @@ private:
     /// Has `query` fill a record that nobody has filled, or refuse a null one. False: it was null.
     template <typename Record, typename Query>
     bool Fill(Record* record, const Record& poisoned, Query query) {
-        const bool bNull = Bytes.Byte() == 255;
-        if (bNull) {
+        if (Bytes.Byte() == 255) {
             RequireNoDriver([&] { Require(!query(nullptr), "a query without an output succeeded"); });
-        } else {
-            *record = poisoned;
-            bFilled = query(record);
+            return false;
         }
+        *record = poisoned;
+        bFilled = query(record);
         RequireNoChange();
-        return !bNull;
+        return true;
     }
 
     void Read(std::optional<unsigned int> index) {
