@@ -59,13 +59,6 @@ void AttemptChange(const char* name, Change change) {
     Expect(bDone == error.empty(), std::string(name) + (bDone ? " succeeded and complained" : " failed silently"));
 }
 
-void UseBoards() {
-    SimulatedNvml::Get().Reset();
-    SimulatedNvml::Get().SetBoards(fixed_boards::FixedBoards(2));
-    SimulatedNvml::Get().RecordLog();
-    SimulatedNvml::Get().ForbidConcurrentCalls();
-}
-
 void ExpectWholeHistories(const std::vector<GpuTelemetryHistory>& histories) {
     for (const GpuTelemetryHistory& history : histories) {
         Expect(!history.Device.Name.empty(), "a GPU without a name");
@@ -102,8 +95,7 @@ void QueryAndChange(NvmlGpuMonitor* monitor) {
     Attempt([&] { monitor->GetClockCapabilities(1, &clocks); });
     Attempt([&] { monitor->GetPowerCapabilities(1, &power); });
     Attempt([&] { monitor->CaptureClockState(&state); });
-    Expect(clocks.CanControl == !clocks.SupportedPairs.empty(),
-           "clocks that can be locked without a list, or a list of clocks that cannot");
+    Expect(clocks.CanControl == !clocks.SupportedPairs.empty(), "lockable clocks and their list disagree");
     using Error = std::string*;
     AttemptChange("a lock", [&](Error error) { return monitor->SetLockedClock(1, {1500, 810}, error); });
     AttemptChange("a limit", [&](Error error) { return monitor->SetPowerLimit(1, 200.0, error); });
@@ -127,47 +119,35 @@ void ExpectRecovery(NvmlGpuMonitor* monitor) {
     monitor->Stop();
 }
 
-/// The whole life. What is to fail has been prepared.
-void Live() {
-    sampler_clock::Reset();
-    NvmlGpuMonitor monitor;
-    RunSampler(&monitor);
-    QueryAndChange(&monitor);
-    monitor.Stop();
-    SimulatedNvml::Get().StopFailing();
-    AllocationsUntilFailure = 0;
-    ExpectRecovery(&monitor);
-}
-
 /// The whole life with what `prepare` makes fail.
 template <typename Preparation>
 void LiveWith(const std::string& failing, Preparation prepare) {
     Present = failing;
-    UseBoards();
+    SimulatedNvml& nvml = SimulatedNvml::Get();
+    nvml.Reset();
+    nvml.SetBoards(fixed_boards::FixedBoards(2));
+    nvml.RecordLog();
+    nvml.ForbidConcurrentCalls();
+    sampler_clock::Reset();
     prepare();
-    Live();
-    for (const std::string& sentence : SimulatedNvml::Get().Misuse()) Expect(false, sentence);
+    {
+        NvmlGpuMonitor monitor;
+        RunSampler(&monitor);
+        QueryAndChange(&monitor);
+        monitor.Stop();
+        nvml.StopFailing();
+        AllocationsUntilFailure = 0;
+        ExpectRecovery(&monitor);
+    }
+    for (const std::string& sentence : nvml.Misuse()) Expect(false, sentence);
 }
 
-/// Each of the calls of a whole life fails in turn, with each of these codes.
-size_t FailEveryCall(const std::vector<std::string>& calls) {
-    size_t tried = 0;
-    for (size_t k = 0; k < calls.size(); ++k) {
-        for (const unsigned int code : {1U, 3U, 4U, 7U, 15U, 999U}) {
-            LiveWith("call " + std::to_string(k + 1) + ", " + calls[k] + ", failing with " + std::to_string(code),
-                     [&] { SimulatedNvml::Get().FailNthCall(k + 1, code); });
-            ++tried;
-        }
+/// The k-th call fails, with each of six codes.
+void FailCall(size_t k, const std::string& call) {
+    for (const unsigned int code : {1U, 3U, 4U, 7U, 15U, 999U}) {
+        LiveWith("call " + std::to_string(k) + ", " + call + ", failing with " + std::to_string(code),
+                 [&] { SimulatedNvml::Get().FailNthCall(k, code); });
     }
-    return tried;
-}
-
-size_t MissEveryLookup(const std::vector<std::string>& lookups) {
-    for (size_t k = 0; k < lookups.size(); ++k) {
-        LiveWith("lookup " + std::to_string(k + 1) + ", " + lookups[k] + ", missing",
-                 [&] { SimulatedNvml::Get().MissNthLookup(k + 1); });
-    }
-    return lookups.size();
 }
 
 /// The k-th allocation throws, for every k up to the first that is not made any more.
@@ -188,20 +168,21 @@ size_t FailEveryAllocation() {
 int main() {
     bChecking = true;
     LiveWith("nothing failing", [] {});
-    // Up to the first shutdown: what comes after it is the recovery, in which nothing is to fail.
-    const std::vector<std::string> log = SimulatedNvml::Get().Log();
-    std::vector<std::string> calls;
-    std::vector<std::string> lookups;
-    for (const std::string& entry : log) {
-        if (entry.rfind("nvml", 0) == 0) calls.push_back(entry);
-        if (entry.rfind("dlsym ", 0) == 0) lookups.push_back(entry);
+    size_t calls = 0;
+    size_t lookups = 0;
+    for (const std::string& entry : SimulatedNvml::Get().Log()) {
+        // What comes after the first shutdown is the recovery, in which nothing is to fail.
         if (entry == "dlclose") break;
+        if (entry.rfind("nvml", 0) == 0) FailCall(++calls, entry);
+        if (entry.rfind("dlsym ", 0) == 0) {
+            ++lookups;
+            LiveWith("lookup " + std::to_string(lookups) + ", " + entry + ", missing",
+                     [&] { SimulatedNvml::Get().MissNthLookup(lookups); });
+        }
     }
-    const size_t callsTried = FailEveryCall(calls);
-    const size_t lookupsTried = MissEveryLookup(lookups);
-    const size_t allocationsTried = FailEveryAllocation();
-    std::printf("%zu calls with 6 codes each: %zu pairs; %zu lookups; %zu allocations; %zu faults\n", calls.size(),
-                callsTried, lookupsTried, allocationsTried, Faults.size());
+    const size_t allocations = FailEveryAllocation();
+    std::printf("%zu calls with 6 codes each; %zu lookups; %zu allocations; %zu faults\n", calls, lookups, allocations,
+                Faults.size());
     for (const std::string& fault : Faults) std::printf("%s\n", fault.c_str());
     return Faults.empty() ? EXIT_SUCCESS : EXIT_FAILURE;
 }

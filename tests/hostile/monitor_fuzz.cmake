@@ -1,7 +1,7 @@
 option(NVML_GPU_MONITOR_FUZZER "Link monitor_fuzz with libFuzzer (clang++ only; the preset `fuzz` sets what it needs)"
     OFF)
 
-# The module as it is, but with its own names for the dynamic loader: only its calls go to monitor_fuzz_loader.cpp, and
+# The module as it is, but with its own names for the dynamic loader: only its calls go to monitor_fuzz.cpp, and
 # not those of the sanitizers.
 add_library(fuzzed_monitor STATIC "${PROJECT_SOURCE_DIR}/src/nvml_gpu_monitor.cpp")
 nvml_gpu_monitor_configure(fuzzed_monitor "${PROJECT_SOURCE_DIR}/include" "${PROJECT_SOURCE_DIR}/tests/support")
@@ -9,7 +9,7 @@ nvml_gpu_monitor_strict_warnings(fuzzed_monitor)
 target_compile_definitions(fuzzed_monitor PRIVATE
     dlopen=MonitorFuzzOpen dlclose=MonitorFuzzClose dlsym=MonitorFuzzLookup)
 
-add_executable(monitor_fuzz monitor_fuzz.cpp monitor_fuzz_loader.cpp)
+add_executable(monitor_fuzz monitor_fuzz.cpp)
 target_link_libraries(monitor_fuzz PRIVATE fuzzed_monitor sampler_clock fixed_boards)
 target_compile_features(monitor_fuzz PRIVATE cxx_std_17)
 set_target_properties(monitor_fuzz PROPERTIES CXX_EXTENSIONS OFF)

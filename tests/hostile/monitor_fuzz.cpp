@@ -1,14 +1,18 @@
 // Bytes choose what NVML answers and what a host asks of the monitor, and after every operation the monitor must have
 // kept its word. The bytes are a list of instructions: those that script the driver, and public operations.
 
+#include <dlfcn.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <limits>
 #include <memory>
 #include <optional>
 #include <set>
+#include <string>
 #include <string_view>
 #include <system_error>
 #include <type_traits>
@@ -17,12 +21,9 @@
 
 #include "fixed_boards.h"
 #include "gpu_profiler.h"
-#include "monitor_fuzz_input.h"
 #include "nvml_gpu_monitor.h"
 #include "sampler_clock.h"
 #include "simulated_nvml.h"
-
-namespace monitor_fuzz {
 
 namespace {
 
@@ -31,6 +32,9 @@ using std::chrono::milliseconds;
 using Outcome = LastCall::Result;
 using Result = GpuClockOperationResult;
 using Sample = GpuTelemetrySample;
+
+/// What outputs hold before an operation. No answer of the driver is this number, so it can only be what was there.
+constexpr uint32_t kPoison = 0x5A5A5A5A;
 
 constexpr size_t kMostInstructions = 200;
 /// Filling histories takes a large part of a second. Fuzzing with `-max_len` of this size never does it, and is fast.
@@ -41,7 +45,57 @@ constexpr unsigned int kMostCycles = 6100;
 
 /// For the message of a failure.
 const char* Operation = "nothing";
-size_t InstructionNumber = 0;
+size_t StepNumber = 0;
+
+/// Prints what is wrong and during which operation, and ends the process.
+[[noreturn]] void Fail(const std::string& what) {
+    std::fprintf(stderr, "monitor_fuzz: %s (instruction %zu, %s)\n", what.c_str(), StepNumber, Operation);
+    std::abort();
+}
+
+void Require(bool bHolds, const char* what) {
+    if (!bHolds) Fail(what);
+}
+
+/// The bytes of one execution, first to last; zeros when they are used up, so that every prefix is an input too.
+class Input {
+public:
+    Input(const uint8_t* data, size_t size) : Data(data), Size(size) {}
+
+    bool AtEnd() const { return Position >= Size; }
+    uint8_t Byte() { return AtEnd() ? uint8_t{0} : Data[Position++]; }
+
+    uint32_t Word() {
+        uint32_t word = 0;
+        for (int i = 0; i < 4; ++i) word = word << 8 | Byte();
+        return word;
+    }
+
+    /// Mostly small, often a bound of something, at times anything.
+    uint32_t Number() {
+        constexpr uint32_t kBounds[] = {128,        4095,       4096,       4097,      8192,   65535,
+                                        99999,      100000,     200000,     300000,    300001, 0x7FFFFFFF,
+                                        0x80000000, 0xFFFFFFFE, 0xFFFFFFFF, 1000000000};
+        const uint8_t choice = Byte();
+        if (choice < 128) return choice;
+        if (choice < 224) return kBounds[choice % std::size(kBounds)];
+        const uint32_t word = Word();
+        return word == kPoison ? word + 1 : word;
+    }
+
+    /// Any bit pattern: not-a-numbers and infinities too.
+    double AnyDouble() {
+        const uint64_t bits = uint64_t{Word()} << 32 | Word();
+        double number = 0.0;
+        std::memcpy(&number, &bits, sizeof number);
+        return number;
+    }
+
+private:
+    const uint8_t* Data;
+    size_t Size;
+    size_t Position = 0;
+};
 
 // ---- The driver ----
 
@@ -51,24 +105,11 @@ SimulatedNvml& Sim() {
 
 /// What calls answer and what they came to.
 ScriptedAnswers& Nvml() {
-    static ScriptedAnswers& answers = Sim().Answers();
-    return answers;
-}
-
-/// GPUs that nothing is wrong with, whose texts have only characters that `RequireText` expects.
-std::vector<Board> HealthyBoards() {
-    std::vector<Board> boards = fixed_boards::FixedBoards(2);
-    for (Board& board : boards) {
-        for (std::string Board::*text :
-             {&Board::Name, &Board::Uuid, &Board::BusId, &Board::BusIdLegacy, &Board::VbiosVersion}) {
-            board.*text = "abcdefgh";
-        }
-    }
-    return boards;
+    return Sim().Answers();
 }
 
 void ResetDriver() {
-    static const std::vector<Board> kBoards = HealthyBoards();
+    static const std::vector<Board> kBoards = fixed_boards::FixedBoards(2);
     Sim().Reset();
     Sim().SetBoards(kBoards);
     Sim().ForbidConcurrentCalls();
@@ -82,11 +123,6 @@ void ResetDriver() {
                                     name == EntryPoint::nvmlDeviceGetBAR1MemoryInfo;
         if (bOnlyDiscovery) Nvml().AllowNullHandle(name);
     }
-}
-
-void RequireNoMisuse() {
-    const std::vector<std::string> misuse = Sim().Misuse();
-    if (!misuse.empty()) Fail(misuse.front());
 }
 
 // ---- The sentences ----
@@ -108,10 +144,6 @@ constexpr std::pair<GpuCapabilityState, std::string_view> kPowerSentences[] = {
 template <typename Values, typename T>
 bool IsOneOf(const T& value, const Values& values) {
     return std::find(std::begin(values), std::end(values), value) != std::end(values);
-}
-
-std::string ActiveStatus(size_t devices) {
-    return "NVML active: " + std::to_string(devices) + " NVIDIA GPU(s).";
 }
 
 double NowSeconds() {
@@ -145,19 +177,15 @@ struct Source {
 /// What a field may hold after the last call of its query.
 template <typename T>
 void RequireFrom(const Source& source, const T& field) {
-    const EntryPoint query = source.Query;
     // Of the limits in force, the first one that NVML answers counts.
-    const bool bOther = query == kEnforcedLimit && Nvml().Last(query).Outcome < Outcome::WroteNothing;
-    const LastCall& last = Nvml().Last(bOther ? kConfiguredLimit : query, source.Selector);
+    const bool bOther = source.Query == kEnforcedLimit && Nvml().Last(kEnforcedLimit).Outcome < Outcome::WroteNothing;
+    const LastCall& last = Nvml().Last(bOther ? kConfiguredLimit : source.Query, source.Selector);
     T read = static_cast<T>(source.bSecond ? last.Second : last.First);
     if constexpr (std::is_same_v<T, double>) read /= source.Scale;
-    switch (last.Outcome) {
-        case Outcome::NotCalled:
-        case Outcome::Failed: Require(field == kUnread<T>, "a field was filled without a successful query"); break;
-        case Outcome::Answered: Require(field == read, "a field is not what the query answered"); break;
-        // The query promised an answer and wrote nothing, so anything that the monitor itself had will do.
-        case Outcome::WroteNothing: Require(field != kPoisoned<T>, "a field was left as it was"); break;
-    }
+    if (last.Outcome == Outcome::Answered) return Require(field == read, "a field is not what the query answered");
+    // The query promised an answer and wrote nothing, so anything that the monitor itself had will do.
+    if (last.Outcome == Outcome::WroteNothing) return Require(field != kPoisoned<T>, "a field was left as it was");
+    Require(field == kUnread<T>, "a field was filled without a successful query");
 }
 
 struct Reading {
@@ -195,18 +223,6 @@ constexpr Reading kReadings[] = {
     {&Sample::PerformanceLimitReasons, {EntryPoint::nvmlDeviceGetCurrentClocksThrottleReasons}},
 };
 
-void RequireText(const std::string& text, size_t longest) {
-    constexpr const char* kCharacters = "abcdefghijklmnop0123456789.";
-    Require(text.size() <= longest, "a text is longer than its buffer");
-    Require(text.find_first_not_of(kCharacters) == std::string::npos, "a text has a character that NVML did not write");
-}
-
-void RequireFrameTime(double field) {
-    const double frame = GPUProfiler::Get()->FrameTimeMs.value_or(-1.0);
-    const bool bSame = field == (frame <= 0.0 ? -1.0 : frame) || (std::isnan(field) && std::isnan(frame));
-    Require(bSame, "a frame time is not the profiler's");
-}
-
 // ---- Samples ----
 
 /// Calls `visit(sample.*field, source)` for each reading.
@@ -217,62 +233,39 @@ void ForEachReading(AnySample& sample, Visit visit) {
     }
 }
 
-Sample PoisonedSample() {
-    Sample sample;
-    ForEachReading(sample, [](auto& field, const Source&) { field = kPoisoned<std::decay_t<decltype(field)>>; });
-    sample.TimestampSeconds = sample.FrameTimeMs = kPoisoned<double>;
-    return sample;
-}
-
-void RequireReadings(const Sample& sample) {
-    ForEachReading(sample, [](const auto& field, const Source& source) { RequireFrom(source, field); });
-}
-
-/// No query may have filled anything.
-void RequireDefaults(const Sample& sample) {
-    Nvml().BeginOperation();
-    RequireReadings(sample);
-    Require(sample.TimestampSeconds == 0.0 && sample.FrameTimeMs == -1.0, "a record without a reading is not empty");
-}
-
 void RequirePlausible(const Sample& sample, double after, double before) {
     Require(sample.TimestampSeconds > after && sample.TimestampSeconds < before, "a sample is not from its time");
-    ForEachReading(sample, [](const auto& field, const Source&) {
-        if constexpr (std::is_same_v<decltype(field), const double&>) {
-            Require(field == -1.0 || field >= 0.0, "a sample has a negative reading");
-        }
-    });
     Require(!(sample.FrameTimeMs <= 0.0) || sample.FrameTimeMs == -1.0, "a sample has a negative frame time");
 }
 
 // ---- Histories ----
 
 void RequireDevice(const GpuDeviceInfo& device) {
-    RequireText(device.Name, 96);
-    RequireText(device.Uuid, 128);
-    RequireText(device.PciBusId, 32);
-    RequireText(device.DriverVersion, 96);
-    RequireText(device.VbiosVersion, 128);
-    constexpr const char* kArchitectures[] = {"",       "Unknown", "Kepler", "Maxwell", "Pascal",   "Volta",
-                                              "Turing", "Ampere",  "Ada",    "Hopper",  "Blackwell"};
-    Require(IsOneOf(device.Architecture, kArchitectures), "an architecture has no known name");
+    const std::pair<std::string, size_t> texts[] = {{device.Name, 96},
+                                                    {device.Uuid, 128},
+                                                    {device.PciBusId, 32},
+                                                    {device.DriverVersion, 96},
+                                                    {device.VbiosVersion, 128}};
+    for (const auto& [text, longest] : texts) {
+        Require(text.size() <= longest, "a text is longer than its buffer");
+        const auto isPrintable = [](char c) { return c >= ' ' && c <= '~'; };
+        Require(std::all_of(text.begin(), text.end(), isPrintable), "a text has a character that NVML did not write");
+    }
 }
 
-void RequireProcesses(const std::vector<GpuProcessMemory>& processes) {
-    Require(processes.size() <= 2 * size_t{4096}, "more processes than two lists hold");
+void RequireHistory(const GpuTelemetryHistory& history) {
+    RequireDevice(history.Device);
+    Require(history.ProcessMemory.size() <= 2 * size_t{4096}, "more processes than two lists hold");
     std::set<int> pids;
-    for (const GpuProcessMemory& process : processes) {
+    for (const GpuProcessMemory& process : history.ProcessMemory) {
         Require(process.Pid != 0 && process.VramUsedBytes != 0 && process.VramUsedBytes != UINT64_MAX,
                 "a process without a number or memory is listed");
         Require(pids.insert(process.Pid).second, "a process is listed twice");
     }
-}
-
-void RequireSamples(const std::deque<Sample>& samples) {
-    Require(samples.size() <= kMostSamples, "a history is longer than its bound");
+    Require(history.Samples.size() <= kMostSamples, "a history is longer than its bound");
     const double now = NowSeconds();
     double latest = 0.0;
-    for (const Sample& sample : samples) {
+    for (const Sample& sample : history.Samples) {
         // A cycle whose reading finds no GPU leaves an empty sample.
         if (sample.TimestampSeconds == 0.0) continue;
         RequirePlausible(sample, latest, now);
@@ -282,10 +275,8 @@ void RequireSamples(const std::deque<Sample>& samples) {
 
 void RequireHistories(const std::vector<GpuTelemetryHistory>& histories) {
     for (size_t i = 0; i < histories.size(); ++i) {
+        RequireHistory(histories[i]);
         const GpuDeviceInfo& device = histories[i].Device;
-        RequireDevice(device);
-        RequireProcesses(histories[i].ProcessMemory);
-        RequireSamples(histories[i].Samples);
         Require(i == 0 || histories[i - 1].Device.Index < device.Index, "the GPUs are out of order");
         Require(device.DriverVersion == histories[0].Device.DriverVersion, "the GPUs' drivers differ");
     }
@@ -309,15 +300,15 @@ struct Verdict {
 
 constexpr Verdict kVerdicts[] = {{kSuccess, Result::Success, "", ""},
                                  {kNotSupported, Result::Unsupported, "The NVIDIA driver does not support ", "."},
-                                 {kNoPermission, Result::NoPermission, "NVML denied ", " for this user."}};
-constexpr Verdict kOtherVerdict = {kUnknown, Result::Error, "NVML ", " failed."};
+                                 {kNoPermission, Result::NoPermission, "NVML denied ", " for this user."},
+                                 {kUnknown, Result::Error, "NVML ", " failed."}};
 
 /// `error` is null where the host did not want the sentence.
 void RequireAnswer(EntryPoint setter, const std::string& change, Result result, const std::string* error) {
-    const auto* const verdict = std::find_if(std::begin(kVerdicts), std::end(kVerdicts), [&](const Verdict& known) {
-        return known.Code == Nvml().Last(setter).Code;
-    });
-    const auto& [code, outcome, before, after] = verdict != std::end(kVerdicts) ? *verdict : kOtherVerdict;
+    const Verdict* verdict = std::begin(kVerdicts);
+    // The last one is for every other code.
+    while (verdict->Code != Nvml().Last(setter).Code && verdict != std::end(kVerdicts) - 1) ++verdict;
+    const auto& [code, outcome, before, after] = *verdict;
     Require(result == outcome, "a result is not what the driver answered");
     if (error == nullptr || result == Result::Success) return;
     Require(*error == before + change + after, "a sentence is not that of the answer");
@@ -337,8 +328,13 @@ void RequireRefusal(Result result, const std::string* error, std::initializer_li
             "a sentence is not one of a refusal");
 }
 
-/// Only a pair that the driver lists may be locked, each clock of it by itself.
-void RequireListedLock() {
+void RequireLock(Result result, const std::string* error) {
+    if (!Called(kLockGraphics)) {
+        return RequireRefusal(
+            result, error, {kNoUsableDevice, kGpuUnavailable},
+            {"Requested clock pair is not supported by NVML.", "NVML locked-clock control is unavailable."});
+    }
+    // Only a pair that the driver lists may be locked, each clock of it by itself.
     const LastCall& graphics = Nvml().Last(kLockGraphics);
     const LastCall& memory = Nvml().Last(kLockMemory);
     const auto& pairs = Nvml().ListedPairs();
@@ -348,20 +344,10 @@ void RequireListedLock() {
                (memory.Outcome == Outcome::NotCalled || pair.second == static_cast<int>(memory.First));
     };
     Require(std::any_of(pairs.begin(), pairs.end(), isLocked), "a lock of clocks that are not listed together");
-}
-
-void RequireLock(Result result, const std::string* error) {
-    if (!Called(kLockGraphics)) {
-        RequireRefusal(result, error, {kNoUsableDevice, kGpuUnavailable},
-                       {"Requested clock pair is not supported by NVML.", "NVML locked-clock control is unavailable."});
-        return;
-    }
-    RequireListedLock();
     if (!Called(kLockMemory)) {
         RequireAnswer(kLockGraphics, "GPU locked-clock control", result, error);
         Require(result != Result::Success, "a lock of one clock only succeeded");
-        Require(!Called(kResetGraphics), "an earlier lock was reset");
-        return;
+        return Require(!Called(kResetGraphics), "an earlier lock was reset");
     }
     RequireAnswer(kLockMemory, "memory locked-clock control", result, error);
     const unsigned int undone = result == Result::Success ? 0 : 1;
@@ -370,15 +356,13 @@ void RequireLock(Result result, const std::string* error) {
 }
 
 void RequireReset(Result result, const std::string* error) {
-    const unsigned int resets = Nvml().Calls(kResetGraphics);
-    Require(resets == Nvml().Calls(kResetMemory), "only one clock was reset");
-    if (resets == 0) {
-        RequireRefusal(result, error, {kNoUsableDevice}, {"NVML locked-clock reset is unavailable."});
-    } else if (Nvml().Last(kResetMemory).Code != 0) {
-        RequireAnswer(kResetMemory, "memory locked-clock reset", result, error);
-    } else {
-        RequireAnswer(kResetGraphics, "GPU locked-clock reset", result, error);
+    Require(Nvml().Calls(kResetGraphics) == Nvml().Calls(kResetMemory), "only one clock was reset");
+    if (!Called(kResetMemory)) {
+        return RequireRefusal(result, error, {kNoUsableDevice}, {"NVML locked-clock reset is unavailable."});
     }
+    const bool bMemory = Nvml().Last(kResetMemory).Code != 0;
+    RequireAnswer(bMemory ? kResetMemory : kResetGraphics,
+                  bMemory ? "memory locked-clock reset" : "GPU locked-clock reset", result, error);
 }
 
 void RequireLimitChange(Result result, const std::string* error) {
@@ -387,8 +371,7 @@ void RequireLimitChange(Result result, const std::string* error) {
         const LastCall& range = Nvml().Last(kRange);
         Require(range.Outcome == Outcome::Answered && range.First <= limit && limit <= range.Second,
                 "a limit was set out of the range");
-        RequireAnswer(kSetLimit, "power-limit control", result, error);
-        return;
+        return RequireAnswer(kSetLimit, "power-limit control", result, error);
     }
     RequireRefusal(
         result, error, {kGpuUnavailable},
@@ -410,6 +393,13 @@ void RequireNoChange() {
     }
 }
 
+// ---- The dynamic loader ----
+
+// What the monitor calls in its place: one library, which is the simulator. Lookups and openings are counted there;
+// here an opening gets an address of its own, so that a stale one is noticed.
+uintptr_t Openings = 0;
+void* Library = nullptr;
+
 // ---- A host that does what the input says ----
 
 class Host {
@@ -417,9 +407,7 @@ public:
     Host(const uint8_t* data, size_t size) : Bytes(data, size), bLong(size > kShortInput) {}
 
     void Run() {
-        for (InstructionNumber = 0; InstructionNumber < kMostInstructions && !Bytes.AtEnd(); ++InstructionNumber) {
-            Step();
-        }
+        for (StepNumber = 0; StepNumber < kMostInstructions && !Bytes.AtEnd(); ++StepNumber) Step();
         Destroy();
     }
 
@@ -436,16 +424,12 @@ private:
 
     EntryPoint AnyEntryPoint() { return EntryPoint{Bytes.Byte() % kEntryPointCount}; }
 
-    unsigned int AnyCode() {
-        constexpr unsigned int kCodes[] = {0, 1, 2, 3, 4, 6, 7, 15, 999};
-        const uint8_t choice = Bytes.Byte();
-        return choice == 255 ? Bytes.Word() : kCodes[choice % std::size(kCodes)];
-    }
-
     void ScriptAnswer() {
         const EntryPoint name = AnyEntryPoint();
         Answer answer;
-        answer.Code = AnyCode();
+        constexpr unsigned int kCodes[] = {0, 1, 2, 3, 4, 6, 7, 15, 999};
+        const uint8_t code = Bytes.Byte();
+        answer.Code = code == 255 ? Bytes.Word() : kCodes[code % std::size(kCodes)];
         const uint8_t parts = Bytes.Byte();
         answer.bWrites = (parts & 1) == 0;
         answer.Form = static_cast<uint8_t>(parts >> 3);
@@ -466,7 +450,7 @@ private:
 
     void SetFrameTime() {
         GPUProfiler::Get()->FrameTimeMs.reset();
-        if (Bytes.Flag()) GPUProfiler::Get()->FrameTimeMs = Bytes.AnyDouble();
+        if ((Bytes.Byte() & 1) != 0) GPUProfiler::Get()->FrameTimeMs = Bytes.AnyDouble();
     }
 
     // ---- Arguments ----
@@ -524,7 +508,7 @@ private:
         Monitor->Stop();
         bSamplerRuns = false;
         Require(!Monitor->IsAvailable(), "NVML is up after a stop");
-        RequireUnstarted();
+        Require(Sim().Use().Openings == OpeningsBefore, "a stop started NVML");
     }
 
     void Pause() {
@@ -546,7 +530,6 @@ private:
         OpeningsAtBirth = Sim().Use().Openings;
         Interval = milliseconds(1000);
         Delay = milliseconds(0);
-        Require(Monitor->Status().empty() && Monitor->Snapshot().empty(), "a new monitor is not empty");
     }
 
     // ---- Settings and cycles ----
@@ -555,26 +538,23 @@ private:
         const milliseconds interval = AnyDuration();
         Interval = std::clamp(interval, milliseconds(100), milliseconds(10000));
         RunningDelay = Delay;
-        Monitor->SetSampleInterval(interval);
-        if (bSamplerRuns) AwaitCycles(1);
-        RequireUnstarted();
+        const auto set = [&] { Monitor->SetSampleInterval(interval); };
+        if (!bSamplerRuns) return RequireNoDriver(set);
+        set();
+        AwaitCycles(1);
     }
 
     void SetDelay() {
         const milliseconds delay = AnyDuration();
         Delay = std::clamp(delay, milliseconds(0), milliseconds(10000));
-        Monitor->SetInitialSampleDelay(delay);
-        RequireUnstarted();
+        RequireNoDriver([&] { Monitor->SetInitialSampleDelay(delay); });
     }
 
-    /// A few or, in a long input, enough to fill the histories.
-    unsigned int AnyCycles() {
-        const uint8_t choice = Bytes.Byte();
-        return bLong && choice == 255 ? static_cast<unsigned int>(kMostSamples) + 1 : choice % 4 + 1;
-    }
-
+    /// A few cycles or, in a long input, enough to fill the histories.
     void LetCyclesPass() {
-        const unsigned int cycles = AnyCycles();
+        const uint8_t choice = Bytes.Byte();
+        const bool bFill = bLong && choice == 255;
+        const unsigned int cycles = bFill ? static_cast<unsigned int>(kMostSamples) + 1 : choice % 4 + 1;
         if (!bSamplerRuns || cycles > CyclesLeft) return;
         CyclesLeft -= cycles;
         sampler_clock::PassWaits(cycles);
@@ -611,27 +591,34 @@ private:
     /// Has `query` fill a record that nobody has filled, or refuse a null one. False: it was null.
     template <typename Record, typename Query>
     bool Fill(Record* record, const Record& poisoned, Query query) {
-        const bool bNull = Bytes.Byte() == 255;
-        if (bNull) {
+        if (Bytes.Byte() == 255) {
             RequireNoDriver([&] { Require(!query(nullptr), "a query without an output succeeded"); });
-        } else {
-            *record = poisoned;
-            bFilled = query(record);
+            return false;
         }
+        *record = poisoned;
+        bFilled = query(record);
         RequireNoChange();
-        return !bNull;
+        return true;
     }
 
     void Read(std::optional<unsigned int> index) {
+        Sample poisoned;
+        ForEachReading(poisoned, [](auto& field, const Source&) { field = kPoisoned<std::decay_t<decltype(field)>>; });
+        poisoned.TimestampSeconds = poisoned.FrameTimeMs = kPoisoned<double>;
         Sample sample;
         const double before = NowSeconds();
         const auto read = [&](Sample* output) {
             return index ? Monitor->ReadCurrentSample(*index, output) : Monitor->ReadCurrentSample(output);
         };
-        if (!Fill(&sample, PoisonedSample(), read)) return;
-        if (!bFilled && sample.TimestampSeconds == 0.0) return RequireDefaults(sample);
-        RequireReadings(sample);
-        RequireFrameTime(sample.FrameTimeMs);
+        if (!Fill(&sample, poisoned, read)) return;
+        const bool bEmpty = !bFilled && sample.TimestampSeconds == 0.0;
+        // A record without a reading is empty, whatever the queries answered.
+        if (bEmpty) Nvml().BeginOperation();
+        ForEachReading(sample, [](const auto& field, const Source& source) { RequireFrom(source, field); });
+        if (bEmpty) return Require(sample.FrameTimeMs == -1.0, "a record without a reading has a frame time");
+        const double frame = GPUProfiler::Get()->FrameTimeMs.value_or(-1.0);
+        const bool bNan = std::isnan(frame) && std::isnan(sample.FrameTimeMs);
+        Require(bNan || sample.FrameTimeMs == (frame <= 0.0 ? -1.0 : frame), "a frame time is not the profiler's");
         RequirePlausible(sample, before - 1e-6, NowSeconds());
         Require(bFilled == (sample.PowerWatts >= 0.0 || sample.GraphicsClockMHz >= 0),
                 "a reading reports another result");
@@ -644,32 +631,28 @@ private:
         const GpuClockPair pair = {kPoisoned<int>, kPoisoned<int>};
         const GpuClockCapabilities poisoned = {kPoison,        kPoisonText,    kPoisonText, {pair},
                                                kPoisoned<int>, kPoisoned<int>, true,        kPoisonText};
-        if (Fill(&LatestClocks, poisoned, query)) RequireClocks(index.value_or(0), bFilled, LatestClocks);
+        if (Fill(&LatestClocks, poisoned, query)) RequireClocks(index.value_or(0), LatestClocks);
     }
 
-    void RequireClocks(unsigned int index, bool bFound, const GpuClockCapabilities& clocks) {
+    void RequireClocks(unsigned int index, const GpuClockCapabilities& clocks) {
         const bool bUp = Monitor->IsAvailable();
-        Require(bUp || !bFound, "a query succeeded without NVML");
+        Require(bUp || !bFilled, "a query succeeded without NVML");
         Require(clocks.DeviceIndex == (bUp ? index : 0), "a record is of another GPU");
         const GpuDeviceInfo device = bUp ? DeviceOf(index).value_or(GpuDeviceInfo{}) : GpuDeviceInfo{};
         Require(clocks.DeviceName == device.Name && clocks.DeviceUuid == device.Uuid, "a record has another identity");
         RequireFrom({EntryPoint::nvmlDeviceGetClockInfo, 0}, clocks.CurrentGraphicsClockMHz);
         RequireFrom({EntryPoint::nvmlDeviceGetClockInfo, 2}, clocks.CurrentMemoryClockMHz);
-        RequirePairs(clocks);
-        if (!bUp || clocks.CanControl) {
-            Require(clocks.Status == Monitor->Status(), "a record's status is not the monitor's");
-        } else if (bFound) {
-            Require(IsOneOf(clocks.Status, kClockObstacles), "a record names no obstacle");
-        } else {
-            Require(clocks.Status == kNoUsableDevice, "a record does not say that there is no GPU");
-        }
-    }
-
-    static void RequirePairs(const GpuClockCapabilities& clocks) {
         Require(clocks.CanControl == !clocks.SupportedPairs.empty(), "a record contradicts itself");
         std::vector<GpuClockPair> listed;
         for (const auto& [graphics, memory] : Nvml().ListedPairs()) listed.push_back({graphics, memory});
         Require(clocks.SupportedPairs == listed, "the pairs are not those of the driver, sorted and each once");
+        if (!bUp || clocks.CanControl) {
+            Require(clocks.Status == Monitor->Status(), "a record's status is not the monitor's");
+        } else if (bFilled) {
+            Require(IsOneOf(clocks.Status, kClockObstacles), "a record names no obstacle");
+        } else {
+            Require(clocks.Status == kNoUsableDevice, "a record does not say that there is no GPU");
+        }
     }
 
     void QueryPower() {
@@ -684,12 +667,12 @@ private:
         RequireFrom({kDefaultLimit, 0, false, kMilli}, LatestPower.DefaultWatts);
         RequireFrom({kRange, 0, false, kMilli}, LatestPower.MinimumWatts);
         RequireFrom({kRange, 0, true, kMilli}, LatestPower.MaximumWatts);
-        RequirePowerStatus(bFilled, LatestPower);
+        RequirePowerStatus(LatestPower);
     }
 
-    void RequirePowerStatus(bool bFound, const GpuPowerCapabilities& power) {
+    void RequirePowerStatus(const GpuPowerCapabilities& power) {
         const std::optional<GpuDeviceInfo> device = DeviceOf(power.DeviceIndex);
-        if (bFound) {
+        if (bFilled) {
             Require(Monitor->IsAvailable() && device.has_value(), "a GPU was found that is not there");
             Require(power.DeviceUuid == device->Uuid, "a record has another identity");
             const std::pair<GpuCapabilityState, std::string_view> sentence(power.State, power.Status);
@@ -708,13 +691,10 @@ private:
         const auto query = [&](GpuClockState* output) { return Monitor->CaptureClockState(output); };
         if (!Fill(&Captured, {true, kPoisoned<int>, kPoisoned<int>}, query)) return;
         Require(Captured.Valid == bFilled && bFilled == !Nvml().ListedPairs().empty(), "a capture is not valid");
-        if (bFilled) {
-            RequireFrom({EntryPoint::nvmlDeviceGetClockInfo, 0}, Captured.GraphicsClockMHz);
-            RequireFrom({EntryPoint::nvmlDeviceGetClockInfo, 2}, Captured.MemoryClockMHz);
-        } else {
-            Require(Captured.GraphicsClockMHz == -1 && Captured.MemoryClockMHz == -1,
-                    "an invalid capture is not empty");
-        }
+        // An invalid capture is empty, whatever the queries answered.
+        if (!bFilled) Nvml().BeginOperation();
+        RequireFrom({EntryPoint::nvmlDeviceGetClockInfo, 0}, Captured.GraphicsClockMHz);
+        RequireFrom({EntryPoint::nvmlDeviceGetClockInfo, 2}, Captured.MemoryClockMHz);
     }
 
     // ---- Changes ----
@@ -775,10 +755,6 @@ private:
         return {};
     }
 
-    void RequireUnstarted() const {
-        Require(Sim().Use().Openings == OpeningsBefore, "an operation started NVML that never does");
-    }
-
     void RequireState() {
         const uint64_t activity = Sim().Use().Activity;
         const bool bUp = Monitor->IsAvailable();
@@ -791,22 +767,19 @@ private:
         Require(!bSamplerRuns || bUp, "a sampler runs without NVML");
         Require(sampler_clock::WaitsBegun() == WaitsSeen, "the sampler woke without a reason");
         RequireHistories(histories);
-        RequireStatus(bUp, status, histories);
-    }
-
-    void RequireStatus(bool bUp, const std::string& status, const std::vector<GpuTelemetryHistory>& histories) const {
-        const bool bActive = status == ActiveStatus(histories.size()) && !histories.empty();
+        const std::string active = "NVML active: " + std::to_string(histories.size()) + " NVIDIA GPU(s).";
+        const bool bActive = status == active && !histories.empty();
         if (bUp) {
             Require(bActive, "the status is not that of an NVML that is up");
             Require(histories.back().Device.Index < Nvml().DeviceCount(), "a GPU is listed that NVML did not count");
-        } else if (Sim().Use().Openings == OpeningsAtBirth) {
+        } else if (use.Openings == OpeningsAtBirth) {
             Require(status.empty() && histories.empty(), "something is known without an attempt");
         } else {
             Require(bActive || IsOneOf(status, kStartFailures), "the status is no known line");
         }
         // Only a start that fails after NVML has counted GPUs could leave histories.
-        const bool bJustFailed = !bUp && Sim().Use().Openings != OpeningsBefore;
-        if (bJustFailed && Nvml().DeviceCount() > 0) Require(histories.empty(), "a failed start left histories");
+        const bool bJustFailed = !bUp && use.Openings != OpeningsBefore && Nvml().DeviceCount() > 0;
+        Require(!bJustFailed || histories.empty(), "a failed start left histories");
     }
 
     Input Bytes;
@@ -867,23 +840,39 @@ void Host::Step() {
     OpeningsBefore = Sim().Use().Openings;
     chosen.Do(*this);
     RequireState();
-    RequireNoMisuse();
+    for (const std::string& misuse : Sim().Misuse()) Fail(misuse);
 }
 
 }  // namespace
 
-void Fail(const std::string& what) {
-    std::fprintf(stderr, "monitor_fuzz: %s (instruction %zu, %s)\n", what.c_str(), InstructionNumber, Operation);
-    std::abort();
+extern "C" {
+
+void* MonitorFuzzOpen(const char* file, int mode) {
+    Require(file != nullptr && std::string_view(file) == "libnvidia-ml.so.1", "a library of another name is opened");
+    Require(Library == nullptr, "the library is opened while it is open");
+    if (Sim().OnOpen(mode)) Library = reinterpret_cast<void*>(++Openings << 4);
+    return Library;
 }
 
-}  // namespace monitor_fuzz
+int MonitorFuzzClose(void* library) {
+    Require(library != nullptr && library == Library, "a library is closed that is not open");
+    Sim().OnClose();
+    Library = nullptr;
+    return 0;
+}
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    monitor_fuzz::ResetDriver();
+void* MonitorFuzzLookup(void* library, const char* name) {
+    Require(library != nullptr && library == Library, "a name is looked up in a library that is not open");
+    return Sim().OnLookup(name).has_value() ? dlsym(RTLD_DEFAULT, name) : nullptr;
+}
+
+int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    ResetDriver();
     sampler_clock::Reset();
     sampler_clock::Hold();
     GPUProfiler::Get()->FrameTimeMs.reset();
-    monitor_fuzz::Host(data, size).Run();
+    Host(data, size).Run();
     return 0;
 }
+
+}  // extern "C"

@@ -3,7 +3,6 @@
 // there at the first measurement, so whatever is more at the second one was left behind by the work.
 
 #include <malloc.h>
-#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -14,7 +13,6 @@
 #include <cstdio>
 #include <exception>
 #include <filesystem>
-#include <fstream>
 #include <iterator>
 #include <stdexcept>
 #include <string>
@@ -39,14 +37,6 @@ void Require(bool bHolds, const std::string& otherwise) {
     if (!bHolds) throw std::runtime_error(otherwise);
 }
 
-void UseBoards(unsigned int count) {
-    SimulatedNvml::Get().Reset();
-    SimulatedNvml::Get().ForbidConcurrentCalls();
-    SimulatedNvml::Get().SetBoards(fixed_boards::FixedBoards(count));
-    sampler_clock::Reset();
-    sampler_clock::Hold();
-}
-
 // ---- What must not grow ----
 
 int64_t CountEntries(const char* folder) {
@@ -57,39 +47,25 @@ int64_t CountThreads() {
     return CountEntries("/proc/self/task");
 }
 
-bool IsSanitized() {
-    return __sanitizer_get_current_allocated_bytes != nullptr;
-}
-
 /// What is allocated and not freed.
 int64_t HeapBytes() {
-    if (IsSanitized()) return static_cast<int64_t>(__sanitizer_get_current_allocated_bytes());
+    if (__sanitizer_get_current_allocated_bytes != nullptr) {
+        return static_cast<int64_t>(__sanitizer_get_current_allocated_bytes());
+    }
     const struct mallinfo2 heap = mallinfo2();
     return static_cast<int64_t>(heap.uordblks + heap.hblkhd);
-}
-
-/// What the process has in memory. Under a sanitizer most of that is the sanitizer's own, and only the heap counts.
-int64_t ResidentBytes() {
-    if (IsSanitized()) return 0;
-    std::ifstream statm("/proc/self/statm");
-    int64_t size = 0;
-    int64_t resident = 0;
-    statm >> size >> resident;
-    Require(resident > 0, "/proc/self/statm cannot be read.");
-    return resident * sysconf(_SC_PAGESIZE);
 }
 
 struct Quantity {
     const char* Name;
     int64_t (*Read)();
     /// What it may grow by for each round of work, and at least. For memory that is half of malloc's smallest block,
-    /// and what threads keep for their next allocations and touch of new stacks and heaps.
+    /// and what threads keep for their next allocations.
     int64_t PerRound;
     int64_t AtLeast;
 };
 
 constexpr Quantity kQuantities[] = {{"bytes of heap", HeapBytes, 16, int64_t{16} << 10},
-                                    {"bytes resident", ResidentBytes, 16, int64_t{1} << 20},
                                     {"threads", CountThreads, 0, 0},
                                     {"descriptors", [] { return CountEntries("/proc/self/fd"); }, 0, 0}};
 using Footprint = std::array<int64_t, std::size(kQuantities)>;
@@ -103,8 +79,12 @@ Footprint Measure(int64_t threads) {
     return footprint;
 }
 
-/// Ends a phase: prints its figures, then judges. `rounds` is how often the work was done in between.
-void Conclude(const std::string& phase, const Footprint& before, const Footprint& after, uint64_t rounds) {
+/// Does the `rounds` rounds of `work` and judges what they left behind, with the monitor's `threads` at both moments.
+template <typename Work>
+void RequireNoGrowth(const std::string& phase, uint64_t rounds, int64_t threads, Work work) {
+    const Footprint before = Measure(threads);
+    work();
+    const Footprint after = Measure(threads);
     for (size_t i = 0; i < before.size(); ++i) {
         const Quantity& quantity = kQuantities[i];
         const int64_t bound = std::max(static_cast<int64_t>(rounds) * quantity.PerRound, quantity.AtLeast);
@@ -134,55 +114,46 @@ void MakeCycles(unsigned int count) {
 void FillHistories(unsigned int boards) {
     constexpr size_t kHistoryBound = 6000;
     constexpr unsigned int kCyclesBeyondBound = 500;
-    constexpr unsigned int kCyclesBetweenMeasurements = 2000;
+    constexpr unsigned int kMeasuredCycles = 2000;
     const int64_t threads = CountThreads() + 1;
-    UseBoards(boards);
     NvmlGpuMonitor monitor;
     Require(monitor.Start() && sampler_clock::AwaitWaits(1), "The sampler did not start.");
     MakeCycles(kHistoryBound + kCyclesBeyondBound);
-    const Footprint before = Measure(threads);
-    MakeCycles(kCyclesBetweenMeasurements);
-    const Footprint after = Measure(threads);
+    RequireNoGrowth("histories of " + std::to_string(boards) + " boards", uint64_t{kMeasuredCycles} * boards, threads,
+                    [] { MakeCycles(kMeasuredCycles); });
     const std::vector<GpuTelemetryHistory> histories = monitor.Snapshot();
     const auto isFull = [](const GpuTelemetryHistory& history) { return history.Samples.size() == kHistoryBound; };
     Require(histories.size() == boards && std::all_of(histories.begin(), histories.end(), isFull),
             "A history is not at its bound.");
-    Conclude("histories of " + std::to_string(boards) + " boards", before, after,
-             uint64_t{kCyclesBetweenMeasurements} * boards);
 }
 
-/// Starts and stops in one of the ways in which hosts do.
-void StartAndStop(uint64_t way, NvmlGpuMonitor* monitor) {
-    const uint64_t waits = sampler_clock::WaitsBegun();
-    Require(monitor->Start(), "A start failed: " + monitor->Status());
-    if (way == 1) Require(sampler_clock::AwaitWaits(waits + 1), "A started sampler made no cycle.");
-    if (way == 2) {
-        monitor->PauseSampling();
-        Require(monitor->ResumeSampling(), "A resume failed: " + monitor->Status());
-    }
-    if (way != 3) monitor->Stop();
-}
-
-void StartAndStopRepeatedly(uint64_t count, NvmlGpuMonitor* monitor) {
+/// Starts and stops in turn in each of the ways in which hosts do.
+void StartAndStop(uint64_t count, NvmlGpuMonitor* longLived) {
     for (uint64_t i = 0; i < count; ++i) {
         NvmlGpuMonitor stoppedByItsDestructor;
-        StartAndStop(i % 4, i % 4 == 3 ? &stoppedByItsDestructor : monitor);
+        NvmlGpuMonitor* const monitor = i % 4 == 3 ? &stoppedByItsDestructor : longLived;
+        const uint64_t waits = sampler_clock::WaitsBegun();
+        Require(monitor->Start(), "A start failed: " + monitor->Status());
+        if (i % 4 == 1) Require(sampler_clock::AwaitWaits(waits + 1), "A started sampler made no cycle.");
+        if (i % 4 == 2) {
+            monitor->PauseSampling();
+            Require(monitor->ResumeSampling(), "A resume failed: " + monitor->Status());
+        }
+        if (i % 4 != 3) monitor->Stop();
     }
 }
 
-void StartOften(unsigned int boards, uint64_t cycles) {
+void StartOften(uint64_t cycles) {
     constexpr uint64_t kWarmUpCycles = 200;
     const int64_t threads = CountThreads();
-    UseBoards(boards);
     NvmlGpuMonitor monitor;
-    StartAndStopRepeatedly(kWarmUpCycles, &monitor);
-    const Footprint before = Measure(threads);
-    StartAndStopRepeatedly(cycles, &monitor);
-    const Footprint after = Measure(threads);
+    StartAndStop(kWarmUpCycles, &monitor);
+    RequireNoGrowth(std::to_string(cycles) + " starts and stops", cycles, threads,
+                    [&] { StartAndStop(cycles, &monitor); });
     const uint64_t inits = SimulatedNvml::Get().Calls("nvmlInit_v2");
-    Require(inits == kWarmUpCycles + cycles && inits == SimulatedNvml::Get().Calls("nvmlShutdown"),
+    // The histories took one start more.
+    Require(inits == 1 + kWarmUpCycles + cycles && inits == SimulatedNvml::Get().Calls("nvmlShutdown"),
             "NVML was not initialized and shut down once per start and stop.");
-    Conclude(std::to_string(cycles) + " starts and stops", before, after, cycles);
 }
 
 }  // namespace
@@ -196,8 +167,11 @@ int main(int argc, char** argv) try {
     CLI11_PARSE(app, argc, argv);
     // The thread sanitizer starts a thread of its own with the first one of the program.
     std::thread([] {}).join();
+    SimulatedNvml::Get().ForbidConcurrentCalls();
+    SimulatedNvml::Get().SetBoards(fixed_boards::FixedBoards(boards));
+    sampler_clock::Hold();
     FillHistories(boards);
-    StartOften(boards, cycles);
+    StartOften(cycles);
     return 0;
 } catch (const std::exception& finding) {
     std::fprintf(stderr, "soak: %s\n", finding.what());
