@@ -48,7 +48,7 @@ install(FILES
 
 # ---- pkg-config ----
 
-# Who links a static library also links what it needs.
+# A host that links a static library also links what that needs.
 set(pkg_config_libs "")
 set(pkg_config_private_libs "-l${CMAKE_DL_LIBS} -pthread")
 if(NVML_GPU_MONITOR_LIBRARY_TYPE STREQUAL "STATIC_LIBRARY")

@@ -149,7 +149,7 @@ public:
     static thread_local bool bInsideCall;
 
 private:
-    /// One thread's stay inside an entry point; holds Mutex but for scripted waits.
+    /// A thread inside an entry point. Holds Mutex except during scripted waits.
     class Visit {
     public:
         Visit(Engine& engine, EntryPoint name);
@@ -184,7 +184,7 @@ private:
         if (complaint.has_value() && complaint->bRefused) return kInvalidArgument;
         return Answers.Complete(call, Answers.Next(call.Name), body);
     }
-    /// Counts, logs and polices a call that begins.
+    /// Counts and logs a call that begins, and notes misuse.
     void Note(const Visit& visit, std::optional<unsigned int> board, Arguments arguments);
     /// The board of `device`; a handle without a board is misuse.
     std::optional<unsigned int> NoteHandle(const Visit& visit, NvmlDevice device);

@@ -244,7 +244,7 @@ NvmlReturn GraphicsClocks(EntryPoint name, NvmlDevice device, unsigned int memor
     });
 }
 
-/// Which list a query gives: its newer and older names differ in nothing else, not even in the records.
+/// Which list a query gives: its newer and older names give the same list, with the same records.
 const std::vector<Process>& ProcessesOf(EntryPoint name, const Readings& now) {
     switch (name) {
         case EntryPoint::nvmlDeviceGetComputeRunningProcesses_v3:

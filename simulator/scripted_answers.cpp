@@ -11,7 +11,7 @@ namespace simulated_nvml {
 
 namespace {
 
-/// The codes that clients tell apart or that drivers often give.
+/// The codes that clients distinguish or that drivers often give.
 constexpr unsigned int kCommonCodes[] = {0, 1, 2, 3, 4, 6, 7, 15, 999, 0xFFFFFFFF};
 /// Clients ask for every GPU, so a larger number only takes longer.
 constexpr uint32_t kMostDevices = kLongestList + 1;

@@ -74,7 +74,7 @@ struct Complaint {
 /// No GPU lists more than this many clocks or processes.
 constexpr uint32_t kLongestList = 4096;
 
-/// The answers that were scripted, and what calls came to. Threads: the operations for scripts are called while no
+/// The answers that were scripted, and what calls did. Threads: the operations for scripts are called while no
 /// thread is inside NVML.
 class SIMULATED_NVML_EXPORT ScriptedAnswers {
 public:

@@ -74,7 +74,7 @@ void CheckBoard(const Board& board) {
     if (!board.Fixed.has_value()) CheckLivingBoard(board);
 }
 
-/// A loader's stay inside the simulator.
+/// A loader inside the simulator.
 class LoaderVisit {
 public:
     LoaderVisit() { Engine::bInsideCall = true; }

@@ -71,7 +71,7 @@ public:
     static LockedFile ForReading(const std::string& path) { return {path, O_RDONLY, LOCK_SH}; }
     static LockedFile ForWriting(const std::string& path) { return {path, O_RDWR, LOCK_EX}; }
     ~LockedFile() {
-        // Closing alone would not do: a child that the client forked meanwhile shares the lock.
+        // Closing alone would not unlock: a child that the client forked meanwhile shares the lock.
         flock(Descriptor, LOCK_UN);
         close(Descriptor);
     }
@@ -88,8 +88,8 @@ public:
         return text;
     }
 
-    /// The file makes sense at every moment, should this process be killed: blanks cover what is left of a longer
-    /// text until it is cut off.
+    /// The file makes sense at every moment, even if this process is killed: blanks cover the rest of a longer text
+    /// until it is cut off.
     void Replace(std::string text) const {
         const size_t length = text.size();
         text.resize(std::max(length, Size()), '\n');
@@ -115,7 +115,7 @@ private:
         }
     }
 
-    /// Does not wait for the other end, should the path name a pipe.
+    /// Does not wait for the other end if the path names a pipe.
     static int Open(const std::string& path, int access) {
         return Uninterrupted([&] { return open(path.c_str(), access | O_CLOEXEC | O_NONBLOCK); });
     }
@@ -128,7 +128,7 @@ private:
     void Lock(int lock) const {
         if (Uninterrupted([&] { return flock(Descriptor, lock); }) < 0) ThrowSystemError();
     }
-    /// An editor may have put another file in this one's place before this one was locked.
+    /// Whether an editor has replaced this file by another one before it was locked.
     bool IsReplaced(const std::string& path) const {
         struct stat named {};
         if (stat(path.c_str(), &named) < 0) ThrowSystemError();

@@ -28,9 +28,9 @@ using SettingsEdit = std::function<NvmlReturn(const Board& board, BoardSettings*
 ///     }
 ///
 /// `since` is when the boards' life began, in seconds of the system clock: processes that share it see the same
-/// readings at the same moment. The first process writes it. `rights` belongs to whoever edits the file: with "user",
-/// nobody may change settings. Everything else in the file is left as it is. Whoever edits the file while it is in use
-/// replaces it as a whole, or holds an exclusive flock on it.
+/// readings at the same moment. The first process writes it. `rights` is for people to edit: with
+/// "user", no client may change settings. Everything else in the file is left as it is. To edit the file while it is in
+/// use, replace it as a whole or hold an exclusive flock on it.
 ///
 /// Each process has its own boards; the file may hold settings of others. Not safe to use from two threads at once.
 class StateFile {

@@ -28,7 +28,7 @@ public:
 
 private:
     double SamplerSeconds() const;
-    /// Returns when the CPU clock of the sampler stands still: the thread sleeps, or was interrupted. In the second
+    /// Returns when the CPU clock of the sampler stops: the thread sleeps, or was interrupted. In the second
     /// case the rest of its cycle counts to the next cycle, so no time is lost.
     void WaitUntilAsleep();
 

@@ -11,7 +11,7 @@
 
 namespace {
 
-/// Stands for the engine's renderer, which measures on the GPU how long a frame took.
+/// Takes the place of the engine's renderer, which measures on the GPU how long a frame took.
 void RenderFrame() {
     constexpr engine::FrameTimer::Microseconds kFrame(8300.0);
     std::this_thread::sleep_for(kFrame);

@@ -27,7 +27,7 @@ public:
     /// `onChange` is what `FeedOptions::OnChange` says.
     explicit FeedExchange(std::function<void()> onChange) : OnChange(std::move(onChange)) {}
 
-    // ---- The interface's ----
+    // ---- Called by the interface ----
 
     void Post(Request request);
     /// Never null.
@@ -36,7 +36,7 @@ public:
     /// `patience`.
     bool Stop(std::chrono::milliseconds patience);
 
-    // ---- The feed's thread's ----
+    // ---- Called by the feed's thread ----
 
     /// Waits for a request, at most until `moment`, if there is one. Result: false when the feed is to end.
     bool WaitForRequest(std::optional<double> moment);

@@ -14,7 +14,7 @@ namespace {
 
 using std::chrono::milliseconds;
 
-/// What the monitor makes of intervals outside.
+/// The monitor brings other intervals into this range.
 constexpr milliseconds kShortestInterval{100};
 constexpr milliseconds kLongestInterval{10000};
 

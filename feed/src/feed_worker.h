@@ -69,7 +69,7 @@ private:
     /// Since when the driver has been at work; 0 while it is not.
     std::atomic<double> DriverUsedSince{0.0};
 
-    // The thread's own.
+    // Used only by the feed's thread.
     NvmlGpuMonitor Monitor;
     ProcessNames Names;
     GpuTracker Tracker;
@@ -78,7 +78,7 @@ private:
     /// What is published next.
     FeedData Next;
     std::optional<double> NextLook;
-    /// When to publish again what memory did not suffice for.
+    /// When to publish again, after memory ran out.
     std::optional<double> NextPublication;
 };
 

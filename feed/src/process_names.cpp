@@ -73,7 +73,7 @@ std::string ProcessNames::UserName(unsigned int userId) {
         try {
             std::thread(std::move(lookUp)).detach();
         } catch (const std::system_error&) {
-            // No thread can be had now; the next look tries again.
+            // No thread can be started now; the next look tries again.
             return std::to_string(userId);
         }
         name.wait_for(kUsualLookUp);

@@ -7,7 +7,7 @@
 
 namespace engine {
 
-/// The profiler of an engine that never heard of the monitor: its name, its unit and its way to say "no frame yet" are
+/// The profiler of an engine that does not know the monitor: its name, its unit and its way to say "no frame yet" are
 /// the engine's own.
 class FrameTimer {
 public:

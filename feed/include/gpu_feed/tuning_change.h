@@ -38,7 +38,7 @@ std::optional<TuningChange> PowerUndo(const GpuPowerCapabilities& capabilities);
 /// not known, or is what `change` sets.
 std::optional<TuningChange> PowerWayBack(const TuningChange& change, const GpuPowerCapabilities& capabilities);
 
-/// What became of a lock whose first half, the graphics clock, was made and whose second half failed.
+/// How a lock ended whose first half, the graphics clock, was made and whose second half failed.
 enum class HalfLock {
     /// No lock failed in this way.
     None,
@@ -48,7 +48,7 @@ enum class HalfLock {
     MayRemain,
 };
 
-/// What came of a change.
+/// The result of a change.
 struct TuningResult {
     GpuClockOperationResult Result = GpuClockOperationResult::Error;
     /// The monitor's sentence for the user; empty after success.

@@ -43,7 +43,7 @@ int ExitStatus(const std::vector<OperationResult>& results) {
 
 class ChangeCommand {
 public:
-    ChangeCommand(const ChangeOptions& options, const TuningChange& change) : Options(options), Wanted(change) {}
+    ChangeCommand(const ChangeOptions& options, const TuningChange& change) : Options(options), Requested(change) {}
 
     /// Result: the exit status. Throws `Failure`.
     int Run() {
@@ -61,8 +61,8 @@ public:
 private:
     OperationResult ChangeGpu(const GpuDeviceInfo& device) {
         GpuTelemetrySample before;
-        if (Wanted.What == Kind::ResetClocks) Monitor.ReadCurrentSample(device.Index, &before);
-        const TuningResult result = Session.Make(&Monitor, GpuName(device), device, Wanted);
+        if (Requested.What == Kind::ResetClocks) Monitor.ReadCurrentSample(device.Index, &before);
+        const TuningResult result = Session.Make(&Monitor, GpuName(device), device, Requested);
         if (result.Result == OperationResult::Success) {
             // Printed before the next GPU is changed: only the report says how to undo this change.
             PrintReport(Paragraph(device, Report(device.Index, result, before), OutputWidth()));
@@ -75,21 +75,21 @@ private:
 
     /// What is in force on a GPU that was changed; `before` was read before its clocks were released.
     Details Report(unsigned int gpu, const TuningResult& result, const GpuTelemetrySample& before) {
-        const auto runsPair = [this](const GpuTelemetrySample& sample) { return RunsPair(sample, Wanted.Pair); };
+        const auto runsPair = [this](const GpuTelemetrySample& sample) { return RunsPair(sample, Requested.Pair); };
         const auto hasMoved = [&before](const GpuTelemetrySample& sample) {
             return !RunsPair(sample, {before.GraphicsClockMHz, before.MemoryClockMHz});
         };
         const std::string& option = Options.SimulateOption;
-        switch (Wanted.What) {
+        switch (Requested.What) {
             case Kind::LockClocks:
-                return LockReport(Wanted.Pair, ReadUntil(gpu, kSettleSeconds, runsPair), gpu, option);
+                return LockReport(Requested.Pair, ReadUntil(gpu, kSettleSeconds, runsPair), gpu, option);
             case Kind::ResetClocks: return ReleaseReport(ReadUntil(gpu, kReleaseSeconds, hasMoved), gpu, option);
             case Kind::SetPower:
             case Kind::ResetPower: break;
         }
         GpuPowerCapabilities now;
         Monitor.GetPowerCapabilities(gpu, &now);
-        return PowerReport(Wanted, result.PowerBefore, now, gpu, option);
+        return PowerReport(Requested, result.PowerBefore, now, gpu, option);
     }
 
     /// Reads a GPU until `isSettled` returns true, for at most `seconds`, and not again once a stop signal came.
@@ -119,17 +119,17 @@ private:
     }
 
     std::string Advice(unsigned int gpu, const TuningResult& result) {
-        if (Wanted.Control() == TuningControl::Power) return PowerAdvice(Wanted, result.PowerBefore);
-        if (Wanted.What == Kind::ResetClocks) return {};
+        if (Requested.Control() == TuningControl::Power) return PowerAdvice(Requested, result.PowerBefore);
+        if (Requested.What == Kind::ResetClocks) return {};
         if (result.Half != HalfLock::None) return HalfLockAdvice(result.Half, gpu, Options.SimulateOption);
         GpuClockCapabilities capabilities;
         Monitor.GetClockCapabilities(gpu, &capabilities);
-        return LockAdvice(Wanted.Pair, result.Error, capabilities, gpu, Options.SimulateOption);
+        return LockAdvice(Requested.Pair, result.Error, capabilities, gpu, Options.SimulateOption);
     }
 
     /// Whether a GPU that was not changed answers at all. One that is lost has not said that it lacks the control.
     bool Answers(unsigned int gpu) {
-        if (Wanted.Control() == TuningControl::Clocks) {
+        if (Requested.Control() == TuningControl::Clocks) {
             GpuClockCapabilities capabilities;
             return Monitor.GetClockCapabilities(gpu, &capabilities);
         }
@@ -139,7 +139,7 @@ private:
     }
 
     const ChangeOptions& Options;
-    const TuningChange Wanted;
+    const TuningChange Requested;
     NvmlGpuMonitor Monitor;
     TuningSession Session;
     int StopDescriptor = -1;

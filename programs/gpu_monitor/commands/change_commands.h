@@ -13,8 +13,8 @@ struct ChangeOptions {
     std::string SimulateOption;
 };
 
-/// Makes `change` on the wanted GPUs, one after the other; a failure does not keep the others from being changed. For
-/// each it prints what is in force afterwards and how to undo the change or, on standard error, why it was refused.
+/// Makes `change` on the requested GPUs, one after the other; a failure does not keep the others from being changed.
+/// For each it prints what is in force afterwards and how to undo the change or, on standard error, why it was refused.
 ///
 /// Result: the exit status. Throws `Failure`.
 int RunChange(const ChangeOptions& options, const gpu_feed::TuningChange& change);

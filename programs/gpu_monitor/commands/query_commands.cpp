@@ -26,7 +26,7 @@ struct Formats {
     std::string (*Text)(const std::vector<Answer>& gpus, size_t width);
 };
 
-/// Asks the wanted GPUs and prints their answers. `ask` fills in the answer of one GPU and returns an empty text or,
+/// Asks the requested GPUs and prints their answers. `ask` fills in the answer of one GPU and returns an empty text or,
 /// when the GPU does not answer, the end of the sentence that standard error gets. Result: the exit status.
 template <typename Answer, typename Ask>
 int RunQuery(const QueryOptions& options, const Formats<Answer>& formats, Ask ask) {

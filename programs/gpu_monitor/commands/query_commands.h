@@ -9,8 +9,8 @@ struct QueryOptions {
     bool bJson = false;
 };
 
-// Each asks the wanted GPUs once and prints their answers. Result: the exit status, which is `kExitFailure` when a GPU
-// did not answer. Throws `Failure`.
+// Each asks the requested GPUs once and prints their answers. Result: the exit status, which is `kExitFailure` when a
+// GPU did not answer. Throws `Failure`.
 
 /// The identity of the GPUs.
 int RunList(const QueryOptions& options);

@@ -5,12 +5,12 @@
 
 #include "commands/polled_feed.h"
 
-/// Takes all changes back that the program has made, unless that takes too long or the user asks again for an end. Says
-/// on standard error what becomes of each. Result: the exit status, which is a failure when something could not go
+/// Takes all changes back that the program has made, unless that takes too long or the user asks again for an end.
+/// Prints on standard error how each ended. Result: the exit status, which is a failure when something could not go
 /// back.
 int TakeChangesBack(PolledFeed* feed, const std::string& simulateOption);
 
-/// Says on standard error how each change that the program leaves behind can be undone.
+/// Prints on standard error how each change that the program leaves behind can be undone.
 void PrintKeptChanges(const gpu_feed::FeedData& data, const std::string& simulateOption);
 
 #endif  // GPU_MONITOR_TAKE_BACK_H

@@ -59,7 +59,7 @@ void TuningPanel::OnKey(int key) {
         case Stage::Asking:
             if (key == EscapeKey) Shown.Stage = Stage::Closed;
             break;
-        // A change that is being made has to come to its end.
+        // A change that is being made cannot be cancelled.
         case Stage::Applying:
         case Stage::TakingBack:
         case Stage::Closed: break;

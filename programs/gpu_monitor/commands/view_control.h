@@ -70,7 +70,7 @@ private:
     /// As the user wants it; the feed follows.
     bool bPaused = false;
     bool bHelp = false;
-    /// Whether the user is being asked what becomes of the changes.
+    /// Whether the user is being asked to take the changes back or keep them.
     bool bLeaving = false;
     std::optional<ViewEnd> Ending;
 };

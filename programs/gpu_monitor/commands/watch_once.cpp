@@ -18,7 +18,7 @@ using namespace gpu_feed;
 namespace {
 
 constexpr int kLookMs = 100;
-/// NVML may take as long to start.
+/// NVML may take this long to start.
 constexpr double kLongestStartSeconds = 20.0;
 
 /// Waits until each GPU, or the one of index `only`, has a reading or has given no data for too long. Result: these

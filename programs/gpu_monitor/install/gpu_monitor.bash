@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# Completion of gpu_monitor for bash. What it offers stands in the program's own help, which starts no driver. The
+# Completion of gpu_monitor for bash. It offers what the program's own help lists; the help starts no driver. The
 # program is the one on the command line, so that one in a build folder is completed too.
 
 # The commands that the help on standard input lists.

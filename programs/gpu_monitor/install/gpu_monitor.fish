@@ -1,4 +1,4 @@
-# Completion of gpu_monitor for fish. What it offers stands in the program's own help, which starts no driver. The
+# Completion of gpu_monitor for fish. It offers what the program's own help lists; the help starts no driver. The
 # program is the one on the command line, so that one in a build folder is completed too.
 
 # Prints the help of the program or, with the name of a command, of that command.

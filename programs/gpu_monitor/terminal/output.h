@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <string>
 
-/// What became of a text that was to be written.
+/// How writing a text ended.
 enum class WriteResult {
     Written,
     /// The reader of the pipe has gone, which is not a failure.

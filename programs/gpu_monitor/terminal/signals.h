@@ -5,7 +5,7 @@
 /// SIGHUP, kills the process even while the main thread hangs in a driver call, unless it comes right after the first.
 /// To be called once per process.
 ///
-/// Result: a descriptor that becomes, and stays, readable with the first signal. It lives as long as the process.
+/// Result: a descriptor that becomes, and stays, readable with the first signal. It stays open until the process ends.
 int CatchStopSignals();
 
 /// Afterwards stop signals do not kill: SIGINT, SIGQUIT and SIGTERM are noted for `HasFurtherStopCome`.

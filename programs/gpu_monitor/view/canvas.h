@@ -41,7 +41,7 @@ struct Area {
     int Height = 0;
 };
 
-/// Blank columns between what stands side by side.
+/// Blank columns between neighbours in a row.
 constexpr int kColumnGap = 2;
 
 /// A grid of characters that a view is drawn on; a terminal shows it, or it is printed as text.

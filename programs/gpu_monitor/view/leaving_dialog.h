@@ -9,7 +9,7 @@
 /// The changes that would outlast the program.
 std::vector<gpu_feed::TuningRecord> OutstandingChanges(const gpu_feed::FeedData& data);
 
-/// Draws the dialog that asks what becomes of these changes.
+/// Draws the dialog that asks whether to take these changes back or keep them.
 void DrawLeaving(Canvas* canvas, const gpu_feed::FeedData& data);
 
 #endif  // GPU_MONITOR_LEAVING_DIALOG_H

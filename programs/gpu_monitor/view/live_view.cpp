@@ -70,7 +70,7 @@ void DrawPage(Canvas* canvas, Area rest, const GpuOnPage& page, const FeedMoment
     const FeedData& data = *moment.Data;
     DrawSummary(canvas, TakeTop(&rest, SummaryHeight(rest.Width)), page);
     DrawProcesses(canvas, TakeBottom(&rest, canvas->Height() / kProcessShare + 1), page, choice.Order);
-    // Plots stand still while sampling is paused, so that the user can study them.
+    // Plots do not move while sampling is paused, so that the user can study them.
     const double until = data.State == FeedState::Paused ? data.PausedAt : moment.Now;
     const double interval = std::chrono::duration<double>(data.Interval).count();
     DrawPlots(canvas, rest, *page.Gpu, {choice.Plots, until, choice.Seconds, interval});

@@ -68,7 +68,7 @@ void ClockChoice::OnKey(int key) {
     if (key == LeftKey) MemoryPlace = Moved(MemoryPlace, 1, Groups.size());
     if (key == RightKey) MemoryPlace = Moved(MemoryPlace, -1, Groups.size());
     const std::vector<int>& clocks = GraphicsClocks();
-    // The highest graphics clock stands at the top of its list.
+    // The highest graphics clock is at the top of its list.
     const int listKey = key == HomeKey ? EndKey : key == EndKey ? HomeKey : key;
     GraphicsPlace = Moved(NearestPlace(clocks, graphics), StepOf(listKey), clocks.size());
 }

@@ -21,7 +21,7 @@ enum class TuningStage {
     /// The user is being asked whether to keep a change.
     Keeping,
     TakingBack,
-    /// The user reads what became of a change.
+    /// The user reads how a change ended.
     Message,
     Closed,
 };
