@@ -122,6 +122,7 @@ TEST_F(SimulatorTest, BoardsAndRightsDecideWhatCanBeDone) {
     EXPECT_THAT(results, Each(kNotSupported));
     EXPECT_EQ(Value(nvmlDeviceGetTemperatureThreshold, Handle(0), kThresholdSlowdown), 97);
     EXPECT_EQ(Value(nvmlDeviceGetMaxClockInfo, Handle(0), kClockMemory), 11201);
+    EXPECT_EQ(Value(nvmlDeviceGetMaxPcieLinkGeneration, Handle(2)), 5);
     Sim.SetAdministratorRights(false);
     EXPECT_EQ(nvmlDeviceSetPowerManagementLimit(Handle(0), 200000), kNoPermission);
     EXPECT_EQ(nvmlDeviceResetGpuLockedClocks(Handle(0)), kNoPermission);
