@@ -3,10 +3,10 @@
 
 #include <dlfcn.h>
 #include <gpu_feed/monitor_feed.h>
+#include <semaphore.h>
+#include <unistd.h>
 
-#include <condition_variable>
 #include <cstdio>
-#include <mutex>
 
 #if __has_include(<gpu_profiler.h>)
 #include <gpu_profiler.h>
@@ -19,22 +19,16 @@ int main(int argc, char** argv) {
 #if __has_include(<gpu_profiler.h>)
     GPUProfiler::Get()->FrameTimeMs = frameTimeMs = 16.5;
 #endif
-    std::mutex mutex;
-    std::condition_variable changed;
-    bool bChanged = false;
+    // A sample that never comes ends the program.
+    alarm(60);
+    sem_t changes;
+    sem_init(&changes, 0, 0);
     gpu_feed::FeedOptions options;
-    options.OnChange = [&] {
-        const std::lock_guard<std::mutex> lock(mutex);
-        bChanged = true;
-        changed.notify_all();
-    };
+    options.OnChange = [&changes] { sem_post(&changes); };
     gpu_feed::MonitorFeed feed(options);
     GpuTelemetrySample latest;
     while (latest.TimestampSeconds == 0.0) {
-        std::unique_lock<std::mutex> lock(mutex);
-        if (!changed.wait_for(lock, std::chrono::seconds(60), [&] { return bChanged; })) return 1;
-        bChanged = false;
-        lock.unlock();
+        sem_wait(&changes);
         const auto data = feed.Latest();
         if (!data->Gpus.empty()) latest = data->Gpus[0]->Latest;
     }
