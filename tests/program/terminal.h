@@ -78,8 +78,8 @@ public:
     }
 
     /// False when `condition` has not become true in time.
-    bool WaitFor(const std::function<bool()>& condition) {
-        const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    bool WaitFor(const std::function<bool()>& condition, std::chrono::seconds timeout = std::chrono::seconds(30)) {
+        const auto giveUp = std::chrono::steady_clock::now() + timeout;
         while (!condition()) {
             // Asked before the last look, so that nothing it wrote is missed.
             const bool bEnded = HasEnded();
@@ -93,7 +93,7 @@ public:
     }
     /// The program's status, or 128 and the signal that ended it; -1 when it does not end in time.
     int WaitForExit() {
-        WaitFor([] { return false; });
+        WaitFor([] { return false; }, std::chrono::seconds(10));
         return Status;
     }
 

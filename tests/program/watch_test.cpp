@@ -29,8 +29,9 @@ public:
     void Press(const std::string& keys, const std::vector<std::string>& texts) {
         Type(keys);
         // After a failure, further ones would only take their time.
-        for (const std::string& text : texts)
+        for (const std::string& text : texts) {
             EXPECT_TRUE(Test::HasFailure() || Shows(text)) << text << '\n' << Screen();
+        }
     }
 
     void ExpectEnd(int status, const std::string& lastWords = "") {
