@@ -139,7 +139,8 @@ TEST_F(WatchTest, KeptChangeOutlastsTheProgram) {
     EXPECT_TRUE(IsLimit("250000"));
     view.Press("y", {"Changed here: power limit 250 W"});
     view.Press("\x1bq", {"GPU 0 (NVIDIA GeForce RTX 4080): power limit 250 W"});
-    view.Press("\x1b", {"Power W"});
+    view.Type("\x1b");
+    EXPECT_TRUE(view.Shows("Esc stay", false)) << view.Screen();
     view.Press("q", {"r take them back   k keep them   Esc stay"});
     view.Type("k");
     view.ExpectEnd(0, "kept: power limit 250 W\nTo undo it: gpu_monitor reset-power --gpu 0");
