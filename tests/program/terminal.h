@@ -16,7 +16,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
-#include <map>
 #include <memory>
 #include <string>
 
@@ -26,14 +25,10 @@
 /// condition is true, or cannot become true any more because the program has ended.
 class Terminal {
 public:
-    /// Variables in addition to those of this process; an empty one is removed.
-    using Environment = std::map<std::string, std::string>;
-
-    /// Starts a command line of the shell. TERM is xterm-256color and the locale C.UTF-8 unless `environment` says
-    /// otherwise.
-    Terminal(const std::string& command, int rows, int columns, Environment environment = {})
-        : Emulator(vterm_new(rows, columns), &vterm_free), Cells(vterm_obtain_screen(Emulator.get())) {
-        environment.insert({{"TERM", "xterm-256color"}, {"LC_ALL", "C.UTF-8"}, {"NO_COLOR", ""}});
+    /// Starts a command line of the shell, which may choose another TERM than xterm-256color and another locale than
+    /// C.UTF-8.
+    explicit Terminal(const std::string& command, int columns = 80)
+        : Emulator(vterm_new(24, columns), &vterm_free), Cells(vterm_obtain_screen(Emulator.get())) {
         vterm_set_utf8(Emulator.get(), 1);
         Callbacks.settermprop = [](VTermProp property, VTermValue* value, void* self) {
             static_cast<Terminal*>(self)->TakeProperty(property, value->number);
@@ -44,11 +39,11 @@ public:
         vterm_screen_reset(Cells, 1);
         if (openpty(&Master, &Slave, nullptr, nullptr, nullptr) != 0) std::abort();
         tcgetattr(Slave, &Found);
-        Resize(rows, columns);
+        Resize(24, columns);
         // The child must not write a second time what waits in the buffers.
         std::fflush(nullptr);
         Program = fork();
-        if (Program == 0) Start(command, environment);
+        if (Program == 0) Start("unset NO_COLOR; export TERM=xterm-256color LC_ALL=C.UTF-8; " + command);
     }
     /// Kills the program when it still runs.
     ~Terminal() {
@@ -97,8 +92,8 @@ public:
         return WaitFor([&] { return (Screen().find(text) != std::string::npos) == bShown; });
     }
     /// The program's status, or 128 and the signal that ended it; -1 when it does not end in time.
-    int WaitForExit(std::chrono::seconds timeout = std::chrono::seconds(30)) {
-        WaitFor([] { return false; }, timeout);
+    int WaitForExit() {
+        WaitFor([] { return false; }, std::chrono::seconds(10));
         return Status;
     }
 
@@ -121,25 +116,21 @@ public:
         }
         return false;
     }
-    /// Whether all is as the program found it: the modes of the line, main screen, visible cursor, no mouse.
+    /// Whether all is as the program found it: the modes of the line, main screen, visible cursor.
     bool IsRestored() const {
         termios now{};
         return tcgetattr(Slave, &now) == 0 && now.c_iflag == Found.c_iflag && now.c_oflag == Found.c_oflag &&
                now.c_cflag == Found.c_cflag && now.c_lflag == Found.c_lflag &&
                std::equal(std::begin(now.c_cc), std::end(now.c_cc), std::begin(Found.c_cc)) &&
-               Properties[VTERM_PROP_ALTSCREEN] == 0 && Properties[VTERM_PROP_CURSORVISIBLE] != 0 &&
-               Properties[VTERM_PROP_MOUSE] == VTERM_PROP_MOUSE_NONE;
+               Properties[VTERM_PROP_ALTSCREEN] == 0 && Properties[VTERM_PROP_CURSORVISIBLE] != 0;
     }
 
 private:
-    [[noreturn]] void Start(const std::string& command, const Environment& environment) const {
+    [[noreturn]] void Start(const std::string& command) const {
         close(Master);
         if (login_tty(Slave) != 0) _exit(127);
         // Ignored signals are inherited: SIGINT by what a shell runs in the background, SIGHUP from a login that ended.
         for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGPIPE}) std::signal(signal, SIG_DFL);
-        for (const auto& [name, value] : environment) {
-            value.empty() ? unsetenv(name.c_str()) : setenv(name.c_str(), value.c_str(), 1);
-        }
         execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
         _exit(127);
     }

@@ -176,7 +176,7 @@ TEST(TextTest, ReportOfALockSaysWhyOtherClocksRunAndAdviceWhatCanBeLocked) {
         " Undo releases the clocks and brings no earlier lock back: "
         "gpu_monitor reset-clocks --gpu 3 --simulate";
     const std::tuple<GpuReadings, int, std::string> cases[] = {
-        {FullGpu(), 1500, "5001 MHz memory"},
+        {FullGpu(), 1500, "Asked 1500 MHz graphics, 5001 MHz memory Running 1500 MHz graphics, 5001 MHz memory"},
         {FullGpu(), 1485, "5001 MHz memory" + note + "other clocks run; limited by: power cap, thermal."},
         {FullGpu(0), 1485, "5001 MHz memory" + note + "other clocks run; it does not tell what limits them."},
         {SilentGpu(), 1485, "Running -" + note + "the clocks cannot be read."}};
