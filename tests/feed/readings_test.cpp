@@ -24,23 +24,6 @@ using namespace testing;
 using namespace gpu_feed;
 using Id = ReadingId;
 
-TEST(ReadingsTest, EachReadingHasItsOwnFieldInTheUnitForPeople) {
-    constexpr uint64_t kMiB = 1U << 20U;
-    // Every field has a value of its own, and zero is a value.
-    const GpuTelemetrySample sample = {0.0,       1,    0,   2,   3,   4,   10 * kMiB, 11 * kMiB, 12 * kMiB,
-                                       13 * kMiB, 0.25, 0.5, 1.5, 2.5, 3.5, 20,        21,        22,
-                                       23,        24,   5,   6,   7,   4.5, 0.0,       0,         5.5};
-    std::vector<std::optional<double>> shown;
-    for (const Reading& reading : Readings()) {
-        EXPECT_EQ(&ReadingOf(reading.Id), &reading);
-        EXPECT_EQ(ReadingValue(reading.Id, {}), std::nullopt) << reading.Key;
-        shown.push_back(ShownValue(reading.Id, sample));
-    }
-    EXPECT_THAT(shown, ElementsAre(0, 2, 3, 4, 10, 11, 12, 13, 0.25, 0.5, 1.5, 2.5, 3.5, 1, 20, 21, 22, 23, 24, 5, 6, 7,
-                                   4.5, 0.0, 5.5));
-    EXPECT_EQ(ReadingOf(Id::VramUsed).WholeValue(sample), 10 * kMiB);
-}
-
 TEST(ReadingsTest, OnlyWhatTheDriverAnswersCountsAsRead) {
     GpuTelemetrySample sample;
     const std::pair<int, std::optional<double>> states[] = {{0, 0}, {15, 15}, {16, std::nullopt}, {32, std::nullopt}};

@@ -93,7 +93,7 @@ public:
     }
     /// The program's status, or 128 and the signal that ended it; -1 when it does not end in time.
     int WaitForExit() {
-        WaitFor([] { return false; }, std::chrono::seconds(10));
+        WaitFor([] { return false; });
         return Status;
     }
 
