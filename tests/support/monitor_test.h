@@ -6,8 +6,8 @@
 
 #include <algorithm>
 #include <chrono>
-#include <regex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "fixed_boards.h"
@@ -52,10 +52,19 @@ protected:
         const std::vector<std::string> log = Sim.Log();
         for (size_t i = from; i < log.size(); ++i) {
             const auto contains = [&](const std::string& word) { return log[i].find(word) != std::string::npos; };
-            if (std::any_of(words.begin(), words.end(), contains)) text += log[i] + " ";
+            if (std::any_of(words.begin(), words.end(), contains)) text += Brief(log[i]) + " ";
         }
-        text = std::regex_replace(text, std::regex("dlsym "), "?");
-        return std::regex_replace(text, std::regex("nvml(DeviceGet|SystemGet)?"), "");
+        return text;
+    }
+
+    static std::string Brief(std::string line) {
+        const std::pair<std::string, std::string> words[] = {
+            {"dlsym ", "?"}, {"nvmlDeviceGet", ""}, {"nvmlSystemGet", ""}, {"nvml", ""}};
+        for (const auto& [word, brief] : words) {
+            const size_t place = line.find(word);
+            if (place != std::string::npos) line.replace(place, word.size(), brief);
+        }
+        return line;
     }
 
     bool WaitForCalls(const std::string& name, uint64_t count) const {
