@@ -92,17 +92,6 @@ TEST_F(SampleTest, QueryThatIsMissingOrFailsLeavesOnlyItsOwnFieldsUnread) {
     }
 }
 
-TEST_F(SampleTest, FurtherQueriesFailEachForItself) {
-    Sim.FailFrom("nvmlDeviceGetPcieThroughput", simulated_nvml::kNotSupported, 2);
-    Sim.FailFrom("nvmlDeviceGetClockInfo", simulated_nvml::kNotSupported, 3);
-    Sim.FailFrom("nvmlDeviceGetEnforcedPowerLimit", simulated_nvml::kUnknown);
-    Sim.FailFrom("nvmlDeviceGetPowerManagementLimit", simulated_nvml::kUnknown);
-    GpuTelemetrySample expected = kSample;
-    expected.PcieTransmitMiBPerSecond = expected.PowerLimitWatts = -1.0;
-    expected.MemoryClockMHz = expected.VideoClockMHz = -1;
-    EXPECT_EQ(FieldsOf(Read()), FieldsOf(expected));
-}
-
 TEST_F(SampleTest, SucceedsWithPowerOrGraphicsClockAlsoWhenTheyAreZero) {
     simulated_nvml::Readings readings = fixed_boards::DistinctReadings();
     readings.PowerMilliwatts = readings.GraphicsMHz = 0;

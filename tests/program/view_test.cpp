@@ -191,9 +191,7 @@ TEST_F(ViewTest, GaugesAreFilledFromEndToEnd) {
 TEST_F(ViewTest, DangersAmongTheLimitsComeFirstAndAreRed) {
     const std::tuple<uint64_t, const char*, Style> cases[] = {{0x25, "thermal, power cap\n", Style::Alarm},
                                                               {0x82, "power brake, applicat\n", Style::Alarm},
-
                                                               {0x1, "nothing, idle\n", Style::Strong},
-
                                                               {1U << 20U, "0x100000\n", Style::Strong}};
     for (const auto& [reasons, text, look] : cases) {
         GpuTelemetrySample sample;
