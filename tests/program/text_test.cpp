@@ -8,6 +8,7 @@
 #include "gpu_feed/clock.h"
 #include "text/change_report.h"
 #include "text/change_text.h"
+#include "text/gpu_names.h"
 #include "text/json_format.h"
 #include "text/stream_format.h"
 #include "text/table_format.h"
@@ -67,6 +68,17 @@ TEST(TextTest, TableHasARowForEachReading) {
                                       "                                thermal             \n")));
     EXPECT_EQ(SampleText({FullGpu(), SilentGpu()}, 51),
               SampleText({FullGpu()}, 0) + '\n' + SampleText({SilentGpu()}, 0));
+}
+
+TEST(TextTest, NamesOfGpusShortenFromTheFront) {
+    const std::tuple<const char*, int, const char*> cases[] = {
+        {"NVIDIA GeForce RTX 3070 Laptop GPU", 34, "NVIDIA GeForce RTX 3070 Laptop GPU"},
+        {"NVIDIA GeForce RTX 3070 Laptop GPU", 33, "GeForce RTX 3070 Laptop"},
+        {"NVIDIA GeForce RTX 3070 Laptop GPU", 22, "RTX 3070 Laptop"},
+        {"NVIDIA GeForce RTX 3070 Laptop GPU", 3, "RTX 3070 Laptop"},
+        {"NVIDIA H100 PCIe", 12, "H100 PCIe"},
+        {"NVIDIA ", 3, "NVIDIA "}};
+    for (const auto& [name, columns, expected] : cases) EXPECT_EQ(ShortName(name, columns), expected);
 }
 
 TEST(TextTest, StreamHasColumnsWithUnitsAndAsManyLimitsAsFit) {
