@@ -26,11 +26,6 @@ constexpr double kStaleIntervals = 4.0;
 
 using SamplePointers = std::vector<const GpuTelemetrySample*>;
 
-std::optional<double> ValueOf(const Curve& curve, const GpuTelemetrySample& sample) {
-    const std::optional<double> value = curve.Value(sample);
-    return value && std::isfinite(*value) ? value : std::nullopt;
-}
-
 // ---- Scales ----
 
 /// The smallest of 1, 2, 2.5, 5, 10, ... and their decimal multiples and fractions that is not below `least`.
@@ -96,17 +91,51 @@ int RowOf(double value, const Scale& scale) {
     return static_cast<int>(std::lround(std::fmin(std::fmax(share, 0.0), 1.0) * (scale.Height - 1)));
 }
 
+// ---- Curves ----
+
+/// What a curve shows.
+struct CurveFacts {
+    const Curve* Of = nullptr;
+    /// Of each sample that is shown; NaN where it was not read.
+    std::vector<double> Values;
+    /// Over the time shown.
+    double Lowest = HUGE_VAL;
+    double Highest = 0.0;
+    double Sum = 0.0;
+    int Count = 0;
+    /// In the newest sample, unless a gap has followed it.
+    std::optional<double> Latest;
+};
+
+CurveFacts FactsOf(const Curve& curve, const ShownHistory& shown) {
+    CurveFacts facts;
+    facts.Of = &curve;
+    facts.Values.reserve(shown.Samples.size());
+    const double fresh = shown.Span.To - kStaleIntervals * shown.Interval;
+    for (const GpuTelemetrySample* sample : shown.Samples) {
+        const double time = sample->TimestampSeconds;
+        const double value = facts.Values.emplace_back(curve.Value(*sample).value_or(NAN));
+        if (time < shown.Span.From || time > shown.Span.To) continue;
+        const bool bRead = std::isfinite(value);
+        facts.Latest = bRead && time >= fresh ? std::optional(value) : std::nullopt;
+        if (!bRead) continue;
+        facts.Lowest = std::min(facts.Lowest, value);
+        facts.Highest = std::max(facts.Highest, value);
+        facts.Sum += value;
+        ++facts.Count;
+    }
+    return facts;
+}
+
 /// What the axis has to reach.
-double HighestOf(const Plot& plot, const SamplePointers& samples) {
+double HighestOf(const Plot& plot, const std::vector<CurveFacts>& curves, const SamplePointers& samples) {
     double highest = plot.Highest;
-    for (const GpuTelemetrySample* sample : samples) {
-        for (const Curve& curve : plot.Curves) highest = std::max(highest, ValueOf(curve, *sample).value_or(0.0));
-        if (plot.Ceiling != nullptr) highest = std::max(highest, plot.Ceiling(*sample).value_or(0.0));
+    for (const CurveFacts& facts : curves) highest = std::max(highest, facts.Highest);
+    for (auto sample = samples.rbegin(); plot.Ceiling != nullptr && sample != samples.rend(); ++sample) {
+        if (const std::optional<double> value = plot.Ceiling(**sample)) return std::max(highest, *value);
     }
     return highest;
 }
-
-// ---- Curves ----
 
 double TimeBefore(const SamplePointers& samples, size_t i) {
     return samples[i]->TimestampSeconds - samples[i - 1]->TimestampSeconds;
@@ -119,16 +148,17 @@ bool IsBehindGap(const SamplePointers& samples, size_t i, double interval) {
     return TimeBefore(samples, i) > kGapFactor * std::max(earlier, later);
 }
 
-Trace TraceOf(const Curve& curve, const ShownHistory& shown, const Scale& scale) {
+Trace TraceOf(const CurveFacts& facts, const ShownHistory& shown, const Scale& scale) {
     const SamplePointers& samples = shown.Samples;
     Trace trace(scale.Width);
     std::optional<Dot> previous;
     for (size_t i = 0; i < samples.size(); ++i) {
-        const std::optional<double> value = ValueOf(curve, *samples[i]);
         std::optional<Dot> dot;
-        if (value) dot = Dot{ColumnOf(samples[i]->TimestampSeconds, scale), RowOf(*value, scale)};
-        if (dot) trace.Touch(*dot);
-        if (dot && previous && !IsBehindGap(samples, i, shown.Interval)) trace.Connect(*previous, *dot);
+        if (std::isfinite(facts.Values[i])) {
+            dot = Dot{ColumnOf(samples[i]->TimestampSeconds, scale), RowOf(facts.Values[i], scale)};
+            trace.Touch(*dot);
+            if (previous && !IsBehindGap(samples, i, shown.Interval)) trace.Connect(*previous, *dot);
+        }
         previous = dot;
     }
     return trace;
@@ -153,34 +183,6 @@ std::string DurationText(double duration) {
     return text;
 }
 
-/// What a curve's values were over the time shown, and what the newest one is.
-struct CurveFacts {
-    const Curve* Of = nullptr;
-    double Lowest = HUGE_VAL;
-    double Highest = 0.0;
-    double Sum = 0.0;
-    int Count = 0;
-    std::optional<double> Latest;
-};
-
-/// The latest value is empty when a gap has followed it.
-CurveFacts FactsOf(const Curve& curve, const ShownHistory& shown) {
-    CurveFacts facts;
-    facts.Of = &curve;
-    const double fresh = shown.Span.To - kStaleIntervals * shown.Interval;
-    for (const GpuTelemetrySample* sample : shown.Samples) {
-        if (sample->TimestampSeconds < shown.Span.From || sample->TimestampSeconds > shown.Span.To) continue;
-        const std::optional<double> value = ValueOf(curve, *sample);
-        facts.Latest = sample->TimestampSeconds >= fresh ? value : std::nullopt;
-        if (!value) continue;
-        facts.Lowest = std::min(facts.Lowest, *value);
-        facts.Highest = std::max(facts.Highest, *value);
-        facts.Sum += *value;
-        ++facts.Count;
-    }
-    return facts;
-}
-
 int WidthOf(const std::vector<StyledText>& texts) {
     int width = 0;
     for (const StyledText& each : texts) width += ColumnsOf(each.Text);
@@ -193,6 +195,7 @@ enum class Legend { Values, Names, Lines };
 std::vector<StyledText> LatestTexts(const std::vector<CurveFacts>& curves, int decimals, Legend legend) {
     std::vector<StyledText> texts;
     for (const CurveFacts& facts : curves) {
+        if (facts.Of->Name == nullptr) continue;
         const std::string name = facts.Of->Name;
         const bool bNamed = !name.empty() && legend != Legend::Values;
         if (!texts.empty()) texts.push_back({bNamed ? "  " : " / ", Style::Normal});
@@ -209,6 +212,7 @@ std::string FactText(const char* word, const std::vector<CurveFacts>& curves, in
                      double (*numberOf)(const CurveFacts& facts)) {
     std::string text;
     for (const CurveFacts& facts : curves) {
+        if (facts.Of->Name == nullptr) continue;
         if (facts.Count == 0) return {};
         text += (text.empty() ? std::string(word) + ' ' : " / ") + Number(numberOf(facts), decimals);
     }
@@ -232,11 +236,8 @@ std::vector<StyledText> FactTexts(const Plot& plot, const std::vector<CurveFacts
             fact("min", [](const CurveFacts& facts) { return facts.Lowest; })};
 }
 
-void DrawHeading(Canvas* canvas, const Area& area, const Plot& plot, const ShownHistory& shown) {
-    std::vector<CurveFacts> curves;
-    for (const Curve& curve : plot.Curves) {
-        if (curve.Name != nullptr) curves.push_back(FactsOf(curve, shown));
-    }
+void DrawHeading(Canvas* canvas, const Area& area, const Plot& plot, const std::vector<CurveFacts>& curves,
+                 const EnergyCount& energy) {
     const int end = area.X + area.Width;
     int x = canvas->Put(area.X, area.Y, plot.Title, Style::Title, area.Width);
     x = canvas->Put(x + 1, area.Y, UnitText(plot.Unit, canvas->IsUnicode()), Style::Dim, end - x - 1);
@@ -248,7 +249,7 @@ void DrawHeading(Canvas* canvas, const Area& area, const Plot& plot, const Shown
     const int latestStart = end - WidthOf(latest);
     if (x >= latestStart) return;
     x += kColumnGap;
-    PutParts(canvas, {x, area.Y, latestStart - kColumnGap - x, 1}, FactTexts(plot, curves, shown.Energy));
+    PutParts(canvas, {x, area.Y, latestStart - kColumnGap - x, 1}, FactTexts(plot, curves, energy));
     x = latestStart;
     for (const auto& [text, look] : latest) x = canvas->Put(x, area.Y, text, look);
 }
@@ -343,14 +344,16 @@ ShownHistory::ShownHistory(const SampleHistory& history, const TimeSpan& span, d
 
 void DrawPlot(Canvas* canvas, const Area& area, const Plot& plot, const ShownHistory& shown) {
     if (area.Width <= 0 || area.Height <= 0) return;
-    DrawHeading(canvas, area, plot, shown);
+    std::vector<CurveFacts> curves;
+    for (const Curve& curve : plot.Curves) curves.push_back(FactsOf(curve, shown));
+    DrawHeading(canvas, area, plot, curves, shown.Energy);
     const Area place = PlaceOfField(area);
     if (place.Height <= 0 || !(shown.Span.To > shown.Span.From)) return;
     Field field(place, canvas->HasBraille());
-    const ValueAxis axis = AxisFor(HighestOf(plot, shown.Samples), place.Height);
+    const ValueAxis axis = AxisFor(HighestOf(plot, curves, shown.Samples), place.Height);
     if (place.X > area.X) DrawValueAxis(canvas, place, axis);
     const Scale scale = ScaleOf(axis.Highest, field, shown.Span);
-    for (const Curve& curve : plot.Curves) field.Draw(TraceOf(curve, shown, scale), curve.Look, curve.bDashed);
+    for (const CurveFacts& facts : curves) field.Draw(TraceOf(facts, shown, scale), facts.Of->Look, facts.Of->bDashed);
     field.Show(canvas);
     if (place.Y + place.Height < area.Y + area.Height) DrawTimeAxis(canvas, area, place, shown.Span);
 }
