@@ -88,6 +88,8 @@ TEST(Plot, ShowsCurvesLatestValueAndAxes) {
     EXPECT_THAT(Drawn(rise, 5, {60.0, 120.0}, {0, 0, 36, 6}).Text(), HasSubstr("   -60 s          -30 s          now"));
     EXPECT_THAT(Drawn(rise, 5, {-5280.0, 120.0}, {0, 0, 66, 6}).Text(),
                 HasSubstr("\n-1 h 30 min            -1 h               -30 min              now\n"));
+    EXPECT_THAT(Drawn(rise, 5, {120.0 - 2e6, 120.0}, {0, 0, 66, 6}).Text(),
+                HasSubstr(" -20 d                     -10 d "));
 }
 
 TEST(Plot, HeadingSaysWhatFitsWhole) {

@@ -31,10 +31,10 @@ int WidthOf(const std::vector<StyledText>& limits) {
     return width;
 }
 
-/// The first words of `text` that fit into `columns`.
+/// The first words of `text` that fit into `columns`, without a comma at the end.
 std::string FirstWords(const std::string& text, int columns) {
     const size_t space = text.rfind(' ', static_cast<size_t>(columns));
-    return space == std::string::npos ? "" : text.substr(0, space);
+    return space == std::string::npos ? "" : text.substr(0, text.find_last_not_of(", ", space) + 1);
 }
 
 }  // namespace
