@@ -72,8 +72,8 @@ struct Scale {
     double End;
 };
 
-Scale ScaleOf(double highest, const Field& field, const TimeSpan& span) {
-    Scale scale{highest, 0.0, field.DotColumns(), field.DotRows(), 0.0};
+Scale ScaleOf(double highest, int width, int height, const TimeSpan& span) {
+    Scale scale{highest, 0.0, width, height, 0.0};
     // Whole microseconds: the difference of two large times is not exact, which would move dots between two frames.
     const double microseconds = std::round((span.To - span.From) * 1e6);
     scale.DotSeconds = std::max(microseconds, 1.0) / 1e6 / scale.Width;
@@ -352,7 +352,7 @@ void DrawPlot(Canvas* canvas, const Area& area, const Plot& plot, const ShownHis
     Field field(place, canvas->HasBraille());
     const ValueAxis axis = AxisFor(HighestOf(plot, curves, shown.Samples), place.Height);
     if (place.X > area.X) DrawValueAxis(canvas, place, axis);
-    const Scale scale = ScaleOf(axis.Highest, field, shown.Span);
+    const Scale scale = ScaleOf(axis.Highest, field.DotColumns(), field.DotRows(), shown.Span);
     for (const CurveFacts& facts : curves) field.Draw(TraceOf(facts, shown, scale), facts.Of->Look, facts.Of->bDashed);
     field.Show(canvas);
     if (place.Y + place.Height < area.Y + area.Height) DrawTimeAxis(canvas, area, place, shown.Span);
