@@ -52,7 +52,7 @@ public:
     // NOLINTEND(readability-identifier-naming)
 
 private:
-    static constexpr size_t kBlockSamples = 256;
+    static constexpr size_t kBlockSamples = 128;
 
     /// Filled from its beginning. What one history has written here is never written again, because copies of that
     /// history may read it on other threads.
