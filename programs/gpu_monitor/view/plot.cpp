@@ -332,7 +332,7 @@ void DrawPlot(Canvas* canvas, const Area& area, const Plot& plot, const gpu_feed
 
     const Area place = PlaceOfField(area, MarginOf(plot));
     if (place.Height <= 0 || !(span.To > span.From)) return;
-    Field field(place, canvas->IsUnicode());
+    Field field(place, canvas->HasBraille());
     const Scale scale = ScaleOf(plot, field, span);
     if (place.X > area.X) DrawValueAxis(canvas, place, ValueLabels(plot, scale, place.Height));
     for (const Curve& curve : plot.Curves) field.Draw(TraceOf(curve, shown, scale, interval), curve.Look);
