@@ -186,8 +186,8 @@ TEST(SampleHistoryTest, DropsTheOldestAndSharesItsSamplesWithCopiesThatDoNotChan
     for (size_t end = 0; end < 6700; end += 67) {
         const SampleHistory& copy = copies[end / 67];
         ASSERT_EQ(copy.size(), std::min<size_t>(end, 6000));
-        auto expected = static_cast<double>(end - copy.size());
-        for (size_t i = 0; i < copy.size(); ++i, ++expected) {
+        for (size_t i = 0; i < copy.size(); ++i) {
+            const auto expected = static_cast<double>(end - copy.size() + i);
             ASSERT_EQ(copy[i].TimestampSeconds, expected) << end;
             ASSERT_EQ(copy.EnergyAt(i).Seconds, 0.5 * expected) << end;
         }
