@@ -130,7 +130,14 @@ void AddQuery(CLI::App* app, CommandLine* commandLine, const char* name, const c
     AddJsonFlag(query, &commandLine->Query.bJson);
 }
 
+/// The parser could check this too, but its help would then be hard to read.
+void RefuseBoth(bool bFirst, bool bSecond, const std::string& options) {
+    if (bFirst && bSecond)
+        throw Failure(options + " exclude each other. Run gpu_monitor --help for usage.", kExitUsage);
+}
+
 int RunWatchCommand(CommandLine* commandLine) {
+    RefuseBoth(commandLine->bOnce, !commandLine->Watch.LogPath.empty(), "--once and --log");
     commandLine->Watch.Interval = std::chrono::milliseconds(commandLine->IntervalMs);
     commandLine->Watch.SimulateOption = commandLine->Change.SimulateOption;
     return commandLine->bOnce ? PrintView(commandLine->Watch) : RunWatch(commandLine->Watch);
@@ -138,6 +145,7 @@ int RunWatchCommand(CommandLine* commandLine) {
 
 int RunStreamCommand(CommandLine* commandLine) {
     commandLine->Stream.Interval = std::chrono::milliseconds(commandLine->IntervalMs);
+    RefuseBoth(commandLine->bStreamJson, commandLine->bStreamCsv, "--json and --csv");
     if (commandLine->bStreamJson) commandLine->Stream.Format = StreamFormat::Json;
     if (commandLine->bStreamCsv) commandLine->Stream.Format = StreamFormat::Csv;
     RunStream(commandLine->Stream);
@@ -162,11 +170,10 @@ void AddWatch(CLI::App* app, CommandLine* commandLine) {
                                  [commandLine] { return RunWatchCommand(commandLine); });
     AddGpuOption(watch, &commandLine->Watch.Gpu, "Begin with this GPU; with --once, only it");
     AddIntervalOption(watch, commandLine);
-    CLI::Option* once = watch->add_flag("--once", commandLine->bOnce, "Print the view as text, once, and end");
+    watch->add_flag("--once", commandLine->bOnce, "Print the view as text, once, and end");
     watch->add_option("--log", commandLine->Watch.LogPath, "Append every reading to this CSV file")
         ->type_name("FILE")
-        ->check([](const std::string& path) { return path.empty() ? "the name of the file is empty" : ""; })
-        ->excludes(once);
+        ->check([](const std::string& path) { return path.empty() ? "the name of the file is empty" : ""; });
 }
 
 void AddStream(CLI::App* app, CommandLine* commandLine) {
@@ -178,8 +185,8 @@ void AddStream(CLI::App* app, CommandLine* commandLine) {
         ->type_name("N")
         ->check(WholeNumberError)
         ->check(InRange(1, kMaxCount));
-    CLI::Option* json = stream->add_flag("--json", commandLine->bStreamJson, "Print JSON Lines: one object per line");
-    stream->add_flag("--csv", commandLine->bStreamCsv, "Print comma-separated values with a heading")->excludes(json);
+    stream->add_flag("--json", commandLine->bStreamJson, "Print JSON Lines: one object per line");
+    stream->add_flag("--csv", commandLine->bStreamCsv, "Print comma-separated values with a heading");
 }
 
 /// Adds a command that changes GPUs.
