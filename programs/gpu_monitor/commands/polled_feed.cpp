@@ -68,8 +68,9 @@ FeedMoment PolledFeed::WaitUntil(const std::string& selector,
         const FeedMoment moment = Feed.Moment();
         const Gpus wanted = Wanted(*moment.Data, selector);
         const auto isDone = [&](const auto& gpu) { return isKnown(moment, *gpu); };
-        if (moment.Data->State != FeedState::Starting && std::all_of(wanted.begin(), wanted.end(), isDone))
-            return moment;
+        // While the driver is at work, a reading may be on its way.
+        const bool bIdle = moment.Data->State != FeedState::Starting && moment.DriverSilence == 0.0;
+        if (bIdle && std::all_of(wanted.begin(), wanted.end(), isDone)) return moment;
         if (moment.DriverSilence >= kLongestDriverSilenceSeconds) throw DriverIsSilent();
         WaitForNews(kLookMs, -1);
         TakeNews();
