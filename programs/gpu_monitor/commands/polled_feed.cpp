@@ -65,7 +65,7 @@ PolledFeed::Gpus PolledFeed::Wanted(const FeedData& data, const std::string& sel
 FeedMoment PolledFeed::WaitUntil(const std::string& selector,
                                  const std::function<bool(const FeedMoment&, const FeedGpu&)>& isKnown) {
     for (;;) {
-        const FeedMoment moment = Feed.Moment();
+        FeedMoment moment = Feed.Moment();
         const Gpus wanted = Wanted(*moment.Data, selector);
         const auto isDone = [&](const auto& gpu) { return isKnown(moment, *gpu); };
         // While the driver is at work, a reading may be on its way.
