@@ -79,7 +79,7 @@ bool IsSimulating() {
 bool IsSimulatorLoaded() {
     void* library = dlopen(kNvmlLibrary, RTLD_LAZY | RTLD_NOLOAD);
     if (library == nullptr) return false;
-    const bool bSimulator = dlsym(library, "bSimulatedNvml") != nullptr;
+    const bool bSimulator = dlsym(library, "kSimulatedNvml") != nullptr;
     dlclose(library);
     return bSimulator;
 }
