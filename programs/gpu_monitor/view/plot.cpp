@@ -72,8 +72,8 @@ struct Scale {
     double End;
 };
 
-Scale ScaleOf(double highest, const Field& field, const TimeSpan& span) {
-    Scale scale{highest, 0.0, field.DotColumns(), field.DotRows(), 0.0};
+Scale ScaleOf(double highest, int width, int height, const TimeSpan& span) {
+    Scale scale{highest, 0.0, width, height, 0.0};
     // Whole microseconds: the difference of two large times is not exact, which would move dots between two frames.
     const double microseconds = std::round((span.To - span.From) * 1e6);
     scale.DotSeconds = std::max(microseconds, 1.0) / 1e6 / scale.Width;
@@ -125,6 +125,12 @@ CurveFacts FactsOf(const Curve& curve, const ShownHistory& shown) {
         ++facts.Count;
     }
     return facts;
+}
+
+std::vector<CurveFacts> FactsOf(const Plot& plot, const ShownHistory& shown) {
+    std::vector<CurveFacts> curves;
+    for (const Curve& curve : plot.Curves) curves.push_back(FactsOf(curve, shown));
+    return curves;
 }
 
 /// What the axis has to reach.
@@ -312,6 +318,12 @@ void DrawTimeAxis(Canvas* canvas, const Area& area, const Area& field, const Tim
     }
 }
 
+/// The glyphs of a cell that is filled from below, by eighths, halves or thirds.
+const wchar_t* FillingGlyphs(const Canvas& canvas) {
+    if (canvas.HasBraille()) return L"\u2581\u2582\u2583\u2584\u2585\u2586\u2587\u2588";
+    return canvas.IsUnicode() ? L"\u2584\u2588" : L".:|";
+}
+
 /// The part of `area` for curves, beside the heading and the axes. A small area has no axes.
 Area PlaceOfField(const Area& area) {
     const int left = area.Width >= kMargin + kLeastFieldWidth ? kMargin : 0;
@@ -344,16 +356,32 @@ ShownHistory::ShownHistory(const SampleHistory& history, const TimeSpan& span, d
 
 void DrawPlot(Canvas* canvas, const Area& area, const Plot& plot, const ShownHistory& shown) {
     if (area.Width <= 0 || area.Height <= 0) return;
-    std::vector<CurveFacts> curves;
-    for (const Curve& curve : plot.Curves) curves.push_back(FactsOf(curve, shown));
+    const std::vector<CurveFacts> curves = FactsOf(plot, shown);
     DrawHeading(canvas, area, plot, curves, shown.Energy);
     const Area place = PlaceOfField(area);
     if (place.Height <= 0 || !(shown.Span.To > shown.Span.From)) return;
     Field field(place, canvas->HasBraille());
     const ValueAxis axis = AxisFor(HighestOf(plot, curves, shown.Samples), place.Height);
     if (place.X > area.X) DrawValueAxis(canvas, place, axis);
-    const Scale scale = ScaleOf(axis.Highest, field, shown.Span);
+    const Scale scale = ScaleOf(axis.Highest, field.DotColumns(), field.DotRows(), shown.Span);
     for (const CurveFacts& facts : curves) field.Draw(TraceOf(facts, shown, scale), facts.Of->Look, facts.Of->bDashed);
     field.Show(canvas);
     if (place.Y + place.Height < area.Y + area.Height) DrawTimeAxis(canvas, area, place, shown.Span);
+}
+
+void DrawBars(Canvas* canvas, const Area& area, const Plot& plot, const ShownHistory& shown) {
+    if (area.Width <= 0 || area.Height <= 0 || !(shown.Span.To > shown.Span.From)) return;
+    const std::wstring glyphs = FillingGlyphs(*canvas);
+    const int parts = static_cast<int>(glyphs.size());
+    const std::vector<CurveFacts> curves = FactsOf(plot, shown);
+    const double highest = HighestOf(plot, curves, shown.Samples);
+    const Scale scale = ScaleOf(highest, area.Width, area.Height * parts, shown.Span);
+    const Trace trace = TraceOf(curves.front(), shown, scale);
+    for (int column = 0; column < scale.Width; ++column) {
+        const int height = scale.Height - std::min(trace.Columns()[static_cast<size_t>(column)].First, scale.Height);
+        for (int row = 0; row * parts < height; ++row) {
+            const wchar_t glyph = glyphs[static_cast<size_t>(std::min(height - row * parts, parts) - 1)];
+            canvas->PutGlyph(area.X + column, area.Y + area.Height - 1 - row, glyph, plot.Curves.front().Look);
+        }
+    }
 }
