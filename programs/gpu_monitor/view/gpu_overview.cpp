@@ -89,7 +89,8 @@ Table TableWithPlots(int width, int rows, const PlotView& view) {
     return table;
 }
 
-/// Where each column of `table` ends, from `x` on.
+/// Calls `draw` for each column that finds room, with the column of the canvas behind it. Result: where the words about
+/// limits begin.
 template <typename Draw>
 int ForEachColumn(const Table& table, const Area& area, const Draw& draw) {
     int x = area.X + table.NameWidth;

@@ -65,6 +65,7 @@ std::string CommandText(const ListedProcess& listed) {
     return OrDash(slash == std::string::npos ? line : line.substr(slash + 1));
 }
 
+/// Narrower lists leave room for the commands instead of the resident memory.
 constexpr int kWide = 70;
 
 bool IsAlways(int /*width*/, bool /*bManyGpus*/) {
