@@ -30,6 +30,9 @@ public:
     /// To be called often: takes what the feed has answered.
     void OnTime();
 
+    /// Shows a notice for a while.
+    void ShowNotice(const std::string& notice);
+
     void Draw(Canvas* canvas, const gpu_feed::FeedMoment& moment);
 
     /// Whether the dialog that changes a GPU is open: a change may be on its way.
@@ -74,7 +77,6 @@ private:
     void Scroll(int lines);
     void Zoom(int step);
     void SetInterval(std::chrono::milliseconds interval);
-    void ShowNotice(const std::string& notice);
 
     FeedRequests* const Feed;
     const std::string SimulateOption;
