@@ -9,7 +9,8 @@ namespace {
 
 /// The spaces that bring `text` to `width` characters.
 std::string Padding(const std::string& text, int width) {
-    return std::string(static_cast<size_t>(std::max(width - static_cast<int>(text.size()), 0)), ' ');
+    const int count = std::max(width - static_cast<int>(text.size()), 0);
+    return std::string().append(static_cast<size_t>(count), ' ');
 }
 
 }  // namespace
