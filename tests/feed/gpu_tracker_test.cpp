@@ -64,9 +64,10 @@ protected:
         return text.str();
     }
 
-    bool bMemoryLeft = true;
+    /// How many GPUs' processes can be described before memory runs out.
+    int DescriptionsLeft = 1000;
     GpuTracker Tracker{milliseconds(1000), [this](const std::vector<GpuProcessMemory>& processes) {
-                           if (!bMemoryLeft) throw std::bad_alloc();
+                           if (DescriptionsLeft-- == 0) throw std::bad_alloc();
                            return std::vector<FeedProcess>(processes.size());
                        }};
 };
@@ -97,9 +98,9 @@ TEST_F(GpuTrackerTest, LatestIsTheNewestSampleWithAReadingAndSilenceBeginsWithAL
     }
     Tracker.Begin({History("a", samples)}, 200.0);
     EXPECT_EQ(Times(), std::pair(104.0, 0.0));
-    bMemoryLeft = false;
+    DescriptionsLeft = 0;
     EXPECT_THROW(Tracker.Look({History("a", {Sample(201.0)})}, 202.0), std::bad_alloc);
-    bMemoryLeft = true;
+    DescriptionsLeft = 1;
     EXPECT_NE(Tracker.Look({History("a", {Sample(201.0)})}, 202.1), nullptr);
 }
 
@@ -142,6 +143,14 @@ TEST_F(GpuTrackerTest, HistoryAndEnergyGoOnByKeyAndANewStartOfNvmlEmptiesTheHist
     EXPECT_EQ(Tracker.Gpus()[0]->Latest.TimestampSeconds, 2.25);
     Tracker.Look({History("b", {Sample(8.0)}), History("a", {Sample(8.0)}, "", 1)}, 8.5);
     EXPECT_EQ(Known(), "b#0 J0: 8; a#1 J600: 7 8; ");
+    // A look that runs out of memory after it has added a sample loses nothing, and the next one adds nothing twice.
+    const std::vector<GpuTelemetryHistory> news = {History("b", {Sample(9.0)}), History("a", {Sample(9.0)}, "", 1)};
+    DescriptionsLeft = 1;
+    EXPECT_THROW(Tracker.Look(news, 9.5), std::bad_alloc);
+    EXPECT_EQ(Tracker.NewestMoment(), 8.0);
+    DescriptionsLeft = 2;
+    Tracker.Look(news, 9.6);
+    EXPECT_EQ(Known(), "b#0 J200: 8 9; a#1 J800: 7 8 9; ");
     EXPECT_EQ(before[0]->Samples.size(), 2);
 }
 
