@@ -4,7 +4,6 @@
 #include <dlfcn.h>
 
 #include <algorithm>
-#include <array>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -773,10 +772,9 @@ private:
         const bool bUp = Monitor->IsAvailable();
         const std::string status = Monitor->Status();
         const std::vector<GpuTelemetryHistory> histories = Monitor->Snapshot();
-        const bool bSampled = !histories.empty() && !histories[0].Samples.empty();
-        const double middle = bSampled ? histories[0].Samples[histories[0].Samples.size() / 2].TimestampSeconds : 0.0;
-        const double moment = std::array{middle, -1.0, std::nan("")}.at(activity % 3);
-        RequireNewer(moment, Monitor->SnapshotSince(moment), histories);
+        for (const double moment : {-1.0, 0.0, NowSeconds() - 3.0, std::nan("")}) {
+            RequireNewer(moment, Monitor->SnapshotSince(moment), histories);
+        }
         Require(Sim().Use().Activity == activity, "an observer used the driver");
         const LibraryUse use = Sim().Use();
         const unsigned int open = bUp ? 1 : 0;
