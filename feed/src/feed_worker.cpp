@@ -136,7 +136,9 @@ void FeedWorker::Look() {
         newest = Tracker.Look(std::move(histories), NowSeconds());
     });
     const double now = NowSeconds();
-    NextLook = newest == nullptr ? SamplerRhythm.AfterNothing(now) : SamplerRhythm.AfterNewSample(newest->Samples, now);
+    NextLook = newest == nullptr
+                   ? SamplerRhythm.AfterNothing(now)
+                   : SamplerRhythm.AfterNewSample(newest->Samples.back().TimestampSeconds, newest->PeriodSeconds, now);
     Publish();
     if (newest != nullptr) Shared.SignalChange();
 }
