@@ -420,7 +420,7 @@ TEST_F(ViewTest, ChangeThatIsNotMadeSaysWhy) {
         {{GpuClockOperationResult::Success}, " Done: clocks released.", false}};
     for (const auto& [result, text, bRightsAdvised] : cases) {
         OpenPanel();
-        Follow({"ry Changing ..."});
+        Follow({"ryE Changing ..."});
         Result.set_value(result);
         Follow({text});
         EXPECT_EQ(Drawn().Text().find("with sudo") != std::string::npos, bRightsAdvised) << Drawn().Text();

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "commands/gpu_discovery.h"
+#include "commands/undo.h"
 #include "gpu_feed/clock.h"
 #include "gpu_feed/tuning_session.h"
 #include "terminal/failure.h"
@@ -66,6 +67,7 @@ private:
         if (result.Result == OperationResult::Success) {
             // Printed before the next GPU is changed: only the report says how to undo this change.
             PrintReport(Paragraph(device, Report(device.Index, result, before), OutputWidth()));
+            ForgetLeftChanges(device, Requested.Control());
             return result.Result;
         }
         PrintFailure(device, result);

@@ -9,6 +9,7 @@
 
 #include "commands/gpu_discovery.h"
 #include "commands/simulate.h"
+#include "commands/undo.h"
 #include "terminal/failure.h"
 
 using namespace gpu_feed;
@@ -34,7 +35,7 @@ void SignalNews(int descriptor) {
 
 PolledFeed::PolledFeed(std::chrono::milliseconds interval)
     : NewsDescriptor(NewsChannel()),
-      Feed({interval, IsSimulating(), [descriptor = NewsDescriptor] { SignalNews(descriptor); }}) {}
+      Feed({interval, IsSimulating(), [descriptor = NewsDescriptor] { SignalNews(descriptor); }, JournalFolder()}) {}
 
 PolledFeed::~PolledFeed() {
     if (!Feed.Stop()) bDriverLeftBehind = true;

@@ -62,7 +62,7 @@ public:
         if (!Feed.WaitForNews(kQuickStartMs, StopDescriptor)) return kExitSuccess;
         PolledFeed::RequireUsable(*Feed->Latest(), Options.Gpu);
         if (ShowUntilEnd() == ViewEnd::TakeChangesBack) return TakeBack();
-        PrintKeptChanges(*Feed->Latest(), Options.SimulateOption);
+        LeaveChanges(&Feed, Options.SimulateOption);
         return kExitSuccess;
     }
 
