@@ -102,7 +102,7 @@ std::optional<NotedChange> Parsed(const std::string& text) {
 
 std::string FileName(const NotedChange& noted) {
     const bool bClocks = noted.Set.Control() == TuningControl::Clocks;
-    return std::to_string(noted.Pid) + '-' + std::to_string(noted.ProcessStart) + '-' + Harmless(noted.Device.Uuid) +
+    return std::to_string(noted.Pid) + '-' + std::to_string(noted.ProcessStart) + '-' + noted.Device.Uuid +
            (bClocks ? "-clocks" : "-power");
 }
 
@@ -141,7 +141,10 @@ bool IsRunning(const NotedChange& noted) {
 
 /// Of this program.
 NotedChange OwnNote(const TuningRecord& record, const TuningChange& change) {
-    return {BootId(), getpid(), StartOf("self").value_or(0), record.Device, record.Before, record.InForce, change};
+    NotedChange noted = {BootId(),       getpid(), StartOf("self").value_or(0), record.Device, record.Before,
+                         record.InForce, change};
+    noted.Device.Uuid = Harmless(record.Device.Uuid);
+    return noted;
 }
 
 // ---- Files ----

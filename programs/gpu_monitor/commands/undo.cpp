@@ -92,7 +92,7 @@ private:
         if (outcome.empty()) {
             const TuningResult result = TuningSession().Make(&Monitor, noted.Device.Uuid, *device, noted.Before);
             if (result.Result != OperationResult::Success) {
-                std::cerr << GpuInSentence(*device) << ": " << result.Error << ' ' << HalfLockText(result.Half) << '\n';
+                std::cerr << GpuInSentence(*device) << ": " << result.Error << '\n';
                 return result.Result;
             }
             outcome = "went back to: " + OutcomeText(noted.Before);
