@@ -133,6 +133,10 @@ std::optional<uint64_t> StartOf(const std::string& process) {
     return fields >> start ? std::optional(start) : std::nullopt;
 }
 
+bool IsSameSetting(const NotedChange& a, const NotedChange& b) {
+    return a.Device.Uuid == b.Device.Uuid && a.Set.Control() == b.Set.Control();
+}
+
 bool IsRunning(const NotedChange& noted) {
     if (kill(noted.Pid, 0) != 0 && errno == ESRCH) return false;
     // The system may hide the processes of other users.
@@ -214,8 +218,7 @@ std::string ChangeJournal::Note(const TuningRecord& record, const TuningChange& 
                "). If this program is killed, nothing will report the change.";
     }
     for (const NotedChange& other : ReadNotes()) {
-        const bool bSameSetting = other.Device.Uuid == noted.Device.Uuid && other.Set.Control() == change.Control();
-        if (!bSameSetting || other.Pid == noted.Pid || !IsRunning(other)) continue;
+        if (!IsSameSetting(other, noted) || other.Pid == noted.Pid || !IsRunning(other)) continue;
         return "Process " + std::to_string(other.Pid) + " has changed this setting too and will take its change back.";
     }
     return {};
@@ -234,9 +237,15 @@ std::string ChangeJournal::Remove(const NotedChange& noted) const {
 }
 
 std::vector<NotedChange> ChangeJournal::LeftChanges() const {
-    std::vector<NotedChange> notes = ReadNotes();
-    notes.erase(std::remove_if(notes.begin(), notes.end(), IsRunning), notes.end());
-    return notes;
+    const std::vector<NotedChange> notes = ReadNotes();
+    std::vector<NotedChange> left;
+    for (const NotedChange& noted : notes) {
+        const auto holdsIt = [&noted](const NotedChange& each) {
+            return IsSameSetting(each, noted) && IsRunning(each);
+        };
+        if (std::none_of(notes.begin(), notes.end(), holdsIt)) left.push_back(noted);
+    }
+    return left;
 }
 
 /// All of this boot, the latest first.

@@ -298,8 +298,6 @@ TEST_F(FeedTest, OutOfMemoryAChangeGoesBackLater) {
     failing_memory::bChecking = true;
     failing_memory::bAllocationFailed = true;
     for (uint64_t nth = 1; failing_memory::bAllocationFailed; ++nth) {
-        EXPECT_EQ(Tune(kLimit, 0.0), "");
-        EXPECT_TRUE(WaitFor([this] { return !Record(TuningControl::Power).IsOutstanding(); }));
         EXPECT_EQ(Tune(kLimit), "");
         failing_memory::bAllocationFailed = false;
         failing_memory::AllocationsUntilFailure = nth;

@@ -47,8 +47,9 @@ public:
     std::string Remove(const TuningRecord& record) const;
     std::string Remove(const NotedChange& noted) const;
 
-    /// What programs have left changed that do not run any more, the latest first. Believes only files that belong to
-    /// root or the caller and that nobody else can write. Removes what was noted before the system was started.
+    /// What programs have left changed that do not run any more, the latest first, but no setting that a running
+    /// program has changed too and will take back. Believes only files that belong to root or the caller and that
+    /// nobody else can write. Removes what was noted before the system was started.
     std::vector<NotedChange> LeftChanges() const;
 
 private:
