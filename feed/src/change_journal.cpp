@@ -195,7 +195,7 @@ std::optional<NoteFile> ReadFile(const fs::path& path) {
     close(descriptor);
     if (bytes < 0) return std::nullopt;
     text.resize(static_cast<size_t>(bytes));
-    const double nanoseconds = static_cast<double>(status.st_mtim.tv_nsec);
+    const auto nanoseconds = static_cast<double>(status.st_mtim.tv_nsec);
     return NoteFile{text, static_cast<double>(status.st_mtim.tv_sec) + nanoseconds / 1e9};
 }
 
@@ -229,8 +229,10 @@ std::string ChangeJournal::Remove(const TuningRecord& record) const {
 }
 
 std::string ChangeJournal::Remove(const NotedChange& noted) const {
+    const fs::path file = Folder / FileName(noted);
     std::error_code error;
-    fs::remove(Folder / FileName(noted), error);
+    if (!fs::exists(file, error)) return {};
+    fs::remove(file, error);
     if (!error) return {};
     return "The note of a change that is over cannot be removed from " + Folder.string() + " (" + error.message() +
            "). It will be reported as left.";
@@ -267,6 +269,7 @@ std::vector<NotedChange> ChangeJournal::ReadNotes() const {
     }
     std::stable_sort(found.begin(), found.end(), [](const auto& a, const auto& b) { return a.first > b.first; });
     std::vector<NotedChange> notes;
+    notes.reserve(found.size());
     for (auto& [time, noted] : found) notes.push_back(std::move(noted));
     return notes;
 }

@@ -134,11 +134,11 @@ Dialog KeepDialog(const FeedMoment& moment, const TuningDialog& dialog) {
     const std::string now = control == TuningControl::Clocks ? RunningText(dialog.Clocks)
                                                              : "In force " + WattsText(dialog.Power.CurrentWatts);
     DialogLines lines = {{"The driver took it: " + OutcomeText(dialog.Change) + '.'},
-                         {dialog.bReadBack ? now : "Reading it back ...", Style::Strong}};
+                         {dialog.bReadBack ? now : "Reading it back ...", Style::Strong},
+                         {""},
+                         {"Keep it? It goes back in " + Number(left, 0) + " s.", Style::Warning},
+                         {"What is kept is asked about when you leave with q; Ctrl-C takes it back."}};
     if (record != nullptr && !record->Warning.empty()) lines.push_back({record->Warning, Style::Warning});
-    lines.push_back({""});
-    lines.push_back({"Keep it? It goes back in " + Number(left, 0) + " s.", Style::Warning});
-    lines.push_back({"What is kept is asked about when you leave with q; Ctrl-C takes it back."});
     return {"", lines, "y keep   n or Esc go back"};
 }
 
