@@ -76,6 +76,14 @@ bool IsSimulating() {
     return bSimulating;
 }
 
+bool IsSimulatorLoaded() {
+    void* library = dlopen("libnvidia-ml.so.1", RTLD_LAZY | RTLD_NOLOAD);
+    if (library == nullptr) return false;
+    const bool bSimulator = dlsym(library, "bSimulatedNvml") != nullptr;
+    dlclose(library);
+    return bSimulator;
+}
+
 std::string SimulationNotice(bool bChanges) {
     std::string notice = "Simulated GPUs: readings do not come from hardware.";
     if (bChanges && std::getenv("NVML_SIM_STATE") == nullptr) {

@@ -16,6 +16,9 @@ void UseSimulatedNvml(const std::string& boards);
 /// Whether `UseSimulatedNvml` has been called.
 bool IsSimulating();
 
+/// Whether the NVML that this process has loaded is the simulated one, in whichever way it was found.
+bool IsSimulatorLoaded();
+
 /// A line that says that GPUs are simulated and, with `bChanges`, how long changes last.
 std::string SimulationNotice(bool bChanges);
 

@@ -6,7 +6,9 @@
 #include <utility>
 #include <vector>
 
+#include "commands/change_commands.h"
 #include "commands/gpu_discovery.h"
+#include "commands/silent_driver.h"
 #include "commands/simulate.h"
 #include "gpu_feed/change_journal.h"
 #include "gpu_feed/tuning_session.h"
@@ -57,57 +59,56 @@ std::string WhyNot(const NotedChange& noted, const GpuPowerCapabilities& power) 
     return "was changed again since, and is left as it is: power limit " + WattsText(power.CurrentWatts);
 }
 
+/// How taking a noted change back ended.
+struct Undone {
+    TuningResult Answer;
+    /// What is in force, for the user; empty after a failure.
+    std::string Outcome;
+};
+
+Undone TakeBack(NvmlGpuMonitor* monitor, const GpuDeviceInfo& device, const NotedChange& noted) {
+    GpuPowerCapabilities power;
+    monitor->GetPowerCapabilities(device.Index, &power);
+    const std::string whyNot = WhyNot(noted, power);
+    if (!whyNot.empty()) return {{OperationResult::Success}, whyNot};
+    const TuningResult answer = TuningSession().Make(monitor, device.Uuid, device, noted.Before);
+    const bool bSuccess = answer.Result == OperationResult::Success;
+    return {answer, bSuccess ? "went back to: " + OutcomeText(noted.Before) : ""};
+}
+
 class UndoCommand {
 public:
     /// Result: the exit status. Throws `Failure`.
     int Run(const std::vector<LeftChange>& left) {
-        Devices = DiscoverGpus(std::nullopt, &Monitor);
-        std::vector<OperationResult> results;
-        results.reserve(left.size());
-        for (const LeftChange& change : left) results.push_back(Undo(change));
-        const auto has = [&results](OperationResult result) {
-            return std::find(results.begin(), results.end(), result) != results.end();
-        };
-        if (has(OperationResult::NoPermission)) {
-            std::cerr << kRightsAdvice << '\n';
-            return kExitNoPermission;
+        Devices = DiscoverGpus("", &Monitor);
+        std::vector<GpuChange> changes;
+        changes.reserve(left.size());
+        for (const LeftChange& change : left) {
+            changes.push_back(Undo(change));
+            const std::string& error = changes.back().Error;
+            if (!error.empty()) std::cerr << GpuInSentence(change.Noted.Device) << ": " << error << '\n';
         }
-        if (has(OperationResult::Error)) return kExitFailure;
-        return has(OperationResult::Unsupported) ? kExitUnsupported : kExitSuccess;
+        return Conclude(changes);
     }
 
 private:
-    OperationResult Undo(const LeftChange& left) {
+    GpuChange Undo(const LeftChange& left) {
         const NotedChange& noted = left.Noted;
         const auto device = std::find_if(Devices.begin(), Devices.end(), [&noted](const GpuDeviceInfo& each) {
             return each.Uuid == noted.Device.Uuid;
         });
         if (device == Devices.end()) {
-            std::cerr << GpuInSentence(noted.Device) << " is not here now: " << noted.Device.Uuid << ".\n";
-            return OperationResult::Error;
+            return {noted.Device, OperationResult::Error, "There is no GPU " + noted.Device.Uuid + " now."};
         }
-        GpuPowerCapabilities power;
-        Monitor.GetPowerCapabilities(device->Index, &power);
-        std::string outcome = WhyNot(noted, power);
-        if (outcome.empty()) {
-            const TuningResult result = TuningSession().Make(&Monitor, noted.Device.Uuid, *device, noted.Before);
-            if (result.Result != OperationResult::Success) {
-                std::cerr << GpuInSentence(*device) << ": " << result.Error << '\n';
-                return result.Result;
-            }
-            outcome = "went back to: " + OutcomeText(noted.Before);
-        }
-        WriteOutput(GpuInSentence(*device) + ' ' + outcome + ".\n");
-        return Forget(left) ? OperationResult::Success : OperationResult::Error;
+        const Undone undone = Monitor.Ask(
+            [device = *device, noted](NvmlGpuMonitor* monitor) { return TakeBack(monitor, device, noted); });
+        if (undone.Outcome.empty()) return {*device, undone.Answer.Result, undone.Answer.Error};
+        const std::string problem = left.Journal.Remove(noted);
+        WriteOutput(GpuInSentence(*device) + ' ' + undone.Outcome + ".\n");
+        return {*device, problem.empty() ? OperationResult::Success : OperationResult::Error, problem};
     }
 
-    static bool Forget(const LeftChange& left) {
-        const std::string problem = left.Journal.Remove(left.Noted);
-        if (!problem.empty()) std::cerr << problem << '\n';
-        return problem.empty();
-    }
-
-    NvmlGpuMonitor Monitor;
+    PatientMonitor Monitor;
     std::vector<GpuDeviceInfo> Devices;
 };
 
@@ -116,6 +117,10 @@ private:
 fs::path JournalFolder() {
     if (const char* const named = NamedFolder()) return named;
     return IsSimulating() ? fs::path() : DefaultJournalFolder();
+}
+
+bool HasLeftChanges() {
+    return !LeftChanges().empty();
 }
 
 void PrintLeftChanges(const std::string& simulateOption) {

@@ -12,6 +12,8 @@
 /// Where this program notes changes. Those of simulated GPUs are noted only where GPU_MONITOR_JOURNAL names a folder.
 std::filesystem::path JournalFolder();
 
+bool HasLeftChanges();
+
 /// Prints on standard error what was left changed and how to undo it.
 void PrintLeftChanges(const std::string& simulateOption);
 

@@ -3,10 +3,14 @@
 #include <poll.h>
 #include <unistd.h>
 
-#include <optional>
+#include <algorithm>
+#include <iostream>
+#include <utility>
 
+#include "commands/csv_log.h"
 #include "commands/polled_feed.h"
 #include "commands/take_back.h"
+#include "commands/undo.h"
 #include "commands/view_control.h"
 #include "terminal/failure.h"
 #include "terminal/screen.h"
@@ -56,14 +60,18 @@ public:
           StopDescriptor(stopDescriptor),
           Feed(options.Interval),
           Requests(Feed.Get()),
+          Log(options.LogPath),
           Control(&Requests, options.Interval, options.SimulateOption) {}
 
     int Run() {
         if (!Feed.WaitForNews(kQuickStartMs, StopDescriptor)) return kExitSuccess;
-        PolledFeed::RequireUsable(*Feed->Latest(), Options.Gpu);
-        if (ShowUntilEnd() == ViewEnd::TakeChangesBack) return TakeBack();
-        LeaveChanges(&Feed, Options.SimulateOption);
-        return kExitSuccess;
+        PolledFeed::Wanted(*Feed->Latest(), Options.Gpu);
+        // The sentences on standard error are behind the view.
+        if (HasLeftChanges()) Control.ShowNotice("A killed program left changes; gpu_monitor undo");
+        const ViewEnd end = ShowUntilEnd();
+        const int status = end == ViewEnd::TakeChangesBack ? TakeBack() : kExitSuccess;
+        if (end != ViewEnd::TakeChangesBack) LeaveChanges(&Feed, Options.SimulateOption);
+        return std::max(status, EndLog());
     }
 
 private:
@@ -84,8 +92,9 @@ private:
             // Before the moment is taken, so that it shows what an answer has changed.
             Control.OnTime();
             const FeedMoment moment = Feed->Moment();
-            PolledFeed::RequireUsable(*moment.Data, Options.Gpu);
-            Control.SelectFirst(*moment.Data, Options.Gpu);
+            const PolledFeed::Gpus wanted = PolledFeed::Wanted(*moment.Data, Options.Gpu);
+            if (!wanted.empty()) Control.SelectFirst(*moment.Data, wanted.front()->Device.Index);
+            AddToLog(moment);
             // Nothing can be taken back while the program is stopped.
             screen.AllowSuspending(!HasChanges(*moment.Data));
             Canvas canvas = screen.Blank();
@@ -95,6 +104,19 @@ private:
             for (int key = screen.ReadKey(); key != NoKey; key = screen.ReadKey()) Control.OnKey(key);
         }
         return *Control.End();
+    }
+
+    void AddToLog(const FeedMoment& moment) {
+        Log.Add(moment.Data->Gpus);
+        if (!Log.Problem().empty() && !std::exchange(bLogProblemShown, true)) Control.ShowNotice(Log.Problem());
+    }
+
+    /// Result: the exit status.
+    int EndLog() {
+        Log.Add(Feed->Latest()->Gpus);
+        if (Log.Problem().empty()) return kExitSuccess;
+        std::cerr << Log.Problem() << " The latest readings are missing there.\n";
+        return kExitFailure;
     }
 
     /// Waits for a key or news, but not for long. False: a stop signal came, or the terminal has gone.
@@ -117,7 +139,9 @@ private:
     const int StopDescriptor;
     PolledFeed Feed;
     RequestsToFeed Requests;
+    CsvLog Log;
     ViewControl Control;
+    bool bLogProblemShown = false;
 };
 
 }  // namespace
