@@ -362,6 +362,6 @@ SIMULATED_NVML_ENTRY_POINTS(EXPORT)
 
 extern "C" {
 /// Lets a program see that the library it has loaded is the simulator.
-extern SIMULATED_NVML_EXPORT const bool bSimulatedNvml;
-const bool bSimulatedNvml = true;
+extern SIMULATED_NVML_EXPORT const bool kSimulatedNvml;
+const bool kSimulatedNvml = true;
 }

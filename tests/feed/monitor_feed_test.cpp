@@ -297,7 +297,7 @@ TEST_F(FeedTest, OutOfMemoryAChangeGoesBackLater) {
     StartPaused();
     failing_memory::bChecking = true;
     failing_memory::bAllocationFailed = true;
-    for (uint64_t nth = 1; failing_memory::bAllocationFailed; ++nth) {
+    for (uint64_t nth = 1; failing_memory::bAllocationFailed && !HasFailure(); ++nth) {
         EXPECT_EQ(Tune(kLimit), "");
         failing_memory::bAllocationFailed = false;
         failing_memory::AllocationsUntilFailure = nth;

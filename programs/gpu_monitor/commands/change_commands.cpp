@@ -44,7 +44,7 @@ public:
         const std::vector<GpuDeviceInfo> devices = DiscoverGpus(Options.Gpu, &Monitor);
         // Not earlier: until here a signal may simply end the program.
         StopDescriptor = CatchStopSignals();
-        Monitor.HurryOn(StopDescriptor);
+        Monitor.HurryAfter(StopDescriptor);
         std::vector<GpuChange> changes;
         for (const GpuDeviceInfo& device : devices) {
             changes.push_back(ChangeOrExplain(device));

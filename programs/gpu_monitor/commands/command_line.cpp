@@ -139,8 +139,8 @@ void AddQuery(CLI::App* app, CommandLine* commandLine, const char* name, const c
 
 /// The parser could check this too, but its help would then be hard to read.
 void RefuseBoth(bool bFirst, bool bSecond, const std::string& options) {
-    if (bFirst && bSecond)
-        throw Failure(options + " exclude each other. Run gpu_monitor --help for usage.", kExitUsage);
+    if (!bFirst || !bSecond) return;
+    throw Failure(options + " exclude each other. Run gpu_monitor --help for usage.", kExitUsage);
 }
 
 int RunWatchCommand(CommandLine* commandLine) {

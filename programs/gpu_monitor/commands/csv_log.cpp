@@ -5,11 +5,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <utility>
 
 #include "terminal/failure.h"
 #include "text/csv_format.h"
 
-CsvLog::CsvLog(const std::string& path) : Path(path) {
+CsvLog::CsvLog(std::string path) : Path(std::move(path)) {
     if (Path.empty()) return;
     // Without waiting, because a reader of a named pipe must not hold up the view.
     File = open(Path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666);

@@ -9,7 +9,7 @@
 class CsvLog {
 public:
     /// Without a path, nothing is logged. Throws `Failure` when the file cannot be written.
-    explicit CsvLog(const std::string& path);
+    explicit CsvLog(std::string path);
     ~CsvLog();
     CsvLog(const CsvLog&) = delete;
     CsvLog& operator=(const CsvLog&) = delete;

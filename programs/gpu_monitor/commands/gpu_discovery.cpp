@@ -15,7 +15,6 @@
 
 namespace {
 
-constexpr const char* kLibrary = "libnvidia-ml.so.1";
 constexpr const char* kOrSimulate = ", or add --simulate to see simulated GPUs.";
 
 bool BeginsWith(const std::string& text, const std::string& beginning) {
@@ -24,20 +23,20 @@ bool BeginsWith(const std::string& text, const std::string& beginning) {
 
 /// Why the library cannot be loaded; empty when there is none, or it can.
 std::string LoaderProblem() {
-    if (void* library = dlopen(kLibrary, RTLD_LAZY)) {
+    if (void* library = dlopen(kNvmlLibrary, RTLD_LAZY)) {
         dlclose(library);
         return {};
     }
     std::string problem = dlerror();
-    const std::string missing = std::string(kLibrary) + ": cannot open shared object file: No such file";
+    const std::string missing = std::string(kNvmlLibrary) + ": cannot open shared object file: No such file";
     return BeginsWith(problem, missing) ? "" : problem;
 }
 
 std::string Advice(const std::string& status) {
     if (status == "NVML unavailable / NVIDIA GPU monitoring disabled.") {
         const std::string problem = LoaderProblem();
-        return problem.empty() ? std::string("Install the NVIDIA driver, which provides ") + kLibrary
-                               : std::string(kLibrary) + " is there but cannot be loaded (" + problem +
+        return problem.empty() ? std::string("Install the NVIDIA driver, which provides ") + kNvmlLibrary
+                               : std::string(kNvmlLibrary) + " is there but cannot be loaded (" + problem +
                                      "): reinstall the NVIDIA driver";
     }
     if (status == "NVML initialization failed.") {
@@ -55,12 +54,6 @@ bool IsNumber(const std::string& selector) {
 bool IsNamed(const GpuDeviceInfo& gpu, const std::string& selector) {
     if (IsNumber(selector)) return std::to_string(gpu.Index) == selector;
     return BeginsWith(gpu.Uuid, selector) || BeginsWith(gpu.Uuid, "GPU-" + selector);
-}
-
-std::string Joined(const std::vector<std::string>& words) {
-    std::string text;
-    for (const std::string& word : words) text += (text.empty() ? "" : ", ") + word;
-    return text;
 }
 
 /// A PCI address as NVML and the kernel both write it.
@@ -105,12 +98,14 @@ size_t SelectGpu(const std::vector<GpuDeviceInfo>& gpus, const std::string& sele
     if (found != gpus.end() && std::none_of(found + 1, gpus.end(), isNamed)) {
         return static_cast<size_t>(found - gpus.begin());
     }
-    std::vector<std::string> names;
-    for (const GpuDeviceInfo& gpu : gpus)
-        names.push_back(IsNumber(selector) ? std::to_string(gpu.Index) : OrDash(Printable(gpu.Uuid)));
-    throw Failure((found == gpus.end() ? "There is no GPU " : "Several GPUs have a UUID that begins with ") + selector +
-                      ". GPUs here: " + Joined(names) + '.',
-                  kExitUsage);
+    std::string sentence =
+        (found == gpus.end() ? "There is no GPU " : "Several GPUs have a UUID that begins with ") + selector;
+    const char* separator = ". GPUs here: ";
+    for (const GpuDeviceInfo& gpu : gpus) {
+        sentence += separator + (IsNumber(selector) ? std::to_string(gpu.Index) : OrDash(Printable(gpu.Uuid)));
+        separator = ", ";
+    }
+    throw Failure(sentence + '.', kExitUsage);
 }
 
 std::vector<GpuDeviceInfo> DiscoverGpus(const std::string& selector, PatientMonitor* monitor) {

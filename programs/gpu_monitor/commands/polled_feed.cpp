@@ -66,11 +66,12 @@ PolledFeed::Gpus PolledFeed::Wanted(const FeedData& data, const std::string& sel
 FeedMoment PolledFeed::WaitUntil(const std::string& selector,
                                  const std::function<bool(const FeedMoment&, const FeedGpu&)>& isKnown) {
     for (;;) {
-        const FeedMoment moment = Feed.Moment();
+        FeedMoment moment = Feed.Moment();
         const Gpus wanted = Wanted(*moment.Data, selector);
         const auto isDone = [&](const auto& gpu) { return isKnown(moment, *gpu); };
-        if (moment.Data->State != FeedState::Starting && std::all_of(wanted.begin(), wanted.end(), isDone))
-            return moment;
+        // While the driver is at work, a reading may be on its way.
+        const bool bIdle = moment.Data->State != FeedState::Starting && moment.DriverSilence == 0.0;
+        if (bIdle && std::all_of(wanted.begin(), wanted.end(), isDone)) return moment;
         if (moment.DriverSilence >= kLongestDriverSilenceSeconds) throw DriverIsSilent();
         WaitForNews(kLookMs, -1);
         TakeNews();

@@ -27,7 +27,7 @@ bool IsDriverLeftBehind();
 class PatientMonitor {
 public:
     /// Once this descriptor is readable, the driver gets two seconds more.
-    void HurryOn(int stopDescriptor) { StopDescriptor = stopDescriptor; }
+    void HurryAfter(int stopDescriptor) { StopDescriptor = stopDescriptor; }
 
     /// What `question` answers about the monitor. It must refer to nothing of its caller: when the driver does not
     /// answer, it is left behind, and `Failure` is thrown.

@@ -43,7 +43,7 @@ bool IsBoardKindList(const std::string& text) {
 fs::path SimulatorPath() {
     const fs::path programs = fs::read_symlink("/proc/self/exe").parent_path();
     for (const char* folder : {"../simulator", "../lib/nvml_gpu_monitor/simulator"}) {
-        fs::path path = programs / folder / "libnvidia-ml.so.1";
+        fs::path path = programs / folder / kNvmlLibrary;
         std::error_code ignored;
         if (fs::exists(path, ignored)) return path;
     }
@@ -77,9 +77,9 @@ bool IsSimulating() {
 }
 
 bool IsSimulatorLoaded() {
-    void* library = dlopen("libnvidia-ml.so.1", RTLD_LAZY | RTLD_NOLOAD);
+    void* library = dlopen(kNvmlLibrary, RTLD_LAZY | RTLD_NOLOAD);
     if (library == nullptr) return false;
-    const bool bSimulator = dlsym(library, "bSimulatedNvml") != nullptr;
+    const bool bSimulator = dlsym(library, "kSimulatedNvml") != nullptr;
     dlclose(library);
     return bSimulator;
 }

@@ -3,6 +3,9 @@
 
 #include <string>
 
+/// The file name of NVML, under which the monitor finds the simulator too.
+constexpr const char* kNvmlLibrary = "libnvidia-ml.so.1";
+
 /// Empty when `boards` names the GPUs to simulate, by their number or their kinds. Otherwise why it does not, for the
 /// user.
 std::string SimulationError(const std::string& boards);

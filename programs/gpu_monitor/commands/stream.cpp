@@ -32,7 +32,8 @@ constexpr int kLongestWaitMs = 1000;
 constexpr double kLongestSilenceSeconds = 5.0;
 /// A driver counts as hanging after this many checks in a row. One check can be wrong after the process was suspended.
 constexpr int kHangsOfHangingDriver = 3;
-constexpr double kLeastDriverSilenceSeconds = 1.0;
+/// After so much silence of the driver, no GPU is reported: it is not known which one the driver waits for.
+constexpr double kUnclearSeconds = 1.0;
 
 std::string SecondsText(double seconds) {
     return Number(seconds, seconds < 2.0 ? 1 : 0) + " s";
@@ -122,8 +123,7 @@ private:
         if (HangsSeen >= kHangsOfHangingDriver) {
             throw Failure("The driver has not answered for " + SecondsText(moment.DriverSilence) + '.');
         }
-        // While the driver is silent, nothing is known of any GPU.
-        if (moment.DriverSilence >= kLeastDriverSilenceSeconds) return;
+        if (moment.DriverSilence >= kUnclearSeconds) return;
         bool bAllSilent = true;
         double lastReading = StartedAt;
         for (const auto& gpu : wanted) {

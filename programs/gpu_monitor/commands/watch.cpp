@@ -67,7 +67,7 @@ public:
         if (!Feed.WaitForNews(kQuickStartMs, StopDescriptor)) return kExitSuccess;
         PolledFeed::Wanted(*Feed->Latest(), Options.Gpu);
         // The sentences on standard error are behind the view.
-        if (HasLeftChanges()) Control.ShowNotice("A killed program left changes; gpu_monitor undo");
+        if (HasLeftChanges()) Control.ShowNotice("A killed program left changes. See gpu_monitor undo.");
         const ViewEnd end = ShowUntilEnd();
         const int status = end == ViewEnd::TakeChangesBack ? TakeBack() : kExitSuccess;
         if (end != ViewEnd::TakeChangesBack) LeaveChanges(&Feed, Options.SimulateOption);
