@@ -62,7 +62,8 @@ FeedWorker::FeedWorker(FeedOptions options)
       Tracker(
           Clamped(options.Interval),
           [this](const std::vector<GpuProcessMemory>& processes) { return Names.Describe(processes, !bSimulated); }),
-      SamplerRhythm(Clamped(options.Interval)) {
+      SamplerRhythm(Clamped(options.Interval)),
+      Session(ChangeJournal(std::move(options.JournalFolder))) {
     Next.Interval = Clamped(options.Interval);
     Publish();
     Shared.Post([](FeedWorker* worker) {
@@ -184,6 +185,7 @@ TuningCapabilities FeedWorker::QueryTuning(const FeedGpu& gpu) {
     TuningCapabilities answer;
     Monitor.GetClockCapabilities(gpu.Device.Index, &answer.Clocks);
     Monitor.GetPowerCapabilities(gpu.Device.Index, &answer.Power);
+    answer.bRights = HasTuningRights();
     return answer;
 }
 

@@ -453,8 +453,8 @@ TEST_F(ViewTest, PowerLimitIsTypedOrSteppedTo) {
 TEST_F(ViewTest, MenuOffersWhatTheDriverSupports) {
     Silence = 3.0;
     Follow({"t Asking what can be changed ...", " The driver has not answered for 3 s."});
-    Capabilities.set_value({});
-    Follow({" Power limit", "crpdE Esc closes"});
+    Capabilities.set_value({{}, {}, false});
+    Follow({" Power limit", " lacks root's rights", "crpdE Esc, t or q closes"});
     EXPECT_THAT(Drawn().Text(), Not(AnyOf(HasSubstr("lock to"), HasSubstr("set a limit"))));
     Now += 0.6;
     Drawn();
@@ -493,7 +493,7 @@ TEST_F(ViewTest, ChangeThatIsNotMadeSaysWhy) {
         {{GpuClockOperationResult::Success}, " Done: clocks released.", false}};
     for (const auto& [result, text, bRightsAdvised] : cases) {
         OpenPanel();
-        Follow({"ry Changing ..."});
+        Follow({"ryE Changing ..."});
         Result.set_value(result);
         Follow({text});
         EXPECT_EQ(Drawn().Text().find("with sudo") != std::string::npos, bRightsAdvised) << Drawn().Text();
