@@ -42,6 +42,8 @@ public:
     /// Result: the exit status. Throws `Failure`.
     int Run() {
         const std::vector<GpuDeviceInfo> devices = DiscoverGpus(Options.Gpu, &Monitor);
+        const std::vector<std::string> missing =
+            Options.Gpu.empty() ? UnreadableGpus(devices, &Monitor) : std::vector<std::string>();
         // Not earlier: until here a signal may simply end the program.
         StopDescriptor = CatchStopSignals();
         Monitor.HurryAfter(StopDescriptor);
@@ -52,8 +54,6 @@ public:
             Print(changes.back());
         }
         const int status = Conclude(changes);
-        const std::vector<std::string> missing =
-            Options.Gpu.empty() ? UnreadableGpus(devices) : std::vector<std::string>();
         for (const std::string& sentence : missing) std::cerr << sentence << '\n';
         if (Options.bJson) PrintReport(ChangesJson(Requested, changes, missing));
         return missing.empty() || status == kExitNoPermission ? status : kExitFailure;

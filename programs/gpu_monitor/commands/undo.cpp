@@ -37,7 +37,7 @@ struct LeftChange {
 };
 
 std::vector<LeftChange> LeftChanges() {
-    const bool bUsual = NamedFolder() == nullptr && !IsSimulating();
+    const bool bUsual = NamedFolder() == nullptr && !IsNvmlSimulated();
     std::vector<LeftChange> left;
     for (const fs::path& folder : bUsual ? DefaultJournalFolders() : std::vector{JournalFolder()}) {
         const ChangeJournal journal(folder);
@@ -116,7 +116,7 @@ private:
 
 fs::path JournalFolder() {
     if (const char* const named = NamedFolder()) return named;
-    return IsSimulating() ? fs::path() : DefaultJournalFolder();
+    return IsNvmlSimulated() ? fs::path() : DefaultJournalFolder();
 }
 
 bool HasLeftChanges() {
