@@ -3,6 +3,7 @@
 #include <poll.h>
 
 #include <algorithm>
+#include <functional>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -49,7 +50,7 @@ public:
         Monitor.HurryAfter(StopDescriptor);
         std::vector<GpuChange> changes;
         for (const GpuDeviceInfo& device : devices) {
-            changes.push_back(ChangeOrExplain(device));
+            changes.push_back(ChangeOrExplain(device, [this, &device] { return ChangeGpu(device); }));
             // Printed before the next GPU is changed: only the report says how to undo this change.
             Print(changes.back());
         }
@@ -60,16 +61,6 @@ public:
     }
 
 private:
-    /// As `ChangeGpu`, also when the driver does not answer.
-    GpuChange ChangeOrExplain(const GpuDeviceInfo& device) {
-        if (IsDriverLeftBehind()) return {device, OperationResult::Error, "Not tried, because the driver hangs."};
-        try {
-            return ChangeGpu(device);
-        } catch (const Failure& silence) {
-            return {device, OperationResult::Error, std::string(silence.what()) + " The change may be in force."};
-        }
-    }
-
     GpuChange ChangeGpu(const GpuDeviceInfo& device) {
         GpuTelemetrySample before;
         if (Requested.What == Kind::ResetClocks) before = Read(device.Index);
@@ -194,6 +185,15 @@ private:
 
 int RunChange(const ChangeOptions& options, const TuningChange& change) {
     return ChangeCommand(options, change).Run();
+}
+
+GpuChange ChangeOrExplain(const GpuDeviceInfo& device, const std::function<GpuChange()>& change) {
+    if (IsDriverLeftBehind()) return {device, OperationResult::Error, "Not tried, because the driver hangs."};
+    try {
+        return change();
+    } catch (const Failure& silence) {
+        return {device, OperationResult::Error, std::string(silence.what()) + " The change may be in force."};
+    }
 }
 
 int Conclude(const std::vector<GpuChange>& changes) {

@@ -14,7 +14,9 @@
 #include "gpu_feed/tuning_session.h"
 #include "terminal/failure.h"
 #include "terminal/output.h"
+#include "text/change_report.h"
 #include "text/change_text.h"
+#include "text/json_format.h"
 #include "text/text_layout.h"
 #include "text/tuning_format.h"
 
@@ -79,19 +81,31 @@ Undone TakeBack(NvmlGpuMonitor* monitor, const GpuDeviceInfo& device, const Note
 class UndoCommand {
 public:
     /// Result: the exit status. Throws `Failure`.
-    int Run(const std::vector<LeftChange>& left) {
+    int Run(const std::vector<LeftChange>& left, bool bJson) {
         Devices = DiscoverGpus("", &Monitor);
         std::vector<GpuChange> changes;
         changes.reserve(left.size());
         for (const LeftChange& change : left) {
-            changes.push_back(Undo(change));
-            const std::string& error = changes.back().Error;
-            if (!error.empty()) std::cerr << GpuInSentence(change.Noted.Device) << ": " << error << '\n';
+            changes.push_back(ChangeOrExplain(change.Noted.Device, [this, &change] { return Undo(change); }));
         }
-        return Conclude(changes);
+        const int status = Conclude(changes);
+        Print(changes, bJson);
+        return status;
     }
 
 private:
+    /// Not before everything is back: the output can fail.
+    static void Print(const std::vector<GpuChange>& changes, bool bJson) {
+        std::string text;
+        for (const GpuChange& change : changes) {
+            const std::string gpu = GpuInSentence(change.Device);
+            if (!change.Error.empty()) std::cerr << gpu << ": " << change.Error << '\n';
+            const std::string outcome = NoteOf(change.Report);
+            if (!outcome.empty()) text += gpu + ' ' + outcome + ".\n";
+        }
+        WriteOutput(bJson ? UndoneJson(changes) : text);
+    }
+
     GpuChange Undo(const LeftChange& left) {
         const NotedChange& noted = left.Noted;
         const auto device = std::find_if(Devices.begin(), Devices.end(), [&noted](const GpuDeviceInfo& each) {
@@ -104,8 +118,8 @@ private:
             [device = *device, noted](NvmlGpuMonitor* monitor) { return TakeBack(monitor, device, noted); });
         if (undone.Outcome.empty()) return {*device, undone.Answer.Result, undone.Answer.Error};
         const std::string problem = left.Journal.Remove(noted);
-        WriteOutput(GpuInSentence(*device) + ' ' + undone.Outcome + ".\n");
-        return {*device, problem.empty() ? OperationResult::Success : OperationResult::Error, problem};
+        const OperationResult result = problem.empty() ? OperationResult::Success : OperationResult::Error;
+        return {*device, result, problem, {}, {{"Note", undone.Outcome}}};
     }
 
     PatientMonitor Monitor;
@@ -133,10 +147,10 @@ void PrintLeftChanges(const std::string& simulateOption) {
     std::cerr << "To undo it: gpu_monitor undo" << (simulateOption.empty() ? "" : ' ' + simulateOption) << '\n';
 }
 
-int RunUndo() {
+int RunUndo(bool bJson) {
     const std::vector<LeftChange> left = LeftChanges();
-    if (!left.empty()) return UndoCommand().Run(left);
-    WriteOutput("Nothing to undo.\n");
+    if (!left.empty()) return UndoCommand().Run(left, bJson);
+    WriteOutput(bJson ? UndoneJson({}) : "Nothing to undo.\n");
     return kExitSuccess;
 }
 
