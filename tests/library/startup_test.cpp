@@ -145,6 +145,18 @@ TEST_F(StartupTest, IdentityIsReadAndEachMissingPartLeavesOnlyItsFieldEmpty) {
     }
 }
 
+TEST_F(StartupTest, ArchitecturesHaveNames) {
+    const char* const names[] = {"Unknown", "Unknown", "Kepler", "Maxwell", "Pascal",    "Volta",
+                                 "Turing",  "Ampere",  "Ada",    "Hopper",  "Blackwell", "Unknown"};
+    for (unsigned int code = 0; code < std::size(names); ++code) {
+        Board board = DesktopBoard(0);
+        board.Architecture = code;
+        Sim.SetBoards({board});
+        EXPECT_EQ(Discover().front().Architecture, names[code]);
+        Monitor.Stop();
+    }
+}
+
 TEST_F(StartupTest, TextsWithoutATerminatorEndWithTheirBuffers) {
     Board board = DesktopBoard(0);
     board.BusId = std::string(1, '\0');

@@ -4,7 +4,6 @@
 #include <functional>
 #include <tuple>
 
-#include "failing_memory.h"
 #include "monitor_test.h"
 
 namespace {
@@ -129,13 +128,6 @@ protected:
 
 // ---- Clocks and power limit ----
 
-TEST_F(TuningTest, WithoutARecordToFillNothingIsStarted) {
-    EXPECT_FALSE(Monitor.GetClockCapabilities(nullptr) || Monitor.GetClockCapabilities(0, nullptr) ||
-                 Monitor.CaptureClockState(nullptr) || Monitor.GetPowerCapabilities(0, nullptr) ||
-                 Monitor.ReadCurrentSample(nullptr) || Monitor.ReadCurrentSample(0, nullptr));
-    EXPECT_EQ(Log(), "");
-}
-
 TEST_F(TuningTest, Device0IsThatOfNvmlAlsoWhenDiscoverySkippedItAndThenHasNoPowerLimit) {
     Sim.FailFrom("nvmlDeviceGetName", kUnknown, 1, 0);
     GpuClockCapabilities clocks;
@@ -150,22 +142,32 @@ TEST_F(TuningTest, Device0IsThatOfNvmlAlsoWhenDiscoverySkippedItAndThenHasNoPowe
     EXPECT_EQ(power.Status + power.DeviceUuid, "NVIDIA GPU is unavailable.");
 }
 
-TEST_F(TuningTest, QueryThatAnExceptionInterruptsHasEmptiedItsRecord) {
-    GpuClockCapabilities clocks = OldClocks();
-    GpuPowerCapabilities power = OldPower();
-    GpuClockState state{true, 1, 2};
-    GpuTelemetrySample sample;
-    sample.TemperatureC = 1000;
-    const std::function<void()> queries[] = {
-        [&] { Monitor.GetClockCapabilities(1, &clocks); }, [&] { Monitor.GetPowerCapabilities(1, &power); },
-        [&] { Monitor.CaptureClockState(&state); }, [&] { Monitor.ReadCurrentSample(1, &sample); }};
-    for (const auto& query : queries) {
-        failing_memory::AllocationsUntilFailure = 1;  // while NVML starts
-        EXPECT_THROW(query(), std::bad_alloc);
+TEST_F(TuningTest, FailedChangesSayWhy) {
+    const auto lock = [this] { return Lock(); };
+    const auto reset = [this] { return ResetClocks(); };
+    const auto limit = [this] { return SetLimit(320.0); };
+    const std::tuple<Fault, std::function<std::string()>, std::string> cases[] = {
+        {{kGraphicsList}, lock, "Unsupported: Requested clock pair is not supported by NVML. "},
+        {{kHandle, kGpuIsLost, 3}, lock, "Error: NVML has no usable NVIDIA device. "},
+        {{kHandle, kGpuIsLost, 4}, lock, "Error: NVIDIA GPU is unavailable. "},
+        {{kLockGraphics, kUnknown},
+         lock,
+         "Error: NVML GPU locked-clock control failed. DeviceSetGpuLockedClocks(0, 1500, 1500) "},
+        {{kLockMemory, kNoPermission},
+         lock,
+         "NoPermission: NVML denied memory locked-clock control for this user. " + Locked + Undone},
+        {{kResetMemory}, reset, "Unsupported: NVML locked-clock reset is unavailable. "},
+        {{kHandle, kGpuIsLost, 3}, reset, "Error: NVML has no usable NVIDIA device. "},
+        {{kResetMemory, kUnknown}, reset, "Error: NVML memory locked-clock reset failed. " + Released},
+        {{kResetGraphics, kNotSupported},
+         reset,
+         "Unsupported: The NVIDIA driver does not support GPU locked-clock reset. " + Released},
+        {{kSet, kNoPermission}, limit, "NoPermission: NVML denied power-limit control for this user. " + LimitSet}};
+    for (const auto& [fault, change, outcome] : cases) {
+        MakeWhole();
+        Break({fault});
+        EXPECT_EQ(change(), outcome);
     }
-    EXPECT_EQ(clocks.Status + clocks.DeviceUuid + power.Status + power.DeviceUuid, "");
-    EXPECT_TRUE(clocks.SupportedPairs.empty() && !clocks.CanControl && power.State == State::Unavailable);
-    EXPECT_TRUE(!state.Valid && state.GraphicsClockMHz == -1 && sample.TemperatureC == -1);
 }
 
 // ---- Clocks ----
@@ -180,6 +182,8 @@ TEST_F(ClocksTest, QueryListsEveryPairOnceInOrder) {
     EXPECT_EQ(answer.DeviceName + answer.DeviceUuid, DesktopBoard(0).Name + DesktopBoard(0).Uuid);
     EXPECT_EQ(answer.CurrentGraphicsClockMHz, 2100);
     EXPECT_EQ(answer.CurrentMemoryClockMHz, 9501);
+    GpuClockState state;
+    EXPECT_TRUE(Monitor.CaptureClockState(&state) && state.GraphicsClockMHz == 2100 && state.MemoryClockMHz == 9501);
     const size_t secondQuery = Sim.Log().size();
     QueryClocks();
     EXPECT_EQ(Log(secondQuery),
@@ -189,6 +193,8 @@ TEST_F(ClocksTest, QueryListsEveryPairOnceInOrder) {
               "SupportedMemoryClocks(0, 0) SupportedMemoryClocks(0, 2) "
               "SupportedGraphicsClocks(0, 5001, 0) SupportedGraphicsClocks(0, 5001, 1) "
               "SupportedGraphicsClocks(0, 810, 0) SupportedGraphicsClocks(0, 810, 3) ");
+    Break({{"nvmlDeviceGetClockInfo", kNotSupported}});
+    EXPECT_EQ(QueryClocks().CurrentGraphicsClockMHz, -1);
 }
 
 TEST_F(ClocksTest, StatusSaysWhyClocksCannotBeLocked) {
@@ -253,8 +259,6 @@ TEST_F(ClocksTest, LockSetsBothClocksOrNeitherAndResetReleasesThem) {
     EXPECT_THAT(Log(), EndsWith(" ?HandleByIndex_v2 HandleByIndex_v2(1) ?DeviceResetGpuLockedClocks "
                                 "?DeviceResetMemoryLockedClocks "
                                 "DeviceResetMemoryLockedClocks(1) DeviceResetGpuLockedClocks(1) "));
-    Break({{kLockMemory, kNoPermission}});
-    EXPECT_EQ(Lock(), "NoPermission: NVML denied memory locked-clock control for this user. " + Locked + Undone);
 }
 
 TEST_F(ClocksTest, LockNeedsAllItsEntryPointsAlsoThoseOfItsUndo) {
