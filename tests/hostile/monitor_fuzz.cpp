@@ -187,8 +187,7 @@ void RequireLimitChange(Result result) {
     if (!Called(kSetLimit)) return RequireRefusal(result);
     const uint64_t limit = Nvml().Last(kSetLimit).First;
     const LastCall& range = Nvml().Last(kRange);
-    Require(range.Outcome == LastCall::Result::Answered && range.First <= limit && limit <= range.Second,
-            "a limit was set out of the range");
+    Require(range.bAnswered && range.First <= limit && limit <= range.Second, "a limit was set out of the range");
     RequireAnswer(kSetLimit, result);
 }
 
