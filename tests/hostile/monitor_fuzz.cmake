@@ -7,8 +7,7 @@ target_compile_features(monitor_fuzz PRIVATE cxx_std_17)
 set_target_properties(monitor_fuzz PROPERTIES CXX_EXTENSIONS OFF)
 nvml_gpu_monitor_strict_warnings(monitor_fuzz)
 
-file(GLOB monitor_fuzz_inputs CONFIGURE_DEPENDS "${CMAKE_CURRENT_SOURCE_DIR}/corpus/*"
-    "${CMAKE_CURRENT_SOURCE_DIR}/long_inputs/*")
+file(GLOB monitor_fuzz_inputs CONFIGURE_DEPENDS "${CMAKE_CURRENT_SOURCE_DIR}/corpus/*")
 if(NVML_GPU_MONITOR_FUZZER)
     # The monitor calls the driver by types of its own, as it has to without NVML's header. The records among their
     # parameters have other names on the driver's side, which this check takes for another function.

@@ -220,13 +220,6 @@ TEST_F(SamplerTest, IntervalAndInitialDelayHaveDefaultsAndBounds) {
     }
 }
 
-TEST_F(SamplerTest, SnapshotWaitsForTheEndOfACycle) {
-    Sim.SetDelay("nvmlDeviceGetFanSpeed", milliseconds(50));
-    EXPECT_TRUE(Monitor.Start());
-    ASSERT_TRUE(WaitForCalls("nvmlDeviceGetFanSpeed", 1));
-    EXPECT_THAT(Monitor.Snapshot().front().Samples, SizeIs(1));
-}
-
 TEST_F(SamplerTest, SettingTheIntervalDuringACycleIsNotLost) {
     Sim.Reset();
     EXPECT_TRUE(Monitor.Start());

@@ -89,19 +89,6 @@ TEST_F(SimulatorTest, WrongArgumentsAreRefused) {
     EXPECT_THROW(Sim.FailFrom("nvmlDeviceGetFanSped", kUnknown), std::invalid_argument);
 }
 
-TEST_F(SimulatorTest, TextsNeedRoomForTheirTerminator) {
-    const std::string name = DesktopBoard(0).Name;
-    const auto length = static_cast<unsigned int>(name.size());
-    char text[96] = {};
-    EXPECT_EQ(nvmlDeviceGetName(Handle(0), text, length), kInsufficientSize);
-    EXPECT_EQ(nvmlDeviceGetName(Handle(0), text, length + 1), kSuccess);
-    EXPECT_EQ(text, name);
-    std::vector<std::string> errors;
-    for (const unsigned int code : {0U, 1U, 2U, 3U, 4U, 6U, 7U, 15U, 999U}) errors.emplace_back(nvmlErrorString(code));
-    EXPECT_THAT(errors, ElementsAre("Success", "NVML is not initialized", "Invalid argument", "Not supported",
-                                    "No permission", "Not found", "Insufficient size", "GPU is lost", "Unknown error"));
-}
-
 TEST_F(SimulatorTest, ListQueriesAnswerTheSizeTheyNeed) {
     const auto query = nvmlDeviceGetSupportedMemoryClocks;
     void* const device = Handle(0);
@@ -160,26 +147,10 @@ TEST_F(SimulatorTest, LimitsActOnTheBoardAndTheReasonsSaySo) {
     EXPECT_EQ(nvmlDeviceSetMemoryLockedClocks(device, 6000, 6000), kSuccess);
     ReasonsAfter(60.0);
     EXPECT_EQ(Value(nvmlDeviceGetClockInfo, device, kClockMemory), 5001) << "the nearest clock of the list";
-}
-
-TEST_F(SimulatorTest, ClocksLockedOnAnIdleBoardHoldAtTheNextTick) {
-    void* const device = HandleOfBoardWith(Workload::Office);
-    constexpr double kTick = 0.051;
-    while (ReasonsAfter(kTick) != kReasonIdle) ASSERT_LT(Seconds, 600.0);
-    // Graphics lock, memory lock, then memory clock and reasons. A lock at 0 is refused, and the memory runs as slowly
-    // as the graphics lock allows.
-    const unsigned int cases[][4] = {
-        {900, 0, 810, 0}, {420, 405, 405, 0}, {210, 405, 405, kReasonIdle}, {3105, 11201, 11201, 0}};
-    for (const auto& [graphics, memory, memoryClock, reasons] : cases) {
-        nvmlDeviceSetGpuLockedClocks(device, graphics, graphics);
-        nvmlDeviceSetMemoryLockedClocks(device, memory, memory);
-        EXPECT_EQ(ReasonsAfter(kTick), reasons) << graphics;
-        EXPECT_EQ(Value(nvmlDeviceGetClockInfo, device, kClockGraphics), graphics);
-        EXPECT_EQ(Value(nvmlDeviceGetClockInfo, device, kClockMemory), memoryClock);
-    }
-    nvmlDeviceResetGpuLockedClocks(device);
-    nvmlDeviceResetMemoryLockedClocks(device);
-    EXPECT_EQ(ReasonsAfter(kTick), kReasonIdle);
+    EXPECT_EQ(nvmlDeviceResetGpuLockedClocks(device), kSuccess);
+    EXPECT_EQ(nvmlDeviceResetMemoryLockedClocks(device), kSuccess);
+    ReasonsAfter(60.0);
+    EXPECT_GT(Value(nvmlDeviceGetClockInfo, device, kClockGraphics), 900);
 }
 
 TEST_F(SimulatorTest, LostBoardStaysLostAndTheOthersDoNot) {
@@ -193,16 +164,6 @@ TEST_F(SimulatorTest, LostBoardStaysLostAndTheOthersDoNot) {
     EXPECT_EQ(nvmlDeviceGetHandleByIndex_v2(1, &device), kGpuIsLost);
     EXPECT_EQ(nvmlDeviceGetHandleByIndex_v2(4, &device), kInvalidArgument);
     Value(nvmlDeviceGetPowerUsage, Handle(0));
-}
-
-TEST_F(SimulatorTest, ScriptedAnswersComeInTurnInPlaceOfTheBoards) {
-    void* const device = Handle(0);
-    Sim.Answers().Append(EntryPoint::nvmlDeviceGetFanSpeed, {kUnknown, true, 0, 101});
-    Sim.Answers().Append(EntryPoint::nvmlDeviceGetFanSpeed, {kSuccess, false});
-    for (const unsigned int result : {kUnknown, kSuccess, kUnknown}) {
-        EXPECT_EQ(nvmlDeviceGetFanSpeed(device, &Output), result);
-        EXPECT_EQ(Output, 101) << "written by the first answer and left alone by the second";
-    }
 }
 
 TEST_F(SimulatorTest, TwoThreadsInsideAreMisuseOnlyWhereForbidden) {
