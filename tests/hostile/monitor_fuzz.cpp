@@ -278,13 +278,11 @@ private:
     // ---- Lifecycle ----
 
     void Start(bool (NvmlGpuMonitor::*start)()) {
-        const bool bRefused = sampler_clock::RefusalsLeft() > 0;
         bool bStarted = false;
         try {
             bStarted = (Monitor.get()->*start)();
         } catch (const std::system_error&) {
-            Require(bRefused && sampler_clock::RefusalsLeft() == 0 && Monitor->IsAvailable(), "a start threw");
-            return;
+            return Require(Monitor->IsAvailable(), "a start without a thread left NVML closed");
         }
         Require(bStarted == Monitor->IsAvailable(), "a start returns another answer than IsAvailable");
         Require(bStarted || !bSamplerRuns, "a running sampler was not found");

@@ -89,19 +89,6 @@ TEST_F(SimulatorTest, WrongArgumentsAreRefused) {
     EXPECT_THROW(Sim.FailFrom("nvmlDeviceGetFanSped", kUnknown), std::invalid_argument);
 }
 
-TEST_F(SimulatorTest, ListQueriesAnswerTheSizeTheyNeed) {
-    const auto query = nvmlDeviceGetSupportedMemoryClocks;
-    void* const device = Handle(0);
-    EXPECT_EQ(query(device, &Output, nullptr), kInsufficientSize);
-    ASSERT_EQ(Output, 5);
-    std::vector<unsigned int> clocks(5);
-    EXPECT_EQ(query(device, &(Output = 4), clocks.data()), kInsufficientSize);
-    EXPECT_EQ(query(device, &Output, clocks.data()), kSuccess) << "with the room it asked for";
-    EXPECT_THAT(clocks, ElementsAre(11201, 10802, 5001, 810, 405));
-    EXPECT_EQ(nvmlDeviceGetSupportedGraphicsClocks(device, 406, &(Output = 0), nullptr), kNotFound);
-    EXPECT_EQ(nvmlDeviceGetGraphicsRunningProcesses(Handle(2), &(Output = 0), nullptr), kSuccess) << "an empty list";
-}
-
 TEST_F(SimulatorTest, BoardsAndRightsDecideWhatCanBeDone) {
     const std::vector<unsigned int> results = {
         nvmlDeviceGetFanSpeed(Handle(1), &Output), nvmlDeviceGetFanSpeed(Handle(2), &Output),

@@ -1,6 +1,8 @@
-// One whole life of a monitor, again and again: each time another call of NVML fails, another lookup misses, or another
-// allocation throws, until each has been tried. After each, nothing may be broken, and everything works again.
+// One whole life of a monitor. Again and again, each time with another call of NVML that fails, another lookup that
+// misses, or another allocation that throws: after each, nothing may be broken, and everything works again. And once
+// from several threads.
 
+#include <future>
 #include <new>
 
 #include "failing_memory.h"
@@ -15,10 +17,10 @@ using Result = GpuClockOperationResult;
 constexpr uint64_t kCycles = 3;
 constexpr std::chrono::seconds kLongInterval{10};
 
-class EveryFailure : public ScriptedTest {
+class WholeLife : public ScriptedTest {
 protected:
-    EveryFailure() { bChecking = true; }
-    ~EveryFailure() override { bChecking = false; }
+    WholeLife() { bChecking = true; }
+    ~WholeLife() override { bChecking = false; }
 
     /// The whole life with what `prepare` makes fail.
     template <typename Preparation>
@@ -28,6 +30,7 @@ protected:
         UseBytes(1);
         sampler_clock::Reset();
         bAllocationFailed = false;
+        bFailing = failing != "nothing";
         prepare();
         NvmlGpuMonitor monitor;
         RunSampler(&monitor);
@@ -38,7 +41,6 @@ protected:
         ExpectRecovery(&monitor);
     }
 
-private:
     /// Runs an operation of the monitor; nothing but running out of memory may pass out of it. False: it did.
     template <typename Operation>
     static bool Attempt(Operation operation) {
@@ -56,11 +58,12 @@ private:
 
     /// Runs a change: it has a sentence exactly when it failed.
     template <typename Change>
-    static void AttemptChange(Change change) {
+    void AttemptChange(Change change) const {
         std::string error;
         auto result = Result::Error;
         if (!Attempt([&] { result = change(&error); })) return;
         EXPECT_EQ(result == Result::Success, error.empty()) << error;
+        EXPECT_TRUE(bFailing || result == Result::Success) << error;
     }
 
     /// Three cycles of the sampler, if it can be started.
@@ -95,24 +98,27 @@ private:
         EXPECT_EQ(before.Samples.size() != after.Samples.size(), bytes(before) != bytes(after));
     }
 
-    static void QueryAndChange(NvmlGpuMonitor* monitor) {
+    void QueryAndChange(NvmlGpuMonitor* monitor) const {
         GpuTelemetrySample sample;
         GpuClockCapabilities clocks;
         GpuPowerCapabilities power;
         GpuClockState state;
         std::vector<GpuTelemetryHistory> histories;
         Attempt([&] { monitor->ReadCurrentSample(&sample); });
+        Attempt([&] { monitor->ReadCurrentSample(1, &sample); });
+        Attempt([&] { monitor->GetClockCapabilities(&clocks); });
         Attempt([&] { monitor->GetClockCapabilities(1, &clocks); });
         Attempt([&] { monitor->GetPowerCapabilities(1, &power); });
         Attempt([&] { monitor->CaptureClockState(&state); });
         EXPECT_EQ(clocks.CanControl, !clocks.SupportedPairs.empty());
+        AttemptChange([&](std::string* error) { return monitor->SetLockedClock({1500, 810}, error); });
         AttemptChange([&](std::string* error) { return monitor->SetLockedClock(1, {1500, 810}, error); });
         AttemptChange([&](std::string* error) { return monitor->SetPowerLimit(1, 200.0, error); });
         AttemptChange([&](std::string* error) { return monitor->RestoreDefaultPowerLimit(1, error); });
+        AttemptChange([&](std::string* error) { return monitor->RestoreDefaultClocks(error); });
         AttemptChange([&](std::string* error) { return monitor->RestoreDefaultClocks(1, error); });
         AttemptChange([&](std::string* error) { return monitor->RestoreClockState(state, error); });
         Attempt([&] { histories = monitor->Snapshot(); });
-        for (const GpuTelemetryHistory& history : histories) EXPECT_THAT(history.Samples, SizeIs(Le(kCycles)));
     }
 
     /// What works when nothing fails must work again.
@@ -126,9 +132,11 @@ private:
         EXPECT_THAT(monitor->Snapshot(), SizeIs(2));
         monitor->Stop();
     }
+
+    bool bFailing = false;
 };
 
-TEST_F(EveryFailure, OfACallOrALookup) {
+TEST_F(WholeLife, SurvivesEveryFailureOfACallOrALookup) {
     LiveWith("nothing", [] {});
     size_t calls = 0;
     size_t lookups = 0;
@@ -147,12 +155,33 @@ TEST_F(EveryFailure, OfACallOrALookup) {
     EXPECT_GT(std::min(calls, lookups), 200U);
 }
 
-TEST_F(EveryFailure, OfAnAllocation) {
+TEST_F(WholeLife, SurvivesEveryFailureOfAnAllocation) {
     uint64_t allocation = 0;
     do {
         LiveWith("allocation " + std::to_string(++allocation), [&] { AllocationsUntilFailure = allocation; });
     } while (bAllocationFailed);
     EXPECT_GT(allocation, 100U);
+}
+
+TEST_F(WholeLife, IsSharedByThreads) {
+    NvmlGpuMonitor monitor;
+    UseBytes(1);
+    EXPECT_TRUE(monitor.Start());
+    const auto useMonitor = [&] {
+        for (int i = 0; i < 50; ++i) {
+            monitor.SetSampleInterval(std::chrono::milliseconds(100 + i));
+            monitor.SetInitialSampleDelay(std::chrono::milliseconds(i));
+            QueryAndChange(&monitor);
+            monitor.IsAvailable();
+            EXPECT_EQ(monitor.Status(), "NVML active: 2 NVIDIA GPU(s).");
+        }
+    };
+    std::future<void> users[4];
+    for (std::future<void>& user : users) user = std::async(std::launch::async, useMonitor);
+    for (int i = 0; i < 20; ++i) {
+        monitor.Stop();
+        EXPECT_TRUE(monitor.Start());
+    }
 }
 
 }  // namespace
