@@ -171,11 +171,6 @@ void SimulatedNvml::LoseBoard(unsigned int board, uint64_t calls) {
     Rules().CallsLeft[board] = calls;
 }
 
-void SimulatedNvml::SetDelay(const std::string& name, std::chrono::microseconds delay) {
-    const auto lock = Scripting();
-    Rules().Delays[IndexOf(EntryPointOf(name))] = delay;
-}
-
 void SimulatedNvml::UseRealisticDelays() {
     const auto lock = Scripting();
     Rules().UseRealisticDelays();

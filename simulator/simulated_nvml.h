@@ -188,8 +188,6 @@ public:
     void MissNthLookup(uint64_t nth);
     /// Lets a board do `calls` more calls; it then answers `kGpuIsLost` to every call, for good.
     void LoseBoard(unsigned int board, uint64_t calls);
-    /// Makes every call of `name` take this long.
-    void SetDelay(const std::string& name, std::chrono::microseconds delay);
     /// Makes every call take as long as on hardware.
     void UseRealisticDelays();
     /// Holds calls of `name` inside NVML until `Unblock`.

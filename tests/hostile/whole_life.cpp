@@ -119,6 +119,7 @@ protected:
         AttemptChange([&](std::string* error) { return monitor->RestoreDefaultClocks(1, error); });
         AttemptChange([&](std::string* error) { return monitor->RestoreClockState(state, error); });
         Attempt([&] { histories = monitor->Snapshot(); });
+        Attempt([&] { histories = monitor->SnapshotSince(SteadySeconds() - 0.2); });
     }
 
     /// What works when nothing fails must work again.

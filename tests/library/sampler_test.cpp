@@ -2,6 +2,7 @@
 
 #include <malloc.h>
 
+#include <cmath>
 #include <filesystem>
 #include <future>
 #include <map>
@@ -196,6 +197,36 @@ TEST_F(SamplerTest, StartsAndStopsLeaveNothingBehind) {
     };
     startAndStop(100);
     ExpectNoGrowth([&] { startAndStop(2000); });
+}
+
+TEST_F(SamplerTest, SnapshotSinceHasTheSamplesThatAreNewer) {
+    const auto newest = [this] { return Monitor.Snapshot().front().Samples.back().TimestampSeconds; };
+    Start();
+    std::vector<double> t = {newest()};
+    for (int i = 0; i < 2; ++i) {
+        PassWaits();
+        t.push_back(newest());
+        // The board is lost between the handle of a cycle and that of its sample.
+        Sim.FailFrom("nvmlDeviceGetHandleByIndex_v2", simulated_nvml::kGpuIsLost, 2, 0);
+        PassWaits();
+        Sim.StopFailing();
+    }
+    const std::pair<double, std::vector<double>> cases[] = {{-1.0, {t[0], t[1], 0.0, t[2], 0.0}},
+                                                            {0.0, t},
+                                                            {std::nextafter(t[0], 0.0), t},
+                                                            {t[0], {t[1], t[2]}},
+                                                            {t[1], {t[2]}},
+                                                            {t[2], {}},
+                                                            {HUGE_VAL, {}},
+                                                            {NAN, {}}};
+    for (const auto& [since, expected] : cases) {
+        const GpuTelemetryHistory history = Monitor.SnapshotSince(since).at(0);
+        std::vector<double> moments;
+        for (const GpuTelemetrySample& sample : history.Samples) moments.push_back(sample.TimestampSeconds);
+        EXPECT_EQ(moments, expected) << since;
+        EXPECT_EQ(history.Device.Uuid, Monitor.Snapshot()[0].Device.Uuid);
+        EXPECT_THAT(history.ProcessMemory, SizeIs(2));
+    }
 }
 
 // ---- When cycles run ----

@@ -23,13 +23,15 @@ Plot PowerPlot(double highest = 15.0) {
 }
 
 Canvas Drawn(const Readings& readings, double interval, const TimeSpan& span = kSpan, const Area& area = kArea,
-             bool bUnicode = true, const Plot& plot = PowerPlot()) {
-    std::deque<GpuTelemetrySample> samples(readings.size());
-    for (size_t i = 0; i < readings.size(); ++i) {
-        samples[i].TimestampSeconds = kSpan.From + 1.0 + readings[i].first;
-        samples[i].PowerWatts = readings[i].second;
+             GlyphSet glyphs = GlyphSet::Braille, const Plot& plot = PowerPlot()) {
+    gpu_feed::SampleHistory samples;
+    for (const auto& [time, watts] : readings) {
+        GpuTelemetrySample sample;
+        sample.TimestampSeconds = kSpan.From + 1.0 + time;
+        sample.PowerWatts = watts;
+        samples.Append(sample);
     }
-    Canvas canvas(area.X + area.Width + 1, area.Y + area.Height + 1, bUnicode);
+    Canvas canvas(area.X + area.Width + 1, area.Y + area.Height + 1, glyphs);
     DrawPlot(&canvas, area, plot, samples, span, interval);
     return canvas;
 }
@@ -78,10 +80,10 @@ TEST(Plot, ShowsCurvesLatestValueAndAxes) {
     Plot plot = PowerPlot();
     plot.Curves.insert(plot.Curves.begin(), {[](const auto&) { return 15.0; }, Style::Limit});
     const Readings rise = {{0, 0}, {6, 3}, {11, 15}, {12, -1}};
-    const Canvas canvas = Drawn(rise, 5, kSpan, kArea, true, plot);
+    const Canvas canvas = Drawn(rise, 5, kSpan, kArea, GlyphSet::Braille, plot);
     EXPECT_THAT(canvas.Text(), StartsWith("Power W        -\n   15┤⠉⠉⠉⠉⠉⡏⠁\n     │    ⡜\n     │   ⡰⠁\n    0┤⡠⠔⠊⠁\n"));
     EXPECT_THAT((std::vector{canvas.At(10, 1).Look, canvas.At(11, 1).Look}), ElementsAre(Style::Limit, Style::Bar));
-    EXPECT_THAT(Drawn(rise, 5, {93.0, 112.5}, kArea, false, plot).Text(),
+    EXPECT_THAT(Drawn(rise, 5, {93.0, 112.5}, kArea, GlyphSet::Ascii, plot).Text(),
                 StartsWith("Power W       15\n   15+   ''''':'\n     |       .'\n     |      .'\n    0+   .--'\n"));
     EXPECT_THAT(Drawn(rise, 5, {60.0, 120.0}, {0, 0, 36, 6}).Text(), HasSubstr("   -60 s          -30 s          now"));
     EXPECT_THAT(Drawn(rise, 5, {-5280.0, 120.0}, {0, 0, 66, 6}).Text(),
@@ -91,7 +93,8 @@ TEST(Plot, ShowsCurvesLatestValueAndAxes) {
 TEST(Plot, StaysInItsArea) {
     for (int i = 0; i < 20 * 5; ++i) {
         const Area area = {3, 2, i % 20, i / 20};
-        Canvas canvas = Drawn({{0, 0}, {6, 3}, {19, 15}}, 10, kSpan, area, i % 3 == 0, PowerPlot(i % 2 * 15.0));
+        Canvas canvas = Drawn({{0, 0}, {6, 3}, {19, 15}}, 10, kSpan, area,
+                              i % 3 == 0 ? GlyphSet::Braille : GlyphSet::Ascii, PowerPlot(i % 2 * 15.0));
         canvas.Clear(area);
         EXPECT_EQ(canvas.Text().find_first_not_of(" \n"), std::string::npos) << area.Width << " x " << area.Height;
     }

@@ -8,6 +8,7 @@
 #include "gpu_feed/clock.h"
 #include "text/change_report.h"
 #include "text/change_text.h"
+#include "text/gpu_names.h"
 #include "text/json_format.h"
 #include "text/stream_format.h"
 #include "text/table_format.h"
@@ -60,6 +61,17 @@ TEST(TextTest, TableHasARowForEachReading) {
     EXPECT_THAT(Words(table), HasSubstr("Power W 100.0 - Power limit W 320.0 - Default power limit W 300.0 - "));
     EXPECT_EQ(SampleText({FullGpu(), SilentGpu()}, 51),
               SampleText({FullGpu()}, 0) + '\n' + SampleText({SilentGpu()}, 0));
+}
+
+TEST(TextTest, NamesOfGpusShortenFromTheFront) {
+    const std::tuple<const char*, int, const char*> cases[] = {
+        {"NVIDIA GeForce RTX 3070 Laptop GPU", 34, "NVIDIA GeForce RTX 3070 Laptop GPU"},
+        {"NVIDIA GeForce RTX 3070 Laptop GPU", 33, "GeForce RTX 3070 Laptop"},
+        {"NVIDIA GeForce RTX 3070 Laptop GPU", 22, "RTX 3070 Laptop"},
+        {"NVIDIA GeForce RTX 3070 Laptop GPU", 3, "RTX 3070 Laptop"},
+        {"NVIDIA H100 PCIe", 12, "H100 PCIe"},
+        {"NVIDIA ", 3, "NVIDIA "}};
+    for (const auto& [name, columns, expected] : cases) EXPECT_EQ(ShortName(name, columns), expected);
 }
 
 TEST(TextTest, StreamHasColumnsWithUnitsAndAsManyLimitsAsFit) {

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 
+#include <array>
 #include <clocale>
 #include <map>
 #include <utility>
@@ -33,8 +34,11 @@ FeedGpu MadeGpu(unsigned int index) {
     gpu.Latest = {kNow, 75, 100, 25, 0, 50, 3072 * kMebibyte, 4096 * kMebibyte, 0, 0, 150.0, 225.0, 250.0, 100.0, 300.0,
                   10, 2100, 2101, 9501, 1785, 2, 4, 16, -1.0, -1.0, 0x44};
     // clang-format on
-    gpu.Samples.assign(61, gpu.Latest);
-    for (int i = 0; i < 60; ++i) gpu.Samples[static_cast<size_t>(i)].TimestampSeconds = kNow - 60.0 + i;
+    GpuTelemetrySample sample = gpu.Latest;
+    for (int i = 60; i >= 0; --i) {
+        sample.TimestampSeconds = kNow - i;
+        gpu.Samples.Append(sample);
+    }
     return gpu;
 }
 
@@ -81,7 +85,7 @@ protected:
 
     Canvas Drawn(int width = 80, int height = 24) {
         Control.OnTime();
-        Canvas canvas(width, height, true);
+        Canvas canvas(width, height, GlyphSet::Braille);
         Control.Draw(&canvas, Moment());
         return canvas;
     }
@@ -164,19 +168,29 @@ q quit  ? help  t tune  Tab GPU  1-5 plots  +- zoom  space pause      last 1 min
 )");
 }
 
-TEST_F(ViewTest, PowerGaugeShowsWhatIsKnown) {
-    // Watts, limit, default, minimum, maximum.
-    const std::tuple<PowerLevels, const char*, const char*> gauges[] = {
-        {{150.0, 100.0, 100.0, 0.0, 100.0}, "█████████┃\n", "#########|\n"},
-        {{51.0, 100.0, -1.0, -1.0, -1.0}, "█████▏···┃\n", "#####....|\n"},
-        {{-1.0, 40.0, 50.0, 20.0, 100.0}, "··░░┃┆░░░░\n", "..--|:----\n"},
-        {{50.0, -1.0, -1.0, -1.0, -1.0}, "··········\n", "..........\n"}};
-    for (const auto& [levels, blocks, ascii] : gauges) {
-        for (const bool bUnicode : {true, false}) {
-            Canvas canvas(11, 1, bUnicode);
-            DrawPowerGauge(&canvas, {0, 0, 10, 1}, levels);
-            EXPECT_EQ(canvas.Text(), bUnicode ? blocks : ascii);
+TEST_F(ViewTest, GaugesAreFilledFromEndToEnd) {
+    // In each set of glyphs.
+    const std::pair<std::optional<double>, std::array<const char*, 3>> gauges[] = {
+        {std::nullopt, {"....\n", "····\n", "····\n"}},
+        {1.0 / 32.0, {"....\n", "····\n", "▏···\n"}},
+        {31.0 / 32.0, {"###.\n", "███·\n", "███▉\n"}},
+        {1.5, {"####\n", "████\n", "████\n"}}};
+    for (const auto& [fraction, expected] : gauges) {
+        for (const GlyphSet glyphs : {GlyphSet::Ascii, GlyphSet::Blocks, GlyphSet::Braille}) {
+            Canvas canvas(5, 1, glyphs);
+            DrawGauge(&canvas, {0, 0, 4, 1}, fraction);
+            EXPECT_EQ(canvas.Text(), expected[static_cast<size_t>(glyphs)]);
         }
+    }
+    // Watts, limit, default, minimum, maximum.
+    const std::pair<PowerLevels, const char*> powers[] = {{{100.0, 100.0, 100.0, 0.0, 100.0}, "█████████┃\n"},
+                                                          {{50.0, 100.0, -1.0, -1.0, -1.0}, "█████····┃\n"},
+                                                          {{-1.0, 40.0, 50.0, 20.0, 100.0}, "··░░┃┆░░░░\n"},
+                                                          {{50.0, -1.0, -1.0, -1.0, -1.0}, "··········\n"}};
+    for (const auto& [levels, expected] : powers) {
+        Canvas canvas(10, 1, GlyphSet::Braille);
+        DrawPowerGauge(&canvas, canvas.Whole(), levels);
+        EXPECT_EQ(canvas.Text(), expected);
     }
 }
 
@@ -188,7 +202,7 @@ TEST_F(ViewTest, DangersAmongTheLimitsComeFirstAndAreRed) {
     for (const auto& [reasons, text, look] : cases) {
         GpuTelemetrySample sample;
         sample.PerformanceLimitReasons = reasons;
-        Canvas canvas(21, 1, false);
+        Canvas canvas(21, 1, GlyphSet::Ascii);
         DrawLimits(&canvas, canvas.Whole(), sample);
         EXPECT_EQ(canvas.Text(), text);
         EXPECT_EQ(canvas.At(0, 0).Look, look) << text;
@@ -233,7 +247,7 @@ TEST_F(ViewTest, ManyGpusAreListedAroundTheSelectedOne) {
     SetGpus({MadeGpu(0), silent, dumb, MadeGpu(3), MadeGpu(4)});
     std::vector<GpuOnPage> pages;
     for (const auto& gpu : Data.Gpus) pages.push_back(OnPage(Moment(), gpu));
-    Canvas table(100, 4, true);
+    Canvas table(100, 4, GlyphSet::Braille);
     DrawGpuTable(&table, table.Whole(), pages, 2);
     EXPECT_EQ(table.Text(),
               R"(3 of 5 GPUs          util       vram    power    limit   temp    fan  graphics     memory  limited b
@@ -248,7 +262,7 @@ GPU 3: Made Board   100 %   3072 MiB  150.0 W  225.0 W   75 C   10 %  2100 MHz  
                                                            {46, 2, "GPU util % 1:!    2:-    3:100     3 of 5 GPUs\n"},
                                                            {46, 4, "GPU util % 2:-    3:100  4:100     3 of 5 GPUs\n"}};
     for (const auto& [width, selected, expected] : strips) {
-        Canvas strip(width, 1, true);
+        Canvas strip(width, 1, GlyphSet::Braille);
         DrawGpuStrip(&strip, strip.Whole(), pages, selected);
         EXPECT_EQ(strip.Text(), expected);
     }
@@ -265,7 +279,7 @@ TEST_F(ViewTest, ProcessesAreSortedCutAndNamed) {
         {ProcessOrder::User, 50, 2,
          "     PID        VRAM  USER*         PROCESS 2 more\n    1000       0 MiB  -             (simulated)\n"}};
     for (const auto& [order, width, height, expected] : cases) {
-        Canvas canvas(width, height, true);
+        Canvas canvas(width, height, GlyphSet::Braille);
         DrawProcesses(&canvas, canvas.Whole(), page, order);
         EXPECT_EQ(canvas.Text(), expected);
     }
@@ -316,7 +330,7 @@ TEST_F(ViewTest, ScreensShowWhatFits) {
 }
 
 TEST_F(ViewTest, CharactersOfTwoColumnsAreWholeOrNotThere) {
-    Canvas canvas(6, 1, true);
+    Canvas canvas(6, 1, GlyphSet::Braille);
     EXPECT_EQ(canvas.Put(0, 0, "a\u677f\u677f\u677f"), 5);
     EXPECT_EQ(canvas.Text(), "a\u677f\u677f\n");
     canvas.Put(2, 0, "b");

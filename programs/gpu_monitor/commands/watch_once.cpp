@@ -44,7 +44,7 @@ std::vector<GpuOnPage> FirstReadings(PolledFeed* feed, std::optional<unsigned in
 std::string PageText(const GpuOnPage& page, int width) {
     const int summary = SummaryHeight(width);
     const int processes = 1 + static_cast<int>(page.Gpu->Processes.size());
-    Canvas canvas(width, summary + processes, LocaleIsUnicode());
+    Canvas canvas(width, summary + processes, OutputGlyphs());
     DrawSummary(&canvas, {0, 0, width, summary}, page);
     DrawProcesses(&canvas, {0, summary, width, processes}, page, ProcessOrder::Memory);
     return canvas.Text();

@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstdlib>
+#include <cstring>
 
 #include "terminal/failure.h"
 
@@ -46,4 +48,12 @@ size_t OutputWidth() {
     winsize size{};
     if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) return kDefaultWidth;
     return size.ws_col;
+}
+
+GlyphSet OutputGlyphs() {
+    if (!LocaleIsUnicode()) return GlyphSet::Ascii;
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): nothing changes the environment.
+    const char* terminal = std::getenv("TERM");
+    const bool bLinuxConsole = terminal != nullptr && std::strncmp(terminal, "linux", 5) == 0;
+    return bLinuxConsole ? GlyphSet::Blocks : GlyphSet::Braille;
 }

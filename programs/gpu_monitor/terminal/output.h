@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <string>
 
+#include "view/canvas.h"
+
 /// How writing a text ended.
 enum class WriteResult {
     Written,
@@ -21,5 +23,8 @@ WriteResult WriteOutput(const std::string& text, int stopDescriptor = -1);
 
 /// The most characters per line: the width of the terminal, or 80 where output goes elsewhere.
 size_t OutputWidth();
+
+/// The characters that the locale and the kind of terminal can show.
+GlyphSet OutputGlyphs();
 
 #endif  // GPU_MONITOR_OUTPUT_H

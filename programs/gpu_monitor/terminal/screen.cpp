@@ -17,6 +17,7 @@
 #include <string>
 
 #include "terminal/failure.h"
+#include "terminal/output.h"
 #include "terminal/signals.h"
 #include "view/keys.h"
 
@@ -188,7 +189,7 @@ private:
     bool bColored = false;
 };
 
-Screen::Screen() : Terminal(std::make_unique<Curses>()), Shown(0, 0, false) {}
+Screen::Screen() : Terminal(std::make_unique<Curses>()), Shown(0, 0, GlyphSet::Ascii) {}
 
 Screen::~Screen() = default;
 
@@ -211,7 +212,7 @@ Canvas Screen::Blank() const {
     const winsize size = TerminalSize();
     // A serial line, for example, does not know its size. Then that of the environment or the kind of terminal is used.
     const bool bKnown = size.ws_col > 0 && size.ws_row > 0;
-    return {bKnown ? size.ws_col : COLS, bKnown ? size.ws_row : LINES, LocaleIsUnicode()};
+    return {bKnown ? size.ws_col : COLS, bKnown ? size.ws_row : LINES, OutputGlyphs()};
 }
 
 void Screen::Show(const Canvas& canvas) {

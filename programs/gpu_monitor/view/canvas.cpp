@@ -47,10 +47,10 @@ void AppendInLocale(wchar_t glyph, std::string* text) {
 
 }  // namespace
 
-Canvas::Canvas(int width, int height, bool bShowsUnicode)
+Canvas::Canvas(int width, int height, GlyphSet glyphs)
     : ColumnCount(std::max(width, 0)),
       RowCount(std::max(height, 0)),
-      bUnicode(bShowsUnicode),
+      Glyphs(glyphs),
       Cells(static_cast<size_t>(ColumnCount) * static_cast<size_t>(RowCount)) {}
 
 void Canvas::PutGlyph(int x, int y, wchar_t glyph, Style look) {

@@ -25,6 +25,15 @@ enum class Style : uint8_t {
     Selected,
 };
 
+/// Which characters a canvas may hold. Each set has those of the sets before it too.
+enum class GlyphSet : uint8_t {
+    Ascii,
+    /// Frames and whole blocks, which the fonts of a Linux console have.
+    Blocks,
+    /// Braille and parts of blocks.
+    Braille,
+};
+
 struct Cell {
     /// 0 in the second column of a wide character.
     wchar_t Glyph = L' ';
@@ -47,12 +56,12 @@ constexpr int kColumnGap = 2;
 /// A grid of characters that a view is drawn on; a terminal shows it, or it is printed as text.
 class Canvas {
 public:
-    /// `bShowsUnicode`: braille, blocks and frames may be drawn; otherwise only ASCII.
-    Canvas(int width, int height, bool bShowsUnicode);
+    Canvas(int width, int height, GlyphSet glyphs);
 
     int Width() const { return ColumnCount; }
     int Height() const { return RowCount; }
-    bool IsUnicode() const { return bUnicode; }
+    bool IsUnicode() const { return Glyphs != GlyphSet::Ascii; }
+    bool HasBraille() const { return Glyphs == GlyphSet::Braille; }
     Area Whole() const { return {0, 0, ColumnCount, RowCount}; }
 
     /// Draws one character, of one column, where it lies on the canvas.
@@ -82,7 +91,7 @@ private:
 
     int ColumnCount;
     int RowCount;
-    bool bUnicode;
+    GlyphSet Glyphs;
     std::vector<Cell> Cells;
 };
 

@@ -27,7 +27,7 @@ void Fill(Canvas* canvas, const Area& area, double fraction) {
     const wchar_t glyph = canvas->IsUnicode() ? kFullBlock : L'#';
     for (int i = 0; i < full; ++i) canvas->PutGlyph(area.X + i, area.Y, glyph, Style::Bar);
     // In Unicode, the blocks of seven eighths to one eighth follow the full block.
-    if (rest > 0 && canvas->IsUnicode()) {
+    if (rest > 0 && canvas->HasBraille()) {
         canvas->PutGlyph(area.X + full, area.Y, static_cast<wchar_t>(kFullBlock + kEighths - rest), Style::Bar);
     }
 }
