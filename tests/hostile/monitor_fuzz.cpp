@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <limits>
 #include <memory>
 #include <optional>
 #include <set>
@@ -251,11 +250,10 @@ private:
     }
 
     milliseconds AnyDuration() {
-        constexpr int64_t kDurations[] = {0,    1,     99,    100,
-                                          1000, 10000, 10001, std::numeric_limits<int64_t>::max(),
-                                          -1,   -1000, 5000,  std::numeric_limits<int64_t>::min()};
+        const milliseconds durations[] = {milliseconds(0), milliseconds(1000), milliseconds::min(),
+                                          milliseconds::max()};
         const uint8_t choice = Bytes.Byte();
-        return milliseconds(choice < 250 ? kDurations[choice % std::size(kDurations)] : int64_t{Bytes.Word()});
+        return choice < 250 ? durations[choice % std::size(durations)] : milliseconds(Bytes.Word());
     }
 
     double AnyWatts() {

@@ -241,6 +241,8 @@ TEST_F(ClocksTest, StatusSaysWhyClocksCannotBeLocked) {
         EXPECT_EQ(answer.Status, status);
         EXPECT_THAT(answer.SupportedPairs, IsEmpty()) << status;
         EXPECT_EQ(answer.CurrentGraphicsClockMHz, 2100) << "read nevertheless";
+        GpuClockState state;
+        EXPECT_FALSE(Monitor.CaptureClockState(&state)) << status;
     }
 }
 

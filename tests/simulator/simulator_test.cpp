@@ -28,14 +28,6 @@ protected:
         return device;
     }
 
-    /// Makes one board the only one.
-    void* HandleOfBoardWith(Workload load) {
-        Board board = DesktopBoard(0);
-        board.Load = load;
-        Sim.SetBoards({board});
-        return Handle(0);
-    }
-
     /// What a query answers that must succeed.
     template <typename... Parameters, typename... Selector>
     static unsigned int Value(NvmlReturn (*query)(NvmlDevice, Parameters...), void* device, Selector... selector) {
@@ -117,7 +109,10 @@ TEST_F(SimulatorTest, BoardsOfASeedLiveTheSameLifeHoweverOftenTheyAreAsked) {
 
 TEST_F(SimulatorTest, LimitsActOnTheBoardAndTheReasonsSaySo) {
     // Training is near full load nearly all the time.
-    void* const device = HandleOfBoardWith(Workload::Training);
+    Board board = DesktopBoard(0);
+    board.Load = Workload::Training;
+    Sim.SetBoards({board});
+    void* const device = Handle(0);
     // Until the board runs against its own limit, within a time in which any training does.
     while (ReasonsAfter(1.0) != kReasonSoftwarePowerCap) ASSERT_LT(Seconds, 600.0);
     const unsigned int clock = Value(nvmlDeviceGetClockInfo, device, kClockGraphics);
