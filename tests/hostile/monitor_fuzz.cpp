@@ -8,7 +8,6 @@
 #include <cstring>
 #include <memory>
 #include <optional>
-#include <set>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -117,10 +116,6 @@ void RequireHistory(const GpuTelemetryHistory& history) {
         if (sample.TimestampSeconds == 0.0) continue;
         Require(sample.TimestampSeconds > latest, "samples are out of order");
         latest = sample.TimestampSeconds;
-    }
-    std::set<int> pids;
-    for (const GpuProcessMemory& process : history.ProcessMemory) {
-        Require(process.Pid != 0 && pids.insert(process.Pid).second, "a process is listed twice or is none");
     }
 }
 

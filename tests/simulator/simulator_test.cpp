@@ -81,19 +81,6 @@ TEST_F(SimulatorTest, WrongArgumentsAreRefused) {
     EXPECT_THROW(Sim.FailFrom("nvmlDeviceGetFanSped", kUnknown), std::invalid_argument);
 }
 
-TEST_F(SimulatorTest, BoardsAndRightsDecideWhatCanBeDone) {
-    const std::vector<unsigned int> results = {
-        nvmlDeviceGetFanSpeed(Handle(1), &Output), nvmlDeviceGetFanSpeed(Handle(2), &Output),
-        nvmlDeviceSetPowerManagementLimit(Handle(1), 90000), nvmlDeviceSetGpuLockedClocks(Handle(3), 900, 900)};
-    EXPECT_THAT(results, Each(kNotSupported));
-    EXPECT_EQ(Value(nvmlDeviceGetTemperatureThreshold, Handle(0), kThresholdSlowdown), 97);
-    EXPECT_EQ(Value(nvmlDeviceGetMaxClockInfo, Handle(0), kClockMemory), 11201);
-    EXPECT_EQ(Value(nvmlDeviceGetMaxPcieLinkGeneration, Handle(2)), 5);
-    Sim.SetAdministratorRights(false);
-    EXPECT_EQ(nvmlDeviceSetPowerManagementLimit(Handle(0), 200000), kNoPermission);
-    EXPECT_EQ(nvmlDeviceResetGpuLockedClocks(Handle(0)), kNoPermission);
-}
-
 TEST_F(SimulatorTest, BoardsOfASeedLiveTheSameLifeHoweverOftenTheyAreAsked) {
     const auto readings = [](void* device) {
         return std::tuple(Value(nvmlDeviceGetPowerUsage, device), Value(nvmlDeviceGetTemperature, device, kSensorGpu),
@@ -133,19 +120,6 @@ TEST_F(SimulatorTest, LimitsActOnTheBoardAndTheReasonsSaySo) {
     EXPECT_EQ(nvmlDeviceResetMemoryLockedClocks(device), kSuccess);
     ReasonsAfter(60.0);
     EXPECT_GT(Value(nvmlDeviceGetClockInfo, device, kClockGraphics), 900);
-}
-
-TEST_F(SimulatorTest, LostBoardStaysLostAndTheOthersDoNot) {
-    Sim.LoseBoard(1, 2);
-    void* const lost = Handle(1);
-    EXPECT_EQ(nvmlDeviceGetPowerUsage(lost, &Output), kSuccess);
-    EXPECT_EQ(nvmlDeviceGetPowerUsage(lost, &Output), kGpuIsLost);
-    nvmlShutdown();
-    nvmlInit_v2();
-    void* device = nullptr;
-    EXPECT_EQ(nvmlDeviceGetHandleByIndex_v2(1, &device), kGpuIsLost);
-    EXPECT_EQ(nvmlDeviceGetHandleByIndex_v2(4, &device), kInvalidArgument);
-    Value(nvmlDeviceGetPowerUsage, Handle(0));
 }
 
 TEST_F(SimulatorTest, TwoThreadsInsideAreMisuseOnlyWhereForbidden) {
