@@ -165,12 +165,6 @@ void SimulatedNvml::MissNthLookup(uint64_t nth) {
     Rules().LookupsUntilMiss = nth;
 }
 
-void SimulatedNvml::LoseBoard(unsigned int board, uint64_t calls) {
-    const auto lock = Scripting();
-    RequireBoard(board);
-    Rules().CallsLeft[board] = calls;
-}
-
 void SimulatedNvml::UseRealisticDelays() {
     const auto lock = Scripting();
     Rules().UseRealisticDelays();

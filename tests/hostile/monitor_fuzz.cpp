@@ -2,6 +2,7 @@
 // kept its word. The bytes are a list of instructions: those that script the driver, and public operations.
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -109,7 +110,8 @@ void ResetDriver() {
 
 // ---- What a host may rely on ----
 
-void RequireHistory(const GpuTelemetryHistory& history) {
+/// `newer` is what `SnapshotSince` gives for `moment`.
+void RequireHistory(const GpuTelemetryHistory& history, const GpuTelemetryHistory& newer, double moment) {
     double latest = 0.0;
     for (const Sample& sample : history.Samples) {
         // A cycle whose reading finds no GPU leaves an empty sample.
@@ -117,6 +119,12 @@ void RequireHistory(const GpuTelemetryHistory& history) {
         Require(sample.TimestampSeconds > latest, "samples are out of order");
         latest = sample.TimestampSeconds;
     }
+    const auto isNewer = [moment](const Sample& sample) { return sample.TimestampSeconds > moment; };
+    const auto expected = std::count_if(history.Samples.begin(), history.Samples.end(), isNewer);
+    Require(std::count_if(newer.Samples.begin(), newer.Samples.end(), isNewer) == expected &&
+                newer.Samples.size() == static_cast<size_t>(expected),
+            "newer samples are left out, or older ones are given");
+    Require(newer.ProcessMemory.size() == history.ProcessMemory.size(), "processes are left out");
 }
 
 constexpr EntryPoint kLockGraphics = EntryPoint::nvmlDeviceSetGpuLockedClocks;
@@ -440,13 +448,18 @@ private:
         const bool bUp = Monitor->IsAvailable();
         const std::string status = Monitor->Status();
         const std::vector<GpuTelemetryHistory> histories = Monitor->Snapshot();
+        const bool bSampled = !histories.empty() && !histories[0].Samples.empty();
+        const double middle = bSampled ? histories[0].Samples[histories[0].Samples.size() / 2].TimestampSeconds : 0.0;
+        const double moment = std::array{middle, -1.0, std::nan("")}.at(activity % 3);
+        const std::vector<GpuTelemetryHistory> newer = Monitor->SnapshotSince(moment);
+        Require(newer.size() == histories.size(), "the newer samples are of other GPUs");
+        for (size_t i = 0; i < newer.size(); ++i) RequireHistory(histories[i], newer[i], moment);
         Require(Sim().Use().Activity == activity, "an observer used the driver");
         const LibraryUse use = Sim().Use();
         const unsigned int open = bUp ? 1 : 0;
         Require(use.OpenLibraries == open && use.Initializations == open, "the library is not open as it should be");
         Require(!bSamplerRuns || bUp, "a sampler runs without NVML");
         Require(sampler_clock::WaitsBegun() == WaitsSeen, "the sampler woke without a reason");
-        for (const GpuTelemetryHistory& history : histories) RequireHistory(history);
         const bool bActive = status == "NVML active: " + std::to_string(histories.size()) + " NVIDIA GPU(s).";
         Require(!bUp || (bActive && histories.back().Device.Index < Nvml().DeviceCount()),
                 "the GPUs are not those that NVML counted");
