@@ -121,6 +121,15 @@ TEST_F(WatchTest, OncePrintsTheViewOfEveryGpu) {
     EXPECT_THAT(oneLost.Screen(), HasSubstr("no data yet"));
 }
 
+TEST_F(WatchTest, PageOfAllGpusScrollsAndGpusAreSelectedByNumber) {
+    View view(Watch("=16"));
+    view.Press("a", {"15 of 16 GPUs", "  1-6 of "});
+    view.Press("\x1b[6~", {"  7-12 of "});
+    view.Press("\x1bOF\x1b[5~\x1bOH\x1b[6~\x1b[6~", {"  13-18 of "});
+    view.Press("g12\r\r", {"GPU 12: NVIDIA H100 PCIe  "});
+    view.Press("a\x1bOB\r", {"GPU 13: NVIDIA GeForce GTX 680  "});
+}
+
 TEST_F(WatchTest, LogGetsEverySampleOnceAndGoesOn) {
     const auto lines = [this] {
         std::ifstream file(State);
@@ -209,7 +218,7 @@ TEST_F(WatchTest, DriverThatHangsLeavesTheViewToTheUser) {
     View view(Watch(" --interval 100", Kept));
     view.Press("", {"  live, every"});
     const int driver = HoldDriver();
-    view.Press("?", {"no data since ", "Any key closes"});
+    view.Press("?", {"The driver has not answered for ", "Any key closes"});
     view.Press(" -t", {" 2 min\n", "Asking what can be changed"});
     view.Type("\x1bq");
     view.ExpectEnd(0);

@@ -52,8 +52,7 @@ std::string WayBackText(const FeedData& data, const TuningDialog& dialog) {
 Dialog WaitDialog(const FeedMoment& moment, const std::string& what, const char* keys) {
     Dialog dialog = {"", {{what + " ..."}}, keys};
     if (moment.DriverSilence >= 1.0) {
-        dialog.Lines.push_back(
-            {"The driver has not answered for " + Number(moment.DriverSilence, 0) + " s.", Style::Warning});
+        dialog.Lines.push_back({DriverSilenceText(moment.DriverSilence), Style::Warning});
     }
     return dialog;
 }
