@@ -2,7 +2,6 @@
 // kept its word. The bytes are a list of instructions: those that script the driver, and public operations.
 
 #include <algorithm>
-#include <array>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -120,10 +119,9 @@ void RequireHistory(const GpuTelemetryHistory& history, const GpuTelemetryHistor
         latest = sample.TimestampSeconds;
     }
     const auto isNewer = [moment](const Sample& sample) { return sample.TimestampSeconds > moment; };
-    const auto expected = std::count_if(history.Samples.begin(), history.Samples.end(), isNewer);
-    Require(std::count_if(newer.Samples.begin(), newer.Samples.end(), isNewer) == expected &&
-                newer.Samples.size() == static_cast<size_t>(expected),
-            "newer samples are left out, or older ones are given");
+    const auto count = std::count_if(history.Samples.begin(), history.Samples.end(), isNewer);
+    Require(newer.Samples.size() == static_cast<size_t>(count), "newer samples are left out, or older ones given");
+    Require(std::all_of(newer.Samples.begin(), newer.Samples.end(), isNewer), "an older sample is given");
     Require(newer.ProcessMemory.size() == history.ProcessMemory.size(), "processes are left out");
 }
 
@@ -448,12 +446,12 @@ private:
         const bool bUp = Monitor->IsAvailable();
         const std::string status = Monitor->Status();
         const std::vector<GpuTelemetryHistory> histories = Monitor->Snapshot();
-        const bool bSampled = !histories.empty() && !histories[0].Samples.empty();
-        const double middle = bSampled ? histories[0].Samples[histories[0].Samples.size() / 2].TimestampSeconds : 0.0;
-        const double moment = std::array{middle, -1.0, std::nan("")}.at(activity % 3);
-        const std::vector<GpuTelemetryHistory> newer = Monitor->SnapshotSince(moment);
-        Require(newer.size() == histories.size(), "the newer samples are of other GPUs");
-        for (size_t i = 0; i < newer.size(); ++i) RequireHistory(histories[i], newer[i], moment);
+        const double now = std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+        for (const double moment : {-1.0, 0.0, now - 3.0, std::nan("")}) {
+            const std::vector<GpuTelemetryHistory> newer = Monitor->SnapshotSince(moment);
+            Require(newer.size() == histories.size(), "the newer samples are of other GPUs");
+            for (size_t i = 0; i < newer.size(); ++i) RequireHistory(histories[i], newer[i], moment);
+        }
         Require(Sim().Use().Activity == activity, "an observer used the driver");
         const LibraryUse use = Sim().Use();
         const unsigned int open = bUp ? 1 : 0;
