@@ -227,7 +227,8 @@ TEST_F(WatchTest, SignalsAndALostTerminalTakeChangesBack) {
 }
 
 TEST_F(WatchTest, WhatAKilledViewHasLeftIsReportedUntilItIsUndone) {
-    for (const char* const command : {"undo", "reset-power"}) {
+    for (const auto& [command, answer] :
+         {std::pair("undo --json", "\"went back to: default power limit\""), {"reset-power", "In force  320 W"}}) {
         View view(Watch("", Kept));
         view.SetPower();
         View(Command("undo")).ExpectEnd(0, "Nothing to undo.");
@@ -239,7 +240,7 @@ TEST_F(WatchTest, WhatAKilledViewHasLeftIsReportedUntilItIsUndone) {
                        "GPU 0 (NVIDIA GeForce RTX 4080): a program that has ended left this changed: power limit "
                        "250 W.\nTo undo it: gpu_monitor undo --simulate=1\n");
         EXPECT_TRUE(IsLimit("250000"));
-        View(Command(command)).ExpectEnd(0);
+        View(Command(command)).ExpectEnd(0, answer);
         EXPECT_TRUE(IsLimit("320000"));
         View(Command("undo")).ExpectEnd(0, "Nothing to undo.");
     }

@@ -101,7 +101,7 @@ private:
             const std::string gpu = GpuInSentence(change.Device);
             if (!change.Error.empty()) std::cerr << gpu << ": " << change.Error << '\n';
             const std::string outcome = NoteOf(change.Report);
-            if (!outcome.empty()) text += gpu + ' ' + outcome + ".\n";
+            if (!outcome.empty()) text.append(gpu).append(" ").append(outcome).append(".\n");
         }
         WriteOutput(bJson ? UndoneJson(changes) : text);
     }
