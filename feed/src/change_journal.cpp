@@ -234,6 +234,12 @@ std::vector<NotedChange> ChangeJournal::LeftChanges() const {
     return left;
 }
 
+void ChangeJournal::ForgetLeftChanges(const GpuDeviceInfo& device, TuningControl control) const {
+    for (const NotedChange& noted : LeftChanges()) {
+        if (noted.Device.Uuid == Harmless(device.Uuid) && noted.Set.Control() == control) Remove(noted);
+    }
+}
+
 /// All of this boot, the latest first.
 std::vector<NotedChange> ChangeJournal::ReadNotes() const {
     const std::string bootId = BootId();

@@ -121,8 +121,10 @@ std::future<TuningResult> MonitorFeed::TakeAllBack() {
 std::string MonitorFeed::LeaveChanges() const {
     std::string problem;
     for (const TuningRecord& record : Latest()->Tuning) {
-        const std::string failure = record.IsOutstanding() ? Worker->Journal().Remove(record) : "";
+        if (!record.IsOutstanding()) continue;
+        const std::string failure = Worker->Journal().Remove(record);
         if (!failure.empty()) problem = failure;
+        Worker->Journal().ForgetLeftChanges(record.Device, record.InForce.Control());
     }
     return problem;
 }

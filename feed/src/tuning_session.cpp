@@ -67,6 +67,8 @@ TuningResult TuningSession::Make(NvmlGpuMonitor* monitor, const std::string& gpu
         wayBack ? MakeNoted(monitor, {gpuKey, device, *wayBack, *wayBack, *wayBack}, change, keepSeconds, onNoted)
                 : Apply(monitor, device.Index, change);
     result.PowerBefore = powerBefore;
+    const bool bStays = !wayBack && result.Result == GpuClockOperationResult::Success;
+    if (bStays) Notes.ForgetLeftChanges(device, change.Control());
     return result;
 }
 

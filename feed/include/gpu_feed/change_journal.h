@@ -52,6 +52,9 @@ public:
     /// nobody else can write. Removes what was noted before the system was started.
     std::vector<NotedChange> LeftChanges() const;
 
+    /// Removes what programs that do not run any more have noted of this setting: the user has decided about it anew.
+    void ForgetLeftChanges(const GpuDeviceInfo& device, TuningControl control) const;
+
 private:
     std::vector<NotedChange> ReadNotes() const;
 

@@ -114,8 +114,9 @@ public:
     /// then says what could not go back. Otherwise nothing was tried.
     std::future<TuningResult> TakeAllBack();
 
-    /// Removes the journal's notes of the changes that are in force, because they are to outlast the program. Call it
-    /// at the end, before `Stop`. Result: empty, or a sentence for the user.
+    /// Removes the journal's notes of the settings that the program has changed, those that ended programs have left
+    /// too, because its changes are to outlast it. Call it at the end, before `Stop`. Result: empty, or a sentence for
+    /// the user.
     std::string LeaveChanges() const;
 
     /// Takes back what was not kept, shuts NVML down and ends the thread.

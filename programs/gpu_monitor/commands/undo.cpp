@@ -38,10 +38,15 @@ struct LeftChange {
     NotedChange Noted;
 };
 
-std::vector<LeftChange> LeftChanges() {
+/// Where changes are noted that concern this user.
+std::vector<fs::path> JournalFolders() {
     const bool bUsual = NamedFolder() == nullptr && !IsNvmlSimulated();
+    return bUsual ? DefaultJournalFolders() : std::vector{JournalFolder()};
+}
+
+std::vector<LeftChange> LeftChanges() {
     std::vector<LeftChange> left;
-    for (const fs::path& folder : bUsual ? DefaultJournalFolders() : std::vector{JournalFolder()}) {
+    for (const fs::path& folder : JournalFolders()) {
         const ChangeJournal journal(folder);
         for (const NotedChange& noted : journal.LeftChanges()) left.push_back({journal, noted});
     }
@@ -155,7 +160,5 @@ int RunUndo(bool bJson) {
 }
 
 void ForgetLeftChanges(const GpuDeviceInfo& device, TuningControl control) {
-    for (const auto& [journal, noted] : LeftChanges()) {
-        if (noted.Device.Uuid == device.Uuid && noted.Set.Control() == control) journal.Remove(noted);
-    }
+    for (const fs::path& folder : JournalFolders()) ChangeJournal(folder).ForgetLeftChanges(device, control);
 }
