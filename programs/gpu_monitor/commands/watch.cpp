@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <optional>
+#include <utility>
 
 #include "commands/polled_feed.h"
 #include "commands/take_back.h"
@@ -90,7 +91,7 @@ private:
             screen.AllowSuspending(!HasChanges(*moment.Data));
             Canvas canvas = screen.Blank();
             Control.Draw(&canvas, moment);
-            screen.Show(canvas);
+            screen.Show(std::move(canvas));
             if (!Wait(*moment.Data)) return ViewEnd::TakeChangesBack;
             for (int key = screen.ReadKey(); key != NoKey; key = screen.ReadKey()) Control.OnKey(key);
         }

@@ -33,18 +33,6 @@ std::vector<WideCharacter> Characters(const std::string& text) {
     return characters;
 }
 
-void AppendInLocale(wchar_t glyph, std::string* text) {
-    char bytes[MB_LEN_MAX];
-    mbstate_t state{};
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): it has a state of its own.
-    const size_t count = wcrtomb(bytes, glyph, &state);
-    if (count == static_cast<size_t>(-1)) {
-        *text += '?';
-    } else {
-        text->append(bytes, count);
-    }
-}
-
 }  // namespace
 
 Canvas::Canvas(int width, int height, GlyphSet glyphs)
@@ -93,6 +81,18 @@ std::string Canvas::Text() const {
         text += line + '\n';
     }
     return text;
+}
+
+void AppendInLocale(wchar_t glyph, std::string* text) {
+    char bytes[MB_LEN_MAX];
+    mbstate_t state{};
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): it has a state of its own.
+    const size_t count = wcrtomb(bytes, glyph, &state);
+    if (count == static_cast<size_t>(-1)) {
+        *text += '?';
+    } else {
+        text->append(bytes, count);
+    }
 }
 
 int ColumnsOf(const std::string& text) {
