@@ -71,13 +71,21 @@ Look FixedColorLook(Style style) {
     return look;
 }
 
-std::string SequenceOf(const Look& look) {
-    std::string sequence = ControlSequence(exit_attribute_mode);
-    if (look.bBold) sequence += ControlSequence(enter_bold_mode);
-    if (look.bUnderlined) sequence += ControlSequence(enter_underline_mode);
-    if (look.bReversed) sequence += ControlSequence(enter_reverse_mode);
-    if (look.Color >= 0) sequence += ControlSequence(tiparm(set_a_foreground, look.Color));
+/// What has to be sent in look `from` to write in look `to`.
+std::string Transition(const Look& from, const Look& to) {
+    const bool bEnds = (from.bBold && !to.bBold) || (from.bUnderlined && !to.bUnderlined) ||
+                       (from.bReversed && !to.bReversed) || (from.Color >= 0 && to.Color < 0);
+    const Look before = bEnds ? Look{false, false, false, -1} : from;
+    std::string sequence = bEnds ? ControlSequence(exit_attribute_mode) : "";
+    if (to.bBold && !before.bBold) sequence += ControlSequence(enter_bold_mode);
+    if (to.bUnderlined && !before.bUnderlined) sequence += ControlSequence(enter_underline_mode);
+    if (to.bReversed && !before.bReversed) sequence += ControlSequence(enter_reverse_mode);
+    if (to.Color != before.Color) sequence += ControlSequence(tiparm(set_a_foreground, to.Color));
     return sequence;
+}
+
+size_t Index(Style style) {
+    return static_cast<size_t>(style);
 }
 
 }  // namespace
@@ -94,55 +102,80 @@ Painter::Painter(bool bMayColor) {
     constexpr int kFixedColors = 256;
     const bool bColored = bMayColor && set_a_foreground != nullptr && max_colors >= kPaletteColors;
     const auto lookOf = !bColored ? PlainLook : max_colors >= kFixedColors ? FixedColorLook : PaletteLook;
-    for (size_t i = 0; i < kStyleCount; ++i) StyleSequences[i] = SequenceOf(lookOf(static_cast<Style>(i)));
+    for (size_t to = 0; to < kStyleCount; ++to) {
+        const Look look = lookOf(static_cast<Style>(to));
+        MarksBlanks[to] = look.bUnderlined || look.bReversed;
+        for (size_t from = 0; from < kStyleCount; ++from) {
+            Transitions[from][to] = Transition(lookOf(static_cast<Style>(from)), look);
+        }
+    }
 }
 
 std::string Painter::Changes(const Canvas& shown, const Canvas& canvas) {
     Text.clear();
     PenX = canvas.Width();
-    // Writing to the last cell would scroll some terminals.
-    const bool bLastCellScrolls = auto_right_margin && !eat_newline_glitch;
-    for (int y = 0; y < canvas.Height(); ++y) {
-        const int end = canvas.Width() - (bLastCellScrolls && y + 1 == canvas.Height() ? 1 : 0);
-        for (int x = 0; x < end; ++x) {
-            if (canvas.At(x, y).Glyph == 0 || canvas.At(x, y) == shown.At(x, y)) continue;
-            Reach(canvas, x, y);
-            Paint(canvas, x, y);
+    const std::vector<Change> changes = ChangesOf(shown, canvas);
+    // Style by style, because going on to another place of the same style is shorter than another style.
+    for (size_t i = 0; i < kStyleCount; ++i) {
+        for (const Change& change : changes) {
+            if (change.Look == static_cast<Style>(i)) Paint(canvas, change);
         }
     }
     TakeStyle(Style::Normal);
     return std::move(Text);
 }
 
-/// A few characters are written again where that is shorter than moving over them.
-void Painter::Reach(const Canvas& canvas, int x, int y) {
-    constexpr int kShortGap = 5;
-    const auto isCheap = [&](int column) {
-        const Cell& cell = canvas.At(column, y);
-        return cell.Look == PenStyle && cell.Glyph != 0 && cell.Glyph < 0x80;
-    };
-    bool bRewrite = y == PenY && x >= PenX && x - PenX <= kShortGap;
-    for (int column = PenX; bRewrite && column < x; ++column) bRewrite = isCheap(column);
-    if (bRewrite) {
-        while (PenX < x) Paint(canvas, PenX, y);
-    } else if (y == PenY && PenX < canvas.Width() && column_address != nullptr) {
-        Text += ControlSequence(tiparm(column_address, x));
-    } else {
-        Text += ControlSequence(tiparm(cursor_address, y, x));
+std::vector<Painter::Change> Painter::ChangesOf(const Canvas& shown, const Canvas& canvas) const {
+    std::vector<Change> changes;
+    Style previous = Style::Normal;
+    for (int y = 0; y < canvas.Height(); ++y) {
+        for (int x = 0; x < canvas.Width(); ++x) {
+            const Cell& cell = canvas.At(x, y);
+            if (cell.Glyph == 0 || LookTheSame(cell, shown.At(x, y))) continue;
+            // A blank is written together with what is beside it.
+            if (!LookTheSame(cell, {cell.Glyph, previous})) previous = cell.Look;
+            changes.push_back({x, y, previous});
+        }
     }
+    // Writing to the last cell would scroll some terminals.
+    const bool bLastCellScrolls = auto_right_margin && !eat_newline_glitch;
+    const bool bLastCell =
+        !changes.empty() && changes.back().Y + 1 == canvas.Height() && changes.back().X + 1 == canvas.Width();
+    if (bLastCellScrolls && bLastCell) changes.pop_back();
+    return changes;
+}
+
+bool Painter::LookTheSame(const Cell& a, const Cell& b) const {
+    const bool bBlank = a.Glyph == L' ' && !MarksBlanks[Index(a.Look)] && !MarksBlanks[Index(b.Look)];
+    return a.Glyph == b.Glyph && (a.Look == b.Look || bBlank);
+}
+
+void Painter::Paint(const Canvas& canvas, const Change& change) {
+    TakeStyle(change.Look);
+    MoveTo(canvas, change.X, change.Y);
+    AppendInLocale(canvas.At(change.X, change.Y).Glyph, &Text);
+    const bool bWide = change.X + 1 < canvas.Width() && canvas.At(change.X + 1, change.Y).Glyph == 0;
+    PenX += bWide ? 2 : 1;
+}
+
+/// On the way, characters are written again where that is shorter than moving over them.
+void Painter::MoveTo(const Canvas& canvas, int x, int y) {
+    if (y == PenY && x == PenX) return;
+    bool bWritten = y == PenY && x > PenX && parm_right_cursor != nullptr;
+    const char* const move = bWritten ? tiparm(parm_right_cursor, x - PenX) : tiparm(cursor_address, y, x);
+    const std::string sequence = ControlSequence(move);
+    std::string again;
+    for (int column = PenX; bWritten && column < x; ++column) {
+        const Cell& cell = canvas.At(column, y);
+        if (cell.Glyph != 0) AppendInLocale(cell.Glyph, &again);
+        bWritten = LookTheSame(cell, {cell.Glyph, PenStyle}) && again.size() <= sequence.size();
+    }
+    Text += bWritten ? again : sequence;
     PenX = x;
     PenY = y;
 }
 
-void Painter::Paint(const Canvas& canvas, int x, int y) {
-    const Cell& cell = canvas.At(x, y);
-    TakeStyle(cell.Look);
-    AppendInLocale(cell.Glyph, &Text);
-    const bool bWide = x + 1 < canvas.Width() && canvas.At(x + 1, y).Glyph == 0;
-    PenX += bWide ? 2 : 1;
-}
-
 void Painter::TakeStyle(Style style) {
-    if (style != PenStyle) Text += StyleSequences[static_cast<size_t>(style)];
+    Text += Transitions[Index(PenStyle)][Index(style)];
     PenStyle = style;
 }

@@ -3,6 +3,7 @@
 
 #include <array>
 #include <string>
+#include <vector>
 
 #include "view/canvas.h"
 
@@ -20,11 +21,23 @@ public:
     std::string Changes(const Canvas& shown, const Canvas& canvas);
 
 private:
-    void Reach(const Canvas& canvas, int x, int y);
-    void Paint(const Canvas& canvas, int x, int y);
+    /// A cell to write, in the style of the canvas or, if it is blank, in another one that does not show on it.
+    struct Change {
+        int X;
+        int Y;
+        Style Look;
+    };
+
+    bool LookTheSame(const Cell& a, const Cell& b) const;
+    std::vector<Change> ChangesOf(const Canvas& shown, const Canvas& canvas) const;
+    void Paint(const Canvas& canvas, const Change& change);
+    void MoveTo(const Canvas& canvas, int x, int y);
     void TakeStyle(Style style);
 
-    std::array<std::string, kStyleCount> StyleSequences;
+    /// What is sent between one style and another.
+    std::array<std::array<std::string, kStyleCount>, kStyleCount> Transitions;
+    /// Whether a blank in this style is seen.
+    std::array<bool, kStyleCount> MarksBlanks{};
 
     // Of the text in progress. The pen is where the next character goes; after the last column that is not known.
     std::string Text;
