@@ -344,7 +344,7 @@ public:
     /// Works in every state and never starts NVML: empty before the first start, the last data after a stop or a pause.
     /// A start that fails after NVML reported GPUs leaves it empty.
     /// Cost: up to 6000 samples per GPU are copied while the sampler waits, about 1 MiB and half a millisecond for each
-    /// GPU. Call it once per interval at most.
+    /// GPU. Call it once per interval at most; `SnapshotSince` copies what is new.
     /// Threads: any thread, any time; waits for a cycle in progress.
     /// Ownership: the copy is the caller's and shares nothing with the monitor.
     std::vector<GpuTelemetryHistory> Snapshot() const;
@@ -476,6 +476,18 @@ public:
     /// Threads: any thread, any time; waits for a cycle in progress.
     /// Ownership: the caller owns `*output`, and nothing in it points back into the monitor.
     bool ReadCurrentSample(unsigned int deviceIndex, GpuTelemetrySample* output);
+
+    /// As `Snapshot`, but of each GPU only the samples that are newer than `timestampSeconds`. Devices and process
+    /// lists are always there.
+    ///
+    /// `timestampSeconds` is in the seconds of `GpuTelemetrySample::TimestampSeconds`. To follow the histories, pass
+    /// the newest timestamp over all GPUs that the call before returned: a cycle is seen whole or not at all, so
+    /// nothing is left out and nothing comes twice. A start empties the histories; samples taken after it are newer all
+    /// the same. Result: the samples whose `TimestampSeconds` is greater than `timestampSeconds`, oldest first. Samples
+    /// without a moment (0.0) are among them only for a negative argument, and NaN gives no samples. Cost: what is
+    /// returned, however many samples are kept; each history is searched from its newest sample back. Threads and
+    /// ownership: as `Snapshot`.
+    std::vector<GpuTelemetryHistory> SnapshotSince(double timestampSeconds) const;
 
 private:
     /// Body of the sampler thread: the initial delay, then cycles with a wait after each.

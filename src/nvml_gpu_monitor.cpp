@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstring>
 #include <initializer_list>
+#include <iterator>
 #include <new>
 #include <set>
 #include <unordered_map>
@@ -504,6 +505,20 @@ void AppendSample(const GpuTelemetrySample& sample, std::deque<GpuTelemetrySampl
     while (samples->size() > kMaxHistorySamples) samples->pop_front();
 }
 
+/// The samples that are newer than `timestampSeconds`. The search goes back from the newest one and past those without
+/// a moment, and ends at the first one that is not newer.
+std::deque<GpuTelemetrySample> SamplesSince(const std::deque<GpuTelemetrySample>& samples, double timestampSeconds) {
+    // No moment is newer than NaN.
+    const auto isNew = [=](const GpuTelemetrySample& sample) { return sample.TimestampSeconds > timestampSeconds; };
+    const auto isOld = [=](const GpuTelemetrySample& sample) {
+        return sample.TimestampSeconds != 0.0 && !isNew(sample);
+    };
+    std::deque<GpuTelemetrySample> newer;
+    std::copy_if(std::find_if(samples.rbegin(), samples.rend(), isOld).base(), samples.end(), std::back_inserter(newer),
+                 isNew);
+    return newer;
+}
+
 // ---- Results of changes ----
 
 /// Writes why an operation failed, if the host asked for the sentence.
@@ -808,6 +823,16 @@ void NvmlGpuMonitor::SetInitialSampleDelay(std::chrono::milliseconds delay) {
 std::vector<GpuTelemetryHistory> NvmlGpuMonitor::Snapshot() const {
     const std::lock_guard<std::mutex> lock(Mutex);
     return Histories;
+}
+
+std::vector<GpuTelemetryHistory> NvmlGpuMonitor::SnapshotSince(double timestampSeconds) const {
+    const std::lock_guard<std::mutex> lock(Mutex);
+    std::vector<GpuTelemetryHistory> copies;
+    copies.reserve(Histories.size());
+    for (const GpuTelemetryHistory& history : Histories) {
+        copies.push_back({history.Device, SamplesSince(history.Samples, timestampSeconds), history.ProcessMemory});
+    }
+    return copies;
 }
 
 // ---- Tuning ----

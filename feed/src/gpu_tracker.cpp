@@ -70,7 +70,7 @@ FeedGpu GpuTracker::FollowOne(GpuTelemetryHistory history, std::string key, doub
     FeedGpu gpu;
     gpu.Key = std::move(key);
     gpu.Device = std::move(history.Device);
-    gpu.Samples = std::move(history.Samples);
+    for (const GpuTelemetrySample& sample : history.Samples) gpu.Samples.Append(sample);
     gpu.Processes = Describe(history.ProcessMemory);
     const auto before =
         std::find_if(Published.begin(), Published.end(), [&gpu](const auto& each) { return each->Key == gpu.Key; });
@@ -87,7 +87,7 @@ FeedGpu GpuTracker::FollowOne(GpuTelemetryHistory history, std::string key, doub
     return gpu;
 }
 
-double GpuTracker::PeriodOf(const std::deque<GpuTelemetrySample>& samples) const {
+double GpuTracker::PeriodOf(const SampleHistory& samples) const {
     if (samples.size() < 2) return 0.0;
     const double previous = samples[samples.size() - 2].TimestampSeconds;
     return previous < PeriodsSince ? 0.0 : samples.back().TimestampSeconds - previous;

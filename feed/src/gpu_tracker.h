@@ -2,7 +2,6 @@
 #define GPU_TRACKER_H
 
 #include <chrono>
-#include <deque>
 #include <functional>
 #include <memory>
 #include <string>
@@ -43,7 +42,7 @@ private:
     /// The GPUs of `histories`, with what is known of them from before.
     std::vector<FeedGpu> Follow(std::vector<GpuTelemetryHistory> histories, double now) const;
     FeedGpu FollowOne(GpuTelemetryHistory history, std::string key, double now) const;
-    double PeriodOf(const std::deque<GpuTelemetrySample>& samples) const;
+    double PeriodOf(const SampleHistory& samples) const;
     double LongestPeriod(const std::vector<GpuTelemetryHistory>& histories, double now) const;
     /// Result: the GPU with the newest sample; null when no sample is new.
     std::shared_ptr<const FeedGpu> Publish(std::vector<FeedGpu> gpus);

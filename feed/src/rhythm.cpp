@@ -21,7 +21,7 @@ double Rhythm::AfterStart(double now) const {
     return now + kMarginSeconds;
 }
 
-double Rhythm::AfterNewSample(const std::deque<GpuTelemetrySample>& samples, double now) {
+double Rhythm::AfterNewSample(const SampleHistory& samples, double now) {
     RetrySeconds = kFirstRetrySeconds;
     // The cycle has ended by now, so the next one starts within the interval. That bounds the guess when the last two
     // samples lie far apart because the process was suspended.

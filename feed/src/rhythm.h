@@ -2,9 +2,8 @@
 #define RHYTHM_H
 
 #include <chrono>
-#include <deque>
 
-#include "nvml_gpu_monitor.h"
+#include "gpu_feed/sample_history.h"
 
 namespace gpu_feed {
 
@@ -18,7 +17,7 @@ public:
     double AfterStart(double now) const;
 
     /// The moment to look again after a look at `now` that found a new sample, the last of `samples`.
-    double AfterNewSample(const std::deque<GpuTelemetrySample>& samples, double now);
+    double AfterNewSample(const SampleHistory& samples, double now);
 
     /// The moment to look again after a look at `now` that found nothing new.
     double AfterNothing(double now);

@@ -5,6 +5,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "rhythm.h"
 
 namespace {
@@ -26,6 +28,12 @@ GpuTelemetrySample Sample(double seconds, int temperatureC = 50) {
 GpuTelemetryHistory History(const std::string& uuid, Samples samples, const std::string& busId = "",
                             unsigned int index = 0) {
     return {{"", index, uuid, busId, "", "", "", 0}, std::move(samples), {}};
+}
+
+SampleHistory Kept(const Samples& samples) {
+    SampleHistory history;
+    for (const GpuTelemetrySample& sample : samples) history.Append(sample);
+    return history;
 }
 
 auto HasKey(const std::string& key) {
@@ -102,16 +110,40 @@ TEST_F(GpuTrackerTest, PeriodsAreMeasuredFromNewSamplesAndBoundedAfterASuspensio
     EXPECT_THAT(Tracker.Gpus(), ElementsAre(HasPeriod(10.25)));
 }
 
+TEST(SampleHistoryTest, DropsTheOldestAndSharesItsSamplesWithCopiesThatDoNotChange) {
+    SampleHistory history;
+    std::vector<SampleHistory> copies;
+    for (int i = 0; i < 6700; ++i) {
+        if (i % 67 == 0) copies.push_back(history);
+        history.Append(Sample(i), {10.0 * i, 0.5 * i});
+    }
+    for (size_t end = 0; end < 6700; end += 67) {
+        const SampleHistory& copy = copies[end / 67];
+        ASSERT_EQ(copy.size(), std::min<size_t>(end, 6000));
+        auto expected = static_cast<double>(end - copy.size());
+        for (size_t i = 0; i < copy.size(); ++i, ++expected) {
+            ASSERT_EQ(copy[i].TimestampSeconds, expected) << end;
+            ASSERT_EQ(copy.EnergyAt(i).Seconds, 0.5 * expected) << end;
+        }
+    }
+    // One that has gone on by itself from a place within a block.
+    copies[3].Append(Sample(-1.0));
+    EXPECT_EQ(copies[3].back().TimestampSeconds, -1.0);
+    EXPECT_EQ(copies[4][201].TimestampSeconds, 201.0);
+    EXPECT_EQ(&copies[4][201], &copies[50][201]);
+    EXPECT_EQ(copies[3].rbegin()[1].TimestampSeconds, 200.0);
+}
+
 TEST(RhythmTest, LooksComeSoonAfterTheBeginningOfACycleAndRarelyWhenThereIsNothing) {
     Rhythm rhythm(milliseconds(1000));
     EXPECT_DOUBLE_EQ(rhythm.AfterStart(10.0), 10.005);
-    EXPECT_DOUBLE_EQ(rhythm.AfterNewSample({Sample(10.0)}, 10.25), 11.255);
-    EXPECT_DOUBLE_EQ(rhythm.AfterNewSample({Sample(10.0), Sample(11.125)}, 11.2), 12.205);
-    EXPECT_DOUBLE_EQ(rhythm.AfterNewSample({Sample(1.0), Sample(10.0), Sample(11.0)}, 11.5), 12.005);
+    EXPECT_DOUBLE_EQ(rhythm.AfterNewSample(Kept({Sample(10.0)}), 10.25), 11.255);
+    EXPECT_DOUBLE_EQ(rhythm.AfterNewSample(Kept({Sample(10.0), Sample(11.125)}), 11.2), 12.205);
+    EXPECT_DOUBLE_EQ(rhythm.AfterNewSample(Kept({Sample(1.0), Sample(10.0), Sample(11.0)}), 11.5), 12.005);
     for (const double wait : {0.01, 0.02, 0.04, 0.08, 0.16, 0.32, 0.64, 1.0, 1.0}) {
         EXPECT_DOUBLE_EQ(rhythm.AfterNothing(20.0), 20.0 + wait);
     }
-    rhythm.AfterNewSample({Sample(21.0)}, 21.0);
+    rhythm.AfterNewSample(Kept({Sample(21.0)}), 21.0);
     EXPECT_DOUBLE_EQ(rhythm.AfterNothing(30.0), 30.01);
 }
 

@@ -115,13 +115,6 @@ TEST_F(FeedTest, StartsWithoutBeingWaitedForAndGivesSamplesOfEveryGpu) {
     EXPECT_TRUE(WaitFor([this] { return Gpu()->PeriodSeconds >= 0.5; }));
 }
 
-TEST_F(FeedTest, WithoutADriverItIsUnavailableAndSaysWhy) {
-    Sim.RemoveLibrary();
-    Start(milliseconds(100));
-    EXPECT_TRUE(WaitForState(FeedState::Unavailable));
-    EXPECT_EQ(Feed->Latest()->Status, "NVML unavailable / NVIDIA GPU monitoring disabled.");
-}
-
 TEST_F(FeedTest, WithoutAThreadForTheSamplerItIsUnavailableUntilItResumes) {
     StartPaused();
     sampler_clock::RefuseThreads(1);

@@ -12,7 +12,6 @@
 #include <chrono>
 #include <limits>
 
-#include "gpu_feed/clock_groups.h"
 #include "gpu_feed/limit_reasons.h"
 #include "process_names.h"
 #include "sampler_clock.h"
@@ -61,11 +60,6 @@ TEST(ReadingsTest, LimitReasonsThatProtectTheGpuAreADanger) {
         "idle, application clocks, power cap, hardware slowdown, sync boost, thermal, hardware thermal, power brake, "
         "display clocks, 0xfffffffffffffe00, ");
     EXPECT_THAT(LimitReasons(0), IsEmpty());
-}
-
-TEST(ReadingsTest, ClocksAreGroupedByMemoryClock) {
-    EXPECT_THAT(GroupByMemoryClock({{300, 810}, {1500, 810}, {1500, 5001}}),
-                ElementsAre(Pair(5001, ElementsAre(1500)), Pair(810, ElementsAre(300, 1500))));
 }
 
 TEST(ProcessNamesTest, ProcessesOfThisSystemHaveNameAndUserTheLargestFirst) {

@@ -24,10 +24,12 @@ Plot PowerPlot(double highest = 15.0) {
 
 Canvas Drawn(const Readings& readings, double interval, const TimeSpan& span = kSpan, const Area& area = kArea,
              GlyphSet glyphs = GlyphSet::Braille, const Plot& plot = PowerPlot()) {
-    std::deque<GpuTelemetrySample> samples(readings.size());
-    for (size_t i = 0; i < readings.size(); ++i) {
-        samples[i].TimestampSeconds = kSpan.From + 1.0 + readings[i].first;
-        samples[i].PowerWatts = readings[i].second;
+    gpu_feed::SampleHistory samples;
+    for (const auto& [time, watts] : readings) {
+        GpuTelemetrySample sample;
+        sample.TimestampSeconds = kSpan.From + 1.0 + time;
+        sample.PowerWatts = watts;
+        samples.Append(sample);
     }
     Canvas canvas(area.X + area.Width + 1, area.Y + area.Height + 1, glyphs);
     DrawPlot(&canvas, area, plot, samples, span, interval);

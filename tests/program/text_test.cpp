@@ -8,6 +8,7 @@
 #include "gpu_feed/clock.h"
 #include "text/change_report.h"
 #include "text/change_text.h"
+#include "text/gpu_names.h"
 #include "text/json_format.h"
 #include "text/stream_format.h"
 #include "text/table_format.h"
@@ -51,22 +52,26 @@ std::string Words(std::string text) {
 
 TEST(TextTest, TableHasARowForEachReading) {
     const std::string table = SampleText({FullGpu(), SilentGpu()}, 52);
-    EXPECT_EQ(Words(table),
-              "GPU 3: Board? GPU 12: Old GPU 3 GPU 12 GPU utilization % 7 - Memory utilization % 8 - "
-              "Encoder utilization % 9 - Decoder utilization % 10 - VRAM used MiB 1000 - VRAM total MiB 2000 - "
-              "BAR1 used MiB 16 - BAR1 total MiB 256 - Power W 100.0 - Power limit W 320.0 - "
-              "Default power limit W 300.0 - Minimum power limit W 100.0 - Maximum power limit W 350.5 - "
-              "Temperature C 61 - Fan % 41 - Graphics clock MHz 1500 - SM clock MHz 1501 - Memory clock MHz 5001 - "
-              "Video clock MHz 1200 - Performance state 2 - PCIe generation 4 - PCIe width lanes 16 - "
-              "PCIe receive MiB/s 1.5 - PCIe transmit MiB/s 12.2 - Frame time ms 8.33 - "
-              "Limited by power cap, - thermal");
     EXPECT_THAT(table, AllOf(StartsWith("GPU 3: Board?\nGPU 12: Old\n\n"
                                         "                                  GPU 3       GPU 12\n"
                                         "GPU utilization      %                7            -\n"),
-                             EndsWith("Limited by                   power cap,            -\n"
+                             EndsWith("Frame time           ms            8.33            -\n"
+                                      "Limited by                   power cap,            -\n"
                                       "                                thermal             \n")));
+    EXPECT_THAT(Words(table), HasSubstr("Power W 100.0 - Power limit W 320.0 - Default power limit W 300.0 - "));
     EXPECT_EQ(SampleText({FullGpu(), SilentGpu()}, 51),
               SampleText({FullGpu()}, 0) + '\n' + SampleText({SilentGpu()}, 0));
+}
+
+TEST(TextTest, NamesOfGpusShortenFromTheFront) {
+    const std::tuple<const char*, int, const char*> cases[] = {
+        {"NVIDIA GeForce RTX 3070 Laptop GPU", 34, "NVIDIA GeForce RTX 3070 Laptop GPU"},
+        {"NVIDIA GeForce RTX 3070 Laptop GPU", 33, "GeForce RTX 3070 Laptop"},
+        {"NVIDIA GeForce RTX 3070 Laptop GPU", 22, "RTX 3070 Laptop"},
+        {"NVIDIA GeForce RTX 3070 Laptop GPU", 3, "RTX 3070 Laptop"},
+        {"NVIDIA H100 PCIe", 12, "H100 PCIe"},
+        {"NVIDIA ", 3, "NVIDIA "}};
+    for (const auto& [name, columns, expected] : cases) EXPECT_EQ(ShortName(name, columns), expected);
 }
 
 TEST(TextTest, StreamHasColumnsWithUnitsAndAsManyLimitsAsFit) {

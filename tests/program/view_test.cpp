@@ -34,8 +34,11 @@ FeedGpu MadeGpu(unsigned int index) {
     gpu.Latest = {kNow, 75, 100, 25, 0, 50, 3072 * kMebibyte, 4096 * kMebibyte, 0, 0, 150.0, 225.0, 250.0, 100.0, 300.0,
                   10, 2100, 2101, 9501, 1785, 2, 4, 16, -1.0, -1.0, 0x44};
     // clang-format on
-    gpu.Samples.assign(61, gpu.Latest);
-    for (int i = 0; i < 60; ++i) gpu.Samples[static_cast<size_t>(i)].TimestampSeconds = kNow - 60.0 + i;
+    GpuTelemetrySample sample = gpu.Latest;
+    for (int i = 60; i >= 0; --i) {
+        sample.TimestampSeconds = kNow - i;
+        gpu.Samples.Append(sample);
+    }
     return gpu;
 }
 

@@ -156,14 +156,7 @@ TEST_F(WatchTest, SignalsAndALostTerminalTakeChangesBack) {
         view.ExpectEnd(0, "going back to: default power limit");
         EXPECT_TRUE(IsLimit("320000")) << signal;
     }
-    View view(Watch("", Kept));
-    view.SetPower();
-    view.HangUp();
-    EXPECT_EQ(view.WaitForExit(), 0);
-    EXPECT_TRUE(IsLimit("320000"));
-}
-
-TEST_F(WatchTest, ShellThatIsClosedTakesChangesBack) {
+    // With its shell, as when a window is closed.
     View shell("exec env " + Kept + " bash --norc -i");
     shell.Press("'" GPU_MONITOR "' watch --simulate\n", {"  live"});
     shell.SetPower();

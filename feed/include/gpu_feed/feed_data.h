@@ -3,11 +3,11 @@
 
 #include <chrono>
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "gpu_feed/sample_history.h"
 #include "gpu_feed/tuning_change.h"
 #include "nvml_gpu_monitor.h"
 
@@ -62,8 +62,8 @@ struct FeedGpu {
     std::string Key;
     /// Which GPU this is.
     GpuDeviceInfo Device;
-    /// The whole history, oldest first.
-    std::deque<GpuTelemetrySample> Samples;
+    /// The whole history.
+    SampleHistory Samples;
     /// Those that used video memory at the latest look, largest first.
     std::vector<FeedProcess> Processes;
     /// The newest sample with any reading; its `TimestampSeconds` is 0 when there is no such sample.

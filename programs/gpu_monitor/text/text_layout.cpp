@@ -1,24 +1,32 @@
 #include "text/text_layout.h"
 
-#include <iomanip>
-#include <sstream>
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <limits>
+
+namespace {
+
+/// The spaces that bring `text` to `width` characters.
+std::string Padding(const std::string& text, int width) {
+    return std::string(static_cast<size_t>(std::max(width - static_cast<int>(text.size()), 0)), ' ');
+}
+
+}  // namespace
 
 std::string Number(double value, int decimals) {
-    std::ostringstream text;
-    text << std::fixed << std::setprecision(decimals) << value;
-    return text.str();
+    // The largest number, its sign and point, and more decimals than anything here has.
+    std::array<char, std::numeric_limits<double>::max_exponent10 + 32> text{};
+    char* const begin = text.data();
+    return {begin, std::to_chars(begin, begin + text.size(), value, std::chars_format::fixed, decimals).ptr};
 }
 
 std::string Left(const std::string& text, int width) {
-    std::ostringstream padded;
-    padded << std::left << std::setw(width) << text;
-    return padded.str();
+    return text + Padding(text, width);
 }
 
 std::string Right(const std::string& text, int width) {
-    std::ostringstream padded;
-    padded << std::setw(width) << text;
-    return padded.str();
+    return Padding(text, width) + text;
 }
 
 std::string Printable(std::string text) {

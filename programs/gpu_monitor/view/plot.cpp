@@ -175,7 +175,7 @@ using Samples = std::vector<const GpuTelemetrySample*>;
 
 /// The samples that took place, oldest first: those of the span and two before it. A line enters the span from the
 /// second of these, unless the first one shows that there is a gap.
-Samples SamplesFor(const TimeSpan& span, const std::deque<GpuTelemetrySample>& all) {
+Samples SamplesFor(const TimeSpan& span, const gpu_feed::SampleHistory& all) {
     Samples samples;
     int before = 0;
     for (auto sample = all.rbegin(); sample != all.rend() && before < 2; ++sample) {
@@ -324,7 +324,7 @@ Area PlaceOfField(const Area& area, int margin) {
 
 }  // namespace
 
-void DrawPlot(Canvas* canvas, const Area& area, const Plot& plot, const std::deque<GpuTelemetrySample>& samples,
+void DrawPlot(Canvas* canvas, const Area& area, const Plot& plot, const gpu_feed::SampleHistory& samples,
               const TimeSpan& span, double interval) {
     if (area.Width <= 0 || area.Height <= 0) return;
     const Samples shown = SamplesFor(span, samples);

@@ -1,13 +1,12 @@
 #ifndef GPU_MONITOR_PLOT_H
 #define GPU_MONITOR_PLOT_H
 
-#include <deque>
 #include <functional>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "nvml_gpu_monitor.h"
+#include "gpu_feed/sample_history.h"
 #include "view/canvas.h"
 
 /// One curve: a value of each sample, empty where it was not read.
@@ -36,7 +35,7 @@ struct TimeSpan {
 /// Draws `plot` into `area`: a line with title, unit and latest value, the curves between labels of the vertical axis,
 /// and below them the time axis. `interval`: the seconds between two samples now. A curve has a gap where samples
 /// are missing for much longer, and where a value was not read.
-void DrawPlot(Canvas* canvas, const Area& area, const Plot& plot, const std::deque<GpuTelemetrySample>& samples,
+void DrawPlot(Canvas* canvas, const Area& area, const Plot& plot, const gpu_feed::SampleHistory& samples,
               const TimeSpan& span, double interval);
 
 #endif  // GPU_MONITOR_PLOT_H

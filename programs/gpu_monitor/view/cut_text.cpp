@@ -1,0 +1,13 @@
+#include "view/cut_text.h"
+
+wchar_t CutMark(const Canvas& canvas) {
+    return canvas.IsUnicode() ? L'\u2026' : L'~';
+}
+
+int PutCut(Canvas* canvas, const Area& area, const std::string& text, Style look) {
+    if (area.Width <= 0) return area.X;
+    if (ColumnsOf(text) <= area.Width) return canvas->Put(area.X, area.Y, text, look);
+    const int end = canvas->Put(area.X, area.Y, text, look, area.Width - 1);
+    canvas->PutGlyph(end, area.Y, CutMark(*canvas), look);
+    return end + 1;
+}
