@@ -87,6 +87,8 @@ table() {
     done
     for boards in 1 8 64; do compare "start and stop, $boards GPU" us "StartAndStop/$boards cpu_time"; done
     compare 'memory per GPU, full: its samples' KiB 'FullHistory/8 bytes_per_gpu' 'FullHistory/8 bytes_of_samples'
+    compare 'memory per GPU, full, with the feed: 2.2 MiB' KiB 'FullHistoryAndFeed/8 bytes_per_gpu' 'allowed bytes' 1.00
+    compare 'look of the feed, 8 GPU, full: 60 samples' us 'LookWith/6000 real_time' 'LookWith/60 real_time' 1.10
     for run in SnapshotWait/{1,4}/{1000,100}; do
         compare "${run//\// }: median, 99th percentile" ms "$run median_ms" "$run p99_ms"
     done
@@ -96,13 +98,15 @@ table() {
 "$root/scripts/setup.sh" test
 echo 'bench: building' >&2
 (cd -- "$root" && quietly cmake --preset release &&
-    quietly cmake --build "$build" --target sample_bench cycle_bench snapshot_bench memory_bench wait_bench)
+    quietly cmake --build "$build" --target sample_bench cycle_bench snapshot_bench memory_bench look_bench wait_bench)
 measure_library
 
 measure sample_bench --benchmark_repetitions=40 --benchmark_min_time=0.02
 measure cycle_bench --benchmark_repetitions=20 --benchmark_min_time=0.01
 measure snapshot_bench --benchmark_repetitions=40 --benchmark_min_time=0.02
 measure memory_bench
+measured['allowed bytes']=$((22 * 1024 * 1024 / 10))
+measure look_bench --benchmark_repetitions=20
 # Times that a driver's delays decide: not repeated, but many calls.
 measure wait_bench --benchmark_min_time=10
 table

@@ -359,3 +359,9 @@ NvmlReturn Handle(EntryPoint name, unsigned int index, NvmlDevice* device) {
 #define EXPORT(name, shape) EXPORT_##shape(name)
 SIMULATED_NVML_ENTRY_POINTS(EXPORT)
 // NOLINTEND(readability-identifier-naming)
+
+extern "C" {
+/// Lets a program see that the library it has loaded is the simulator.
+extern SIMULATED_NVML_EXPORT const bool kSimulatedNvml;
+const bool kSimulatedNvml = true;
+}

@@ -132,7 +132,7 @@ void FeedWorker::LookSoon() {
 void FeedWorker::Look() {
     std::shared_ptr<const FeedGpu> newest;
     Attempt([&] {
-        std::vector<GpuTelemetryHistory> histories = TakeSnapshot();
+        std::vector<GpuTelemetryHistory> histories = TakeNews();
         newest = Tracker.Look(std::move(histories), NowSeconds());
     });
     const double now = NowSeconds();
@@ -141,9 +141,9 @@ void FeedWorker::Look() {
     if (newest != nullptr) Shared.SignalChange();
 }
 
-std::vector<GpuTelemetryHistory> FeedWorker::TakeSnapshot() {
+std::vector<GpuTelemetryHistory> FeedWorker::TakeNews() {
     const DriverUse use(this);
-    return Monitor.Snapshot();
+    return Monitor.SnapshotSince(Tracker.NewestMoment());
 }
 
 // ---- What requests ask for ----

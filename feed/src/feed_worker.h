@@ -60,7 +60,7 @@ private:
     void TakeBackOverdue(double now);
     void LookSoon();
     void Look();
-    std::vector<GpuTelemetryHistory> TakeSnapshot();
+    std::vector<GpuTelemetryHistory> TakeNews();
     void PublishState(FeedState state, const std::string& status);
     void Publish();
 

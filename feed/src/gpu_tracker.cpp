@@ -22,69 +22,84 @@ std::string FreeKey(const GpuDeviceInfo& device, const std::vector<FeedGpu>& oth
     return bTaken ? key + ' ' + device.PciBusId + '#' + std::to_string(device.Index) : key;
 }
 
-/// Makes the newest sample with a reading the latest one. Result: false when no sample since the last look has any.
-bool TakeLatest(FeedGpu* gpu) {
-    const auto isKnown = [gpu](const GpuTelemetrySample& sample) {
-        return sample.TimestampSeconds <= gpu->Latest.TimestampSeconds;
-    };
-    const auto firstKnown = std::find_if(gpu->Samples.rbegin(), gpu->Samples.rend(), isKnown);
-    const auto newest = std::find_if(gpu->Samples.rbegin(), firstKnown, HasAnyReading);
-    if (newest == firstKnown) return false;
-    gpu->Latest = *newest;
-    return true;
+/// Whether a history, which begins empty when NVML is started, still has the newest of the samples that are known.
+bool GoesOn(const SampleHistory& known, const std::deque<GpuTelemetrySample>& history) {
+    return !known.empty() && std::any_of(history.rbegin(), history.rend(), [&known](const GpuTelemetrySample& sample) {
+        return sample.TimestampSeconds == known.back().TimestampSeconds;
+    });
 }
 
 }  // namespace
 
 GpuTracker::GpuTracker(std::chrono::milliseconds interval, DescribeProcesses describe)
-    : Interval(interval), Describe(std::move(describe)) {}
+    : Interval(interval), Describe(std::move(describe)), LongestInterval(interval) {}
 
 void GpuTracker::SetInterval(std::chrono::milliseconds interval, double now) {
     Interval = interval;
+    LongestInterval = std::max(LongestInterval, Interval);
     PeriodsSince = now;
 }
 
 void GpuTracker::Begin(std::vector<GpuTelemetryHistory> histories, double now) {
     PeriodsSince = now;
-    std::vector<FeedGpu> gpus = Follow(std::move(histories), now);
+    std::vector<FeedGpu> gpus = Follow(std::move(histories), true, now);
     for (FeedGpu& gpu : gpus) gpu.SilentSince = 0.0;
     Publish(std::move(gpus));
 }
 
 std::shared_ptr<const FeedGpu> GpuTracker::Look(std::vector<GpuTelemetryHistory> histories, double now) {
-    return Publish(Follow(std::move(histories), now));
+    return Publish(Follow(std::move(histories), false, now));
 }
 
-std::vector<FeedGpu> GpuTracker::Follow(std::vector<GpuTelemetryHistory> histories, double now) const {
+std::vector<FeedGpu> GpuTracker::Follow(std::vector<GpuTelemetryHistory> histories, bool bWhole, double now) const {
     const double longestPeriod = LongestPeriod(histories, now);
     std::vector<FeedGpu> gpus;
+    gpus.reserve(histories.size());
     for (GpuTelemetryHistory& history : histories) {
-        std::string key = FreeKey(history.Device, gpus);
-        FeedGpu& gpu = gpus.emplace_back(FollowOne(std::move(history), std::move(key), now));
-        gpu.PeriodSeconds = std::min(PeriodOf(gpu.Samples), longestPeriod);
+        FeedGpu& gpu = gpus.emplace_back(Recall(FreeKey(history.Device, gpus)));
+        gpu.Device = std::move(history.Device);
+        gpu.Processes = Describe(history.ProcessMemory);
+        if (bWhole && !GoesOn(gpu.Samples, history.Samples)) gpu.Samples = {};
+        if (AddNew(history.Samples, longestPeriod, &gpu)) {
+            gpu.SilentSince = 0.0;
+        } else if (gpu.SilentSince == 0.0) {
+            // Not the moment of the last reading: after the process was suspended, that one is old and nothing is
+            // wrong.
+            gpu.SilentSince = now;
+        }
+        gpu.PeriodSeconds =
+            std::min(PeriodOf(gpu.Samples), history.Samples.empty() ? gpu.PeriodSeconds : longestPeriod);
     }
     return gpus;
 }
 
-FeedGpu GpuTracker::FollowOne(GpuTelemetryHistory history, std::string key, double now) const {
+FeedGpu GpuTracker::Recall(const std::string& key) const {
     FeedGpu gpu;
-    gpu.Key = std::move(key);
-    gpu.Device = std::move(history.Device);
-    for (const GpuTelemetrySample& sample : history.Samples) gpu.Samples.Append(sample);
-    gpu.Processes = Describe(history.ProcessMemory);
+    gpu.Key = key;
     const auto before =
-        std::find_if(Published.begin(), Published.end(), [&gpu](const auto& each) { return each->Key == gpu.Key; });
-    if (before != Published.end()) {
-        gpu.Latest = (*before)->Latest;
-        gpu.SilentSince = (*before)->SilentSince;
-    }
-    if (TakeLatest(&gpu)) {
-        gpu.SilentSince = 0.0;
-    } else if (gpu.SilentSince == 0.0) {
-        // Not the moment of the last reading: after the process was suspended, that one is old and nothing is wrong.
-        gpu.SilentSince = now;
-    }
+        std::find_if(Published.begin(), Published.end(), [&key](const auto& each) { return each->Key == key; });
+    if (before == Published.end()) return gpu;
+    gpu.Samples = (*before)->Samples;
+    gpu.Latest = (*before)->Latest;
+    gpu.PeriodSeconds = (*before)->PeriodSeconds;
+    gpu.SilentSince = (*before)->SilentSince;
+    gpu.Energy = (*before)->Energy;
     return gpu;
+}
+
+bool GpuTracker::AddNew(const std::deque<GpuTelemetrySample>& samples, double longestPeriod, FeedGpu* gpu) const {
+    const double period = std::max({longestPeriod, gpu->PeriodSeconds, LongestInterval.count()});
+    const double known = gpu->Samples.empty() ? 0.0 : gpu->Samples.back().TimestampSeconds;
+    bool bRead = false;
+    for (const GpuTelemetrySample& sample : samples) {
+        if (sample.TimestampSeconds <= known) continue;
+        if (!gpu->Samples.empty()) gpu->Energy = CountEnergy(gpu->Energy, gpu->Samples.back(), sample, period);
+        gpu->Samples.Append(sample, gpu->Energy);
+        if (!HasAnyReading(sample)) continue;
+        gpu->Latest = sample;
+        bRead = true;
+    }
+    return bRead;
 }
 
 double GpuTracker::PeriodOf(const SampleHistory& samples) const {
@@ -114,6 +129,7 @@ std::shared_ptr<const FeedGpu> GpuTracker::Publish(std::vector<FeedGpu> gpus) {
         if (gpu->Samples.empty() || gpu->Samples.back().TimestampSeconds <= NewestSeen) continue;
         newest = gpu;
         NewestSeen = gpu->Samples.back().TimestampSeconds;
+        LongestInterval = Interval;
     }
     return newest;
 }

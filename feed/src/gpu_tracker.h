@@ -2,6 +2,7 @@
 #define GPU_TRACKER_H
 
 #include <chrono>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <string>
@@ -27,21 +28,29 @@ public:
     /// Measures periods anew, from samples that are not older than `now`.
     void SetInterval(std::chrono::milliseconds interval, double now);
 
-    /// Takes over what the histories hold when sampling begins or goes on at `now`. No GPU counts as silent then, and
-    /// periods are measured anew.
+    /// Takes over the whole `histories` when sampling begins or goes on at `now`. What is known of a GPU's samples goes
+    /// on if its history still has the newest of them; otherwise NVML has been started anew, and it begins again. No
+    /// GPU counts as silent then, and periods are measured anew.
     void Begin(std::vector<GpuTelemetryHistory> histories, double now);
 
-    /// Takes over what a look at `now` has found. Result: the GPU with the newest sample; null when no sample is new.
-    /// After an exception, everything is as before.
+    /// Takes over what a look at `now` has found: histories with at least the samples that are newer than
+    /// `NewestMoment`. Result: the GPU with the newest sample; null when no sample is new. After an exception,
+    /// everything is as before.
     std::shared_ptr<const FeedGpu> Look(std::vector<GpuTelemetryHistory> histories, double now);
+
+    /// The timestamp of the newest sample of any GPU; 0 while there is no sample.
+    double NewestMoment() const { return NewestSeen; }
 
     /// In the order of the latest histories.
     const GpuList& Gpus() const { return Published; }
 
 private:
-    /// The GPUs of `histories`, with what is known of them from before.
-    std::vector<FeedGpu> Follow(std::vector<GpuTelemetryHistory> histories, double now) const;
-    FeedGpu FollowOne(GpuTelemetryHistory history, std::string key, double now) const;
+    /// The GPUs of `histories`, with what is known of them from before. `bWhole`: the histories are whole.
+    std::vector<FeedGpu> Follow(std::vector<GpuTelemetryHistory> histories, bool bWhole, double now) const;
+    /// What is known of a GPU from before, without its device and its processes.
+    FeedGpu Recall(const std::string& key) const;
+    /// Adds the new ones of `samples`. Result: whether one of them has a reading.
+    bool AddNew(const std::deque<GpuTelemetrySample>& samples, double longestPeriod, FeedGpu* gpu) const;
     double PeriodOf(const SampleHistory& samples) const;
     double LongestPeriod(const std::vector<GpuTelemetryHistory>& histories, double now) const;
     /// Result: the GPU with the newest sample; null when no sample is new.
@@ -52,8 +61,9 @@ private:
     GpuList Published;
     /// Older samples say nothing about the period.
     double PeriodsSince = 0.0;
-    /// The timestamp of the newest sample of any GPU.
     double NewestSeen = 0.0;
+    /// The longest interval that was in force since then.
+    std::chrono::duration<double> LongestInterval;
 };
 
 }  // namespace gpu_feed

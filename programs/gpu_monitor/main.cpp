@@ -7,12 +7,9 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <exception>
-#include <iostream>
 
 #include "commands/command_line.h"
-#include "commands/polled_feed.h"
-#include "terminal/failure.h"
+#include "commands/silent_driver.h"
 
 namespace {
 
@@ -21,19 +18,6 @@ namespace {
 void OccupyStandardStreams() {
     for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor) {
         if (fcntl(descriptor, F_GETFD) == -1) static_cast<void>(open("/dev/null", O_RDONLY));
-    }
-}
-
-/// Result: the exit status.
-int RunAndPrintFailure(int argc, char** argv) {
-    try {
-        return RunCommandLine(argc, argv);
-    } catch (const Failure& failure) {
-        std::cerr << failure.what() << '\n';
-        return failure.ExitStatus;
-    } catch (const std::exception& error) {
-        std::cerr << "Unexpected failure: " << error.what() << ".\n";
-        return kExitFailure;
     }
 }
 
@@ -46,7 +30,7 @@ int main(int argc, char** argv) {
     setlocale(LC_CTYPE, "");
     // When the reader of the output ends early, writing returns an error instead.
     signal(SIGPIPE, SIG_IGN);
-    const int status = RunAndPrintFailure(argc, argv);
+    const int status = RunCommandLine(argc, argv);
     if (IsDriverLeftBehind()) std::_Exit(status);
     return status;
 }

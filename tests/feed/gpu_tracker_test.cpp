@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <sstream>
 
 #include "rhythm.h"
 
@@ -18,8 +19,9 @@ using Samples = std::deque<GpuTelemetrySample>;
 
 constexpr int kNoReading = -1;
 
-GpuTelemetrySample Sample(double seconds, int temperatureC = 50) {
+GpuTelemetrySample Sample(double seconds, int temperatureC = 50, double watts = 200.0) {
     GpuTelemetrySample sample;
+    sample.PowerWatts = temperatureC == kNoReading ? -1.0 : watts;
     sample.TimestampSeconds = seconds;
     sample.TemperatureC = temperatureC;
     return sample;
@@ -49,6 +51,17 @@ protected:
     /// Of the first GPU: when its latest reading was taken, and since when it is silent.
     std::pair<double, double> Times() const {
         return {Tracker.Gpus().at(0)->Latest.TimestampSeconds, Tracker.Gpus().at(0)->SilentSince};
+    }
+
+    /// What is kept of each GPU: key, index, energy and the moments of its samples.
+    std::string Known() const {
+        std::ostringstream text;
+        for (const auto& gpu : Tracker.Gpus()) {
+            text << gpu->Key << '#' << gpu->Device.Index << " J" << gpu->Energy.Joules << ':';
+            for (const GpuTelemetrySample& sample : gpu->Samples) text << ' ' << sample.TimestampSeconds;
+            text << "; ";
+        }
+        return text.str();
     }
 
     bool bMemoryLeft = true;
@@ -95,6 +108,7 @@ TEST_F(GpuTrackerTest, PeriodsAreMeasuredFromNewSamplesAndBoundedAfterASuspensio
     Tracker.Look({History("a", {Sample(98.0), Sample(100.0)}), History("b", {Sample(100.0)})}, 100.1);
     EXPECT_THAT(Tracker.Gpus(), ElementsAre(HasPeriod(0.0), HasPeriod(0.0)));
     Tracker.Look({History("a", {Sample(100.0), Sample(101.25)}), History("b", {Sample(100.5), Sample(101.5)})}, 101.6);
+    Tracker.Look({History("a", {}), History("b", {})}, 101.7);
     EXPECT_THAT(Tracker.Gpus(), ElementsAre(HasPeriod(1.25), HasPeriod(1.0)));
     // The cycle over both began 0.5 s ago. The lost GPU, which has no new sample, does not count.
     const auto newest =
@@ -110,6 +124,58 @@ TEST_F(GpuTrackerTest, PeriodsAreMeasuredFromNewSamplesAndBoundedAfterASuspensio
     EXPECT_THAT(Tracker.Gpus(), ElementsAre(HasPeriod(10.25)));
 }
 
+TEST_F(GpuTrackerTest, HistoryAndEnergyGoOnByKeyAndANewStartOfNvmlEmptiesTheHistory) {
+    Tracker.Begin({History("a", {}), History("b", {}, "", 1)}, 1.0);
+    EXPECT_EQ(Tracker.NewestMoment(), 0.0);
+    Tracker.Look({History("a", {Sample(2.0)}), History("b", {Sample(2.25)}, "", 1)}, 2.5);
+    EXPECT_EQ(Tracker.NewestMoment(), 2.25);
+    // "b" is lost.
+    Tracker.Look({History("a", {Sample(3.0)}), History("b", {}, "", 1)}, 3.5);
+    const GpuTracker::GpuList before = Tracker.Gpus();
+    EXPECT_EQ(Known(), "a#0 J200: 2 3; b#1 J0: 2.25; ");
+    // After a pause, with a sample that no look has seen.
+    Tracker.Begin({History("a", {Sample(2.0), Sample(3.0), Sample(4.0)}), History("b", {Sample(2.25)}, "", 1)}, 5.0);
+    EXPECT_EQ(Known(), "a#0 J400: 2 3 4; b#1 J0: 2.25; ");
+    // After a new start of NVML, which gave the GPUs other indices.
+    Tracker.Begin({History("b", {}), History("a", {Sample(7.0)}, "", 1)}, 6.5);
+    EXPECT_EQ(Known(), "b#0 J0:; a#1 J400: 7; ");
+    EXPECT_EQ(Tracker.Gpus()[0]->Latest.TimestampSeconds, 2.25);
+    Tracker.Look({History("b", {Sample(8.0)}), History("a", {Sample(8.0)}, "", 1)}, 8.5);
+    EXPECT_EQ(Known(), "b#0 J0: 8; a#1 J600: 7 8; ");
+    EXPECT_EQ(before[0]->Samples.size(), 2);
+}
+
+TEST(EnergyTest, IsCountedBetweenPowerReadingsThatAreNotFartherApartThanThreePeriods) {
+    struct Case {
+        const char* Name;
+        /// From a sample to the look that finds it.
+        double Delay;
+        /// A moment and watts; without a moment: milliseconds of a new interval.
+        std::vector<std::pair<double, double>> Samples;
+        double Joules;
+        double Seconds;
+    };
+    const Case cases[] = {{"a slope", 0.01, {{10, 100}, {11, 200}, {12, 200}}, 350, 2},
+                          {"not read", 0.01, {{10, 100}, {11, -1}, {12, 100}, {13, 100}}, 100, 1},
+                          {"three periods", 0.01, {{10, 100}, {13, 100}, {16.1, 100}, {17.1, 100}}, 400, 4},
+                          {"slow cycles", 4, {{10, 100}, {15, 100}, {20, 100}}, 1000, 10},
+                          {"quicker", 0.01, {{10, 9}, {0, 100}, {12, 9}, {12.125, 9}, {12.625, 9}}, 19.125, 2.125},
+                          {"slower", 0.01, {{10, 9}, {0, 10000}, {40, 9}}, 270, 30}};
+    for (const Case& each : cases) {
+        GpuTracker tracker(milliseconds(1000), [](const auto&) { return std::vector<FeedProcess>(); });
+        for (const auto& [moment, value] : each.Samples) {
+            if (moment == 0.0) {
+                tracker.SetInterval(milliseconds(static_cast<int>(value)), 0.0);
+            } else {
+                tracker.Look({History("a", {Sample(moment, 50, value)})}, moment + each.Delay);
+            }
+        }
+        const FeedGpu& gpu = *tracker.Gpus().at(0);
+        EXPECT_DOUBLE_EQ(gpu.Energy.Joules, each.Joules) << each.Name;
+        EXPECT_DOUBLE_EQ(gpu.Samples.EnergyAt(gpu.Samples.size() - 1).Seconds, each.Seconds) << each.Name;
+    }
+}
+
 TEST(SampleHistoryTest, DropsTheOldestAndSharesItsSamplesWithCopiesThatDoNotChange) {
     SampleHistory history;
     std::vector<SampleHistory> copies;
@@ -120,8 +186,8 @@ TEST(SampleHistoryTest, DropsTheOldestAndSharesItsSamplesWithCopiesThatDoNotChan
     for (size_t end = 0; end < 6700; end += 67) {
         const SampleHistory& copy = copies[end / 67];
         ASSERT_EQ(copy.size(), std::min<size_t>(end, 6000));
-        auto expected = static_cast<double>(end - copy.size());
-        for (size_t i = 0; i < copy.size(); ++i, ++expected) {
+        for (size_t i = 0; i < copy.size(); ++i) {
+            const auto expected = static_cast<double>(end - copy.size() + i);
             ASSERT_EQ(copy[i].TimestampSeconds, expected) << end;
             ASSERT_EQ(copy.EnergyAt(i).Seconds, 0.5 * expected) << end;
         }
@@ -164,7 +230,7 @@ TEST(FeedMomentTest, StateOfAGpuFollowsFromItsReadingsTheSilenceOfTheDriverAndTh
         {FeedState::Paused, 0.1, 100.0, 109.0, 0.0, GpuState::NoData, false},
         {FeedState::Unavailable, 0.1, 100.0, 109.0, 0.0, GpuState::Unavailable, false}};
     for (const auto& [state, period, latest, silentSince, driverSilence, expected, bHanging] : cases) {
-        const FeedGpu gpu = {"", {}, {}, {}, Sample(latest), period, silentSince};
+        const FeedGpu gpu = {"", {}, {}, {}, Sample(latest), period, silentSince, {}};
         const FeedData data = {state, "", {}, 100.0, 110.0, {std::make_shared<const FeedGpu>(gpu)}, {}};
         const FeedMoment moment = {std::make_shared<const FeedData>(data), 120.0, {}, driverSilence, false};
         EXPECT_EQ(StateOf(moment, gpu), expected) << latest << ' ' << silentSince;

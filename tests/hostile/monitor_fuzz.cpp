@@ -4,6 +4,7 @@
 #include <dlfcn.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -279,6 +280,24 @@ void RequireHistories(const std::vector<GpuTelemetryHistory>& histories) {
         const GpuDeviceInfo& device = histories[i].Device;
         Require(i == 0 || histories[i - 1].Device.Index < device.Index, "the GPUs are out of order");
         Require(device.DriverVersion == histories[0].Device.DriverVersion, "the GPUs' drivers differ");
+    }
+}
+
+/// `since` is what `SnapshotSince` gives for `moment`, `histories` what `Snapshot` gives.
+void RequireSince(double moment, const std::vector<GpuTelemetryHistory>& since,
+                  const std::vector<GpuTelemetryHistory>& histories) {
+    Require(since.size() == histories.size(), "the newer samples are of other GPUs");
+    for (size_t i = 0; i < since.size(); ++i) {
+        Require(since[i].Device.Index == histories[i].Device.Index, "the newer samples are of another GPU");
+        Require(since[i].ProcessMemory.size() == histories[i].ProcessMemory.size(), "processes are left out");
+        auto next = since[i].Samples.begin();
+        for (const Sample& sample : histories[i].Samples) {
+            if (!(sample.TimestampSeconds > moment)) continue;
+            Require(next != since[i].Samples.end() && next->TimestampSeconds == sample.TimestampSeconds,
+                    "a newer sample is left out");
+            ++next;
+        }
+        Require(next == since[i].Samples.end(), "a sample that is not newer is given");
     }
 }
 
@@ -760,6 +779,10 @@ private:
         const bool bUp = Monitor->IsAvailable();
         const std::string status = Monitor->Status();
         const std::vector<GpuTelemetryHistory> histories = Monitor->Snapshot();
+        const bool bSampled = !histories.empty() && !histories[0].Samples.empty();
+        const double middle = bSampled ? histories[0].Samples[histories[0].Samples.size() / 2].TimestampSeconds : 0.0;
+        const double moment = std::array{middle, -1.0, std::nan("")}.at(activity % 3);
+        RequireSince(moment, Monitor->SnapshotSince(moment), histories);
         Require(Sim().Use().Activity == activity, "an observer used the driver");
         const LibraryUse use = Sim().Use();
         const unsigned int open = bUp ? 1 : 0;

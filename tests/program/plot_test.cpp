@@ -19,7 +19,7 @@ using Readings = std::vector<std::pair<double, double>>;
 
 Plot PowerPlot(double highest = 15.0) {
     const auto watts = [](const auto& s) { return s.PowerWatts == -1.0 ? std::nullopt : std::optional(s.PowerWatts); };
-    return {"Power", "W", {{watts, Style::Bar}}, 0.0, highest, 0};
+    return {"Power", "W", {{watts, Style::Bar}}, highest};
 }
 
 Canvas Drawn(const Readings& readings, double interval, const TimeSpan& span = kSpan, const Area& area = kArea,
@@ -29,10 +29,10 @@ Canvas Drawn(const Readings& readings, double interval, const TimeSpan& span = k
         GpuTelemetrySample sample;
         sample.TimestampSeconds = kSpan.From + 1.0 + time;
         sample.PowerWatts = watts;
-        samples.Append(sample);
+        samples.Append(sample, {105.0 * time, time});
     }
     Canvas canvas(area.X + area.Width + 1, area.Y + area.Height + 1, glyphs);
-    DrawPlot(&canvas, area, plot, samples, span, interval);
+    DrawPlot(&canvas, area, plot, {samples, span, interval});
     return canvas;
 }
 
@@ -78,16 +78,52 @@ TEST(Plot, KeepsItsShapeWhileItScrolls) {
 TEST(Plot, ShowsCurvesLatestValueAndAxes) {
     std::setlocale(LC_CTYPE, "C.UTF-8");
     Plot plot = PowerPlot();
-    plot.Curves.insert(plot.Curves.begin(), {[](const auto&) { return 15.0; }, Style::Limit});
+    plot.Curves.push_back({[](const auto&) { return std::optional(15.0); }, Style::Limit, true, nullptr});
     const Readings rise = {{0, 0}, {6, 3}, {11, 15}, {12, -1}};
     const Canvas canvas = Drawn(rise, 5, kSpan, kArea, GlyphSet::Braille, plot);
-    EXPECT_THAT(canvas.Text(), StartsWith("Power W        -\n   15┤⠉⠉⠉⠉⠉⡏⠁\n     │    ⡜\n     │   ⡰⠁\n    0┤⡠⠔⠊⠁\n"));
+    EXPECT_THAT(canvas.Text(), StartsWith("Power W        -\n   15┤⠉ ⠉ ⠉⡎⠁\n   10┤    ⡜\n    5┤   ⡰⠁\n    0┤⡠⠔⠊⠁\n"));
     EXPECT_THAT((std::vector{canvas.At(10, 1).Look, canvas.At(11, 1).Look}), ElementsAre(Style::Limit, Style::Bar));
     EXPECT_THAT(Drawn(rise, 5, {93.0, 112.5}, kArea, GlyphSet::Ascii, plot).Text(),
-                StartsWith("Power W       15\n   15+   ''''':'\n     |       .'\n     |      .'\n    0+   .--'\n"));
+                StartsWith("Power W       15\n   15+    ' ' :'\n   10+       .'\n    5+      .'\n    0+   .--'\n"));
     EXPECT_THAT(Drawn(rise, 5, {60.0, 120.0}, {0, 0, 36, 6}).Text(), HasSubstr("   -60 s          -30 s          now"));
     EXPECT_THAT(Drawn(rise, 5, {-5280.0, 120.0}, {0, 0, 66, 6}).Text(),
                 HasSubstr("\n-1 h 30 min            -1 h               -30 min              now\n"));
+    EXPECT_THAT(Drawn(rise, 5, {120.0 - 2e6, 120.0}, {0, 0, 66, 6}).Text(),
+                HasSubstr(" -20 d                     -10 d "));
+}
+
+TEST(Plot, HeadingSaysWhatFitsWhole) {
+    Plot plot = PowerPlot();
+    plot.Curves.front().Name = "draw";
+    plot.Curves.push_back({[](const auto&) { return std::optional(15.0); }, Style::Limit, true, "limit"});
+    plot.bWithEnergy = true;
+    const std::pair<int, const char*> cases[] = {
+        {80, "Power W  avg 6 / 15, 0.35 Wh in 12 s, max 15 / 15       --- draw 3  - - limit 15\n"},
+        {58, "Power W  avg 6 / 15, max 15 / 15  --- draw 3  - - limit 15\n"},
+        {26, "Power W   draw 3  limit 15\n"},
+        {24, "Power W draw 3  limit 15\n"},
+        {23, "Power W          3 / 15\n"},
+        {12, "Power W\n"}};
+    for (const auto& [width, heading] : cases) {
+        EXPECT_THAT(
+            Drawn({{0, 0}, {6, 6}, {11, 15}, {12, 3}}, 5, kSpan, {0, 0, width, 6}, GlyphSet::Braille, plot).Text(),
+            StartsWith(heading));
+    }
+}
+
+TEST(Plot, LabelsAreRoundAndEven) {
+    const std::tuple<double, int, const char*> cases[] = {
+        {100, 3, "  100+\n   50+\n    0+\n"},
+        {100, 4, "  100+\n     |\n     |\n    0+\n"},
+        {320, 7, "  400+\n     |\n     |\n  200+\n     |\n     |\n    0+\n"},
+        {3105, 8, "     |\n 3000+\n     |\n 2000+\n     |\n 1000+\n     |\n    0+\n"},
+        {0.9, 5, " 1.00+\n 0.75+\n 0.50+\n 0.25+\n 0.00+\n"},
+        {1e9, 3, "     +\n     +\n    0+\n"}};
+    for (const auto& [highest, height, expected] : cases) {
+        const Area area = {0, 0, 16, height + 2};
+        EXPECT_THAT(Drawn({}, 1, kSpan, area, GlyphSet::Ascii, PowerPlot(highest)).Text(),
+                    HasSubstr(std::string("-\n") + expected));
+    }
 }
 
 TEST(Plot, StaysInItsArea) {

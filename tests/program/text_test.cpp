@@ -8,6 +8,7 @@
 #include "gpu_feed/clock.h"
 #include "text/change_report.h"
 #include "text/change_text.h"
+#include "text/csv_format.h"
 #include "text/gpu_names.h"
 #include "text/json_format.h"
 #include "text/stream_format.h"
@@ -61,6 +62,11 @@ TEST(TextTest, TableHasARowForEachReading) {
     EXPECT_THAT(Words(table), HasSubstr("Power W 100.0 - Power limit W 320.0 - Default power limit W 300.0 - "));
     EXPECT_EQ(SampleText({FullGpu(), SilentGpu()}, 51),
               SampleText({FullGpu()}, 0) + '\n' + SampleText({SilentGpu()}, 0));
+    GpuReadings busy = SilentGpu();
+    busy.Processes = {{7, 3 * kMiB, "ren\ader", "ann"}, {123456, kMiB, "", ""}};
+    EXPECT_THAT(SampleText({busy}, 0), EndsWith("\nGPU       PID        VRAM  User        Program\n"
+                                                " 12         7       3 MiB  ann         ren?der\n"
+                                                " 12    123456       1 MiB  -           -\n"));
 }
 
 TEST(TextTest, NamesOfGpusShortenFromTheFront) {
@@ -99,13 +105,24 @@ TEST(TextTest, JsonHasWhatWasReadUnderItsUnit) {
         "temperature_c": 61, "fan_percent": 41, "graphics_clock_mhz": 1500, "sm_clock_mhz": 1501,
         "memory_clock_mhz": 5001, "video_clock_mhz": 1200, "performance_state": 2, "pcie_generation": 4,
         "pcie_width": 16, "pcie_receive_mib_per_second": 1.5, "pcie_transmit_mib_per_second": 12.25,
-        "frame_time_ms": 8.333, "performance_limit_reasons": 36, "performance_limits": [ "power cap", "thermal" ]
-        } ] })"));
+        "frame_time_ms": 8.333, "performance_limit_reasons": 36, "performance_limits": [ "power cap", "thermal" ],
+        "processes": [] } ] })"));
     // A name that is not UTF-8 does not spoil the line.
     const std::vector<gpu_feed::FeedProcess> processes = {{7, 1, "a\xff", "user"}, {8, 2, "", ""}};
     EXPECT_EQ(Words(StreamJson(SilentGpu().Device, {}, &processes)),
               R"({"index":12,"name":"Old","timestamp_seconds":0.0,"processes":[{"pid":7,"vram_used_bytes":1,)"
               R"("name":"a�","user":"user"},{"pid":8,"vram_used_bytes":2}]})");
+}
+
+TEST(TextTest, CsvHasAllDigitsAndQuotesWhatNeedsIt) {
+    const std::string line = CsvLine(FullGpu().Device, FullGpu().Sample);
+    EXPECT_EQ(line.substr(line.find(',')),
+              ",GPU-1,3,7,8,9,10,1048576000,2097152000,16777216,268435456,99.96,320,300,100,350.5,61,41,1500,1501,5001,"
+              "1200,2,4,16,1.5,12.25,8.333,36,\"power cap, thermal\"\n");
+    EXPECT_THAT(CsvLine(SilentGpu().Device, {}), EndsWith("Z,,12" + std::string(27, ',') + '\n'));
+    GpuDeviceInfo hostile;
+    hostile.Uuid = "a\",\n";
+    EXPECT_THAT(CsvLine(hostile, {}), HasSubstr("Z,\"a\"\",?\",0,"));
 }
 
 TEST(TextTest, JsonTimeIsTheTimeOfDayOfTheSample) {

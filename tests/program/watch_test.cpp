@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 
 #include <fstream>
 #include <thread>
@@ -106,6 +107,7 @@ TEST_F(WatchTest, WhatCannotBeShownIsSaidInASentence) {
         {Watch(" </dev/null"), 2, "The live view needs a terminal"},
         {Watch(" | cat; false"), 1, "The live view needs a terminal"},
         {Watch("=2 --gpu 2"), 2, "no GPU 2"},
+        {Watch(" --log /dev/full"), 1, "Cannot write to /dev/full: No space left on device."},
         {Watch("", "NVML_SIM_LOSE=0@0"), 1, "No NVIDIA GPU found."}};
     for (const auto& [command, status, sentence] : cases) View(command, 200).ExpectEnd(status, sentence);
 }
@@ -117,6 +119,41 @@ TEST_F(WatchTest, OncePrintsTheViewOfEveryGpu) {
     View oneLost(Watch("=2 --once --interval 100", "NVML_SIM_LOSE=1@5"), 200);
     oneLost.ExpectEnd(1, "GPU 1 (NVIDIA GeForce RTX 3070 Laptop GPU) gave no reading.");
     EXPECT_THAT(oneLost.Screen(), HasSubstr("no data yet"));
+}
+
+TEST_F(WatchTest, LogGetsEverySampleOnceAndGoesOn) {
+    const auto lines = [this] {
+        std::ifstream file(State);
+        std::vector<std::string> found;
+        for (std::string line; std::getline(file, line);) found.push_back(line);
+        return found;
+    };
+    for (const size_t wanted : {10U, 20U}) {
+        View view(Watch("=1 --interval 100 --log " + State));
+        // Dialogs do not hold the log up.
+        view.Press("t", {"p  set a limit"});
+        EXPECT_TRUE(view.WaitFor([&] { return lines().size() >= wanted; }));
+        view.Type("\x1bq");
+        view.ExpectEnd(0);
+    }
+    const std::vector<std::string> log = lines();
+    EXPECT_THAT(log.front(), StartsWith("time,uuid,index,"));
+    for (size_t i = 2; i < log.size(); ++i) {
+        EXPECT_THAT(log[i], MatchesRegex("[0-9-]+T[0-9:.]+Z,GPU-.*")) << "one heading";
+        const double seconds = std::stod(log[i].substr(17)) - std::stod(log[i - 1].substr(17));
+        EXPECT_GT(seconds < 0.0 ? seconds + 60.0 : seconds, 0.01) << "twice: " << log[i];
+    }
+}
+
+TEST_F(WatchTest, LogThatCannotGoOnIsReportedOnceAndAtTheEnd) {
+    ASSERT_EQ(mkfifo(State.c_str(), 0600), 0);
+    const int reader = open(State.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    View view(Watch(" --interval 100 --log " + State), 200);
+    view.Press("", {"  live, every"});
+    close(reader);
+    view.Press("", {"Cannot write to " + State + ": Broken pipe."});
+    view.Type("q");
+    view.ExpectEnd(1, "Broken pipe. The latest readings are missing there.");
 }
 
 TEST_F(WatchTest, KnowsTheKeysOfTheKeyboard) {
@@ -172,7 +209,7 @@ TEST_F(WatchTest, DriverThatHangsLeavesTheViewToTheUser) {
     View view(Watch(" --interval 100", Kept));
     view.Press("", {"  live, every"});
     const int driver = HoldDriver();
-    view.Press("?", {"driver hangs, no data since ", "Any key closes"});
+    view.Press("?", {"no data since ", "Any key closes"});
     view.Press(" -t", {" 2 min\n", "Asking what can be changed"});
     view.Type("\x1bq");
     view.ExpectEnd(0);

@@ -62,7 +62,8 @@ struct FeedGpu {
     std::string Key;
     /// Which GPU this is.
     GpuDeviceInfo Device;
-    /// The whole history.
+    /// The history, without samples that have no moment (`TimestampSeconds` 0). A new start of NVML empties it, a pause
+    /// does not.
     SampleHistory Samples;
     /// Those that used video memory at the latest look, largest first.
     std::vector<FeedProcess> Processes;
@@ -73,6 +74,8 @@ struct FeedGpu {
     double PeriodSeconds = 0.0;
     /// Since when the feed has found no new reading; 0 while it finds some.
     double SilentSince = 0.0;
+    /// What the GPU has used since the feed began; it goes on over a new start of NVML.
+    EnergyCount Energy;
 };
 
 /// What the feed publishes. Once published, it does not change.

@@ -8,16 +8,10 @@
 #include <memory>
 #include <vector>
 
+#include "gpu_feed/energy.h"
 #include "nvml_gpu_monitor.h"
 
 namespace gpu_feed {
-
-/// Energy that a GPU has used, and the time over which it was counted. Differences of two counts are what was used
-/// between them; where the time is shorter than the span between them, power was not known for the rest.
-struct EnergyCount {
-    double Joules = 0.0;
-    double Seconds = 0.0;
-};
 
 /// The newest samples of one GPU, oldest first, at most `kMostSamples`: as a container of the standard library.
 ///
@@ -58,7 +52,7 @@ public:
     // NOLINTEND(readability-identifier-naming)
 
 private:
-    static constexpr size_t kBlockSamples = 256;
+    static constexpr size_t kBlockSamples = 128;
 
     /// Filled from its beginning. What one history has written here is never written again, because copies of that
     /// history may read it on other threads.

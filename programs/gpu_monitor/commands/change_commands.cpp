@@ -4,10 +4,13 @@
 
 #include <algorithm>
 #include <iostream>
+#include <memory>
+#include <string>
 #include <utility>
 #include <vector>
 
 #include "commands/gpu_discovery.h"
+#include "commands/silent_driver.h"
 #include "gpu_feed/clock.h"
 #include "gpu_feed/tuning_session.h"
 #include "terminal/failure.h"
@@ -15,6 +18,7 @@
 #include "terminal/signals.h"
 #include "text/change_report.h"
 #include "text/change_text.h"
+#include "text/json_format.h"
 #include "text/text_layout.h"
 #include "text/tuning_format.h"
 
@@ -30,15 +34,15 @@ constexpr double kSettleSeconds = 2.0;
 constexpr double kReleaseSeconds = 0.2;
 constexpr int kPauseMs = 50;
 
-/// Of several GPUs, the first failure counts. A GPU that does not support the change is a failure only when no GPU was
-/// changed.
-int ExitStatus(const std::vector<OperationResult>& results) {
-    for (const OperationResult result : results) {
-        if (result == OperationResult::NoPermission) return kExitNoPermission;
-        if (result == OperationResult::Error) return kExitFailure;
+/// The status of the GPU that failed first, but a GPU that does not support the change counts least.
+int ExitStatus(const std::vector<GpuChange>& changes) {
+    int status = kExitSuccess;
+    for (const GpuChange& change : changes) {
+        if (change.Result == OperationResult::NoPermission) return kExitNoPermission;
+        if (change.Result == OperationResult::Error) return kExitFailure;
+        if (change.Result == OperationResult::Unsupported) status = kExitUnsupported;
     }
-    const bool bChanged = std::find(results.begin(), results.end(), OperationResult::Success) != results.end();
-    return bChanged ? kExitSuccess : kExitUnsupported;
+    return status;
 }
 
 class ChangeCommand {
@@ -50,46 +54,100 @@ public:
         const std::vector<GpuDeviceInfo> devices = DiscoverGpus(Options.Gpu, &Monitor);
         // Not earlier: until here a signal may simply end the program.
         StopDescriptor = CatchStopSignals();
-        std::vector<OperationResult> results;
-        results.reserve(devices.size());
-        for (const GpuDeviceInfo& device : devices) results.push_back(ChangeGpu(device));
-        const bool bDenied = std::find(results.begin(), results.end(), OperationResult::NoPermission) != results.end();
-        if (bDenied) std::cerr << kRightsAdvice << '\n';
-        return ExitStatus(results);
+        Monitor.HurryAfter(StopDescriptor);
+        std::vector<GpuChange> changes;
+        for (const GpuDeviceInfo& device : devices) {
+            changes.push_back(ChangeOrExplain(device));
+            // Printed before the next GPU is changed: only the report says how to undo this change.
+            Print(changes.back());
+        }
+        const auto isDenied = [](const GpuChange& each) { return each.Result == OperationResult::NoPermission; };
+        if (std::any_of(changes.begin(), changes.end(), isDenied)) std::cerr << kRightsAdvice << '\n';
+        const std::vector<std::string> missing =
+            Options.Gpu.empty() ? UnreadableGpus(devices) : std::vector<std::string>();
+        for (const std::string& sentence : missing) std::cerr << sentence << '\n';
+        if (Options.bJson) PrintReport(ChangesJson(Requested, changes, missing));
+        const int status = ExitStatus(changes);
+        return missing.empty() || status == kExitNoPermission ? status : kExitFailure;
     }
 
 private:
-    OperationResult ChangeGpu(const GpuDeviceInfo& device) {
-        GpuTelemetrySample before;
-        if (Requested.What == Kind::ResetClocks) Monitor.ReadCurrentSample(device.Index, &before);
-        const TuningResult result = Session.Make(&Monitor, GpuName(device), device, Requested);
-        if (result.Result == OperationResult::Success) {
-            // Printed before the next GPU is changed: only the report says how to undo this change.
-            PrintReport(Paragraph(device, Report(device.Index, result, before), OutputWidth()));
-            return result.Result;
+    /// As `ChangeGpu`, also when the driver does not answer.
+    GpuChange ChangeOrExplain(const GpuDeviceInfo& device) {
+        if (IsDriverLeftBehind()) return {device, OperationResult::Error, "Not tried, because the driver hangs."};
+        try {
+            return ChangeGpu(device);
+        } catch (const Failure& silence) {
+            return {device, OperationResult::Error, std::string(silence.what()) + " The change may be in force."};
         }
-        PrintFailure(device, result);
-        const bool bGone = result.Result == OperationResult::Unsupported && !Answers(device.Index);
-        return bGone ? OperationResult::Error : result.Result;
     }
 
-    /// What is in force on a GPU that was changed; `before` was read before its clocks were released.
-    Details Report(unsigned int gpu, const TuningResult& result, const GpuTelemetrySample& before) {
+    GpuChange ChangeGpu(const GpuDeviceInfo& device) {
+        GpuTelemetrySample before;
+        if (Requested.What == Kind::ResetClocks) before = Read(device.Index);
+        const TuningResult result =
+            Monitor.Ask([session = Session, device, change = Requested](NvmlGpuMonitor* monitor) {
+                return session->Make(monitor, GpuName(device), device, change);
+            });
+        GpuChange change{device, result.Result};
+        if (result.Result == OperationResult::Success) {
+            AddReport(result, before, &change);
+            return change;
+        }
+        change.Error = result.Error;
+        change.Advice = Advice(device.Index, result);
+        const bool bGone = result.Result == OperationResult::Unsupported && !Answers(device.Index);
+        if (bGone) change.Result = OperationResult::Error;
+        return change;
+    }
+
+    /// Adds what is in force on a GPU that was changed; `before` was read before its clocks were released.
+    void AddReport(const TuningResult& result, const GpuTelemetrySample& before, GpuChange* change) {
         const auto runsPair = [this](const GpuTelemetrySample& sample) { return RunsPair(sample, Requested.Pair); };
         const auto hasMoved = [&before](const GpuTelemetrySample& sample) {
             return !RunsPair(sample, {before.GraphicsClockMHz, before.MemoryClockMHz});
         };
+        const unsigned int gpu = change->Device.Index;
         const std::string& option = Options.SimulateOption;
         switch (Requested.What) {
             case Kind::LockClocks:
-                return LockReport(Requested.Pair, ReadUntil(gpu, kSettleSeconds, runsPair), gpu, option);
-            case Kind::ResetClocks: return ReleaseReport(ReadUntil(gpu, kReleaseSeconds, hasMoved), gpu, option);
+                change->SampleNow = ReadUntil(gpu, kSettleSeconds, runsPair);
+                change->Report = LockReport(Requested.Pair, change->SampleNow, gpu, option);
+                return;
+            case Kind::ResetClocks:
+                change->SampleNow = ReadUntil(gpu, kReleaseSeconds, hasMoved);
+                change->Report = ReleaseReport(change->SampleNow, gpu, option);
+                return;
             case Kind::SetPower:
             case Kind::ResetPower: break;
         }
-        GpuPowerCapabilities now;
-        Monitor.GetPowerCapabilities(gpu, &now);
-        return PowerReport(Requested, result.PowerBefore, now, gpu, option);
+        change->PowerNow = PowerOf(gpu);
+        change->Report = PowerReport(Requested, result.PowerBefore, change->PowerNow, gpu, option);
+    }
+
+    GpuTelemetrySample Read(unsigned int gpu) {
+        return Monitor.Ask([gpu](NvmlGpuMonitor* monitor) {
+            GpuTelemetrySample sample;
+            monitor->ReadCurrentSample(gpu, &sample);
+            return sample;
+        });
+    }
+
+    GpuPowerCapabilities PowerOf(unsigned int gpu) {
+        return Monitor.Ask([gpu](NvmlGpuMonitor* monitor) {
+            GpuPowerCapabilities capabilities;
+            monitor->GetPowerCapabilities(gpu, &capabilities);
+            return capabilities;
+        });
+    }
+
+    /// With whether the GPU answers.
+    std::pair<GpuClockCapabilities, bool> ClocksOf(unsigned int gpu) {
+        return Monitor.Ask([gpu](NvmlGpuMonitor* monitor) {
+            GpuClockCapabilities capabilities;
+            const bool bAnswers = monitor->GetClockCapabilities(gpu, &capabilities);
+            return std::pair(capabilities, bAnswers);
+        });
     }
 
     /// Reads a GPU until `isSettled` returns true, for at most `seconds`, and not again once a stop signal came.
@@ -99,7 +157,7 @@ private:
         GpuTelemetrySample sample;
         pollfd stop = {StopDescriptor, POLLIN, 0};
         do {
-            Monitor.ReadCurrentSample(gpu, &sample);
+            sample = Read(gpu);
         } while (!isSettled(sample) && NowSeconds() < deadline && poll(&stop, 1, kPauseMs) == 0);
         return sample;
     }
@@ -112,36 +170,33 @@ private:
         }
     }
 
-    void PrintFailure(const GpuDeviceInfo& device, const TuningResult& result) {
-        std::cerr << GpuInSentence(device) << ": " << result.Error << '\n';
-        const std::string advice = Advice(device.Index, result);
-        if (!advice.empty()) std::cerr << advice << '\n';
+    void Print(const GpuChange& change) {
+        if (change.Result == OperationResult::Success) {
+            if (!Options.bJson) PrintReport(Paragraph(change.Device, change.Report, OutputWidth()));
+            return;
+        }
+        std::cerr << GpuInSentence(change.Device) << ": " << change.Error << '\n';
+        if (!change.Advice.empty()) std::cerr << change.Advice << '\n';
     }
 
     std::string Advice(unsigned int gpu, const TuningResult& result) {
         if (Requested.Control() == TuningControl::Power) return PowerAdvice(Requested, result.PowerBefore);
         if (Requested.What == Kind::ResetClocks) return {};
         if (result.Half != HalfLock::None) return HalfLockAdvice(result.Half, gpu, Options.SimulateOption);
-        GpuClockCapabilities capabilities;
-        Monitor.GetClockCapabilities(gpu, &capabilities);
-        return LockAdvice(Requested.Pair, result.Error, capabilities, gpu, Options.SimulateOption);
+        return LockAdvice(Requested.Pair, result.Error, ClocksOf(gpu).first, gpu, Options.SimulateOption);
     }
 
     /// Whether a GPU that was not changed answers at all. One that is lost has not said that it lacks the control.
     bool Answers(unsigned int gpu) {
-        if (Requested.Control() == TuningControl::Clocks) {
-            GpuClockCapabilities capabilities;
-            return Monitor.GetClockCapabilities(gpu, &capabilities);
-        }
-        GpuPowerCapabilities capabilities;
-        return Monitor.GetPowerCapabilities(gpu, &capabilities) &&
-               capabilities.State != GpuCapabilityState::Unavailable;
+        if (Requested.Control() == TuningControl::Clocks) return ClocksOf(gpu).second;
+        return PowerOf(gpu).State != GpuCapabilityState::Unavailable;
     }
 
     const ChangeOptions& Options;
     const TuningChange Requested;
-    NvmlGpuMonitor Monitor;
-    TuningSession Session;
+    PatientMonitor Monitor;
+    /// Shared with a question that may be left behind.
+    const std::shared_ptr<TuningSession> Session = std::make_shared<TuningSession>();
     int StopDescriptor = -1;
     bool bPrinted = false;
 };

@@ -1,22 +1,22 @@
 #ifndef GPU_MONITOR_CHANGE_COMMANDS_H
 #define GPU_MONITOR_CHANGE_COMMANDS_H
 
-#include <optional>
 #include <string>
 
 #include "gpu_feed/tuning_change.h"
 
 struct ChangeOptions {
-    /// NVML index of the only GPU to change.
-    std::optional<unsigned int> Gpu;
+    /// Index or UUID of the only GPU to change; empty: all.
+    std::string Gpu;
     /// The option that simulates GPUs as this run has it, or empty. Printed commands carry it.
     std::string SimulateOption;
+    bool bJson = false;
 };
 
 /// Makes `change` on the requested GPUs, one after the other; a failure does not keep the others from being changed.
 /// For each it prints what is in force afterwards and how to undo the change or, on standard error, why it was refused.
 ///
-/// Result: the exit status. Throws `Failure`.
+/// Result: the exit status, which is a failure when one GPU was not changed. Throws `Failure`.
 int RunChange(const ChangeOptions& options, const gpu_feed::TuningChange& change);
 
 #endif  // GPU_MONITOR_CHANGE_COMMANDS_H

@@ -1,8 +1,10 @@
 #include "commands/command_line.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <chrono>
 #include <cstddef>
+#include <exception>
 #include <functional>
 #include <iostream>
 #include <optional>
@@ -12,12 +14,14 @@
 #include <vector>
 
 #include "commands/change_commands.h"
+#include "commands/gpu_discovery.h"
 #include "commands/query_commands.h"
 #include "commands/simulate.h"
 #include "commands/stream.h"
 #include "commands/watch.h"
 #include "terminal/failure.h"
 #include "terminal/output.h"
+#include "text/json_format.h"
 
 namespace {
 
@@ -32,6 +36,7 @@ constexpr const char* kFooter =
     "  gpu_monitor sample --json | jq '.gpus[].temperature_c'\n"
     "  gpu_monitor stream                            a line per GPU and second\n"
     "  gpu_monitor stream --interval 100 --count 600 --json > minute.jsonl\n"
+    "  gpu_monitor stream --csv > gpus.csv           for a spreadsheet\n"
     "  gpu_monitor stream --simulate=desktop,laptop  without any GPU\n"
     "  gpu_monitor clocks --gpu 0                    which clocks can be locked\n"
     "  sudo gpu_monitor lock-clocks --gpu 0 1500 5001\n"
@@ -63,6 +68,8 @@ struct CommandLine {
     StreamOptions Stream;
     WatchOptions Watch;
     bool bOnce = false;
+    bool bStreamJson = false;
+    bool bStreamCsv = false;
     int IntervalMs = 1000;
     ChangeOptions Change;
     GpuClockPair Clocks;
@@ -73,13 +80,13 @@ struct CommandLine {
     bool bChanges = false;
 };
 
-std::string UsageMessage(const CLI::App* app, const CLI::Error& error) {
+std::string UsageSentence(const CLI::App* app, const CLI::Error& error) {
     std::string problem = error.what();
     // The parser reports a misspelt command as a missing one, which would not help the user.
     const std::vector<std::string> unexpected = app->remaining();
     const bool bNoCommand = error.get_name() == "RequiredError" && app->get_subcommands().empty();
     if (bNoCommand && !unexpected.empty()) problem = "Not a command: " + unexpected.front();
-    return problem + ". Run gpu_monitor --help for usage.\n";
+    return problem + ". Run gpu_monitor --help for usage.";
 }
 
 /// Empty when `text` is a whole number, otherwise why it is not. The parser would read a number with a leading zero as
@@ -105,9 +112,13 @@ CLI::App* AddCommand(CLI::App* app, CommandLine* commandLine, const char* name, 
     return command;
 }
 
-CLI::Option* AddGpuOption(CLI::App* command, std::optional<unsigned int>* gpu,
-                          const char* description = "Only the GPU with this index") {
-    return command->add_option("--gpu", *gpu, description)->type_name("N")->check(WholeNumberError);
+CLI::Option* AddGpuOption(CLI::App* command, std::string* gpu,
+                          const char* description = "Only the GPU with this index or UUID") {
+    return command->add_option("--gpu", *gpu, description)->type_name("GPU")->check(SelectorError);
+}
+
+void AddJsonFlag(CLI::App* command, bool* bJson) {
+    command->add_flag("--json", *bJson, "Print one JSON object");
 }
 
 /// Adds a command that shows something once.
@@ -116,10 +127,17 @@ void AddQuery(CLI::App* app, CommandLine* commandLine, const char* name, const c
     CLI::App* query =
         AddCommand(app, commandLine, name, description, [commandLine, run] { return run(commandLine->Query); });
     AddGpuOption(query, &commandLine->Query.Gpu);
-    query->add_flag("--json", commandLine->Query.bJson, "Print one JSON object");
+    AddJsonFlag(query, &commandLine->Query.bJson);
+}
+
+/// The parser could check this too, but its help would then be hard to read.
+void RefuseBoth(bool bFirst, bool bSecond, const std::string& options) {
+    if (!bFirst || !bSecond) return;
+    throw Failure(options + " exclude each other. Run gpu_monitor --help for usage.", kExitUsage);
 }
 
 int RunWatchCommand(CommandLine* commandLine) {
+    RefuseBoth(commandLine->bOnce, !commandLine->Watch.LogPath.empty(), "--once and --log");
     commandLine->Watch.Interval = std::chrono::milliseconds(commandLine->IntervalMs);
     commandLine->Watch.SimulateOption = commandLine->Change.SimulateOption;
     return commandLine->bOnce ? PrintView(commandLine->Watch) : RunWatch(commandLine->Watch);
@@ -127,6 +145,9 @@ int RunWatchCommand(CommandLine* commandLine) {
 
 int RunStreamCommand(CommandLine* commandLine) {
     commandLine->Stream.Interval = std::chrono::milliseconds(commandLine->IntervalMs);
+    RefuseBoth(commandLine->bStreamJson, commandLine->bStreamCsv, "--json and --csv");
+    if (commandLine->bStreamJson) commandLine->Stream.Format = StreamFormat::Json;
+    if (commandLine->bStreamCsv) commandLine->Stream.Format = StreamFormat::Csv;
     RunStream(commandLine->Stream);
     return kExitSuccess;
 }
@@ -150,6 +171,9 @@ void AddWatch(CLI::App* app, CommandLine* commandLine) {
     AddGpuOption(watch, &commandLine->Watch.Gpu, "Begin with this GPU; with --once, only it");
     AddIntervalOption(watch, commandLine);
     watch->add_flag("--once", commandLine->bOnce, "Print the view as text, once, and end");
+    watch->add_option("--log", commandLine->Watch.LogPath, "Append every reading to this CSV file")
+        ->type_name("FILE")
+        ->check([](const std::string& path) { return path.empty() ? "the name of the file is empty" : ""; });
 }
 
 void AddStream(CLI::App* app, CommandLine* commandLine) {
@@ -161,7 +185,8 @@ void AddStream(CLI::App* app, CommandLine* commandLine) {
         ->type_name("N")
         ->check(WholeNumberError)
         ->check(InRange(1, kMaxCount));
-    stream->add_flag("--json", commandLine->Stream.bJson, "Print JSON Lines: one object per line");
+    stream->add_flag("--json", commandLine->bStreamJson, "Print JSON Lines: one object per line");
+    stream->add_flag("--csv", commandLine->bStreamCsv, "Print comma-separated values with a heading");
 }
 
 /// Adds a command that changes GPUs.
@@ -169,12 +194,13 @@ CLI::App* AddChange(CLI::App* app, CommandLine* commandLine, const char* name, c
                     std::function<int()> run) {
     CLI::App* change = AddCommand(app, commandLine, name, description, std::move(run));
     change->parse_complete_callback([commandLine] { commandLine->bChanges = true; });
+    AddJsonFlag(change, &commandLine->Change.bJson);
     return change;
 }
 
 /// A command with a value is for one GPU: GPUs differ, and one value rarely suits several.
 void RequireGpuOption(CLI::App* change, CommandLine* commandLine) {
-    AddGpuOption(change, &commandLine->Change.Gpu, "The GPU with this index")->required();
+    AddGpuOption(change, &commandLine->Change.Gpu, "The GPU with this index or UUID")->required();
 }
 
 void AddClock(CLI::App* lock, const char* name, const char* description, int* megahertz) {
@@ -216,7 +242,6 @@ void AddPowerChanges(CLI::App* app, CommandLine* commandLine) {
 void DefineCommands(CLI::App* app, CommandLine* commandLine) {
     // Commands inherit what is set before they are added.
     app->get_formatter()->column_width(kHelpColumn);
-    app->failure_message(UsageMessage);
     app->fallthrough();
     app->require_subcommand(1);
     app->set_version_flag("--version", std::string("gpu_monitor ") + GPU_MONITOR_VERSION);
@@ -251,19 +276,44 @@ int RunCommand(CommandLine* commandLine) {
     return commandLine->Run();
 }
 
-}  // namespace
-
-int RunCommandLine(int argc, char** argv) {
+/// Reads the command line and runs its command. Result: the exit status. Throws `Failure`.
+int ParseAndRun(int argc, char** argv) {
     CLI::App app("Shows what the NVIDIA GPUs of this machine are doing, and tunes them.", "gpu_monitor");
     CommandLine commandLine;
     DefineCommands(&app, &commandLine);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
+        if (error.get_exit_code() != 0) throw Failure(UsageSentence(&app, error), kExitUsage);
         std::ostringstream help;
-        const int status = app.exit(error, help, std::cerr);
+        app.exit(error, help);
         WriteOutput(help.str());
-        return status == 0 ? kExitSuccess : kExitUsage;
+        return kExitSuccess;
     }
     return RunCommand(&commandLine);
+}
+
+/// Prints why the program fails, for programs too when they asked for JSON. Result: `exitStatus`.
+int PrintFailure(const std::string& sentence, int exitStatus, bool bJson) {
+    std::cerr << sentence << '\n';
+    try {
+        if (bJson) WriteOutput(FailureJson(sentence, exitStatus));
+    } catch (const Failure&) {
+        // Standard error has it.
+    }
+    return exitStatus;
+}
+
+}  // namespace
+
+int RunCommandLine(int argc, char** argv) {
+    // Also where the command line cannot be read.
+    const bool bJson = std::find(argv, argv + argc, std::string("--json")) != argv + argc;
+    try {
+        return ParseAndRun(argc, argv);
+    } catch (const Failure& failure) {
+        return PrintFailure(failure.what(), failure.ExitStatus, bJson);
+    } catch (const std::exception& error) {
+        return PrintFailure(std::string("Unexpected failure: ") + error.what() + '.', kExitFailure, bJson);
+    }
 }

@@ -4,10 +4,11 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
-#include <vector>
 
 #include "commands/gpu_discovery.h"
+#include "commands/silent_driver.h"
 #include "commands/simulate.h"
 #include "terminal/failure.h"
 
@@ -15,7 +16,7 @@ using namespace gpu_feed;
 
 namespace {
 
-bool bDriverLeftBehind = false;
+constexpr int kLookMs = 100;
 
 int NewsChannel() {
     const int descriptor = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
@@ -37,7 +38,7 @@ PolledFeed::PolledFeed(std::chrono::milliseconds interval)
       Feed({interval, IsSimulating(), [descriptor = NewsDescriptor] { SignalNews(descriptor); }}) {}
 
 PolledFeed::~PolledFeed() {
-    if (!Feed.Stop()) bDriverLeftBehind = true;
+    if (!Feed.Stop()) NoteDriverLeftBehind();
     close(NewsDescriptor);
 }
 
@@ -52,18 +53,30 @@ bool PolledFeed::WaitForNews(int timeoutMs, int stopDescriptor) const {
     return poll(descriptors, 2, timeoutMs) <= 0 || descriptors[1].revents == 0;
 }
 
-void PolledFeed::RequireUsable(const FeedData& data, std::optional<unsigned int> onlyGpu) {
-    if (data.State == FeedState::Starting) return;
+PolledFeed::Gpus PolledFeed::Wanted(const FeedData& data, const std::string& selector) {
+    if (data.State == FeedState::Starting) return {};
     RequireDriver(data.State != FeedState::Unavailable, data.Status);
+    if (selector.empty()) return data.Gpus;
     std::vector<GpuDeviceInfo> devices;
     for (const auto& gpu : data.Gpus) devices.push_back(gpu->Device);
-    if (onlyGpu) RequireGpu(devices, *onlyGpu);
+    return {data.Gpus[SelectGpu(devices, selector)]};
+}
+
+FeedMoment PolledFeed::WaitUntil(const std::string& selector,
+                                 const std::function<bool(const FeedMoment&, const FeedGpu&)>& isKnown) {
+    for (;;) {
+        FeedMoment moment = Feed.Moment();
+        const Gpus wanted = Wanted(*moment.Data, selector);
+        const auto isDone = [&](const auto& gpu) { return isKnown(moment, *gpu); };
+        // While the driver is at work, a reading may be on its way.
+        const bool bIdle = moment.Data->State != FeedState::Starting && moment.DriverSilence == 0.0;
+        if (bIdle && std::all_of(wanted.begin(), wanted.end(), isDone)) return moment;
+        if (moment.DriverSilence >= kLongestDriverSilenceSeconds) throw DriverIsSilent();
+        WaitForNews(kLookMs, -1);
+        TakeNews();
+    }
 }
 
 void PolledFeed::LeaveDriverBehind() {
-    if (!Feed.Stop(std::chrono::milliseconds(0))) bDriverLeftBehind = true;
-}
-
-bool IsDriverLeftBehind() {
-    return bDriverLeftBehind;
+    if (!Feed.Stop(std::chrono::milliseconds(0))) NoteDriverLeftBehind();
 }

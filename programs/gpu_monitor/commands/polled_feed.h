@@ -2,8 +2,10 @@
 #define GPU_MONITOR_POLLED_FEED_H
 
 #include <chrono>
+#include <functional>
 #include <memory>
-#include <optional>
+#include <string>
+#include <vector>
 
 #include "gpu_feed/monitor_feed.h"
 
@@ -27,8 +29,17 @@ public:
     /// readable before; -1: there is none.
     bool WaitForNews(int timeoutMs, int stopDescriptor) const;
 
-    /// Throws `Failure` when `data` shows that there is no usable driver, or no GPU of the index that is asked for.
-    static void RequireUsable(const gpu_feed::FeedData& data, std::optional<unsigned int> onlyGpu);
+    using Gpus = std::vector<std::shared_ptr<const gpu_feed::FeedGpu>>;
+
+    /// All GPUs, or the one that a selector names that is not empty; none while NVML is being started. Throws `Failure`
+    /// when `data` shows that there is no usable driver or no such GPU.
+    static Gpus Wanted(const gpu_feed::FeedData& data, const std::string& selector);
+
+    /// Waits until `isKnown` of each wanted GPU. Result: that moment. Throws `Failure`, also when the driver does not
+    /// answer.
+    gpu_feed::FeedMoment WaitUntil(
+        const std::string& selector,
+        const std::function<bool(const gpu_feed::FeedMoment&, const gpu_feed::FeedGpu&)>& isKnown);
 
     /// Ends the feed at once, because the driver does not answer.
     void LeaveDriverBehind();
@@ -37,8 +48,5 @@ private:
     const int NewsDescriptor;
     gpu_feed::MonitorFeed Feed;
 };
-
-/// Whether a feed ended while its driver hung: its thread still runs, so the program must not run its destructors.
-bool IsDriverLeftBehind();
 
 #endif  // GPU_MONITOR_POLLED_FEED_H

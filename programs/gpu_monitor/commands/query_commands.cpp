@@ -1,12 +1,15 @@
 #include "commands/query_commands.h"
 
+#include <algorithm>
+#include <chrono>
 #include <iostream>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "commands/gpu_discovery.h"
-#include "gpu_feed/readings.h"
+#include "commands/polled_feed.h"
+#include "commands/silent_driver.h"
 #include "nvml_gpu_monitor.h"
 #include "terminal/failure.h"
 #include "terminal/output.h"
@@ -22,45 +25,82 @@ namespace {
 /// The two formats of a list of answers.
 template <typename Answer>
 struct Formats {
-    std::string (*Json)(const std::string& driverVersion, const std::vector<Answer>& gpus);
+    std::string (*Json)(const std::string& driverVersion, const std::vector<Answer>& gpus,
+                        const std::vector<std::string>& problems);
     std::string (*Text)(const std::vector<Answer>& gpus, size_t width);
 };
 
+/// Prints the answers and, on standard error, the problems. Result: the exit status.
+template <typename Answer>
+int Print(const QueryOptions& options, const Formats<Answer>& formats, const GpuDeviceInfo& device,
+          const std::vector<Answer>& answers, const std::vector<std::string>& problems) {
+    for (const std::string& problem : problems) std::cerr << problem << '\n';
+    WriteOutput(options.bJson ? formats.Json(device.DriverVersion, answers, problems)
+                              : formats.Text(answers, OutputWidth()));
+    return problems.empty() ? kExitSuccess : kExitFailure;
+}
+
 /// Asks the requested GPUs and prints their answers. `ask` fills in the answer of one GPU and returns an empty text or,
-/// when the GPU does not answer, the end of the sentence that standard error gets. Result: the exit status.
+/// when the GPU does not answer, the end of a sentence about it. Result: the exit status.
 template <typename Answer, typename Ask>
 int RunQuery(const QueryOptions& options, const Formats<Answer>& formats, Ask ask) {
-    NvmlGpuMonitor monitor;
+    PatientMonitor monitor;
     const std::vector<GpuDeviceInfo> devices = DiscoverGpus(options.Gpu, &monitor);
     std::vector<Answer> answers;
+    std::vector<std::string> problems;
     for (const GpuDeviceInfo& device : devices) {
-        Answer answer{device, {}};
-        const std::string problem = ask(&monitor, &answer);
+        auto [answer, problem] = monitor.Ask([ask, device](NvmlGpuMonitor* asked) {
+            Answer filled{device, {}};
+            std::string ending = ask(asked, &filled);
+            return std::pair(std::move(filled), std::move(ending));
+        });
         if (problem.empty()) {
             answers.push_back(std::move(answer));
         } else {
-            std::cerr << GpuInSentence(device) << problem << '\n';
+            problems.push_back(GpuInSentence(device) + problem);
         }
     }
-    WriteOutput(options.bJson ? formats.Json(devices.front().DriverVersion, answers)
-                              : formats.Text(answers, OutputWidth()));
-    return answers.size() == devices.size() ? kExitSuccess : kExitFailure;
+    return Print(options, formats, devices.front(), answers, problems);
+}
+
+std::string ListTextOf(const std::vector<GpuDeviceInfo>& devices, size_t /*width*/) {
+    return ListText(devices);
 }
 
 }  // namespace
 
 int RunList(const QueryOptions& options) {
-    NvmlGpuMonitor monitor;
+    PatientMonitor monitor;
     const std::vector<GpuDeviceInfo> devices = DiscoverGpus(options.Gpu, &monitor);
-    WriteOutput(options.bJson ? ListJson(devices.front().DriverVersion, devices) : ListText(devices));
+    std::vector<std::string> problems;
+    if (options.Gpu.empty()) {
+        problems = UnreadableGpus(devices);
+        for (const std::string& problem : UnlistedGpus(devices)) problems.push_back(problem);
+    }
+    Print<GpuDeviceInfo>(options, {ListJson, ListTextOf}, devices.front(), devices, problems);
+    // What can be listed was listed.
     return kExitSuccess;
 }
 
 int RunSample(const QueryOptions& options) {
-    return RunQuery<GpuReadings>(options, {SampleJson, SampleText}, [](NvmlGpuMonitor* monitor, GpuReadings* gpu) {
-        monitor->ReadCurrentSample(gpu->Device.Index, &gpu->Sample);
-        return std::string(HasAnyReading(gpu->Sample) ? "" : " gave no reading.");
-    });
+    PolledFeed feed(std::chrono::milliseconds(1000));
+    // One cycle reads all GPUs.
+    const auto isKnown = [](const FeedMoment& moment, const FeedGpu& gpu) {
+        const auto& all = moment.Data->Gpus;
+        const auto hasReading = [](const auto& each) { return each->Latest.TimestampSeconds != 0.0; };
+        return StateOf(moment, gpu) != GpuState::Starting || std::any_of(all.begin(), all.end(), hasReading);
+    };
+    const PolledFeed::Gpus wanted = PolledFeed::Wanted(*feed.WaitUntil(options.Gpu, isKnown).Data, options.Gpu);
+    std::vector<GpuReadings> answers;
+    std::vector<std::string> problems;
+    for (const auto& gpu : wanted) {
+        if (gpu->Latest.TimestampSeconds != 0.0) {
+            answers.push_back({gpu->Device, gpu->Latest, gpu->Processes});
+        } else {
+            problems.push_back(GpuInSentence(gpu->Device) + " gave no reading.");
+        }
+    }
+    return Print<GpuReadings>(options, {SampleJson, SampleText}, wanted.front()->Device, answers, problems);
 }
 
 int RunClocks(const QueryOptions& options) {

@@ -43,7 +43,7 @@ bool IsBoardKindList(const std::string& text) {
 fs::path SimulatorPath() {
     const fs::path programs = fs::read_symlink("/proc/self/exe").parent_path();
     for (const char* folder : {"../simulator", "../lib/nvml_gpu_monitor/simulator"}) {
-        fs::path path = programs / folder / "libnvidia-ml.so.1";
+        fs::path path = programs / folder / kNvmlLibrary;
         std::error_code ignored;
         if (fs::exists(path, ignored)) return path;
     }
@@ -74,6 +74,14 @@ void UseSimulatedNvml(const std::string& boards) {
 
 bool IsSimulating() {
     return bSimulating;
+}
+
+bool IsSimulatorLoaded() {
+    void* library = dlopen(kNvmlLibrary, RTLD_LAZY | RTLD_NOLOAD);
+    if (library == nullptr) return false;
+    const bool bSimulator = dlsym(library, "kSimulatedNvml") != nullptr;
+    dlclose(library);
+    return bSimulator;
 }
 
 std::string SimulationNotice(bool bChanges) {

@@ -3,6 +3,9 @@
 
 #include <string>
 
+/// The file name of NVML, under which the monitor finds the simulator too.
+constexpr const char* kNvmlLibrary = "libnvidia-ml.so.1";
+
 /// Empty when `boards` names the GPUs to simulate, by their number or their kinds. Otherwise why it does not, for the
 /// user.
 std::string SimulationError(const std::string& boards);
@@ -15,6 +18,9 @@ void UseSimulatedNvml(const std::string& boards);
 
 /// Whether `UseSimulatedNvml` has been called.
 bool IsSimulating();
+
+/// Whether the NVML that this process has loaded is the simulated one, in whichever way it was found.
+bool IsSimulatorLoaded();
 
 /// A line that says that GPUs are simulated and, with `bChanges`, how long changes last.
 std::string SimulationNotice(bool bChanges);

@@ -6,17 +6,17 @@
 #include <algorithm>
 #include <cstddef>
 #include <iostream>
-#include <map>
-#include <memory>
 #include <set>
 #include <string>
-#include <vector>
 
+#include "commands/new_samples.h"
 #include "commands/polled_feed.h"
+#include "commands/silent_driver.h"
 #include "gpu_feed/clock.h"
 #include "terminal/failure.h"
 #include "terminal/output.h"
 #include "terminal/signals.h"
+#include "text/csv_format.h"
 #include "text/json_format.h"
 #include "text/stream_format.h"
 #include "text/text_layout.h"
@@ -32,17 +32,12 @@ constexpr int kLongestWaitMs = 1000;
 constexpr double kLongestSilenceSeconds = 5.0;
 /// A driver counts as hanging after this many checks in a row. One check can be wrong after the process was suspended.
 constexpr int kHangsOfHangingDriver = 3;
+/// After so much silence of the driver, no GPU is reported: it is not known which one the driver waits for.
+constexpr double kUnclearSeconds = 1.0;
 
 std::string SecondsText(double seconds) {
     return Number(seconds, seconds < 2.0 ? 1 : 0) + " s";
 }
-
-/// One sample that is to be printed. Points into published data.
-struct Row {
-    const FeedGpu* Gpu;
-    const GpuTelemetrySample* Sample;
-};
-using Rows = std::vector<Row>;
 
 /// Prints the sampler's samples as they come, each exactly once.
 class Stream {
@@ -53,16 +48,18 @@ public:
     /// Returns at a stop signal, the end of the reader or the wanted count. Throws `Failure`.
     void Run() {
         while (Feed->Latest()->State == FeedState::Starting) {
-            if (!Feed.WaitForNews(-1, StopDescriptor)) return;
+            if (Feed->Moment().DriverSilence >= kLongestDriverSilenceSeconds) throw DriverIsSilent();
+            if (!Feed.WaitForNews(kLongestWaitMs, StopDescriptor)) return;
             Feed.TakeNews();
         }
-        PolledFeed::RequireUsable(*Feed->Latest(), Options.Gpu);
-        if (!Options.bJson && !Print(StreamHeading())) return;
+        PolledFeed::Wanted(*Feed->Latest(), Options.Gpu);
+        if (!Print(Heading())) return;
         do {
             Feed.TakeNews();
             const FeedMoment moment = Feed->Moment();
-            if (!PrintCycles(NewRows(*moment.Data))) return;
-            NoticeSilence(moment);
+            const PolledFeed::Gpus wanted = PolledFeed::Wanted(*moment.Data, Options.Gpu);
+            if (!PrintCycles(Samples.Take(wanted))) return;
+            NoticeSilence(moment, wanted);
         } while (WaitForNews());
     }
 
@@ -74,32 +71,13 @@ private:
         return descriptors[0].revents == 0 && descriptors[1].revents == 0;
     }
 
-    bool IsWanted(const FeedGpu& gpu) const { return Options.Gpu.value_or(gpu.Device.Index) == gpu.Device.Index; }
-
-    /// The samples that have not been printed, in the order in which they were taken.
-    Rows NewRows(const FeedData& data) {
-        Rows rows;
-        for (const auto& gpu : data.Gpus) {
-            if (IsWanted(*gpu)) AddNewRows(*gpu, &rows);
+    std::string Heading() const {
+        switch (Options.Format) {
+            case StreamFormat::Text: return StreamHeading();
+            case StreamFormat::Csv: return CsvHeading();
+            case StreamFormat::Json: break;
         }
-        std::stable_sort(rows.begin(), rows.end(), [](const Row& a, const Row& b) {
-            return a.Sample->TimestampSeconds < b.Sample->TimestampSeconds;
-        });
-        return rows;
-    }
-
-    void AddNewRows(const FeedGpu& gpu, Rows* rows) {
-        double& printedUntil = PrintedUntil[gpu.Key];
-        const auto isPrinted = [printedUntil](const GpuTelemetrySample& sample) {
-            return sample.TimestampSeconds != 0.0 && sample.TimestampSeconds <= printedUntil;
-        };
-        const auto firstNew = std::find_if(gpu.Samples.rbegin(), gpu.Samples.rend(), isPrinted).base();
-        for (auto sample = firstNew; sample != gpu.Samples.end(); ++sample) {
-            // A sample without a timestamp: the GPU could not be asked.
-            if (sample->TimestampSeconds == 0.0) continue;
-            rows->push_back({&gpu, &*sample});
-            printedUntil = sample->TimestampSeconds;
-        }
+        return {};
     }
 
     /// Prints `rows` cycle by cycle. False: the stream ends here.
@@ -116,7 +94,7 @@ private:
     }
 
     bool PrintCycle(const Rows& cycle) {
-        if (bTerminal && !Options.bJson && LinesSinceHeading >= kTerminalLinesPerHeading) {
+        if (bTerminal && Options.Format == StreamFormat::Text && LinesSinceHeading >= kTerminalLinesPerHeading) {
             if (!Print(StreamHeading())) return false;
             LinesSinceHeading = 0;
         }
@@ -126,7 +104,10 @@ private:
 
     std::string LineOf(const Row& row) const {
         const FeedGpu& gpu = *row.Gpu;
-        if (!Options.bJson) return StreamText(gpu.Device, *row.Sample, row.Sample->TimestampSeconds - StartedAt);
+        if (Options.Format == StreamFormat::Csv) return CsvLine(gpu.Device, *row.Sample);
+        if (Options.Format == StreamFormat::Text) {
+            return StreamText(gpu.Device, *row.Sample, row.Sample->TimestampSeconds - StartedAt);
+        }
         // The monitor keeps the processes of the latest cycle only.
         const bool bLatest = row.Sample == &gpu.Samples.back();
         return StreamJson(gpu.Device, *row.Sample, bLatest ? &gpu.Processes : nullptr);
@@ -136,22 +117,25 @@ private:
 
     /// Prints on standard error, once per GPU, that it may be lost. Throws `Failure` when no wanted GPU gives readings
     /// any more.
-    void NoticeSilence(const FeedMoment& moment) {
+    void NoticeSilence(const FeedMoment& moment, const PolledFeed::Gpus& wanted) {
         const double now = moment.Now;
         HangsSeen = IsDriverHanging(moment) ? HangsSeen + 1 : 0;
+        if (HangsSeen >= kHangsOfHangingDriver) {
+            throw Failure("The driver has not answered for " + SecondsText(moment.DriverSilence) + '.');
+        }
+        if (moment.DriverSilence >= kUnclearSeconds) return;
         bool bAllSilent = true;
         double lastReading = StartedAt;
-        for (const auto& gpu : moment.Data->Gpus) {
-            if (!IsWanted(*gpu)) continue;
+        for (const auto& gpu : wanted) {
             const bool bSilent = StateOf(moment, *gpu) == GpuState::NoData;
             ReportSilence(*gpu, bSilent, now);
             lastReading = std::max(lastReading, gpu->Latest.TimestampSeconds);
             const bool bLong = gpu->SilentSince != 0.0 && now - gpu->SilentSince >= kLongestSilenceSeconds;
-            bAllSilent = bAllSilent && bSilent && (bLong || HangsSeen >= kHangsOfHangingDriver);
+            bAllSilent = bAllSilent && bSilent && bLong;
         }
         if (!bAllSilent) return;
         const std::string who =
-            Options.Gpu ? "GPU " + std::to_string(*Options.Gpu) + " has given no" : "No GPU has given a";
+            Options.Gpu.empty() ? "No GPU has given a" : GpuName(wanted.front()->Device) + " has given no";
         throw Failure(who + " reading for " + SecondsText(now - lastReading) + '.');
     }
 
@@ -170,7 +154,7 @@ private:
     const double StartedAt;
     const bool bTerminal = isatty(STDOUT_FILENO) == 1;
     PolledFeed Feed;
-    std::map<std::string, double> PrintedUntil;
+    NewSamples Samples;
     std::set<std::string> Silent;
     int HangsSeen = 0;
     int CyclesPrinted = 0;

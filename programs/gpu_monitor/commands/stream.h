@@ -3,14 +3,17 @@
 
 #include <chrono>
 #include <optional>
+#include <string>
+
+enum class StreamFormat { Text, Json, Csv };
 
 struct StreamOptions {
-    /// NVML index of the only GPU to show.
-    std::optional<unsigned int> Gpu;
+    /// Index or UUID of the only GPU to show; empty: all.
+    std::string Gpu;
     std::chrono::milliseconds Interval{1000};
     /// Cycles after which the stream ends.
     std::optional<int> Count;
-    bool bJson = false;
+    StreamFormat Format = StreamFormat::Text;
 };
 
 /// Prints every sample that the sampler takes, until a stop signal, the end of the reader or the wanted count.

@@ -30,6 +30,9 @@ public:
     /// To be called often: takes what the feed has answered.
     void OnTime();
 
+    /// Shows a notice for a while.
+    void ShowNotice(const std::string& notice);
+
     void Draw(Canvas* canvas, const gpu_feed::FeedMoment& moment) const;
 
     /// Whether the dialog that changes a GPU is open: a change may be on its way.
@@ -60,7 +63,6 @@ private:
     void SelectGpu(int step);
     void Zoom(int step);
     void SetInterval(std::chrono::milliseconds interval);
-    void ShowNotice(const std::string& notice);
 
     FeedRequests* const Feed;
     const std::string SimulateOption;

@@ -3,9 +3,12 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <iostream>
 #include <optional>
 #include <utility>
 
+#include "commands/csv_log.h"
 #include "commands/polled_feed.h"
 #include "commands/take_back.h"
 #include "commands/view_control.h"
@@ -57,14 +60,16 @@ public:
           StopDescriptor(stopDescriptor),
           Feed(options.Interval),
           Requests(Feed.Get()),
+          Log(options.LogPath),
           Control(&Requests, options.Interval, options.SimulateOption) {}
 
     int Run() {
         if (!Feed.WaitForNews(kQuickStartMs, StopDescriptor)) return kExitSuccess;
-        PolledFeed::RequireUsable(*Feed->Latest(), Options.Gpu);
-        if (ShowUntilEnd() == ViewEnd::TakeChangesBack) return TakeBack();
-        PrintKeptChanges(*Feed->Latest(), Options.SimulateOption);
-        return kExitSuccess;
+        PolledFeed::Wanted(*Feed->Latest(), Options.Gpu);
+        const ViewEnd end = ShowUntilEnd();
+        const int status = end == ViewEnd::TakeChangesBack ? TakeBack() : kExitSuccess;
+        if (end != ViewEnd::TakeChangesBack) PrintKeptChanges(*Feed->Latest(), Options.SimulateOption);
+        return std::max(status, EndLog());
     }
 
 private:
@@ -85,8 +90,9 @@ private:
             // Before the moment is taken, so that it shows what an answer has changed.
             Control.OnTime();
             const FeedMoment moment = Feed->Moment();
-            PolledFeed::RequireUsable(*moment.Data, Options.Gpu);
-            Control.SelectFirst(*moment.Data, Options.Gpu);
+            const PolledFeed::Gpus wanted = PolledFeed::Wanted(*moment.Data, Options.Gpu);
+            if (!wanted.empty()) Control.SelectFirst(*moment.Data, wanted.front()->Device.Index);
+            AddToLog(moment);
             // Nothing can be taken back while the program is stopped.
             screen.AllowSuspending(!HasChanges(*moment.Data));
             Canvas canvas = screen.Blank();
@@ -96,6 +102,19 @@ private:
             for (int key = screen.ReadKey(); key != NoKey; key = screen.ReadKey()) Control.OnKey(key);
         }
         return *Control.End();
+    }
+
+    void AddToLog(const FeedMoment& moment) {
+        Log.Add(moment.Data->Gpus);
+        if (!Log.Problem().empty() && !std::exchange(bLogProblemShown, true)) Control.ShowNotice(Log.Problem());
+    }
+
+    /// Result: the exit status.
+    int EndLog() {
+        Log.Add(Feed->Latest()->Gpus);
+        if (Log.Problem().empty()) return kExitSuccess;
+        std::cerr << Log.Problem() << " The latest readings are missing there.\n";
+        return kExitFailure;
     }
 
     /// Waits for a key or news, but not for long. False: a stop signal came, or the terminal has gone.
@@ -118,7 +137,9 @@ private:
     const int StopDescriptor;
     PolledFeed Feed;
     RequestsToFeed Requests;
+    CsvLog Log;
     ViewControl Control;
+    bool bLogProblemShown = false;
 };
 
 }  // namespace

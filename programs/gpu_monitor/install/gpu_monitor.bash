@@ -45,6 +45,12 @@ _gpu_monitor() {
         return 0
     fi
 
+    if [[ $option == --log ]]; then
+        mapfile -t COMPREPLY < <(compgen -f -P "$prefix" -- "$current")
+        compopt -o filenames 2>/dev/null
+        return 0
+    fi
+
     commands=$(_gpu_monitor_commands <<<"$help")
     command=''
     for word in "${COMP_WORDS[@]:1:COMP_CWORD - 1}"; do

@@ -46,3 +46,4 @@ complete -c gpu_monitor -f
 complete -c gpu_monitor -n 'not __gpu_monitor_command' -a '(__gpu_monitor_commands)'
 complete -c gpu_monitor -a '(__gpu_monitor_options)'
 complete -c gpu_monitor -a '(__gpu_monitor_kinds)'
+complete -c gpu_monitor -n 'string match -q -- --log (commandline -opc)[-1]' -F

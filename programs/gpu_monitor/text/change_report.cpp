@@ -51,11 +51,6 @@ std::string PowerDifference(const GpuPowerCapabilities& now) {
                                   : "The driver took the limit, but another one is in force.";
 }
 
-/// The limit that `change` asks for; negative when that is a default that was not read.
-double AskedWatts(const TuningChange& change, const GpuPowerCapabilities& before) {
-    return change.What == Kind::SetPower ? change.Watts : before.DefaultWatts;
-}
-
 }  // namespace
 
 bool RunsPair(const GpuTelemetrySample& sample, const GpuClockPair& pair) {
@@ -95,6 +90,21 @@ Details PowerReport(const TuningChange& change, const GpuPowerCapabilities& befo
         details.push_back({"", CommandOf({Kind::ResetPower}, gpu, simulateOption), true});
     }
     return details;
+}
+
+double AskedWatts(const TuningChange& change, const GpuPowerCapabilities& capabilities) {
+    return change.What == Kind::SetPower ? change.Watts : capabilities.DefaultWatts;
+}
+
+std::string NoteOf(const Details& report) {
+    const auto isNote = [](const Detail& detail) { return detail.Label == "Note"; };
+    const auto note = std::find_if(report.begin(), report.end(), isNote);
+    return note == report.end() ? "" : note->Text;
+}
+
+std::string UndoOf(const Details& report) {
+    const Detail& last = report.back();
+    return last.bCommand ? last.Text : "";
 }
 
 std::string HalfLockAdvice(HalfLock half, unsigned int gpu, const std::string& simulateOption) {

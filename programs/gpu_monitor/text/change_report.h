@@ -6,6 +6,19 @@
 #include "gpu_feed/tuning_change.h"
 #include "text/tuning_format.h"
 
+/// What a command did to one GPU.
+struct GpuChange {
+    GpuDeviceInfo Device;
+    GpuClockOperationResult Result = GpuClockOperationResult::Error;
+    /// Why the change was not made, and what can be done; empty after success, and where nothing is known.
+    std::string Error = {};
+    std::string Advice = {};
+    // After success: the report, and what was read afterwards of the setting that was changed.
+    Details Report = {};
+    GpuTelemetrySample SampleNow = {};
+    GpuPowerCapabilities PowerNow = {};
+};
+
 // What the commands that change GPUs print about one GPU. `gpu` and `simulateOption` are those of the commands that the
 // user can copy, see `CommandOf`.
 
@@ -22,6 +35,13 @@ Details ReleaseReport(const GpuTelemetrySample& now, unsigned int gpu, const std
 /// After a change of the power limit; `before` and `now` are the capabilities before and after it.
 Details PowerReport(const gpu_feed::TuningChange& change, const GpuPowerCapabilities& before,
                     const GpuPowerCapabilities& now, unsigned int gpu, const std::string& simulateOption);
+
+/// The limit that `change` asks for; negative when that is a default that was not read.
+double AskedWatts(const gpu_feed::TuningChange& change, const GpuPowerCapabilities& capabilities);
+
+/// The remark of a report, and its command that takes the change back; empty when it has none.
+std::string NoteOf(const Details& report);
+std::string UndoOf(const Details& report);
 
 /// After a lock that failed half-way.
 std::string HalfLockAdvice(gpu_feed::HalfLock half, unsigned int gpu, const std::string& simulateOption);

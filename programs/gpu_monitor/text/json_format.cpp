@@ -1,18 +1,14 @@
 #include "text/json_format.h"
 
-#include <time.h>
-
-#include <chrono>
-#include <iomanip>
 #include <nlohmann/json.hpp>
 #include <optional>
-#include <sstream>
 #include <utility>
 
 #include "gpu_feed/clock_groups.h"
 #include "gpu_feed/limit_reasons.h"
 #include "gpu_feed/readings.h"
 #include "text/identity.h"
+#include "text/utc_time.h"
 
 using namespace gpu_feed;
 
@@ -27,21 +23,6 @@ constexpr int kOneLine = -1;
 std::string JsonText(const Json& json, int indent) {
     // A text of the driver that is not valid UTF-8 must not spoil the rest of the output.
     return json.dump(indent, ' ', false, Json::error_handler_t::replace) + '\n';
-}
-
-/// A moment of the steady clock as UTC, ISO 8601 with milliseconds.
-std::string UtcTime(double steadySeconds) {
-    using std::chrono::milliseconds;
-    const std::chrono::duration<double> sinceBoot(steadySeconds);
-    const auto age = std::chrono::steady_clock::now().time_since_epoch() - sinceBoot;
-    const auto moment = std::chrono::system_clock::now().time_since_epoch() - age;
-    const auto sinceEpoch = std::chrono::duration_cast<milliseconds>(moment).count();
-    const auto seconds = static_cast<time_t>(sinceEpoch / 1000);
-    tm utc{};
-    gmtime_r(&seconds, &utc);
-    std::ostringstream text;
-    text << std::put_time(&utc, "%Y-%m-%dT%H:%M:%S.") << std::setw(3) << std::setfill('0') << sinceEpoch % 1000 << 'Z';
-    return text.str();
 }
 
 void AddIdentity(const GpuDeviceInfo& device, Json* json) {
@@ -120,30 +101,64 @@ const char* StateWord(GpuCapabilityState state) {
     return "unavailable";
 }
 
-/// The object that a query prints: the driver version, which all GPUs share, and `gpus`.
-Json Document(const std::string& driverVersion, Json gpus) {
+void AddClocks(int graphicsMHz, int memoryMHz, Json* json) {
+    AddIfRead("graphics_clock_mhz", graphicsMHz, json);
+    AddIfRead("memory_clock_mhz", memoryMHz, json);
+}
+
+void AddIfAny(const char* key, const std::string& text, Json* json) {
+    if (!text.empty()) (*json)[key] = text;
+}
+
+/// The object that a command prints: the driver version, which all GPUs share, and `gpus`.
+std::string Document(const std::string& driverVersion, Json gpus, const std::vector<std::string>& problems) {
     Json document = Json::object();
-    if (!driverVersion.empty()) document["driver_version"] = driverVersion;
+    AddIfAny("driver_version", driverVersion, &document);
     document["gpus"] = std::move(gpus);
-    return document;
+    if (!problems.empty()) document["problems"] = problems;
+    return JsonText(document, kIndent);
+}
+
+const char* ResultWord(GpuClockOperationResult result) {
+    switch (result) {
+        case GpuClockOperationResult::Success: return "success";
+        case GpuClockOperationResult::NoPermission: return "no_permission";
+        case GpuClockOperationResult::Unsupported: return "unsupported";
+        case GpuClockOperationResult::Error: break;
+    }
+    return "error";
+}
+
+/// The values of a setting, under the names that they have in a sample.
+Json SettingValues(TuningControl control, const GpuClockPair& pair, double watts) {
+    Json json = Json::object();
+    if (control == TuningControl::Clocks) {
+        AddClocks(pair.GraphicsClockMHz, pair.MemoryClockMHz, &json);
+    } else {
+        AddIfRead("power_limit_watts", watts, &json);
+    }
+    return json;
 }
 
 }  // namespace
 
-std::string ListJson(const std::string& driverVersion, const std::vector<GpuDeviceInfo>& devices) {
+std::string ListJson(const std::string& driverVersion, const std::vector<GpuDeviceInfo>& devices,
+                     const std::vector<std::string>& problems) {
     Json gpus = Json::array();
     for (const GpuDeviceInfo& device : devices) AddIdentity(device, &gpus.emplace_back());
-    return JsonText(Document(driverVersion, std::move(gpus)), kIndent);
+    return Document(driverVersion, std::move(gpus), problems);
 }
 
-std::string SampleJson(const std::string& driverVersion, const std::vector<GpuReadings>& gpus) {
+std::string SampleJson(const std::string& driverVersion, const std::vector<GpuReadings>& gpus,
+                       const std::vector<std::string>& problems) {
     Json list = Json::array();
     for (const GpuReadings& gpu : gpus) {
         Json& json = list.emplace_back();
         AddIdentity(gpu.Device, &json);
         AddReadings(gpu.Sample, &json);
+        json["processes"] = ProcessList(gpu.Processes);
     }
-    return JsonText(Document(driverVersion, std::move(list)), kIndent);
+    return Document(driverVersion, std::move(list), problems);
 }
 
 std::string StreamJson(const GpuDeviceInfo& device, const GpuTelemetrySample& sample,
@@ -154,20 +169,21 @@ std::string StreamJson(const GpuDeviceInfo& device, const GpuTelemetrySample& sa
     return JsonText(json, kOneLine);
 }
 
-std::string ClocksJson(const std::string& driverVersion, const std::vector<GpuClocks>& gpus) {
+std::string ClocksJson(const std::string& driverVersion, const std::vector<GpuClocks>& gpus,
+                       const std::vector<std::string>& problems) {
     Json list = Json::array();
     for (const auto& [device, capabilities] : gpus) {
         Json& json = list.emplace_back(ShortIdentity(device));
         json["can_control"] = capabilities.CanControl;
         json["status"] = capabilities.Status;
-        AddIfRead("graphics_clock_mhz", capabilities.CurrentGraphicsClockMHz, &json);
-        AddIfRead("memory_clock_mhz", capabilities.CurrentMemoryClockMHz, &json);
+        AddClocks(capabilities.CurrentGraphicsClockMHz, capabilities.CurrentMemoryClockMHz, &json);
         json["supported"] = ClockGroupList(capabilities.SupportedPairs);
     }
-    return JsonText(Document(driverVersion, std::move(list)), kIndent);
+    return Document(driverVersion, std::move(list), problems);
 }
 
-std::string PowerJson(const std::string& driverVersion, const std::vector<GpuPower>& gpus) {
+std::string PowerJson(const std::string& driverVersion, const std::vector<GpuPower>& gpus,
+                      const std::vector<std::string>& problems) {
     Json list = Json::array();
     for (const auto& [device, capabilities] : gpus) {
         Json& json = list.emplace_back(ShortIdentity(device));
@@ -178,5 +194,29 @@ std::string PowerJson(const std::string& driverVersion, const std::vector<GpuPow
         AddIfRead("minimum_watts", capabilities.MinimumWatts, &json);
         AddIfRead("maximum_watts", capabilities.MaximumWatts, &json);
     }
-    return JsonText(Document(driverVersion, std::move(list)), kIndent);
+    return Document(driverVersion, std::move(list), problems);
+}
+
+std::string ChangesJson(const TuningChange& change, const std::vector<GpuChange>& gpus,
+                        const std::vector<std::string>& problems) {
+    Json list = Json::array();
+    for (const GpuChange& gpu : gpus) {
+        Json& json = list.emplace_back(ShortIdentity(gpu.Device));
+        json["result"] = ResultWord(gpu.Result);
+        AddIfAny("error", gpu.Error, &json);
+        AddIfAny("advice", gpu.Advice, &json);
+        if (gpu.Result != GpuClockOperationResult::Success) continue;
+        const bool bRelease = change.What == TuningChange::Kind::ResetClocks;
+        const GpuClockPair running{gpu.SampleNow.GraphicsClockMHz, gpu.SampleNow.MemoryClockMHz};
+        if (!bRelease) json["asked"] = SettingValues(change.Control(), change.Pair, AskedWatts(change, gpu.PowerNow));
+        json["in_force"] = SettingValues(change.Control(), running, gpu.PowerNow.CurrentWatts);
+        AddIfAny("note", NoteOf(gpu.Report), &json);
+        // What was locked before a release is not known.
+        if (!bRelease) AddIfAny("undo", UndoOf(gpu.Report), &json);
+    }
+    return Document("", std::move(list), problems);
+}
+
+std::string FailureJson(const std::string& sentence, int exitStatus) {
+    return JsonText({{"error", sentence}, {"exit_status", exitStatus}}, kOneLine);
 }

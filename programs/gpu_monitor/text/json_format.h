@@ -5,21 +5,34 @@
 #include <vector>
 
 #include "gpu_feed/feed_data.h"
+#include "text/change_report.h"
 #include "text/query_answers.h"
 
-// Every text ends with a line break. A value that was not read is left out.
+// Every text ends with a line break. A value that was not read is left out. `problems` are sentences about what is
+// missing, in a list of that name.
 
 /// One object with the identity of every GPU.
-std::string ListJson(const std::string& driverVersion, const std::vector<GpuDeviceInfo>& devices);
+std::string ListJson(const std::string& driverVersion, const std::vector<GpuDeviceInfo>& devices,
+                     const std::vector<std::string>& problems = {});
 
-/// One object with the identity and the readings of every GPU in `gpus`, which may be empty.
-std::string SampleJson(const std::string& driverVersion, const std::vector<GpuReadings>& gpus);
+/// One object with the identity, the readings and the processes of every GPU in `gpus`, which may be empty.
+std::string SampleJson(const std::string& driverVersion, const std::vector<GpuReadings>& gpus,
+                       const std::vector<std::string>& problems = {});
 
 /// One object with the clocks of every GPU in `gpus`, which may be empty.
-std::string ClocksJson(const std::string& driverVersion, const std::vector<GpuClocks>& gpus);
+std::string ClocksJson(const std::string& driverVersion, const std::vector<GpuClocks>& gpus,
+                       const std::vector<std::string>& problems = {});
 
 /// One object with the power limit of every GPU in `gpus`, which may be empty.
-std::string PowerJson(const std::string& driverVersion, const std::vector<GpuPower>& gpus);
+std::string PowerJson(const std::string& driverVersion, const std::vector<GpuPower>& gpus,
+                      const std::vector<std::string>& problems = {});
+
+/// One object with what a change did to every GPU in `gpus`.
+std::string ChangesJson(const gpu_feed::TuningChange& change, const std::vector<GpuChange>& gpus,
+                        const std::vector<std::string>& problems);
+
+/// One object, in one line, in place of an answer.
+std::string FailureJson(const std::string& sentence, int exitStatus);
 
 /// One sample of one GPU as one line, with the GPU's processes unless `processes` is null.
 std::string StreamJson(const GpuDeviceInfo& device, const GpuTelemetrySample& sample,

@@ -1,6 +1,9 @@
 #ifndef GPU_MONITOR_QUERY_ANSWERS_H
 #define GPU_MONITOR_QUERY_ANSWERS_H
 
+#include <vector>
+
+#include "gpu_feed/feed_data.h"
 #include "nvml_gpu_monitor.h"
 
 // The answers of one GPU to the query commands.
@@ -8,6 +11,7 @@
 struct GpuReadings {
     GpuDeviceInfo Device;
     GpuTelemetrySample Sample;
+    std::vector<gpu_feed::FeedProcess> Processes = {};
 };
 
 struct GpuClocks {

@@ -24,9 +24,13 @@ std::string ReadingNumber(ReadingId id, const GpuTelemetrySample& sample) {
     return value ? Number(*value, ReadingOf(id).Decimals) : kNotRead;
 }
 
-std::string ReadingText(ReadingId id, const GpuTelemetrySample& sample) {
+std::string UnitText(const std::string& unit, bool bUnicode) {
+    return bUnicode && unit == "C" ? "\u00B0C" : unit;
+}
+
+std::string ReadingText(ReadingId id, const GpuTelemetrySample& sample, bool bUnicode) {
     const std::string number = ReadingNumber(id, sample);
-    const std::string unit = ReadingOf(id).Unit;
+    const std::string unit = UnitText(ReadingOf(id).Unit, bUnicode);
     return number == kNotRead || unit.empty() ? number : number + ' ' + unit;
 }
 

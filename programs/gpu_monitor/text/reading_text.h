@@ -13,8 +13,11 @@
 /// A reading as a number.
 std::string ReadingNumber(gpu_feed::ReadingId id, const GpuTelemetrySample& sample);
 
+/// A unit as the locale can show it: `bUnicode` gives temperatures the degree sign.
+std::string UnitText(const std::string& unit, bool bUnicode);
+
 /// A reading as a number with its unit.
-std::string ReadingText(gpu_feed::ReadingId id, const GpuTelemetrySample& sample);
+std::string ReadingText(gpu_feed::ReadingId id, const GpuTelemetrySample& sample, bool bUnicode = false);
 
 /// An amount of video memory, shown as the reading is.
 std::string MemoryText(uint64_t bytes);

@@ -18,6 +18,11 @@ constexpr int kUnitWidth = 5;
 constexpr int kCellWidth = 11;
 constexpr int kGap = 2;
 
+constexpr int kIndexWidth = 3;
+constexpr int kPidWidth = 10;
+constexpr int kMemoryWidth = 12;
+constexpr int kUserWidth = 10;
+
 std::string IdentityText(const IdentityField& field, const GpuDeviceInfo& device) {
     if (field.Text != nullptr) return OrDash(Printable(field.Text(device)));
     const std::optional<uint64_t> number = field.Number(device);
@@ -71,6 +76,25 @@ std::string TableBlock(GpuIterator first, GpuIterator last) {
     return text + TableRow("Limited by", "", Cells(first, last, LimitText));
 }
 
+std::string ProcessLine(const std::string& gpu, const std::string& pid, const std::string& memory,
+                        const std::string& user, const std::string& name) {
+    return Right(gpu, kIndexWidth) + Right(pid, kPidWidth) + Right(memory, kMemoryWidth) + "  " +
+           Left(user, kUserWidth) + "  " + name + '\n';
+}
+
+/// Empty when there are no processes.
+std::string ProcessTable(const std::vector<GpuReadings>& gpus) {
+    std::string lines;
+    for (const GpuReadings& gpu : gpus) {
+        for (const FeedProcess& process : gpu.Processes) {
+            lines += ProcessLine(std::to_string(gpu.Device.Index), std::to_string(process.Pid),
+                                 MemoryText(process.VramUsedBytes), OrDash(Printable(process.User)),
+                                 OrDash(Printable(process.Name)));
+        }
+    }
+    return lines.empty() ? lines : '\n' + ProcessLine("GPU", "PID", "VRAM", "User", "Program") + lines;
+}
+
 }  // namespace
 
 std::string ListText(const std::vector<GpuDeviceInfo>& devices) {
@@ -95,5 +119,5 @@ std::string SampleText(const std::vector<GpuReadings>& gpus, size_t width) {
         text += (text.empty() ? "" : "\n") + TableBlock(first, last);
         first = last;
     }
-    return text;
+    return text + ProcessTable(gpus);
 }

@@ -13,7 +13,7 @@
 std::string ListText(const std::vector<GpuDeviceInfo>& devices);
 
 /// A table with a row for each reading and a column for each GPU. GPUs that do not fit into lines of `width` characters
-/// follow in another block below.
+/// follow in another block below. At the end, a table of the processes, if there are any.
 std::string SampleText(const std::vector<GpuReadings>& gpus, size_t width);
 
 #endif  // GPU_MONITOR_TABLE_FORMAT_H

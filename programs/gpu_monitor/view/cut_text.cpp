@@ -11,3 +11,14 @@ int PutCut(Canvas* canvas, const Area& area, const std::string& text, Style look
     canvas->PutGlyph(end, area.Y, CutMark(*canvas), look);
     return end + 1;
 }
+
+int PutParts(Canvas* canvas, const Area& area, const std::vector<StyledText>& parts) {
+    int x = area.X;
+    for (const auto& [text, look] : parts) {
+        const std::string separator = x > area.X ? ", " : "";
+        if (text.empty() || x + ColumnsOf(separator) + ColumnsOf(text) > area.X + area.Width) continue;
+        x = canvas->Put(x, area.Y, separator);
+        x = canvas->Put(x, area.Y, text, look);
+    }
+    return x;
+}

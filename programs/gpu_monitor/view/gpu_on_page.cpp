@@ -28,9 +28,8 @@ std::string TimeOfDay(const FeedMoment& now, double steadySeconds) {
 
 std::string SilenceText(const FeedMoment& moment, const FeedGpu& gpu) {
     const double last = gpu.Latest.TimestampSeconds;
-    const std::string reason = IsDriverHanging(moment) ? "driver hangs, " : "";
-    if (last == 0.0) return reason + "no data yet";
-    return reason + "no data since " + TimeOfDay(moment, last) + " (" + Number(AgeOf(moment, gpu), 0) + " s)";
+    if (last == 0.0) return "no data yet";
+    return "no data since " + TimeOfDay(moment, last) + " (" + Number(AgeOf(moment, gpu), 0) + " s)";
 }
 
 std::string StateText(const FeedMoment& moment, const FeedGpu& gpu) {
@@ -49,6 +48,14 @@ std::string StateText(const FeedMoment& moment, const FeedGpu& gpu) {
 GpuOnPage OnPage(const FeedMoment& moment, const std::shared_ptr<const FeedGpu>& gpu) {
     const GpuState state = StateOf(moment, *gpu);
     const bool bKnown = state == GpuState::Live || state == GpuState::Paused;
-    return {gpu, bKnown ? gpu->Latest : GpuTelemetrySample(), StateText(moment, *gpu), state == GpuState::NoData,
-            moment.bSimulated};
+    const TuningRecord* clocks = moment.Data->FindTuning(gpu->Key, TuningControl::Clocks);
+    const TuningRecord* power = moment.Data->FindTuning(gpu->Key, TuningControl::Power);
+    const bool bLocked = clocks != nullptr && clocks->InForce.What == TuningChange::Kind::LockClocks;
+    return {gpu,
+            bKnown ? gpu->Latest : GpuTelemetrySample(),
+            StateText(moment, *gpu),
+            state == GpuState::NoData,
+            moment.bSimulated,
+            bLocked ? std::optional(clocks->InForce.Pair) : std::nullopt,
+            power != nullptr && power->IsOutstanding()};
 }

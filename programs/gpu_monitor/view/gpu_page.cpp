@@ -4,11 +4,15 @@
 #include <iterator>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "gpu_feed/readings.h"
+#include "text/gpu_names.h"
 #include "text/reading_text.h"
 #include "text/text_layout.h"
 #include "text/tuning_format.h"
+#include "view/cut_text.h"
 #include "view/gauge.h"
 #include "view/limits.h"
 
@@ -18,6 +22,9 @@ namespace {
 
 /// Of the labels before gauges, clocks and limits.
 constexpr int kLabelWidth = 8;
+constexpr const char* kFactGap = "   ";
+/// At least so many columns are left for what limits the clocks.
+constexpr int kLimitsWidth = 13;
 
 // ---- Header ----
 
@@ -31,16 +38,34 @@ std::string PerformanceStateText(const GpuTelemetrySample& now) {
     return state == kNotRead ? "state -" : 'P' + state;
 }
 
-void DrawHeader(Canvas* canvas, const Area& area, const GpuOnPage& page) {
-    const int end = area.X + area.Width;
-    const int stateStart = end - ColumnsOf(page.State);
-    canvas->Put(area.X, area.Y, GpuTitle(page.Gpu->Device), Style::Title, stateStart - area.X - 1);
-    canvas->PutRight(end, area.Y, page.State, page.bSilent ? Style::Alarm : Style::Strong);
+/// What the link carries; empty where that was not read.
+std::string TrafficText(const GpuTelemetrySample& now) {
+    if (!ReadingValue(ReadingId::PcieReceive, now) && !ReadingValue(ReadingId::PcieTransmit, now)) return {};
+    return ", rx " + ReadingNumber(ReadingId::PcieReceive, now) + " tx " + ReadingText(ReadingId::PcieTransmit, now);
+}
 
-    const std::string facts = "Driver " + OrDash(page.Gpu->Device.DriverVersion) + "   " + LinkText(page.Now) + "   " +
-                              PerformanceStateText(page.Now) + "   Limited by: ";
-    const int x = canvas->Put(area.X, area.Y + 1, facts, Style::Normal, area.Width);
-    DrawLimits(canvas, {x, area.Y + 1, end - x, 1}, page.Now);
+/// Title and state; between them the driver's version if the title is not cut for it.
+void DrawTitle(Canvas* canvas, const Area& area, const GpuOnPage& page) {
+    const GpuDeviceInfo& device = page.Gpu->Device;
+    const int end = area.X + area.Width;
+    canvas->PutRight(end, area.Y, page.State, page.bSilent ? Style::Alarm : Style::Strong);
+    const std::string driver = kFactGap + ("Driver " + OrDash(device.DriverVersion));
+    const int room = area.Width - ColumnsOf(page.State) - kColumnGap;
+    const int roomBesideDriver = room - ColumnsOf(driver);
+    const bool bWithDriver = ColumnsOf(ShortGpuTitle(device, roomBesideDriver)) <= roomBesideDriver;
+    const int titleRoom = bWithDriver ? roomBesideDriver : room;
+    const int x = PutCut(canvas, {area.X, area.Y, titleRoom, 1}, ShortGpuTitle(device, titleRoom), Style::Title);
+    if (bWithDriver) canvas->Put(x, area.Y, driver);
+}
+
+void DrawHeader(Canvas* canvas, const Area& area, const GpuOnPage& page) {
+    DrawTitle(canvas, area, page);
+    const std::string limitsLabel = kFactGap + std::string("Limited by: ");
+    std::string facts = PerformanceStateText(page.Now) + kFactGap + LinkText(page.Now);
+    const std::string traffic = TrafficText(page.Now);
+    if (ColumnsOf(facts + traffic + limitsLabel) + kLimitsWidth <= area.Width) facts += traffic;
+    const int x = canvas->Put(area.X, area.Y + 1, facts + limitsLabel, Style::Normal, area.Width);
+    DrawLimits(canvas, {x, area.Y + 1, area.X + area.Width - x, 1}, page.Now);
 }
 
 // ---- Gauges ----
@@ -48,16 +73,11 @@ void DrawHeader(Canvas* canvas, const Area& area, const GpuOnPage& page) {
 constexpr int kValueWidth = 18;
 constexpr int kTwoColumnWidth = 76;
 
-/// Two readings with the same unit: `part` / `whole`.
-std::string OfText(ReadingId part, ReadingId whole, const GpuTelemetrySample& sample) {
-    const std::string wholeText = ReadingText(whole, sample);
-    if (wholeText == kNotRead) return ReadingText(part, sample);
-    return ReadingNumber(part, sample) + " / " + wholeText;
-}
-
 struct Gauge {
     const char* Label;
-    std::string (*Text)(const GpuTelemetrySample& sample);
+    ReadingId Shown;
+    /// Of the same unit: the value that `Shown` is a part of.
+    std::optional<ReadingId> Whole;
     void (*Draw)(Canvas* canvas, const Area& area, const GpuTelemetrySample& sample);
 };
 
@@ -78,23 +98,21 @@ void DrawPower(Canvas* canvas, const Area& area, const GpuTelemetrySample& sampl
                     sample.MinimumPowerLimitWatts, sample.MaximumPowerLimitWatts});
 }
 
-using Sample = GpuTelemetrySample;
+template <ReadingId Id>
+constexpr Gauge PercentGauge(const char* label) {
+    return {label, Id, std::nullopt, DrawPercent<Id>};
+}
 
 /// Where there is room for two columns, the first four are on the left.
 constexpr Gauge kGauges[] = {
-    {"GPU", [](const Sample& now) { return ReadingText(ReadingId::GpuUtilization, now); },
-     DrawPercent<ReadingId::GpuUtilization>},
-    {"VRAM", [](const Sample& now) { return OfText(ReadingId::VramUsed, ReadingId::VramTotal, now); }, DrawMemory},
-    {"Encoder", [](const Sample& now) { return ReadingText(ReadingId::EncoderUtilization, now); },
-     DrawPercent<ReadingId::EncoderUtilization>},
-    {"Decoder", [](const Sample& now) { return ReadingText(ReadingId::DecoderUtilization, now); },
-     DrawPercent<ReadingId::DecoderUtilization>},
-    {"Power", [](const Sample& now) { return OfText(ReadingId::Power, ReadingId::PowerLimit, now); }, DrawPower},
-    {"Temp", [](const Sample& now) { return ReadingText(ReadingId::Temperature, now); },
-     DrawPercent<ReadingId::Temperature>},
-    {"Fan", [](const Sample& now) { return ReadingText(ReadingId::Fan, now); }, DrawPercent<ReadingId::Fan>},
-    {"Mem I/O", [](const Sample& now) { return ReadingText(ReadingId::MemoryUtilization, now); },
-     DrawPercent<ReadingId::MemoryUtilization>},
+    PercentGauge<ReadingId::GpuUtilization>("GPU"),
+    {"VRAM", ReadingId::VramUsed, ReadingId::VramTotal, DrawMemory},
+    PercentGauge<ReadingId::EncoderUtilization>("Encoder"),
+    PercentGauge<ReadingId::DecoderUtilization>("Decoder"),
+    {"Power", ReadingId::Power, ReadingId::PowerLimit, DrawPower},
+    PercentGauge<ReadingId::Temperature>("Temp"),
+    PercentGauge<ReadingId::Fan>("Fan"),
+    PercentGauge<ReadingId::MemoryUtilization>("Mem I/O"),
 };
 constexpr int kGaugeCount = static_cast<int>(std::size(kGauges));
 
@@ -102,8 +120,13 @@ int GaugeRows(int width) {
     return width >= kTwoColumnWidth ? kGaugeCount / 2 : kGaugeCount;
 }
 
+std::string GaugeText(const Gauge& gauge, const GpuTelemetrySample& now, bool bUnicode) {
+    if (!gauge.Whole || !ReadingValue(*gauge.Whole, now)) return ReadingText(gauge.Shown, now, bUnicode);
+    return ReadingNumber(gauge.Shown, now) + " / " + ReadingText(*gauge.Whole, now, bUnicode);
+}
+
 void DrawGaugeLine(Canvas* canvas, const Area& area, const Gauge& gauge, const GpuTelemetrySample& now) {
-    const std::string text = gauge.Text(now);
+    const std::string text = GaugeText(gauge, now, canvas->IsUnicode());
     const int valueWidth = std::max(kValueWidth, ColumnsOf(text) + 1);
     canvas->Put(area.X, area.Y, gauge.Label);
     gauge.Draw(canvas, {area.X + kLabelWidth, area.Y, std::max(area.Width - kLabelWidth - valueWidth, 0), 1}, now);
@@ -122,20 +145,32 @@ void DrawGauges(Canvas* canvas, const Area& area, const GpuTelemetrySample& now)
 
 // ---- Clocks and limits ----
 
-std::string ClockLine(const GpuTelemetrySample& now) {
-    return "graphics " + ReadingText(ReadingId::GraphicsClock, now) + ", SM " + ReadingText(ReadingId::SmClock, now) +
-           ", memory " + ReadingText(ReadingId::MemoryClock, now) + ", video " +
-           ReadingText(ReadingId::VideoClock, now);
+std::vector<StyledText> ClockParts(const GpuOnPage& page) {
+    std::vector<StyledText> parts;
+    if (page.Locked) {
+        parts.push_back({"locked to " + std::to_string(page.Locked->GraphicsClockMHz) + " / " +
+                             std::to_string(page.Locked->MemoryClockMHz) + " MHz",
+                         Style::Warning});
+    }
+    constexpr std::pair<const char*, ReadingId> kClocks[] = {{"graphics ", ReadingId::GraphicsClock},
+                                                             {"memory ", ReadingId::MemoryClock},
+                                                             {"SM ", ReadingId::SmClock},
+                                                             {"video ", ReadingId::VideoClock}};
+    for (const auto& [name, id] : kClocks) parts.push_back({name + ReadingText(id, page.Now)});
+    return parts;
 }
 
-std::string PowerLimitLine(const GpuTelemetrySample& now) {
-    return "power " + WattsText(now.PowerLimitWatts) + ", default " + WattsText(now.DefaultPowerLimitWatts) +
-           ", range " + RangeText(now.MinimumPowerLimitWatts, now.MaximumPowerLimitWatts);
+std::vector<StyledText> LimitParts(const GpuOnPage& page) {
+    const GpuTelemetrySample& now = page.Now;
+    const std::string limit = "power " + WattsText(now.PowerLimitWatts);
+    return {page.bLimitChanged ? StyledText{limit + " (changed)", Style::Warning} : StyledText{limit},
+            {"default " + WattsText(now.DefaultPowerLimitWatts)},
+            {"range " + RangeText(now.MinimumPowerLimitWatts, now.MaximumPowerLimitWatts)}};
 }
 
-void DrawLabelled(Canvas* canvas, const Area& area, const char* label, const std::string& text) {
+void DrawLabelled(Canvas* canvas, const Area& area, const char* label, const std::vector<StyledText>& parts) {
     canvas->Put(area.X, area.Y, label);
-    canvas->Put(area.X + kLabelWidth, area.Y, text, Style::Strong, area.Width - kLabelWidth);
+    PutParts(canvas, {area.X + kLabelWidth, area.Y, area.Width - kLabelWidth, 1}, parts);
 }
 
 }  // namespace
@@ -148,6 +183,6 @@ void DrawSummary(Canvas* canvas, const Area& area, const GpuOnPage& page) {
     DrawHeader(canvas, area, page);
     DrawGauges(canvas, {area.X, area.Y + 2, area.Width, 0}, page.Now);
     const int y = area.Y + 2 + GaugeRows(area.Width);
-    DrawLabelled(canvas, {area.X, y, area.Width, 1}, "Clocks", ClockLine(page.Now));
-    DrawLabelled(canvas, {area.X, y + 1, area.Width, 1}, "Limits", PowerLimitLine(page.Now));
+    DrawLabelled(canvas, {area.X, y, area.Width, 1}, "Clocks", ClockParts(page));
+    DrawLabelled(canvas, {area.X, y + 1, area.Width, 1}, "Limits", LimitParts(page));
 }

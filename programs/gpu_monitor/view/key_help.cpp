@@ -14,7 +14,7 @@ struct KeyName {
 
 constexpr const char* kGpuKey = "Tab";
 constexpr KeyName kKeyNames[] = {{"q", "quit"},      {"?", "help"},     {"t", "tune"},
-                                 {kGpuKey, "GPU"},   {"1-5", "plots"},  {"+-", "zoom"},
+                                 {kGpuKey, "GPU"},   {"1-7", "plots"},  {"+-", "zoom"},
                                  {"space", "pause"}, {"i", "interval"}, {"s", "sort"}};
 
 /// The plots with the digits that are their keys.
@@ -41,7 +41,7 @@ void DrawKeyNames(Canvas* canvas, const Area& area, bool bManyGpus) {
 void DrawHelp(Canvas* canvas) {
     DrawDialog(canvas, {"Keys",
                         {{"Tab Left Right  another GPU"},
-                         {"1 to 5          show or hide a plot: " + NumberedPlots()},
+                         {"1 to 7          show or hide a plot: " + NumberedPlots()},
                          {"+ -             shorter or longer time axis"},
                          {"space           pause or resume sampling"},
                          {"i I             longer or shorter interval"},

@@ -1,22 +1,54 @@
 #include "view/limits.h"
 
 #include <algorithm>
+#include <string>
 #include <vector>
 
 #include "gpu_feed/limit_reasons.h"
 #include "text/text_layout.h"
+#include "view/cut_text.h"
 
 using namespace gpu_feed;
 
-void DrawLimits(Canvas* canvas, const Area& area, const GpuTelemetrySample& now) {
+namespace {
+
+/// What limits the clocks, in the order in which it is shown.
+std::vector<StyledText> ShownLimits(const GpuTelemetrySample& now) {
     std::vector<LimitReason> reasons = LimitReasons(now.PerformanceLimitReasons);
     std::stable_partition(reasons.begin(), reasons.end(), [](const LimitReason& reason) { return reason.bDanger; });
-    const int end = area.X + area.Width;
-    int x = area.X;
+    std::vector<StyledText> limits;
     for (const LimitReason& reason : reasons) {
-        if (reason.bIdle) continue;
-        if (x > area.X) x = canvas->Put(x, area.Y, ", ", Style::Normal, end - x);
-        x = canvas->Put(x, area.Y, reason.Word, reason.bDanger ? Style::Alarm : Style::Strong, end - x);
+        if (!reason.bIdle) limits.push_back({reason.Word, reason.bDanger ? Style::Alarm : Style::Strong});
     }
-    if (x == area.X) canvas->Put(x, area.Y, reasons.empty() ? kNotRead : "nothing, idle", Style::Strong, area.Width);
+    if (limits.empty()) limits.push_back({reasons.empty() ? kNotRead : "nothing, idle"});
+    return limits;
+}
+
+/// With commas between them.
+int WidthOf(const std::vector<StyledText>& limits) {
+    int width = -2;
+    for (const StyledText& limit : limits) width += 2 + ColumnsOf(limit.Text);
+    return width;
+}
+
+/// The first words of `text` that fit into `columns`, without a comma at the end.
+std::string FirstWords(const std::string& text, int columns) {
+    const size_t space = text.rfind(' ', static_cast<size_t>(columns));
+    return space == std::string::npos ? "" : text.substr(0, text.find_last_not_of(", ", space) + 1);
+}
+
+}  // namespace
+
+void DrawLimits(Canvas* canvas, const Area& area, const GpuTelemetrySample& now) {
+    if (area.Width <= 0) return;
+    std::vector<StyledText> limits = ShownLimits(now);
+    if (WidthOf(limits) <= area.Width) {
+        PutParts(canvas, area, limits);
+        return;
+    }
+    const int room = area.Width - 1;
+    while (limits.size() > 1 && WidthOf(limits) > room) limits.pop_back();
+    if (WidthOf(limits) > room) limits.front().Text = FirstWords(limits.front().Text, room);
+    const int end = PutParts(canvas, area, limits);
+    canvas->PutGlyph(end, area.Y, CutMark(*canvas), Style::Strong);
 }

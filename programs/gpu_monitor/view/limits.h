@@ -4,7 +4,8 @@
 #include "nvml_gpu_monitor.h"
 #include "view/canvas.h"
 
-/// Draws what limits the clocks, in words, with dangers first; a dash where the driver gives no reason.
+/// Draws what limits the clocks, in words, with dangers first, and a mark in place of the words that do not fit. A dash
+/// where the driver gives no reason.
 void DrawLimits(Canvas* canvas, const Area& area, const GpuTelemetrySample& now);
 
 #endif  // GPU_MONITOR_LIMITS_H

@@ -1,143 +1,68 @@
 #include "view/plot.h"
 
 #include <algorithm>
-#include <climits>
 #include <cmath>
 #include <cstdint>
+#include <initializer_list>
+#include <string>
 #include <utility>
 
+#include "text/reading_text.h"
 #include "text/text_layout.h"
+#include "view/cut_text.h"
+#include "view/plot_field.h"
+
+using gpu_feed::EnergyCount;
+using gpu_feed::SampleHistory;
 
 namespace {
 
-/// At least so many columns are left of the axis, so that the axes of plots above one another are aligned.
-constexpr int kLabelWidth = 5;
+/// Columns of the vertical axis and its labels, the same for all plots, so that their time axes have the same scale.
+constexpr int kMargin = 6;
 constexpr int kLeastFieldWidth = 10;
 constexpr double kGapFactor = 2.5;
 /// Values that are older than so many intervals are not shown as current.
 constexpr double kStaleIntervals = 4.0;
 
-/// A place among the dots of a field of cells, or outside of it.
-struct Dot {
-    double Column;
-    int Row;
-};
+using SamplePointers = std::vector<const GpuTelemetrySample*>;
 
-/// The rows from `First` to `Last`; empty where `First` is behind `Last`.
-struct RowRange {
-    int First = INT_MAX;
-    int Last = INT_MIN;
-};
+// ---- Scales ----
 
-/// The dots of one curve. Each column has a range of them, so that the peaks of all its samples stay visible.
-class Trace {
-public:
-    explicit Trace(int columns) : Ranges(static_cast<size_t>(columns)) {}
-
-    const std::vector<RowRange>& Columns() const { return Ranges; }
-    void Touch(const Dot& dot);
-    void Connect(const Dot& from, const Dot& to);
-
-private:
-    double Width() const { return static_cast<double>(Ranges.size()); }
-
-    std::vector<RowRange> Ranges;
-};
-
-void Trace::Touch(const Dot& dot) {
-    if (dot.Column < 0.0 || dot.Column >= Width()) return;
-    RowRange& range = Ranges[static_cast<size_t>(dot.Column)];
-    range.First = std::min(range.First, dot.Row);
-    range.Last = std::max(range.Last, dot.Row);
-}
-
-int RowBetween(const Dot& from, const Dot& to, double column) {
-    const double share = (column - from.Column) / (to.Column - from.Column);
-    return from.Row + static_cast<int>(std::lround(share * (to.Row - from.Row)));
-}
-
-void Trace::Connect(const Dot& from, const Dot& to) {
-    const int first = static_cast<int>(std::clamp(from.Column, -1.0, Width()));
-    const int last = static_cast<int>(std::clamp(to.Column, -1.0, Width()));
-    for (int column = first; column < last; ++column) {
-        const int row = RowBetween(from, to, column);
-        const int rise = RowBetween(from, to, column + 1) - row;
-        Touch({static_cast<double>(column), row});
-        // Neighbours share a steep rise, each up to the middle; where it is one row, their corners connect.
-        if (rise == 0) continue;
-        const int middle = row + rise / 2;
-        Touch({static_cast<double>(column), middle});
-        Touch({column + 1.0, middle + (rise > 0 ? 1 : -1)});
+/// The smallest of 1, 2, 2.5, 5, 10, ... and their decimal multiples and fractions that is not below `least`.
+double RoundStep(double least) {
+    const double power = std::pow(10.0, std::floor(std::log10(least)));
+    for (const double factor : {1.0, 2.0, 2.5, 5.0}) {
+        if (factor * power >= least) return factor * power;
     }
+    return 10.0 * power;
 }
 
-/// The cells that curves are drawn in, each divided into dots.
-class Field {
-public:
-    Field(const Area& place, bool bWithBraille);
-
-    int DotColumns() const { return Place.Width * DotsAcross; }
-    int DotRows() const { return Place.Height * DotsDown; }
-    void Draw(const Trace& trace, Style look);
-    void Show(Canvas* canvas) const;
-
-private:
-    struct DottedCell {
-        unsigned int Dots = 0;
-        Style Look = Style::Normal;
-    };
-
-    void SetDot(int column, int row, Style look);
-    wchar_t Glyph(unsigned int dots) const;
-
-    Area Place;
-    bool bBraille;
-    int DotsAcross;
-    int DotsDown;
-    std::vector<DottedCell> Cells;
+/// The labels of the vertical axis, which begins at 0 in the lowest row.
+struct ValueAxis {
+    /// From one label to the next, in values and in rows.
+    double Step;
+    int Rows;
+    /// In the highest row.
+    double Highest;
 };
 
-Field::Field(const Area& place, bool bWithBraille)
-    : Place(place),
-      bBraille(bWithBraille),
-      DotsAcross(bWithBraille ? 2 : 1),
-      DotsDown(bWithBraille ? 4 : 3),
-      Cells(static_cast<size_t>(place.Width) * static_cast<size_t>(place.Height)) {}
-
-void Field::SetDot(int column, int row, Style look) {
-    // In Unicode's block of braille patterns, the lowest row has the highest bits.
-    constexpr unsigned int kDots[4][2] = {{0x01, 0x08}, {0x02, 0x10}, {0x04, 0x20}, {0x40, 0x80}};
-    const int place = row / DotsDown * Place.Width + column / DotsAcross;
-    DottedCell& cell = Cells[static_cast<size_t>(place)];
-    cell.Dots |= kDots[row % DotsDown][column % DotsAcross];
-    cell.Look = look;
-}
-
-void Field::Draw(const Trace& trace, Style look) {
-    for (int column = 0; column < DotColumns(); ++column) {
-        const RowRange& range = trace.Columns()[static_cast<size_t>(column)];
-        for (int row = range.First; row <= range.Last; ++row) SetDot(column, row, look);
+/// The axis of round labels in even distances that leaves least room above `highest`.
+ValueAxis AxisFor(double highest, int height) {
+    const int spaces = std::max(height - 1, 1);
+    // Labels stand closer in a low field, which has room for few of them.
+    const int fewestRows = 1 + height / 7;
+    const int mostRows = height < 5 ? spaces : std::max(spaces / 2, fewestRows);
+    ValueAxis best{0.0, 0, HUGE_VAL};
+    for (int rows = fewestRows; rows <= mostRows; ++rows) {
+        const double step = RoundStep(highest * rows / spaces);
+        const double reached = step * spaces / rows;
+        if (reached < best.Highest) best = {step, rows, reached};
     }
-}
-
-wchar_t Field::Glyph(unsigned int dots) const {
-    constexpr wchar_t kFirstBraillePattern = 0x2800;
-    // By height, the lowest bit at the top.
-    constexpr const wchar_t* kAscii = L" '-'.:.|";
-    return bBraille ? static_cast<wchar_t>(kFirstBraillePattern + static_cast<wchar_t>(dots)) : kAscii[dots];
-}
-
-void Field::Show(Canvas* canvas) const {
-    for (int i = 0; i < Place.Width * Place.Height; ++i) {
-        const DottedCell& cell = Cells[static_cast<size_t>(i)];
-        if (cell.Dots == 0) continue;
-        canvas->PutGlyph(Place.X + i % Place.Width, Place.Y + i / Place.Width, Glyph(cell.Dots), cell.Look);
-    }
+    return best;
 }
 
 /// Where times and values lie among the dots of a field.
 struct Scale {
-    double Lowest;
     double Highest;
     double DotSeconds;
     /// Columns and rows of dots.
@@ -147,13 +72,8 @@ struct Scale {
     double End;
 };
 
-/// Above `Lowest` in any case, because their distance is divided by.
-double HighestOf(const Plot& plot) {
-    return plot.Highest > plot.Lowest ? plot.Highest : plot.Lowest + 1.0;
-}
-
-Scale ScaleOf(const Plot& plot, const Field& field, const TimeSpan& span) {
-    Scale scale{plot.Lowest, HighestOf(plot), 0.0, field.DotColumns(), field.DotRows(), 0.0};
+Scale ScaleOf(double highest, int width, int height, const TimeSpan& span) {
+    Scale scale{highest, 0.0, width, height, 0.0};
     // Whole microseconds: the difference of two large times is not exact, which would move dots between two frames.
     const double microseconds = std::round((span.To - span.From) * 1e6);
     scale.DotSeconds = std::max(microseconds, 1.0) / 1e6 / scale.Width;
@@ -167,102 +87,195 @@ double ColumnOf(double time, const Scale& scale) {
 }
 
 int RowOf(double value, const Scale& scale) {
-    const double share = (scale.Highest - value) / (scale.Highest - scale.Lowest);
+    const double share = (scale.Highest - value) / scale.Highest;
     return static_cast<int>(std::lround(std::fmin(std::fmax(share, 0.0), 1.0) * (scale.Height - 1)));
 }
 
-using Samples = std::vector<const GpuTelemetrySample*>;
+// ---- Curves ----
 
-/// The samples that took place, oldest first: those of the span and two before it. A line enters the span from the
-/// second of these, unless the first one shows that there is a gap.
-Samples SamplesFor(const TimeSpan& span, const gpu_feed::SampleHistory& all) {
-    Samples samples;
-    int before = 0;
-    for (auto sample = all.rbegin(); sample != all.rend() && before < 2; ++sample) {
-        if (sample->TimestampSeconds == 0.0) continue;
-        samples.push_back(&*sample);
-        if (sample->TimestampSeconds < span.From) ++before;
+/// What a curve shows.
+struct CurveFacts {
+    const Curve* Of = nullptr;
+    /// Of each sample that is shown; NaN where it was not read.
+    std::vector<double> Values;
+    /// Over the time shown.
+    double Lowest = HUGE_VAL;
+    double Highest = 0.0;
+    double Sum = 0.0;
+    int Count = 0;
+    /// In the newest sample, unless a gap has followed it.
+    std::optional<double> Latest;
+};
+
+CurveFacts FactsOf(const Curve& curve, const ShownHistory& shown) {
+    CurveFacts facts;
+    facts.Of = &curve;
+    facts.Values.reserve(shown.Samples.size());
+    const double fresh = shown.Span.To - kStaleIntervals * shown.Interval;
+    for (const GpuTelemetrySample* sample : shown.Samples) {
+        const double time = sample->TimestampSeconds;
+        const double value = facts.Values.emplace_back(curve.Value(*sample).value_or(NAN));
+        if (time < shown.Span.From || time > shown.Span.To) continue;
+        const bool bRead = std::isfinite(value);
+        facts.Latest = bRead && time >= fresh ? std::optional(value) : std::nullopt;
+        if (!bRead) continue;
+        facts.Lowest = std::min(facts.Lowest, value);
+        facts.Highest = std::max(facts.Highest, value);
+        facts.Sum += value;
+        ++facts.Count;
     }
-    std::reverse(samples.begin(), samples.end());
-    return samples;
+    return facts;
 }
 
-std::optional<double> ValueOf(const Curve& curve, const GpuTelemetrySample& sample) {
-    const std::optional<double> value = curve.Value(sample);
-    return value && std::isfinite(*value) ? value : std::nullopt;
+/// What the axis has to reach.
+double HighestOf(const Plot& plot, const std::vector<CurveFacts>& curves, const SamplePointers& samples) {
+    double highest = plot.Highest;
+    for (const CurveFacts& facts : curves) highest = std::max(highest, facts.Highest);
+    for (auto sample = samples.rbegin(); plot.Ceiling != nullptr && sample != samples.rend(); ++sample) {
+        if (const std::optional<double> value = plot.Ceiling(**sample)) return std::max(highest, *value);
+    }
+    return highest;
 }
 
-double TimeBefore(const Samples& samples, size_t i) {
+double TimeBefore(const SamplePointers& samples, size_t i) {
     return samples[i]->TimestampSeconds - samples[i - 1]->TimestampSeconds;
 }
 
 /// Whether samples are missing before sample `i`. The times around it decide, because the interval may have changed.
-bool IsBehindGap(const Samples& samples, size_t i, double interval) {
+bool IsBehindGap(const SamplePointers& samples, size_t i, double interval) {
     const double earlier = i >= 2 ? TimeBefore(samples, i - 1) : interval;
     const double later = i + 1 < samples.size() ? TimeBefore(samples, i + 1) : interval;
     return TimeBefore(samples, i) > kGapFactor * std::max(earlier, later);
 }
 
-Trace TraceOf(const Curve& curve, const Samples& samples, const Scale& scale, double interval) {
+Trace TraceOf(const CurveFacts& facts, const ShownHistory& shown, const Scale& scale) {
+    const SamplePointers& samples = shown.Samples;
     Trace trace(scale.Width);
     std::optional<Dot> previous;
     for (size_t i = 0; i < samples.size(); ++i) {
-        const std::optional<double> value = ValueOf(curve, *samples[i]);
         std::optional<Dot> dot;
-        if (value) dot = Dot{ColumnOf(samples[i]->TimestampSeconds, scale), RowOf(*value, scale)};
-        if (dot) trace.Touch(*dot);
-        if (dot && previous && !IsBehindGap(samples, i, interval)) trace.Connect(*previous, *dot);
+        if (std::isfinite(facts.Values[i])) {
+            dot = Dot{ColumnOf(samples[i]->TimestampSeconds, scale), RowOf(facts.Values[i], scale)};
+            trace.Touch(*dot);
+            if (previous && !IsBehindGap(samples, i, shown.Interval)) trace.Connect(*previous, *dot);
+        }
         previous = dot;
     }
     return trace;
 }
 
-/// The value of the curve on top in the newest sample of the span, unless a gap has followed it.
-std::optional<double> LatestValue(const Plot& plot, const Samples& samples, const TimeSpan& span, double interval) {
-    const auto newest = std::find_if(samples.rbegin(), samples.rend(), [&span](const GpuTelemetrySample* sample) {
-        return sample->TimestampSeconds <= span.To;
-    });
-    const double oldest = std::max(span.From, span.To - kStaleIntervals * interval);
-    const bool bInSpan = newest != samples.rend() && (*newest)->TimestampSeconds >= oldest;
-    return bInSpan && !plot.Curves.empty() ? ValueOf(plot.Curves.back(), **newest) : std::nullopt;
+// ---- Heading ----
+
+/// A duration in its largest units: 45 s, 5 min, 1 h 30 min.
+std::string DurationText(double duration) {
+    constexpr int64_t kMinute = 60;
+    constexpr int64_t kHour = 60 * kMinute;
+    constexpr int64_t kDay = 24 * kHour;
+    const auto seconds = static_cast<int64_t>(duration);
+    const std::pair<int64_t, const char*> parts[] = {{seconds / kDay, " d"},
+                                                     {seconds % kDay / kHour, " h"},
+                                                     {seconds % kHour / kMinute, " min"},
+                                                     {seconds % kMinute, " s"}};
+    std::string text;
+    for (const auto& [count, unit] : parts) {
+        if (count > 0) text += (text.empty() ? "" : " ") + std::to_string(count) + unit;
+    }
+    return text;
 }
 
-void DrawHeading(Canvas* canvas, const Area& area, const Plot& plot, const std::optional<double>& latest) {
+int WidthOf(const std::vector<StyledText>& texts) {
+    int width = 0;
+    for (const StyledText& each : texts) width += ColumnsOf(each.Text);
+    return width;
+}
+
+/// How much the heading says of several curves: their values, also their names, also what their lines look like.
+enum class Legend { Values, Names, Lines };
+
+std::vector<StyledText> LatestTexts(const std::vector<CurveFacts>& curves, int decimals, Legend legend) {
+    std::vector<StyledText> texts;
+    for (const CurveFacts& facts : curves) {
+        if (facts.Of->Name == nullptr) continue;
+        const std::string name = facts.Of->Name;
+        const bool bNamed = !name.empty() && legend != Legend::Values;
+        if (!texts.empty()) texts.push_back({bNamed ? "  " : " / ", Style::Normal});
+        if (bNamed && legend == Legend::Lines) texts.push_back({facts.Of->bDashed ? "- - " : "--- ", facts.Of->Look});
+        if (bNamed) texts.push_back({name + ' ', Style::Normal});
+        texts.push_back(
+            {facts.Latest ? Number(*facts.Latest, decimals) : kNotRead, facts.Latest ? Style::Strong : Style::Dim});
+    }
+    return texts;
+}
+
+/// One number of each curve, behind the word for it; empty while a curve has no value.
+std::string FactText(const char* word, const std::vector<CurveFacts>& curves, int decimals,
+                     double (*numberOf)(const CurveFacts& facts)) {
+    std::string text;
+    for (const CurveFacts& facts : curves) {
+        if (facts.Of->Name == nullptr) continue;
+        if (facts.Count == 0) return {};
+        text += (text.empty() ? std::string(word) + ' ' : " / ") + Number(numberOf(facts), decimals);
+    }
+    return text;
+}
+
+std::string EnergyText(const EnergyCount& energy) {
+    if (energy.Seconds < 1.0) return {};
+    const double wattHours = energy.Joules / 3600.0;
+    return Number(wattHours, wattHours < 10.0 ? 2 : 0) + " Wh in " + DurationText(energy.Seconds);
+}
+
+/// What was over the time shown, the most useful first.
+std::vector<StyledText> FactTexts(const Plot& plot, const std::vector<CurveFacts>& curves, const EnergyCount& energy) {
+    const auto fact = [&](const char* word, double (*numberOf)(const CurveFacts& facts)) -> StyledText {
+        return {FactText(word, curves, plot.Decimals, numberOf), Style::Normal};
+    };
+    return {fact("avg", [](const CurveFacts& facts) { return facts.Sum / facts.Count; }),
+            {plot.bWithEnergy ? EnergyText(energy) : "", Style::Normal},
+            fact("max", [](const CurveFacts& facts) { return facts.Highest; }),
+            fact("min", [](const CurveFacts& facts) { return facts.Lowest; })};
+}
+
+void DrawHeading(Canvas* canvas, const Area& area, const Plot& plot, const std::vector<CurveFacts>& curves,
+                 const EnergyCount& energy) {
     const int end = area.X + area.Width;
     int x = canvas->Put(area.X, area.Y, plot.Title, Style::Title, area.Width);
-    if (!plot.Unit.empty()) x = canvas->Put(x + 1, area.Y, plot.Unit, Style::Dim, end - x - 1);
-    const std::string value = latest ? Number(*latest, plot.Decimals) : kNotRead;
-    if (x + 1 + ColumnsOf(value) > end) return;
-    canvas->PutRight(end, area.Y, value, latest ? Style::Strong : Style::Dim);
-}
-
-struct ValueLabel {
-    /// In cells below the upper end of the field.
-    int Row;
-    std::string Text;
-};
-
-/// From the highest to the lowest; a higher field has more of them.
-std::vector<ValueLabel> ValueLabels(const Plot& plot, const Scale& scale, int height) {
-    const int parts = height >= 9 ? 4 : height >= 5 ? 2 : 1;
-    std::vector<ValueLabel> labels;
-    for (int i = 0; i <= parts; ++i) {
-        const double value = scale.Highest - (scale.Highest - scale.Lowest) * i / parts;
-        const int row = RowOf(value, scale) * height / scale.Height;
-        if (labels.empty() || labels.back().Row < row) labels.push_back({row, Number(value, plot.Decimals)});
+    x = canvas->Put(x + 1, area.Y, UnitText(plot.Unit, canvas->IsUnicode()), Style::Dim, end - x - 1);
+    std::vector<StyledText> latest;
+    for (const Legend legend : {Legend::Lines, Legend::Names, Legend::Values}) {
+        latest = LatestTexts(curves, plot.Decimals, legend);
+        if (x + 1 + WidthOf(latest) <= end) break;
     }
-    return labels;
+    const int latestStart = end - WidthOf(latest);
+    if (x >= latestStart) return;
+    x += kColumnGap;
+    PutParts(canvas, {x, area.Y, latestStart - kColumnGap - x, 1}, FactTexts(plot, curves, energy));
+    x = latestStart;
+    for (const auto& [text, look] : latest) x = canvas->Put(x, area.Y, text, look);
 }
 
-/// Labels that end at column `end`, and the axis there.
-void DrawValueAxis(Canvas* canvas, const Area& field, const std::vector<ValueLabel>& labels) {
+// ---- Axes ----
+
+int DecimalsOf(double step) {
+    int decimals = 0;
+    while (decimals < 3 && std::fabs(step - std::round(step)) > 1e-6) {
+        step *= 10.0;
+        ++decimals;
+    }
+    return decimals;
+}
+
+/// Labels in the columns before `field`, and the axis beside it.
+void DrawValueAxis(Canvas* canvas, const Area& field, const ValueAxis& axis) {
     const int end = field.X - 1;
     for (int y = 0; y < field.Height; ++y) {
         canvas->PutGlyph(end, field.Y + y, canvas->IsUnicode() ? L'│' : L'|', Style::Dim);
     }
-    for (const ValueLabel& label : labels) {
-        canvas->PutRight(end, field.Y + label.Row, label.Text, Style::Dim);
-        canvas->PutGlyph(end, field.Y + label.Row, canvas->IsUnicode() ? L'┤' : L'+', Style::Dim);
+    for (int i = 0; i * axis.Rows < field.Height; ++i) {
+        const int y = field.Y + field.Height - 1 - i * axis.Rows;
+        const std::string text = Number(i * axis.Step, DecimalsOf(axis.Step));
+        if (ColumnsOf(text) < kMargin) canvas->PutRight(end, y, text, Style::Dim);
+        canvas->PutGlyph(end, y, canvas->IsUnicode() ? L'┤' : L'+', Style::Dim);
     }
 }
 
@@ -270,26 +283,17 @@ void DrawValueAxis(Canvas* canvas, const Area& field, const std::vector<ValueLab
 double TimeStep(double columnsPerSecond) {
     constexpr double kSteps[] = {1, 2, 5, 10, 15, 30, 60, 120, 300, 600, 900, 1800, 3600, 7200, 10800, 21600, 43200};
     constexpr double kLeastColumns = 14.0;
+    constexpr double kDay = 86400.0;
     const auto* const step = std::find_if(std::begin(kSteps), std::end(kSteps), [columnsPerSecond](double seconds) {
         return seconds * columnsPerSecond >= kLeastColumns;
     });
-    return step != std::end(kSteps) ? *step : kLeastColumns / columnsPerSecond;
+    return step != std::end(kSteps) ? *step : kDay * RoundStep(kLeastColumns / columnsPerSecond / kDay);
 }
 
 /// How long ago a moment was: -45 s, -5 min, -1 h 30 min.
 std::string AgoText(double secondsAgo, bool bInSeconds) {
-    constexpr int64_t kMinute = 60;
-    constexpr int64_t kHour = 3600;
-    const auto seconds = static_cast<int64_t>(secondsAgo);
-    if (seconds == 0) return "now";
-    if (bInSeconds) return '-' + std::to_string(seconds) + " s";
-    const std::pair<int64_t, const char*> parts[] = {
-        {seconds / kHour, " h"}, {seconds % kHour / kMinute, " min"}, {seconds % kMinute, " s"}};
-    std::string text;
-    for (const auto& [count, unit] : parts) {
-        if (count > 0) text += (text.empty() ? "-" : " ") + std::to_string(count) + unit;
-    }
-    return text;
+    if (secondsAgo < 1.0) return "now";
+    return '-' + (bInSeconds ? Number(secondsAgo, 0) + " s" : DurationText(secondsAgo));
 }
 
 /// From now to the left; each label is centered below its column where the area allows it.
@@ -308,34 +312,48 @@ void DrawTimeAxis(Canvas* canvas, const Area& area, const Area& field, const Tim
     }
 }
 
-/// Columns for the labels of the vertical axis and the axis itself.
-int MarginOf(const Plot& plot) {
-    const int lowest = ColumnsOf(Number(plot.Lowest, plot.Decimals));
-    const int highest = ColumnsOf(Number(HighestOf(plot), plot.Decimals));
-    return std::max({kLabelWidth, lowest, highest}) + 1;
-}
-
-/// The part of `area` for curves, beside the heading, the time axis and `margin` columns. A small area has no axes.
-Area PlaceOfField(const Area& area, int margin) {
-    const int left = area.Width >= margin + kLeastFieldWidth ? margin : 0;
+/// The part of `area` for curves, beside the heading and the axes. A small area has no axes.
+Area PlaceOfField(const Area& area) {
+    const int left = area.Width >= kMargin + kLeastFieldWidth ? kMargin : 0;
     const int below = area.Height >= 3 ? 1 : 0;
     return {area.X + left, area.Y + 1, area.Width - left, area.Height - 1 - below};
 }
 
 }  // namespace
 
-void DrawPlot(Canvas* canvas, const Area& area, const Plot& plot, const gpu_feed::SampleHistory& samples,
-              const TimeSpan& span, double interval) {
-    if (area.Width <= 0 || area.Height <= 0) return;
-    const Samples shown = SamplesFor(span, samples);
-    DrawHeading(canvas, area, plot, LatestValue(plot, shown, span, interval));
+ShownHistory::ShownHistory(const SampleHistory& history, const TimeSpan& span, double interval)
+    : Span(span), Interval(interval) {
+    std::optional<size_t> newest;
+    size_t oldest = 0;
+    int before = 0;
+    for (size_t i = history.size(); i-- > 0 && before < 2;) {
+        const double time = history[i].TimestampSeconds;
+        if (time == 0.0) continue;
+        Samples.push_back(&history[i]);
+        if (time < span.From) ++before;
+        if (time < span.From || time > span.To) continue;
+        if (!newest) newest = i;
+        oldest = i;
+    }
+    std::reverse(Samples.begin(), Samples.end());
+    if (!newest) return;
+    const EnergyCount& last = history.EnergyAt(*newest);
+    const EnergyCount& first = history.EnergyAt(oldest);
+    Energy = {last.Joules - first.Joules, last.Seconds - first.Seconds};
+}
 
-    const Area place = PlaceOfField(area, MarginOf(plot));
-    if (place.Height <= 0 || !(span.To > span.From)) return;
+void DrawPlot(Canvas* canvas, const Area& area, const Plot& plot, const ShownHistory& shown) {
+    if (area.Width <= 0 || area.Height <= 0) return;
+    std::vector<CurveFacts> curves;
+    for (const Curve& curve : plot.Curves) curves.push_back(FactsOf(curve, shown));
+    DrawHeading(canvas, area, plot, curves, shown.Energy);
+    const Area place = PlaceOfField(area);
+    if (place.Height <= 0 || !(shown.Span.To > shown.Span.From)) return;
     Field field(place, canvas->HasBraille());
-    const Scale scale = ScaleOf(plot, field, span);
-    if (place.X > area.X) DrawValueAxis(canvas, place, ValueLabels(plot, scale, place.Height));
-    for (const Curve& curve : plot.Curves) field.Draw(TraceOf(curve, shown, scale, interval), curve.Look);
+    const ValueAxis axis = AxisFor(HighestOf(plot, curves, shown.Samples), place.Height);
+    if (place.X > area.X) DrawValueAxis(canvas, place, axis);
+    const Scale scale = ScaleOf(axis.Highest, field.DotColumns(), field.DotRows(), shown.Span);
+    for (const CurveFacts& facts : curves) field.Draw(TraceOf(facts, shown, scale), facts.Of->Look, facts.Of->bDashed);
     field.Show(canvas);
-    if (place.Y + place.Height < area.Y + area.Height) DrawTimeAxis(canvas, area, place, span);
+    if (place.Y + place.Height < area.Y + area.Height) DrawTimeAxis(canvas, area, place, shown.Span);
 }

@@ -1,8 +1,6 @@
 #include "view/plot_grid.h"
 
 #include <algorithm>
-#include <cmath>
-#include <initializer_list>
 #include <optional>
 
 #include "gpu_feed/readings.h"
@@ -31,55 +29,44 @@ OptionalValue Gibibytes(const GpuTelemetrySample& sample) {
     return bytes ? OptionalValue(*bytes / kBytesPerGiB) : OptionalValue();
 }
 
-/// The highest value of any of `values` in the history, rounded up to a multiple of `step`.
-double Ceiling(const FeedGpu& gpu, std::initializer_list<OptionalValue (*)(const GpuTelemetrySample&)> values,
-               double step) {
-    double highest = step;
-    for (const GpuTelemetrySample& sample : gpu.Samples) {
-        for (const auto value : values) highest = std::max(highest, value(sample).value_or(0.0));
-    }
-    return std::ceil(highest / step) * step;
-}
-
-Plot UtilizationPlot(const FeedGpu& /*gpu*/) {
-    return {"Utilization", "%", {{Shown<ReadingId::GpuUtilization>, Style::Bar}}};
-}
-
-Plot PowerPlot(const FeedGpu& gpu) {
-    const auto power = Shown<ReadingId::Power>;
-    const auto limit = Shown<ReadingId::PowerLimit>;
-    return {"Power", "W", {{limit, Style::Limit}, {power, Style::Bar}}, 0.0, Ceiling(gpu, {power, limit}, 50.0)};
-}
-
-Plot TemperaturePlot(const FeedGpu& gpu) {
-    const auto temperature = Shown<ReadingId::Temperature>;
-    return {"Temperature", "C", {{temperature, Style::Bar}}, 20.0, std::max(100.0, Ceiling(gpu, {temperature}, 10.0))};
-}
-
-Plot ClockPlot(const FeedGpu& gpu) {
-    const auto clock = Shown<ReadingId::GraphicsClock>;
-    return {"Graphics clock", "MHz", {{clock, Style::Bar}}, 0.0, Ceiling(gpu, {clock}, 500.0)};
-}
-
-Plot MemoryPlot(const FeedGpu& gpu) {
-    return {"VRAM",
-            "GiB",
-            {{Gibibytes<ReadingId::VramUsed>, Style::Bar}},
-            0.0,
-            Ceiling(gpu, {Gibibytes<ReadingId::VramTotal>}, 1.0),
-            1};
-}
-
 struct NamedPlot {
     const char* Name;
-    Plot (*Make)(const FeedGpu& gpu);
+    Plot Picture;
 };
 
-constexpr NamedPlot kPlots[kPlotCount] = {{"utilization", UtilizationPlot},
-                                          {"power", PowerPlot},
-                                          {"temperature", TemperaturePlot},
-                                          {"graphics clock", ClockPlot},
-                                          {"memory", MemoryPlot}};
+/// In the order of their keys.
+const std::vector<NamedPlot>& NamedPlots() {
+    using Id = ReadingId;
+    static const std::vector<NamedPlot> kPlots = {
+        {"utilization", {"Utilization", "%", {{Shown<Id::GpuUtilization>, Style::Bar}}, 100.0}},
+        {"power",
+         {"Power",
+          "W",
+          {{Shown<Id::Power>, Style::Bar}, {Shown<Id::PowerLimit>, Style::Limit, true, nullptr}},
+          1.0,
+          nullptr,
+          0,
+          true}},
+        {"temperature", {"Temperature", "C", {{Shown<Id::Temperature>, Style::Bar}}, 100.0}},
+        {"graphics clock", {"Graphics clock", "MHz", {{Shown<Id::GraphicsClock>, Style::Bar}}}},
+        {"memory", {"VRAM", "GiB", {{Gibibytes<Id::VramUsed>, Style::Bar}}, 1.0, Gibibytes<Id::VramTotal>, 1}},
+        {"PCIe",
+         {"PCIe",
+          "MiB/s",
+          {{Shown<Id::PcieReceive>, Style::Bar, false, "rx"}, {Shown<Id::PcieTransmit>, Style::Strong, true, "tx"}}}},
+        {"frame time", {"Frame time", "ms", {{Shown<Id::FrameTime>, Style::Bar}}, 1.0, nullptr, 1}},
+    };
+    return kPlots;
+}
+
+/// Whether there is anything to draw: a board may lack the reading, and only some hosts measure frames.
+bool HasReading(const Plot& plot, const FeedGpu& gpu, const ShownHistory& shown) {
+    return std::any_of(plot.Curves.begin(), plot.Curves.end(), [&](const Curve& curve) {
+        const auto isRead = [&curve](const GpuTelemetrySample* sample) { return curve.Value(*sample).has_value(); };
+        return curve.Name != nullptr &&
+               (isRead(&gpu.Latest) || std::any_of(shown.Samples.rbegin(), shown.Samples.rend(), isRead));
+    });
+}
 
 /// How many rows and columns the plots form.
 struct Grid {
@@ -108,14 +95,15 @@ std::optional<Grid> GridFor(const Area& area, int count) {
     return std::nullopt;
 }
 
-/// Where plot `i` of `count` is in the grid; the last one gets what is left of its row.
+/// Where plot `i` of `count` is in the grid. All are equally wide; those in columns with fewer of them are higher.
 Area PlaceOf(const Area& area, const Grid& grid, int i, int count) {
     const int width = PlotWidth(area, grid);
+    const int column = i % grid.Columns;
     const int row = i / grid.Columns;
-    const int left = area.X + i % grid.Columns * (width + kColumnGap);
-    const int top = area.Height * row / grid.Rows;
-    const int bottom = area.Height * (row + 1) / grid.Rows;
-    return {left, area.Y + top, i + 1 == count ? area.X + area.Width - left : width, bottom - top};
+    const int rows = (count - column + grid.Columns - 1) / grid.Columns;
+    const int top = area.Height * row / rows;
+    const int bottom = area.Height * (row + 1) / rows;
+    return {area.X + column * (width + kColumnGap), area.Y + top, width, bottom - top};
 }
 
 TimeSpan SpanOf(const FeedGpu& gpu, const PlotView& view) {
@@ -130,24 +118,29 @@ TimeSpan SpanOf(const FeedGpu& gpu, const PlotView& view) {
 }  // namespace
 
 void DrawPlots(Canvas* canvas, const Area& area, const FeedGpu& gpu, const PlotView& view) {
-    if (view.Choice.none()) canvas->Put(area.X, area.Y, "1 to 5 show plots", Style::Dim, area.Width);
-    std::vector<const NamedPlot*> plots;
+    const ShownHistory shown(gpu.Samples, SpanOf(gpu, view), std::max(gpu.PeriodSeconds, view.Interval));
+    std::vector<const Plot*> plots;
     for (size_t i = 0; i < kPlotCount; ++i) {
-        if (view.Choice[i]) plots.push_back(&kPlots[i]);
+        const Plot& plot = NamedPlots()[i].Picture;
+        if (view.Choice[i] && HasReading(plot, gpu, shown)) plots.push_back(&plot);
+    }
+    if (view.Choice.none()) {
+        canvas->Put(area.X, area.Y, "1 to " + std::to_string(kPlotCount) + " show plots", Style::Dim, area.Width);
+    } else if (plots.empty() && gpu.Latest.TimestampSeconds != 0.0) {
+        canvas->Put(area.X, area.Y, "This GPU gives no reading for the chosen plots.", Style::Dim, area.Width);
     }
     std::optional<Grid> grid;
     while (!plots.empty() && !(grid = GridFor(area, static_cast<int>(plots.size())))) plots.pop_back();
-    const TimeSpan span = SpanOf(gpu, view);
-    for (size_t i = 0; i < plots.size(); ++i) {
-        const Area place = PlaceOf(area, *grid, static_cast<int>(i), static_cast<int>(plots.size()));
-        DrawPlot(canvas, place, plots[i]->Make(gpu), gpu.Samples, span, std::max(gpu.PeriodSeconds, view.Interval));
+    const int count = static_cast<int>(plots.size());
+    for (int i = 0; i < count; ++i) {
+        DrawPlot(canvas, PlaceOf(area, *grid, i, count), *plots[static_cast<size_t>(i)], shown);
     }
 }
 
 const std::vector<std::string>& PlotNames() {
     static const std::vector<std::string> kNames = [] {
         std::vector<std::string> names;
-        for (const NamedPlot& plot : kPlots) names.emplace_back(plot.Name);
+        for (const NamedPlot& plot : NamedPlots()) names.emplace_back(plot.Name);
         return names;
     }();
     return kNames;

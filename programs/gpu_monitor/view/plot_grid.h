@@ -10,7 +10,7 @@
 #include "view/canvas.h"
 
 /// Those of the history plots that are shown, in the order of their keys 1, 2, ...
-constexpr size_t kPlotCount = 5;
+constexpr size_t kPlotCount = 7;
 using PlotChoice = std::bitset<kPlotCount>;
 
 /// What part of the history the plots show.
@@ -19,11 +19,11 @@ struct PlotView {
     /// The right end of the time axis, in steady-clock seconds, and its length; 0: the whole history.
     double Until;
     double Seconds;
-    /// As in `DrawPlot`.
+    /// As in `ShownHistory`.
     double Interval;
 };
 
-/// Draws the chosen plots, as many as there is room for.
+/// Draws those of the chosen plots that the GPU has readings for, as many as there is room for.
 void DrawPlots(Canvas* canvas, const Area& area, const gpu_feed::FeedGpu& gpu, const PlotView& view);
 
 /// What the plots show, in the order of their keys.
