@@ -62,7 +62,8 @@ FeedWorker::FeedWorker(FeedOptions options)
       Tracker(
           Clamped(options.Interval),
           [this](const std::vector<GpuProcessMemory>& processes) { return Names.Describe(processes, !bSimulated); }),
-      SamplerRhythm(Clamped(options.Interval)) {
+      SamplerRhythm(Clamped(options.Interval)),
+      Session(ChangeJournal(std::move(options.JournalFolder))) {
     Next.Interval = Clamped(options.Interval);
     Publish();
     Shared.Post([](FeedWorker* worker) {
@@ -136,7 +137,9 @@ void FeedWorker::Look() {
         newest = Tracker.Look(std::move(histories), NowSeconds());
     });
     const double now = NowSeconds();
-    NextLook = newest == nullptr ? SamplerRhythm.AfterNothing(now) : SamplerRhythm.AfterNewSample(newest->Samples, now);
+    NextLook = newest == nullptr
+                   ? SamplerRhythm.AfterNothing(now)
+                   : SamplerRhythm.AfterNewSample(newest->Samples.back().TimestampSeconds, newest->PeriodSeconds, now);
     Publish();
     if (newest != nullptr) Shared.SignalChange();
 }
@@ -182,6 +185,7 @@ TuningCapabilities FeedWorker::QueryTuning(const FeedGpu& gpu) {
     TuningCapabilities answer;
     Monitor.GetClockCapabilities(gpu.Device.Index, &answer.Clocks);
     Monitor.GetPowerCapabilities(gpu.Device.Index, &answer.Power);
+    answer.bRights = HasTuningRights();
     return answer;
 }
 

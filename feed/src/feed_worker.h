@@ -34,6 +34,7 @@ public:
     /// How long the driver has been at work, in seconds.
     double DriverWait() const;
     bool IsSimulated() const { return bSimulated; }
+    const ChangeJournal& Journal() const { return Session.Journal(); }
 
     /// The body of the feed's thread.
     void Run();

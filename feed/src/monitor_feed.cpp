@@ -118,6 +118,15 @@ std::future<TuningResult> MonitorFeed::TakeAllBack() {
     return Ask<TuningResult>(*Worker, [](FeedWorker& worker) { return worker.TakeAllBack(); });
 }
 
+std::string MonitorFeed::LeaveChanges() const {
+    std::string problem;
+    for (const TuningRecord& record : Latest()->Tuning) {
+        const std::string failure = record.IsOutstanding() ? Worker->Journal().Remove(record) : "";
+        if (!failure.empty()) problem = failure;
+    }
+    return problem;
+}
+
 bool MonitorFeed::Stop(milliseconds patience) {
     if (!Thread.joinable()) return !bLeftBehind;
     bLeftBehind = !Worker->Exchange().Stop(patience);

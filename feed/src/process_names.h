@@ -3,24 +3,42 @@
 
 #include <future>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "gpu_feed/feed_data.h"
 #include "nvml_gpu_monitor.h"
+#include "process_stat.h"
 
 namespace gpu_feed {
 
 /// Adds to processes what the system knows of them.
 class ProcessNames {
 public:
-    /// Lists `processes`, largest first; with names if they are processes of this system.
+    /// Lists `processes`, largest first; with what the system knows if they are its processes.
     std::vector<FeedProcess> Describe(const std::vector<GpuProcessMemory>& processes, bool bOfThisSystem);
 
 private:
+    /// A process at an earlier look.
+    struct KnownProcess {
+        ProcessStat Stat;
+        /// When `Stat` was read, and when the process was last listed.
+        double MeasuredAt = 0.0;
+        double ListedAt = 0.0;
+        std::string Name;
+        std::string CommandLine;
+        std::optional<double> CpuPercent;
+    };
+
+    void AddDetails(FeedProcess* entry, double now);
+    /// The process with what it does now.
+    const KnownProcess& Follow(int pid, const ProcessStat& stat, const std::string& folder, double now);
+    void ForgetOld(double now);
     /// The user's name, or the number while no name is known: the directory service that knows it may not answer.
     std::string UserName(unsigned int userId);
 
+    std::map<int, KnownProcess> Processes;
     std::map<unsigned int, std::shared_future<std::string>> UserNames;
 };
 

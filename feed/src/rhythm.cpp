@@ -21,17 +21,12 @@ double Rhythm::AfterStart(double now) const {
     return now + kMarginSeconds;
 }
 
-double Rhythm::AfterNewSample(const SampleHistory& samples, double now) {
+double Rhythm::AfterNewSample(double newest, double periodSeconds, double now) {
     RetrySeconds = kFirstRetrySeconds;
     // The cycle has ended by now, so the next one starts within the interval. That bounds the guess when the last two
     // samples lie far apart because the process was suspended.
-    double next = now + IntervalSeconds;
-    if (samples.size() >= 2) {
-        const double newest = samples.back().TimestampSeconds;
-        const double previous = samples[samples.size() - 2].TimestampSeconds;
-        next = std::min(next, newest + (newest - previous));
-    }
-    return next + kMarginSeconds;
+    const double latestStart = now + IntervalSeconds;
+    return (periodSeconds == 0.0 ? latestStart : std::min(latestStart, newest + periodSeconds)) + kMarginSeconds;
 }
 
 double Rhythm::AfterNothing(double now) {

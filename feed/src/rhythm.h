@@ -3,8 +3,6 @@
 
 #include <chrono>
 
-#include "gpu_feed/sample_history.h"
-
 namespace gpu_feed {
 
 /// Finds out when the sampler's next cycle is due, from the timestamps of its samples. Moments are steady-clock
@@ -16,8 +14,9 @@ public:
     /// The moment for the first look after the sampler was started at `now`.
     double AfterStart(double now) const;
 
-    /// The moment to look again after a look at `now` that found a new sample, the last of `samples`.
-    double AfterNewSample(const SampleHistory& samples, double now);
+    /// The moment to look again after a look at `now` that found a new sample, taken at `newest`. `periodSeconds`: as
+    /// `FeedGpu::PeriodSeconds`.
+    double AfterNewSample(double newest, double periodSeconds, double now);
 
     /// The moment to look again after a look at `now` that found nothing new.
     double AfterNothing(double now);

@@ -1,6 +1,13 @@
 #include "gpu_feed/tuning_session.h"
 
+#include <linux/capability.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cstdint>
+#include <fstream>
+#include <limits>
+#include <new>
 
 #include "gpu_feed/clock.h"
 
@@ -8,6 +15,11 @@ namespace gpu_feed {
 namespace {
 
 using Kind = TuningChange::Kind;
+
+/// How long to wait for memory before a change is taken back.
+constexpr double kMemoryWaitSeconds = 0.1;
+/// Short enough to need no memory.
+constexpr const char* kOutOfMemory = "Out of memory.";
 
 TuningResult AskDriver(NvmlGpuMonitor* monitor, unsigned int gpu, const TuningChange& change) {
     TuningResult answer;
@@ -73,7 +85,11 @@ TuningResult TuningSession::MakeNoted(NvmlGpuMonitor* monitor, const TuningRecor
     TuningRecord* record = Find(firstRecord.GpuKey, change.Control());
     if (record == nullptr) record = &Changes.emplace_back(firstRecord);
     const TuningRecord before = *record;
+    std::string warning = Notes.Note(before, change);
     record->InForce = change;
+    record->Warning = std::move(warning);
+    // If memory runs out from here on, the change goes back.
+    record->Deadline = keepSeconds ? NowSeconds() + *keepSeconds : 0.0;
     if (before.Deadline == 0.0) record->Previous = firstRecord.Previous;
     record->Problem.clear();
     onNoted();
@@ -81,11 +97,13 @@ TuningResult TuningSession::MakeNoted(NvmlGpuMonitor* monitor, const TuningRecor
     const bool bSuccess = result.Result == GpuClockOperationResult::Success;
     if (!bSuccess && result.Half == HalfLock::None) {
         *record = before;
+        Settle(record);
         return result;
     }
     record->InForce = InForceAfter(result, change, before.InForce);
     const bool bGoesBack = bSuccess && keepSeconds && change != record->Previous;
     record->Deadline = bGoesBack ? NowSeconds() + *keepSeconds : 0.0;
+    Settle(record);
     return result;
 }
 
@@ -100,32 +118,43 @@ void TuningSession::Keep(const std::string& gpuKey, TuningControl control) {
     if (TuningRecord* record = Find(gpuKey, control)) record->Deadline = 0.0;
 }
 
-TuningResult TuningSession::GoBack(NvmlGpuMonitor* monitor, const TuningChange& to, TuningRecord* record) {
-    record->Deadline = 0.0;
-    TuningResult result = Apply(monitor, record->Device.Index, to);
-    record->InForce = InForceAfter(result, to, record->InForce);
+TuningResult TuningSession::GoBack(NvmlGpuMonitor* monitor, TuningRecord* record) {
+    record->Deadline = NowSeconds() + kMemoryWaitSeconds;
+    TuningResult result = Apply(monitor, record->Device.Index, record->Previous);
+    record->InForce = InForceAfter(result, record->Previous, record->InForce);
     record->Problem = result.Error;
+    Settle(record);
+    record->Deadline = 0.0;
     return result;
+}
+
+void TuningSession::Settle(TuningRecord* record) const {
+    if (!record->IsOutstanding()) record->Warning = Notes.Remove(*record);
 }
 
 TuningResult TuningSession::TakeBack(NvmlGpuMonitor* monitor, const std::string& gpuKey, TuningControl control) {
     TuningRecord* record = Find(gpuKey, control);
     if (record == nullptr) return {GpuClockOperationResult::Error, "Nothing was changed."};
-    return GoBack(monitor, record->Previous, record);
+    return GoBack(monitor, record);
 }
 
 void TuningSession::TakeBackOverdue(NvmlGpuMonitor* monitor, double now) {
     for (TuningRecord& record : Changes) {
-        if (record.Deadline != 0.0 && record.Deadline <= now) GoBack(monitor, record.Previous, &record);
+        if (record.Deadline == 0.0 || record.Deadline > now) continue;
+        try {
+            GoBack(monitor, &record);
+        } catch (const std::bad_alloc&) {
+            record.Problem = kOutOfMemory;
+        }
     }
 }
 
 void TuningSession::TakeAllBack(NvmlGpuMonitor* monitor) {
     for (TuningRecord& record : Changes) {
-        // Once `Before` is in force, the change must not go back to `Previous` as well.
-        record.Deadline = 0.0;
-        if (record.IsOutstanding()) GoBack(monitor, record.Before, &record);
+        record.Previous = record.Before;
+        record.Deadline = record.IsOutstanding() ? NowSeconds() : 0.0;
     }
+    TakeBackOverdue(monitor, std::numeric_limits<double>::infinity());
 }
 
 std::optional<double> TuningSession::NextDeadline() const {
@@ -134,6 +163,16 @@ std::optional<double> TuningSession::NextDeadline() const {
         if (record.Deadline != 0.0) next = std::min(next.value_or(record.Deadline), record.Deadline);
     }
     return next;
+}
+
+bool HasTuningRights() {
+    std::ifstream status("/proc/self/status");
+    std::string word;
+    while (status >> word && word != "CapEff:") {
+    }
+    uint64_t capabilities = 0;
+    if (!(status >> std::hex >> capabilities)) return geteuid() == 0;
+    return (capabilities >> unsigned{CAP_SYS_ADMIN} & 1U) != 0;
 }
 
 }  // namespace gpu_feed

@@ -32,12 +32,6 @@ GpuTelemetryHistory History(const std::string& uuid, Samples samples, const std:
     return {{"", index, uuid, busId, "", "", "", 0}, std::move(samples), {}};
 }
 
-SampleHistory Kept(const Samples& samples) {
-    SampleHistory history;
-    for (const GpuTelemetrySample& sample : samples) history.Append(sample);
-    return history;
-}
-
 auto HasKey(const std::string& key) {
     return Pointee(Field(&FeedGpu::Key, key));
 }
@@ -53,36 +47,21 @@ protected:
         return {Tracker.Gpus().at(0)->Latest.TimestampSeconds, Tracker.Gpus().at(0)->SilentSince};
     }
 
-    /// What is kept of each GPU: key, index, energy and the moments of its samples.
-    std::string Known() const {
-        std::ostringstream text;
-        for (const auto& gpu : Tracker.Gpus()) {
-            text << gpu->Key << '#' << gpu->Device.Index << " J" << gpu->Energy.Joules << ':';
-            for (const GpuTelemetrySample& sample : gpu->Samples) text << ' ' << sample.TimestampSeconds;
-            text << "; ";
-        }
-        return text.str();
-    }
-
-    bool bMemoryLeft = true;
+    /// How many GPUs' processes can be described before memory runs out.
+    int DescriptionsLeft = 1000;
     GpuTracker Tracker{milliseconds(1000), [this](const std::vector<GpuProcessMemory>& processes) {
-                           if (!bMemoryLeft) throw std::bad_alloc();
+                           if (DescriptionsLeft-- == 0) throw std::bad_alloc();
                            return std::vector<FeedProcess>(processes.size());
                        }};
 };
 
-TEST_F(GpuTrackerTest, EveryGpuHasAKeyOfItsOwnAndKeepsIt) {
-    for (const double now : {3.0, 4.0}) {
-        Tracker.Look({History("a", {Sample(1.0)}, "0:1"), History("a", {Sample(2.0)}, "0:2", 3),
-                      History("", {}, "0:3", 4), History("", {}, "", 5)},
-                     now);
-        EXPECT_THAT(Tracker.Gpus(), ElementsAre(HasKey("a"), HasKey("a 0:2#3"), HasKey("0:3"), HasKey("5")));
-        EXPECT_EQ(Tracker.Gpus()[1]->Latest.TimestampSeconds, 2.0);
-    }
+TEST_F(GpuTrackerTest, EveryGpuHasAKeyOfItsOwn) {
+    Tracker.Look(
+        {History("a", {}, "0:1"), History("a", {}, "0:2", 3), History("", {}, "0:3", 4), History("", {}, "", 5)}, 3.0);
+    EXPECT_THAT(Tracker.Gpus(), ElementsAre(HasKey("a"), HasKey("a 0:2#3"), HasKey("0:3"), HasKey("5")));
 }
 
 TEST_F(GpuTrackerTest, LatestIsTheNewestSampleWithAReadingAndSilenceBeginsWithALookThatFindsNone) {
-    Samples samples;
     const std::tuple<double, Samples, std::pair<double, double>> looks[] = {
         {100.1, {}, {0.0, 100.1}},
         {101.1, {Sample(101.0)}, {101.0, 0.0}},
@@ -91,16 +70,11 @@ TEST_F(GpuTrackerTest, LatestIsTheNewestSampleWithAReadingAndSilenceBeginsWithAL
         {105.1, {Sample(103.0), Sample(104.0), Sample(105.0, kNoReading)}, {104.0, 0.0}},
         {106.1, {}, {104.0, 106.1}}};
     for (const auto& [now, added, expected] : looks) {
-        samples.insert(samples.end(), added.begin(), added.end());
-        EXPECT_EQ(Tracker.Look({History("a", samples)}, now) == nullptr, added.empty()) << now;
+        EXPECT_EQ(Tracker.Look({History("a", added)}, now) == nullptr, added.empty()) << now;
         EXPECT_EQ(Times(), expected) << now;
     }
-    Tracker.Begin({History("a", samples)}, 200.0);
+    Tracker.Begin({History("a", {Sample(105.0, kNoReading)})}, 200.0);
     EXPECT_EQ(Times(), std::pair(104.0, 0.0));
-    bMemoryLeft = false;
-    EXPECT_THROW(Tracker.Look({History("a", {Sample(201.0)})}, 202.0), std::bad_alloc);
-    bMemoryLeft = true;
-    EXPECT_NE(Tracker.Look({History("a", {Sample(201.0)})}, 202.1), nullptr);
 }
 
 TEST_F(GpuTrackerTest, PeriodsAreMeasuredFromNewSamplesAndBoundedAfterASuspension) {
@@ -125,91 +99,79 @@ TEST_F(GpuTrackerTest, PeriodsAreMeasuredFromNewSamplesAndBoundedAfterASuspensio
 }
 
 TEST_F(GpuTrackerTest, HistoryAndEnergyGoOnByKeyAndANewStartOfNvmlEmptiesTheHistory) {
-    Tracker.Begin({History("a", {}), History("b", {}, "", 1)}, 1.0);
-    EXPECT_EQ(Tracker.NewestMoment(), 0.0);
-    Tracker.Look({History("a", {Sample(2.0)}), History("b", {Sample(2.25)}, "", 1)}, 2.5);
-    EXPECT_EQ(Tracker.NewestMoment(), 2.25);
-    // "b" is lost.
-    Tracker.Look({History("a", {Sample(3.0)}), History("b", {}, "", 1)}, 3.5);
-    const GpuTracker::GpuList before = Tracker.Gpus();
-    EXPECT_EQ(Known(), "a#0 J200: 2 3; b#1 J0: 2.25; ");
-    // After a pause, with a sample that no look has seen.
-    Tracker.Begin({History("a", {Sample(2.0), Sample(3.0), Sample(4.0)}), History("b", {Sample(2.25)}, "", 1)}, 5.0);
-    EXPECT_EQ(Known(), "a#0 J400: 2 3 4; b#1 J0: 2.25; ");
-    // After a new start of NVML, which gave the GPUs other indices.
-    Tracker.Begin({History("b", {}), History("a", {Sample(7.0)}, "", 1)}, 6.5);
-    EXPECT_EQ(Known(), "b#0 J0:; a#1 J400: 7; ");
-    EXPECT_EQ(Tracker.Gpus()[0]->Latest.TimestampSeconds, 2.25);
-    Tracker.Look({History("b", {Sample(8.0)}), History("a", {Sample(8.0)}, "", 1)}, 8.5);
-    EXPECT_EQ(Known(), "b#0 J0: 8; a#1 J600: 7 8; ");
-    EXPECT_EQ(before[0]->Samples.size(), 2);
-}
-
-TEST(EnergyTest, IsCountedBetweenPowerReadingsThatAreNotFartherApartThanThreePeriods) {
-    struct Case {
-        const char* Name;
-        /// From a sample to the look that finds it.
-        double Delay;
-        /// A moment and watts; without a moment: milliseconds of a new interval.
-        std::vector<std::pair<double, double>> Samples;
-        double Joules;
-        double Seconds;
-    };
-    const Case cases[] = {{"a slope", 0.01, {{10, 100}, {11, 200}, {12, 200}}, 350, 2},
-                          {"not read", 0.01, {{10, 100}, {11, -1}, {12, 100}, {13, 100}}, 100, 1},
-                          {"three periods", 0.01, {{10, 100}, {13, 100}, {16.1, 100}, {17.1, 100}}, 400, 4},
-                          {"slow cycles", 4, {{10, 100}, {15, 100}, {20, 100}}, 1000, 10},
-                          {"quicker", 0.01, {{10, 9}, {0, 100}, {12, 9}, {12.125, 9}, {12.625, 9}}, 19.125, 2.125},
-                          {"slower", 0.01, {{10, 9}, {0, 10000}, {40, 9}}, 270, 30}};
-    for (const Case& each : cases) {
-        GpuTracker tracker(milliseconds(1000), [](const auto&) { return std::vector<FeedProcess>(); });
-        for (const auto& [moment, value] : each.Samples) {
-            if (moment == 0.0) {
-                tracker.SetInterval(milliseconds(static_cast<int>(value)), 0.0);
-            } else {
-                tracker.Look({History("a", {Sample(moment, 50, value)})}, moment + each.Delay);
-            }
+    // Whether sampling begins or goes on, what the monitor gives, and what is known then: the newest moment, and of
+    // each GPU its key, its index, its energy and the moments of its samples.
+    const std::tuple<bool, std::vector<GpuTelemetryHistory>, const char*> steps[] = {
+        {true, {History("a", {}), History("b", {}, "", 1)}, "0; a 0: 0 J; b 1: 0 J"},
+        {false, {History("a", {Sample(2.0)}), History("b", {Sample(2.5)}, "", 1)}, "2.5; a 0: 0 J 2; b 1: 0 J 2.5"},
+        // "b" is lost. Then a pause begins and ends, with a sample that no look has seen.
+        {false, {History("a", {Sample(3.0)}), History("b", {}, "", 1)}, "3; a 0: 200 J 2 3; b 1: 0 J 2.5"},
+        {true,
+         {History("a", {Sample(3.0), Sample(4.0)}), History("b", {Sample(2.5)}, "", 1)},
+         "4; a 0: 400 J 2 3 4; b 1: 0 J 2.5"},
+        // NVML is started anew and gives the GPUs other indices.
+        {true, {History("b", {}), History("a", {Sample(7.0)}, "", 1)}, "7; b 0: 0 J; a 1: 400 J 7"},
+        {false, {History("b", {Sample(8.0)}), History("a", {Sample(8.0)}, "", 1)}, "8; b 0: 0 J 8; a 1: 600 J 7 8"}};
+    for (const auto& [bBegins, histories, expected] : steps) {
+        // Memory runs out after the first GPU: nothing is lost, and nothing comes twice.
+        DescriptionsLeft = 1;
+        EXPECT_THROW(Tracker.Look(histories, 10.0), std::bad_alloc);
+        DescriptionsLeft = 2;
+        if (bBegins) Tracker.Begin(histories, 10.0);
+        if (!bBegins) Tracker.Look(histories, 10.0);
+        std::ostringstream known;
+        known << Tracker.NewestMoment();
+        for (const auto& gpu : Tracker.Gpus()) {
+            known << "; " << gpu->Key << ' ' << gpu->Device.Index << ": " << gpu->Energy.Joules << " J";
+            for (const GpuTelemetrySample& sample : gpu->Samples) known << ' ' << sample.TimestampSeconds;
         }
-        const FeedGpu& gpu = *tracker.Gpus().at(0);
-        EXPECT_DOUBLE_EQ(gpu.Energy.Joules, each.Joules) << each.Name;
-        EXPECT_DOUBLE_EQ(gpu.Samples.EnergyAt(gpu.Samples.size() - 1).Seconds, each.Seconds) << each.Name;
+        EXPECT_EQ(known.str(), expected);
     }
 }
 
-TEST(SampleHistoryTest, DropsTheOldestAndSharesItsSamplesWithCopiesThatDoNotChange) {
-    SampleHistory history;
-    std::vector<SampleHistory> copies;
-    for (int i = 0; i < 6700; ++i) {
-        if (i % 67 == 0) copies.push_back(history);
-        history.Append(Sample(i), {10.0 * i, 0.5 * i});
+TEST_F(GpuTrackerTest, EnergyIsCountedBetweenPowerReadingsThatAreAtMostThreePeriodsApart) {
+    // The interval, a moment, the power then, how long the cycle takes, and the energy and its time afterwards.
+    const std::tuple<int, double, double, double, double, double> looks[] = {
+        {1000, 10, 100, 0, 0, 0},     {1000, 11, 200, 0, 150, 1},    {1000, 12, -1, 0, 150, 1},
+        {1000, 13, 100, 0, 150, 1},   {1000, 16, 100, 0, 450, 4},    {1000, 19.5, 100, 0, 450, 4},
+        {1000, 24, 100, 2, 900, 8.5}, {100, 27, 100, 0, 1200, 11.5}, {100, 27.5, 100, 0, 1200, 11.5}};
+    for (const auto& [interval, moment, watts, cycle, joules, seconds] : looks) {
+        Tracker.SetInterval(milliseconds(interval), moment);
+        Tracker.Look({History("a", {Sample(moment, 50, watts)})}, moment + cycle);
+        const EnergyCount& energy = Tracker.Gpus()[0]->Energy;
+        EXPECT_EQ(std::pair(energy.Joules, energy.Seconds), std::pair(joules, seconds)) << moment;
     }
-    for (size_t end = 0; end < 6700; end += 67) {
-        const SampleHistory& copy = copies[end / 67];
+}
+
+TEST(SampleHistoryTest, KeepsTheNewestSamplesAndCopiesDoNotChange) {
+    std::vector<SampleHistory> copies(1);
+    for (int i = 0; i < 6400; ++i) {
+        copies.push_back(copies.back());
+        copies.back().Append(Sample(i), {2.0 * i, 0.0});
+    }
+    // A copy that goes on by itself.
+    copies[1000].Append(Sample(-1.0));
+    EXPECT_EQ(copies[1000].back().TimestampSeconds, -1.0);
+    for (size_t end = 1001; end <= 6400; ++end) {
+        const SampleHistory& copy = copies[end];
         ASSERT_EQ(copy.size(), std::min<size_t>(end, 6000));
-        for (size_t i = 0; i < copy.size(); ++i) {
-            const auto expected = static_cast<double>(end - copy.size() + i);
-            ASSERT_EQ(copy[i].TimestampSeconds, expected) << end;
-            ASSERT_EQ(copy.EnergyAt(i).Seconds, 0.5 * expected) << end;
+        for (size_t i = 0; i < copy.size(); i += 100) {
+            ASSERT_EQ(copy[i].TimestampSeconds, end - copy.size() + i);
+            ASSERT_EQ(copy.EnergyAt(i).Joules, 2 * (end - copy.size() + i));
         }
     }
-    // One that has gone on by itself from a place within a block.
-    copies[3].Append(Sample(-1.0));
-    EXPECT_EQ(copies[3].back().TimestampSeconds, -1.0);
-    EXPECT_EQ(copies[4][201].TimestampSeconds, 201.0);
-    EXPECT_EQ(&copies[4][201], &copies[50][201]);
-    EXPECT_EQ(copies[3].rbegin()[1].TimestampSeconds, 200.0);
 }
 
 TEST(RhythmTest, LooksComeSoonAfterTheBeginningOfACycleAndRarelyWhenThereIsNothing) {
     Rhythm rhythm(milliseconds(1000));
     EXPECT_DOUBLE_EQ(rhythm.AfterStart(10.0), 10.005);
-    EXPECT_DOUBLE_EQ(rhythm.AfterNewSample(Kept({Sample(10.0)}), 10.25), 11.255);
-    EXPECT_DOUBLE_EQ(rhythm.AfterNewSample(Kept({Sample(10.0), Sample(11.125)}), 11.2), 12.205);
-    EXPECT_DOUBLE_EQ(rhythm.AfterNewSample(Kept({Sample(1.0), Sample(10.0), Sample(11.0)}), 11.5), 12.005);
+    EXPECT_DOUBLE_EQ(rhythm.AfterNewSample(10.0, 0.0, 10.25), 11.255);
+    EXPECT_DOUBLE_EQ(rhythm.AfterNewSample(11.125, 1.125, 11.2), 12.205);
+    EXPECT_DOUBLE_EQ(rhythm.AfterNewSample(11.0, 1.0, 11.5), 12.005);
     for (const double wait : {0.01, 0.02, 0.04, 0.08, 0.16, 0.32, 0.64, 1.0, 1.0}) {
         EXPECT_DOUBLE_EQ(rhythm.AfterNothing(20.0), 20.0 + wait);
     }
-    rhythm.AfterNewSample(Kept({Sample(21.0)}), 21.0);
+    rhythm.AfterNewSample(21.0, 0.0, 21.0);
     EXPECT_DOUBLE_EQ(rhythm.AfterNothing(30.0), 30.01);
 }
 

@@ -293,6 +293,21 @@ TEST_F(FeedTest, OutOfMemoryARequestFailsWithASentenceAndWhatIsPublishedCatchesU
     failing_memory::bChecking = false;
 }
 
+TEST_F(FeedTest, OutOfMemoryAChangeGoesBackLater) {
+    StartPaused();
+    failing_memory::bChecking = true;
+    failing_memory::bAllocationFailed = true;
+    for (uint64_t nth = 1; failing_memory::bAllocationFailed && !HasFailure(); ++nth) {
+        EXPECT_EQ(Tune(kLimit), "");
+        failing_memory::bAllocationFailed = false;
+        failing_memory::AllocationsUntilFailure = nth;
+        Feed->TakeBack(Key, TuningControl::Power).get();
+        EXPECT_TRUE(WaitFor([this] { return !Record(TuningControl::Power).IsOutstanding(); })) << nth;
+        failing_memory::AllocationsUntilFailure = 0;
+    }
+    failing_memory::bChecking = false;
+}
+
 TEST(PowerWayBackTest, IsWhatWasInForceOrElseTheDefault) {
     const TuningChange reset = {Kind::ResetPower};
     const TuningChange set = {Kind::SetPower, {}, 250.0};

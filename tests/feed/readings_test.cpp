@@ -80,8 +80,16 @@ TEST(ProcessNamesTest, ProcessesOfThisSystemHaveNameAndUserTheLargestFirst) {
     EXPECT_THAT(names.Describe({{INT32_MAX, 10}, {self, 30}, {INT32_MAX - 1, 10}}, true),
                 ElementsAre(isProcess(self, "monitor_feed_test", user), isProcess(INT32_MAX - 1, "", ""),
                             isProcess(INT32_MAX, "", "")));
-    prctl(PR_SET_NAME, "15-letters-long");
-    EXPECT_EQ(names.Describe({{self, 1}}, true)[0].Name, "15-letters-long");
+    // A name with parentheses must not spoil what follows it in the kernel's line.
+    prctl(PR_SET_NAME, "15) letters (l)");
+    const FeedProcess renamed = names.Describe({{self, 1}}, true)[0];
+    EXPECT_EQ(renamed.Name, "15) letters (l)");
+    EXPECT_THAT(renamed.CommandLine, MatchesRegex(".*monitor_feed_test( .*)?"));
+    EXPECT_THAT(renamed.MemoryBytes, Optional(AllOf(Gt(1U << 20U), Lt(1U << 30U))));
+    EXPECT_EQ(renamed.CpuPercent, std::nullopt);
+    std::optional<double> cpuPercent;
+    while (!cpuPercent) cpuPercent = names.Describe({{self, 1}}, true)[0].CpuPercent;
+    EXPECT_THAT(cpuPercent, Optional(AllOf(Gt(5.0), Lt(200.0)))) << "of one busy thread";
     prctl(PR_SET_NAME, program_invocation_short_name);
     EXPECT_THAT(names.Describe({{self, 1}}, false), ElementsAre(isProcess(self, "", "")));
 }

@@ -105,8 +105,6 @@ void QueryAndChange(NvmlGpuMonitor* monitor) {
     std::vector<GpuTelemetryHistory> histories;
     Attempt([&] { histories = monitor->Snapshot(); });
     ExpectWholeHistories(histories);
-    Attempt([&] { histories = monitor->SnapshotSince(0.0); });
-    ExpectWholeHistories(histories);
 }
 
 /// What works when nothing fails must work again.

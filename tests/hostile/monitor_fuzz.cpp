@@ -4,7 +4,6 @@
 #include <dlfcn.h>
 
 #include <algorithm>
-#include <array>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -283,21 +282,15 @@ void RequireHistories(const std::vector<GpuTelemetryHistory>& histories) {
     }
 }
 
-/// `since` is what `SnapshotSince` gives for `moment`, `histories` what `Snapshot` gives.
-void RequireSince(double moment, const std::vector<GpuTelemetryHistory>& since,
+/// `newer` is what `SnapshotSince` gives for `moment`, `histories` what `Snapshot` gives.
+void RequireNewer(double moment, const std::vector<GpuTelemetryHistory>& newer,
                   const std::vector<GpuTelemetryHistory>& histories) {
-    Require(since.size() == histories.size(), "the newer samples are of other GPUs");
-    for (size_t i = 0; i < since.size(); ++i) {
-        Require(since[i].Device.Index == histories[i].Device.Index, "the newer samples are of another GPU");
-        Require(since[i].ProcessMemory.size() == histories[i].ProcessMemory.size(), "processes are left out");
-        auto next = since[i].Samples.begin();
-        for (const Sample& sample : histories[i].Samples) {
-            if (!(sample.TimestampSeconds > moment)) continue;
-            Require(next != since[i].Samples.end() && next->TimestampSeconds == sample.TimestampSeconds,
-                    "a newer sample is left out");
-            ++next;
-        }
-        Require(next == since[i].Samples.end(), "a sample that is not newer is given");
+    RequireHistories(newer);
+    Require(newer.size() == histories.size(), "the newer samples are of other GPUs");
+    const auto isNew = [moment](const Sample& sample) { return sample.TimestampSeconds > moment; };
+    for (size_t i = 0; i < newer.size(); ++i) {
+        const auto count = std::count_if(histories[i].Samples.begin(), histories[i].Samples.end(), isNew);
+        Require(newer[i].Samples.size() == static_cast<size_t>(count), "newer samples are left out, or old ones given");
     }
 }
 
@@ -779,10 +772,9 @@ private:
         const bool bUp = Monitor->IsAvailable();
         const std::string status = Monitor->Status();
         const std::vector<GpuTelemetryHistory> histories = Monitor->Snapshot();
-        const bool bSampled = !histories.empty() && !histories[0].Samples.empty();
-        const double middle = bSampled ? histories[0].Samples[histories[0].Samples.size() / 2].TimestampSeconds : 0.0;
-        const double moment = std::array{middle, -1.0, std::nan("")}.at(activity % 3);
-        RequireSince(moment, Monitor->SnapshotSince(moment), histories);
+        for (const double moment : {-1.0, 0.0, NowSeconds() - 3.0, std::nan("")}) {
+            RequireNewer(moment, Monitor->SnapshotSince(moment), histories);
+        }
         Require(Sim().Use().Activity == activity, "an observer used the driver");
         const LibraryUse use = Sim().Use();
         const unsigned int open = bUp ? 1 : 0;

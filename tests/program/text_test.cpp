@@ -108,10 +108,11 @@ TEST(TextTest, JsonHasWhatWasReadUnderItsUnit) {
         "frame_time_ms": 8.333, "performance_limit_reasons": 36, "performance_limits": [ "power cap", "thermal" ],
         "processes": [] } ] })"));
     // A name that is not UTF-8 does not spoil the line.
-    const std::vector<gpu_feed::FeedProcess> processes = {{7, 1, "a\xff", "user"}, {8, 2, "", ""}};
+    const std::vector<gpu_feed::FeedProcess> processes = {{7, 1, "a\xff", "user", "a -b", 12.5, 4096}, {8, 2, "", ""}};
     EXPECT_EQ(Words(StreamJson(SilentGpu().Device, {}, &processes)),
               R"({"index":12,"name":"Old","timestamp_seconds":0.0,"processes":[{"pid":7,"vram_used_bytes":1,)"
-              R"("name":"a�","user":"user"},{"pid":8,"vram_used_bytes":2}]})");
+              R"("name":"a�","user":"user","command_line":"a -b","cpu_percent":12.5,"memory_bytes":4096},)"
+              R"({"pid":8,"vram_used_bytes":2}]})");
 }
 
 TEST(TextTest, CsvHasAllDigitsAndQuotesWhatNeedsIt) {

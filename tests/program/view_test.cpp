@@ -2,8 +2,10 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <array>
 #include <clocale>
+#include <cstring>
 #include <map>
 #include <utility>
 
@@ -27,8 +29,9 @@ FeedGpu MadeGpu(unsigned int index) {
     FeedGpu gpu;
     gpu.Key = "key " + std::to_string(index);
     gpu.Device = {"Made Board", index, "", "", "550.120", "", "", 0};
-    gpu.Processes = {
-        {300, 700 * kMebibyte, "render", "zoe"}, {20, 600 * kMebibyte, "train", "adam"}, {1000, 0, "", ""}};
+    gpu.Processes = {{300, 700 * kMebibyte, "render", "zoe", "/usr/bin/render /tmp/scene", 1.6, 5 * kMebibyte},
+                     {20, 600 * kMebibyte, "train", "adam", "", 250.0, 2048 * kMebibyte},
+                     {1000, 0, "", ""}};
     gpu.PeriodSeconds = 1.0;
     // clang-format off
     gpu.Latest = {kNow, 75, 100, 25, 0, 50, 3072 * kMebibyte, 4096 * kMebibyte, 0, 0, 150.0, 225.0, 250.0, 100.0, 300.0,
@@ -160,11 +163,11 @@ Graphics clock MHz   2100  VRAM GiB  avg 3.0     3.0  PCIe MiB/s    rx 12  tx 3
      │                         2┤                        10┤⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉
     0┤                         0┤                         0┤⠒ ⠒ ⠒ ⠒ ⠒ ⠒ ⠒ ⠒ ⠒ ⠒
    -60 s              now     -60 s              now     -60 s              now
-     PID       VRAM*  USER          PROCESS
-     300     700 MiB  zoe           render
-      20     600 MiB  adam          train
-    1000       0 MiB  -             -
-q quit  ? help  t tune  Tab GPU  1-7 plots  +- zoom  space pause      last 1 min
+     PID       VRAM*     CPU      MEMORY  USER        COMMAND
+     300     700 MiB     2 %       5 MiB  zoe         render /tmp/scene
+      20     600 MiB   250 %    2048 MiB  adam        train
+    1000       0 MiB       -           -  -           -
+q quit  ? help  t tune  Tab GPU  a all  1-7 plots  +- zoom            last 1 min
 )");
 }
 
@@ -234,7 +237,9 @@ TEST_F(ViewTest, StatesSayWhatAGpuDoes) {
         Silence = silence;
         Follow({state, limits});
         const bool bSilent = state.find("no data") != std::string::npos;
-        EXPECT_EQ(Drawn().At(79, 0).Look, bSilent ? Style::Alarm : Style::Strong) << state;
+        const bool bHanging = Drawn().Text().find("The driver has not answered for 9 s.\n") == 0;
+        EXPECT_EQ(bHanging, silence == 9.0);
+        EXPECT_EQ(Drawn().At(79, bHanging ? 1 : 0).Look, bSilent ? Style::Alarm : Style::Strong) << state;
         EXPECT_EQ(Drawn().Text().find(" zoe ") == std::string::npos, bSilent) << state;
     }
 }
@@ -244,8 +249,7 @@ TEST_F(ViewTest, PageMarksWhatTheProgramHasChanged) {
     const TuningChange lock{TuningChange::Kind::LockClocks, {900, 5000}};
     const TuningChange release{TuningChange::Kind::ResetClocks};
     Data.Tuning.push_back({"key 1", Data.Gpus[1]->Device, release, lock, release});
-    Follow(
-        {" \nClocks  locked to 900 / 5000 MHz, graphics 2100 MHz, memory 9501 MHz\nLimits  power 225 W (changed), "});
+    Follow({" \nClocks  locked to 900 / 5000 MHz, graphics 2100 MHz, memory 9501 MHz\nLimits  power 225 W (changed)"});
     Data.Tuning[1].InForce = release;
     NoteChange(225.0, 0.0);
     Follow({" \nClocks  graphics ", " \nLimits  power 225 W, "});
@@ -262,10 +266,10 @@ TEST_F(ViewTest, ManyGpusAreListedAroundTheSelectedOne) {
     Canvas table(100, 4, GlyphSet::Braille);
     DrawGpuTable(&table, table.Whole(), pages, 2);
     EXPECT_EQ(table.Text(),
-              R"(3 of 5 GPUs          util       vram    power    limit   temp    fan  graphics     memory  limited b
+              R"(3 of 5 GPUs          util       vram    power    limit   temp    fan  graphics     memory  limited …
 GPU 1: Made Board   no data since 12:00:00 (0 s)
 GPU 2: Made Board       -          -        -        -      -      -         -          -  -
-GPU 3: Made Board   100 %   3072 MiB  150.0 W  225.0 W   75 C   10 %  2100 MHz   9501 MHz  hardware…
+GPU 3: Made Board   100 %   3072 MiB  150.0 W  225.0 W  75 °C   10 %  2100 MHz   9501 MHz  hardware…
 )");
     EXPECT_EQ(table.At(0, 2).Look, Style::Selected);
     EXPECT_EQ(table.At(20, 1).Look, Style::Alarm);
@@ -280,21 +284,69 @@ GPU 3: Made Board   100 %   3072 MiB  150.0 W  225.0 W   75 C   10 %  2100 MHz  
     }
 }
 
-TEST_F(ViewTest, ProcessesAreSortedCutAndNamed) {
+TEST_F(ViewTest, ProcessesAreSortedScrolledCutAndNamed) {
     GpuOnPage page = OnPage(Moment(), Data.Gpus[0]);
-    page.bSimulated = true;
-    const std::tuple<ProcessOrder, int, int, const char*> cases[] = {
-        {ProcessOrder::Memory, 8, 4, "     PID\n     300\n      20\n    1000\n"},
-        {ProcessOrder::Pid, 8, 4, "    PID*\n      20\n     300\n    1000\n"},
-        {ProcessOrder::User, 8, 4, "     PID\n    1000\n      20\n     300\n"},
-        {ProcessOrder::Name, 8, 4, "     PID\n    1000\n     300\n      20\n"},
-        {ProcessOrder::User, 50, 2,
-         "     PID        VRAM  USER*         PROCESS 2 more\n    1000       0 MiB  -             (simulated)\n"}};
-    for (const auto& [order, width, height, expected] : cases) {
-        Canvas canvas(width, height, GlyphSet::Braille);
-        DrawProcesses(&canvas, canvas.Whole(), page, order);
+    GpuOnPage simulated = OnPage(Moment(), Data.Gpus[1]);
+    simulated.bSimulated = true;
+    const std::vector<GpuOnPage> one = {page};
+    const std::vector<GpuOnPage> two = {page, simulated};
+    const std::tuple<std::vector<GpuOnPage>, ProcessView, int, const char*> cases[] = {
+        {one, {ProcessOrder::Memory}, 8, "     PID\n     300\n      20\n    1000\n"},
+        {one, {ProcessOrder::Cpu}, 8, "     PID\n      20\n     300\n    1000\n"},
+        {one, {ProcessOrder::Pid}, 8, "    PID*\n      20\n     300\n    1000\n"},
+        {one, {ProcessOrder::User}, 8, "     PID\n    1000\n      20\n     300\n"},
+        {one, {ProcessOrder::Name, 9}, 50, R"(     PID        VRAM     CPU  USER        3-3 of 3
+      20     600 MiB   250 %  adam        train
+)"},
+        {two, {ProcessOrder::User, 2}, 62, R"(     PID  GPU        VRAM     CPU  USER*       COMMA… 3-4 of 6
+      20    0     600 MiB   250 %  adam        train
+      20    1     600 MiB   250 %  adam        (simulated)
+)"},
+        {one, {}, 57, R"(     PID       VRAM*     CPU  USER        COMMA… 1-1 of 3
+     300     700 MiB     2 %  zoe         render /tmp/sc…
+)"}};
+    for (const auto& [pages, view, width, expected] : cases) {
+        Canvas canvas(width, static_cast<int>(std::count(expected, expected + std::strlen(expected), '\n')),
+                      GlyphSet::Braille);
+        DrawProcesses(&canvas, canvas.Whole(), pages, view);
         EXPECT_EQ(canvas.Text(), expected);
     }
+}
+
+TEST_F(ViewTest, PageOfAllGpusHasSmallPlotsAndOneListOfProcesses) {
+    FeedGpu rising = MadeGpu(3);
+    rising.Samples = {};
+    for (int second = 0; second <= 60; ++second) {
+        rising.Latest.TimestampSeconds = kNow - 60.0 + second;
+        rising.Latest.GpuUtilizationPercent = second * 100 / 60;
+        rising.Samples.Append(rising.Latest);
+    }
+    rising.Latest = {kNow};
+    rising.Processes.resize(5);
+    SetGpus({MadeGpu(0), rising});
+    Press("a");
+    EXPECT_THAT(Drawn(80, 18).Text(),
+                StartsWith(R"(                     util                  power                     vram   temp
+GPU 0: Made Board   100 % █████████████  150.0 W ▃▃▃▃▃▃▃▃▃▃▃▃▃   3072 MiB  75 °C
+hardware thermal…         █████████████          █████████████
+
+GPU 3: Made Board       -       ▁▂▄▅▆▇█        - ▃▃▃▃▃▃▃▃▃▃▃▃▃          -      -
+                          ▂▃▅▆▇████████          █████████████
+
+     PID  GPU       VRAM*     CPU      MEMORY  USER        COMMAND
+     300    0     700 MiB     2 %       5 MiB  zoe         render /tmp/scene
+     300    3     700 MiB     2 %       5 MiB  zoe         render /tmp/scene
+)"));
+    EXPECT_EQ(Drawn().At(0, 1).Look, Style::Selected);
+    Follow({"DE  1-3 of 5\n", "D  2-4 of 5\n", "DD  3-5 of 5\n", "U  2-4 of 5\n", "a PID  GPU"});
+    SetGpus(std::vector<FeedGpu>(20, rising));
+    Follow({" 15 of 20 GPUs", "v  7-12 of 100\n", ">^  89-94 of 100\n", "<  1-6 of 100\n"});
+}
+
+TEST_F(ViewTest, GpuIsSelectedByItsNumber) {
+    SetGpus({MadeGpu(1), MadeGpu(12)});
+    Follow({"g GPU number: _", "12B2 GPU number: 12_", "E \nGPU 12: ", "g1X \nGPU 12: ", "gE \nq quit",
+            "g3E There is no GPU 3 ", "g1E \nGPU 1: "});
 }
 
 TEST_F(ViewTest, PlotsAreThoseThatWereChosenAndFindRoom) {
@@ -303,13 +355,10 @@ TEST_F(ViewTest, PlotsAreThoseThatWereChosenAndFindRoom) {
     SetGpus({MadeGpu(1)});
     // Keys to press, the size of the screen, keys of the plots that are shown then, and a text on the screen.
     const std::tuple<const char*, int, int, const char*, const char*> cases[] = {
-        {"", 80, 24, "123456", "0┤"},
-        {"", 60, 21, "12", "-60 s"},
-        {"", 80, 17, "123", "now"},
-        {"1346--", 80, 24, "25", "-5 min"},
-        {"251----", 80, 30, "1", "-45 s"},
-        {"1", 80, 24, "", "\nThis GPU gives no reading for the chosen plots.\n"},
-        {"7", 80, 24, "", "\n1 to 7 show plots\n"}};
+        {"", 80, 24, "123456", "0┤"},      {"", 60, 21, "12", "-60 s"},
+        {"", 80, 17, "123", "now"},        {"1346--", 80, 24, "25", "-5 min"},
+        {"251----", 80, 30, "1", "-45 s"}, {"1", 80, 24, "", "\nThis GPU gives no "},
+        {"7", 80, 24, "", "\n1 to 7 show"}};
     for (const auto& [keys, width, height, shownKeys, text] : cases) {
         Press(keys);
         const std::string screen = Drawn(width, height).Text();
@@ -335,7 +384,8 @@ TEST_F(ViewTest, ScreensShowWhatFits) {
     const std::string tooSmall = "Too small: this view needs 60 x 16.\n";
     const std::string strip = "GPU util % 0:100";
     const std::tuple<int, int, std::string> sizes[] = {
-        {59, 24, tooSmall}, {60, 15, tooSmall}, {60, 16, strip}, {80, 39, strip}, {80, 40, "10 of 12 GPUs  "}};
+        {59, 24, tooSmall}, {60, 15, tooSmall},         {60, 16, strip},
+        {80, 39, strip},    {80, 40, "9 of 12 GPUs  "}, {80, 60, "     "}};
     for (const auto& [width, height, start] : sizes) {
         EXPECT_THAT(Drawn(width, height).Text(), StartsWith(start)) << width << " x " << height;
     }
@@ -361,7 +411,7 @@ TEST_F(ViewTest, CharactersOfTwoColumnsAreWholeOrNotThere) {
 // ---- Keys ----
 
 TEST_F(ViewTest, KeysChooseWhatIsShown) {
-    Follow({"s PID*", "s \nProcesses by user ", "s PROCESS*", "s VRAM*"});
+    Follow({"s CPU*", "s PID*", "s \nProcesses by user ", "s COMMAND*", "s VRAM*"});
     Follow({"+ last 1 min\n", "- \nPlots: last 2 min ", "- last 5 min\n", "- last 10 min\n", "- last 30 min\n",
             "- last 1 h\n", "-- whole history\n", "= last 1 h\n"});
     Follow({"h Any key closes", "q \nPlots: last 1 h ", "? a plot: 1 utilization, 2 power, 3", "x PID"});
@@ -403,8 +453,8 @@ TEST_F(ViewTest, PowerLimitIsTypedOrSteppedTo) {
 TEST_F(ViewTest, MenuOffersWhatTheDriverSupports) {
     Silence = 3.0;
     Follow({"t Asking what can be changed ...", " The driver has not answered for 3 s."});
-    Capabilities.set_value({});
-    Follow({" Power limit", "crpdE Esc closes"});
+    Capabilities.set_value({{}, {}, false});
+    Follow({" Power limit", " lacks root's rights", "crpdE Esc, t or q closes"});
     EXPECT_THAT(Drawn().Text(), Not(AnyOf(HasSubstr("lock to"), HasSubstr("set a limit"))));
     Now += 0.6;
     Drawn();
@@ -443,7 +493,7 @@ TEST_F(ViewTest, ChangeThatIsNotMadeSaysWhy) {
         {{GpuClockOperationResult::Success}, " Done: clocks released.", false}};
     for (const auto& [result, text, bRightsAdvised] : cases) {
         OpenPanel();
-        Follow({"ry Changing ..."});
+        Follow({"ryE Changing ..."});
         Result.set_value(result);
         Follow({text});
         EXPECT_EQ(Drawn().Text().find("with sudo") != std::string::npos, bRightsAdvised) << Drawn().Text();

@@ -6,6 +6,7 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 
+#include <filesystem>
 #include <fstream>
 #include <thread>
 #include <utility>
@@ -50,7 +51,15 @@ public:
 
 class WatchTest : public Test {
 protected:
-    ~WatchTest() override { std::remove(State.c_str()); }
+    ~WatchTest() override {
+        std::remove(State.c_str());
+        std::filesystem::remove_all(Journal);
+    }
+
+    /// The command line of another command, which finds the GPUs as the view leaves them.
+    std::string Command(const std::string& command) const {
+        return "exec env " + Kept + " '" GPU_MONITOR "' " + command + " --simulate";
+    }
 
     /// Keeps the driver from answering, as long as the descriptor is open: each of its calls takes the same lock.
     int HoldDriver() const {
@@ -71,7 +80,8 @@ protected:
     }
 
     const std::string State = TempDir() + "watch_test_" + std::to_string(getpid());
-    const std::string Kept = "NVML_SIM_STATE=" + State;
+    const std::string Journal = State + ".journal";
+    const std::string Kept = "NVML_SIM_STATE=" + State + " GPU_MONITOR_JOURNAL=" + Journal;
 };
 
 TEST_F(WatchTest, TakesTheColorsAndCharactersThatTheTerminalHas) {
@@ -119,6 +129,15 @@ TEST_F(WatchTest, OncePrintsTheViewOfEveryGpu) {
     View oneLost(Watch("=2 --once --interval 100", "NVML_SIM_LOSE=1@5"), 200);
     oneLost.ExpectEnd(1, "GPU 1 (NVIDIA GeForce RTX 3070 Laptop GPU) gave no reading.");
     EXPECT_THAT(oneLost.Screen(), HasSubstr("no data yet"));
+}
+
+TEST_F(WatchTest, PageOfAllGpusScrollsAndGpusAreSelectedByNumber) {
+    View view(Watch("=16"));
+    view.Press("a", {"15 of 16 GPUs", "  1-6 of "});
+    view.Press("\x1b[6~", {"  7-12 of "});
+    view.Press("\x1bOF\x1b[5~\x1bOH\x1b[6~\x1b[6~", {"  13-18 of "});
+    view.Press("g12\r\r", {"GPU 12: NVIDIA H100 PCIe  "});
+    view.Press("a\x1bOB\r", {"GPU 13: NVIDIA GeForce GTX 680  "});
 }
 
 TEST_F(WatchTest, LogGetsEverySampleOnceAndGoesOn) {
@@ -182,6 +201,7 @@ TEST_F(WatchTest, KeptChangeOutlastsTheProgram) {
     view.Type("k");
     view.ExpectEnd(0, "kept: power limit 250 W\nTo undo it: gpu_monitor reset-power --gpu 0");
     EXPECT_TRUE(IsLimit("250000"));
+    View(Command("undo")).ExpectEnd(0, "Nothing to undo.");
 }
 
 TEST_F(WatchTest, SignalsAndALostTerminalTakeChangesBack) {
@@ -192,6 +212,7 @@ TEST_F(WatchTest, SignalsAndALostTerminalTakeChangesBack) {
         if (signal == 0) view.Type("\x1bqr");
         view.ExpectEnd(0, "going back to: default power limit");
         EXPECT_TRUE(IsLimit("320000")) << signal;
+        EXPECT_TRUE(std::filesystem::is_empty(Journal)) << signal;
     }
     // With its shell, as when a window is closed.
     View shell("exec env " + Kept + " bash --norc -i");
@@ -203,13 +224,36 @@ TEST_F(WatchTest, SignalsAndALostTerminalTakeChangesBack) {
     EXPECT_TRUE(IsLimit("320000"));
 }
 
+TEST_F(WatchTest, WhatAKilledViewHasLeftIsReportedUntilItIsUndone) {
+    for (const char* const command : {"undo", "reset-power"}) {
+        View view(Watch("", Kept));
+        view.SetPower();
+        View(Command("undo")).ExpectEnd(0, "Nothing to undo.");
+        view.Press("y", {"Changed here"});
+        view.Signal(SIGKILL);
+        EXPECT_EQ(view.WaitForExit(), 128 + SIGKILL);
+        View(Command("list"), 120)
+            .ExpectEnd(0,
+                       "GPU 0 (NVIDIA GeForce RTX 4080): a program that has ended left this changed: power limit "
+                       "250 W.\nTo undo it: gpu_monitor undo --simulate=1\n");
+        EXPECT_TRUE(IsLimit("250000"));
+        View(Command(command)).ExpectEnd(0);
+        EXPECT_TRUE(IsLimit("320000"));
+        View(Command("undo")).ExpectEnd(0, "Nothing to undo.");
+    }
+    // Where it cannot be noted, a change is made all the same.
+    View view(Watch("", "GPU_MONITOR_JOURNAL=/dev/null/folder"));
+    view.SetPower();
+    view.Press("", {"cannot be noted in /dev/null/folder", "(Not a directory)"});
+}
+
 // ---- A driver that hangs ----
 
 TEST_F(WatchTest, DriverThatHangsLeavesTheViewToTheUser) {
     View view(Watch(" --interval 100", Kept));
     view.Press("", {"  live, every"});
     const int driver = HoldDriver();
-    view.Press("?", {"no data since ", "Any key closes"});
+    view.Press("?", {"The driver has not answered for ", "Any key closes"});
     view.Press(" -t", {" 2 min\n", "Asking what can be changed"});
     view.Type("\x1bq");
     view.ExpectEnd(0);

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -53,6 +54,14 @@ struct FeedProcess {
     std::string Name;
     /// Name of the user, or the number where the name is not known; empty as `Name`.
     std::string User;
+    /// The program with its arguments, without control characters; long ones are cut off. Empty as `Name`, and where
+    /// the process has none.
+    std::string CommandLine = {};
+    /// Processor time between two looks in percent of one processor, so that several threads can take more than 100;
+    /// empty as `Name`, and before the second look.
+    std::optional<double> CpuPercent = std::nullopt;
+    /// Resident memory; empty as `Name`.
+    std::optional<uint64_t> MemoryBytes = std::nullopt;
 };
 
 /// One GPU at the feed's latest look at it.

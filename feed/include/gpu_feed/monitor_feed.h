@@ -2,6 +2,7 @@
 #define GPU_FEED_MONITOR_FEED_H
 
 #include <chrono>
+#include <filesystem>
 #include <functional>
 #include <future>
 #include <memory>
@@ -32,6 +33,8 @@ struct TuningCapabilities {
     GpuClockCapabilities Clocks;
     /// As `NvmlGpuMonitor::GetPowerCapabilities` fills it.
     GpuPowerCapabilities Power;
+    /// Whether this process seems to have the rights to make a change.
+    bool bRights = true;
 };
 
 struct FeedOptions {
@@ -43,6 +46,9 @@ struct FeedOptions {
     /// held, so it must not call the feed, nor wait for a thread that does; let it wake the interface. It must not
     /// throw. After `Stop` has returned it is not called any more.
     std::function<void()> OnChange = [] {};
+    /// Where changes are noted that are to go back, for after the program was killed: usually `DefaultJournalFolder()`.
+    /// Empty: nowhere. See `ChangeJournal`.
+    std::filesystem::path JournalFolder = {};
 };
 
 /// Owns the monitor, and keeps a user interface from ever waiting for the driver.
@@ -107,6 +113,10 @@ public:
     /// Takes all changes back, those that were kept too. Result: `Success` when that was tried; `TuningRecord::Problem`
     /// then says what could not go back. Otherwise nothing was tried.
     std::future<TuningResult> TakeAllBack();
+
+    /// Removes the journal's notes of the changes that are in force, because they are to outlast the program. Call it
+    /// at the end, before `Stop`. Result: empty, or a sentence for the user.
+    std::string LeaveChanges() const;
 
     /// Takes back what was not kept, shuts NVML down and ends the thread.
     ///

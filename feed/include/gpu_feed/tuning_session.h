@@ -4,16 +4,23 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "gpu_feed/change_journal.h"
 #include "gpu_feed/tuning_change.h"
 #include "nvml_gpu_monitor.h"
 
 namespace gpu_feed {
 
 /// Changes GPUs, remembers what was in force before, and takes changes back. Belongs to one thread.
+///
+/// Where memory runs out, a change goes back later: its deadline stays until the driver has answered.
 class TuningSession {
 public:
+    /// `journal` notes each change that can be taken back, until it has gone back.
+    explicit TuningSession(ChangeJournal journal = {}) : Notes(std::move(journal)) {}
+
     /// Makes a change. It can be taken back where there is a way back, and is overdue after `keepSeconds`; without
     /// `keepSeconds` it stays. `onNoted` is called when the change is in `Records` and before the driver, which may
     /// never answer, is asked for it.
@@ -38,6 +45,9 @@ public:
 
     const std::vector<TuningRecord>& Records() const { return Changes; }
 
+    /// Does not change, so any thread may use it.
+    const ChangeJournal& Journal() const { return Notes; }
+
 private:
     TuningRecord* Find(const std::string& gpuKey, TuningControl control);
     /// The change that takes `change` back; empty when there is no way back.
@@ -47,10 +57,18 @@ private:
     /// of this GPU before.
     TuningResult MakeNoted(NvmlGpuMonitor* monitor, const TuningRecord& firstRecord, const TuningChange& change,
                            std::optional<double> keepSeconds, const std::function<void()>& onNoted);
-    static TuningResult GoBack(NvmlGpuMonitor* monitor, const TuningChange& to, TuningRecord* record);
+    /// Takes a change back to `Previous`.
+    TuningResult GoBack(NvmlGpuMonitor* monitor, TuningRecord* record);
+    /// Removes the note of a setting that is as it was found.
+    void Settle(TuningRecord* record) const;
 
+    const ChangeJournal Notes;
     std::vector<TuningRecord> Changes;
 };
+
+/// Whether the process has the rights that drivers ask for before they change a GPU, as far as that can be known: only
+/// the attempt shows it.
+bool HasTuningRights();
 
 }  // namespace gpu_feed
 

@@ -11,6 +11,7 @@
 
 #include "commands/gpu_discovery.h"
 #include "commands/silent_driver.h"
+#include "commands/undo.h"
 #include "gpu_feed/clock.h"
 #include "gpu_feed/tuning_session.h"
 #include "terminal/failure.h"
@@ -34,17 +35,6 @@ constexpr double kSettleSeconds = 2.0;
 constexpr double kReleaseSeconds = 0.2;
 constexpr int kPauseMs = 50;
 
-/// The status of the GPU that failed first, but a GPU that does not support the change counts least.
-int ExitStatus(const std::vector<GpuChange>& changes) {
-    int status = kExitSuccess;
-    for (const GpuChange& change : changes) {
-        if (change.Result == OperationResult::NoPermission) return kExitNoPermission;
-        if (change.Result == OperationResult::Error) return kExitFailure;
-        if (change.Result == OperationResult::Unsupported) status = kExitUnsupported;
-    }
-    return status;
-}
-
 class ChangeCommand {
 public:
     ChangeCommand(const ChangeOptions& options, const TuningChange& change) : Options(options), Requested(change) {}
@@ -61,13 +51,11 @@ public:
             // Printed before the next GPU is changed: only the report says how to undo this change.
             Print(changes.back());
         }
-        const auto isDenied = [](const GpuChange& each) { return each.Result == OperationResult::NoPermission; };
-        if (std::any_of(changes.begin(), changes.end(), isDenied)) std::cerr << kRightsAdvice << '\n';
+        const int status = Conclude(changes);
         const std::vector<std::string> missing =
             Options.Gpu.empty() ? UnreadableGpus(devices) : std::vector<std::string>();
         for (const std::string& sentence : missing) std::cerr << sentence << '\n';
         if (Options.bJson) PrintReport(ChangesJson(Requested, changes, missing));
-        const int status = ExitStatus(changes);
         return missing.empty() || status == kExitNoPermission ? status : kExitFailure;
     }
 
@@ -92,6 +80,7 @@ private:
         GpuChange change{device, result.Result};
         if (result.Result == OperationResult::Success) {
             AddReport(result, before, &change);
+            ForgetLeftChanges(device, Requested.Control());
             return change;
         }
         change.Error = result.Error;
@@ -205,4 +194,16 @@ private:
 
 int RunChange(const ChangeOptions& options, const TuningChange& change) {
     return ChangeCommand(options, change).Run();
+}
+
+int Conclude(const std::vector<GpuChange>& changes) {
+    const auto isDenied = [](const GpuChange& each) { return each.Result == OperationResult::NoPermission; };
+    if (std::any_of(changes.begin(), changes.end(), isDenied)) std::cerr << kRightsAdvice << '\n';
+    int status = kExitSuccess;
+    for (const GpuChange& change : changes) {
+        if (change.Result == OperationResult::NoPermission) return kExitNoPermission;
+        if (change.Result == OperationResult::Error) return kExitFailure;
+        if (change.Result == OperationResult::Unsupported) status = kExitUnsupported;
+    }
+    return status;
 }

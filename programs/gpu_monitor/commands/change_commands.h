@@ -2,8 +2,10 @@
 #define GPU_MONITOR_CHANGE_COMMANDS_H
 
 #include <string>
+#include <vector>
 
 #include "gpu_feed/tuning_change.h"
+#include "text/change_report.h"
 
 struct ChangeOptions {
     /// Index or UUID of the only GPU to change; empty: all.
@@ -18,5 +20,9 @@ struct ChangeOptions {
 ///
 /// Result: the exit status, which is a failure when one GPU was not changed. Throws `Failure`.
 int RunChange(const ChangeOptions& options, const gpu_feed::TuningChange& change);
+
+/// Prints how to get the rights that a change lacked. Result: the exit status, that of the GPU that failed first, but a
+/// GPU that does not support the change counts least.
+int Conclude(const std::vector<GpuChange>& changes);
 
 #endif  // GPU_MONITOR_CHANGE_COMMANDS_H

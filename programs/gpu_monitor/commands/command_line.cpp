@@ -18,6 +18,7 @@
 #include "commands/query_commands.h"
 #include "commands/simulate.h"
 #include "commands/stream.h"
+#include "commands/undo.h"
 #include "commands/watch.h"
 #include "terminal/failure.h"
 #include "terminal/output.h"
@@ -44,6 +45,7 @@ constexpr const char* kFooter =
     "  gpu_monitor power                             power limits and their ranges\n"
     "  sudo gpu_monitor set-power --gpu 0 250.5\n"
     "  sudo gpu_monitor reset-power --gpu 0          back to the board's default\n"
+    "  sudo gpu_monitor undo                         take back what a killed program left\n"
     "\n"
     "Locked clocks and power limits outlast the program and act on all programs.\n"
     "\n"
@@ -108,7 +110,12 @@ std::string DecimalError(const std::string& text) {
 CLI::App* AddCommand(CLI::App* app, CommandLine* commandLine, const char* name, const char* description,
                      std::function<int()> run) {
     CLI::App* command = app->add_subcommand(name, description);
-    command->final_callback([commandLine, run = std::move(run)] { commandLine->Run = run; });
+    command->final_callback([commandLine, run = std::move(run)] {
+        commandLine->Run = [commandLine, run] {
+            PrintLeftChanges(commandLine->Change.SimulateOption);
+            return run();
+        };
+    });
     return command;
 }
 
@@ -239,6 +246,13 @@ void AddPowerChanges(CLI::App* app, CommandLine* commandLine) {
     AddGpuOption(reset, &commandLine->Change.Gpu);
 }
 
+void AddUndo(CLI::App* app, CommandLine* commandLine) {
+    app->add_subcommand("undo", "Take back what a killed live view left changed")->final_callback([commandLine] {
+        commandLine->bChanges = true;
+        commandLine->Run = RunUndo;
+    });
+}
+
 void DefineCommands(CLI::App* app, CommandLine* commandLine) {
     // Commands inherit what is set before they are added.
     app->get_formatter()->column_width(kHelpColumn);
@@ -260,6 +274,7 @@ void DefineCommands(CLI::App* app, CommandLine* commandLine) {
     AddClockChanges(app, commandLine);
     AddQuery(app, commandLine, "power", "Show the power limits and their ranges", RunPower);
     AddPowerChanges(app, commandLine);
+    AddUndo(app, commandLine);
     // Set last, so that commands do not inherit it and their help stays short.
     app->footer(kFooter);
 }

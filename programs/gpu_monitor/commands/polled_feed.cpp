@@ -10,6 +10,7 @@
 #include "commands/gpu_discovery.h"
 #include "commands/silent_driver.h"
 #include "commands/simulate.h"
+#include "commands/undo.h"
 #include "terminal/failure.h"
 
 using namespace gpu_feed;
@@ -35,7 +36,7 @@ void SignalNews(int descriptor) {
 
 PolledFeed::PolledFeed(std::chrono::milliseconds interval)
     : NewsDescriptor(NewsChannel()),
-      Feed({interval, IsSimulating(), [descriptor = NewsDescriptor] { SignalNews(descriptor); }}) {}
+      Feed({interval, IsSimulating(), [descriptor = NewsDescriptor] { SignalNews(descriptor); }, JournalFolder()}) {}
 
 PolledFeed::~PolledFeed() {
     if (!Feed.Stop()) NoteDriverLeftBehind();

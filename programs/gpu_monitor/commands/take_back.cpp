@@ -4,6 +4,7 @@
 #include <chrono>
 #include <future>
 #include <iostream>
+#include <memory>
 #include <vector>
 
 #include "gpu_feed/clock.h"
@@ -63,7 +64,11 @@ int TakeChangesBack(PolledFeed* feed, const std::string& simulateOption) {
     ExpectFurtherStop();
     const std::future<TuningResult> answer = RequestTakeAllBack(feed);
     const bool bAnswered = WaitForAnswer(answer, PatienceWith((*feed)->Moment()));
-    const std::vector<TuningRecord> left = OutstandingChanges(*(*feed)->Latest());
+    const std::shared_ptr<const FeedData> data = (*feed)->Latest();
+    const std::vector<TuningRecord> left = OutstandingChanges(*data);
+    for (const TuningRecord& record : data->Tuning) {
+        if (!record.IsOutstanding() && !record.Warning.empty()) std::cerr << record.Warning << '\n';
+    }
     if (!bAnswered) feed->LeaveDriverBehind();
     for (const TuningRecord& record : left) {
         std::cerr << GpuInSentence(record.Device)
@@ -73,9 +78,11 @@ int TakeChangesBack(PolledFeed* feed, const std::string& simulateOption) {
     return left.empty() ? kExitSuccess : kExitFailure;
 }
 
-void PrintKeptChanges(const FeedData& data, const std::string& simulateOption) {
-    for (const TuningRecord& record : OutstandingChanges(data)) {
+void LeaveChanges(PolledFeed* feed, const std::string& simulateOption) {
+    for (const TuningRecord& record : OutstandingChanges(*(*feed)->Latest())) {
         std::cerr << GpuInSentence(record.Device) << ": kept: " << OutcomeText(record.InForce)
                   << "\nTo undo it: " << CommandOf(record.Before, record.Device.Index, simulateOption) << '\n';
     }
+    const std::string problem = (*feed)->LeaveChanges();
+    if (!problem.empty()) std::cerr << problem << '\n';
 }

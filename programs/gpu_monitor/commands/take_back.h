@@ -10,7 +10,8 @@
 /// back.
 int TakeChangesBack(PolledFeed* feed, const std::string& simulateOption);
 
-/// Prints on standard error how each change that the program leaves behind can be undone.
-void PrintKeptChanges(const gpu_feed::FeedData& data, const std::string& simulateOption);
+/// Prints on standard error how each change that the program leaves behind can be undone, and ends the journal's notes
+/// of them.
+void LeaveChanges(PolledFeed* feed, const std::string& simulateOption);
 
 #endif  // GPU_MONITOR_TAKE_BACK_H

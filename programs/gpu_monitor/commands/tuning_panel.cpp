@@ -111,7 +111,7 @@ void TuningPanel::ChoosePower() {
 }
 
 void TuningPanel::OnConfirmKey(int key) {
-    if (key == EnterKey || key == 'y') Apply();
+    if (key == EnterKey) Apply();
     if (key == EscapeKey || key == 'n') Shown.Stage = Stage::Menu;
 }
 
@@ -154,9 +154,10 @@ void TuningPanel::RefreshCapabilities() {
     // The latest answer stays while something is chosen from it.
     const bool bRefreshed = stage == Stage::Menu || stage == Stage::Confirming || stage == Stage::Keeping;
     if ((bRefreshed || stage == Stage::Asking) && IsReady(CapabilityAnswer)) {
-        auto [clocks, power] = CapabilityAnswer.get();
+        auto [clocks, power, bRights] = CapabilityAnswer.get();
         Shown.Clocks = std::move(clocks);
         Shown.Power = std::move(power);
+        Shown.bRights = bRights;
         Shown.bReadBack = stage == Stage::Keeping;
         if (stage == Stage::Asking) Shown.Stage = Stage::Menu;
     }

@@ -24,7 +24,8 @@ constexpr std::array<milliseconds, 7> kIntervals = {milliseconds(100),  millisec
                                                     milliseconds(10000)};
 
 /// The orders of the processes, each with its name in a sentence.
-constexpr std::array<std::pair<ProcessOrder, const char*>, 4> kOrders = {{{ProcessOrder::Memory, "memory"},
+constexpr std::array<std::pair<ProcessOrder, const char*>, 5> kOrders = {{{ProcessOrder::Memory, "VRAM"},
+                                                                          {ProcessOrder::Cpu, "CPU"},
                                                                           {ProcessOrder::Pid, "PID"},
                                                                           {ProcessOrder::User, "user"},
                                                                           {ProcessOrder::Name, "name"}}};
@@ -46,6 +47,15 @@ const ViewControl::KeyAction ViewControl::kKeyActions[] = {
     {RightKey, &ViewControl::SelectNext},
     {BackTabKey, &ViewControl::SelectPrevious},
     {LeftKey, &ViewControl::SelectPrevious},
+    {'g', &ViewControl::SelectByNumber},
+    {'a', &ViewControl::ShowOneOrAllGpus},
+    {EnterKey, &ViewControl::ShowSelectedGpu},
+    {UpKey, &ViewControl::GoUp},
+    {DownKey, &ViewControl::GoDown},
+    {PageUpKey, &ViewControl::ScrollPageUp},
+    {PageDownKey, &ViewControl::ScrollPageDown},
+    {HomeKey, &ViewControl::ScrollToFirst},
+    {EndKey, &ViewControl::ScrollToLast},
     {'+', &ViewControl::ZoomIn},
     {'=', &ViewControl::ZoomIn},
     {'-', &ViewControl::ZoomOut},
@@ -69,8 +79,8 @@ void ViewControl::OnTime() {
     if (Panel) Panel->OnTime();
 }
 
-void ViewControl::Draw(Canvas* canvas, const FeedMoment& moment) const {
-    DrawView(canvas, moment, Choice);
+void ViewControl::Draw(Canvas* canvas, const FeedMoment& moment) {
+    Processes = DrawView(canvas, moment, Choice);
     if (Panel) Panel->Draw(canvas, moment);
     if (bHelp) DrawHelp(canvas);
     if (bLeaving) DrawLeaving(canvas, *moment.Data);
@@ -87,6 +97,8 @@ void ViewControl::OnKey(int key) {
     } else if (Panel) {
         Panel->OnKey(key);
         if (Panel->IsClosed()) Panel.reset();
+    } else if (Choice.GpuNumber) {
+        OnNumberKey(key);
     } else {
         OnViewKey(key);
     }
@@ -97,6 +109,22 @@ void ViewControl::OnViewKey(int key) {
     for (const KeyAction& action : kKeyActions) {
         if (action.Key == key) (this->*action.Act)();
     }
+}
+
+void ViewControl::OnNumberKey(int key) {
+    constexpr size_t kMostDigits = 4;
+    std::string& digits = *Choice.GpuNumber;
+    if (key >= '0' && key <= '9' && digits.size() < kMostDigits) digits += static_cast<char>(key);
+    if (key == BackspaceKey && !digits.empty()) digits.pop_back();
+    if (key != EnterKey && key != EscapeKey) return;
+    const std::string number = std::move(digits);
+    Choice.GpuNumber.reset();
+    if (key == EscapeKey || number.empty()) return;
+    const FeedMoment moment = Feed->Moment();
+    for (const auto& gpu : moment.Data->Gpus) {
+        if (gpu->Device.Index == std::stoul(number)) return Select(gpu->Key);
+    }
+    ShowNotice("There is no GPU " + number);
 }
 
 void ViewControl::OnLeavingKey(int key) {
@@ -122,7 +150,27 @@ void ViewControl::SelectGpu(int step) {
     if (count == 0) return;
     const auto isSelected = [this](const auto& gpu) { return gpu->Key == Choice.Gpu; };
     const auto place = std::find_if(gpus.begin(), gpus.end(), isSelected) - gpus.begin();
-    Choice.Gpu = gpus[static_cast<size_t>((place + step + count) % count)]->Key;
+    Select(gpus[static_cast<size_t>((place + step + count) % count)]->Key);
+}
+
+void ViewControl::Select(const std::string& gpuKey) {
+    Choice.Gpu = gpuKey;
+    // The list of all GPUs' processes stays where it is.
+    if (!Choice.bAllGpus) Choice.Processes.First = 0;
+}
+
+void ViewControl::ShowAllGpus(bool bAll) {
+    if (bAll != Choice.bAllGpus) Choice.Processes.First = 0;
+    Choice.bAllGpus = bAll;
+}
+
+void ViewControl::GoTo(int step) {
+    Choice.bAllGpus ? SelectGpu(step) : Scroll(step);
+}
+
+void ViewControl::Scroll(int lines) {
+    const int first = std::min(Choice.Processes.First, Processes.Last());
+    Choice.Processes.First = std::clamp(first + lines, 0, Processes.Last());
 }
 
 void ViewControl::Zoom(int step) {
@@ -160,8 +208,8 @@ void ViewControl::SetInterval(milliseconds interval) {
 }
 
 void ViewControl::SortDifferently() {
-    const size_t next = (static_cast<size_t>(Choice.Order) + 1) % kOrders.size();
-    Choice.Order = kOrders[next].first;
+    const size_t next = (static_cast<size_t>(Choice.Processes.Order) + 1) % kOrders.size();
+    Choice.Processes.Order = kOrders[next].first;
     ShowNotice(std::string("Processes by ") + kOrders[next].second);
 }
 

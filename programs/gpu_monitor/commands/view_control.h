@@ -33,7 +33,7 @@ public:
     /// Shows a notice for a while.
     void ShowNotice(const std::string& notice);
 
-    void Draw(Canvas* canvas, const gpu_feed::FeedMoment& moment) const;
+    void Draw(Canvas* canvas, const gpu_feed::FeedMoment& moment);
 
     /// Whether the dialog that changes a GPU is open: a change may be on its way.
     bool IsTuning() const { return Panel != nullptr; }
@@ -46,6 +46,7 @@ private:
     static const KeyAction kKeyActions[];
 
     void OnViewKey(int key);
+    void OnNumberKey(int key);
     void OnLeavingKey(int key);
 
     void Leave();
@@ -53,6 +54,15 @@ private:
     void OpenPanel();
     void SelectNext() { SelectGpu(1); }
     void SelectPrevious() { SelectGpu(-1); }
+    void SelectByNumber() { Choice.GpuNumber = ""; }
+    void ShowOneOrAllGpus() { ShowAllGpus(!Choice.bAllGpus); }
+    void ShowSelectedGpu() { ShowAllGpus(false); }
+    void GoUp() { GoTo(-1); }
+    void GoDown() { GoTo(1); }
+    void ScrollPageUp() { Scroll(-Processes.Lines); }
+    void ScrollPageDown() { Scroll(Processes.Lines); }
+    void ScrollToFirst() { Scroll(-Processes.Entries); }
+    void ScrollToLast() { Scroll(Processes.Entries); }
     void ZoomIn() { Zoom(-1); }
     void ZoomOut() { Zoom(1); }
     void PauseOrResume();
@@ -61,6 +71,10 @@ private:
     void SortDifferently();
 
     void SelectGpu(int step);
+    void Select(const std::string& gpuKey);
+    void ShowAllGpus(bool bAll);
+    void GoTo(int step);
+    void Scroll(int lines);
     void Zoom(int step);
     void SetInterval(std::chrono::milliseconds interval);
 
@@ -68,6 +82,8 @@ private:
     const std::string SimulateOption;
     std::chrono::milliseconds Interval;
     ViewChoice Choice;
+    /// As drawn last.
+    ListRoom Processes;
     std::unique_ptr<TuningPanel> Panel;
     /// As the user wants it; the feed follows.
     bool bPaused = false;

@@ -11,6 +11,7 @@
 #include "commands/csv_log.h"
 #include "commands/polled_feed.h"
 #include "commands/take_back.h"
+#include "commands/undo.h"
 #include "commands/view_control.h"
 #include "terminal/failure.h"
 #include "terminal/screen.h"
@@ -66,9 +67,11 @@ public:
     int Run() {
         if (!Feed.WaitForNews(kQuickStartMs, StopDescriptor)) return kExitSuccess;
         PolledFeed::Wanted(*Feed->Latest(), Options.Gpu);
+        // The sentences on standard error are behind the view.
+        if (HasLeftChanges()) Control.ShowNotice("A killed program left changes. See gpu_monitor undo.");
         const ViewEnd end = ShowUntilEnd();
         const int status = end == ViewEnd::TakeChangesBack ? TakeBack() : kExitSuccess;
-        if (end != ViewEnd::TakeChangesBack) PrintKeptChanges(*Feed->Latest(), Options.SimulateOption);
+        if (end != ViewEnd::TakeChangesBack) LeaveChanges(&Feed, Options.SimulateOption);
         return std::max(status, EndLog());
     }
 

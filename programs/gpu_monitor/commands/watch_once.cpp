@@ -20,7 +20,7 @@ std::string PageText(const GpuOnPage& page, int width) {
     const int processes = 1 + static_cast<int>(page.Gpu->Processes.size());
     Canvas canvas(width, summary + processes, OutputGlyphs());
     DrawSummary(&canvas, {0, 0, width, summary}, page);
-    DrawProcesses(&canvas, {0, summary, width, processes}, page, ProcessOrder::Memory);
+    DrawProcesses(&canvas, {0, summary, width, processes}, {page}, {});
     return canvas.Text();
 }
 

@@ -72,6 +72,9 @@ Json ProcessList(const std::vector<FeedProcess>& processes) {
         Json& json = list.emplace_back(Json{{"pid", process.Pid}, {"vram_used_bytes", process.VramUsedBytes}});
         if (!process.Name.empty()) json["name"] = process.Name;
         if (!process.User.empty()) json["user"] = process.User;
+        if (!process.CommandLine.empty()) json["command_line"] = process.CommandLine;
+        if (process.CpuPercent) json["cpu_percent"] = *process.CpuPercent;
+        if (process.MemoryBytes) json["memory_bytes"] = *process.MemoryBytes;
     }
     return list;
 }

@@ -9,7 +9,8 @@ namespace {
 
 /// The spaces that bring `text` to `width` characters.
 std::string Padding(const std::string& text, int width) {
-    return std::string(static_cast<size_t>(std::max(width - static_cast<int>(text.size()), 0)), ' ');
+    const int count = std::max(width - static_cast<int>(text.size()), 0);
+    return std::string().append(static_cast<size_t>(count), ' ');
 }
 
 }  // namespace
@@ -42,16 +43,20 @@ std::string OrDash(const std::string& text) {
     return text.empty() ? kNotRead : text;
 }
 
-std::vector<std::string> Wrapped(std::string text, size_t width) {
+std::vector<std::string> Wrapped(std::string text, size_t width, size_t indent) {
     std::vector<std::string> lines;
     while (text.size() > width) {
         const size_t space = text.rfind(' ', width);
-        const bool bBetweenWords = space != std::string::npos && space > 0;
+        const bool bBetweenWords = space != std::string::npos && space > indent;
         lines.push_back(text.substr(0, bBetweenWords ? space : width));
-        text.erase(0, bBetweenWords ? space + 1 : width);
+        text.replace(0, bBetweenWords ? space + 1 : width, indent, ' ');
     }
     lines.push_back(text);
     return lines;
+}
+
+std::string DriverSilenceText(double seconds) {
+    return "The driver has not answered for " + Number(seconds, 0) + " s.";
 }
 
 std::string GpuName(const GpuDeviceInfo& device) {

@@ -25,8 +25,12 @@ std::string Printable(std::string text);
 /// `text`, or a dash when it is empty.
 std::string OrDash(const std::string& text);
 
-/// Breaks `text` into lines of at most `width` characters, between words where possible.
-std::vector<std::string> Wrapped(std::string text, size_t width);
+/// Breaks `text` into lines of at most `width` characters, between words where possible. Lines after the first begin
+/// with `indent` blanks, which must be fewer than `width`.
+std::vector<std::string> Wrapped(std::string text, size_t width, size_t indent = 0);
+
+/// For how long the driver has been asked without an answer, as a sentence.
+std::string DriverSilenceText(double seconds);
 
 /// The name of a GPU in headings of columns: "GPU 0".
 std::string GpuName(const GpuDeviceInfo& device);

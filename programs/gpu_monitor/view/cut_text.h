@@ -17,8 +17,8 @@ wchar_t CutMark(const Canvas& canvas);
 /// Draws `text` into the first row of `area`, with a mark at the end when it is cut. Result: the column behind it.
 int PutCut(Canvas* canvas, const Area& area, const std::string& text, Style look = Style::Normal);
 
-/// Draws those of `parts` that are not empty and fit whole into the first row of `area`, with commas between them. Result:
-/// the column behind them.
+/// Draws those of `parts` that are not empty and fit whole into the first row of `area`, with commas between them.
+/// Result: the column behind them.
 int PutParts(Canvas* canvas, const Area& area, const std::vector<StyledText>& parts);
 
 #endif  // GPU_MONITOR_CUT_TEXT_H

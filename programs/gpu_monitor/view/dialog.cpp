@@ -45,7 +45,7 @@ void DrawFrame(Canvas* canvas, const Area& box) {
 DialogLines WrappedLines(const DialogLines& lines, int width) {
     DialogLines wrapped;
     for (const DialogLine& line : lines) {
-        for (const std::string& part : Wrapped(line.Text, static_cast<size_t>(width))) {
+        for (const std::string& part : Wrapped(line.Text, static_cast<size_t>(width), line.Indent)) {
             wrapped.push_back({part, line.Look, line.Gauge});
         }
     }

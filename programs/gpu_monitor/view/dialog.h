@@ -14,6 +14,8 @@ struct DialogLine {
     Style Look = Style::Normal;
     /// Drawn instead of the text.
     std::optional<PowerLevels> Gauge = std::nullopt;
+    /// Of the further lines where it is wrapped.
+    size_t Indent = 0;
 };
 using DialogLines = std::vector<DialogLine>;
 

@@ -1,11 +1,14 @@
 #include "view/gpu_overview.h"
 
 #include <algorithm>
+#include <iterator>
+#include <optional>
 #include <string>
 
 #include "gpu_feed/readings.h"
+#include "text/gpu_names.h"
 #include "text/reading_text.h"
-#include "text/text_layout.h"
+#include "view/cut_text.h"
 #include "view/limits.h"
 
 using namespace gpu_feed;
@@ -22,6 +25,8 @@ struct Column {
     const char* Heading;
     int Width;
     ReadingId Id;
+    /// Drawn behind the reading in a table with plots.
+    std::optional<PlotId> Plot = std::nullopt;
 };
 
 constexpr Column kColumns[] = {
@@ -29,38 +34,99 @@ constexpr Column kColumns[] = {
     {"limit", 7, ReadingId::PowerLimit},       {"temp", 5, ReadingId::Temperature},   {"fan", 5, ReadingId::Fan},
     {"graphics", 8, ReadingId::GraphicsClock}, {"memory", 9, ReadingId::MemoryClock},
 };
+constexpr Column kColumnsWithPlots[] = {
+    {"util", 5, ReadingId::GpuUtilization, PlotId::Utilization},
+    {"power", 7, ReadingId::Power, PlotId::Power},
+    {"vram", 9, ReadingId::VramUsed},
+    {"temp", 5, ReadingId::Temperature},
+    {"limit", 7, ReadingId::PowerLimit},
+    {"fan", 5, ReadingId::Fan},
+    {"graphics", 8, ReadingId::GraphicsClock},
+    {"memory", 9, ReadingId::MemoryClock},
+};
+constexpr int kPlotCountInTable = 2;
+/// Columns are left out where plots would be narrower than this part of the screen.
+constexpr int kPlotShare = 8;
 
 constexpr int kShortestName = 18;
 constexpr int kLongestName = 44;
+/// The same in a table with plots.
+constexpr int kLongestShortName = 24;
+constexpr int kNameShare = 5;
 /// For the words that say what limits the clocks.
 constexpr int kWordsWidth = 12;
 
-/// The width that the other columns leave.
-int NameWidth(int width) {
-    int others = kColumnGap + kWordsWidth;
-    for (const Column& column : kColumns) others += kColumnGap + column.Width;
-    return std::clamp(width - others, kShortestName, kLongestName);
+/// What a table shows of each GPU.
+struct Table {
+    std::vector<Column> Columns;
+    int NameWidth;
+    /// Of the GPU's lines.
+    int Rows = 1;
+    /// 0 in a table without plots.
+    int PlotWidth = 0;
+    const PlotView* View = nullptr;
+};
+
+int WidthOf(const std::vector<Column>& columns) {
+    int width = 0;
+    for (const Column& column : columns) width += kColumnGap + column.Width;
+    return width;
 }
 
-void DrawReadings(Canvas* canvas, const Area& area, const GpuOnPage& page) {
-    int x = area.X;
-    for (const Column& column : kColumns) {
+Table PlainTable(int width) {
+    Table table = {{std::begin(kColumns), std::end(kColumns)}, 0};
+    const int others = WidthOf(table.Columns) + kColumnGap + kWordsWidth;
+    table.NameWidth = std::clamp(width - others, kShortestName, kLongestName);
+    return table;
+}
+
+Table TableWithPlots(int width, int rows, const PlotView& view) {
+    Table table = {{std::begin(kColumnsWithPlots), std::end(kColumnsWithPlots)}, 0, rows, 0, &view};
+    table.NameWidth = std::clamp(width / kNameShare, kShortestName, kLongestShortName);
+    const auto plotWidth = [&] { return (width - table.NameWidth - WidthOf(table.Columns)) / kPlotCountInTable - 1; };
+    while (table.Columns.size() > kPlotCountInTable && plotWidth() < width / kPlotShare) table.Columns.pop_back();
+    table.PlotWidth = plotWidth();
+    return table;
+}
+
+/// Calls `draw` for each column that finds room, with the column of the canvas behind it. Result: where the words about
+/// limits begin.
+template <typename Draw>
+int ForEachColumn(const Table& table, const Area& area, const Draw& draw) {
+    int x = area.X + table.NameWidth;
+    for (const Column& column : table.Columns) {
         x += kColumnGap + column.Width;
-        if (x > area.X + area.Width) return;
-        canvas->PutRight(x, area.Y, ReadingText(column.Id, page.Now));
+        if (x > area.X + area.Width) break;
+        draw(column, x);
+        if (column.Plot) x += 1 + table.PlotWidth;
     }
-    x += kColumnGap;
-    DrawLimits(canvas, {x, area.Y, area.X + area.Width - x, 1}, page.Now);
+    return x + kColumnGap;
 }
 
-void DrawTableLine(Canvas* canvas, const Area& area, const GpuOnPage& page, bool bSelected) {
-    const int nameWidth = NameWidth(area.Width);
-    canvas->Put(area.X, area.Y, GpuTitle(page.Gpu->Device), bSelected ? Style::Selected : Style::Normal, nameWidth);
-    const Area rest = {area.X + nameWidth, area.Y, area.Width - nameWidth, 1};
+void DrawReadings(Canvas* canvas, const Area& area, const GpuOnPage& page, const Table& table) {
+    const int x = ForEachColumn(table, area, [&](const Column& column, int end) {
+        canvas->PutRight(end, area.Y, ReadingText(column.Id, page.Now, canvas->IsUnicode()));
+        if (column.Plot) {
+            DrawSmallPlot(canvas, {end + 1, area.Y, table.PlotWidth, area.Height}, *column.Plot, *page.Gpu,
+                          *table.View);
+        }
+    });
+    const int rest = area.X + area.Width - x;
+    if (table.View == nullptr && rest > 0) {
+        DrawLimits(canvas, {x, area.Y, rest, 1}, page.Now);
+    } else if (table.Rows > 1 && page.Now.PerformanceLimitReasons != 0) {
+        DrawLimits(canvas, {area.X, area.Y + 1, table.NameWidth, 1}, page.Now);
+    }
+}
+
+void DrawGpu(Canvas* canvas, const Area& area, const GpuOnPage& page, const Table& table, bool bSelected) {
+    const std::string name = ShortGpuTitle(page.Gpu->Device, table.NameWidth);
+    PutCut(canvas, {area.X, area.Y, table.NameWidth, 1}, name, bSelected ? Style::Selected : Style::Normal);
     if (page.bSilent) {
-        canvas->Put(rest.X + kColumnGap, rest.Y, page.State, Style::Alarm, rest.Width - kColumnGap);
+        const int x = area.X + table.NameWidth + kColumnGap;
+        PutCut(canvas, {x, area.Y, area.X + area.Width - x, 1}, page.State, Style::Alarm);
     } else {
-        DrawReadings(canvas, rest, page);
+        DrawReadings(canvas, area, page, table);
     }
 }
 
@@ -69,16 +135,24 @@ std::string ShownText(size_t shown, size_t count) {
     return shown < count ? std::to_string(shown) + " of " + std::to_string(count) + " GPUs" : "";
 }
 
-void DrawTableHeading(Canvas* canvas, const Area& area, const std::string& shown) {
+void DrawHeading(Canvas* canvas, const Area& area, const std::string& shown, const Table& table) {
     canvas->Put(area.X, area.Y, shown, Style::Dim);
-    int x = area.X + NameWidth(area.Width);
-    for (const Column& column : kColumns) {
-        x += kColumnGap + column.Width;
-        if (x > area.X + area.Width) return;
-        canvas->PutRight(x, area.Y, column.Heading, Style::Dim);
+    const int x = ForEachColumn(
+        table, area, [&](const Column& column, int end) { canvas->PutRight(end, area.Y, column.Heading, Style::Dim); });
+    if (table.View == nullptr) PutCut(canvas, {x, area.Y, area.X + area.Width - x, 1}, "limited by", Style::Dim);
+}
+
+void DrawTable(Canvas* canvas, const Area& area, const std::vector<GpuOnPage>& pages, size_t selected,
+               const Table& table) {
+    const size_t room = std::min(static_cast<size_t>(std::max(area.Height - 1, 0) / table.Rows), pages.size());
+    const size_t first = FirstShown(pages.size(), room, selected);
+    DrawHeading(canvas, {area.X, area.Y, area.Width, 1}, ShownText(room, pages.size()), table);
+    // Plots of several rows do not touch those of the next GPU.
+    const int height = std::max(table.Rows - 1, 1);
+    for (size_t i = 0; i < room; ++i) {
+        const int y = area.Y + 1 + static_cast<int>(i) * table.Rows;
+        DrawGpu(canvas, {area.X, y, area.Width, height}, pages[first + i], table, first + i == selected);
     }
-    x += kColumnGap;
-    canvas->Put(x, area.Y, "limited by", Style::Dim, area.X + area.Width - x);
 }
 
 /// A GPU in the strip: its index and its utilization, or an exclamation mark when it gives no data.
@@ -90,13 +164,12 @@ std::string StripWord(const GpuOnPage& page) {
 }  // namespace
 
 void DrawGpuTable(Canvas* canvas, const Area& area, const std::vector<GpuOnPage>& pages, size_t selected) {
-    const size_t room = std::min(static_cast<size_t>(std::max(area.Height - 1, 0)), pages.size());
-    const size_t first = FirstShown(pages.size(), room, selected);
-    DrawTableHeading(canvas, area, ShownText(room, pages.size()));
-    for (size_t i = 0; i < room; ++i) {
-        const int y = area.Y + 1 + static_cast<int>(i);
-        DrawTableLine(canvas, {area.X, y, area.Width, 1}, pages[first + i], first + i == selected);
-    }
+    DrawTable(canvas, area, pages, selected, PlainTable(area.Width));
+}
+
+void DrawGpuPlots(Canvas* canvas, const Area& area, const std::vector<GpuOnPage>& pages, size_t selected, int rows,
+                  const PlotView& view) {
+    DrawTable(canvas, area, pages, selected, TableWithPlots(area.Width, rows, view));
 }
 
 void DrawGpuStrip(Canvas* canvas, const Area& area, const std::vector<GpuOnPage>& pages, size_t selected) {

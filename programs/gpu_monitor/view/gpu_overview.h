@@ -6,9 +6,14 @@
 
 #include "view/canvas.h"
 #include "view/gpu_on_page.h"
+#include "view/plot_grid.h"
 
 /// Draws a heading and, below it, a line for each GPU, as many as there is room for around the selected one.
 void DrawGpuTable(Canvas* canvas, const Area& area, const std::vector<GpuOnPage>& pages, size_t selected);
+
+/// As `DrawGpuTable`, with small plots of utilization and power; each GPU takes so many rows.
+void DrawGpuPlots(Canvas* canvas, const Area& area, const std::vector<GpuOnPage>& pages, size_t selected, int rows,
+                  const PlotView& view);
 
 /// Draws a word for each GPU into one row, as many as there is room for around the selected one.
 void DrawGpuStrip(Canvas* canvas, const Area& area, const std::vector<GpuOnPage>& pages, size_t selected);

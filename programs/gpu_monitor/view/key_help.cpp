@@ -1,21 +1,41 @@
 #include "view/key_help.h"
 
+#include <optional>
 #include <string>
+#include <vector>
 
+#include "text/text_layout.h"
 #include "view/dialog.h"
 #include "view/plot_grid.h"
 
 namespace {
 
 struct KeyName {
-    const char* Key;
+    std::string Key;
     const char* Name;
+    /// Whether it helps only where there are GPUs to choose from.
+    bool bForManyGpus = false;
 };
 
-constexpr const char* kGpuKey = "Tab";
-constexpr KeyName kKeyNames[] = {{"q", "quit"},      {"?", "help"},     {"t", "tune"},
-                                 {kGpuKey, "GPU"},   {"1-7", "plots"},  {"+-", "zoom"},
-                                 {"space", "pause"}, {"i", "interval"}, {"s", "sort"}};
+const std::string& PlotDigits() {
+    static const std::string kDigits = "1-" + std::to_string(kPlotCount);
+    return kDigits;
+}
+
+/// The most important first.
+const std::vector<KeyName>& KeyNames() {
+    static const std::vector<KeyName> kNames = {{"q", "quit"},        {"?", "help"},        {"t", "tune"},
+                                                {"Tab", "GPU", true}, {"a", "all", true},   {PlotDigits(), "plots"},
+                                                {"+-", "zoom"},       {"space", "pause"},   {"i", "interval"},
+                                                {"s", "sort"},        {"g", "number", true}};
+    return kNames;
+}
+
+/// A key, or several, with what they do. Further lines begin below the first one's words.
+DialogLine KeyLine(const std::string& keys, const std::string& effect) {
+    constexpr int kKeysWidth = 16;
+    return {Left(keys, kKeysWidth) + effect, Style::Normal, std::nullopt, kKeysWidth};
+}
 
 /// The plots with the digits that are their keys.
 std::string NumberedPlots() {
@@ -30,9 +50,9 @@ std::string NumberedPlots() {
 
 void DrawKeyNames(Canvas* canvas, const Area& area, bool bManyGpus) {
     int x = area.X;
-    for (const auto& [key, name] : kKeyNames) {
+    for (const auto& [key, name, bForManyGpus] : KeyNames()) {
+        if (bForManyGpus && !bManyGpus) continue;
         if (x + ColumnsOf(key) + 1 + ColumnsOf(name) > area.X + area.Width) return;
-        if (key == kGpuKey && !bManyGpus) continue;
         x = canvas->Put(x, area.Y, key, Style::Strong) + 1;
         x = canvas->Put(x, area.Y, name, Style::Dim) + 2;
     }
@@ -40,14 +60,18 @@ void DrawKeyNames(Canvas* canvas, const Area& area, bool bManyGpus) {
 
 void DrawHelp(Canvas* canvas) {
     DrawDialog(canvas, {"Keys",
-                        {{"Tab Left Right  another GPU"},
-                         {"1 to 7          show or hide a plot: " + NumberedPlots()},
-                         {"+ -             shorter or longer time axis"},
-                         {"space           pause or resume sampling"},
-                         {"i I             longer or shorter interval"},
-                         {"s               sort processes"},
-                         {"t               tune: lock clocks, set the power limit"},
-                         {"q               leave; asks what becomes of changes"},
+                        {KeyLine("Tab Left Right", "another GPU"),
+                         KeyLine("g", "the GPU whose number is typed then"),
+                         KeyLine("a", "all GPUs, or one; Enter: the selected one"),
+                         KeyLine("Up Down", "scroll the processes; with all GPUs, another GPU"),
+                         KeyLine("PgUp PgDn", "scroll the processes by pages; Home End: to an end"),
+                         KeyLine("s", "sort the processes by another column"),
+                         KeyLine(PlotDigits(), "show or hide a plot: " + NumberedPlots()),
+                         KeyLine("+ -", "shorter or longer time axis"),
+                         KeyLine("space", "pause or resume sampling"),
+                         KeyLine("i I", "longer or shorter interval"),
+                         KeyLine("t", "tune: lock clocks, set the power limit"),
+                         KeyLine("q", "leave; asks what becomes of changes"),
                          {""},
                          {"Power: shaded what the limit can be, marked limit and default. A dash: the driver gives no "
                           "value. A gap in a plot: a time without."}},

@@ -15,9 +15,15 @@ namespace {
 constexpr int kMinimumHeight = 16;
 /// Screens of this height list several GPUs in a table.
 constexpr int kTableHeight = 40;
-/// The table gets a fourth of the screen at most, and the processes an eighth.
-constexpr int kTableShare = 4;
+/// A list of processes that does not fit gets this part of the screen, or a larger one beside a table.
 constexpr int kProcessShare = 8;
+constexpr int kLargeProcessShare = 5;
+/// The same on the page of all GPUs.
+constexpr int kAllGpusProcessShare = 3;
+/// The table leaves this part of the screen to the plots.
+constexpr double kPlotShare = 0.4;
+/// With more rows, small plots would not show more.
+constexpr int kMostRowsPerGpu = 8;
 
 Area TakeTop(Area* rest, int rows) {
     const Area taken = {rest->X, rest->Y, rest->Width, std::min(rows, rest->Height)};
@@ -37,7 +43,10 @@ void DrawFooter(Canvas* canvas, const Area& area, const FeedMoment& moment, cons
     const int end = area.X + area.Width;
     canvas->PutRight(end, area.Y, settings, Style::Strong);
     const Area rest = {area.X, area.Y, area.Width - ColumnsOf(settings) - 1, 1};
-    if (moment.Now < choice.NoticeUntil) {
+    if (choice.GpuNumber) {
+        const std::string prompt = "GPU number: " + *choice.GpuNumber + "_  (Enter selects)";
+        canvas->Put(rest.X, rest.Y, prompt, Style::Warning, rest.Width);
+    } else if (moment.Now < choice.NoticeUntil) {
         canvas->Put(rest.X, rest.Y, choice.Notice, Style::Warning, rest.Width);
     } else {
         DrawKeyNames(canvas, rest, moment.Data->Gpus.size() > 1);
@@ -55,48 +64,80 @@ std::vector<GpuOnPage> PagesOf(const FeedMoment& moment) {
     return pages;
 }
 
-void DrawOverview(Canvas* canvas, Area* rest, const std::vector<GpuOnPage>& pages, size_t selected) {
+PlotView PlotViewOf(const FeedMoment& moment, const ViewChoice& choice) {
+    const FeedData& data = *moment.Data;
+    // Plots do not move while sampling is paused, so that the user can study them.
+    const double until = data.State == FeedState::Paused ? data.PausedAt : moment.Now;
+    return {choice.Plots, until, choice.Seconds, std::chrono::duration<double>(data.Interval).count()};
+}
+
+/// `room`: for the table, in rows.
+void DrawOverview(Canvas* canvas, Area* rest, const std::vector<GpuOnPage>& pages, size_t selected, int room) {
     if (pages.size() < 2) return;
     if (canvas->Height() < kTableHeight) {
         DrawGpuStrip(canvas, TakeTop(rest, 1), pages, selected);
         return;
     }
-    const int rows = std::min(static_cast<int>(pages.size()), canvas->Height() / kTableShare);
-    DrawGpuTable(canvas, TakeTop(rest, rows + 1), pages, selected);
+    // Beside the GPUs, there are the heading and a blank row.
+    const int gpus = std::clamp(room - 2, 1, static_cast<int>(pages.size()));
+    DrawGpuTable(canvas, TakeTop(rest, gpus + 1), pages, selected);
     TakeTop(rest, 1);
 }
 
-void DrawPage(Canvas* canvas, Area rest, const GpuOnPage& page, const FeedMoment& moment, const ViewChoice& choice) {
-    const FeedData& data = *moment.Data;
-    DrawSummary(canvas, TakeTop(&rest, SummaryHeight(rest.Width)), page);
-    DrawProcesses(canvas, TakeBottom(&rest, canvas->Height() / kProcessShare + 1), page, choice.Order);
-    // Plots do not move while sampling is paused, so that the user can study them.
-    const double until = data.State == FeedState::Paused ? data.PausedAt : moment.Now;
-    const double interval = std::chrono::duration<double>(data.Interval).count();
-    DrawPlots(canvas, rest, *page.Gpu, {choice.Plots, until, choice.Seconds, interval});
+/// The page of one GPU. What processes and table do not need is left to the plots.
+ListRoom DrawPage(Canvas* canvas, Area rest, const std::vector<GpuOnPage>& pages, size_t selected,
+                  const FeedMoment& moment, const ViewChoice& choice) {
+    const GpuOnPage& page = pages[selected];
+    const int share = canvas->Height() < kTableHeight ? kProcessShare : kLargeProcessShare;
+    const int wanted = CountProcesses({page}) + 1;
+    const int least = std::min(wanted, canvas->Height() / share + 1);
+    const int summary = SummaryHeight(rest.Width);
+    const int plots = choice.Plots.any() ? static_cast<int>(kPlotShare * canvas->Height()) : 1;
+    DrawOverview(canvas, &rest, pages, selected, rest.Height - summary - least - plots);
+    DrawSummary(canvas, TakeTop(&rest, summary), page);
+    const int processes = choice.Plots.any() ? least : std::max(rest.Height - plots, least);
+    const ListRoom shown = DrawProcesses(canvas, TakeBottom(&rest, processes), {page}, choice.Processes);
+    DrawPlots(canvas, rest, *page.Gpu, PlotViewOf(moment, choice));
+    return shown;
+}
+
+/// The page of all GPUs. What the processes do not need is left to the GPUs, as long as they can use it.
+ListRoom DrawAllGpus(Canvas* canvas, Area rest, const std::vector<GpuOnPage>& pages, size_t selected,
+                     const FeedMoment& moment, const ViewChoice& choice) {
+    const int count = static_cast<int>(pages.size());
+    const int most = std::max(rest.Height - 1 - count, rest.Height / kAllGpusProcessShare);
+    const int room = rest.Height - 1 - std::min(CountProcesses(pages) + 1, most);
+    const int rows = std::clamp(room / count, 1, kMostRowsPerGpu);
+    const Area table = TakeTop(&rest, 1 + std::min(count, room / rows) * rows);
+    DrawGpuPlots(canvas, table, pages, selected, rows, PlotViewOf(moment, choice));
+    return DrawProcesses(canvas, rest, pages, choice.Processes);
 }
 
 }  // namespace
 
-void DrawView(Canvas* canvas, const FeedMoment& moment, const ViewChoice& choice) {
+ListRoom DrawView(Canvas* canvas, const FeedMoment& moment, const ViewChoice& choice) {
     if (canvas->Width() < kMinimumViewWidth || canvas->Height() < kMinimumHeight) {
         canvas->Put(0, 0,
                     "Too small: this view needs " + std::to_string(kMinimumViewWidth) + " x " +
                         std::to_string(kMinimumHeight) + ".");
-        return;
+        return {};
     }
     Area rest = canvas->Whole();
     DrawFooter(canvas, TakeBottom(&rest, 1), moment, choice);
     if (moment.Data->Gpus.empty()) {
         DrawStarting(canvas, rest, moment.DriverSilence);
-        return;
+        return {};
+    }
+    // Once for the machine: which of the GPUs it hangs on cannot be seen from here.
+    if (IsDriverHanging(moment)) {
+        const Area line = TakeTop(&rest, 1);
+        canvas->Put(line.X, line.Y, DriverSilenceText(moment.DriverSilence), Style::Alarm, line.Width);
     }
     const std::vector<GpuOnPage> pages = PagesOf(moment);
     const auto isSelected = [&choice](const GpuOnPage& page) { return page.Gpu->Key == choice.Gpu; };
     const auto found = std::find_if(pages.begin(), pages.end(), isSelected);
-    const auto selected = found == pages.end() ? pages.begin() : found;
-    DrawOverview(canvas, &rest, pages, static_cast<size_t>(selected - pages.begin()));
-    DrawPage(canvas, rest, *selected, moment, choice);
+    const auto selected = found == pages.end() ? size_t{0} : static_cast<size_t>(found - pages.begin());
+    return (choice.bAllGpus ? DrawAllGpus : DrawPage)(canvas, rest, pages, selected, moment, choice);
 }
 
 std::string SpanText(double seconds) {

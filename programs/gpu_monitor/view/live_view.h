@@ -2,6 +2,7 @@
 #define GPU_MONITOR_LIVE_VIEW_H
 
 #include <chrono>
+#include <optional>
 #include <string>
 
 #include "gpu_feed/feed_data.h"
@@ -19,14 +20,18 @@ struct ViewChoice {
     PlotChoice Plots = PlotChoice().set();
     /// Of the plots' time axis; 0: the whole history.
     double Seconds = 60.0;
-    ProcessOrder Order = ProcessOrder::Memory;
+    ProcessView Processes;
+    /// All GPUs at once, instead of the selected one's page.
+    bool bAllGpus = false;
+    /// The digits typed so far, while the user types the number of a GPU.
+    std::optional<std::string> GpuNumber;
     /// Shown in place of the keys' names until a moment of the steady clock.
     std::string Notice;
     double NoticeUntil = 0.0;
 };
 
-/// Draws the whole view.
-void DrawView(Canvas* canvas, const gpu_feed::FeedMoment& moment, const ViewChoice& choice);
+/// Draws the whole view. Result: what there was of the list of processes.
+ListRoom DrawView(Canvas* canvas, const gpu_feed::FeedMoment& moment, const ViewChoice& choice);
 
 /// The span of the time axis, as people say it.
 std::string SpanText(double seconds);

@@ -127,6 +127,12 @@ CurveFacts FactsOf(const Curve& curve, const ShownHistory& shown) {
     return facts;
 }
 
+std::vector<CurveFacts> FactsOf(const Plot& plot, const ShownHistory& shown) {
+    std::vector<CurveFacts> curves;
+    for (const Curve& curve : plot.Curves) curves.push_back(FactsOf(curve, shown));
+    return curves;
+}
+
 /// What the axis has to reach.
 double HighestOf(const Plot& plot, const std::vector<CurveFacts>& curves, const SamplePointers& samples) {
     double highest = plot.Highest;
@@ -312,6 +318,12 @@ void DrawTimeAxis(Canvas* canvas, const Area& area, const Area& field, const Tim
     }
 }
 
+/// The glyphs of a cell that is filled from below, by eighths, halves or thirds.
+const wchar_t* FillingGlyphs(const Canvas& canvas) {
+    if (canvas.HasBraille()) return L"\u2581\u2582\u2583\u2584\u2585\u2586\u2587\u2588";
+    return canvas.IsUnicode() ? L"\u2584\u2588" : L".:|";
+}
+
 /// The part of `area` for curves, beside the heading and the axes. A small area has no axes.
 Area PlaceOfField(const Area& area) {
     const int left = area.Width >= kMargin + kLeastFieldWidth ? kMargin : 0;
@@ -344,8 +356,7 @@ ShownHistory::ShownHistory(const SampleHistory& history, const TimeSpan& span, d
 
 void DrawPlot(Canvas* canvas, const Area& area, const Plot& plot, const ShownHistory& shown) {
     if (area.Width <= 0 || area.Height <= 0) return;
-    std::vector<CurveFacts> curves;
-    for (const Curve& curve : plot.Curves) curves.push_back(FactsOf(curve, shown));
+    const std::vector<CurveFacts> curves = FactsOf(plot, shown);
     DrawHeading(canvas, area, plot, curves, shown.Energy);
     const Area place = PlaceOfField(area);
     if (place.Height <= 0 || !(shown.Span.To > shown.Span.From)) return;
@@ -356,4 +367,21 @@ void DrawPlot(Canvas* canvas, const Area& area, const Plot& plot, const ShownHis
     for (const CurveFacts& facts : curves) field.Draw(TraceOf(facts, shown, scale), facts.Of->Look, facts.Of->bDashed);
     field.Show(canvas);
     if (place.Y + place.Height < area.Y + area.Height) DrawTimeAxis(canvas, area, place, shown.Span);
+}
+
+void DrawBars(Canvas* canvas, const Area& area, const Plot& plot, const ShownHistory& shown) {
+    if (area.Width <= 0 || area.Height <= 0 || !(shown.Span.To > shown.Span.From)) return;
+    const std::wstring glyphs = FillingGlyphs(*canvas);
+    const int parts = static_cast<int>(glyphs.size());
+    const std::vector<CurveFacts> curves = FactsOf(plot, shown);
+    const double highest = HighestOf(plot, curves, shown.Samples);
+    const Scale scale = ScaleOf(highest, area.Width, area.Height * parts, shown.Span);
+    const Trace trace = TraceOf(curves.front(), shown, scale);
+    for (int column = 0; column < scale.Width; ++column) {
+        const int height = scale.Height - std::min(trace.Columns()[static_cast<size_t>(column)].First, scale.Height);
+        for (int row = 0; row * parts < height; ++row) {
+            const wchar_t glyph = glyphs[static_cast<size_t>(std::min(height - row * parts, parts) - 1)];
+            canvas->PutGlyph(area.X + column, area.Y + area.Height - 1 - row, glyph, plot.Curves.front().Look);
+        }
+    }
 }

@@ -60,4 +60,7 @@ struct ShownHistory {
 /// scale. A curve has a gap where samples are missing for much longer than usual, and where a value was not read.
 void DrawPlot(Canvas* canvas, const Area& area, const Plot& plot, const ShownHistory& shown);
 
+/// Fills `area` with bars that are as high as the first curve, without axes.
+void DrawBars(Canvas* canvas, const Area& area, const Plot& plot, const ShownHistory& shown);
+
 #endif  // GPU_MONITOR_PLOT_H

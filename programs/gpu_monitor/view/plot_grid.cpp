@@ -115,10 +115,14 @@ TimeSpan SpanOf(const FeedGpu& gpu, const PlotView& view) {
     return {view.Until - std::max(seconds, kShortestSeconds), view.Until};
 }
 
+ShownHistory ShownPart(const FeedGpu& gpu, const PlotView& view) {
+    return {gpu.Samples, SpanOf(gpu, view), std::max(gpu.PeriodSeconds, view.Interval)};
+}
+
 }  // namespace
 
 void DrawPlots(Canvas* canvas, const Area& area, const FeedGpu& gpu, const PlotView& view) {
-    const ShownHistory shown(gpu.Samples, SpanOf(gpu, view), std::max(gpu.PeriodSeconds, view.Interval));
+    const ShownHistory shown = ShownPart(gpu, view);
     std::vector<const Plot*> plots;
     for (size_t i = 0; i < kPlotCount; ++i) {
         const Plot& plot = NamedPlots()[i].Picture;
@@ -135,6 +139,10 @@ void DrawPlots(Canvas* canvas, const Area& area, const FeedGpu& gpu, const PlotV
     for (int i = 0; i < count; ++i) {
         DrawPlot(canvas, PlaceOf(area, *grid, i, count), *plots[static_cast<size_t>(i)], shown);
     }
+}
+
+void DrawSmallPlot(Canvas* canvas, const Area& area, PlotId id, const FeedGpu& gpu, const PlotView& view) {
+    DrawBars(canvas, area, NamedPlots()[static_cast<size_t>(id)].Picture, ShownPart(gpu, view));
 }
 
 const std::vector<std::string>& PlotNames() {

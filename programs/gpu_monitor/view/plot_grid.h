@@ -26,6 +26,12 @@ struct PlotView {
 /// Draws those of the chosen plots that the GPU has readings for, as many as there is room for.
 void DrawPlots(Canvas* canvas, const Area& area, const gpu_feed::FeedGpu& gpu, const PlotView& view);
 
+/// The plots that have a small form, the first ones.
+enum class PlotId { Utilization, Power };
+
+/// Fills `area` with a plot without axes.
+void DrawSmallPlot(Canvas* canvas, const Area& area, PlotId id, const gpu_feed::FeedGpu& gpu, const PlotView& view);
+
 /// What the plots show, in the order of their keys.
 const std::vector<std::string>& PlotNames();
 

@@ -1,19 +1,39 @@
 #include "view/process_list.h"
 
 #include <algorithm>
+#include <optional>
 #include <string>
-#include <vector>
 
 #include "text/reading_text.h"
 #include "text/text_layout.h"
+#include "view/cut_text.h"
 
 using namespace gpu_feed;
 
 namespace {
 
-std::vector<FeedProcess> Sorted(std::vector<FeedProcess> processes, ProcessOrder order) {
-    std::stable_sort(processes.begin(), processes.end(), [order](const FeedProcess& a, const FeedProcess& b) {
+struct ListedProcess {
+    const FeedProcess* Process;
+    const GpuOnPage* Page;
+};
+
+using ProcessLines = std::vector<ListedProcess>;
+
+ProcessLines ListOf(const std::vector<GpuOnPage>& pages) {
+    ProcessLines list;
+    for (const GpuOnPage& page : pages) {
+        if (page.bSilent) continue;
+        for (const FeedProcess& process : page.Gpu->Processes) list.push_back({&process, &page});
+    }
+    return list;
+}
+
+void Sort(ProcessLines* list, ProcessOrder order) {
+    std::stable_sort(list->begin(), list->end(), [order](const ListedProcess& first, const ListedProcess& second) {
+        const FeedProcess& a = *first.Process;
+        const FeedProcess& b = *second.Process;
         switch (order) {
+            case ProcessOrder::Cpu: return a.CpuPercent > b.CpuPercent;
             case ProcessOrder::Pid: return a.Pid < b.Pid;
             case ProcessOrder::User: return a.User < b.User;
             case ProcessOrder::Name: return a.Name < b.Name;
@@ -21,49 +41,117 @@ std::vector<FeedProcess> Sorted(std::vector<FeedProcess> processes, ProcessOrder
         }
         return a.VramUsedBytes > b.VramUsedBytes;
     });
-    return processes;
 }
 
-constexpr int kPidWidth = 8;
-constexpr int kVramWidth = 12;
-constexpr int kUserWidth = 14;
-
-void DrawProcessLine(Canvas* canvas, const Area& area, const std::string (&texts)[4], Style look) {
-    canvas->PutRight(area.X + kPidWidth, area.Y, texts[0], look);
-    canvas->PutRight(area.X + kPidWidth + kVramWidth, area.Y, texts[1], look);
-    int x = area.X + kPidWidth + kVramWidth + kColumnGap;
-    canvas->Put(x, area.Y, texts[2], look, kUserWidth - 1);
-    x += kUserWidth;
-    canvas->Put(x, area.Y, texts[3], look, area.X + area.Width - x);
+std::string GpuText(const ListedProcess& listed) {
+    return std::to_string(listed.Page->Gpu->Device.Index);
 }
 
-/// Processes of simulated GPUs are not this system's.
-std::string NameText(const FeedProcess& process, bool bSimulated) {
-    return bSimulated ? "(simulated)" : OrDash(process.Name);
+std::string CpuText(const ListedProcess& listed) {
+    return listed.Process->CpuPercent ? Number(*listed.Process->CpuPercent, 0) + " %" : kNotRead;
+}
+
+std::string HostMemoryText(const ListedProcess& listed) {
+    return listed.Process->MemoryBytes ? MemoryText(*listed.Process->MemoryBytes) : kNotRead;
+}
+
+/// Without the folder of the program, which would take the room of the arguments.
+std::string CommandText(const ListedProcess& listed) {
+    // Processes of simulated GPUs are not this system's.
+    if (listed.Page->bSimulated) return "(simulated)";
+    const FeedProcess& process = *listed.Process;
+    const std::string& line = process.CommandLine.empty() ? process.Name : process.CommandLine;
+    const size_t slash = line.rfind('/', line.find(' '));
+    return OrDash(slash == std::string::npos ? line : line.substr(slash + 1));
+}
+
+/// Narrower lists leave room for the commands instead of the resident memory.
+constexpr int kWide = 70;
+
+bool IsAlways(int /*width*/, bool /*bManyGpus*/) {
+    return true;
+}
+
+struct Column {
+    const char* Heading;
+    /// With the gap before it; 0: the rest of the line.
+    int Width;
+    bool bToTheRight;
+    std::string (*Text)(const ListedProcess& listed);
+    /// The order that it is the key of.
+    std::optional<ProcessOrder> Order;
+    bool (*IsShown)(int width, bool bManyGpus) = IsAlways;
+};
+
+constexpr Column kColumns[] = {
+    {"PID", 8, true, [](const ListedProcess& listed) { return std::to_string(listed.Process->Pid); },
+     ProcessOrder::Pid},
+    {"GPU", 5, true, GpuText, std::nullopt, [](int /*width*/, bool bManyGpus) { return bManyGpus; }},
+    {"VRAM", 12, true, [](const ListedProcess& listed) { return MemoryText(listed.Process->VramUsedBytes); },
+     ProcessOrder::Memory},
+    {"CPU", 8, true, CpuText, ProcessOrder::Cpu},
+    {"MEMORY", 12, true, HostMemoryText, std::nullopt, [](int width, bool /*bManyGpus*/) { return width >= kWide; }},
+    {"USER", 12, false, [](const ListedProcess& listed) { return OrDash(listed.Process->User); }, ProcessOrder::User},
+    {"COMMAND", 0, false, CommandText, ProcessOrder::Name},
+};
+
+/// The columns that are shown.
+using Columns = std::vector<const Column*>;
+
+Columns ColumnsFor(int width, bool bManyGpus) {
+    Columns columns;
+    for (const Column& column : kColumns) {
+        if (column.IsShown(width, bManyGpus)) columns.push_back(&column);
+    }
+    return columns;
+}
+
+template <typename TextOf>
+void DrawLine(Canvas* canvas, const Area& area, const Columns& columns, const TextOf& textOf, Style look) {
+    int x = area.X;
+    for (const Column* column : columns) {
+        const int end = column->Width == 0 ? area.X + area.Width : x + column->Width;
+        if (column->bToTheRight) {
+            canvas->PutRight(end, area.Y, textOf(*column), look);
+        } else {
+            PutCut(canvas, {x + kColumnGap, area.Y, end - x - kColumnGap, 1}, textOf(*column), look);
+        }
+        x = end;
+    }
 }
 
 /// With an asterisk at the column that the processes are sorted by.
-std::string MarkedHeading(const char* heading, bool bSortedBy) {
-    return bSortedBy ? std::string(heading) + '*' : heading;
+std::string MarkedHeading(const Column& column, ProcessOrder order) {
+    return column.Order == order ? std::string(column.Heading) + '*' : column.Heading;
+}
+
+/// Which of the processes are shown; empty when all are.
+std::string RangeText(int first, int last, int count) {
+    if (last - first == count) return "";
+    return std::to_string(first + 1) + '-' + std::to_string(last) + " of " + std::to_string(count);
 }
 
 }  // namespace
 
-void DrawProcesses(Canvas* canvas, const Area& area, const GpuOnPage& page, ProcessOrder order) {
-    const std::string headings[] = {
-        MarkedHeading("PID", order == ProcessOrder::Pid), MarkedHeading("VRAM", order == ProcessOrder::Memory),
-        MarkedHeading("USER", order == ProcessOrder::User), MarkedHeading("PROCESS", order == ProcessOrder::Name)};
-    if (area.Height < 2) return;
-    DrawProcessLine(canvas, area, headings, Style::Dim);
-    const std::vector<FeedProcess> processes =
-        page.bSilent ? std::vector<FeedProcess>() : Sorted(page.Gpu->Processes, order);
-    const int room = area.Height - 1;
-    const int count = static_cast<int>(processes.size());
-    for (int i = 0; i < std::min(count, room); ++i) {
-        const FeedProcess& process = processes[static_cast<size_t>(i)];
-        const std::string texts[] = {std::to_string(process.Pid), MemoryText(process.VramUsedBytes),
-                                     OrDash(process.User), NameText(process, page.bSimulated)};
-        DrawProcessLine(canvas, {area.X, area.Y + 1 + i, area.Width, 1}, texts, Style::Normal);
+int CountProcesses(const std::vector<GpuOnPage>& pages) {
+    return static_cast<int>(ListOf(pages).size());
+}
+
+ListRoom DrawProcesses(Canvas* canvas, const Area& area, const std::vector<GpuOnPage>& pages, const ProcessView& view) {
+    ProcessLines processes = ListOf(pages);
+    Sort(&processes, view.Order);
+    const ListRoom room = {static_cast<int>(processes.size()), std::max(area.Height - 1, 0)};
+    if (room.Lines == 0) return room;
+    const int first = std::clamp(view.First, 0, room.Last());
+    const int last = std::min(first + room.Lines, room.Entries);
+    const std::string range = RangeText(first, last, room.Entries);
+    canvas->PutRight(area.X + area.Width, area.Y, range, Style::Dim);
+    const Columns columns = ColumnsFor(area.Width, pages.size() > 1);
+    const auto heading = [&view](const Column& column) { return MarkedHeading(column, view.Order); };
+    DrawLine(canvas, {area.X, area.Y, area.Width - ColumnsOf(range) - 1, 1}, columns, heading, Style::Dim);
+    for (int i = first; i < last; ++i) {
+        const auto text = [&](const Column& column) { return column.Text(processes[static_cast<size_t>(i)]); };
+        DrawLine(canvas, {area.X, area.Y + 1 + i - first, area.Width, 1}, columns, text, Style::Normal);
     }
-    if (count > room) canvas->PutRight(area.X + area.Width, area.Y, std::to_string(count - room) + " more", Style::Dim);
+    return room;
 }

@@ -18,6 +18,9 @@ using Kind = TuningChange::Kind;
 constexpr int kNeighbours = 3;
 constexpr int kClockWidth = 18;
 
+constexpr const char* kNoRights =
+    "This program lacks root's rights (CAP_SYS_ADMIN), so the driver will probably refuse changes.";
+
 std::string RunningText(const GpuClockCapabilities& clocks) {
     return "Running " + ClocksText(clocks.CurrentGraphicsClockMHz, clocks.CurrentMemoryClockMHz);
 }
@@ -52,8 +55,7 @@ std::string WayBackText(const FeedData& data, const TuningDialog& dialog) {
 Dialog WaitDialog(const FeedMoment& moment, const std::string& what, const char* keys) {
     Dialog dialog = {"", {{what + " ..."}}, keys};
     if (moment.DriverSilence >= 1.0) {
-        dialog.Lines.push_back(
-            {"The driver has not answered for " + Number(moment.DriverSilence, 0) + " s.", Style::Warning});
+        dialog.Lines.push_back({DriverSilenceText(moment.DriverSilence), Style::Warning});
     }
     return dialog;
 }
@@ -61,26 +63,29 @@ Dialog WaitDialog(const FeedMoment& moment, const std::string& what, const char*
 Dialog MenuDialog(const FeedData& data, const TuningDialog& dialog) {
     const GpuPowerCapabilities& power = dialog.Power;
     DialogLines lines;
-    const auto beginPart = [&](const char* title, const std::string& status, TuningControl control) {
+    if (!dialog.bRights) lines = {{kNoRights, Style::Warning}, {""}};
+    const auto beginPart = [&](const char* title, const std::string& can, TuningControl control) {
         lines.push_back({title, Style::Title});
-        lines.push_back({status});
+        lines.push_back({can});
         const TuningRecord* record = OutstandingRecord(data, dialog, control);
         if (record != nullptr) lines.push_back({"Changed here: " + OutcomeText(record->InForce), Style::Warning});
     };
-    beginPart("Clocks", dialog.Clocks.Status, TuningControl::Clocks);
+    beginPart("Clocks", dialog.Clocks.CanControl ? "Can be locked." : "Cannot be locked: " + dialog.Clocks.Status,
+              TuningControl::Clocks);
     if (dialog.Clocks.CanControl) {
         lines.push_back({RunningText(dialog.Clocks)});
         lines.push_back({"c  lock to a pair      r  release", Style::Strong});
     }
     lines.push_back({""});
-    beginPart("Power limit", power.Status, TuningControl::Power);
+    beginPart("Power limit", CanSetPower(dialog) ? "Can be set." : "Cannot be set: " + power.Status,
+              TuningControl::Power);
     if (CanSetPower(dialog)) {
         lines.push_back({"In force " + WattsText(power.CurrentWatts) + ", default " + WattsText(power.DefaultWatts) +
                          ", range " + RangeText(power)});
         lines.push_back(
             {CanSetDefault(dialog) ? "p  set a limit         d  set the default" : "p  set a limit", Style::Strong});
     }
-    return {"", lines, "Esc closes"};
+    return {"", lines, "Esc, t or q closes"};
 }
 
 Dialog ClockDialog(const ClockChoice& choice) {
@@ -118,7 +123,7 @@ Dialog ConfirmDialog(const FeedData& data, const TuningDialog& dialog) {
     if (dialog.Change.What == Kind::LockClocks) {
         lines.push_back({"A lock that another program has set cannot be brought back: NVML does not tell it."});
     }
-    return {"", lines, "Enter applies   Esc back"};
+    return {"", lines, "Enter applies   n or Esc back"};
 }
 
 Dialog KeepDialog(const FeedMoment& moment, const TuningDialog& dialog) {
@@ -127,13 +132,13 @@ Dialog KeepDialog(const FeedMoment& moment, const TuningDialog& dialog) {
     const double left = record == nullptr ? 0.0 : std::max(std::ceil(record->Deadline - moment.Now), 0.0);
     const std::string now = control == TuningControl::Clocks ? RunningText(dialog.Clocks)
                                                              : "In force " + WattsText(dialog.Power.CurrentWatts);
-    return {"",
-            {{"The driver took it: " + OutcomeText(dialog.Change) + '.'},
-             {dialog.bReadBack ? now : "Reading it back ...", Style::Strong},
-             {""},
-             {"Keep it? It goes back in " + Number(left, 0) + " s.", Style::Warning},
-             {"What is kept is asked about when you leave with q; Ctrl-C takes it back."}},
-            "y keep   n go back"};
+    DialogLines lines = {{"The driver took it: " + OutcomeText(dialog.Change) + '.'},
+                         {dialog.bReadBack ? now : "Reading it back ...", Style::Strong},
+                         {""},
+                         {"Keep it? It goes back in " + Number(left, 0) + " s.", Style::Warning},
+                         {"What is kept is asked about when you leave with q; Ctrl-C takes it back."}};
+    if (record != nullptr && !record->Warning.empty()) lines.push_back({record->Warning, Style::Warning});
+    return {"", lines, "y keep   n or Esc go back"};
 }
 
 Dialog DialogOf(const FeedMoment& moment, const TuningDialog& dialog) {
@@ -147,7 +152,7 @@ Dialog DialogOf(const FeedMoment& moment, const TuningDialog& dialog) {
         case TuningStage::Applying: return WaitDialog(moment, "Changing", kLeaving);
         case TuningStage::Keeping: return KeepDialog(moment, dialog);
         case TuningStage::TakingBack: return WaitDialog(moment, "Going back", kLeaving);
-        case TuningStage::Message: return {"", dialog.Message, "Enter goes on"};
+        case TuningStage::Message: return {"", dialog.Message, "Enter or Esc goes on"};
         case TuningStage::Closed: break;
     }
     return {};

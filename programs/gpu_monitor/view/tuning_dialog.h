@@ -34,6 +34,7 @@ struct TuningDialog {
     /// The driver's latest answer.
     GpuClockCapabilities Clocks = {};
     GpuPowerCapabilities Power = {};
+    bool bRights = true;
     ClockChoice ChosenClocks = {};
     PowerChoice ChosenPower = {};
     /// Why the chosen power limit cannot be set, for the user.

@@ -1,0 +1,70 @@
+#ifndef GPU_FEED_CHANGE_JOURNAL_H
+#define GPU_FEED_CHANGE_JOURNAL_H
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "gpu_feed/tuning_change.h"
+#include "nvml_gpu_monitor.h"
+
+namespace gpu_feed {
+
+/// A change that a program meant to take back when it noted this.
+struct NotedChange {
+    /// Since when the system runs, as the kernel names it.
+    std::string BootId;
+    /// The program, and when it was started, in clock ticks since the system's start.
+    int Pid = 0;
+    uint64_t ProcessStart = 0;
+    /// Only index, name and UUID.
+    GpuDeviceInfo Device = {};
+    /// What was in force before the program changed it.
+    TuningChange Before = {TuningChange::Kind::ResetClocks};
+    /// What the program had set until then, or `Before`. It is in force if `Set` was never made.
+    TuningChange Earlier = Before;
+    TuningChange Set = Before;
+};
+
+/// Notes in a folder what a program has changed, so that it can be undone after the program was killed: one small file
+/// for each setting of a GPU, which is replaced as a whole. Programs that run at the same time can share a folder.
+///
+/// Failure: an operation that returns a text gives one sentence for the user, or an empty text after success.
+/// Exceptions: only for lack of memory. Threads: any.
+class ChangeJournal {
+public:
+    /// Notes nothing.
+    ChangeJournal() = default;
+    /// The folder is created when it is needed.
+    explicit ChangeJournal(std::filesystem::path folder) : Folder(std::move(folder)) {}
+
+    /// Notes that the program is about to make `change`; `record` is what it has done to this setting before. The
+    /// sentence can also be that another program has changed the setting and still runs.
+    std::string Note(const TuningRecord& record, const TuningChange& change) const;
+
+    /// Removes what the program has noted of this setting.
+    std::string Remove(const TuningRecord& record) const;
+    std::string Remove(const NotedChange& noted) const;
+
+    /// What programs have left changed that do not run any more, the latest first, but no setting that a running
+    /// program has changed too and will take back. Believes only files that belong to root or the caller and that
+    /// nobody else can write. Removes what was noted before the system was started.
+    std::vector<NotedChange> LeftChanges() const;
+
+private:
+    std::vector<NotedChange> ReadNotes() const;
+
+    std::filesystem::path Folder;
+};
+
+/// The folder in which the programs of this user note changes: for root one that everyone can read, otherwise one below
+/// $XDG_STATE_HOME or ~/.local/state. Empty when neither is known.
+std::filesystem::path DefaultJournalFolder();
+
+/// The folders that have what concerns this user: root's and `DefaultJournalFolder`.
+std::vector<std::filesystem::path> DefaultJournalFolders();
+
+}  // namespace gpu_feed
+
+#endif  // GPU_FEED_CHANGE_JOURNAL_H
