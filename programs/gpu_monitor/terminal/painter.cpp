@@ -26,6 +26,10 @@ struct Look {
     bool bReversed;
     /// -1: the terminal's own.
     int Color;
+
+    friend bool operator==(const Look& a, const Look& b) {
+        return a.bBold == b.bBold && a.bUnderlined == b.bUnderlined && a.bReversed == b.bReversed && a.Color == b.Color;
+    }
 };
 
 /// What meaning no color may carry alone: each style that matters differs from plain text in an attribute too. Nothing
@@ -71,12 +75,20 @@ Look FixedColorLook(Style style) {
     return look;
 }
 
+/// Ends all attributes and colors. What ends a second set of characters too is left out, because none is ever begun.
+std::string PlainSequence() {
+    const std::string otherSet = "\x1b(B";
+    std::string sequence = ControlSequence(exit_attribute_mode);
+    if (sequence.compare(0, otherSet.size(), otherSet) == 0) sequence.erase(0, otherSet.size());
+    return sequence;
+}
+
 /// What has to be sent in look `from` to write in look `to`.
 std::string Transition(const Look& from, const Look& to) {
     const bool bEnds = (from.bBold && !to.bBold) || (from.bUnderlined && !to.bUnderlined) ||
                        (from.bReversed && !to.bReversed) || (from.Color >= 0 && to.Color < 0);
     const Look before = bEnds ? Look{false, false, false, -1} : from;
-    std::string sequence = bEnds ? ControlSequence(exit_attribute_mode) : "";
+    std::string sequence = bEnds ? PlainSequence() : "";
     if (to.bBold && !before.bBold) sequence += ControlSequence(enter_bold_mode);
     if (to.bUnderlined && !before.bUnderlined) sequence += ControlSequence(enter_underline_mode);
     if (to.bReversed && !before.bReversed) sequence += ControlSequence(enter_reverse_mode);
@@ -105,8 +117,10 @@ Painter::Painter(bool bMayColor) {
     for (size_t to = 0; to < kStyleCount; ++to) {
         const Look look = lookOf(static_cast<Style>(to));
         MarksBlanks[to] = look.bUnderlined || look.bReversed;
-        for (size_t from = 0; from < kStyleCount; ++from) {
-            Transitions[from][to] = Transition(lookOf(static_cast<Style>(from)), look);
+        for (size_t from = kStyleCount; from-- > 0;) {
+            const Look other = lookOf(static_cast<Style>(from));
+            Transitions[from][to] = Transition(other, look);
+            if (other == look) Shown[to] = static_cast<Style>(from);
         }
     }
 }
@@ -133,7 +147,7 @@ std::vector<Painter::Change> Painter::ChangesOf(const Canvas& shown, const Canva
             const Cell& cell = canvas.At(x, y);
             if (cell.Glyph == 0 || LookTheSame(cell, shown.At(x, y))) continue;
             // A blank is written together with what is beside it.
-            if (!LookTheSame(cell, {cell.Glyph, previous})) previous = cell.Look;
+            if (!LookTheSame(cell, {cell.Glyph, previous})) previous = Shown[Index(cell.Look)];
             changes.push_back({x, y, previous});
         }
     }
@@ -147,7 +161,7 @@ std::vector<Painter::Change> Painter::ChangesOf(const Canvas& shown, const Canva
 
 bool Painter::LookTheSame(const Cell& a, const Cell& b) const {
     const bool bBlank = a.Glyph == L' ' && !MarksBlanks[Index(a.Look)] && !MarksBlanks[Index(b.Look)];
-    return a.Glyph == b.Glyph && (a.Look == b.Look || bBlank);
+    return a.Glyph == b.Glyph && (Shown[Index(a.Look)] == Shown[Index(b.Look)] || bBlank);
 }
 
 void Painter::Paint(const Canvas& canvas, const Change& change) {
@@ -158,21 +172,39 @@ void Painter::Paint(const Canvas& canvas, const Change& change) {
     PenX += bWide ? 2 : 1;
 }
 
-/// On the way, characters are written again where that is shorter than moving over them.
 void Painter::MoveTo(const Canvas& canvas, int x, int y) {
     if (y == PenY && x == PenX) return;
-    bool bWritten = y == PenY && x > PenX && parm_right_cursor != nullptr;
-    const char* const move = bWritten ? tiparm(parm_right_cursor, x - PenX) : tiparm(cursor_address, y, x);
-    const std::string sequence = ControlSequence(move);
-    std::string again;
-    for (int column = PenX; bWritten && column < x; ++column) {
-        const Cell& cell = canvas.At(column, y);
-        if (cell.Glyph != 0) AppendInLocale(cell.Glyph, &again);
-        bWritten = LookTheSame(cell, {cell.Glyph, PenStyle}) && again.size() <= sequence.size();
+    std::string shortest = ControlSequence(tiparm(cursor_address, y, x));
+    // After the last column, the place of the pen is not known.
+    if (PenX < canvas.Width() && y >= PenY) {
+        for (const std::string& way : {StepsTo(x, y), AgainTo(canvas, x, y)}) {
+            if (!way.empty() && way.size() < shortest.size()) shortest = way;
+        }
     }
-    Text += bWritten ? again : sequence;
+    Text += shortest;
     PenX = x;
     PenY = y;
+}
+
+/// Down and to the side; empty where the terminal cannot.
+std::string Painter::StepsTo(int x, int y) const {
+    if (parm_right_cursor == nullptr || carriage_return == nullptr || cursor_down == nullptr) return {};
+    std::string steps;
+    for (int row = PenY; row < y; ++row) steps += ControlSequence(cursor_down);
+    if (x < PenX) steps += ControlSequence(carriage_return);
+    const int right = x < PenX ? x : x - PenX;
+    return right == 0 ? steps : steps + ControlSequence(tiparm(parm_right_cursor, right));
+}
+
+/// What is shown up to there, written again; empty where that needs another style.
+std::string Painter::AgainTo(const Canvas& canvas, int x, int y) const {
+    std::string again;
+    for (int column = PenX; y == PenY && column < x; ++column) {
+        const Cell& cell = canvas.At(column, y);
+        if (!LookTheSame(cell, {cell.Glyph, PenStyle})) return {};
+        if (cell.Glyph != 0) AppendInLocale(cell.Glyph, &again);
+    }
+    return again;
 }
 
 void Painter::TakeStyle(Style style) {

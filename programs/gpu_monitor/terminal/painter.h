@@ -32,8 +32,12 @@ private:
     std::vector<Change> ChangesOf(const Canvas& shown, const Canvas& canvas) const;
     void Paint(const Canvas& canvas, const Change& change);
     void MoveTo(const Canvas& canvas, int x, int y);
+    std::string StepsTo(int x, int y) const;
+    std::string AgainTo(const Canvas& canvas, int x, int y) const;
     void TakeStyle(Style style);
 
+    /// Of the styles that look the same on this terminal, the first one.
+    std::array<Style, kStyleCount> Shown{};
     /// What is sent between one style and another.
     std::array<std::array<std::string, kStyleCount>, kStyleCount> Transitions;
     /// Whether a blank in this style is seen.

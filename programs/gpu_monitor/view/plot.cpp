@@ -68,16 +68,18 @@ struct Scale {
     /// Columns and rows of dots.
     int Width;
     int Height;
-    /// `To` of the span, in dots since the clock's epoch.
+    /// The last column, in dots since the clock's epoch.
     double End;
 };
 
-Scale ScaleOf(double highest, int width, int height, const TimeSpan& span) {
+/// It scrolls by `step` columns: those of a cell, so that most cells stay as they are and those that move keep their
+/// shape.
+Scale ScaleOf(double highest, int width, int height, const TimeSpan& span, int step) {
     Scale scale{highest, 0.0, width, height, 0.0};
     // Whole microseconds: the difference of two large times is not exact, which would move dots between two frames.
     const double microseconds = std::round((span.To - span.From) * 1e6);
     scale.DotSeconds = std::max(microseconds, 1.0) / 1e6 / scale.Width;
-    scale.End = std::floor(span.To / scale.DotSeconds);
+    scale.End = std::floor(span.To / scale.DotSeconds / step) * step + step - 1;
     return scale;
 }
 
@@ -363,7 +365,8 @@ void DrawPlot(Canvas* canvas, const Area& area, const Plot& plot, const ShownHis
     Field field(place, canvas->HasBraille());
     const ValueAxis axis = AxisFor(HighestOf(plot, curves, shown.Samples), place.Height);
     if (place.X > area.X) DrawValueAxis(canvas, place, axis);
-    const Scale scale = ScaleOf(axis.Highest, field.DotColumns(), field.DotRows(), shown.Span);
+    const int dotsPerCell = field.DotColumns() / place.Width;
+    const Scale scale = ScaleOf(axis.Highest, field.DotColumns(), field.DotRows(), shown.Span, dotsPerCell);
     for (const CurveFacts& facts : curves) field.Draw(TraceOf(facts, shown, scale), facts.Of->Look, facts.Of->bDashed);
     field.Show(canvas);
     if (place.Y + place.Height < area.Y + area.Height) DrawTimeAxis(canvas, area, place, shown.Span);
@@ -375,7 +378,7 @@ void DrawBars(Canvas* canvas, const Area& area, const Plot& plot, const ShownHis
     const int parts = static_cast<int>(glyphs.size());
     const std::vector<CurveFacts> curves = FactsOf(plot, shown);
     const double highest = HighestOf(plot, curves, shown.Samples);
-    const Scale scale = ScaleOf(highest, area.Width, area.Height * parts, shown.Span);
+    const Scale scale = ScaleOf(highest, area.Width, area.Height * parts, shown.Span, 1);
     const Trace trace = TraceOf(curves.front(), shown, scale);
     for (int column = 0; column < scale.Width; ++column) {
         const int height = scale.Height - std::min(trace.Columns()[static_cast<size_t>(column)].First, scale.Height);
