@@ -19,13 +19,14 @@ double ThreadSeconds() {
     return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
 }
 
-/// Each look finds one new sample per GPU. A history that has grown by half begins again.
+/// Each look finds one new sample per GPU. A history that has grown tenfold begins again: not earlier, because the
+/// looks at a new monitor take longer.
 void LookWith(benchmark::State& state) {
     const int64_t samples = state.range(0);
     UseBoards(kBoards);
     std::unique_ptr<FollowedMonitor> monitor;
     for ([[maybe_unused]] auto _ : state) {
-        if (monitor == nullptr || monitor->Kept() > static_cast<size_t>(samples + samples / 2)) {
+        if (monitor == nullptr || monitor->Kept() > static_cast<size_t>(samples * 10)) {
             monitor = nullptr;
             monitor = std::make_unique<FollowedMonitor>(kBoards, samples);
         }

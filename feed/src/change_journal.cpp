@@ -10,11 +10,12 @@
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
 #include <optional>
 #include <sstream>
 #include <system_error>
 #include <utility>
+
+#include "process_stat.h"
 
 namespace gpu_feed {
 
@@ -114,38 +115,21 @@ std::string BootId() {
     return id;
 }
 
-/// When a process was started, in clock ticks since the system's start; 0 when it has ended and its parent has not
-/// asked for its status. Empty when that cannot be read.
-std::optional<uint64_t> StartOf(const std::string& process) {
-    std::ifstream file("/proc/" + process + "/stat");
-    const std::string text(std::istreambuf_iterator<char>(file), {});
-    // The name in parentheses can have any character.
-    const size_t nameEnd = text.rfind(')');
-    if (nameEnd == std::string::npos) return std::nullopt;
-    std::istringstream fields(text.substr(nameEnd + 1));
-    std::string state;
-    fields >> state;
-    if (state == "Z" || state == "X") return 0;
-    constexpr int kFieldsBetween = 18;
-    std::string ignored;
-    for (int i = 0; i < kFieldsBetween; ++i) fields >> ignored;
-    uint64_t start = 0;
-    return fields >> start ? std::optional(start) : std::nullopt;
-}
-
 bool IsSameSetting(const NotedChange& a, const NotedChange& b) {
     return a.Device.Uuid == b.Device.Uuid && a.Set.Control() == b.Set.Control();
 }
 
 bool IsRunning(const NotedChange& noted) {
     if (kill(noted.Pid, 0) != 0 && errno == ESRCH) return false;
+    const std::optional<ProcessStat> process = ReadProcessStat(noted.Pid);
     // The system may hide the processes of other users.
-    return StartOf(std::to_string(noted.Pid)).value_or(noted.ProcessStart) == noted.ProcessStart;
+    return !process || (!process->bEnded && process->StartTicks == noted.ProcessStart);
 }
 
 /// Of this program.
 NotedChange OwnNote(const TuningRecord& record, const TuningChange& change) {
-    NotedChange noted = {BootId(),       getpid(), StartOf("self").value_or(0), record.Device, record.Before,
+    const std::optional<ProcessStat> process = ReadProcessStat(getpid());
+    NotedChange noted = {BootId(),       getpid(), process ? process->StartTicks : 0, record.Device, record.Before,
                          record.InForce, change};
     noted.Device.Uuid = Harmless(record.Device.Uuid);
     return noted;

@@ -33,8 +33,8 @@ std::optional<ProcessStat> ReadProcessStat(int pid) {
     for (int64_t& field : fields) rest >> field;
     if (!rest) return std::nullopt;
     const auto ticks = static_cast<double>(fields[kUserTicks] + fields[kSystemTicks]);
-    return ProcessStat{text.substr(open + 1, close - open - 1), static_cast<uint64_t>(fields[kStartTicks]),
-                       ticks / static_cast<double>(sysconf(_SC_CLK_TCK)),
+    return ProcessStat{text.substr(open + 1, close - open - 1), state == "Z" || state == "X",
+                       static_cast<uint64_t>(fields[kStartTicks]), ticks / static_cast<double>(sysconf(_SC_CLK_TCK)),
                        static_cast<uint64_t>(fields[kResidentPages] * sysconf(_SC_PAGESIZE))};
 }
 

@@ -11,6 +11,8 @@ namespace gpu_feed {
 struct ProcessStat {
     /// At most 15 bytes: the kernel cuts longer names off.
     std::string Name;
+    /// Whether it has ended, and its parent has not asked how.
+    bool bEnded = false;
     /// When the process started, in the kernel's ticks since boot. No two processes of one boot share id and start.
     uint64_t StartTicks = 0;
     /// Processor time of all its threads since it started.
