@@ -45,7 +45,6 @@ Look PlainLook(Style style) {
         case Style::Alarm: return {true, false, true, -1};
         case Style::Selected: return {false, false, true, -1};
         case Style::Normal:
-        case Style::Dim:
         case Style::Frame:
         case Style::Bar: break;
     }

@@ -9,8 +9,6 @@
 /// What a cell means; the terminal decides how that looks.
 enum class Style : uint8_t {
     Normal,
-    /// Units and missing values.
-    Dim,
     /// Frames, axes, and the part of a gauge that is empty.
     Frame,
     /// Values.

@@ -210,7 +210,7 @@ std::vector<StyledText> LatestTexts(const std::vector<CurveFacts>& curves, int d
         if (bNamed && legend == Legend::Lines) texts.push_back({facts.Of->bDashed ? "- - " : "--- ", facts.Of->Look});
         if (bNamed) texts.push_back({name + ' ', Style::Normal});
         texts.push_back(
-            {facts.Latest ? Number(*facts.Latest, decimals) : kNotRead, facts.Latest ? Style::Strong : Style::Dim});
+            {facts.Latest ? Number(*facts.Latest, decimals) : kNotRead, facts.Latest ? Style::Strong : Style::Normal});
     }
     return texts;
 }
@@ -248,7 +248,7 @@ void DrawHeading(Canvas* canvas, const Area& area, const Plot& plot, const std::
                  const EnergyCount& energy) {
     const int end = area.X + area.Width;
     int x = canvas->Put(area.X, area.Y, plot.Title, Style::Title, area.Width);
-    x = canvas->Put(x + 1, area.Y, UnitText(plot.Unit, canvas->IsUnicode()), Style::Dim, end - x - 1);
+    x = canvas->Put(x + 1, area.Y, UnitText(plot.Unit, canvas->IsUnicode()), Style::Normal, end - x - 1);
     std::vector<StyledText> latest;
     for (const Legend legend : {Legend::Lines, Legend::Names, Legend::Values}) {
         latest = LatestTexts(curves, plot.Decimals, legend);
@@ -277,13 +277,13 @@ int DecimalsOf(double step) {
 void DrawValueAxis(Canvas* canvas, const Area& field, const ValueAxis& axis) {
     const int end = field.X - 1;
     for (int y = 0; y < field.Height; ++y) {
-        canvas->PutGlyph(end, field.Y + y, canvas->IsUnicode() ? L'│' : L'|', Style::Dim);
+        canvas->PutGlyph(end, field.Y + y, canvas->IsUnicode() ? L'│' : L'|', Style::Frame);
     }
     for (int i = 0; i * axis.Rows < field.Height; ++i) {
         const int y = field.Y + field.Height - 1 - i * axis.Rows;
         const std::string text = Number(i * axis.Step, DecimalsOf(axis.Step));
-        if (ColumnsOf(text) < kMargin) canvas->PutRight(end, y, text, Style::Dim);
-        canvas->PutGlyph(end, y, canvas->IsUnicode() ? L'┤' : L'+', Style::Dim);
+        if (ColumnsOf(text) < kMargin) canvas->PutRight(end, y, text, Style::Normal);
+        canvas->PutGlyph(end, y, canvas->IsUnicode() ? L'┤' : L'+', Style::Frame);
     }
 }
 
@@ -316,7 +316,7 @@ void DrawTimeAxis(Canvas* canvas, const Area& area, const Area& field, const Tim
         const std::string text = AgoText(i * step, seconds < kLongestInSeconds);
         const int middle = field.X + field.Width - 1 - static_cast<int>(std::lround(i * step * columnsPerSecond));
         const int x = std::min(middle - ColumnsOf(text) / 2, end - ColumnsOf(text));
-        if (x >= area.X) canvas->Put(x, area.Y + area.Height - 1, text, Style::Dim);
+        if (x >= area.X) canvas->Put(x, area.Y + area.Height - 1, text, Style::Normal);
     }
 }
 

@@ -129,9 +129,9 @@ void DrawPlots(Canvas* canvas, const Area& area, const FeedGpu& gpu, const PlotV
         if (view.Choice[i] && HasReading(plot, gpu, shown)) plots.push_back(&plot);
     }
     if (view.Choice.none()) {
-        canvas->Put(area.X, area.Y, "1 to " + std::to_string(kPlotCount) + " show plots", Style::Dim, area.Width);
+        canvas->Put(area.X, area.Y, "1 to " + std::to_string(kPlotCount) + " show plots", Style::Normal, area.Width);
     } else if (plots.empty() && gpu.Latest.TimestampSeconds != 0.0) {
-        canvas->Put(area.X, area.Y, "This GPU gives no reading for the chosen plots.", Style::Dim, area.Width);
+        canvas->Put(area.X, area.Y, "This GPU gives no reading for the chosen plots.", Style::Normal, area.Width);
     }
     std::optional<Grid> grid;
     while (!plots.empty() && !(grid = GridFor(area, static_cast<int>(plots.size())))) plots.pop_back();

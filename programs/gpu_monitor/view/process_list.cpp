@@ -145,10 +145,10 @@ ListRoom DrawProcesses(Canvas* canvas, const Area& area, const std::vector<GpuOn
     const int first = std::clamp(view.First, 0, room.Last());
     const int last = std::min(first + room.Lines, room.Entries);
     const std::string range = RangeText(first, last, room.Entries);
-    canvas->PutRight(area.X + area.Width, area.Y, range, Style::Dim);
+    canvas->PutRight(area.X + area.Width, area.Y, range, Style::Normal);
     const Columns columns = ColumnsFor(area.Width, pages.size() > 1);
     const auto heading = [&view](const Column& column) { return MarkedHeading(column, view.Order); };
-    DrawLine(canvas, {area.X, area.Y, area.Width - ColumnsOf(range) - 1, 1}, columns, heading, Style::Dim);
+    DrawLine(canvas, {area.X, area.Y, area.Width - ColumnsOf(range) - 1, 1}, columns, heading, Style::Heading);
     for (int i = first; i < last; ++i) {
         const auto text = [&](const Column& column) { return column.Text(processes[static_cast<size_t>(i)]); };
         DrawLine(canvas, {area.X, area.Y + 1 + i - first, area.Width, 1}, columns, text, Style::Normal);
