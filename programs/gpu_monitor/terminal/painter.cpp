@@ -66,7 +66,7 @@ Look FixedColorLook(Style style) {
     switch (style) {
         case Style::Frame: look.Color = 244; break;
         case Style::Bar: look.Color = 64; break;
-        case Style::Limit:
+        case Style::Limit: return {false, false, false, 166};
         case Style::Warning: look.Color = 166; break;
         case Style::Alarm: look.Color = 196; break;
         default: break;

@@ -72,8 +72,7 @@ struct Scale {
     double End;
 };
 
-/// It scrolls by `step` columns: those of a cell, so that most cells stay as they are and those that move keep their
-/// shape.
+/// It scrolls by `step` columns.
 Scale ScaleOf(double highest, int width, int height, const TimeSpan& span, int step) {
     Scale scale{highest, 0.0, width, height, 0.0};
     // Whole microseconds: the difference of two large times is not exact, which would move dots between two frames.
@@ -365,8 +364,10 @@ void DrawPlot(Canvas* canvas, const Area& area, const Plot& plot, const ShownHis
     Field field(place, canvas->HasBraille());
     const ValueAxis axis = AxisFor(HighestOf(plot, curves, shown.Samples), place.Height);
     if (place.X > area.X) DrawValueAxis(canvas, place, axis);
-    const int dotsPerCell = field.DotColumns() / place.Width;
-    const Scale scale = ScaleOf(axis.Highest, field.DotColumns(), field.DotRows(), shown.Span, dotsPerCell);
+    // Whole cells keep their shape; two at once, because each time most of what is drawn is sent anew.
+    constexpr int kScrolledCells = 2;
+    const int step = kScrolledCells * field.DotColumns() / place.Width;
+    const Scale scale = ScaleOf(axis.Highest, field.DotColumns(), field.DotRows(), shown.Span, step);
     for (const CurveFacts& facts : curves) field.Draw(TraceOf(facts, shown, scale), facts.Of->Look, facts.Of->bDashed);
     field.Show(canvas);
     if (place.Y + place.Height < area.Y + area.Height) DrawTimeAxis(canvas, area, place, shown.Span);
