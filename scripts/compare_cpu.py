@@ -48,7 +48,10 @@ class Monitor:
         monitors = {monitor.terminal: monitor for monitor in (self, *others)}
         while (rest := end - time.monotonic()) > 0:
             for terminal in select.select(list(monitors), [], [], rest)[0]:
-                monitors[terminal].output += len(os.read(terminal, 1 << 16))
+                try:
+                    monitors[terminal].output += len(os.read(terminal, 1 << 16))
+                except OSError:
+                    sys.exit("compare_cpu: a program has ended: start it by hand to see why.")
 
     def cpu_seconds(self):
         """All threads' time on a processor, in nanoseconds where /proc/PID/stat has hundredths of a second."""
