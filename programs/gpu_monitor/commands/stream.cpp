@@ -121,7 +121,7 @@ private:
         const double now = moment.Now;
         HangsSeen = IsDriverHanging(moment) ? HangsSeen + 1 : 0;
         if (HangsSeen >= kHangsOfHangingDriver) {
-            throw Failure("The driver has not answered for " + SecondsText(moment.DriverSilence) + '.');
+            throw Failure(DriverSilenceText(moment.DriverSilence));
         }
         if (moment.DriverSilence >= kUnclearSeconds) return;
         bool bAllSilent = true;
