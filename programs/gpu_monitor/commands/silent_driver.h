@@ -14,7 +14,7 @@
 /// A command that needs an answer waits this long: NVML can take seconds to start.
 constexpr double kLongestDriverSilenceSeconds = 20.0;
 
-/// The failure of a command that has waited so long.
+/// The failure of a command that has waited for that time.
 Failure DriverIsSilent();
 
 /// To be called when a thread was left in a driver call that does not return.

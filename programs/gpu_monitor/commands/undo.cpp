@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <iostream>
-#include <utility>
 #include <vector>
 
 #include "commands/change_commands.h"
