@@ -60,7 +60,6 @@ TEST(Plot, ConnectsReadingsUnlessSomeAreMissing) {
         {"many samples per dot", 0.2, {{0, 1}, {0.2, 1}, {0.4, 9}, {0.6, 2}, {1, 2}}, "1-9 2"},
         {"just resumed", 1, {{0, 3}, {1, 3}, {6, 3}}, "3 3 . . . . 3"},
         {"slow for a while", 1, {{0, 3}, {1, 3}, {5, 3}, {9, 3}, {10, 3}}, "3 3 3 3 3 3 3 3 3 3 3"},
-        {"no reading took place", 3, {{0, 3}, {-104, 9}, {3, 3}}, "3 3 3 3"},
         {"enters", 1, {{-15, 4}, {-5, 4}, {5, 4}}, "4 4 4 4 4 4"},
         {"enters behind a gap", 1, {{-9, 4}, {-8, 4}, {2, 4}, {3, 4}}, ". . 4 4"}};
     for (const auto& [what, interval, readings, expected] : cases) {

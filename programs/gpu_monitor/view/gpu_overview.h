@@ -11,7 +11,7 @@
 /// Draws a heading and, below it, a line for each GPU, as many as there is room for around the selected one.
 void DrawGpuTable(Canvas* canvas, const Area& area, const std::vector<GpuOnPage>& pages, size_t selected);
 
-/// As `DrawGpuTable`, with small plots of utilization and power; each GPU takes so many rows.
+/// As `DrawGpuTable`, with small plots of utilization and power; each GPU takes `rows` rows.
 void DrawGpuPlots(Canvas* canvas, const Area& area, const std::vector<GpuOnPage>& pages, size_t selected, int rows,
                   const PlotView& view);
 

@@ -341,7 +341,6 @@ ShownHistory::ShownHistory(const SampleHistory& history, const TimeSpan& span, d
     int before = 0;
     for (size_t i = history.size(); i-- > 0 && before < 2;) {
         const double time = history[i].TimestampSeconds;
-        if (time == 0.0) continue;
         Samples.push_back(&history[i]);
         if (time < span.From) ++before;
         if (time < span.From || time > span.To) continue;

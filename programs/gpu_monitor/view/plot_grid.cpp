@@ -108,10 +108,8 @@ Area PlaceOf(const Area& area, const Grid& grid, int i, int count) {
 
 TimeSpan SpanOf(const FeedGpu& gpu, const PlotView& view) {
     constexpr double kShortestSeconds = 1.0;
-    const auto isTaken = [](const GpuTelemetrySample& sample) { return sample.TimestampSeconds != 0.0; };
-    const auto oldest = std::find_if(gpu.Samples.begin(), gpu.Samples.end(), isTaken);
     double seconds = view.Seconds;
-    if (seconds == 0.0 && oldest != gpu.Samples.end()) seconds = view.Until - oldest->TimestampSeconds;
+    if (seconds == 0.0 && !gpu.Samples.empty()) seconds = view.Until - gpu.Samples.front().TimestampSeconds;
     return {view.Until - std::max(seconds, kShortestSeconds), view.Until};
 }
 
