@@ -393,6 +393,7 @@ TEST_F(ViewTest, ScreensShowWhatFits) {
     }
     Press("?");
     EXPECT_THAT(Drawn(60, 9).Text(), HasSubstr("│ Any key closes "));
+    EXPECT_THAT(Drawn(9, 9).Text(), HasSubstr("│ Any"));
     SetGpus({});
     Silence = 3.0;
     Follow({"?      Starting NVML ... 3 s\n"});
