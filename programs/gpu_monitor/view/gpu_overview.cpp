@@ -53,7 +53,7 @@ constexpr int kLongestName = 44;
 /// In a table with plots: an index of two digits and 16 letters.
 constexpr int kLongestShortName = 24;
 /// For the words that say what limits the clocks.
-constexpr int kWordsWidth = 12;
+constexpr int kWordsWidth = 16;
 
 /// What a table shows of each GPU.
 struct Table {
