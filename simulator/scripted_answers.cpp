@@ -99,13 +99,8 @@ std::pair<uint64_t, uint64_t> ValuesOf(const Call& call) {
     switch (ShapeOf(call.Name)) {
         case Shape::Lock:
         case Shape::SetLimit: return {Argument(call, 0), Argument(call, 1)};
-        case Shape::Count:
-        case Shape::Value:
-        case Shape::Selected: return {OutputOf<uint32_t>(first), 0};
-        case Shape::Pair:
-        case Shape::Utilization: return {OutputOf<uint32_t>(first), OutputOf<uint32_t>(call.Written.Second)};
-        case Shape::Mask: return {OutputOf<unsigned long long>(first), 0};
-        case Shape::Memory: return {OutputOf<MemoryRecord>(first).UsedBytes, OutputOf<MemoryRecord>(first).TotalBytes};
+        case Shape::Count: return {OutputOf<uint32_t>(first), 0};
+        case Shape::Pair: return {OutputOf<uint32_t>(first), OutputOf<uint32_t>(call.Written.Second)};
         default: return {0, 0};
     }
 }
@@ -175,7 +170,7 @@ void ScriptedAnswers::BeginOperation() {
     bObserving = true;
     for (Script& script : Scripts) {
         script.Calls = 0;
-        script.Last.fill({});
+        script.Last = {};
     }
     MemoryClocks.clear();
     Pairs.clear();
@@ -183,7 +178,7 @@ void ScriptedAnswers::BeginOperation() {
 
 bool ScriptedAnswers::HidesLookup(EntryPoint name) {
     Script& script = Of(name);
-    script.Last.fill({});
+    script.Last = {};
     return HasBit(script.Hidden, script.Lookups++);
 }
 
@@ -266,14 +261,12 @@ void ScriptedAnswers::WriteListCount(const Call& call, const Answer& answer) {
 }
 
 void ScriptedAnswers::Observe(const Call& call, NvmlReturn code, bool bWrites, uint32_t room) {
-    using Result = LastCall::Result;
-    Script& script = Of(call.Name);
     const Shape shape = ShapeOf(call.Name);
-    LastCall& last = script.Last[shape == Shape::Selected ? Argument(call, 0) : 0];
-    last.Outcome = code != kSuccess ? Result::Failed : bWrites ? Result::Answered : Result::WroteNothing;
+    LastCall& last = Of(call.Name).Last;
     last.Code = code;
+    last.bAnswered = code == kSuccess && bWrites;
     std::tie(last.First, last.Second) = ValuesOf(call);
-    if (shape == Shape::Count) Devices = last.Outcome == Result::Answered ? static_cast<uint32_t>(last.First) : 0;
+    if (shape == Shape::Count) Devices = last.bAnswered ? static_cast<uint32_t>(last.First) : 0;
     if (shape == Shape::MemoryClocks || shape == Shape::GraphicsClocks) ObserveClocks(call, room);
 }
 
@@ -282,7 +275,7 @@ void ScriptedAnswers::ObserveClocks(const Call& call, uint32_t room) {
     const bool bMemory = ShapeOf(call.Name) == Shape::MemoryClocks;
     if (call.Written.Second == nullptr) return;
     if (bMemory) MemoryClocks.clear();
-    if (Of(call.Name).Last[0].Code != kSuccess) return;
+    if (Of(call.Name).Last.Code != kSuccess) return;
     const auto* const clocks = static_cast<const uint32_t*>(call.Written.Second);
     if (bMemory) {
         MemoryClocks.insert(clocks, clocks + room);

@@ -1,7 +1,6 @@
 #ifndef SCRIPTED_ANSWERS_H
 #define SCRIPTED_ANSWERS_H
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
@@ -40,10 +39,10 @@ struct Answer {
 
 /// What the last call of a name did.
 struct LastCall {
-    enum class Result : uint8_t { NotCalled, Failed, WroteNothing, Answered };
-    Result Outcome = Result::NotCalled;
     unsigned int Code = 0;
-    /// The values that a query wrote, used bytes before all bytes, or the values passed to a change.
+    /// Whether a query succeeded and wrote its values.
+    bool bAnswered = false;
+    /// The number of GPUs or the pair of values that a query wrote, or the values passed to a change.
     uint64_t First = 0;
     uint64_t Second = 0;
 };
@@ -94,9 +93,8 @@ public:
 
     /// Starts observing anew: forgets the calls and the lists that were observed before.
     void BeginOperation();
-    /// What the last call of `name` did in this operation, since `name` was looked up. A selector of the call has its
-    /// own last call.
-    const LastCall& Last(EntryPoint name, size_t selector = 0) const { return Of(name).Last[selector]; }
+    /// What the last call of `name` did in this operation, since `name` was looked up.
+    const LastCall& Last(EntryPoint name) const { return Of(name).Last; }
     /// Calls in this operation.
     unsigned int Calls(EntryPoint name) const { return Of(name).Calls; }
     /// Graphics and memory clocks that go together, as listed in this operation.
@@ -134,7 +132,6 @@ public:
 
 private:
     static constexpr NvmlReturn kSucceeded = 0;
-    static constexpr size_t kSelectors = 4;
     /// List entries that may be answered in all.
     static constexpr size_t kWork = 15000;
 
@@ -146,7 +143,7 @@ private:
         unsigned int Lookups = 0;
         bool bNullAllowed = false;
         unsigned int Calls = 0;
-        std::array<LastCall, kSelectors> Last;
+        LastCall Last;
     };
 
     /// Whether `pattern` has the bit for the `turn`th time.

@@ -165,17 +165,6 @@ void SimulatedNvml::MissNthLookup(uint64_t nth) {
     Rules().LookupsUntilMiss = nth;
 }
 
-void SimulatedNvml::LoseBoard(unsigned int board, uint64_t calls) {
-    const auto lock = Scripting();
-    RequireBoard(board);
-    Rules().CallsLeft[board] = calls;
-}
-
-void SimulatedNvml::SetDelay(const std::string& name, std::chrono::microseconds delay) {
-    const auto lock = Scripting();
-    Rules().Delays[IndexOf(EntryPointOf(name))] = delay;
-}
-
 void SimulatedNvml::UseRealisticDelays() {
     const auto lock = Scripting();
     Rules().UseRealisticDelays();

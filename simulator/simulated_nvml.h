@@ -186,10 +186,6 @@ public:
     void StopFailing();
     /// The n-th lookup from now on, whatever its name, finds nothing; only this one.
     void MissNthLookup(uint64_t nth);
-    /// Lets a board do `calls` more calls; it then answers `kGpuIsLost` to every call, for good.
-    void LoseBoard(unsigned int board, uint64_t calls);
-    /// Makes every call of `name` take this long.
-    void SetDelay(const std::string& name, std::chrono::microseconds delay);
     /// Makes every call take as long as on hardware.
     void UseRealisticDelays();
     /// Holds calls of `name` inside NVML until `Unblock`.
@@ -203,7 +199,7 @@ public:
     void SetProcessRecordBytes(size_t bytes);
     /// With false, every change of a setting answers `kNoPermission`.
     void SetAdministratorRights(bool bAllowed);
-    /// Makes queries that fail by `FailFrom` or `LoseBoard` fill their outputs as if they had succeeded.
+    /// Makes queries that fail by `FailFrom` fill their outputs as if they had succeeded.
     void LetFailuresWrite();
     /// Makes it misuse when two threads are inside NVML at once.
     void ForbidConcurrentCalls();

@@ -4,7 +4,6 @@
 #include <functional>
 #include <tuple>
 
-#include "failing_memory.h"
 #include "monitor_test.h"
 
 namespace {
@@ -129,13 +128,6 @@ protected:
 
 // ---- Clocks and power limit ----
 
-TEST_F(TuningTest, WithoutARecordToFillNothingIsStarted) {
-    EXPECT_FALSE(Monitor.GetClockCapabilities(nullptr) || Monitor.GetClockCapabilities(0, nullptr) ||
-                 Monitor.CaptureClockState(nullptr) || Monitor.GetPowerCapabilities(0, nullptr) ||
-                 Monitor.ReadCurrentSample(nullptr) || Monitor.ReadCurrentSample(0, nullptr));
-    EXPECT_EQ(Log(), "");
-}
-
 TEST_F(TuningTest, Device0IsThatOfNvmlAlsoWhenDiscoverySkippedItAndThenHasNoPowerLimit) {
     Sim.FailFrom("nvmlDeviceGetName", kUnknown, 1, 0);
     GpuClockCapabilities clocks;
@@ -150,22 +142,48 @@ TEST_F(TuningTest, Device0IsThatOfNvmlAlsoWhenDiscoverySkippedItAndThenHasNoPowe
     EXPECT_EQ(power.Status + power.DeviceUuid, "NVIDIA GPU is unavailable.");
 }
 
-TEST_F(TuningTest, QueryThatAnExceptionInterruptsHasEmptiedItsRecord) {
+TEST_F(TuningTest, FailedQueriesLeaveNothingOld) {
     GpuClockCapabilities clocks = OldClocks();
     GpuPowerCapabilities power = OldPower();
     GpuClockState state{true, 1, 2};
     GpuTelemetrySample sample;
     sample.TemperatureC = 1000;
-    const std::function<void()> queries[] = {
-        [&] { Monitor.GetClockCapabilities(1, &clocks); }, [&] { Monitor.GetPowerCapabilities(1, &power); },
-        [&] { Monitor.CaptureClockState(&state); }, [&] { Monitor.ReadCurrentSample(1, &sample); }};
-    for (const auto& query : queries) {
-        failing_memory::AllocationsUntilFailure = 1;  // while NVML starts
-        EXPECT_THROW(query(), std::bad_alloc);
-    }
-    EXPECT_EQ(clocks.Status + clocks.DeviceUuid + power.Status + power.DeviceUuid, "");
+    Sim.RemoveLibrary();
+    EXPECT_FALSE(Monitor.GetClockCapabilities(1, &clocks) || Monitor.GetPowerCapabilities(1, &power) ||
+                 Monitor.CaptureClockState(&state) || Monitor.ReadCurrentSample(1, &sample));
+    EXPECT_EQ(clocks.DeviceUuid + power.DeviceUuid, "");
     EXPECT_TRUE(clocks.SupportedPairs.empty() && !clocks.CanControl && power.State == State::Unavailable);
     EXPECT_TRUE(!state.Valid && state.GraphicsClockMHz == -1 && sample.TemperatureC == -1);
+}
+
+TEST_F(TuningTest, FailedChangesSayWhy) {
+    const auto lock = [this] { return Lock(); };
+    const auto reset = [this] { return ResetClocks(); };
+    const auto limit = [this] { return SetLimit(320.0); };
+    const std::string noLock = "Unsupported: NVML locked-clock control is unavailable. ";
+    const std::string noLimit = "Unsupported: NVML power-limit control is unavailable. ";
+    const std::tuple<Fault, std::function<std::string()>, std::string> cases[] = {
+        {{kGraphicsList}, lock, "Unsupported: Requested clock pair is not supported by NVML. "},
+        {{kHandle, kGpuIsLost, 3}, lock, "Error: NVML has no usable NVIDIA device. "},
+        {{kHandle, kGpuIsLost, 4}, lock, "Error: NVIDIA GPU is unavailable. "},
+        {{kLockGraphics, kUnknown},
+         lock,
+         "Error: NVML GPU locked-clock control failed. DeviceSetGpuLockedClocks(0, 1500, 1500) "},
+        {{kLockMemory, kNoPermission},
+         lock,
+         "NoPermission: NVML denied memory locked-clock control for this user. " + Locked + Undone},
+        {{kResetMemory}, reset, "Unsupported: NVML locked-clock reset is unavailable. "},
+        {{kHandle, kGpuIsLost, 3}, reset, "Error: NVML has no usable NVIDIA device. "},
+        {{kResetMemory, kUnknown}, reset, "Error: NVML memory locked-clock reset failed. " + Released},
+        {{kResetGraphics, kNotSupported},
+         reset,
+         "Unsupported: The NVIDIA driver does not support GPU locked-clock reset. " + Released},
+        {{kSet, kNoPermission}, limit, "NoPermission: NVML denied power-limit control for this user. " + LimitSet}};
+    for (const auto& [fault, change, outcome] : cases) {
+        MakeWhole();
+        Break({fault});
+        EXPECT_EQ(change(), outcome);
+    }
 }
 
 // ---- Clocks ----
@@ -180,6 +198,8 @@ TEST_F(ClocksTest, QueryListsEveryPairOnceInOrder) {
     EXPECT_EQ(answer.DeviceName + answer.DeviceUuid, DesktopBoard(0).Name + DesktopBoard(0).Uuid);
     EXPECT_EQ(answer.CurrentGraphicsClockMHz, 2100);
     EXPECT_EQ(answer.CurrentMemoryClockMHz, 9501);
+    GpuClockState state;
+    EXPECT_TRUE(Monitor.CaptureClockState(&state) && state.GraphicsClockMHz == 2100 && state.MemoryClockMHz == 9501);
     const size_t secondQuery = Sim.Log().size();
     QueryClocks();
     EXPECT_EQ(Log(secondQuery),
@@ -189,6 +209,8 @@ TEST_F(ClocksTest, QueryListsEveryPairOnceInOrder) {
               "SupportedMemoryClocks(0, 0) SupportedMemoryClocks(0, 2) "
               "SupportedGraphicsClocks(0, 5001, 0) SupportedGraphicsClocks(0, 5001, 1) "
               "SupportedGraphicsClocks(0, 810, 0) SupportedGraphicsClocks(0, 810, 3) ");
+    Break({{"nvmlDeviceGetClockInfo", kNotSupported}});
+    EXPECT_EQ(QueryClocks().CurrentGraphicsClockMHz, -1);
 }
 
 TEST_F(ClocksTest, StatusSaysWhyClocksCannotBeLocked) {
@@ -219,28 +241,24 @@ TEST_F(ClocksTest, StatusSaysWhyClocksCannotBeLocked) {
         EXPECT_EQ(answer.Status, status);
         EXPECT_THAT(answer.SupportedPairs, IsEmpty()) << status;
         EXPECT_EQ(answer.CurrentGraphicsClockMHz, 2100) << "read nevertheless";
+        GpuClockState state;
+        EXPECT_FALSE(Monitor.CaptureClockState(&state)) << status;
     }
 }
 
 TEST_F(ClocksTest, ListsOf4096ClocksAndOnesThatShrinkAreTaken) {
-    const auto pairs = [this](const Groups& clocks, int change = 0) {
-        MakeWhole(clocks);
-        Sim.ChangeListAfterSizeQuery(kMemoryList, change);
-        Sim.ChangeListAfterSizeQuery(kGraphicsList, change);
-        std::vector<Pair> listed = QueryClocks().SupportedPairs;
-        EXPECT_EQ(listed.capacity(), listed.size());
-        return listed;
-    };
     Groups groups(4096);
     std::vector<unsigned int> clocks(4096);
     for (unsigned int i = 0; i < 4096; ++i) groups[i] = {i, {clocks[i] = i + 1}};
-    EXPECT_THAT(pairs(groups), AllOf(SizeIs(4096), Contains(Pair{1, 0})));
-    EXPECT_THAT(pairs({{5001, clocks}, {810, {}}, {405, {200}}}),
+    MakeWhole(groups);
+    EXPECT_THAT(QueryClocks().SupportedPairs, AllOf(SizeIs(4096), Contains(Pair{1, 0})));
+    MakeWhole({{5001, clocks}, {810, {}}, {405, {200}}});
+    EXPECT_THAT(QueryClocks().SupportedPairs,
                 AllOf(SizeIs(4097), Contains(Pair{4096, 5001}), Contains(Pair{200, 405})));
-    EXPECT_THAT(Log(), EndsWith("(0, 5001, 4096) SupportedGraphicsClocks(0, 810, 0) SupportedGraphicsClocks(0, 405, 0) "
-                                "SupportedGraphicsClocks(0, 405, 1) "));
-    EXPECT_THAT(pairs({{5001, {1500, 300}}, {810, {1500}}}, -1), ElementsAre(Pair{1500, 5001}));
-    EXPECT_THAT(Log(), EndsWith("SupportedGraphicsClocks(0, 0, 0) ")) << "what was not written is zero";
+    MakeWhole({{5001, {1500, 300}}, {810, {1500}}});
+    Sim.ChangeListAfterSizeQuery(kMemoryList, -1);
+    Sim.ChangeListAfterSizeQuery(kGraphicsList, -1);
+    EXPECT_THAT(QueryClocks().SupportedPairs, ElementsAre(Pair{1500, 5001}));
 }
 
 TEST_F(ClocksTest, LockSetsBothClocksOrNeitherAndResetReleasesThem) {
@@ -253,16 +271,6 @@ TEST_F(ClocksTest, LockSetsBothClocksOrNeitherAndResetReleasesThem) {
     EXPECT_THAT(Log(), EndsWith(" ?HandleByIndex_v2 HandleByIndex_v2(1) ?DeviceResetGpuLockedClocks "
                                 "?DeviceResetMemoryLockedClocks "
                                 "DeviceResetMemoryLockedClocks(1) DeviceResetGpuLockedClocks(1) "));
-    Break({{kLockMemory, kNoPermission}});
-    EXPECT_EQ(Lock(), "NoPermission: NVML denied memory locked-clock control for this user. " + Locked + Undone);
-}
-
-TEST_F(ClocksTest, LockNeedsAllItsEntryPointsAlsoThoseOfItsUndo) {
-    for (const char* name : {kLockGraphics, kLockMemory, kResetGraphics, kResetMemory}) {
-        MakeWhole();
-        Break({{name, 0, 2}});  // there for the query, gone when the lock looks
-        EXPECT_EQ(Lock(), "Unsupported: NVML locked-clock control is unavailable. ");
-    }
 }
 
 // ---- Power limit ----
@@ -359,15 +367,6 @@ TEST_F(PowerTest, LimitsWithinTheRangeAreSetInWholeMilliwatts) {
     EXPECT_EQ(RestoreLimit(), Outside);
     SetRange(100000, 350000, 0);
     EXPECT_EQ(RestoreLimit(), "Unsupported: " + QueryPower().Status + ' ') << "a board without a default";
-}
-
-TEST_F(PowerTest, GpuAndEntryPointAreLookedUpAgainForTheChange) {
-    QueryPower();
-    for (const Fault& fault : {Fault{kHandle, kGpuIsLost, 2}, Fault{kSet, 0, 2}}) {  // gone after the query
-        Break({fault});
-        EXPECT_EQ(SetLimit(150.0), "Unsupported: NVML power-limit control is unavailable. ");
-        EXPECT_THAT(Log(), EndsWith(" ?DeviceSetPowerManagementLimit ?HandleByIndex_v2 HandleByIndex_v2(1) "));
-    }
 }
 
 }  // namespace

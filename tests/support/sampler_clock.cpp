@@ -150,8 +150,4 @@ void RefuseThreads(unsigned int count) {
     ThreadsToRefuse = count;
 }
 
-unsigned int RefusalsLeft() {
-    return ThreadsToRefuse;
-}
-
 }  // namespace sampler_clock

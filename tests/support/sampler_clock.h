@@ -40,8 +40,6 @@ bool AwaitWaits(uint64_t count);
 
 /// Makes the next `count` starts of a `std::thread` fail as they do when the system has no thread left.
 void RefuseThreads(unsigned int count);
-/// How many of these starts have not been tried.
-unsigned int RefusalsLeft();
 
 }  // namespace sampler_clock
 

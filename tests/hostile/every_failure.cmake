@@ -1,8 +1,0 @@
-add_executable(every_failure every_failure.cpp)
-target_link_libraries(every_failure PRIVATE
-    monitor_under_test simulated_loader failing_memory fixed_boards sampler_clock)
-set_target_properties(every_failure PROPERTIES CXX_EXTENSIONS OFF)
-nvml_gpu_monitor_strict_warnings(every_failure)
-
-add_test(NAME every_failure COMMAND every_failure)
-set_tests_properties(every_failure PROPERTIES LABELS hostile)
