@@ -268,13 +268,13 @@ TEST_F(ViewTest, ManyGpusAreListedAroundTheSelectedOne) {
     Canvas table(100, 4, GlyphSet::Braille);
     DrawGpuTable(&table, table.Whole(), pages, 2);
     EXPECT_EQ(table.Text(),
-              R"(3 of 5 GPUs          util       vram    power    limit   temp    fan  graphics     memory  limited …
-GPU 1: Made Board   no data since 12:00:00 (0 s)
-GPU 2: Made Board       -          -        -        -      -      -         -          -  -
-GPU 3: Made Board   100 %   3072 MiB  150.0 W  225.0 W  75 °C   10 %  2100 MHz   9501 MHz  hardware…
+              R"(3 of 5 GPUs           util       vram    power    limit   temp    fan  graphics  limited by
+GPU 1: Made Board    no data since 12:00:00 (0 s)
+GPU 2: Made Board        -          -        -        -      -      -         -  -
+GPU 3: Made Board    100 %   3072 MiB  150.0 W  225.0 W  75 °C   10 %  2100 MHz  hardware thermal…
 )");
     EXPECT_EQ(table.At(0, 2).Look, Style::Selected);
-    EXPECT_EQ(table.At(20, 1).Look, Style::Alarm);
+    EXPECT_EQ(table.At(21, 1).Look, Style::Alarm);
     const std::tuple<int, size_t, const char*> strips[] = {{60, 4, "GPU util % 0:100  1:!    2:-    3:100  4:100\n"},
                                                            {46, 0, "GPU util % 0:100  1:!    2:-       3 of 5 GPUs\n"},
                                                            {46, 2, "GPU util % 1:!    2:-    3:100     3 of 5 GPUs\n"},

@@ -50,10 +50,10 @@ constexpr int kPlotShare = 8;
 
 constexpr int kShortestName = 18;
 constexpr int kLongestName = 44;
-/// In a table with plots: an index of two digits and 16 letters.
+/// An index of two digits and 16 letters. Names are not cut before they are as short as this.
 constexpr int kLongestShortName = 24;
-/// For the words that say what limits the clocks.
-constexpr int kWordsWidth = 16;
+/// For the words that say what limits the clocks: "application clocks" and the mark of a cut list.
+constexpr int kWordsWidth = 19;
 
 /// What a table shows of each GPU.
 struct Table {
@@ -72,13 +72,6 @@ int WidthOf(const std::vector<Column>& columns) {
     return width;
 }
 
-Table PlainTable(int width) {
-    Table table = {{std::begin(kColumns), std::end(kColumns)}, 0};
-    const int others = WidthOf(table.Columns) + kColumnGap + kWordsWidth;
-    table.NameWidth = std::clamp(width - others, kShortestName, kLongestName);
-    return table;
-}
-
 /// The columns that the longest of the short names takes.
 int ShortNameWidth(const std::vector<GpuOnPage>& pages) {
     int width = kShortestName;
@@ -86,6 +79,15 @@ int ShortNameWidth(const std::vector<GpuOnPage>& pages) {
         width = std::max(width, ColumnsOf(ShortGpuTitle(page.Gpu->Device, kLongestShortName)));
     }
     return std::min(width, kLongestShortName);
+}
+
+Table PlainTable(int width, const std::vector<GpuOnPage>& pages) {
+    Table table = {{std::begin(kColumns), std::end(kColumns)}, ShortNameWidth(pages)};
+    const auto roomForWords = [&] { return width - table.NameWidth - WidthOf(table.Columns) - kColumnGap; };
+    // What limits the clocks is more useful than the memory clock.
+    if (roomForWords() < kWordsWidth) table.Columns.pop_back();
+    table.NameWidth = std::clamp(table.NameWidth + roomForWords() - kWordsWidth, table.NameWidth, kLongestName);
+    return table;
 }
 
 Table TableWithPlots(int width, const std::vector<GpuOnPage>& pages, int rows, const PlotView& view) {
@@ -172,7 +174,7 @@ std::string StripWord(const GpuOnPage& page) {
 }  // namespace
 
 void DrawGpuTable(Canvas* canvas, const Area& area, const std::vector<GpuOnPage>& pages, size_t selected) {
-    DrawTable(canvas, area, pages, selected, PlainTable(area.Width));
+    DrawTable(canvas, area, pages, selected, PlainTable(area.Width, pages));
 }
 
 void DrawGpuPlots(Canvas* canvas, const Area& area, const std::vector<GpuOnPage>& pages, size_t selected, int rows,
