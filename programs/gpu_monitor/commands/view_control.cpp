@@ -184,7 +184,7 @@ void ViewControl::PauseOrResume() {
     bPaused = !bPaused;
     if (bPaused) {
         Feed->Pause();
-        ShowNotice("Pause; space resumes");
+        ShowNotice("Paused; space resumes");
     } else {
         Feed->Resume();
         ShowNotice("Sampling goes on");
