@@ -97,7 +97,7 @@ TEST(Plot, HeadingSaysWhatFitsWhole) {
     plot.Curves.push_back({[](const auto&) { return std::optional(15.0); }, Style::Limit, true, "limit"});
     plot.bWithEnergy = true;
     const std::pair<int, const char*> cases[] = {
-        {80, "Power W  avg 6 / 15, 0.35 Wh in 12 s, max 15 / 15       --- draw 3  - - limit 15\n"},
+        {80, "Power W  avg 6 / 15, max 15 / 15, 0.35 Wh in 12 s       --- draw 3  - - limit 15\n"},
         {58, "Power W  avg 6 / 15, max 15 / 15  --- draw 3  - - limit 15\n"},
         {24, "Power W draw 3  limit 15\n"},
         {23, "Power W          3 / 15\n"}};

@@ -232,15 +232,23 @@ std::string EnergyText(const EnergyCount& energy) {
     return Number(wattHours, wattHours < 10.0 ? 2 : 0) + " Wh in " + DurationText(energy.Seconds);
 }
 
-/// What was over the time shown, the most useful first.
-std::vector<StyledText> FactTexts(const Plot& plot, const std::vector<CurveFacts>& curves, const EnergyCount& energy) {
+/// What was over the time shown, as much as there is room for.
+std::vector<StyledText> FactTexts(const Plot& plot, const std::vector<CurveFacts>& curves, const EnergyCount& energy,
+                                  int room) {
     const auto fact = [&](const char* word, double (*numberOf)(const CurveFacts& facts)) -> StyledText {
         return {FactText(word, curves, plot.Decimals, numberOf), Style::Normal};
     };
-    return {fact("avg", [](const CurveFacts& facts) { return facts.Sum / facts.Count; }),
-            {plot.bWithEnergy ? EnergyText(energy) : "", Style::Normal},
-            fact("max", [](const CurveFacts& facts) { return facts.Highest; }),
-            fact("min", [](const CurveFacts& facts) { return facts.Lowest; })};
+    const std::vector<StyledText> all = {fact("min", [](const CurveFacts& facts) { return facts.Lowest; }),
+                                         fact("avg", [](const CurveFacts& facts) { return facts.Sum / facts.Count; }),
+                                         fact("max", [](const CurveFacts& facts) { return facts.Highest; }),
+                                         {plot.bWithEnergy ? EnergyText(energy) : "", Style::Normal}};
+    std::vector<StyledText> shown(all.size());
+    // The most useful ones find room first.
+    for (const size_t i : {1, 3, 2, 0}) {
+        shown[i] = all[i];
+        if (WidthOfParts(shown) > room) shown[i].Text.clear();
+    }
+    return shown;
 }
 
 void DrawHeading(Canvas* canvas, const Area& area, const Plot& plot, const std::vector<CurveFacts>& curves,
@@ -256,7 +264,8 @@ void DrawHeading(Canvas* canvas, const Area& area, const Plot& plot, const std::
     const int latestStart = end - WidthOf(latest);
     if (x >= latestStart) return;
     x += kColumnGap;
-    PutParts(canvas, {x, area.Y, latestStart - kColumnGap - x, 1}, FactTexts(plot, curves, energy));
+    const int room = latestStart - kColumnGap - x;
+    PutParts(canvas, {x, area.Y, room, 1}, FactTexts(plot, curves, energy, room));
     x = latestStart;
     for (const auto& [text, look] : latest) x = canvas->Put(x, area.Y, text, look);
 }

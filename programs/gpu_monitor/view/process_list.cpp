@@ -88,9 +88,9 @@ constexpr Column kColumns[] = {
     {"GPU", 5, true, GpuText, std::nullopt, 0, true},
     {"VRAM", 12, true, [](const ListedProcess& listed) { return MemoryText(listed.Process->VramUsedBytes); },
      ProcessOrder::Memory},
-    {"CPU", 8, true, CpuText, ProcessOrder::Cpu},
+    {"CPU", 7, true, CpuText, ProcessOrder::Cpu},
     {"MEMORY", 12, true, HostMemoryText, std::nullopt, kWide},
-    {"USER", 12, false, [](const ListedProcess& listed) { return OrDash(listed.Process->User); }, ProcessOrder::User},
+    {"USER", 11, false, [](const ListedProcess& listed) { return OrDash(listed.Process->User); }, ProcessOrder::User},
     {"COMMAND", 0, false, CommandText, ProcessOrder::Name},
 };
 
