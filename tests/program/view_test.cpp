@@ -154,14 +154,14 @@ Decoder ██████▌······              50 %  Mem I/O ███�
 Clocks  graphics 2100 MHz, memory 9501 MHz, SM 2101 MHz, video 1785 MHz
 Limits  power 225 W, default 250 W, range 100 to 300 W
 Utilization %         100  Power W  avg 150      150  Temperature °C         75
-  100┤⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉    250┤⠒ ⠒ ⠒ ⠒ ⠒ ⠒ ⠒ ⠒ ⠒ ⠒    100┤⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀
-   50┤                          │⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉     50┤
+  100┤⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉     250┤⠒ ⠒ ⠒ ⠒ ⠒ ⠒ ⠒ ⠒ ⠒      100┤⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀
+   50┤                          │⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉      50┤
     0┤                         0┤                         0┤
    -60 s              now     -60 s              now     -60 s              now
 Graphics clock MHz   2100  VRAM GiB  avg 3.0     3.0  PCIe MiB/s    rx 12  tx 3
- 2500┤⠤⠤⠤⠤⠤⠤⠤⠤⠤⠤⠤⠤⠤⠤⠤⠤⠤⠤⠤      4┤⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀     20┤
-     │                         2┤                        10┤⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉
-    0┤                         0┤                         0┤⠒ ⠒ ⠒ ⠒ ⠒ ⠒ ⠒ ⠒ ⠒ ⠒
+ 2500┤⠤⠤⠤⠤⠤⠤⠤⠤⠤⠤⠤⠤⠤⠤⠤⠤⠤⠤       4┤⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀      20┤
+     │                         2┤                        10┤⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉
+    0┤                         0┤                         0┤⠒ ⠒ ⠒ ⠒ ⠒ ⠒ ⠒ ⠒ ⠒
    -60 s              now     -60 s              now     -60 s              now
      PID       VRAM*    CPU      MEMORY  USER       COMMAND
      300     700 MiB    2 %       5 MiB  zoe        render /tmp/scene

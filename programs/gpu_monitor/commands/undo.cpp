@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <iostream>
-#include <utility>
 #include <vector>
 
 #include "commands/change_commands.h"
@@ -14,6 +13,7 @@
 #include "gpu_feed/tuning_session.h"
 #include "terminal/failure.h"
 #include "terminal/output.h"
+#include "text/change_report.h"
 #include "text/change_text.h"
 #include "text/text_layout.h"
 #include "text/tuning_format.h"
@@ -23,7 +23,6 @@ using namespace gpu_feed;
 namespace {
 
 namespace fs = std::filesystem;
-using Kind = TuningChange::Kind;
 using OperationResult = GpuClockOperationResult;
 
 /// Null when the user has not named a folder.
@@ -47,7 +46,7 @@ std::vector<LeftChange> LeftChanges() {
 }
 
 bool IsInForce(const TuningChange& change, const GpuPowerCapabilities& power) {
-    return IsSameLimit(change.What == Kind::SetPower ? change.Watts : power.DefaultWatts, power.CurrentWatts);
+    return IsSameLimit(AskedWatts(change, power), power.CurrentWatts);
 }
 
 /// What the user has to know when a noted change need not be taken back; empty when it has to be. Clocks always have

@@ -146,10 +146,11 @@ std::string ShownText(size_t shown, size_t count) {
 }
 
 void DrawHeading(Canvas* canvas, const Area& area, const std::string& shown, const Table& table) {
-    canvas->Put(area.X, area.Y, shown, Style::Dim);
-    const int x = ForEachColumn(
-        table, area, [&](const Column& column, int end) { canvas->PutRight(end, area.Y, column.Heading, Style::Dim); });
-    if (table.View == nullptr) PutCut(canvas, {x, area.Y, area.X + area.Width - x, 1}, "limited by", Style::Dim);
+    canvas->Put(area.X, area.Y, shown, Style::Normal);
+    const int x = ForEachColumn(table, area, [&](const Column& column, int end) {
+        canvas->PutRight(end, area.Y, column.Heading, Style::Heading);
+    });
+    if (table.View == nullptr) PutCut(canvas, {x, area.Y, area.X + area.Width - x, 1}, "limited by", Style::Heading);
 }
 
 void DrawTable(Canvas* canvas, const Area& area, const std::vector<GpuOnPage>& pages, size_t selected,
@@ -185,7 +186,7 @@ void DrawGpuPlots(Canvas* canvas, const Area& area, const std::vector<GpuOnPage>
 void DrawGpuStrip(Canvas* canvas, const Area& area, const std::vector<GpuOnPage>& pages, size_t selected) {
     constexpr int kWordWidth = 7;
     constexpr int kShownWidth = 14;
-    int x = canvas->Put(area.X, area.Y, "GPU util % ", Style::Dim);
+    int x = canvas->Put(area.X, area.Y, "GPU util % ", Style::Normal);
     const int end = area.X + area.Width - kShownWidth;
     const size_t room = std::min(static_cast<size_t>(std::max((end - x) / kWordWidth, 1)), pages.size());
     const size_t first = FirstShown(pages.size(), room, selected);
@@ -194,5 +195,5 @@ void DrawGpuStrip(Canvas* canvas, const Area& area, const std::vector<GpuOnPage>
         const Style look = pages[i].bSilent ? Style::Alarm : changed;
         canvas->Put(x, area.Y, StripWord(pages[i]), i == selected ? Style::Selected : look, kWordWidth - 1);
     }
-    canvas->PutRight(area.X + area.Width, area.Y, ShownText(room, pages.size()), Style::Dim);
+    canvas->PutRight(area.X + area.Width, area.Y, ShownText(room, pages.size()), Style::Normal);
 }

@@ -12,7 +12,7 @@
 /// asterisk marks those that the program has changed.
 void DrawGpuTable(Canvas* canvas, const Area& area, const std::vector<GpuOnPage>& pages, size_t selected);
 
-/// As `DrawGpuTable`, with small plots of utilization and power; each GPU takes so many rows.
+/// As `DrawGpuTable`, with small plots of utilization and power; each GPU takes `rows` rows.
 void DrawGpuPlots(Canvas* canvas, const Area& area, const std::vector<GpuOnPage>& pages, size_t selected, int rows,
                   const PlotView& view);
 

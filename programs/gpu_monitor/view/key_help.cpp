@@ -54,7 +54,7 @@ void DrawKeyNames(Canvas* canvas, const Area& area, bool bManyGpus) {
         if (bForManyGpus && !bManyGpus) continue;
         if (x + ColumnsOf(key) + 1 + ColumnsOf(name) > area.X + area.Width) return;
         x = canvas->Put(x, area.Y, key, Style::Strong) + 1;
-        x = canvas->Put(x, area.Y, name, Style::Dim) + 2;
+        x = canvas->Put(x, area.Y, name, Style::Normal) + 2;
     }
 }
 

@@ -122,7 +122,7 @@ Dialog ConfirmDialog(const FeedData& data, const TuningDialog& dialog) {
         {"This will " + ActionText(dialog.Change) + ", for every program that uses this GPU.", Style::Strong},
         {WayBackText(data, dialog)}};
     if (dialog.Change.What == Kind::LockClocks) {
-        lines.push_back({"A lock that another program has set cannot be brought back: NVML does not tell it."});
+        lines.push_back({"A lock that another program has set cannot be brought back: NVML does not show it."});
     }
     return {"", lines, "Enter applies   n or Esc back"};
 }
