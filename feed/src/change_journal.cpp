@@ -126,7 +126,7 @@ bool IsRunning(const NotedChange& noted) {
     return !process || (!process->bEnded && process->StartTicks == noted.ProcessStart);
 }
 
-/// Of this program.
+/// The note of this program.
 NotedChange OwnNote(const TuningRecord& record, const TuningChange& change) {
     const std::optional<ProcessStat> process = ReadProcessStat(getpid());
     NotedChange noted = {BootId(),       getpid(), process ? process->StartTicks : 0, record.Device, record.Before,
@@ -166,7 +166,7 @@ struct NoteFile {
     double ChangedAt = 0.0;
 };
 
-/// Empty when it is not to be believed.
+/// Empty when the file cannot be trusted, or not be read.
 std::optional<NoteFile> ReadFile(const fs::path& path) {
     const int descriptor = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
     if (descriptor < 0) return std::nullopt;
@@ -240,7 +240,7 @@ void ChangeJournal::ForgetLeftChanges(const GpuDeviceInfo& device, TuningControl
     }
 }
 
-/// All of this boot, the latest first.
+/// All notes of this boot, the latest first.
 std::vector<NotedChange> ChangeJournal::ReadNotes() const {
     const std::string bootId = BootId();
     std::vector<std::pair<double, NotedChange>> found;

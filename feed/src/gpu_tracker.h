@@ -62,7 +62,7 @@ private:
     /// Older samples say nothing about the period.
     double PeriodsSince = 0.0;
     double NewestSeen = 0.0;
-    /// The longest interval that was in force since then.
+    /// The longest interval that was in force since the newest sample.
     std::chrono::duration<double> LongestInterval;
 };
 

@@ -27,13 +27,13 @@ constexpr size_t kUserBufferBytes = 16384;
 /// How long a look-up usually takes at most.
 constexpr std::chrono::milliseconds kUsualLookUp(20);
 
-/// Longer command lines are cut off.
+/// In bytes; longer ones are cut off.
 constexpr size_t kLongestCommandLine = 4096;
 /// The kernel counts processor time in hundredths of a second, so shorter times say little.
 constexpr double kShortestMeasurement = 0.5;
 constexpr double kForgottenAfterSeconds = 60.0;
 
-/// `name` of the kernel; where it is cut off, the name of the program's file if that begins with it.
+/// The kernel's `name` of a process; where it is cut off, the name of the program's file if that begins with it.
 std::string ProgramName(const std::string& name, const std::string& folder) {
     if (name.size() < kKernelNameLength) return name;
     std::error_code unreadable;

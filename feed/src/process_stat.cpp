@@ -22,7 +22,7 @@ constexpr size_t kResidentPages = 20;
 std::optional<ProcessStat> ReadProcessStat(int pid) {
     std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
     const std::string text(std::istreambuf_iterator<char>(file), {});
-    // The name stands in parentheses and can contain some itself.
+    // The name is in parentheses and can contain some itself.
     const size_t open = text.find('(');
     const size_t close = text.rfind(')');
     if (close == std::string::npos || open >= close) return std::nullopt;

@@ -11,7 +11,7 @@ namespace gpu_feed {
 struct ProcessStat {
     /// At most 15 bytes: the kernel cuts longer names off.
     std::string Name;
-    /// Whether it has ended, and its parent has not asked how.
+    /// Whether it has ended, but is still listed because its parent has not asked for its exit status.
     bool bEnded = false;
     /// When the process started, in the kernel's ticks since boot. No two processes of one boot share id and start.
     uint64_t StartTicks = 0;

@@ -8,9 +8,7 @@ namespace gpu_feed {
 void SampleHistory::Append(const GpuTelemetrySample& sample, const EnergyCount& energy) {
     const size_t place = (First + Count) % kBlockSamples;
     if (place == 0 || !Blocks->back()->Claim(place)) AddRoom();
-    Block& block = *Blocks->back();
-    block.Samples[place] = sample;
-    block.Energy[place] = energy;
+    Blocks->back()->Entries[place] = {sample, energy};
     if (Count < kMostSamples) {
         ++Count;
     } else {
@@ -27,8 +25,7 @@ void SampleHistory::AddRoom() {
     block->Used = place + 1;
     if (place > 0) {
         // A copy of this history has gone on in the last block.
-        std::copy_n(blocks.back()->Samples.begin(), place, block->Samples.begin());
-        std::copy_n(blocks.back()->Energy.begin(), place, block->Energy.begin());
+        std::copy_n(blocks.back()->Entries.begin(), place, block->Entries.begin());
         blocks.pop_back();
     }
     blocks.push_back(block);

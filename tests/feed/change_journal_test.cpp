@@ -1,4 +1,4 @@
-// Notes of changes in files, some of them hostile: which are believed, and what of it was left by a killed program.
+// Notes of changes in files, some of them hostile: which ones are trusted, and what they say a killed program has left.
 
 #include "gpu_feed/change_journal.h"
 

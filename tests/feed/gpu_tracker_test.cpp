@@ -111,7 +111,10 @@ TEST_F(GpuTrackerTest, HistoryAndEnergyGoOnByKeyAndANewStartOfNvmlEmptiesTheHist
          "4; a 0: 400 J 2 3 4; b 1: 0 J 2.5"},
         // NVML is started anew and gives the GPUs other indices.
         {true, {History("b", {}), History("a", {Sample(7.0)}, "", 1)}, "7; b 0: 0 J; a 1: 400 J 7"},
-        {false, {History("b", {Sample(8.0)}), History("a", {Sample(8.0)}, "", 1)}, "8; b 0: 0 J 8; a 1: 600 J 7 8"}};
+        // "b" gives a sample without a moment first.
+        {false,
+         {History("b", {Sample(0.0), Sample(8.0)}), History("a", {Sample(8.0)}, "", 1)},
+         "8; b 0: 0 J 8; a 1: 600 J 7 8"}};
     for (const auto& [bBegins, histories, expected] : steps) {
         // Memory runs out after the first GPU: nothing is lost, and nothing comes twice.
         DescriptionsLeft = 1;

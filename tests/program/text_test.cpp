@@ -201,7 +201,7 @@ TEST(TextTest, ReportOfALockSaysWhyOtherClocksRunAndAdviceWhatCanBeLocked) {
     const std::tuple<GpuReadings, int, std::string> cases[] = {
         {FullGpu(), 1500, "Asked 1500 MHz graphics, 5001 MHz memory Running 1500 MHz graphics, 5001 MHz memory"},
         {FullGpu(), 1485, "5001 MHz memory" + note + "other clocks run; limited by: power cap, thermal."},
-        {FullGpu(0), 1485, "5001 MHz memory" + note + "other clocks run; it does not tell what limits them."},
+        {FullGpu(0), 1485, "5001 MHz memory" + note + "other clocks run; it does not say what limits them."},
         {SilentGpu(), 1485, "Running -" + note + "the clocks cannot be read."}};
     for (const auto& [gpu, graphics, report] : cases) {
         const Details details = LockReport({graphics, 5001}, gpu.Sample, 3, "--simulate");

@@ -146,7 +146,7 @@ TEST_F(ViewTest, PageShowsAllOfAGpu) {
     EXPECT_EQ(Drawn().Text(),
               R"(GPU util % 0:100  1:100
 GPU 1: Made Board   Driver 550.120                             live, every 1.0 s
-P2   PCIe gen 4 x16, rx 12.5 tx 3.0 MiB/s   Limited by: hardware thermal…
+P2   PCIe gen 4 x16   Limited by: hardware thermal, power cap
 GPU     █████████████             100 %  Power   ██████▌░░┃┆░░   150.0 / 225.0 W
 VRAM    █████████▊···   3072 / 4096 MiB  Temp    █████████▊···             75 °C
 Encoder ·············               0 %  Fan     █▎···········              10 %
@@ -154,21 +154,22 @@ Decoder ██████▌······              50 %  Mem I/O ███�
 Clocks  graphics 2100 MHz, memory 9501 MHz, SM 2101 MHz, video 1785 MHz
 Limits  power 225 W, default 250 W, range 100 to 300 W
 Utilization %         100  Power W  avg 150      150  Temperature °C         75
-  100┤⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉    250┤⠒ ⠒ ⠒ ⠒ ⠒ ⠒ ⠒ ⠒ ⠒ ⠒    100┤⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀
-   50┤                          │⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉     50┤
+  100┤⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉     250┤⠒ ⠒ ⠒ ⠒ ⠒ ⠒ ⠒ ⠒ ⠒      100┤⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀
+   50┤                          │⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉      50┤
     0┤                         0┤                         0┤
    -60 s              now     -60 s              now     -60 s              now
 Graphics clock MHz   2100  VRAM GiB  avg 3.0     3.0  PCIe MiB/s    rx 12  tx 3
- 2500┤⠤⠤⠤⠤⠤⠤⠤⠤⠤⠤⠤⠤⠤⠤⠤⠤⠤⠤⠤      4┤⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀     20┤
-     │                         2┤                        10┤⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉
-    0┤                         0┤                         0┤⠒ ⠒ ⠒ ⠒ ⠒ ⠒ ⠒ ⠒ ⠒ ⠒
+ 2500┤⠤⠤⠤⠤⠤⠤⠤⠤⠤⠤⠤⠤⠤⠤⠤⠤⠤⠤       4┤⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀⣀      20┤
+     │                         2┤                        10┤⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉⠉
+    0┤                         0┤                         0┤⠒ ⠒ ⠒ ⠒ ⠒ ⠒ ⠒ ⠒ ⠒
    -60 s              now     -60 s              now     -60 s              now
-     PID       VRAM*     CPU      MEMORY  USER        COMMAND
-     300     700 MiB     2 %       5 MiB  zoe         render /tmp/scene
-      20     600 MiB   250 %    2048 MiB  adam        train
-    1000       0 MiB       -           -  -           -
+     PID       VRAM*    CPU      MEMORY  USER       COMMAND
+     300     700 MiB    2 %       5 MiB  zoe        render /tmp/scene
+      20     600 MiB  250 %    2048 MiB  adam       train
+    1000       0 MiB      -           -  -          -
 q quit  ? help  t tune  Tab GPU  a all  1-7 plots  +- zoom            last 1 min
 )");
+    EXPECT_THAT(Drawn(83).Text(), HasSubstr(" x16, rx 12.5 tx 3.0 MiB/s   Limited by: hardware thermal, power cap\n"));
 }
 
 TEST_F(ViewTest, GaugesAreFilledFromEndToEnd) {
@@ -225,7 +226,7 @@ TEST_F(ViewTest, StatesSayWhatAGpuDoes) {
         {" The status.\n", dashes, FeedState::Unavailable, 0.0, 0.0, 1.0, kNow, 0.0},
         {" no data since 11:59:48 (12 s)\n", dashes, FeedState::Sampling, 0.0, 0.0, 1.0, kNow - 12.0, kNow - 12.0},
         {" no data yet\n", dashes, FeedState::Sampling, 0.0, 4.0, 1.0, 0.0, 0.0},
-        {" no data since 12:00:00 (0 s)\n", dashes, FeedState::Sampling, 0.0, 9.0, 1.0, kNow, 0.0}};
+        {" no data\n", dashes, FeedState::Sampling, 0.0, 9.0, 1.0, kNow, 0.0}};
     for (const auto& [state, limits, feed, since, silence, period, latest, silentSince] : cases) {
         FeedGpu gpu = MadeGpu(1);
         gpu.PeriodSeconds = period;
@@ -249,10 +250,11 @@ TEST_F(ViewTest, PageMarksWhatTheProgramHasChanged) {
     const TuningChange lock{TuningChange::Kind::LockClocks, {900, 5000}};
     const TuningChange release{TuningChange::Kind::ResetClocks};
     Data.Tuning.push_back({"key 1", Data.Gpus[1]->Device, release, lock, release});
-    Follow({" \nClocks  locked to 900 / 5000 MHz, graphics 2100 MHz, memory 9501 MHz\nLimits  power 225 W (changed)"});
+    Follow({" \nClocks  locked to 900 / 5000 MHz, graphics 2100 MHz, memory 9501 MHz\nLimits  power 225 W (changed)",
+            "a \nGPU 1: Made Board * 100 %", "a PID "});
     Data.Tuning[1].InForce = release;
     NoteChange(225.0, 0.0);
-    Follow({" \nClocks  graphics ", " \nLimits  power 225 W, "});
+    Follow({" \nClocks  graphics ", " \nLimits  power 225 W, ", "a \nGPU 1: Made Board   100 %"});
 }
 
 TEST_F(ViewTest, ManyGpusAreListedAroundTheSelectedOne) {
@@ -266,13 +268,13 @@ TEST_F(ViewTest, ManyGpusAreListedAroundTheSelectedOne) {
     Canvas table(100, 4, GlyphSet::Braille);
     DrawGpuTable(&table, table.Whole(), pages, 2);
     EXPECT_EQ(table.Text(),
-              R"(3 of 5 GPUs          util       vram    power    limit   temp    fan  graphics     memory  limited …
-GPU 1: Made Board   no data since 12:00:00 (0 s)
-GPU 2: Made Board       -          -        -        -      -      -         -          -  -
-GPU 3: Made Board   100 %   3072 MiB  150.0 W  225.0 W  75 °C   10 %  2100 MHz   9501 MHz  hardware…
+              R"(3 of 5 GPUs           util       vram    power    limit   temp    fan  graphics  limited by
+GPU 1: Made Board    no data since 12:00:00 (0 s)
+GPU 2: Made Board        -          -        -        -      -      -         -  -
+GPU 3: Made Board    100 %   3072 MiB  150.0 W  225.0 W  75 °C   10 %  2100 MHz  hardware thermal…
 )");
     EXPECT_EQ(table.At(0, 2).Look, Style::Selected);
-    EXPECT_EQ(table.At(20, 1).Look, Style::Alarm);
+    EXPECT_EQ(table.At(21, 1).Look, Style::Alarm);
     const std::tuple<int, size_t, const char*> strips[] = {{60, 4, "GPU util % 0:100  1:!    2:-    3:100  4:100\n"},
                                                            {46, 0, "GPU util % 0:100  1:!    2:-       3 of 5 GPUs\n"},
                                                            {46, 2, "GPU util % 1:!    2:-    3:100     3 of 5 GPUs\n"},
@@ -295,15 +297,15 @@ TEST_F(ViewTest, ProcessesAreSortedScrolledCutAndNamed) {
         {one, {ProcessOrder::Cpu}, 8, "     PID\n      20\n     300\n    1000\n"},
         {one, {ProcessOrder::Pid}, 8, "    PID*\n      20\n     300\n    1000\n"},
         {one, {ProcessOrder::User}, 8, "     PID\n    1000\n      20\n     300\n"},
-        {one, {ProcessOrder::Name, 9}, 50, R"(     PID        VRAM     CPU  USER        3-3 of 3
-      20     600 MiB   250 %  adam        train
+        {one, {ProcessOrder::Name, 9}, 48, R"(     PID        VRAM    CPU  USER       3-3 of 3
+      20     600 MiB  250 %  adam       train
 )"},
-        {two, {ProcessOrder::User, 2}, 62, R"(     PID  GPU        VRAM     CPU  USER*       COMMA… 3-4 of 6
-      20    0     600 MiB   250 %  adam        train
-      20    1     600 MiB   250 %  adam        (simulated)
+        {two, {ProcessOrder::User, 2}, 60, R"(     PID  GPU        VRAM    CPU  USER*      COMMA… 3-4 of 6
+      20    0     600 MiB  250 %  adam       train
+      20    1     600 MiB  250 %  adam       (simulated)
 )"},
-        {one, {}, 57, R"(     PID       VRAM*     CPU  USER        COMMA… 1-1 of 3
-     300     700 MiB     2 %  zoe         render /tmp/sc…
+        {one, {}, 55, R"(     PID       VRAM*    CPU  USER       COMMA… 1-1 of 3
+     300     700 MiB    2 %  zoe        render /tmp/sc…
 )"}};
     for (const auto& [pages, view, width, expected] : cases) {
         Canvas canvas(width, static_cast<int>(std::count(expected, expected + std::strlen(expected), '\n')),
@@ -333,9 +335,9 @@ hardware thermal…         █████████████          █
 GPU 3: Made Board       -       ▁▂▄▅▆▇█        - ▃▃▃▃▃▃▃▃▃▃▃▃▃          -      -
                           ▂▃▅▆▇████████          █████████████
 
-     PID  GPU       VRAM*     CPU      MEMORY  USER        COMMAND
-     300    0     700 MiB     2 %       5 MiB  zoe         render /tmp/scene
-     300    3     700 MiB     2 %       5 MiB  zoe         render /tmp/scene
+     PID  GPU       VRAM*    CPU      MEMORY  USER       COMMAND
+     300    0     700 MiB    2 %       5 MiB  zoe        render /tmp/scene
+     300    3     700 MiB    2 %       5 MiB  zoe        render /tmp/scene
 )"));
     EXPECT_EQ(Drawn().At(0, 1).Look, Style::Selected);
     Follow({"DE  1-3 of 5\n", "D  2-4 of 5\n", "DD  3-5 of 5\n", "U  2-4 of 5\n", "a PID  GPU"});
@@ -391,6 +393,7 @@ TEST_F(ViewTest, ScreensShowWhatFits) {
     }
     Press("?");
     EXPECT_THAT(Drawn(60, 9).Text(), HasSubstr("│ Any key closes "));
+    EXPECT_THAT(Drawn(9, 9).Text(), HasSubstr("│ Any"));
     SetGpus({});
     Silence = 3.0;
     Follow({"?      Starting NVML ... 3 s\n"});
@@ -414,13 +417,13 @@ TEST_F(ViewTest, KeysChooseWhatIsShown) {
     Follow({"s CPU*", "s PID*", "s \nProcesses by user ", "s COMMAND*", "s VRAM*"});
     Follow({"+ last 1 min\n", "- \nPlots: last 2 min ", "- last 5 min\n", "- last 10 min\n", "- last 30 min\n",
             "- last 1 h\n", "-- whole history\n", "= last 1 h\n"});
-    Follow({"h Any key closes", "q \nPlots: last 1 h ", "? a plot: 1 utilization, 2 power, 3", "x PID"});
+    Follow({"h Any key closes", "q \nPlots: last 1 h ", "? a plot: 1=utilization, 2=power", "x PID"});
     Now += 2.9;
     Follow({" \nPlots: last 1 h "});
     Now += 0.2;
     Follow({" \nq quit "});
     Follow({"i \nInterval: 1 s ", "IIIII Interval: 100 ms", "iiiiiiii Interval: 10 s"});
-    for (const char* const notice : {" Pause; space resumes", " Sampling goes on"}) {
+    for (const char* const notice : {" Paused; space resumes", " Sampling goes on"}) {
         Press(" ");
         Follow({notice});
     }

@@ -279,7 +279,7 @@ TEST_F(WatchTest, RepeatedAndFatalSignalsKillButLeaveTheTerminalAsItWas) {
         View view(Watch(" --interval 100", Kept));
         view.Press("", {"  live, every"});
         const int driver = HoldDriver();
-        view.Press("", {"no data since"});
+        view.Press("", {"no data"});
         // The same signal again and again: at once it means no more than the first.
         view.WaitFor([&view, number = signal] {
             view.Signal(number);

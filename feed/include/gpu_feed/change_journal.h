@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "gpu_feed/tuning_change.h"
@@ -13,9 +14,9 @@ namespace gpu_feed {
 
 /// A change that a program meant to take back when it noted this.
 struct NotedChange {
-    /// Since when the system runs, as the kernel names it.
+    /// The kernel's id of the boot in which this was noted.
     std::string BootId;
-    /// The program, and when it was started, in clock ticks since the system's start.
+    /// The program, and when it was started, in clock ticks since boot.
     int Pid = 0;
     uint64_t ProcessStart = 0;
     /// Only index, name and UUID.
@@ -47,9 +48,9 @@ public:
     std::string Remove(const TuningRecord& record) const;
     std::string Remove(const NotedChange& noted) const;
 
-    /// What programs have left changed that do not run any more, the latest first, but no setting that a running
-    /// program has changed too and will take back. Believes only files that belong to root or the caller and that
-    /// nobody else can write. Removes what was noted before the system was started.
+    /// The changes that programs which have ended left behind, the latest first. Settings that a running program has
+    /// changed too are left out, because that program will take its change back. Reads only files that belong to root
+    /// or the caller and that nobody else can write. Removes what was noted before the latest boot.
     std::vector<NotedChange> LeftChanges() const;
 
     /// Removes what programs that do not run any more have noted of this setting: the user has decided about it anew.
@@ -65,7 +66,7 @@ private:
 /// $XDG_STATE_HOME or ~/.local/state. Empty when neither is known.
 std::filesystem::path DefaultJournalFolder();
 
-/// The folders that have what concerns this user: root's and `DefaultJournalFolder`.
+/// The folders whose notes this user should know: root's and `DefaultJournalFolder`.
 std::vector<std::filesystem::path> DefaultJournalFolders();
 
 }  // namespace gpu_feed

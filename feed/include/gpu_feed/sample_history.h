@@ -30,9 +30,7 @@ public:
     void Append(const GpuTelemetrySample& sample, const EnergyCount& energy = {});
 
     /// What was counted up to sample `i`.
-    const EnergyCount& EnergyAt(size_t i) const {
-        return (*Blocks)[(First + i) / kBlockSamples]->Energy[(First + i) % kBlockSamples];
-    }
+    const EnergyCount& EnergyAt(size_t i) const { return EntryAt(i).Energy; }
 
     // NOLINTBEGIN(readability-identifier-naming): the names that algorithms and loops look for.
     using value_type = GpuTelemetrySample;
@@ -40,9 +38,7 @@ public:
 
     size_t size() const { return Count; }
     bool empty() const { return Count == 0; }
-    const GpuTelemetrySample& operator[](size_t i) const {
-        return (*Blocks)[(First + i) / kBlockSamples]->Samples[(First + i) % kBlockSamples];
-    }
+    const GpuTelemetrySample& operator[](size_t i) const { return EntryAt(i).Sample; }
     const GpuTelemetrySample& front() const { return (*this)[0]; }
     const GpuTelemetrySample& back() const { return (*this)[Count - 1]; }
     Iterator begin() const;
@@ -54,18 +50,25 @@ public:
 private:
     static constexpr size_t kBlockSamples = 128;
 
+    struct Entry {
+        GpuTelemetrySample Sample;
+        EnergyCount Energy;
+    };
+
     /// Filled from its beginning. What one history has written here is never written again, because copies of that
     /// history may read it on other threads.
     struct Block {
         std::atomic<size_t> Used{0};
-        std::array<GpuTelemetrySample, kBlockSamples> Samples;
-        std::array<EnergyCount, kBlockSamples> Energy;
+        std::array<Entry, kBlockSamples> Entries;
 
         /// Reserves place `i` for the caller, if it is the next free one.
         bool Claim(size_t i) { return Used.compare_exchange_strong(i, i + 1); }
     };
     using BlockList = std::vector<std::shared_ptr<Block>>;
 
+    const Entry& EntryAt(size_t i) const {
+        return (*Blocks)[(First + i) / kBlockSamples]->Entries[(First + i) % kBlockSamples];
+    }
     /// Makes room for one more sample behind the last one.
     void AddRoom();
 

@@ -74,7 +74,7 @@ struct TuningRecord {
     double Deadline = 0.0;
     /// Why it could not go back, for the user; empty unless that has failed.
     std::string Problem = {};
-    /// What the journal has to say about the latest change, for the user; usually empty. See `ChangeJournal`.
+    /// A warning of the journal about the latest change, for the user; usually empty. See `ChangeJournal`.
     std::string Warning = {};
 
     /// Whether there is anything to take back.

@@ -66,8 +66,8 @@ private:
     std::vector<TuningRecord> Changes;
 };
 
-/// Whether the process has the rights that drivers ask for before they change a GPU, as far as that can be known: only
-/// the attempt shows it.
+/// Whether the process seems to have the rights that drivers ask for before they change a GPU. Only the attempt shows
+/// it for sure.
 bool HasTuningRights();
 
 }  // namespace gpu_feed

@@ -17,7 +17,7 @@ public:
     /// Writes the samples of `gpus` that are new. What cannot be written is tried again the next time.
     void Add(const PolledFeed::Gpus& gpus);
 
-    /// Why samples are missing from the file, for the user; empty when none are.
+    /// Why samples are missing from the file, for the user; empty when the file has all of them.
     const std::string& Problem() const { return LastProblem; }
 
 private:

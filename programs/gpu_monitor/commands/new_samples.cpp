@@ -16,12 +16,10 @@ Rows NewSamples::Take(const PolledFeed::Gpus& gpus) {
 void NewSamples::AddNewRows(const FeedGpu& gpu, Rows* rows) {
     double& givenUntil = GivenUntil[gpu.Key];
     const auto isGiven = [givenUntil](const GpuTelemetrySample& sample) {
-        return sample.TimestampSeconds != 0.0 && sample.TimestampSeconds <= givenUntil;
+        return sample.TimestampSeconds <= givenUntil;
     };
     const auto firstNew = std::find_if(gpu.Samples.rbegin(), gpu.Samples.rend(), isGiven).base();
     for (auto sample = firstNew; sample != gpu.Samples.end(); ++sample) {
-        // A sample without a timestamp: the GPU could not be asked.
-        if (sample->TimestampSeconds == 0.0) continue;
         rows->push_back({&gpu, &*sample});
         givenUntil = sample->TimestampSeconds;
     }

@@ -14,7 +14,7 @@ struct Row {
 };
 using Rows = std::vector<Row>;
 
-/// Gives each sample exactly once, however often it is asked.
+/// Returns each sample exactly once.
 class NewSamples {
 public:
     /// The samples of `gpus` that were not given before, in the order in which they were taken.

@@ -1,6 +1,7 @@
 #ifndef GPU_MONITOR_SILENT_DRIVER_H
 #define GPU_MONITOR_SILENT_DRIVER_H
 
+#include <chrono>
 #include <functional>
 #include <future>
 #include <memory>
@@ -13,7 +14,7 @@
 /// A command that needs an answer waits this long: NVML can take seconds to start.
 constexpr double kLongestDriverSilenceSeconds = 20.0;
 
-/// Ends a command that has waited so long.
+/// The failure of a command that has waited for that time.
 Failure DriverIsSilent();
 
 /// To be called when a thread was left in a driver call that does not return.
@@ -50,7 +51,7 @@ public:
     }
 
 private:
-    /// Calls `hasCome`, which waits that long, until it is true. False: it has taken too long.
+    /// Calls `hasCome`, which waits for the given time, until it returns true. False: that took too long.
     bool HasAnswered(const std::function<bool(std::chrono::milliseconds wait)>& hasCome) const;
 
     /// Shared with a thread that may hang.

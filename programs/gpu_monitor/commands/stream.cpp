@@ -32,7 +32,7 @@ constexpr int kLongestWaitMs = 1000;
 constexpr double kLongestSilenceSeconds = 5.0;
 /// A driver counts as hanging after this many checks in a row. One check can be wrong after the process was suspended.
 constexpr int kHangsOfHangingDriver = 3;
-/// After so much silence of the driver, no GPU is reported: it is not known which one the driver waits for.
+/// After the driver has been silent for this long, no GPU is reported: it is not known which one the driver waits for.
 constexpr double kUnclearSeconds = 1.0;
 
 std::string SecondsText(double seconds) {
@@ -121,7 +121,7 @@ private:
         const double now = moment.Now;
         HangsSeen = IsDriverHanging(moment) ? HangsSeen + 1 : 0;
         if (HangsSeen >= kHangsOfHangingDriver) {
-            throw Failure("The driver has not answered for " + SecondsText(moment.DriverSilence) + '.');
+            throw Failure(DriverSilenceText(moment.DriverSilence));
         }
         if (moment.DriverSilence >= kUnclearSeconds) return;
         bool bAllSilent = true;

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <iostream>
-#include <utility>
 #include <vector>
 
 #include "commands/change_commands.h"
@@ -25,7 +24,6 @@ using namespace gpu_feed;
 namespace {
 
 namespace fs = std::filesystem;
-using Kind = TuningChange::Kind;
 using OperationResult = GpuClockOperationResult;
 
 /// Null when the user has not named a folder.
@@ -54,7 +52,7 @@ std::vector<LeftChange> LeftChanges() {
 }
 
 bool IsInForce(const TuningChange& change, const GpuPowerCapabilities& power) {
-    return IsSameLimit(change.What == Kind::SetPower ? change.Watts : power.DefaultWatts, power.CurrentWatts);
+    return IsSameLimit(AskedWatts(change, power), power.CurrentWatts);
 }
 
 /// What the user has to know when a noted change need not be taken back; empty when it has to be. Clocks always have

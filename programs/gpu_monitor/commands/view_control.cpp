@@ -28,7 +28,7 @@ constexpr std::array<std::pair<ProcessOrder, const char*>, 5> kOrders = {{{Proce
                                                                           {ProcessOrder::Cpu, "CPU"},
                                                                           {ProcessOrder::Pid, "PID"},
                                                                           {ProcessOrder::User, "user"},
-                                                                          {ProcessOrder::Name, "name"}}};
+                                                                          {ProcessOrder::Name, "command"}}};
 
 }  // namespace
 
@@ -184,7 +184,7 @@ void ViewControl::PauseOrResume() {
     bPaused = !bPaused;
     if (bPaused) {
         Feed->Pause();
-        ShowNotice("Pause; space resumes");
+        ShowNotice("Paused; space resumes");
     } else {
         Feed->Resume();
         ShowNotice("Sampling goes on");

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <iostream>
+#include <optional>
 #include <utility>
 
 #include "commands/csv_log.h"
@@ -99,7 +100,7 @@ private:
             screen.AllowSuspending(!HasChanges(*moment.Data));
             Canvas canvas = screen.Blank();
             Control.Draw(&canvas, moment);
-            screen.Show(canvas);
+            screen.Show(std::move(canvas));
             if (!Wait(*moment.Data)) return ViewEnd::TakeChangesBack;
             for (int key = screen.ReadKey(); key != NoKey; key = screen.ReadKey()) Control.OnKey(key);
         }

@@ -4,20 +4,25 @@
 #define NCURSES_NOMACROS
 #define NCURSES_WIDECHAR 1
 #include <curses.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/ioctl.h>
 #include <term.h>
 #include <termios.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <map>
+#include <optional>
 #include <string>
+#include <utility>
 
 #include "terminal/failure.h"
 #include "terminal/output.h"
+#include "terminal/painter.h"
 #include "terminal/signals.h"
 #include "view/keys.h"
 
@@ -25,8 +30,6 @@ namespace {
 
 /// An arrow key that comes over a network in two parts must not be taken for Escape.
 constexpr int kEscapeDelayMs = 100;
-constexpr int kBrightBlack = 8;
-constexpr int kManyColors = 16;
 
 // ---- Giving the terminal back when a signal kills the program ----
 
@@ -40,63 +43,20 @@ void GiveTerminalBack() {
     tcsetattr(STDIN_FILENO, TCSANOW, &TerminalBefore);
 }
 
-int AppendToLeaving(int character) {
-    if (LeavingBytes < sizeof LeavingSequence) LeavingSequence[LeavingBytes++] = static_cast<char>(character);
-    return character;
-}
-
 /// The cursor is shown twice: some terminals have one for each of their two screens.
 void PrepareToGiveTerminalBack() {
-    LeavingBytes = 0;
+    std::string sequence;
     for (const char* capability :
          {exit_attribute_mode, orig_pair, cursor_normal, keypad_local, exit_ca_mode, cursor_normal}) {
-        if (capability != nullptr) tputs(capability, 1, AppendToLeaving);
+        sequence += ControlSequence(capability);
     }
+    LeavingBytes = sequence.copy(LeavingSequence, sizeof LeavingSequence);
 }
-
-// ---- Looks ----
 
 std::string Variable(const char* name) {
     // NOLINTNEXTLINE(concurrency-mt-unsafe): nothing changes the environment.
     const char* value = std::getenv(name);
     return value == nullptr ? "" : value;
-}
-
-struct Look {
-    attr_t Attributes;
-    /// -1: the terminal's own.
-    short Color;
-};
-
-/// Without colors, only attributes distinguish the styles.
-Look PlainLook(Style style) {
-    switch (style) {
-        case Style::Dim: return {A_DIM, -1};
-        case Style::Strong:
-        case Style::Title:
-        case Style::Limit:
-        case Style::Warning: return {A_BOLD, -1};
-        case Style::Alarm: return {A_BOLD | A_REVERSE, -1};
-        case Style::Selected: return {A_REVERSE, -1};
-        case Style::Normal:
-        case Style::Bar: break;
-    }
-    return {A_NORMAL, -1};
-}
-
-Look ColoredLook(Style style) {
-    switch (style) {
-        case Style::Dim: return COLORS >= kManyColors ? Look{A_NORMAL, kBrightBlack} : Look{A_DIM, -1};
-        case Style::Title: return {A_BOLD, COLOR_CYAN};
-        case Style::Bar: return {A_NORMAL, COLOR_GREEN};
-        case Style::Limit:
-        case Style::Warning: return {A_NORMAL, COLOR_YELLOW};
-        case Style::Alarm: return {A_BOLD, COLOR_RED};
-        case Style::Normal:
-        case Style::Strong:
-        case Style::Selected: break;
-    }
-    return PlainLook(style);
 }
 
 const std::map<int, int>& SpecialKeys() {
@@ -118,6 +78,31 @@ int PlainKey(int character) {
     }
 }
 
+// ---- Showing ----
+
+/// Whether the program has been stopped and goes on: the screen may show anything then.
+volatile std::sig_atomic_t bContinued = 0;
+
+extern "C" void NoteContinuing(int /*signalNumber*/) {
+    bContinued = 1;
+}
+
+/// In one piece as far as the terminal takes it, so that no half of a change is seen.
+void WriteToTerminal(const std::string& text) {
+    for (size_t written = 0; written < text.size();) {
+        const ssize_t count = write(STDOUT_FILENO, text.data() + written, text.size() - written);
+        if (count >= 0) {
+            written += static_cast<size_t>(count);
+        } else if (errno == EAGAIN) {
+            pollfd room = {STDOUT_FILENO, POLLOUT, 0};
+            poll(&room, 1, -1);
+        } else if (errno != EINTR) {
+            // The terminal has gone, which whoever waits for keys notices too.
+            return;
+        }
+    }
+}
+
 winsize TerminalSize() {
     winsize size{};
     ioctl(STDOUT_FILENO, TIOCGWINSZ, &size);
@@ -126,7 +111,8 @@ winsize TerminalSize() {
 
 }  // namespace
 
-/// ncurses, from its start to its end.
+/// ncurses, from its start to its end. It opens and closes the screen and knows the keys; in between, only the painter
+/// changes what is shown, because ncurses writes a piece for each place that changes.
 class Screen::Curses {
 public:
     Curses() {
@@ -143,11 +129,12 @@ public:
         cbreak();
         noecho();
         nonl();
-        keypad(stdscr, TRUE);
-        nodelay(stdscr, TRUE);
+        keypad(Keys = newpad(1, 1), TRUE);
+        nodelay(Keys, TRUE);
         curs_set(0);
-        bColored = Variable("NO_COLOR").empty() && has_colors() && start_color() == OK && use_default_colors() == OK;
-        if (bColored) PrepareColors();
+        refresh();
+        Pen.emplace(Variable("NO_COLOR").empty());
+        HandleContinuing(NoteContinuing);
     }
 
     ~Curses() {
@@ -160,33 +147,29 @@ public:
         if (cursor_normal != nullptr) putp(cursor_normal);
         fflush(stdout);
         CallBeforeDeath(nullptr);
+        HandleContinuing(SIG_DFL);
+        delwin(Keys);
         delscreen(Handle);
     }
 
     Curses(const Curses&) = delete;
     Curses& operator=(const Curses&) = delete;
 
-    void Put(int x, int y, const Cell& cell) const {
-        const Look look = bColored ? ColoredLook(cell.Look) : PlainLook(cell.Look);
-        const wchar_t text[] = {cell.Glyph, L'\0'};
-        cchar_t character;
-        setcchar(&character, text, look.Attributes, static_cast<short>(look.Color + 1), nullptr);
-        mvadd_wch(y, x, &character);
-    }
-
     /// How Ctrl-Z is handled while it stops the program.
     struct sigaction Suspend {};
+    /// A pad, because reading a key from a window would also draw it.
+    WINDOW* Keys = nullptr;
+    std::optional<Painter> Pen;
 
 private:
-    /// Pair n + 1 has color n.
-    static void PrepareColors() {
-        for (short color = 0; color <= kBrightBlack && color < COLORS; ++color) {
-            init_pair(static_cast<short>(color + 1), color, -1);
-        }
+    static void HandleContinuing(void (*handler)(int)) {
+        struct sigaction action {};
+        action.sa_handler = handler;
+        action.sa_flags = SA_RESTART;
+        sigaction(SIGCONT, &action, nullptr);
     }
 
     SCREEN* Handle = nullptr;
-    bool bColored = false;
 };
 
 Screen::Screen() : Terminal(std::make_unique<Curses>()), Shown(0, 0, GlyphSet::Ascii) {}
@@ -215,26 +198,20 @@ Canvas Screen::Blank() const {
     return {bKnown ? size.ws_col : COLS, bKnown ? size.ws_row : LINES, OutputGlyphs()};
 }
 
-void Screen::Show(const Canvas& canvas) {
-    const bool bNewSize = canvas.Width() != Shown.Width() || canvas.Height() != Shown.Height();
-    if (bNewSize) {
-        resizeterm(canvas.Height(), canvas.Width());
-        clear();
+void Screen::Show(Canvas canvas) {
+    std::string text;
+    if (bContinued != 0 || canvas.Width() != Shown.Width() || canvas.Height() != Shown.Height()) {
+        bContinued = 0;
+        text = ControlSequence(clear_screen);
+        Shown = {canvas.Width(), canvas.Height(), GlyphSet::Ascii};
     }
-    for (int y = 0; y < canvas.Height(); ++y) {
-        for (int x = 0; x < canvas.Width(); ++x) {
-            const Cell& cell = canvas.At(x, y);
-            const bool bSame = !bNewSize && cell == Shown.At(x, y);
-            if (!bSame && cell.Glyph != 0) Terminal->Put(x, y, cell);
-        }
-    }
-    Shown = canvas;
-    refresh();
+    WriteToTerminal(text + Terminal->Pen->Changes(Shown, canvas));
+    Shown = std::move(canvas);
 }
 
 int Screen::ReadKey() {
     wint_t key = 0;
-    switch (get_wch(&key)) {
+    switch (wget_wch(Terminal->Keys, &key)) {
         case OK: return PlainKey(static_cast<int>(key));
         case KEY_CODE_YES: break;
         default: return NoKey;

@@ -19,7 +19,7 @@ public:
     /// An empty canvas of the terminal's present size.
     Canvas Blank() const;
 
-    void Show(const Canvas& canvas);
+    void Show(Canvas canvas);
 
     /// The next key that has been pressed, a `Key` or a character; never waits.
     int ReadKey();

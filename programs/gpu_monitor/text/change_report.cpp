@@ -43,7 +43,7 @@ std::string ClockDifference(const GpuTelemetrySample& now) {
     if (!bRead) return "The driver took the lock, but the clocks cannot be read.";
     const std::string limits = LimitText(now);
     return "The driver took the lock, but other clocks run; " +
-           (limits == kNotRead ? "it does not tell what limits them." : "limited by: " + limits + '.');
+           (limits == kNotRead ? "it does not say what limits them." : "limited by: " + limits + '.');
 }
 
 std::string PowerDifference(const GpuPowerCapabilities& now) {
@@ -70,7 +70,7 @@ Details LockReport(const GpuClockPair& pair, const GpuTelemetrySample& now, unsi
 Details ReleaseReport(const GpuTelemetrySample& now, unsigned int gpu, const std::string& simulateOption) {
     return {{"Asked", "no locked clocks"},
             {"Running", ClocksText(now.GraphicsClockMHz, now.MemoryClockMHz)},
-            {"Undo", "impossible: NVML does not tell what was locked. To lock again:"},
+            {"Undo", "impossible: NVML does not say what was locked. To lock again:"},
             {"", CommandLineFor("lock-clocks", gpu, "GRAPHICS MEMORY", simulateOption), true}};
 }
 

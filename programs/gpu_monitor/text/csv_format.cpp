@@ -2,6 +2,8 @@
 
 #include <array>
 #include <charconv>
+#include <cstdint>
+#include <optional>
 
 #include "gpu_feed/readings.h"
 #include "text/reading_text.h"

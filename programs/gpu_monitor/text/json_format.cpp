@@ -25,12 +25,16 @@ std::string JsonText(const Json& json, int indent) {
     return json.dump(indent, ' ', false, Json::error_handler_t::replace) + '\n';
 }
 
+void AddIfAny(const char* key, const std::string& text, Json* json) {
+    if (!text.empty()) (*json)[key] = text;
+}
+
 void AddIdentity(const GpuDeviceInfo& device, Json* json) {
     for (const IdentityField& field : IdentityFields()) {
-        if (field.Text == nullptr) {
-            if (const std::optional<uint64_t> number = field.Number(device)) (*json)[field.Key] = *number;
-        } else if (std::string text = field.Text(device); !text.empty()) {
-            (*json)[field.Key] = std::move(text);
+        if (field.Text != nullptr) {
+            AddIfAny(field.Key, field.Text(device), json);
+        } else if (const std::optional<uint64_t> number = field.Number(device)) {
+            (*json)[field.Key] = *number;
         }
     }
 }
@@ -40,7 +44,7 @@ Json ShortIdentity(const GpuDeviceInfo& device) {
     Json json;
     json["index"] = device.Index;
     json["name"] = device.Name;
-    if (!device.Uuid.empty()) json["uuid"] = device.Uuid;
+    AddIfAny("uuid", device.Uuid, &json);
     return json;
 }
 
@@ -70,9 +74,9 @@ Json ProcessList(const std::vector<FeedProcess>& processes) {
     Json list = Json::array();
     for (const FeedProcess& process : processes) {
         Json& json = list.emplace_back(Json{{"pid", process.Pid}, {"vram_used_bytes", process.VramUsedBytes}});
-        if (!process.Name.empty()) json["name"] = process.Name;
-        if (!process.User.empty()) json["user"] = process.User;
-        if (!process.CommandLine.empty()) json["command_line"] = process.CommandLine;
+        AddIfAny("name", process.Name, &json);
+        AddIfAny("user", process.User, &json);
+        AddIfAny("command_line", process.CommandLine, &json);
         if (process.CpuPercent) json["cpu_percent"] = *process.CpuPercent;
         if (process.MemoryBytes) json["memory_bytes"] = *process.MemoryBytes;
     }
@@ -107,10 +111,6 @@ const char* StateWord(GpuCapabilityState state) {
 void AddClocks(int graphicsMHz, int memoryMHz, Json* json) {
     AddIfRead("graphics_clock_mhz", graphicsMHz, json);
     AddIfRead("memory_clock_mhz", memoryMHz, json);
-}
-
-void AddIfAny(const char* key, const std::string& text, Json* json) {
-    if (!text.empty()) (*json)[key] = text;
 }
 
 /// The object that a command prints: the driver version, which all GPUs share, and `gpus`.

@@ -45,6 +45,7 @@ std::string OrDash(const std::string& text) {
 
 std::vector<std::string> Wrapped(std::string text, size_t width, size_t indent) {
     std::vector<std::string> lines;
+    if (indent >= width) indent = 0;
     while (text.size() > width) {
         const size_t space = text.rfind(' ', width);
         const bool bBetweenWords = space != std::string::npos && space > indent;

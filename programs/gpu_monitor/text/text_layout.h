@@ -26,7 +26,7 @@ std::string Printable(std::string text);
 std::string OrDash(const std::string& text);
 
 /// Breaks `text` into lines of at most `width` characters, between words where possible. Lines after the first begin
-/// with `indent` blanks, which must be fewer than `width`.
+/// with `indent` blanks, unless `width` has no room for more.
 std::vector<std::string> Wrapped(std::string text, size_t width, size_t indent = 0);
 
 /// For how long the driver has been asked without an answer, as a sentence.

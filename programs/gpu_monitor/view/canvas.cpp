@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <climits>
 #include <cstring>
+#include <string_view>
 
 namespace {
 
@@ -16,33 +17,24 @@ struct WideCharacter {
 
 constexpr WideCharacter kReplacement = {L'?', 1};
 
-/// The characters of `text` that take columns. Others, accents for instance, are left out: a cell holds one character.
-std::vector<WideCharacter> Characters(const std::string& text) {
-    std::vector<WideCharacter> characters;
-    mbstate_t state{};
-    for (size_t place = 0; place < text.size();) {
-        wchar_t glyph = 0;
-        // NOLINTNEXTLINE(concurrency-mt-unsafe): it has a state of its own.
-        const size_t bytes = mbrtowc(&glyph, text.data() + place, text.size() - place, &state);
-        const bool bCharacter = bytes > 0 && bytes <= text.size() - place;
-        if (!bCharacter) state = {};
-        place += bCharacter ? bytes : 1;
-        const int columns = bCharacter ? wcwidth(glyph) : -1;
-        if (columns != 0) characters.push_back(columns > 0 ? WideCharacter{glyph, columns} : kReplacement);
-    }
-    return characters;
+constexpr bool IsPrintableAscii(wchar_t glyph) {
+    return glyph >= L' ' && glyph <= L'~';
 }
 
-void AppendInLocale(wchar_t glyph, std::string* text) {
-    char bytes[MB_LEN_MAX];
+/// The character at the beginning of `text`, of which its bytes are taken off. Most are of ASCII, as in every locale.
+WideCharacter TakeCharacter(std::string_view* text) {
+    wchar_t glyph = text->front();
+    if (IsPrintableAscii(glyph)) {
+        text->remove_prefix(1);
+        return {glyph, 1};
+    }
     mbstate_t state{};
     // NOLINTNEXTLINE(concurrency-mt-unsafe): it has a state of its own.
-    const size_t count = wcrtomb(bytes, glyph, &state);
-    if (count == static_cast<size_t>(-1)) {
-        *text += '?';
-    } else {
-        text->append(bytes, count);
-    }
+    const size_t bytes = mbrtowc(&glyph, text->data(), text->size(), &state);
+    const bool bCharacter = bytes > 0 && bytes <= text->size();
+    text->remove_prefix(bCharacter ? bytes : 1);
+    const int columns = bCharacter ? wcwidth(glyph) : -1;
+    return columns >= 0 ? WideCharacter{glyph, columns} : kReplacement;
 }
 
 }  // namespace
@@ -63,7 +55,10 @@ void Canvas::PutGlyph(int x, int y, wchar_t glyph, Style look) {
 
 int Canvas::Put(int x, int y, const std::string& text, Style look, int room) {
     const int end = std::min(x + std::min(room, kAllRoom), ColumnCount);
-    for (const WideCharacter& character : Characters(text)) {
+    for (std::string_view rest = text; !rest.empty();) {
+        const WideCharacter character = TakeCharacter(&rest);
+        // Accents, for instance, are left out: a cell holds one character.
+        if (character.Columns == 0) continue;
         if (x + character.Columns > end) break;
         PutGlyph(x, y, character.Glyph, look);
         for (int i = 1; i < character.Columns; ++i) PutGlyph(x + i, y, 0, look);
@@ -95,9 +90,25 @@ std::string Canvas::Text() const {
     return text;
 }
 
+void AppendInLocale(wchar_t glyph, std::string* text) {
+    if (IsPrintableAscii(glyph)) {
+        *text += static_cast<char>(glyph);
+        return;
+    }
+    char bytes[MB_LEN_MAX];
+    mbstate_t state{};
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): it has a state of its own.
+    const size_t count = wcrtomb(bytes, glyph, &state);
+    if (count == static_cast<size_t>(-1)) {
+        *text += '?';
+    } else {
+        text->append(bytes, count);
+    }
+}
+
 int ColumnsOf(const std::string& text) {
     int columns = 0;
-    for (const WideCharacter& character : Characters(text)) columns += character.Columns;
+    for (std::string_view rest = text; !rest.empty();) columns += TakeCharacter(&rest).Columns;
     return columns;
 }
 

@@ -9,11 +9,13 @@
 /// What a cell means; the terminal decides how that looks.
 enum class Style : uint8_t {
     Normal,
-    /// Frames, units and missing values.
-    Dim,
+    /// Frames, axes, and the part of a gauge that is empty.
+    Frame,
     /// Values.
     Strong,
     Title,
+    /// Of columns.
+    Heading,
     /// The part of a gauge that is filled, and the curve of a plot.
     Bar,
     /// A power limit in force.
@@ -24,6 +26,8 @@ enum class Style : uint8_t {
     Alarm,
     Selected,
 };
+
+constexpr size_t kStyleCount = static_cast<size_t>(Style::Selected) + 1;
 
 /// Which characters a canvas may hold. Each set has those of the sets before it too.
 enum class GlyphSet : uint8_t {
@@ -94,6 +98,9 @@ private:
     GlyphSet Glyphs;
     std::vector<Cell> Cells;
 };
+
+/// Appends what stands for `glyph` in the encoding of the locale.
+void AppendInLocale(wchar_t glyph, std::string* text);
 
 /// How many columns `text` takes.
 int ColumnsOf(const std::string& text);

@@ -12,6 +12,14 @@ int PutCut(Canvas* canvas, const Area& area, const std::string& text, Style look
     return end + 1;
 }
 
+int WidthOfParts(const std::vector<StyledText>& parts) {
+    int width = 0;
+    for (const StyledText& part : parts) {
+        if (!part.Text.empty()) width += (width == 0 ? 0 : 2) + ColumnsOf(part.Text);
+    }
+    return width;
+}
+
 int PutParts(Canvas* canvas, const Area& area, const std::vector<StyledText>& parts) {
     int x = area.X;
     for (const auto& [text, look] : parts) {

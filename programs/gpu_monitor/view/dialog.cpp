@@ -55,7 +55,7 @@ DialogLines WrappedLines(const DialogLines& lines, int width) {
 /// At most `height` lines: those of the text that find room above the keys.
 DialogLines AllLines(const Dialog& dialog, int width, int height) {
     DialogLines lines = WrappedLines(dialog.Lines, width);
-    const DialogLines keys = WrappedLines({{""}, {dialog.Keys, Style::Dim}}, width);
+    const DialogLines keys = WrappedLines({{""}, {dialog.Keys, Style::Normal}}, width);
     const int room = std::max(height - static_cast<int>(keys.size()), 0);
     lines.resize(std::min(lines.size(), static_cast<size_t>(room)));
     lines.insert(lines.end(), keys.begin(), keys.end());

@@ -33,7 +33,7 @@ void Fill(Canvas* canvas, const Area& area, double fraction) {
 }
 
 void Empty(Canvas* canvas, const Area& area, wchar_t glyph) {
-    for (int i = 0; i < area.Width; ++i) canvas->PutGlyph(area.X + i, area.Y, glyph, Style::Dim);
+    for (int i = 0; i < area.Width; ++i) canvas->PutGlyph(area.X + i, area.Y, glyph, Style::Frame);
 }
 
 /// The column of `watts`, which is not negative.

@@ -27,6 +27,8 @@ std::string TimeOfDay(const FeedMoment& now, double steadySeconds) {
 }
 
 std::string SilenceText(const FeedMoment& moment, const FeedGpu& gpu) {
+    // The silence of the driver is shown once for all GPUs.
+    if (IsDriverHanging(moment)) return "no data";
     const double last = gpu.Latest.TimestampSeconds;
     if (last == 0.0) return "no data yet";
     return "no data since " + TimeOfDay(moment, last) + " (" + Number(AgeOf(moment, gpu), 0) + " s)";

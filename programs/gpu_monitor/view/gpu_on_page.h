@@ -20,6 +20,8 @@ struct GpuOnPage {
     std::optional<GpuClockPair> Locked;
     /// Whether this program has changed the power limit.
     bool bLimitChanged = false;
+
+    bool IsChanged() const { return Locked || bLimitChanged; }
 };
 
 /// `gpu` of `moment.Data`, with its state in words and what the program has changed.

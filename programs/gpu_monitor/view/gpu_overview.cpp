@@ -50,11 +50,10 @@ constexpr int kPlotShare = 8;
 
 constexpr int kShortestName = 18;
 constexpr int kLongestName = 44;
-/// The same in a table with plots.
+/// An index of two digits and 16 letters. Names are not cut before they are as short as this.
 constexpr int kLongestShortName = 24;
-constexpr int kNameShare = 5;
-/// For the words that say what limits the clocks.
-constexpr int kWordsWidth = 12;
+/// For the words that say what limits the clocks: "application clocks" and the mark of a cut list.
+constexpr int kWordsWidth = 19;
 
 /// What a table shows of each GPU.
 struct Table {
@@ -73,16 +72,26 @@ int WidthOf(const std::vector<Column>& columns) {
     return width;
 }
 
-Table PlainTable(int width) {
-    Table table = {{std::begin(kColumns), std::end(kColumns)}, 0};
-    const int others = WidthOf(table.Columns) + kColumnGap + kWordsWidth;
-    table.NameWidth = std::clamp(width - others, kShortestName, kLongestName);
+/// The columns that the longest of the short names takes.
+int ShortNameWidth(const std::vector<GpuOnPage>& pages) {
+    int width = kShortestName;
+    for (const GpuOnPage& page : pages) {
+        width = std::max(width, ColumnsOf(ShortGpuTitle(page.Gpu->Device, kLongestShortName)));
+    }
+    return std::min(width, kLongestShortName);
+}
+
+Table PlainTable(int width, const std::vector<GpuOnPage>& pages) {
+    Table table = {{std::begin(kColumns), std::end(kColumns)}, ShortNameWidth(pages)};
+    const auto roomForWords = [&] { return width - table.NameWidth - WidthOf(table.Columns) - kColumnGap; };
+    // What limits the clocks is more useful than the memory clock.
+    if (roomForWords() < kWordsWidth) table.Columns.pop_back();
+    table.NameWidth = std::clamp(table.NameWidth + roomForWords() - kWordsWidth, table.NameWidth, kLongestName);
     return table;
 }
 
-Table TableWithPlots(int width, int rows, const PlotView& view) {
-    Table table = {{std::begin(kColumnsWithPlots), std::end(kColumnsWithPlots)}, 0, rows, 0, &view};
-    table.NameWidth = std::clamp(width / kNameShare, kShortestName, kLongestShortName);
+Table TableWithPlots(int width, const std::vector<GpuOnPage>& pages, int rows, const PlotView& view) {
+    Table table = {{std::begin(kColumnsWithPlots), std::end(kColumnsWithPlots)}, ShortNameWidth(pages), rows, 0, &view};
     const auto plotWidth = [&] { return (width - table.NameWidth - WidthOf(table.Columns)) / kPlotCountInTable - 1; };
     while (table.Columns.size() > kPlotCountInTable && plotWidth() < width / kPlotShare) table.Columns.pop_back();
     table.PlotWidth = plotWidth();
@@ -122,6 +131,7 @@ void DrawReadings(Canvas* canvas, const Area& area, const GpuOnPage& page, const
 void DrawGpu(Canvas* canvas, const Area& area, const GpuOnPage& page, const Table& table, bool bSelected) {
     const std::string name = ShortGpuTitle(page.Gpu->Device, table.NameWidth);
     PutCut(canvas, {area.X, area.Y, table.NameWidth, 1}, name, bSelected ? Style::Selected : Style::Normal);
+    if (page.IsChanged()) canvas->PutGlyph(area.X + table.NameWidth, area.Y, L'*', Style::Warning);
     if (page.bSilent) {
         const int x = area.X + table.NameWidth + kColumnGap;
         PutCut(canvas, {x, area.Y, area.X + area.Width - x, 1}, page.State, Style::Alarm);
@@ -136,10 +146,11 @@ std::string ShownText(size_t shown, size_t count) {
 }
 
 void DrawHeading(Canvas* canvas, const Area& area, const std::string& shown, const Table& table) {
-    canvas->Put(area.X, area.Y, shown, Style::Dim);
-    const int x = ForEachColumn(
-        table, area, [&](const Column& column, int end) { canvas->PutRight(end, area.Y, column.Heading, Style::Dim); });
-    if (table.View == nullptr) PutCut(canvas, {x, area.Y, area.X + area.Width - x, 1}, "limited by", Style::Dim);
+    canvas->Put(area.X, area.Y, shown, Style::Normal);
+    const int x = ForEachColumn(table, area, [&](const Column& column, int end) {
+        canvas->PutRight(end, area.Y, column.Heading, Style::Heading);
+    });
+    if (table.View == nullptr) PutCut(canvas, {x, area.Y, area.X + area.Width - x, 1}, "limited by", Style::Heading);
 }
 
 void DrawTable(Canvas* canvas, const Area& area, const std::vector<GpuOnPage>& pages, size_t selected,
@@ -164,24 +175,25 @@ std::string StripWord(const GpuOnPage& page) {
 }  // namespace
 
 void DrawGpuTable(Canvas* canvas, const Area& area, const std::vector<GpuOnPage>& pages, size_t selected) {
-    DrawTable(canvas, area, pages, selected, PlainTable(area.Width));
+    DrawTable(canvas, area, pages, selected, PlainTable(area.Width, pages));
 }
 
 void DrawGpuPlots(Canvas* canvas, const Area& area, const std::vector<GpuOnPage>& pages, size_t selected, int rows,
                   const PlotView& view) {
-    DrawTable(canvas, area, pages, selected, TableWithPlots(area.Width, rows, view));
+    DrawTable(canvas, area, pages, selected, TableWithPlots(area.Width, pages, rows, view));
 }
 
 void DrawGpuStrip(Canvas* canvas, const Area& area, const std::vector<GpuOnPage>& pages, size_t selected) {
     constexpr int kWordWidth = 7;
     constexpr int kShownWidth = 14;
-    int x = canvas->Put(area.X, area.Y, "GPU util % ", Style::Dim);
+    int x = canvas->Put(area.X, area.Y, "GPU util % ", Style::Normal);
     const int end = area.X + area.Width - kShownWidth;
     const size_t room = std::min(static_cast<size_t>(std::max((end - x) / kWordWidth, 1)), pages.size());
     const size_t first = FirstShown(pages.size(), room, selected);
     for (size_t i = first; i < first + room; ++i, x += kWordWidth) {
-        const Style look = pages[i].bSilent ? Style::Alarm : Style::Normal;
+        const Style changed = pages[i].IsChanged() ? Style::Warning : Style::Normal;
+        const Style look = pages[i].bSilent ? Style::Alarm : changed;
         canvas->Put(x, area.Y, StripWord(pages[i]), i == selected ? Style::Selected : look, kWordWidth - 1);
     }
-    canvas->PutRight(area.X + area.Width, area.Y, ShownText(room, pages.size()), Style::Dim);
+    canvas->PutRight(area.X + area.Width, area.Y, ShownText(room, pages.size()), Style::Normal);
 }

@@ -8,10 +8,11 @@
 #include "view/gpu_on_page.h"
 #include "view/plot_grid.h"
 
-/// Draws a heading and, below it, a line for each GPU, as many as there is room for around the selected one.
+/// Draws a heading and, below it, a line for each GPU, as many as there is room for around the selected one. An
+/// asterisk marks those that the program has changed.
 void DrawGpuTable(Canvas* canvas, const Area& area, const std::vector<GpuOnPage>& pages, size_t selected);
 
-/// As `DrawGpuTable`, with small plots of utilization and power; each GPU takes so many rows.
+/// As `DrawGpuTable`, with small plots of utilization and power; each GPU takes `rows` rows.
 void DrawGpuPlots(Canvas* canvas, const Area& area, const std::vector<GpuOnPage>& pages, size_t selected, int rows,
                   const PlotView& view);
 

@@ -23,7 +23,7 @@ namespace {
 /// Of the labels before gauges, clocks and limits.
 constexpr int kLabelWidth = 8;
 constexpr const char* kFactGap = "   ";
-/// At least so many columns are left for what limits the clocks.
+/// At least so many columns are left for what limits the clocks, so that the line seldom changes.
 constexpr int kLimitsWidth = 13;
 
 // ---- Header ----
@@ -63,7 +63,9 @@ void DrawHeader(Canvas* canvas, const Area& area, const GpuOnPage& page) {
     const std::string limitsLabel = kFactGap + std::string("Limited by: ");
     std::string facts = PerformanceStateText(page.Now) + kFactGap + LinkText(page.Now);
     const std::string traffic = TrafficText(page.Now);
-    if (ColumnsOf(facts + traffic + limitsLabel) + kLimitsWidth <= area.Width) facts += traffic;
+    // All that limits the clocks is more important than the traffic, which has a plot.
+    const int limits = std::max(WidthOfLimits(page.Now), kLimitsWidth);
+    if (ColumnsOf(facts + traffic + limitsLabel) + limits <= area.Width) facts += traffic;
     const int x = canvas->Put(area.X, area.Y + 1, facts + limitsLabel, Style::Normal, area.Width);
     DrawLimits(canvas, {x, area.Y + 1, area.X + area.Width - x, 1}, page.Now);
 }

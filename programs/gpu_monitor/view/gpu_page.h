@@ -7,8 +7,7 @@
 /// How many rows `DrawSummary` takes.
 int SummaryHeight(int width);
 
-/// Draws what one GPU is and reads now: header, gauges, clocks and power limits, and marks
-/// what the program has changed.
+/// Draws what one GPU is and reads now: header, gauges, clocks and power limits. Marks what the program has changed.
 void DrawSummary(Canvas* canvas, const Area& area, const GpuOnPage& page);
 
 #endif  // GPU_MONITOR_GPU_PAGE_H

@@ -41,7 +41,7 @@ DialogLine KeyLine(const std::string& keys, const std::string& effect) {
 std::string NumberedPlots() {
     std::string text;
     for (size_t i = 0; i < PlotNames().size(); ++i) {
-        text += (i == 0 ? "" : ", ") + std::to_string(i + 1) + ' ' + PlotNames()[i];
+        text += (i == 0 ? "" : ", ") + std::to_string(i + 1) + '=' + PlotNames()[i];
     }
     return text;
 }
@@ -54,26 +54,27 @@ void DrawKeyNames(Canvas* canvas, const Area& area, bool bManyGpus) {
         if (bForManyGpus && !bManyGpus) continue;
         if (x + ColumnsOf(key) + 1 + ColumnsOf(name) > area.X + area.Width) return;
         x = canvas->Put(x, area.Y, key, Style::Strong) + 1;
-        x = canvas->Put(x, area.Y, name, Style::Dim) + 2;
+        x = canvas->Put(x, area.Y, name, Style::Normal) + 2;
     }
 }
 
+/// The most important keys come first, because a low screen has no room for the last lines.
 void DrawHelp(Canvas* canvas) {
     DrawDialog(canvas, {"Keys",
-                        {KeyLine("Tab Left Right", "another GPU"),
-                         KeyLine("g", "the GPU whose number is typed then"),
-                         KeyLine("a", "all GPUs, or one; Enter: the selected one"),
-                         KeyLine("Up Down", "scroll the processes; with all GPUs, another GPU"),
-                         KeyLine("PgUp PgDn", "scroll the processes by pages; Home End: to an end"),
+                        {KeyLine("q", "leave; asks what becomes of changes"),
+                         KeyLine("t", "tune: lock clocks, set the power limit"),
+                         KeyLine("Tab Left Right", "another GPU; g: type the GPU's number"),
+                         KeyLine("a", "all GPUs or one; Enter: the selected one"),
+                         KeyLine("Up Down", "scroll processes; with all GPUs: select"),
+                         KeyLine("PgUp PgDn", "scroll by pages; Home End: to the ends"),
                          KeyLine("s", "sort the processes by another column"),
                          KeyLine(PlotDigits(), "show or hide a plot: " + NumberedPlots()),
-                         KeyLine("+ -", "shorter or longer time axis"),
                          KeyLine("space", "pause or resume sampling"),
+                         KeyLine("+ -", "shorter or longer time axis"),
                          KeyLine("i I", "longer or shorter interval"),
-                         KeyLine("t", "tune: lock clocks, set the power limit"),
-                         KeyLine("q", "leave; asks what becomes of changes"),
                          {""},
-                         {"Power: shaded what the limit can be, marked limit and default. A dash: the driver gives no "
-                          "value. A gap in a plot: a time without."}},
+                         {"The gauge of power shades the range of the limit, and marks the limit and its default. "
+                          "A dash: the driver gives no value. A gap in a plot: nothing was read. An asterisk beside a "
+                          "GPU: this program has changed it."}},
                         "Any key closes"});
 }

@@ -24,13 +24,6 @@ std::vector<StyledText> ShownLimits(const GpuTelemetrySample& now) {
     return limits;
 }
 
-/// With commas between them.
-int WidthOf(const std::vector<StyledText>& limits) {
-    int width = -2;
-    for (const StyledText& limit : limits) width += 2 + ColumnsOf(limit.Text);
-    return width;
-}
-
 /// The first words of `text` that fit into `columns`, without a comma at the end.
 std::string FirstWords(const std::string& text, int columns) {
     const size_t space = text.rfind(' ', static_cast<size_t>(columns));
@@ -39,16 +32,20 @@ std::string FirstWords(const std::string& text, int columns) {
 
 }  // namespace
 
+int WidthOfLimits(const GpuTelemetrySample& now) {
+    return WidthOfParts(ShownLimits(now));
+}
+
 void DrawLimits(Canvas* canvas, const Area& area, const GpuTelemetrySample& now) {
     if (area.Width <= 0) return;
     std::vector<StyledText> limits = ShownLimits(now);
-    if (WidthOf(limits) <= area.Width) {
+    if (WidthOfParts(limits) <= area.Width) {
         PutParts(canvas, area, limits);
         return;
     }
     const int room = area.Width - 1;
-    while (limits.size() > 1 && WidthOf(limits) > room) limits.pop_back();
-    if (WidthOf(limits) > room) limits.front().Text = FirstWords(limits.front().Text, room);
+    while (limits.size() > 1 && WidthOfParts(limits) > room) limits.pop_back();
+    if (WidthOfParts(limits) > room) limits.front().Text = FirstWords(limits.front().Text, room);
     const int end = PutParts(canvas, area, limits);
     canvas->PutGlyph(end, area.Y, CutMark(*canvas), Style::Strong);
 }

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "text/text_layout.h"
+#include "view/cut_text.h"
 #include "view/gpu_overview.h"
 #include "view/gpu_page.h"
 #include "view/key_help.h"
@@ -38,18 +39,23 @@ Area TakeBottom(Area* rest, int rows) {
     return {rest->X, rest->Y + rest->Height, rest->Width, taken};
 }
 
+/// What the user has to read now; empty when there is nothing.
+std::string MessageText(const FeedMoment& moment, const ViewChoice& choice) {
+    if (choice.GpuNumber) return "GPU number: " + *choice.GpuNumber + "_  Enter selects, Esc cancels";
+    return moment.Now < choice.NoticeUntil ? choice.Notice : "";
+}
+
 void DrawFooter(Canvas* canvas, const Area& area, const FeedMoment& moment, const ViewChoice& choice) {
     const std::string settings = (moment.bSimulated ? "simulated  " : "") + SpanText(choice.Seconds);
-    const int end = area.X + area.Width;
-    canvas->PutRight(end, area.Y, settings, Style::Strong);
     const Area rest = {area.X, area.Y, area.Width - ColumnsOf(settings) - 1, 1};
-    if (choice.GpuNumber) {
-        const std::string prompt = "GPU number: " + *choice.GpuNumber + "_  (Enter selects)";
-        canvas->Put(rest.X, rest.Y, prompt, Style::Warning, rest.Width);
-    } else if (moment.Now < choice.NoticeUntil) {
-        canvas->Put(rest.X, rest.Y, choice.Notice, Style::Warning, rest.Width);
-    } else {
+    const std::string message = MessageText(moment, choice);
+    // A long message takes the room of the settings.
+    const bool bFits = ColumnsOf(message) <= rest.Width;
+    if (bFits) canvas->PutRight(area.X + area.Width, area.Y, settings, Style::Strong);
+    if (message.empty()) {
         DrawKeyNames(canvas, rest, moment.Data->Gpus.size() > 1);
+    } else {
+        PutCut(canvas, bFits ? rest : area, message, Style::Warning);
     }
 }
 

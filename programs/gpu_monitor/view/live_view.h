@@ -30,7 +30,7 @@ struct ViewChoice {
     double NoticeUntil = 0.0;
 };
 
-/// Draws the whole view. Result: what there was of the list of processes.
+/// Draws the whole view. Result: how much of the list of processes is shown.
 ListRoom DrawView(Canvas* canvas, const gpu_feed::FeedMoment& moment, const ViewChoice& choice);
 
 /// The span of the time axis, as people say it.

@@ -68,16 +68,17 @@ struct Scale {
     /// Columns and rows of dots.
     int Width;
     int Height;
-    /// `To` of the span, in dots since the clock's epoch.
+    /// The last column, in dots since the clock's epoch.
     double End;
 };
 
-Scale ScaleOf(double highest, int width, int height, const TimeSpan& span) {
+/// It scrolls by `step` columns.
+Scale ScaleOf(double highest, int width, int height, const TimeSpan& span, int step) {
     Scale scale{highest, 0.0, width, height, 0.0};
     // Whole microseconds: the difference of two large times is not exact, which would move dots between two frames.
     const double microseconds = std::round((span.To - span.From) * 1e6);
     scale.DotSeconds = std::max(microseconds, 1.0) / 1e6 / scale.Width;
-    scale.End = std::floor(span.To / scale.DotSeconds);
+    scale.End = std::floor(span.To / scale.DotSeconds / step) * step + step - 1;
     return scale;
 }
 
@@ -208,7 +209,7 @@ std::vector<StyledText> LatestTexts(const std::vector<CurveFacts>& curves, int d
         if (bNamed && legend == Legend::Lines) texts.push_back({facts.Of->bDashed ? "- - " : "--- ", facts.Of->Look});
         if (bNamed) texts.push_back({name + ' ', Style::Normal});
         texts.push_back(
-            {facts.Latest ? Number(*facts.Latest, decimals) : kNotRead, facts.Latest ? Style::Strong : Style::Dim});
+            {facts.Latest ? Number(*facts.Latest, decimals) : kNotRead, facts.Latest ? Style::Strong : Style::Normal});
     }
     return texts;
 }
@@ -231,22 +232,30 @@ std::string EnergyText(const EnergyCount& energy) {
     return Number(wattHours, wattHours < 10.0 ? 2 : 0) + " Wh in " + DurationText(energy.Seconds);
 }
 
-/// What was over the time shown, the most useful first.
-std::vector<StyledText> FactTexts(const Plot& plot, const std::vector<CurveFacts>& curves, const EnergyCount& energy) {
+/// What was over the time shown, as much as there is room for.
+std::vector<StyledText> FactTexts(const Plot& plot, const std::vector<CurveFacts>& curves, const EnergyCount& energy,
+                                  int room) {
     const auto fact = [&](const char* word, double (*numberOf)(const CurveFacts& facts)) -> StyledText {
         return {FactText(word, curves, plot.Decimals, numberOf), Style::Normal};
     };
-    return {fact("avg", [](const CurveFacts& facts) { return facts.Sum / facts.Count; }),
-            {plot.bWithEnergy ? EnergyText(energy) : "", Style::Normal},
-            fact("max", [](const CurveFacts& facts) { return facts.Highest; }),
-            fact("min", [](const CurveFacts& facts) { return facts.Lowest; })};
+    const std::vector<StyledText> all = {fact("min", [](const CurveFacts& facts) { return facts.Lowest; }),
+                                         fact("avg", [](const CurveFacts& facts) { return facts.Sum / facts.Count; }),
+                                         fact("max", [](const CurveFacts& facts) { return facts.Highest; }),
+                                         {plot.bWithEnergy ? EnergyText(energy) : "", Style::Normal}};
+    std::vector<StyledText> shown(all.size());
+    // The most useful ones find room first.
+    for (const size_t i : {1, 3, 2, 0}) {
+        shown[i] = all[i];
+        if (WidthOfParts(shown) > room) shown[i].Text.clear();
+    }
+    return shown;
 }
 
 void DrawHeading(Canvas* canvas, const Area& area, const Plot& plot, const std::vector<CurveFacts>& curves,
                  const EnergyCount& energy) {
     const int end = area.X + area.Width;
     int x = canvas->Put(area.X, area.Y, plot.Title, Style::Title, area.Width);
-    x = canvas->Put(x + 1, area.Y, UnitText(plot.Unit, canvas->IsUnicode()), Style::Dim, end - x - 1);
+    x = canvas->Put(x + 1, area.Y, UnitText(plot.Unit, canvas->IsUnicode()), Style::Normal, end - x - 1);
     std::vector<StyledText> latest;
     for (const Legend legend : {Legend::Lines, Legend::Names, Legend::Values}) {
         latest = LatestTexts(curves, plot.Decimals, legend);
@@ -255,7 +264,8 @@ void DrawHeading(Canvas* canvas, const Area& area, const Plot& plot, const std::
     const int latestStart = end - WidthOf(latest);
     if (x >= latestStart) return;
     x += kColumnGap;
-    PutParts(canvas, {x, area.Y, latestStart - kColumnGap - x, 1}, FactTexts(plot, curves, energy));
+    const int room = latestStart - kColumnGap - x;
+    PutParts(canvas, {x, area.Y, room, 1}, FactTexts(plot, curves, energy, room));
     x = latestStart;
     for (const auto& [text, look] : latest) x = canvas->Put(x, area.Y, text, look);
 }
@@ -275,13 +285,13 @@ int DecimalsOf(double step) {
 void DrawValueAxis(Canvas* canvas, const Area& field, const ValueAxis& axis) {
     const int end = field.X - 1;
     for (int y = 0; y < field.Height; ++y) {
-        canvas->PutGlyph(end, field.Y + y, canvas->IsUnicode() ? L'│' : L'|', Style::Dim);
+        canvas->PutGlyph(end, field.Y + y, canvas->IsUnicode() ? L'│' : L'|', Style::Frame);
     }
     for (int i = 0; i * axis.Rows < field.Height; ++i) {
         const int y = field.Y + field.Height - 1 - i * axis.Rows;
         const std::string text = Number(i * axis.Step, DecimalsOf(axis.Step));
-        if (ColumnsOf(text) < kMargin) canvas->PutRight(end, y, text, Style::Dim);
-        canvas->PutGlyph(end, y, canvas->IsUnicode() ? L'┤' : L'+', Style::Dim);
+        if (ColumnsOf(text) < kMargin) canvas->PutRight(end, y, text, Style::Normal);
+        canvas->PutGlyph(end, y, canvas->IsUnicode() ? L'┤' : L'+', Style::Frame);
     }
 }
 
@@ -314,7 +324,7 @@ void DrawTimeAxis(Canvas* canvas, const Area& area, const Area& field, const Tim
         const std::string text = AgoText(i * step, seconds < kLongestInSeconds);
         const int middle = field.X + field.Width - 1 - static_cast<int>(std::lround(i * step * columnsPerSecond));
         const int x = std::min(middle - ColumnsOf(text) / 2, end - ColumnsOf(text));
-        if (x >= area.X) canvas->Put(x, area.Y + area.Height - 1, text, Style::Dim);
+        if (x >= area.X) canvas->Put(x, area.Y + area.Height - 1, text, Style::Normal);
     }
 }
 
@@ -340,7 +350,6 @@ ShownHistory::ShownHistory(const SampleHistory& history, const TimeSpan& span, d
     int before = 0;
     for (size_t i = history.size(); i-- > 0 && before < 2;) {
         const double time = history[i].TimestampSeconds;
-        if (time == 0.0) continue;
         Samples.push_back(&history[i]);
         if (time < span.From) ++before;
         if (time < span.From || time > span.To) continue;
@@ -363,7 +372,10 @@ void DrawPlot(Canvas* canvas, const Area& area, const Plot& plot, const ShownHis
     Field field(place, canvas->HasBraille());
     const ValueAxis axis = AxisFor(HighestOf(plot, curves, shown.Samples), place.Height);
     if (place.X > area.X) DrawValueAxis(canvas, place, axis);
-    const Scale scale = ScaleOf(axis.Highest, field.DotColumns(), field.DotRows(), shown.Span);
+    // Whole cells keep their shape; two at once, because each time most of what is drawn is sent anew.
+    constexpr int kScrolledCells = 2;
+    const int step = kScrolledCells * field.DotColumns() / place.Width;
+    const Scale scale = ScaleOf(axis.Highest, field.DotColumns(), field.DotRows(), shown.Span, step);
     for (const CurveFacts& facts : curves) field.Draw(TraceOf(facts, shown, scale), facts.Of->Look, facts.Of->bDashed);
     field.Show(canvas);
     if (place.Y + place.Height < area.Y + area.Height) DrawTimeAxis(canvas, area, place, shown.Span);
@@ -375,7 +387,7 @@ void DrawBars(Canvas* canvas, const Area& area, const Plot& plot, const ShownHis
     const int parts = static_cast<int>(glyphs.size());
     const std::vector<CurveFacts> curves = FactsOf(plot, shown);
     const double highest = HighestOf(plot, curves, shown.Samples);
-    const Scale scale = ScaleOf(highest, area.Width, area.Height * parts, shown.Span);
+    const Scale scale = ScaleOf(highest, area.Width, area.Height * parts, shown.Span, 1);
     const Trace trace = TraceOf(curves.front(), shown, scale);
     for (int column = 0; column < scale.Width; ++column) {
         const int height = scale.Height - std::min(trace.Columns()[static_cast<size_t>(column)].First, scale.Height);

@@ -45,8 +45,8 @@ struct ShownHistory {
     TimeSpan Span;
     /// The seconds between two samples now.
     double Interval;
-    /// Those that took place, oldest first: the samples of the span and two before it. A curve enters the span from the
-    /// second of these, unless the first one shows that there is a gap.
+    /// Oldest first: the samples of the span and two before it. A curve enters the span from the second of these,
+    /// unless the first one shows that there is a gap.
     std::vector<const GpuTelemetrySample*> Samples;
     /// Used from the first to the last sample of the span.
     gpu_feed::EnergyCount Energy;

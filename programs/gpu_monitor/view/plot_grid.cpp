@@ -108,10 +108,8 @@ Area PlaceOf(const Area& area, const Grid& grid, int i, int count) {
 
 TimeSpan SpanOf(const FeedGpu& gpu, const PlotView& view) {
     constexpr double kShortestSeconds = 1.0;
-    const auto isTaken = [](const GpuTelemetrySample& sample) { return sample.TimestampSeconds != 0.0; };
-    const auto oldest = std::find_if(gpu.Samples.begin(), gpu.Samples.end(), isTaken);
     double seconds = view.Seconds;
-    if (seconds == 0.0 && oldest != gpu.Samples.end()) seconds = view.Until - oldest->TimestampSeconds;
+    if (seconds == 0.0 && !gpu.Samples.empty()) seconds = view.Until - gpu.Samples.front().TimestampSeconds;
     return {view.Until - std::max(seconds, kShortestSeconds), view.Until};
 }
 
@@ -129,9 +127,9 @@ void DrawPlots(Canvas* canvas, const Area& area, const FeedGpu& gpu, const PlotV
         if (view.Choice[i] && HasReading(plot, gpu, shown)) plots.push_back(&plot);
     }
     if (view.Choice.none()) {
-        canvas->Put(area.X, area.Y, "1 to " + std::to_string(kPlotCount) + " show plots", Style::Dim, area.Width);
+        canvas->Put(area.X, area.Y, "1 to " + std::to_string(kPlotCount) + " show plots", Style::Normal, area.Width);
     } else if (plots.empty() && gpu.Latest.TimestampSeconds != 0.0) {
-        canvas->Put(area.X, area.Y, "This GPU gives no reading for the chosen plots.", Style::Dim, area.Width);
+        canvas->Put(area.X, area.Y, "This GPU gives no reading for the chosen plots.", Style::Normal, area.Width);
     }
     std::optional<Grid> grid;
     while (!plots.empty() && !(grid = GridFor(area, static_cast<int>(plots.size())))) plots.pop_back();

@@ -68,10 +68,6 @@ std::string CommandText(const ListedProcess& listed) {
 /// Narrower lists leave room for the commands instead of the resident memory.
 constexpr int kWide = 70;
 
-bool IsAlways(int /*width*/, bool /*bManyGpus*/) {
-    return true;
-}
-
 struct Column {
     const char* Heading;
     /// With the gap before it; 0: the rest of the line.
@@ -80,18 +76,21 @@ struct Column {
     std::string (*Text)(const ListedProcess& listed);
     /// The order that it is the key of.
     std::optional<ProcessOrder> Order;
-    bool (*IsShown)(int width, bool bManyGpus) = IsAlways;
+    /// Of the lists that show it.
+    int LeastListWidth = 0;
+    /// Whether it is shown only in lists of several GPUs.
+    bool bForManyGpus = false;
 };
 
 constexpr Column kColumns[] = {
     {"PID", 8, true, [](const ListedProcess& listed) { return std::to_string(listed.Process->Pid); },
      ProcessOrder::Pid},
-    {"GPU", 5, true, GpuText, std::nullopt, [](int /*width*/, bool bManyGpus) { return bManyGpus; }},
+    {"GPU", 5, true, GpuText, std::nullopt, 0, true},
     {"VRAM", 12, true, [](const ListedProcess& listed) { return MemoryText(listed.Process->VramUsedBytes); },
      ProcessOrder::Memory},
-    {"CPU", 8, true, CpuText, ProcessOrder::Cpu},
-    {"MEMORY", 12, true, HostMemoryText, std::nullopt, [](int width, bool /*bManyGpus*/) { return width >= kWide; }},
-    {"USER", 12, false, [](const ListedProcess& listed) { return OrDash(listed.Process->User); }, ProcessOrder::User},
+    {"CPU", 7, true, CpuText, ProcessOrder::Cpu},
+    {"MEMORY", 12, true, HostMemoryText, std::nullopt, kWide},
+    {"USER", 11, false, [](const ListedProcess& listed) { return OrDash(listed.Process->User); }, ProcessOrder::User},
     {"COMMAND", 0, false, CommandText, ProcessOrder::Name},
 };
 
@@ -101,7 +100,8 @@ using Columns = std::vector<const Column*>;
 Columns ColumnsFor(int width, bool bManyGpus) {
     Columns columns;
     for (const Column& column : kColumns) {
-        if (column.IsShown(width, bManyGpus)) columns.push_back(&column);
+        const bool bShown = width >= column.LeastListWidth && (bManyGpus || !column.bForManyGpus);
+        if (bShown) columns.push_back(&column);
     }
     return columns;
 }
@@ -145,10 +145,10 @@ ListRoom DrawProcesses(Canvas* canvas, const Area& area, const std::vector<GpuOn
     const int first = std::clamp(view.First, 0, room.Last());
     const int last = std::min(first + room.Lines, room.Entries);
     const std::string range = RangeText(first, last, room.Entries);
-    canvas->PutRight(area.X + area.Width, area.Y, range, Style::Dim);
+    canvas->PutRight(area.X + area.Width, area.Y, range, Style::Normal);
     const Columns columns = ColumnsFor(area.Width, pages.size() > 1);
     const auto heading = [&view](const Column& column) { return MarkedHeading(column, view.Order); };
-    DrawLine(canvas, {area.X, area.Y, area.Width - ColumnsOf(range) - 1, 1}, columns, heading, Style::Dim);
+    DrawLine(canvas, {area.X, area.Y, area.Width - ColumnsOf(range) - 1, 1}, columns, heading, Style::Heading);
     for (int i = first; i < last; ++i) {
         const auto text = [&](const Column& column) { return column.Text(processes[static_cast<size_t>(i)]); };
         DrawLine(canvas, {area.X, area.Y + 1 + i - first, area.Width, 1}, columns, text, Style::Normal);

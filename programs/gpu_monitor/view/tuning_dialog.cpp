@@ -60,14 +60,15 @@ Dialog WaitDialog(const FeedMoment& moment, const std::string& what, const char*
     return dialog;
 }
 
-Dialog MenuDialog(const FeedData& data, const TuningDialog& dialog) {
+Dialog MenuDialog(const FeedMoment& moment, const TuningDialog& dialog) {
     const GpuPowerCapabilities& power = dialog.Power;
     DialogLines lines;
-    if (!dialog.bRights) lines = {{kNoRights, Style::Warning}, {""}};
+    // Simulated GPUs ask for no rights.
+    if (!dialog.bRights && !moment.bSimulated) lines = {{kNoRights, Style::Warning}, {""}};
     const auto beginPart = [&](const char* title, const std::string& can, TuningControl control) {
         lines.push_back({title, Style::Title});
         lines.push_back({can});
-        const TuningRecord* record = OutstandingRecord(data, dialog, control);
+        const TuningRecord* record = OutstandingRecord(*moment.Data, dialog, control);
         if (record != nullptr) lines.push_back({"Changed here: " + OutcomeText(record->InForce), Style::Warning});
     };
     beginPart("Clocks", dialog.Clocks.CanControl ? "Can be locked." : "Cannot be locked: " + dialog.Clocks.Status,
@@ -121,7 +122,7 @@ Dialog ConfirmDialog(const FeedData& data, const TuningDialog& dialog) {
         {"This will " + ActionText(dialog.Change) + ", for every program that uses this GPU.", Style::Strong},
         {WayBackText(data, dialog)}};
     if (dialog.Change.What == Kind::LockClocks) {
-        lines.push_back({"A lock that another program has set cannot be brought back: NVML does not tell it."});
+        lines.push_back({"A lock that another program has set cannot be brought back: NVML does not show it."});
     }
     return {"", lines, "Enter applies   n or Esc back"};
 }
@@ -145,7 +146,7 @@ Dialog DialogOf(const FeedMoment& moment, const TuningDialog& dialog) {
     const char* const kLeaving = "Ctrl-C leaves";
     switch (dialog.Stage) {
         case TuningStage::Asking: return WaitDialog(moment, "Asking what can be changed", "Esc closes");
-        case TuningStage::Menu: return MenuDialog(*moment.Data, dialog);
+        case TuningStage::Menu: return MenuDialog(moment, dialog);
         case TuningStage::ChoosingClocks: return ClockDialog(dialog.ChosenClocks);
         case TuningStage::ChoosingPower: return PowerDialog(dialog);
         case TuningStage::Confirming: return ConfirmDialog(*moment.Data, dialog);
