@@ -88,7 +88,9 @@ FeedGpu GpuTracker::Recall(const std::string& key) const {
 }
 
 bool GpuTracker::AddNew(const std::deque<GpuTelemetrySample>& samples, double longestPeriod, FeedGpu* gpu) const {
-    const double period = std::max({longestPeriod, gpu->PeriodSeconds, LongestInterval.count()});
+    // A known period counts, because the longest one that is possible contains a driver call that has hung.
+    const double usual = gpu->PeriodSeconds > 0.0 ? gpu->PeriodSeconds : longestPeriod;
+    const double period = std::max(usual, LongestInterval.count());
     const double known = gpu->Samples.empty() ? 0.0 : gpu->Samples.back().TimestampSeconds;
     bool bRead = false;
     for (const GpuTelemetrySample& sample : samples) {

@@ -135,11 +135,11 @@ TEST_F(GpuTrackerTest, HistoryAndEnergyGoOnByKeyAndANewStartOfNvmlEmptiesTheHist
 TEST_F(GpuTrackerTest, EnergyIsCountedBetweenPowerReadingsThatAreAtMostThreePeriodsApart) {
     // The interval, a moment, the power then, how long the cycle takes, and the energy and its time afterwards.
     const std::tuple<int, double, double, double, double, double> looks[] = {
-        {1000, 10, 100, 0, 0, 0},     {1000, 11, 200, 0, 150, 1},    {1000, 12, -1, 0, 150, 1},
-        {1000, 13, 100, 0, 150, 1},   {1000, 16, 100, 0, 450, 4},    {1000, 19.5, 100, 0, 450, 4},
-        {1000, 24, 100, 2, 900, 8.5}, {100, 27, 100, 0, 1200, 11.5}, {100, 27.5, 100, 0, 1200, 11.5}};
+        {1000, 10, 100, 0, 0, 0},      {1000, 14, 200, 2, 600, 4}, {1000, 15, -1, 0, 600, 4},
+        {1000, 16, 100, 0, 600, 4},    {1000, 19, 100, 0, 900, 7}, {1000, 22.5, 100, 60, 900, 7},
+        {100, 25.5, 100, 0, 1200, 10}, {100, 26, 100, 0, 1200, 10}};
     for (const auto& [interval, moment, watts, cycle, joules, seconds] : looks) {
-        Tracker.SetInterval(milliseconds(interval), moment);
+        if (interval != 1000) Tracker.SetInterval(milliseconds(interval), moment);
         Tracker.Look({History("a", {Sample(moment, 50, watts)})}, moment + cycle);
         const EnergyCount& energy = Tracker.Gpus()[0]->Energy;
         EXPECT_EQ(std::pair(energy.Joules, energy.Seconds), std::pair(joules, seconds)) << moment;

@@ -50,17 +50,17 @@ TEST(CommandTest, QueriesAnswerForTheWantedGpusInTextAndJson) {
     for (const auto& [command, text, key] : queries) {
         EXPECT_THAT(Shell("gpu_monitor " + command + " --simulate=old,laptop").Output, HasSubstr(text));
         const json document =
-            json::parse(Shell("gpu_monitor --simulate=4 " + command + " --gpu GPU-2331 --json").Output);
+            json::parse(Shell("gpu_monitor --simulate=4 " + command + " --gpu gpu-2331 --json").Output);
         EXPECT_EQ(document.at("driver_version"), "550.120");
         ASSERT_THAT(document.at("gpus"), SizeIs(1)) << command;
         EXPECT_EQ(document["gpus"][0].at("index"), 2);
         EXPECT_TRUE(document["gpus"][0].contains(key)) << command;
-        const std::string lost = command == "list" ? "0@0" : "1@5";
+        const std::string lost = command == "list" ? "1@0" : "1@5";
         const Result oneLost =
             Shell("on_simulator NVML_SIM_BOARDS=2 NVML_SIM_LOSE=" + lost + " gpu_monitor " + command);
         if (command == "list") {
             EXPECT_EQ(oneLost.Status, 0);
-            EXPECT_THAT(oneLost.Errors, StartsWith("GPU 0 is missing: "));
+            EXPECT_THAT(oneLost.Errors, StartsWith("GPU 1 is missing: "));
             continue;
         }
         EXPECT_EQ(oneLost.Status, 1);
@@ -213,9 +213,9 @@ TEST(CommandTest, FailuresAreExplainedAndHaveTheirStatus) {
     EXPECT_EQ(oneReset.Status, 4);
     EXPECT_THAT(oneReset.Errors, AllOf(HasSubstr("Changes vanish"), HasSubstr("GPU 0 (NVIDIA GeForce GTX 680)")));
     EXPECT_THAT(oneReset.Output, HasSubstr(" --simulate=old,desktop,desktop\n\nGPU 2"));
-    const Result oneMissing = Shell("on_simulator NVML_SIM_BOARDS=2 NVML_SIM_LOSE=0@0 gpu_monitor reset-clocks");
+    const Result oneMissing = Shell("on_simulator NVML_SIM_BOARDS=2 NVML_SIM_LOSE=1@0 gpu_monitor reset-clocks");
     EXPECT_EQ(oneMissing.Status, 1);
-    EXPECT_THAT(oneMissing.Errors, StartsWith("GPU 0 is missing: "));
+    EXPECT_THAT(oneMissing.Errors, StartsWith("GPU 1 is missing: "));
 }
 
 }  // namespace

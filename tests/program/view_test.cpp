@@ -423,7 +423,7 @@ TEST_F(ViewTest, KeysChooseWhatIsShown) {
     Now += 0.2;
     Follow({" \nq quit "});
     Follow({"i \nInterval: 1 s ", "IIIII Interval: 100 ms", "iiiiiiii Interval: 10 s"});
-    for (const char* const notice : {" Pause; space resumes", " Sampling goes on"}) {
+    for (const char* const notice : {" Paused; space resumes", " Sampling goes on"}) {
         Press(" ");
         Follow({notice});
     }

@@ -3,6 +3,7 @@
 #include <poll.h>
 
 #include <algorithm>
+#include <functional>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -42,34 +43,24 @@ public:
     /// Result: the exit status. Throws `Failure`.
     int Run() {
         const std::vector<GpuDeviceInfo> devices = DiscoverGpus(Options.Gpu, &Monitor);
+        const std::vector<std::string> missing =
+            Options.Gpu.empty() ? UnreadableGpus(devices, &Monitor) : std::vector<std::string>();
         // Not earlier: until here a signal may simply end the program.
         StopDescriptor = CatchStopSignals();
         Monitor.HurryAfter(StopDescriptor);
         std::vector<GpuChange> changes;
         for (const GpuDeviceInfo& device : devices) {
-            changes.push_back(ChangeOrExplain(device));
+            changes.push_back(ChangeOrExplain(device, [this, &device] { return ChangeGpu(device); }));
             // Printed before the next GPU is changed: only the report says how to undo this change.
             Print(changes.back());
         }
         const int status = Conclude(changes);
-        const std::vector<std::string> missing =
-            Options.Gpu.empty() ? UnreadableGpus(devices) : std::vector<std::string>();
         for (const std::string& sentence : missing) std::cerr << sentence << '\n';
         if (Options.bJson) PrintReport(ChangesJson(Requested, changes, missing));
         return missing.empty() || status == kExitNoPermission ? status : kExitFailure;
     }
 
 private:
-    /// As `ChangeGpu`, also when the driver does not answer.
-    GpuChange ChangeOrExplain(const GpuDeviceInfo& device) {
-        if (IsDriverLeftBehind()) return {device, OperationResult::Error, "Not tried, because the driver hangs."};
-        try {
-            return ChangeGpu(device);
-        } catch (const Failure& silence) {
-            return {device, OperationResult::Error, std::string(silence.what()) + " The change may be in force."};
-        }
-    }
-
     GpuChange ChangeGpu(const GpuDeviceInfo& device) {
         GpuTelemetrySample before;
         if (Requested.What == Kind::ResetClocks) before = Read(device.Index);
@@ -194,6 +185,15 @@ private:
 
 int RunChange(const ChangeOptions& options, const TuningChange& change) {
     return ChangeCommand(options, change).Run();
+}
+
+GpuChange ChangeOrExplain(const GpuDeviceInfo& device, const std::function<GpuChange()>& change) {
+    if (IsDriverLeftBehind()) return {device, OperationResult::Error, "Not tried, because the driver hangs."};
+    try {
+        return change();
+    } catch (const Failure& silence) {
+        return {device, OperationResult::Error, std::string(silence.what()) + " The change may be in force."};
+    }
 }
 
 int Conclude(const std::vector<GpuChange>& changes) {

@@ -1,6 +1,7 @@
 #ifndef GPU_MONITOR_CHANGE_COMMANDS_H
 #define GPU_MONITOR_CHANGE_COMMANDS_H
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -20,6 +21,9 @@ struct ChangeOptions {
 ///
 /// Result: the exit status, which is a failure when one GPU was not changed. Throws `Failure`.
 int RunChange(const ChangeOptions& options, const gpu_feed::TuningChange& change);
+
+/// What `change` does to a GPU, also when the driver does not answer, or hangs already.
+GpuChange ChangeOrExplain(const GpuDeviceInfo& device, const std::function<GpuChange()>& change);
 
 /// Prints how to get the rights that a change lacked. Result: the exit status, that of the GPU that failed first, but a
 /// GPU that does not support the change counts least.

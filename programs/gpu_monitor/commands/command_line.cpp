@@ -247,10 +247,12 @@ void AddPowerChanges(CLI::App* app, CommandLine* commandLine) {
 }
 
 void AddUndo(CLI::App* app, CommandLine* commandLine) {
-    app->add_subcommand("undo", "Take back what a killed live view left changed")->final_callback([commandLine] {
+    CLI::App* undo = app->add_subcommand("undo", "Take back what a killed live view left changed");
+    undo->final_callback([commandLine] {
         commandLine->bChanges = true;
-        commandLine->Run = RunUndo;
+        commandLine->Run = [commandLine] { return RunUndo(commandLine->Change.bJson); };
     });
+    AddJsonFlag(undo, &commandLine->Change.bJson);
 }
 
 void DefineCommands(CLI::App* app, CommandLine* commandLine) {

@@ -5,10 +5,23 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <fstream>
 #include <utility>
 
 #include "terminal/failure.h"
 #include "text/csv_format.h"
+
+namespace {
+
+/// Whether the last line was cut off, for example by a full disk.
+bool EndsWithinLine(const std::string& path) {
+    std::ifstream file(path);
+    file.seekg(-1, std::ios::end);
+    const int last = file.get();
+    return file.good() && last != '\n';
+}
+
+}  // namespace
 
 CsvLog::CsvLog(std::string path) : Path(std::move(path)) {
     if (Path.empty()) return;
@@ -18,6 +31,7 @@ CsvLog::CsvLog(std::string path) : Path(std::move(path)) {
     struct stat status {};
     const bool bNew = fstat(File, &status) == 0 && status.st_size == 0;
     if (bNew) Pending = CsvHeading();
+    if (S_ISREG(status.st_mode) && EndsWithinLine(Path)) Pending = "\n";
     WritePending();
     if (!LastProblem.empty()) throw Failure(LastProblem);
 }

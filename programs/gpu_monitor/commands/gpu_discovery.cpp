@@ -21,6 +21,11 @@ bool BeginsWith(const std::string& text, const std::string& beginning) {
     return text.compare(0, beginning.size(), beginning) == 0;
 }
 
+std::string Lower(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char each) { return std::tolower(each); });
+    return text;
+}
+
 /// Why the library cannot be loaded; empty when there is none, or it can.
 std::string LoaderProblem() {
     if (void* library = dlopen(kNvmlLibrary, RTLD_LAZY)) {
@@ -53,15 +58,27 @@ bool IsNumber(const std::string& selector) {
 
 bool IsNamed(const GpuDeviceInfo& gpu, const std::string& selector) {
     if (IsNumber(selector)) return std::to_string(gpu.Index) == selector;
-    return BeginsWith(gpu.Uuid, selector) || BeginsWith(gpu.Uuid, "GPU-" + selector);
+    const std::string uuid = Lower(gpu.Uuid);
+    return BeginsWith(uuid, Lower(selector)) || BeginsWith(uuid, "gpu-" + Lower(selector));
 }
 
 /// A PCI address as NVML and the kernel both write it.
-std::string CommonAddress(std::string address) {
-    address.erase(0, address.find_first_not_of('0'));
-    std::transform(address.begin(), address.end(), address.begin(),
-                   [](unsigned char each) { return std::tolower(each); });
-    return address;
+std::string CommonAddress(const std::string& address) {
+    return Lower(address.substr(std::min(address.find_first_not_of('0'), address.size())));
+}
+
+/// How many GPUs the driver counts. The monitor, which must have started NVML, gives only those that can be read. 0
+/// when the driver does not say it.
+unsigned int CountOfDriver() {
+    unsigned int count = 0;
+    void* library = dlopen(kNvmlLibrary, RTLD_LAZY | RTLD_NOLOAD);
+    if (library == nullptr) return 0;
+    void* symbol = dlsym(library, "nvmlDeviceGetCount_v2");
+    if (symbol == nullptr) symbol = dlsym(library, "nvmlDeviceGetCount");
+    const auto getCount = reinterpret_cast<int (*)(unsigned int*)>(symbol);
+    if (getCount == nullptr || getCount(&count) != 0) count = 0;
+    dlclose(library);
+    return count;
 }
 
 /// The PCI addresses of the GPUs that the kernel's NVIDIA driver has.
@@ -82,12 +99,12 @@ std::vector<std::string> AddressesOfDriver() {
 void RequireDriver(bool bAvailable, const std::string& status) {
     if (bAvailable) return;
     // The simulator has printed on standard error what is wrong with it.
-    throw Failure(IsSimulatorLoaded() ? status : status + '\n' + Advice(status) + kOrSimulate);
+    throw Failure(IsNvmlSimulated() ? status : status + '\n' + Advice(status) + kOrSimulate);
 }
 
 std::string SelectorError(const std::string& selector) {
     const auto isOfName = [](unsigned char character) { return std::isalnum(character) != 0 || character == '-'; };
-    const bool bName = !selector.empty() && selector.front() != '-' && selector != "GPU-" &&
+    const bool bName = !selector.empty() && selector.front() != '-' && Lower(selector) != "gpu-" &&
                        std::all_of(selector.begin(), selector.end(), isOfName);
     return bName ? "" : "'" + selector + "' is neither the index nor the UUID of a GPU";
 }
@@ -122,22 +139,21 @@ std::vector<GpuDeviceInfo> DiscoverGpus(const std::string& selector, PatientMoni
     return {devices[SelectGpu(devices, selector)]};
 }
 
-std::vector<std::string> UnreadableGpus(const std::vector<GpuDeviceInfo>& found) {
+std::vector<std::string> UnreadableGpus(const std::vector<GpuDeviceInfo>& found, PatientMonitor* monitor) {
+    const unsigned int count = monitor->Ask([](NvmlGpuMonitor* /*asked*/) { return CountOfDriver(); });
     std::vector<std::string> sentences;
-    unsigned int next = 0;
-    for (const GpuDeviceInfo& gpu : found) {
-        for (; next < gpu.Index; ++next) {
-            sentences.push_back("GPU " + std::to_string(next) +
-                                " is missing: the driver counts it, but it cannot be read. It may be lost.");
-        }
-        next = gpu.Index + 1;
+    for (unsigned int index = 0; index < count; ++index) {
+        const auto isIt = [index](const GpuDeviceInfo& gpu) { return gpu.Index == index; };
+        if (std::any_of(found.begin(), found.end(), isIt)) continue;
+        sentences.push_back("GPU " + std::to_string(index) +
+                            " is missing: the driver counts it, but it cannot be read. It may be lost.");
     }
     return sentences;
 }
 
 std::vector<std::string> UnlistedGpus(const std::vector<GpuDeviceInfo>& found) {
     std::vector<std::string> sentences;
-    if (IsSimulatorLoaded()) return sentences;
+    if (IsNvmlSimulated()) return sentences;
     for (const std::string& address : AddressesOfDriver()) {
         const auto isThere = [&address](const GpuDeviceInfo& gpu) {
             return CommonAddress(gpu.PciBusId) == CommonAddress(address);

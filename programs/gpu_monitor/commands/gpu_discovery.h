@@ -12,7 +12,7 @@
 void RequireDriver(bool bAvailable, const std::string& status);
 
 /// Empty when `selector` can name a GPU: by its NVML index, or by its UUID or a beginning of it, with or without
-/// "GPU-". Otherwise why not. A number is always an index.
+/// "GPU-", in capital letters or small ones. Otherwise why not. A number is always an index.
 std::string SelectorError(const std::string& selector);
 
 /// The position in `gpus` of the one that `selector` names. Throws `Failure` when it names none or several.
@@ -22,8 +22,9 @@ size_t SelectGpu(const std::vector<GpuDeviceInfo>& gpus, const std::string& sele
 /// Throws `Failure`.
 std::vector<GpuDeviceInfo> DiscoverGpus(const std::string& selector, PatientMonitor* monitor);
 
-/// A sentence for each GPU that the driver counts but that is not among `found`, all that could be read.
-std::vector<std::string> UnreadableGpus(const std::vector<GpuDeviceInfo>& found);
+/// A sentence for each GPU that the driver counts but that is not among `found`, all that could be read. Throws
+/// `Failure` when the driver does not answer.
+std::vector<std::string> UnreadableGpus(const std::vector<GpuDeviceInfo>& found, PatientMonitor* monitor);
 
 /// A sentence for each GPU that the kernel's driver has but that is not among `found`. In a container, GPUs of others
 /// can be among them.

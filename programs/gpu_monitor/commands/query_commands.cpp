@@ -74,7 +74,7 @@ int RunList(const QueryOptions& options) {
     const std::vector<GpuDeviceInfo> devices = DiscoverGpus(options.Gpu, &monitor);
     std::vector<std::string> problems;
     if (options.Gpu.empty()) {
-        problems = UnreadableGpus(devices);
+        problems = UnreadableGpus(devices, &monitor);
         for (const std::string& problem : UnlistedGpus(devices)) problems.push_back(problem);
     }
     Print<GpuDeviceInfo>(options, {ListJson, ListTextOf}, devices.front(), devices, problems);

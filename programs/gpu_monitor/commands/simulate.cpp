@@ -76,8 +76,8 @@ bool IsSimulating() {
     return bSimulating;
 }
 
-bool IsSimulatorLoaded() {
-    void* library = dlopen(kNvmlLibrary, RTLD_LAZY | RTLD_NOLOAD);
+bool IsNvmlSimulated() {
+    void* library = dlopen(kNvmlLibrary, RTLD_LAZY);
     if (library == nullptr) return false;
     const bool bSimulator = dlsym(library, "kSimulatedNvml") != nullptr;
     dlclose(library);

@@ -19,8 +19,8 @@ void UseSimulatedNvml(const std::string& boards);
 /// Whether `UseSimulatedNvml` has been called.
 bool IsSimulating();
 
-/// Whether the NVML that this process has loaded is the simulated one, in whichever way it was found.
-bool IsSimulatorLoaded();
+/// Whether the NVML that this process finds is the simulated one, in whichever way it finds it.
+bool IsNvmlSimulated();
 
 /// A line that says that GPUs are simulated and, with `bChanges`, how long changes last.
 std::string SimulationNotice(bool bChanges);

@@ -15,6 +15,7 @@
 #include "terminal/output.h"
 #include "text/change_report.h"
 #include "text/change_text.h"
+#include "text/json_format.h"
 #include "text/text_layout.h"
 #include "text/tuning_format.h"
 
@@ -36,7 +37,7 @@ struct LeftChange {
 };
 
 std::vector<LeftChange> LeftChanges() {
-    const bool bUsual = NamedFolder() == nullptr && !IsSimulating();
+    const bool bUsual = NamedFolder() == nullptr && !IsNvmlSimulated();
     std::vector<LeftChange> left;
     for (const fs::path& folder : bUsual ? DefaultJournalFolders() : std::vector{JournalFolder()}) {
         const ChangeJournal journal(folder);
@@ -78,19 +79,31 @@ Undone TakeBack(NvmlGpuMonitor* monitor, const GpuDeviceInfo& device, const Note
 class UndoCommand {
 public:
     /// Result: the exit status. Throws `Failure`.
-    int Run(const std::vector<LeftChange>& left) {
+    int Run(const std::vector<LeftChange>& left, bool bJson) {
         Devices = DiscoverGpus("", &Monitor);
         std::vector<GpuChange> changes;
         changes.reserve(left.size());
         for (const LeftChange& change : left) {
-            changes.push_back(Undo(change));
-            const std::string& error = changes.back().Error;
-            if (!error.empty()) std::cerr << GpuInSentence(change.Noted.Device) << ": " << error << '\n';
+            changes.push_back(ChangeOrExplain(change.Noted.Device, [this, &change] { return Undo(change); }));
         }
-        return Conclude(changes);
+        const int status = Conclude(changes);
+        Print(changes, bJson);
+        return status;
     }
 
 private:
+    /// Not before everything is back: the output can fail.
+    static void Print(const std::vector<GpuChange>& changes, bool bJson) {
+        std::string text;
+        for (const GpuChange& change : changes) {
+            const std::string gpu = GpuInSentence(change.Device);
+            if (!change.Error.empty()) std::cerr << gpu << ": " << change.Error << '\n';
+            const std::string outcome = NoteOf(change.Report);
+            if (!outcome.empty()) text += gpu + ' ' + outcome + ".\n";
+        }
+        WriteOutput(bJson ? UndoneJson(changes) : text);
+    }
+
     GpuChange Undo(const LeftChange& left) {
         const NotedChange& noted = left.Noted;
         const auto device = std::find_if(Devices.begin(), Devices.end(), [&noted](const GpuDeviceInfo& each) {
@@ -103,8 +116,8 @@ private:
             [device = *device, noted](NvmlGpuMonitor* monitor) { return TakeBack(monitor, device, noted); });
         if (undone.Outcome.empty()) return {*device, undone.Answer.Result, undone.Answer.Error};
         const std::string problem = left.Journal.Remove(noted);
-        WriteOutput(GpuInSentence(*device) + ' ' + undone.Outcome + ".\n");
-        return {*device, problem.empty() ? OperationResult::Success : OperationResult::Error, problem};
+        const OperationResult result = problem.empty() ? OperationResult::Success : OperationResult::Error;
+        return {*device, result, problem, {}, {{"Note", undone.Outcome}}};
     }
 
     PatientMonitor Monitor;
@@ -115,7 +128,7 @@ private:
 
 fs::path JournalFolder() {
     if (const char* const named = NamedFolder()) return named;
-    return IsSimulating() ? fs::path() : DefaultJournalFolder();
+    return IsNvmlSimulated() ? fs::path() : DefaultJournalFolder();
 }
 
 bool HasLeftChanges() {
@@ -132,10 +145,10 @@ void PrintLeftChanges(const std::string& simulateOption) {
     std::cerr << "To undo it: gpu_monitor undo" << (simulateOption.empty() ? "" : ' ' + simulateOption) << '\n';
 }
 
-int RunUndo() {
+int RunUndo(bool bJson) {
     const std::vector<LeftChange> left = LeftChanges();
-    if (!left.empty()) return UndoCommand().Run(left);
-    WriteOutput("Nothing to undo.\n");
+    if (!left.empty()) return UndoCommand().Run(left, bJson);
+    WriteOutput(bJson ? UndoneJson({}) : "Nothing to undo.\n");
     return kExitSuccess;
 }
 

@@ -18,10 +18,10 @@ bool HasLeftChanges();
 void PrintLeftChanges(const std::string& simulateOption);
 
 /// Takes back what was left changed, the latest first. Prints what is in force afterwards or, on standard error, why a
-/// change could not go back.
+/// change could not go back; with `bJson`, one object.
 ///
 /// Result: the exit status. Throws `Failure`.
-int RunUndo();
+int RunUndo(bool bJson);
 
 /// Removes the notes of what was left changed of this setting: the user has made another change of it.
 void ForgetLeftChanges(const GpuDeviceInfo& device, gpu_feed::TuningControl control);

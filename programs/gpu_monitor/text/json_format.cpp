@@ -132,6 +132,15 @@ const char* ResultWord(GpuClockOperationResult result) {
     return "error";
 }
 
+/// How a change of a GPU ended.
+Json ResultOf(const GpuChange& gpu) {
+    Json json = ShortIdentity(gpu.Device);
+    json["result"] = ResultWord(gpu.Result);
+    AddIfAny("error", gpu.Error, &json);
+    AddIfAny("advice", gpu.Advice, &json);
+    return json;
+}
+
 /// The values of a setting, under the names that they have in a sample.
 Json SettingValues(TuningControl control, const GpuClockPair& pair, double watts) {
     Json json = Json::object();
@@ -204,10 +213,7 @@ std::string ChangesJson(const TuningChange& change, const std::vector<GpuChange>
                         const std::vector<std::string>& problems) {
     Json list = Json::array();
     for (const GpuChange& gpu : gpus) {
-        Json& json = list.emplace_back(ShortIdentity(gpu.Device));
-        json["result"] = ResultWord(gpu.Result);
-        AddIfAny("error", gpu.Error, &json);
-        AddIfAny("advice", gpu.Advice, &json);
+        Json& json = list.emplace_back(ResultOf(gpu));
         if (gpu.Result != GpuClockOperationResult::Success) continue;
         const bool bRelease = change.What == TuningChange::Kind::ResetClocks;
         const GpuClockPair running{gpu.SampleNow.GraphicsClockMHz, gpu.SampleNow.MemoryClockMHz};
@@ -218,6 +224,14 @@ std::string ChangesJson(const TuningChange& change, const std::vector<GpuChange>
         if (!bRelease) AddIfAny("undo", UndoOf(gpu.Report), &json);
     }
     return Document("", std::move(list), problems);
+}
+
+std::string UndoneJson(const std::vector<GpuChange>& changes) {
+    Json list = Json::array();
+    for (const GpuChange& change : changes) {
+        AddIfAny("note", NoteOf(change.Report), &list.emplace_back(ResultOf(change)));
+    }
+    return Document("", std::move(list), {});
 }
 
 std::string FailureJson(const std::string& sentence, int exitStatus) {

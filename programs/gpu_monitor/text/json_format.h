@@ -31,6 +31,9 @@ std::string PowerJson(const std::string& driverVersion, const std::vector<GpuPow
 std::string ChangesJson(const gpu_feed::TuningChange& change, const std::vector<GpuChange>& gpus,
                         const std::vector<std::string>& problems);
 
+/// One object with how each change was taken back.
+std::string UndoneJson(const std::vector<GpuChange>& changes);
+
 /// One object, in one line, in place of an answer.
 std::string FailureJson(const std::string& sentence, int exitStatus);
 
