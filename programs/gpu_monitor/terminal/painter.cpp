@@ -32,9 +32,9 @@ struct Look {
     }
 };
 
-/// What meaning no color may carry alone: each style that matters differs from plain text in an attribute too. Nothing
-/// is dim, and in the terminal's own colors nothing is both bold and colored, because many terminals show that in a
-/// bright color, which can be close to the background.
+/// Looks without colors. No color carries a meaning alone: each style that matters differs from plain text in an
+/// attribute too. Nothing is dim. In the terminal's own colors nothing is both bold and colored, because many terminals
+/// show that in a bright color, which can be close to the background.
 Look PlainLook(Style style) {
     switch (style) {
         case Style::Strong:
@@ -74,7 +74,8 @@ Look FixedColorLook(Style style) {
     return look;
 }
 
-/// Ends all attributes and colors. What ends a second set of characters too is left out, because none is ever begun.
+/// Ends all attributes and colors. The part that ends a second set of characters is left out, because the program never
+/// begins one.
 std::string PlainSequence() {
     const std::string otherSet = "\x1b(B";
     std::string sequence = ControlSequence(exit_attribute_mode);

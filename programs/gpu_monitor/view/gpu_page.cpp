@@ -23,7 +23,7 @@ namespace {
 /// Of the labels before gauges, clocks and limits.
 constexpr int kLabelWidth = 8;
 constexpr const char* kFactGap = "   ";
-/// At least so many columns are left for what limits the clocks, so that the line seldom changes.
+/// The least room for what limits the clocks, so that the line seldom changes.
 constexpr int kLimitsWidth = 13;
 
 // ---- Header ----
