@@ -244,7 +244,7 @@ std::vector<StyledText> FactTexts(const Plot& plot, const std::vector<CurveFacts
                                          {plot.bWithEnergy ? EnergyText(energy) : "", Style::Normal}};
     std::vector<StyledText> shown(all.size());
     // The most useful ones find room first.
-    for (const size_t i : {1, 3, 2, 0}) {
+    for (const size_t i : {1U, 3U, 2U, 0U}) {
         shown[i] = all[i];
         if (WidthOfParts(shown) > room) shown[i].Text.clear();
     }
