@@ -1,6 +1,7 @@
 #include "view/plot_grid.h"
 
 #include <algorithm>
+#include <cmath>
 #include <optional>
 
 #include "gpu_feed/readings.h"
@@ -106,10 +107,18 @@ Area PlaceOf(const Area& area, const Grid& grid, int i, int count) {
     return {area.X + column * (width + kColumnGap), area.Y + top, width, bottom - top};
 }
 
+/// Up to two digits, so that a plot of a history that grows seldom changes its scale.
+double RoundedUp(double seconds) {
+    const double unit = std::pow(10.0, std::floor(std::log10(seconds)) - 1.0);
+    return std::ceil(seconds / unit) * unit;
+}
+
 TimeSpan SpanOf(const FeedGpu& gpu, const PlotView& view) {
     constexpr double kShortestSeconds = 1.0;
     double seconds = view.Seconds;
-    if (seconds == 0.0 && !gpu.Samples.empty()) seconds = view.Until - gpu.Samples.front().TimestampSeconds;
+    if (seconds == 0.0 && !gpu.Samples.empty()) {
+        seconds = RoundedUp(std::max(view.Until - gpu.Samples.front().TimestampSeconds, kShortestSeconds));
+    }
     return {view.Until - std::max(seconds, kShortestSeconds), view.Until};
 }
 
