@@ -8,7 +8,8 @@
 
 #include <filesystem>
 #include <fstream>
-#include <regex>
+#include <string>
+#include <utility>
 
 namespace {
 
@@ -43,13 +44,16 @@ TEST(ChangeJournalTest, OnlyCompleteNotesOfEndedProgramsInFilesThatNobodyElseWri
         return journal.LeftChanges().size();
     };
     EXPECT_EQ(countAfter(text), 1);
+    const auto with = [&text](const std::string& part, const char* fault) {
+        return std::string(text).replace(text.find(part), part.size(), fault);
+    };
     // clang-format off
     const std::pair<const char*, const char*> faults[] = {
-        {"change 1", "change 2"}, {"process [0-9]+", "process -1"}, {"gpu 3", "gpu 4294967296"}, {"name ", "name \x1b"},
+        {"change 1", "change 2"}, {"process ", "process -"}, {"gpu 3", "gpu 4294967296"}, {"name ", "name \x1b"},
         {"before reset-power", "before reset-clocks"}, {"set-power 200500", "explode"}, {"200500\n", "200500\n\n"}};
     // clang-format on
     for (const auto& [part, fault] : faults) {
-        EXPECT_EQ(countAfter(std::regex_replace(text, std::regex(part), fault)), 0) << part << ' ' << fault;
+        EXPECT_EQ(countAfter(with(part, fault)), 0) << part << ' ' << fault;
     }
     EXPECT_EQ(countAfter(text), 1);
     fs::permissions(file, fs::perms(0664));
@@ -59,7 +63,7 @@ TEST(ChangeJournalTest, OnlyCompleteNotesOfEndedProgramsInFilesThatNobodyElseWri
     fs::create_symlink(folder / "other", file);
     EXPECT_THAT(journal.LeftChanges(), IsEmpty());
     fs::remove(file);
-    EXPECT_EQ(countAfter(std::regex_replace(text, std::regex("boot ."), "boot x")), 0);
+    EXPECT_EQ(countAfter(with("boot ", "boot x")), 0);
     EXPECT_FALSE(fs::exists(file)) << "of another boot";
     fs::remove_all(folder.parent_path());
 }
