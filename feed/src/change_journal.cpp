@@ -257,7 +257,7 @@ std::vector<NotedChange> ChangeJournal::ReadNotes() const {
             fs::remove(place->path(), ignored);
         }
     }
-    std::stable_sort(found.begin(), found.end(), [](const auto& a, const auto& b) { return a.first > b.first; });
+    std::sort(found.begin(), found.end(), [](const auto& a, const auto& b) { return a.first > b.first; });
     std::vector<NotedChange> notes;
     notes.reserve(found.size());
     for (auto& [time, noted] : found) notes.push_back(std::move(noted));
