@@ -312,7 +312,8 @@ int ParseAndRun(int argc, char** argv) {
 
 /// Prints why the program fails, for programs too when they asked for JSON. Result: `exitStatus`.
 int PrintFailure(const std::string& sentence, int exitStatus, bool bJson) {
-    std::cerr << sentence << '\n';
+    // In one piece: programs that run at the same time may share standard error.
+    std::cerr << sentence + '\n';
     try {
         if (bJson) WriteOutput(FailureJson(sentence, exitStatus));
     } catch (const Failure&) {
