@@ -134,9 +134,9 @@ std::vector<std::string> CallsOf(Read read) {
 }
 
 std::vector<std::string> CallsOfMonitor() {
-    Nvml nvml;
+    Nvml started;
     GpuTelemetrySample sample;
-    return CallsOf([&] { nvml.Monitor.ReadCurrentSample(0, &sample); });
+    return CallsOf([&] { started.Monitor.ReadCurrentSample(0, &sample); });
 }
 
 /// The calls of a sample. They are recorded at the first use, before which nothing else may use the simulator.
@@ -150,18 +150,18 @@ const std::vector<Query>& Queries() {
 }
 
 void SampleOfMonitor(benchmark::State& state) {
-    Nvml nvml;
+    Nvml started;
     GpuTelemetrySample sample;
     for ([[maybe_unused]] auto _ : state) {
-        nvml.Monitor.ReadCurrentSample(0, &sample);
+        started.Monitor.ReadCurrentSample(0, &sample);
         benchmark::DoNotOptimize(sample);
     }
 }
 BENCHMARK(SampleOfMonitor);
 
 void SampleByHand(benchmark::State& state) {
-    const Nvml nvml;
-    HandMadeSample reader(nvml.Library, Queries());
+    const Nvml started;
+    HandMadeSample reader(started.Library, Queries());
     for ([[maybe_unused]] auto _ : state) {
         reader.LookUp();
         reader.Call();
@@ -170,8 +170,8 @@ void SampleByHand(benchmark::State& state) {
 BENCHMARK(SampleByHand);
 
 void SampleLookedUpOnce(benchmark::State& state) {
-    const Nvml nvml;
-    HandMadeSample reader(nvml.Library, Queries());
+    const Nvml started;
+    HandMadeSample reader(started.Library, Queries());
     reader.LookUp();
     for ([[maybe_unused]] auto _ : state) reader.Call();
 }
@@ -181,8 +181,8 @@ BENCHMARK(SampleLookedUpOnce);
 bool MakeTheSameCalls() {
     const std::vector<std::string> ofMonitor = CallsOfMonitor();
     const std::vector<Query>& queries = Queries();
-    const Nvml nvml;
-    HandMadeSample reader(nvml.Library, queries);
+    const Nvml started;
+    HandMadeSample reader(started.Library, queries);
     reader.LookUp();
     return !ofMonitor.empty() && CallsOf([&] { reader.Call(); }) == ofMonitor;
 }
