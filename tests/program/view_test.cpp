@@ -55,7 +55,7 @@ protected:
         Data.Status = "The status.";
         Data.Interval = std::chrono::seconds(1);
         SetGpus({MadeGpu(0), MadeGpu(1)});
-        Control.SelectFirst(Data, 1);
+        Control.SelectFirst(Data.Gpus[1]->Key);
     }
 
     void SetGpus(const std::vector<FeedGpu>& gpus) {

@@ -114,8 +114,8 @@ public:
     /// then says what could not go back. Otherwise nothing was tried.
     std::future<TuningResult> TakeAllBack();
 
-    /// Removes the journal's notes of the settings that the program has changed, those that ended programs have left
-    /// too, because its changes are to outlast it. Call it at the end, before `Stop`. Result: empty, or a sentence for
+    /// Lets the program's changes outlast it: removes the journal's notes of the settings that it has changed, also the
+    /// notes that ended programs have left of them. Call it at the end, before `Stop`. Result: empty, or a sentence for
     /// the user.
     std::string LeaveChanges() const;
 

@@ -121,7 +121,7 @@ private:
         });
     }
 
-    /// With whether the GPU answers.
+    /// What the GPU says of its clocks, and whether it has answered at all.
     std::pair<GpuClockCapabilities, bool> ClocksOf(unsigned int gpu) {
         return Monitor.Ask([gpu](NvmlGpuMonitor* monitor) {
             GpuClockCapabilities capabilities;

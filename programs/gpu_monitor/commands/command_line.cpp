@@ -246,6 +246,7 @@ void AddPowerChanges(CLI::App* app, CommandLine* commandLine) {
     AddGpuOption(reset, &commandLine->Change.Gpu);
 }
 
+/// Not by `AddChange`, whose commands first report what was left changed.
 void AddUndo(CLI::App* app, CommandLine* commandLine) {
     CLI::App* undo = app->add_subcommand("undo", "Take back what a killed live view left changed");
     undo->final_callback([commandLine] {
@@ -310,7 +311,8 @@ int ParseAndRun(int argc, char** argv) {
     return RunCommand(&commandLine);
 }
 
-/// Prints why the program fails, for programs too when they asked for JSON. Result: `exitStatus`.
+/// Prints why the command fails: a sentence on standard error and, with `bJson`, an object on standard output. Result:
+/// `exitStatus`.
 int PrintFailure(const std::string& sentence, int exitStatus, bool bJson) {
     // In one piece: programs that run at the same time may share standard error.
     std::cerr << sentence + '\n';
@@ -325,7 +327,7 @@ int PrintFailure(const std::string& sentence, int exitStatus, bool bJson) {
 }  // namespace
 
 int RunCommandLine(int argc, char** argv) {
-    // Also where the command line cannot be read.
+    // Not from the parser, because a command line that it refuses fails in JSON too.
     const bool bJson = std::find(argv, argv + argc, std::string("--json")) != argv + argc;
     try {
         return ParseAndRun(argc, argv);

@@ -36,7 +36,7 @@ void SignalNews(int descriptor) {
 
 PolledFeed::PolledFeed(std::chrono::milliseconds interval)
     : NewsDescriptor(NewsChannel()),
-      Feed({interval, IsSimulating(), [descriptor = NewsDescriptor] { SignalNews(descriptor); }, JournalFolder()}) {}
+      Feed({interval, IsNvmlSimulated(), [descriptor = NewsDescriptor] { SignalNews(descriptor); }, JournalFolder()}) {}
 
 PolledFeed::~PolledFeed() {
     if (!Feed.Stop()) NoteDriverLeftBehind();

@@ -50,8 +50,6 @@ fs::path SimulatorPath() {
     return {};
 }
 
-bool bSimulating = false;
-
 }  // namespace
 
 std::string SimulationError(const std::string& boards) {
@@ -69,11 +67,6 @@ void UseSimulatedNvml(const std::string& boards) {
     if (dlopen(path.c_str(), RTLD_LAZY | RTLD_LOCAL) == nullptr) {
         throw Failure(std::string("The simulated NVML cannot be loaded: ") + dlerror() + '.');
     }
-    bSimulating = true;
-}
-
-bool IsSimulating() {
-    return bSimulating;
 }
 
 bool IsNvmlSimulated() {

@@ -16,9 +16,6 @@ std::string SimulationError(const std::string& boards);
 /// environment variable.
 void UseSimulatedNvml(const std::string& boards);
 
-/// Whether `UseSimulatedNvml` has been called.
-bool IsSimulating();
-
 /// Whether the NVML that this process finds is the simulated one, in whichever way it finds it.
 bool IsNvmlSimulated();
 

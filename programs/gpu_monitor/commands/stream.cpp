@@ -52,6 +52,7 @@ public:
             if (!Feed.WaitForNews(kLongestWaitMs, StopDescriptor)) return;
             Feed.TakeNews();
         }
+        // Fails before the heading is printed if there is no such GPU.
         PolledFeed::Wanted(*Feed->Latest(), Options.Gpu);
         if (!Print(Heading())) return;
         do {

@@ -6,8 +6,8 @@
 
 #include "gpu_feed/tuning_change.h"
 
-// What programs have left changed that were killed before they could take it back. `simulateOption` is the option that
-// simulates GPUs as this run has it, or empty.
+// Changes that a program left behind because it was killed before it could take them back. `simulateOption` is the
+// option that simulates GPUs as this run has it, or empty.
 
 /// Where this program notes changes. Those of simulated GPUs are noted only where GPU_MONITOR_JOURNAL names a folder.
 std::filesystem::path JournalFolder();

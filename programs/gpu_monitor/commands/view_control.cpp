@@ -68,11 +68,8 @@ const ViewControl::KeyAction ViewControl::kKeyActions[] = {
 ViewControl::ViewControl(FeedRequests* feed, milliseconds interval, std::string simulateOption)
     : Feed(feed), SimulateOption(std::move(simulateOption)), Interval(interval) {}
 
-void ViewControl::SelectFirst(const FeedData& data, std::optional<unsigned int> index) {
-    if (!Choice.Gpu.empty()) return;
-    for (const auto& gpu : data.Gpus) {
-        if (Choice.Gpu.empty() || gpu->Device.Index == index) Choice.Gpu = gpu->Key;
-    }
+void ViewControl::SelectFirst(const std::string& gpuKey) {
+    if (Choice.Gpu.empty()) Choice.Gpu = gpuKey;
 }
 
 void ViewControl::OnTime() {

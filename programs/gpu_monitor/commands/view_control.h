@@ -22,8 +22,8 @@ public:
     /// `interval`: that of the feed. `simulateOption`: for the commands that the user may type later.
     ViewControl(FeedRequests* feed, std::chrono::milliseconds interval, std::string simulateOption);
 
-    /// Selects the GPU with this NVML index, or the first one, unless a GPU is selected already.
-    void SelectFirst(const gpu_feed::FeedData& data, std::optional<unsigned int> index);
+    /// Selects the GPU with this key, unless a GPU is selected already.
+    void SelectFirst(const std::string& gpuKey);
 
     void OnKey(int key);
 

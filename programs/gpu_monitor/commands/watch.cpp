@@ -66,12 +66,16 @@ public:
 
     int Run() {
         if (!Feed.WaitForNews(kQuickStartMs, StopDescriptor)) return kExitSuccess;
+        // Fails before the screen is opened if there is no such GPU.
         PolledFeed::Wanted(*Feed->Latest(), Options.Gpu);
         // The sentences on standard error are behind the view.
         if (HasLeftChanges()) Control.ShowNotice("A killed program left changes. See gpu_monitor undo.");
-        const ViewEnd end = ShowUntilEnd();
-        const int status = end == ViewEnd::TakeChangesBack ? TakeBack() : kExitSuccess;
-        if (end != ViewEnd::TakeChangesBack) LeaveChanges(&Feed, Options.SimulateOption);
+        int status = kExitSuccess;
+        if (ShowUntilEnd() == ViewEnd::TakeChangesBack) {
+            status = TakeBack();
+        } else {
+            LeaveChanges(&Feed, Options.SimulateOption);
+        }
         return std::max(status, EndLog());
     }
 
@@ -94,7 +98,7 @@ private:
             Control.OnTime();
             const FeedMoment moment = Feed->Moment();
             const PolledFeed::Gpus wanted = PolledFeed::Wanted(*moment.Data, Options.Gpu);
-            if (!wanted.empty()) Control.SelectFirst(*moment.Data, wanted.front()->Device.Index);
+            if (!wanted.empty()) Control.SelectFirst(wanted.front()->Key);
             AddToLog(moment);
             // Nothing can be taken back while the program is stopped.
             screen.AllowSuspending(!HasChanges(*moment.Data));
