@@ -482,11 +482,11 @@ public:
     ///
     /// `timestampSeconds` is in the seconds of `GpuTelemetrySample::TimestampSeconds`. To follow the histories, pass
     /// the newest timestamp over all GPUs that the call before returned: a cycle is seen whole or not at all, so
-    /// nothing is left out and nothing comes twice. A start empties the histories; later samples are newer all the
-    /// same. Result: the samples whose `TimestampSeconds` is greater than `timestampSeconds`, oldest first. Samples
-    /// without a moment (0.0) are among them only for a negative argument, and NaN gives no samples. Cost: what is
-    /// returned, however many samples are kept; each history is searched from its newest sample back. Threads and
-    /// ownership: as `Snapshot`.
+    /// nothing is left out or comes twice. A start empties the histories; later samples are newer all the same.
+    /// Result: the samples whose `TimestampSeconds` is greater than `timestampSeconds`, oldest first. Samples without a
+    /// moment (0.0) are among them only for a negative argument, and NaN gives no samples.
+    /// Cost: what is returned, however many samples are kept; each history is searched from its newest sample back.
+    /// Threads and ownership: as `Snapshot`.
     std::vector<GpuTelemetryHistory> SnapshotSince(double timestampSeconds) const;
 
 private:

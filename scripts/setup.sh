@@ -45,6 +45,7 @@ needs=(
     "ci|clang-tidy|have clang-tidy"
     "ci|shellcheck|have shellcheck"
     "ci|dpkg-dev|have dpkg-shlibdeps"
+    "ci|git|have git" # names the sources whose format is checked
     "ci|file|have file" # cpack looks for dependencies in what it calls an executable
 )
 

@@ -296,15 +296,17 @@ TEST_F(FeedTest, OutOfMemoryARequestFailsWithASentenceAndWhatIsPublishedCatchesU
 TEST_F(FeedTest, OutOfMemoryAChangeGoesBackLater) {
     StartPaused();
     failing_memory::bChecking = true;
-    failing_memory::bAllocationFailed = true;
-    for (uint64_t nth = 1; failing_memory::bAllocationFailed && !HasFailure(); ++nth) {
+    uint64_t nth = 0;
+    do {
+        ++nth;
         EXPECT_EQ(Tune(kLimit), "");
         failing_memory::bAllocationFailed = false;
         failing_memory::AllocationsUntilFailure = nth;
         Feed->TakeBack(Key, TuningControl::Power).get();
         EXPECT_TRUE(WaitFor([this] { return !Record(TuningControl::Power).IsOutstanding(); })) << nth;
         failing_memory::AllocationsUntilFailure = 0;
-    }
+    } while (failing_memory::bAllocationFailed && !HasFailure());
+    EXPECT_GT(nth, 1U) << "no allocation has failed";
     failing_memory::bChecking = false;
 }
 

@@ -45,13 +45,17 @@ TEST(ReadingsTest, OnlyWhatTheDriverAnswersCountsAsRead) {
 
 TEST(ReadingsTest, LimitReasonsThatProtectTheGpuAreADanger) {
     std::string words;
-    std::string dangers;
-    for (const LimitReason& reason : LimitReasons(UINT64_MAX)) {
-        (reason.bDanger ? dangers : words) += reason.Word + ", ";
-        EXPECT_EQ(reason.bIdle, reason.Word == "idle");
+    for (uint64_t bit = 1; bit <= 0x200; bit <<= 1U) {
+        const std::vector<LimitReason> reasons = LimitReasons(bit);
+        ASSERT_THAT(reasons, SizeIs(1));
+        words += reasons[0].Word + (reasons[0].bDanger ? "!, " : ", ");
+        EXPECT_EQ(reasons[0].bIdle, bit == 1) << reasons[0].Word;
     }
-    EXPECT_EQ(words, "idle, application clocks, power cap, sync boost, display clocks, 0xfffffffffffffe00, ");
-    EXPECT_EQ(dangers, "hardware slowdown, thermal, hardware thermal, power brake, ");
+    EXPECT_EQ(words,
+              "idle, application clocks, power cap, hardware slowdown!, sync boost, thermal!, hardware thermal!, "
+              "power brake!, display clocks, 0x200, ");
+    EXPECT_THAT(LimitReasons(UINT64_MAX), SizeIs(10));
+    EXPECT_EQ(LimitReasons(UINT64_MAX).back().Word, "0xfffffffffffffe00");
     EXPECT_THAT(LimitReasons(0), IsEmpty());
 }
 

@@ -251,7 +251,7 @@ TEST_F(SamplerTest, SettingTheIntervalStartsARunningInitialDelayOver) {
 
 // ---- Lifecycle ----
 
-TEST_F(SamplerTest, PauseKeepsNvmlAndHistoriesAndASecondStartChangesNothing) {
+TEST_F(SamplerTest, PauseAndStopKeepHistoriesAndASecondStartChangesNothing) {
     Monitor.PauseSampling();
     Start();
     Monitor.PauseSampling();
@@ -262,6 +262,10 @@ TEST_F(SamplerTest, PauseKeepsNvmlAndHistoriesAndASecondStartChangesNothing) {
     EXPECT_EQ(Sim.Calls("nvmlInit_v2"), 1);
     sampler_clock::RefuseThreads(1);
     EXPECT_TRUE(Monitor.Start() && Monitor.ResumeSampling()) << "no second thread";
+    sampler_clock::RefuseThreads(0);
+    Monitor.Stop();
+    EXPECT_THAT(Monitor.Snapshot().front().Samples, SizeIs(2)) << "kept until the next start";
+    EXPECT_THAT(Start().front().Samples, SizeIs(1));
 }
 
 }  // namespace
