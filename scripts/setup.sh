@@ -25,6 +25,8 @@ have_fuzzer() {
         clang++ -fsanitize=fuzzer,address,undefined -x c++ - -o /dev/null 2>/dev/null
 }
 
+have_software_opengl() { compgen -G '/usr/lib*/dri/swrast_dri.so' || compgen -G '/usr/lib/*/dri/swrast_dri.so'; } >/dev/null
+
 # set | package of Debian and Ubuntu | command that succeeds when the package's files are there
 needs=(
     "run|g++|have ${compiler%% *}"
@@ -37,6 +39,13 @@ needs=(
     "test|libgmock-dev|header gmock/gmock.h"
     "test|libvterm-dev|header vterm.h"
     "test|libbenchmark-dev|header benchmark/benchmark.h"
+    "test|libimgui-dev|header imgui/imgui.h"
+    "test|libglfw3-dev|header GLFW/glfw3.h"
+    "test|libopengl-dev|header GL/glcorearb.h"
+    "test|libpng-dev|header png.h"
+    "test|xvfb|have Xvfb"
+    "test|xauth|have xauth" # xvfb-run needs it
+    "test|libgl1-mesa-dri|have_software_opengl"
     "test|pkg-config|have pkg-config"
     "ci|g++|have g++" # the sanitizer builds name it; the compiler above may be another one
     "ci|clang|have clang++"
