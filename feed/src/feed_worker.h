@@ -41,10 +41,11 @@ public:
 
     // ---- What requests ask for, on the feed's thread ----
 
-    /// Null when no GPU has this key.
-    std::shared_ptr<const FeedGpu> Find(const std::string& gpuKey) const { return Next.Find(gpuKey); }
+    /// Null when no GPU has this key, or NVML has not found its GPUs.
+    std::shared_ptr<const FeedGpu> Find(const std::string& gpuKey) const;
     void Pause();
     void Resume();
+    void Rescan();
     void SetInterval(std::chrono::milliseconds interval);
     TuningCapabilities QueryTuning(const FeedGpu& gpu);
     TuningResult Tune(const FeedGpu& gpu, const TuningChange& change, double keepSeconds);
@@ -59,6 +60,7 @@ private:
     void CarryOutRequest();
     void DoWhatIsDue();
     void TakeBackOverdue(double now);
+    void FindGpus();
     void LookSoon();
     void Look();
     std::vector<GpuTelemetryHistory> TakeNews();

@@ -29,6 +29,10 @@ struct TuningChange {
 /// Whether both are the same limit for the driver, which knows milliwatts.
 bool IsSameLimit(double watts, double otherWatts);
 
+/// Whether the driver lets the power limit be set, and whether it has a default to go back to.
+bool CanSetPower(const GpuPowerCapabilities& capabilities);
+bool CanSetDefaultPower(const GpuPowerCapabilities& capabilities);
+
 bool IsInRange(double watts, const GpuPowerCapabilities& capabilities);
 
 /// The change that sets the power limit of `capabilities` again; empty when it is not known or cannot be set.
@@ -58,6 +62,9 @@ struct TuningResult {
     GpuPowerCapabilities PowerBefore = {};
 };
 
+/// The answer to a request for a GPU that was not found.
+constexpr const char* kGpuIsGone = "The GPU is not there any more.";
+
 /// A setting that the program has changed.
 struct TuningRecord {
     std::string GpuKey;
@@ -72,6 +79,9 @@ struct TuningRecord {
     TuningChange Previous;
     /// When it goes back without being asked, in steady-clock seconds; 0 when it was kept or has gone back.
     double Deadline = 0.0;
+    /// Whether NVML was started anew and did not find the GPU. Nothing is asked of it then, because its index may be
+    /// that of another one now.
+    bool bGpuGone = false;
     /// Why it could not go back, for the user; empty unless that has failed.
     std::string Problem = {};
     /// A warning of the journal about the latest change, for the user; usually empty. See `ChangeJournal`.
