@@ -134,10 +134,6 @@ std::array<const char*, Count> LabelsOf(const std::array<Entry, Count>& entries)
     return labels;
 }
 
-Tone ToneOf(const LimitReason& reason) {
-    return reason.bDanger ? Tone::Danger : reason.bIdle ? Tone::Quiet : Tone::Warning;
-}
-
 }  // namespace
 
 const std::array<const char*, GpuFacts::kGaugeCount> GpuFacts::kGaugeLabels = LabelsOf(kGauges);
@@ -174,8 +170,11 @@ void GpuFacts::UpdateValues() {
 void GpuFacts::UpdateLimits() {
     LimitMask = Shown->Latest.PerformanceLimitReasons;
     Limits.clear();
-    for (const LimitReason& reason : LimitReasons(LimitMask)) Limits.push_back({reason.Word, ToneOf(reason)});
-    if (Limits.empty()) Limits.push_back({kNotRead, Tone::Quiet});
+    const std::vector<LimitReason> reasons = LimitReasons(LimitMask);
+    for (const LimitReason& reason : reasons) {
+        if (!reason.bIdle) Limits.push_back({reason.Word, reason.bDanger ? Tone::Danger : Tone::Warning});
+    }
+    if (Limits.empty()) Limits.push_back({reasons.empty() ? kNotRead : "nothing, idle", Tone::Quiet});
 }
 
 void GpuFacts::UpdateState(const FeedMoment& moment) {

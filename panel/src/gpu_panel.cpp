@@ -127,6 +127,8 @@ void GpuPanel::Content::DrawTop(const FeedMoment& moment) {
     };
     const size_t count = data.Gpus.size();
     const auto live = static_cast<size_t>(std::count_if(data.Gpus.begin(), data.Gpus.end(), isLive));
+    // Without a GPU there is nothing to control; the notice below says what can be done.
+    if (count == 0) return;
     ImGui::AlignTextToFramePadding();
     ImGui::Text(count == 1 ? "%zu GPU" : "%zu GPUs", count);
     if (data.State == FeedState::Sampling && live < count) {
@@ -135,6 +137,7 @@ void GpuPanel::Content::DrawTop(const FeedMoment& moment) {
     }
     if (moment.bSimulated) {
         ImGui::SameLine();
+        ImGui::SetCursorPosY(ImGui::GetCursorPosY() + ImGui::GetStyle().FramePadding.y);
         Chip(CurrentPalette().Accent, "simulated");
     }
     DrawControls(moment);
@@ -202,9 +205,9 @@ void GpuPanel::Content::DrawNotice(const FeedMoment& moment) {
 void GpuPanel::Content::DrawUnavailable(const FeedData& data) {
     Banner(CurrentPalette().Warning, data.Status.c_str());
     ImGui::PushTextWrapPos(0.0F);
-    ImGui::TextDisabled("%s", "There are no readings without an NVIDIA GPU and its driver. Everything else goes on.");
+    ImGui::TextDisabled("%s", "GPU readings need an NVIDIA GPU and its driver. Nothing else depends on them.");
     ImGui::PopTextWrapPos();
-    if (ImGui::Button("Try again")) Feed->Resume();
+    if (ImGui::Button("Try again")) Feed->Rescan();
 }
 
 }  // namespace gpu_panel

@@ -17,8 +17,7 @@ namespace gpu_panel {
 namespace {
 
 // In font sizes.
-constexpr float kGaugeWidth = 11.0F;
-constexpr float kDetailWidth = 12.0F;
+constexpr float kCellWidth = 12.6F;
 constexpr float kFigureWidth = 3.6F;
 constexpr float kGoesBackWidth = 20.0F;
 
@@ -93,14 +92,16 @@ void PutGauge(ImVec2 from, float width, const char* label, const GaugeFact& fact
     }
 }
 
-/// Puts what is most important of a GPU to the left of `end`, in the same columns for all GPUs; the title, which begins
-/// at `titleX`, keeps some room. Result: where the figures begin.
-float PutHeadingFigures(const GpuFacts& facts, ImVec2 end, float titleX) {
+/// Puts what is most important of a GPU to the left of `end`, in the same columns for all GPUs, or its state where the
+/// figures are not those of now or gauges show them below anyway. The title, which begins at `titleX`, keeps some room.
+/// Result: where the figures begin.
+float PutHeadingFigures(const GpuFacts& facts, ImVec2 end, float titleX, bool bAlone) {
     const Palette palette = CurrentPalette();
     const float room = end.x - titleX;
-    if (!facts.IsCurrent()) {
+    if (bAlone || !facts.IsCurrent()) {
         const float width = std::min(ImGui::CalcTextSize(facts.StateText.c_str()).x, 0.6F * room);
-        PutFitted({end.x - width, end.y}, width + 1.0F, ColorOf(facts.State(), palette), facts.StateText);
+        const ImU32 color = facts.State() == GpuState::Live ? palette.Dim : ColorOf(facts.State(), palette);
+        PutFitted({end.x - width, end.y}, width + 1.0F, color, facts.StateText);
         return end.x - width;
     }
     const float column = kFigureWidth * ImGui::GetFontSize();
@@ -148,10 +149,10 @@ bool GpuSection::DrawHeading(bool bAlone, bool bOpenAtFirst) {
     const float left = from.x + (bAlone ? 0.0F : ImGui::GetTreeNodeToLabelSpacing());
     PutMark({left + 0.4F * em, (from.y + to.y) * 0.5F}, Facts.State(), palette);
     const float titleX = left + 1.1F * em;
-    float right = PutHeadingFigures(Facts, {to.x - 0.5F * em, y}, titleX);
+    float right = PutHeadingFigures(Facts, {to.x - (bAlone ? 0.0F : 0.5F * em), y}, titleX, bAlone);
     if (!Facts.Outstanding.empty()) right = PutRight({right - 0.5F * em, y}, palette.Warning, kChanged);
     PutFitted({titleX, y}, right - 0.5F * em - titleX, Facts.IsCurrent() ? palette.Text : palette.Dim, Facts.Title);
-    if (Facts.IsCurrent()) {
+    if (Facts.IsCurrent() && !bAlone) {
         ImGui::GetWindowDrawList()->AddRectFilled({from.x, to.y - std::max(0.12F * em, 1.0F)},
                                                   {from.x + (to.x - from.x) * Facts.Utilization, to.y}, palette.Accent);
     }
@@ -169,12 +170,15 @@ void GpuSection::DrawBody(const FeedMoment& moment, TimeAxis* axis) {
                                             : "This GPU has given no readings yet.");
     }
     if (Facts.HasValues()) {
+        ImGui::Spacing();
         DrawLimits();
+        ImGui::Spacing();
         DrawGauges();
         DrawDetails();
         if (ImGui::TreeNodeEx("History", kPartFlags | ImGuiTreeNodeFlags_DefaultOpen)) Plots.Draw(*Gpu, moment, axis);
     }
-    if (ImGui::TreeNodeEx("processes", kPartFlags, "Processes (%zu)", Gpu->Processes.size())) {
+    if (ImGui::TreeNodeEx("processes", kPartFlags | ImGuiTreeNodeFlags_DefaultOpen, "Processes (%zu)",
+                          Gpu->Processes.size())) {
         Processes.Draw(Gpu, moment.bSimulated, Facts.IsCurrent());
     }
     DrawTuning(moment);
@@ -211,20 +215,19 @@ void GpuSection::DrawLimits() {
     ImGui::TextUnformatted("Limited by");
     ImGui::PopStyleColor();
     for (const TonedWord& limit : Facts.Limits) {
+        const ImU32 color = Facts.IsCurrent() ? ColorOf(limit.Look, palette) : palette.Dim;
         SameLineIfRoomFor(ChipWidth(limit.Word));
-        Chip(Facts.IsCurrent() ? ColorOf(limit.Look, palette) : palette.Dim, limit.Word);
-    }
-    const float width = ImGui::CalcTextSize(Facts.StateText.c_str()).x;
-    const float right = ImGui::GetCursorScreenPos().x + ImGui::GetContentRegionAvail().x;
-    const ImVec2 last = {ImGui::GetItemRectMax().x, ImGui::GetItemRectMin().y};
-    if (Facts.IsCurrent() && last.x + ImGui::GetFontSize() + width <= right) {
-        PutRight({right, last.y}, palette.Dim, Facts.StateText);
+        if (limit.Look == Tone::Quiet) {
+            FittedText(ImGui::GetContentRegionAvail().x, color, limit.Word);
+        } else {
+            Chip(color, limit.Word);
+        }
     }
 }
 
 void GpuSection::DrawGauges() {
     const float em = ImGui::GetFontSize();
-    Grid grid(GpuFacts::kGaugeCount, kGaugeWidth * em, ImGui::GetTextLineHeight() + 0.9F * em);
+    Grid grid(GpuFacts::kGaugeCount, kCellWidth * em, ImGui::GetTextLineHeight() + 1.1F * em);
     for (size_t i = 0; i < Facts.Gauges.size(); ++i) {
         PutGauge(grid.Next(), grid.CellWidth(), GpuFacts::kGaugeLabels[i], Facts.Gauges[i], Facts.IsCurrent());
     }
@@ -233,7 +236,7 @@ void GpuSection::DrawGauges() {
 void GpuSection::DrawDetails() {
     const Palette palette = CurrentPalette();
     const float em = ImGui::GetFontSize();
-    Grid grid(GpuFacts::kDetailCount, kDetailWidth * em, ImGui::GetTextLineHeightWithSpacing());
+    Grid grid(GpuFacts::kDetailCount, kCellWidth * em, ImGui::GetTextLineHeightWithSpacing());
     for (size_t i = 0; i < Facts.Details.size(); ++i) {
         const ImVec2 from = grid.Next();
         ImGui::GetWindowDrawList()->AddText(from, palette.Dim, GpuFacts::kDetailLabels[i]);
