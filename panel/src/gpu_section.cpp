@@ -188,13 +188,11 @@ void GpuSection::DrawBody(const FeedMoment& moment, TimeAxis* axis) {
 void GpuSection::DrawOutstanding(const FeedMoment& moment) {
     for (const OutstandingFact& fact : Facts.Outstanding) {
         ImGui::PushID(static_cast<int>(fact.Control));
-        ImGui::AlignTextToFramePadding();
         FittedText(ImGui::GetContentRegionAvail().x, CurrentPalette().Warning, fact.Text);
         // The part below asks, too.
         const bool bAsked = fact.Deadline > moment.Now && !bTuningOpen;
         if (bAsked) {
             SameLineIfRoomFor(ImGui::GetFontSize() * kGoesBackWidth);
-            ImGui::AlignTextToFramePadding();
             ImGui::Text("goes back in %.0f s", std::ceil(fact.Deadline - moment.Now));
             SameLineIfRoomFor(ButtonWidth("Keep") + ButtonWidth(kTakeBack));
             if (ImGui::SmallButton("Keep")) Feed->Keep(GpuKey, fact.Control);

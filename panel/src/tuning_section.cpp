@@ -37,15 +37,17 @@ void Wrapped(const std::string& text, ImU32 color) {
     ImGui::PopStyleColor();
 }
 
-/// A label before the next widget, or above it where there is no room, and the widget's width.
-void LabelNext(const char* label) {
+/// A label before the next widget, or above it where there is no room, and the widget's width, which leaves room for
+/// `others` beside it.
+void LabelNext(const char* label, float others = 0.0F) {
     const float em = ImGui::GetFontSize();
     const float available = ImGui::GetContentRegionAvail().x;
     const bool bBeside = available >= (kLabelWidth + 0.5F * kWidgetWidth) * em;
     ImGui::AlignTextToFramePadding();
     ImGui::TextUnformatted(label);
     if (bBeside) ImGui::SameLine(ImGui::GetCursorPosX() + kLabelWidth * em);
-    ImGui::SetNextItemWidth(std::min(ImGui::GetContentRegionAvail().x, kWidgetWidth * em));
+    const float room = ImGui::GetContentRegionAvail().x - others;
+    ImGui::SetNextItemWidth(std::clamp(room, em, kWidgetWidth * em));
 }
 
 /// "1500 MHz" in place.
@@ -190,9 +192,9 @@ void TuningSection::DrawClocks(const FeedMoment& moment) {
     if (Groups.empty()) return;
     DrawMemoryClock();
     DrawGraphicsClock();
-    DrawApply("Apply##clocks", moment, {Kind::LockClocks, Chosen});
+    DrawApply("Apply clocks", moment, {Kind::LockClocks, Chosen});
     ImGui::SameLine();
-    DrawApply("Release", moment, {Kind::ResetClocks});
+    DrawApply("Release clocks", moment, {Kind::ResetClocks});
 }
 
 void TuningSection::DrawMemoryClock() {
@@ -213,7 +215,8 @@ void TuningSection::DrawGraphicsClock() {
     const std::vector<int>& clocks = GraphicsClocks();
     const int last = static_cast<int>(clocks.size()) - 1;
     int place = static_cast<int>(GraphicsPlace());
-    LabelNext("Graphics clock");
+    const float arrow = ImGui::GetFrameHeight() + ImGui::GetStyle().ItemSpacing.x;
+    LabelNext("Graphics clock", 2.0F * arrow);
     // The place in the list is what moves; its clock is what shows.
     ImGui::SliderInt("##graphics", &place, 0, last, MegahertzText(Chosen.GraphicsClockMHz).data(),
                      ImGuiSliderFlags_NoInput);
@@ -234,15 +237,15 @@ void TuningSection::DrawPower(const FeedMoment& moment) {
     ImGui::SliderScalar("##watts", ImGuiDataType_Double, &Watts, &power.MinimumWatts, &power.MaximumWatts, "%.0f W");
     SameLineIfRoomFor(kTypedWidth * ImGui::GetFontSize());
     ImGui::SetNextItemWidth(std::min(ImGui::GetContentRegionAvail().x, kTypedWidth * ImGui::GetFontSize()));
-    ImGui::InputDouble("##typed", &Watts, 1.0, 10.0, "%.3f W");
+    ImGui::InputDouble("##typed", &Watts, 1.0, 10.0, "%g W");
     if (Watts != before) {
         PowerProblem = WhyNotPower(Watts, power);
         Hint.clear();
     }
-    DrawApply("Apply##power", moment, PowerChangeTo(Watts, power), PowerProblem);
+    DrawApply("Apply limit", moment, PowerChangeTo(Watts, power), PowerProblem);
     if (!CanSetDefaultPower(power)) return;
     ImGui::SameLine();
-    DrawApply("Default", moment, {Kind::ResetPower});
+    DrawApply("Default limit", moment, {Kind::ResetPower});
 }
 
 }  // namespace gpu_panel
