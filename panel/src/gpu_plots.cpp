@@ -43,7 +43,7 @@ void DrawValueLabels(const PlotFrame& frame, const ValueAxis& axis, ImVec2 corne
 void DrawValueLines(const PlotFrame& frame, const ValueAxis& axis, ImVec2 corner, ImDrawList* list) {
     const ImU32 color = FaintColor(0.1F);
     for (double value = axis.Step(); value < axis.Top() * 0.999; value += axis.Step()) {
-        const float y = std::floor(YOf(value, axis.Top(), corner.y, frame.FieldHeight())) + 0.5F;
+        const float y = std::floor(YOf(value, axis.Top(), corner.y, frame.FieldHeight()));
         list->AddLine(ImVec2(corner.x, y), ImVec2(corner.x + frame.FieldWidth, y), color);
     }
 }

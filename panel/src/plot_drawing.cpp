@@ -87,7 +87,8 @@ void DrawSinglePoint(ImDrawList* list, const CurvePoint& point, ImU32 color, flo
 void DrawConnection(ImDrawList* list, const CurvePoint& from, const CurvePoint& to, ImU32 color, float thickness) {
     const float fromY = std::clamp((to.Top + to.Bottom) / 2.0F, from.Top, from.Bottom);
     const float toY = std::clamp(fromY, to.Top, to.Bottom);
-    list->AddLine(ImVec2(from.X, fromY), ImVec2(to.X, toY), color, thickness);
+    // ImGui draws lines half a pixel to the right and below.
+    list->AddLine(ImVec2(from.X - 0.5F, fromY - 0.5F), ImVec2(to.X - 0.5F, toY - 0.5F), color, thickness);
 }
 
 /// Whether the host's style has light text.

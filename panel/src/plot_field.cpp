@@ -7,6 +7,7 @@
 #include <optional>
 
 #include "gpu_feed/plotting.h"
+#include "gpu_feed/reading_text.h"
 #include "plot_drawing.h"
 
 using namespace gpu_feed;
@@ -24,7 +25,9 @@ constexpr float kScrollRoom = 1.0F;
 constexpr double kWheelZoom = 1.25;
 constexpr double kWheelPan = 0.1;
 
-constexpr float kLeastFontsBetweenTimes = 6.0F;
+constexpr float kLeastFontsBetweenTimes = 7.5F;
+/// On a longer axis, minutes are written as such.
+constexpr double kLongestInSeconds = 120.0;
 
 /// Calls `draw` with each moment that has a line. While the axis follows the present they stay where they are on the
 /// screen, else they move with the curves.
@@ -56,7 +59,7 @@ PlotField::PlotField(const PlotFrame& frame, const char* name, ImVec2 corner, fl
 PlotField::~PlotField() {
     if (Drawing != nullptr) {
         if (const std::optional<double> moment = Frame.Axis->Hovered()) {
-            const float x = std::floor(Frame.XOf(*moment, Corner.x)) + 0.5F;
+            const float x = std::floor(Frame.XOf(*moment, Corner.x));
             Drawing->AddLine(ImVec2(x, Corner.y), ImVec2(x, Corner.y + Height), FaintColor(0.7F));
         }
     }
@@ -88,7 +91,7 @@ void PlotField::TakeInput() {
 void PlotField::DrawTimeLines() {
     const ImU32 color = FaintColor(0.1F);
     ForTimeLines(Frame, [&](double moment, double) {
-        const float x = std::floor(Frame.XOf(moment, Corner.x)) + 0.5F;
+        const float x = std::floor(Frame.XOf(moment, Corner.x));
         Drawing->AddLine(ImVec2(x, Corner.y), ImVec2(x, Corner.y + Height), color);
     });
 }
@@ -104,6 +107,8 @@ void DrawTimeLabels(const PlotFrame& frame, ImVec2 corner) {
             std::snprintf(text, sizeof(text), "%s", frame.TimeOfDay(moment, step < 60.0).data());
         } else if (ago < 1.0) {
             std::snprintf(text, sizeof(text), "now");
+        } else if (frame.Axis->Length() <= kLongestInSeconds) {
+            std::snprintf(text, sizeof(text), "-%s s", Number(ago, 0).c_str());
         } else {
             std::snprintf(text, sizeof(text), "-%s", DurationText(ago).c_str());
         }

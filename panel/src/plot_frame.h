@@ -31,7 +31,7 @@ public:
     const float Gutter;
     /// The fields have whole columns.
     const float FieldWidth;
-    float FieldHeight() const { return 4.5F * Font; }
+    float FieldHeight() const { return 5.0F * Font; }
     float BandHeight() const { return 0.75F * Font; }
     float HeadingHeight() const { return 1.25F * Font; }
     /// Between plots.

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstdio>
+#include <cstring>
 #include <optional>
 #include <string>
 
@@ -26,12 +27,15 @@ class Parts {
 public:
     explicit Parts(float font) : Font(font) {}
 
-    Part* Add(ImU32 color) {
-        if (Count == List.size()) return &List.back();
-        List[Count].Color = color;
-        return &List[Count++];
+    void Add(ImU32 color) {
+        if (Count < List.size()) List[Count++] = {color};
     }
-    Part& Last() { return List[Count - 1]; }
+    /// To the text of the part that was added last.
+    void Append(const char* text) {
+        auto& last = List[Count - 1].Text;
+        const size_t length = std::strlen(last.data());
+        std::snprintf(last.data() + length, last.size() - length, "%s", text);
+    }
 
     float Width() const {
         float width = 0.0F;
@@ -71,13 +75,14 @@ Parts ValuesOf(const PlotFrame& frame, const PlotKind& plot, bool bNamed) {
     const bool bSquares = plot.EndCurve - plot.FirstCurve > 1 && kCurves[plot.EndCurve - 1].Role != CurveRole::Ceiling;
     for (size_t i = plot.FirstCurve; i < plot.EndCurve; ++i) {
         const Curve& curve = kCurves[i];
-        const std::string value = ValueText(curve, plot, frame.Shown);
-        if (!bNamed && curve.Role == CurveRole::Ceiling) continue;
-        Part* const part = parts.Add(bSquares ? ColorOf(curve.Role) : 0);
-        const bool bLast = i + 1 == plot.EndCurve || (!bNamed && kCurves[i + 1].Role == CurveRole::Ceiling);
-        std::snprintf(part->Text.data(), part->Text.size(), "%s%s%s%s", bNamed ? curve.Name : "", value.c_str(),
-                      bLast ? " " : "", bLast ? plot.Unit : "");
+        const bool bCeiling = curve.Role == CurveRole::Ceiling;
+        if (bCeiling && !bNamed) continue;
+        if (!bCeiling) parts.Add(bSquares ? ColorOf(curve.Role) : 0);
+        parts.Append(bNamed ? curve.Name : "");
+        parts.Append(ValueText(curve, plot, frame.Shown).c_str());
     }
+    parts.Append(" ");
+    parts.Append(plot.Unit);
     return parts;
 }
 
@@ -112,19 +117,22 @@ void DrawReasonHeading(const PlotFrame& frame, uint64_t reasons, ImVec2 position
     static constexpr const char* kTitle = "Limited by";
     const float room = frame.Width - ImGui::CalcTextSize(kTitle).x - frame.Font;
     Parts parts(frame.Font);
-    size_t left = 0;
+    int left = 0;
     for (size_t bit = 0; bit < 64; ++bit) {
         if ((reasons >> bit & 1U) == 0) continue;
         Parts longer = parts;
-        std::snprintf(longer.Add(ColorOfReason(bit))->Text.data(), sizeof(Part::Text), "%s", ReasonWord(bit));
+        longer.Add(ColorOfReason(bit));
+        longer.Append(ReasonWord(bit));
         if (longer.Width() > room) {
             ++left;
         } else {
             parts = longer;
         }
     }
-    if (left > 0) std::snprintf(parts.Add(0)->Text.data(), sizeof(Part::Text), "+%zu", left);
-    if (reasons == 0) std::snprintf(parts.Add(0)->Text.data(), sizeof(Part::Text), "%s", kNotRead);
+    if (left > 0 || reasons == 0) {
+        parts.Add(0);
+        parts.Append(reasons == 0 ? kNotRead : ('+' + std::to_string(left)).c_str());
+    }
     DrawLine(frame, position, kTitle, parts, "");
 }
 

@@ -47,12 +47,12 @@ inline constexpr std::array kCurves = {
     Curve{gpu_feed::ReadingId::Power, "", CurveRole::First},
     Curve{gpu_feed::ReadingId::PowerLimit, "limit ", CurveRole::Limit},
     Curve{gpu_feed::ReadingId::Temperature, "", CurveRole::First},
-    Curve{gpu_feed::ReadingId::GraphicsClock, "graphics ", CurveRole::First},
-    Curve{gpu_feed::ReadingId::MemoryClock, "memory ", CurveRole::Second},
+    Curve{gpu_feed::ReadingId::GraphicsClock, "", CurveRole::First},
+    Curve{gpu_feed::ReadingId::MemoryClock, "", CurveRole::First},
     Curve{gpu_feed::ReadingId::GpuUtilization, "GPU ", CurveRole::First},
     Curve{gpu_feed::ReadingId::MemoryUtilization, "memory ", CurveRole::Second},
     Curve{gpu_feed::ReadingId::VramUsed, "", CurveRole::First, kMiBPerGiB},
-    Curve{gpu_feed::ReadingId::VramTotal, "of ", CurveRole::Ceiling, kMiBPerGiB},
+    Curve{gpu_feed::ReadingId::VramTotal, " of ", CurveRole::Ceiling, kMiBPerGiB},
     Curve{gpu_feed::ReadingId::PcieReceive, "rx ", CurveRole::First},
     Curve{gpu_feed::ReadingId::PcieTransmit, "tx ", CurveRole::Second},
     Curve{gpu_feed::ReadingId::Fan, "", CurveRole::First},
@@ -60,10 +60,16 @@ inline constexpr std::array kCurves = {
 
 /// In the order in which they are shown.
 inline constexpr std::array kPlots = {
-    PlotKind{"Frame time", "ms", 2, 1.0, 0, 1},   PlotKind{"Power", "W", 1, 1.0, 1, 3},
-    PlotKind{"Temperature", "C", 0, 100.0, 3, 4}, PlotKind{"Clocks", "MHz", 0, 1.0, 4, 6},
-    PlotKind{"Utilization", "%", 0, 100.0, 6, 8}, PlotKind{"Video memory", "GiB", 2, 0.01, 8, 10},
-    PlotKind{"PCIe", "MiB/s", 1, 1.0, 10, 12},    PlotKind{"Fan", "%", 0, 100.0, 12, 13},
+    PlotKind{"Frame time", "ms", 2, 1.0, 0, 1},
+    PlotKind{"Power", "W", 1, 1.0, 1, 3},
+    PlotKind{"Temperature", "C", 0, 100.0, 3, 4},
+    // Apart, because memory clocks are several times higher.
+    PlotKind{"Graphics clock", "MHz", 0, 1.0, 4, 5},
+    PlotKind{"Memory clock", "MHz", 0, 1.0, 5, 6},
+    PlotKind{"Utilization", "%", 0, 100.0, 6, 8},
+    PlotKind{"Video memory", "GiB", 2, 0.01, 8, 10},
+    PlotKind{"PCIe", "MiB/s", 1, 1.0, 10, 12},
+    PlotKind{"Fan", "%", 0, 100.0, 12, 13},
 };
 /// The plot below which the limiting reasons are shown.
 inline constexpr size_t kPowerPlot = 1;
