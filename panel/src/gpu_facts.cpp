@@ -7,7 +7,6 @@
 #include "gpu_feed/gpu_summary.h"
 #include "gpu_feed/limit_reasons.h"
 #include "gpu_feed/reading_text.h"
-#include "gpu_feed/tuning_text.h"
 
 using namespace gpu_feed;
 
@@ -53,14 +52,21 @@ constexpr std::array<Gauge, GpuFacts::kGaugeCount> kGauges = {{
     {"Decoder", ReadingId::DecoderUtilization},
 }};
 
+/// "1 / 2 MiB"; a part without a whole stands alone.
+void WritePart(ReadingId part, ReadingId whole, const Sample& sample, std::string* text) {
+    const bool bWhole = ReadingValue(part, sample) && ReadingValue(whole, sample);
+    *text += bWhole ? ReadingNumber(part, sample) : ReadingText(part, sample);
+    if (!bWhole) return;
+    *text += " / ";
+    *text += ReadingText(whole, sample);
+}
+
 void WriteGauge(const Gauge& gauge, const Sample& sample, GaugeFact* fact) {
     const std::optional<double> value = ReadingValue(gauge.Shown, sample);
     const std::optional<double> whole = gauge.Whole ? ReadingValue(*gauge.Whole, sample) : std::nullopt;
     fact->Value.clear();
-    if (value && whole) {
-        fact->Value += ReadingNumber(gauge.Shown, sample);
-        fact->Value += " / ";
-        fact->Value += ReadingText(*gauge.Whole, sample);
+    if (gauge.Whole) {
+        WritePart(gauge.Shown, *gauge.Whole, sample, &fact->Value);
     } else {
         fact->Value += ReadingText(gauge.Shown, sample);
     }
@@ -91,16 +97,15 @@ void WritePerformanceState(const FeedGpu& gpu, std::string* text) {
 }
 
 void WriteLink(const FeedGpu& gpu, std::string* text) {
-    *text += "gen ";
+    if (ReadingValue(ReadingId::PcieGeneration, gpu.Latest)) *text += "gen ";
     *text += ReadingText(ReadingId::PcieGeneration, gpu.Latest);
+    if (!ReadingValue(ReadingId::PcieWidth, gpu.Latest)) return;
     *text += " x";
     *text += ReadingNumber(ReadingId::PcieWidth, gpu.Latest);
 }
 
 void WriteBar1(const FeedGpu& gpu, std::string* text) {
-    *text += ReadingNumber(ReadingId::Bar1Used, gpu.Latest);
-    *text += " / ";
-    *text += ReadingText(ReadingId::Bar1Total, gpu.Latest);
+    WritePart(ReadingId::Bar1Used, ReadingId::Bar1Total, gpu.Latest, text);
 }
 
 void WriteEnergy(const FeedGpu& gpu, std::string* text) {
@@ -196,13 +201,7 @@ void GpuFacts::UpdateOutstanding(const FeedData& data) {
         const TuningRecord* const record = data.FindOutstanding(Shown->Key, control);
         if (record == nullptr) continue;
         if (Outstanding.size() <= count) Outstanding.emplace_back();
-        OutstandingFact& fact = Outstanding[count++];
-        if (fact.Text.empty() || fact.InForce != record->InForce)
-            fact.Text = "Changed here: " + OutcomeText(record->InForce);
-        fact.Control = control;
-        fact.InForce = record->InForce;
-        fact.Deadline = record->Deadline;
-        fact.Problem = record->Problem.empty() ? record->Warning : record->Problem;
+        Outstanding[count++].Update(*record, "Changed here: ");
     }
     Outstanding.resize(count);
 }

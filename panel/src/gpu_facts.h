@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "gpu_feed/feed_data.h"
+#include "outstanding.h"
 
 namespace gpu_panel {
 
@@ -27,17 +28,6 @@ struct GaugeFact {
 struct TonedWord {
     std::string Word;
     Tone Look = Tone::Normal;
-};
-
-/// A setting that the program has changed and not taken back.
-struct OutstandingFact {
-    gpu_feed::TuningControl Control = gpu_feed::TuningControl::Clocks;
-    gpu_feed::TuningChange InForce{gpu_feed::TuningChange::Kind::ResetClocks};
-    /// When it goes back by itself; 0 when it was kept.
-    double Deadline = 0.0;
-    std::string Text;
-    /// What the user should know about it; may be empty.
-    std::string Problem;
 };
 
 /// What is shown of one GPU, in words and fractions. Texts are written in place, so that once they have been as long as
@@ -67,7 +57,8 @@ public:
     std::array<GaugeFact, kGaugeCount> Gauges;
     std::array<std::string, kDetailCount> Details;
     std::vector<TonedWord> Limits;
-    std::vector<OutstandingFact> Outstanding;
+    /// What the program has changed and not taken back.
+    std::vector<OutstandingChange> Outstanding;
 
 private:
     void UpdateValues();

@@ -13,7 +13,9 @@
 #include "gpu_section.h"
 #include "imgui.h"
 #include "look.h"
+#include "outstanding.h"
 #include "time_axis.h"
+#include "time_row.h"
 
 using namespace gpu_feed;
 using std::chrono::milliseconds;
@@ -36,6 +38,8 @@ constexpr IntervalChoice kIntervals[] = {
 /// In font sizes.
 constexpr float kIntervalWidth = 6.0F;
 
+constexpr const char* kRescan = "Rescan";
+
 /// What the button that ends or resumes sampling is called.
 const char* PauseLabel(FeedState state) {
     return state == FeedState::Paused ? "Resume" : "Pause";
@@ -52,6 +56,7 @@ public:
 
 private:
     void TakeGpus(const FeedData& data);
+    void TakeMissing(const FeedData& data);
     void DrawTop(const FeedMoment& moment);
     void DrawControls(const FeedMoment& moment);
     void DrawInterval(milliseconds interval);
@@ -63,6 +68,10 @@ private:
     TimeAxis Axis;
     /// In the order of `FeedData::Gpus`.
     std::vector<std::unique_ptr<GpuSection>> Sections;
+    /// Changes of GPUs that a rescan did not find any more.
+    std::vector<OutstandingChange> Missing;
+    /// What these were taken from.
+    std::shared_ptr<const FeedData> Taken;
     /// `DriverSilenceText` of this many seconds.
     std::string SilenceLine;
     double SilenceSeconds = 0.0;
@@ -90,10 +99,20 @@ void GpuPanel::DrawWindow(const char* title, bool* open) {
 void GpuPanel::Content::Draw() {
     const FeedMoment moment = Feed->Moment();
     const FeedData& data = *moment.Data;
-    TakeGpus(data);
+    if (Taken != moment.Data) {
+        Taken = moment.Data;
+        TakeGpus(data);
+        TakeMissing(data);
+    }
     Axis.Update(moment.Now);
     DrawTop(moment);
     DrawNotice(moment);
+    for (size_t i = 0; i < Missing.size(); ++i) {
+        ImGui::PushID(static_cast<int>(i));
+        Missing[i].Draw(Feed, moment.Now, true);
+        ImGui::PopID();
+    }
+    if (!Sections.empty()) DrawTimeRow(&Axis);
     const bool bAlone = Sections.size() == 1;
     for (size_t i = 0; i < Sections.size(); ++i) {
         Sections[i]->Update(moment, data.Gpus[i]);
@@ -115,6 +134,14 @@ void GpuPanel::Content::TakeGpus(const FeedData& data) {
                                                    : std::make_unique<GpuSection>(Feed, gpu->Key, SimulateOption));
     }
     Sections = std::move(sections);
+}
+
+void GpuPanel::Content::TakeMissing(const FeedData& data) {
+    Missing.clear();
+    for (const TuningRecord& record : data.Tuning) {
+        if (!record.IsOutstanding() || data.Find(record.GpuKey) != nullptr) continue;
+        Missing.emplace_back().Update(record, (GpuInSentence(record.Device) + ": ").c_str());
+    }
 }
 
 // ---- Top ----
@@ -144,21 +171,20 @@ void GpuPanel::Content::DrawTop(const FeedMoment& moment) {
 }
 
 void GpuPanel::Content::DrawControls(const FeedMoment& moment) {
-    const ImGuiStyle& style = ImGui::GetStyle();
     const FeedState state = moment.Data->State;
-    const float width = kIntervalWidth * ImGui::GetFontSize() + ButtonWidth(PauseLabel(state)) + ButtonWidth("Rescan") +
-                        2.0F * style.ItemSpacing.x;
+    const float width = kIntervalWidth * ImGui::GetFontSize() + ButtonWidth(PauseLabel(state)) + ButtonWidth(kRescan) +
+                        2.0F * ImGui::GetStyle().ItemSpacing.x;
     SameLineIfRoomFor(width + ImGui::GetFontSize());
     const float room = ImGui::GetContentRegionAvail().x;
     ImGui::SetCursorPosX(ImGui::GetCursorPosX() + std::max(room - width, 0.0F));
     DrawInterval(moment.Data->Interval);
-    ImGui::SameLine();
+    SameLineIfRoomFor(ButtonWidth(PauseLabel(state)));
     const bool bPaused = state == FeedState::Paused;
     ImGui::BeginDisabled(!bPaused && state != FeedState::Sampling);
     if (ImGui::Button(PauseLabel(state))) bPaused ? Feed->Resume() : Feed->Pause();
     ImGui::EndDisabled();
-    ImGui::SameLine();
-    if (ImGui::Button("Rescan")) Feed->Rescan();
+    SameLineIfRoomFor(ButtonWidth(kRescan));
+    if (ImGui::Button(kRescan)) Feed->Rescan();
     if (ImGui::IsItemHovered()) ImGui::SetTooltip("Looks anew for the driver and its GPUs.");
 }
 
@@ -198,7 +224,7 @@ void GpuPanel::Content::DrawNotice(const FeedMoment& moment) {
     } else if (data.State == FeedState::Unavailable) {
         DrawUnavailable(data);
     } else if (data.State == FeedState::Paused) {
-        Banner(palette.Warning, "Paused: the values are those from before the pause.");
+        Banner(palette.Warning, "Paused: values are from before the pause.");
     }
 }
 

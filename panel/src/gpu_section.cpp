@@ -19,10 +19,8 @@ namespace {
 // In font sizes.
 constexpr float kCellWidth = 12.6F;
 constexpr float kFigureWidth = 3.6F;
-constexpr float kGoesBackWidth = 20.0F;
 
 constexpr ImGuiTreeNodeFlags kPartFlags = ImGuiTreeNodeFlags_SpanAvailWidth | ImGuiTreeNodeFlags_NoTreePushOnOpen;
-constexpr const char* kTakeBack = "Take back";
 /// Marks a GPU whose settings the program has changed.
 constexpr std::string_view kChanged = "changed";
 constexpr std::string_view kUnknown = kNotRead;
@@ -92,24 +90,35 @@ void PutGauge(ImVec2 from, float width, const char* label, const GaugeFact& fact
     }
 }
 
-/// Puts what is most important of a GPU to the left of `end`, in the same columns for all GPUs, or its state where the
-/// figures are not those of now or gauges show them below anyway. The title, which begins at `titleX`, keeps some room.
-/// Result: where the figures begin.
-float PutHeadingFigures(const GpuFacts& facts, ImVec2 end, float titleX, bool bAlone) {
+/// Puts the state of a GPU to the left of `end`, as far as there is `room`. Result: where it begins.
+float PutState(const GpuFacts& facts, ImVec2 end, float room) {
     const Palette palette = CurrentPalette();
-    const float room = end.x - titleX;
-    if (bAlone || !facts.IsCurrent()) {
-        const float width = std::min(ImGui::CalcTextSize(facts.StateText.c_str()).x, 0.6F * room);
-        const ImU32 color = facts.State() == GpuState::Live ? palette.Dim : ColorOf(facts.State(), palette);
-        PutFitted({end.x - width, end.y}, width + 1.0F, color, facts.StateText);
-        return end.x - width;
-    }
+    const float width = std::min(ImGui::CalcTextSize(facts.StateText.c_str()).x, room);
+    const ImU32 color = facts.State() == GpuState::Live ? palette.Dim : ColorOf(facts.State(), palette);
+    PutFitted({end.x - width, end.y}, width + 1.0F, color, facts.StateText);
+    return end.x - width;
+}
+
+/// Puts what is most important of a GPU to the left of `end`, in the same columns for all GPUs, as far as there is
+/// `room`. Result: where it begins.
+float PutKeyFigures(const GpuFacts& facts, ImVec2 end, float room) {
     const float column = kFigureWidth * ImGui::GetFontSize();
-    for (size_t i = facts.KeyFigures.size(); i-- > 0 && end.x - column >= titleX + 0.4F * room;) {
-        PutRight(end, palette.Text, facts.KeyFigures[i]);
+    const float least = end.x - room;
+    for (size_t i = facts.KeyFigures.size(); i-- > 0 && end.x - column >= least;) {
+        PutRight(end, CurrentPalette().Text, facts.KeyFigures[i]);
         end.x -= column;
     }
     return end.x;
+}
+
+/// Puts the right part of a heading to the left of `end`; the title begins at `titleX`. Result: where it begins.
+float PutHeadingEnd(const GpuFacts& facts, ImVec2 end, float titleX, bool bAlone) {
+    const float room = end.x - titleX;
+    if (!facts.IsCurrent()) return PutState(facts, end, 0.6F * room);
+    if (!bAlone) return PutKeyFigures(facts, end, 0.6F * room);
+    // The gauges are right below. The title is more important than a state without a problem.
+    const float width = ImGui::CalcTextSize(facts.StateText.c_str()).x + ImGui::GetFontSize();
+    return ImGui::CalcTextSize(facts.Title.c_str()).x + width <= room ? PutState(facts, end, room) : end.x;
 }
 
 }  // namespace
@@ -149,7 +158,7 @@ bool GpuSection::DrawHeading(bool bAlone, bool bOpenAtFirst) {
     const float left = from.x + (bAlone ? 0.0F : ImGui::GetTreeNodeToLabelSpacing());
     PutMark({left + 0.4F * em, (from.y + to.y) * 0.5F}, Facts.State(), palette);
     const float titleX = left + 1.1F * em;
-    float right = PutHeadingFigures(Facts, {to.x - (bAlone ? 0.0F : 0.5F * em), y}, titleX, bAlone);
+    float right = PutHeadingEnd(Facts, {to.x - (bAlone ? 0.0F : 0.5F * em), y}, titleX, bAlone);
     if (!Facts.Outstanding.empty()) right = PutRight({right - 0.5F * em, y}, palette.Warning, kChanged);
     PutFitted({titleX, y}, right - 0.5F * em - titleX, Facts.IsCurrent() ? palette.Text : palette.Dim, Facts.Title);
     if (Facts.IsCurrent() && !bAlone) {
@@ -162,7 +171,8 @@ bool GpuSection::DrawHeading(bool bAlone, bool bOpenAtFirst) {
 // ---- Body ----
 
 void GpuSection::DrawBody(const FeedMoment& moment, TimeAxis* axis) {
-    DrawOutstanding(moment);
+    // An open part for clocks and power asks there.
+    for (const OutstandingChange& change : Facts.Outstanding) change.Draw(Feed, moment.Now, !bTuningOpen);
     // The panel says it once for all GPUs when the driver hangs.
     if (Facts.State() == GpuState::NoData && !IsDriverHanging(moment)) {
         Banner(CurrentPalette().Danger, Facts.HasValues()
@@ -183,28 +193,6 @@ void GpuSection::DrawBody(const FeedMoment& moment, TimeAxis* axis) {
     }
     DrawTuning(moment);
     if (ImGui::TreeNodeEx("About this GPU", kPartFlags)) DrawIdentity();
-}
-
-void GpuSection::DrawOutstanding(const FeedMoment& moment) {
-    for (const OutstandingFact& fact : Facts.Outstanding) {
-        ImGui::PushID(static_cast<int>(fact.Control));
-        FittedText(ImGui::GetContentRegionAvail().x, CurrentPalette().Warning, fact.Text);
-        // The part below asks, too.
-        const bool bAsked = fact.Deadline > moment.Now && !bTuningOpen;
-        if (bAsked) {
-            SameLineIfRoomFor(ImGui::GetFontSize() * kGoesBackWidth);
-            ImGui::Text("goes back in %.0f s", std::ceil(fact.Deadline - moment.Now));
-            SameLineIfRoomFor(ButtonWidth("Keep") + ButtonWidth(kTakeBack));
-            if (ImGui::SmallButton("Keep")) Feed->Keep(GpuKey, fact.Control);
-            ImGui::SameLine();
-        } else {
-            SameLineIfRoomFor(ButtonWidth(kTakeBack));
-        }
-        // How it ended is seen in what is published.
-        if (ImGui::SmallButton(kTakeBack)) static_cast<void>(Feed->TakeBack(GpuKey, fact.Control));
-        if (!fact.Problem.empty()) Banner(CurrentPalette().Danger, fact.Problem.c_str());
-        ImGui::PopID();
-    }
 }
 
 void GpuSection::DrawLimits() {

@@ -31,7 +31,6 @@ public:
 private:
     bool DrawHeading(bool bAlone, bool bOpenAtFirst);
     void DrawBody(const gpu_feed::FeedMoment& moment, TimeAxis* axis);
-    void DrawOutstanding(const gpu_feed::FeedMoment& moment);
     void DrawLimits();
     void DrawGauges();
     void DrawDetails();
