@@ -79,13 +79,13 @@ struct TuningRecord {
     TuningChange Previous;
     /// When it goes back without being asked, in steady-clock seconds; 0 when it was kept or has gone back.
     double Deadline = 0.0;
-    /// Whether NVML was started anew and did not find the GPU. Nothing is asked of it then, because its index may be
-    /// that of another one now.
-    bool bGpuGone = false;
     /// Why it could not go back, for the user; empty unless that has failed.
     std::string Problem = {};
     /// A warning of the journal about the latest change, for the user; usually empty. See `ChangeJournal`.
     std::string Warning = {};
+    /// Whether NVML was started anew and did not find the GPU. Nothing is asked of it then, because its index may be
+    /// that of another one now.
+    bool bGpuGone = false;
 
     /// Whether there is anything to take back.
     bool IsOutstanding() const { return InForce != Before; }
