@@ -126,7 +126,7 @@ void GpuPlots::DrawPlot(const PlotFrame& frame, size_t plot, ImVec2 position) {
     const ImVec2 corner(position.x + frame.Gutter, position.y + frame.HeadingHeight());
     const ImVec2 end(corner.x + frame.FieldWidth, corner.y + frame.FieldHeight());
     if (!ImGui::IsRectVisible(position, end)) return;
-    DrawHeading(frame, plot, position);
+    DrawHeading(frame, Columns, plot, position);
     FitAxis(plot);
     const ValueAxis& axis = Axes[plot];
     if (frame.Gutter > 0.0F) DrawValueLabels(frame, axis, corner, ImGui::GetWindowDrawList());
