@@ -1,0 +1,5 @@
+#include "scene/scene.h"
+
+int main() {
+    return 0;
+}
