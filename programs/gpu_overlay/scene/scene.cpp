@@ -12,8 +12,8 @@
 
 namespace {
 
-constexpr int kSolidsPerLoad = 140;
-constexpr int kLightsPerLoad = 8;
+constexpr int kSolidsPerLoad = 100;
+constexpr int kLightsPerLoad = 6;
 constexpr int kLights = kLightsPerLoad * Scene::kGreatestLoad;
 constexpr int kFaces = 6;
 constexpr GLuint kFrameBinding = 0;
@@ -83,7 +83,7 @@ void PlaceLights(SceneFrame* frame, float seconds, int count) {
         const float angle = 6.2831853F * fraction(0.5698403F) + seconds * (0.10F + 0.25F * fraction(0.3247180F));
         const float height = 0.9F + 0.9F * fraction(0.8191725F) + 0.35F * std::sin(seconds * 0.6F + number);
         frame->Lights[static_cast<std::size_t>(i)] = {radius * std::cos(angle), height, radius * std::sin(angle),
-                                                      static_cast<float>(i % 2)};
+                                                      0.5F + 0.5F * std::sin(angle)};
     }
 }
 
@@ -128,11 +128,12 @@ void Scene::Draw(int width, int height, double seconds, int load) {
     if (width <= 0 || height <= 0) return;
     const int solids = kSolidsPerLoad * load;
     const int lights = kLightsPerLoad * load;
-    const int cells = 4 + 2 * (load / 25);
+    const int cells = 4 + 2 * (load / 20);
     const int trianglesPerSolid = kFaces * cells * cells * 2;
     SceneFrame frame;
     PlaceCamera(&frame, static_cast<float>(seconds), static_cast<float>(width) / static_cast<float>(height));
     PlaceLights(&frame, static_cast<float>(seconds), lights);
+    frame.Lens[2] = std::pow(static_cast<float>(lights), -0.8F);
     frame.Counts = {solids, cells, lights, 0};
 
     glViewport(0, 0, width, height);

@@ -9,19 +9,19 @@ layout(std140) uniform Frame {
     mat4 ViewProjection;
     mat4 ViewToWorld;
     vec4 Eye;      // w: seconds
-    vec4 Lens;     // xy: half the picture at distance 1
-    ivec4 Counts;  // x: solids, y: cells along an edge of a face, z: lights
-    vec4 Lights[800];  // w: 0 is cool, 1 is warm
+    vec4 Lens;     // xy: half the picture at distance 1, z: strength of each light
+    ivec4 Counts;     // x: solids, y: cells along an edge of a face, z: lights
+    vec4 Lights[600];  // w: 0 is cool, 1 is warm
 };
 const float kFieldRadius = 10.0;
-const vec3 kCool = vec3(0.10, 0.52, 1.00);
-const vec3 kWarm = vec3(1.00, 0.42, 0.12);
+const vec3 kCool = vec3(0.05, 0.46, 1.00);
+const vec3 kWarm = vec3(1.00, 0.36, 0.08);
 
 // What is behind everything, in the direction `ray`.
 vec3 Sky(vec3 ray) {
     float height = clamp(ray.y * 1.6 + 0.35, 0.0, 1.0);
-    vec3 sky = mix(vec3(0.022, 0.030, 0.050), vec3(0.004, 0.006, 0.013), height);
-    return sky + vec3(0.045, 0.065, 0.100) * exp(-36.0 * ray.y * ray.y);
+    vec3 sky = mix(vec3(0.003, 0.005, 0.010), vec3(0.002, 0.003, 0.008), height);
+    return sky + vec3(0.016, 0.026, 0.050) * exp(-22.0 * ray.y * ray.y);
 }
 
 // The light that the haze scatters into the eye along the first `reach` of the way.
@@ -36,7 +36,7 @@ vec3 Glow(vec3 ray, float reach) {
         float passed = a / (1.0 + abs(a)) + b / (1.0 + abs(b));
         sum += mix(kCool, kWarm, Lights[i].w) * (passed * scale);
     }
-    return sum * (0.030 / float(Counts.z));
+    return sum * (0.045 * Lens.z);
 }
 
 // From light to the values of a screen, with a little noise against visible steps.
@@ -89,8 +89,10 @@ void main() {
     vec3 normal = normalize(cube - core);
 
     // The golden angle fills the disc evenly, like the seeds of a sunflower. As an integer it loses no digits.
-    float turn = float(uint(gl_InstanceID) * 2654435769u) * (6.2831853 / 4294967296.0);
-    float radius = kFieldRadius * sqrt((float(gl_InstanceID) + 0.5) / float(Counts.x));
+    // From the rim inwards, because what is near to the eye hides much of the rest.
+    int seed = Counts.x - 1 - gl_InstanceID;
+    float turn = float(uint(seed) * 2654435769u) * (6.2831853 / 4294967296.0);
+    float radius = kFieldRadius * sqrt((float(seed) + 0.5) / float(Counts.x));
     float time = Eye.w;
     vec2 place = radius * vec2(cos(turn + time * 0.03), sin(turn + time * 0.03));
     float swell = sin(radius * 1.15 - time * 1.3) * 0.55 + sin(place.x * 0.55 + time * 0.7) * 0.45;
@@ -131,8 +133,8 @@ void main() {
     float open = smoothstep(-1.6, 0.8, Position.y) * (0.65 + 0.35 * normal.y);
     float moon = max(dot(normal, normalize(vec3(-0.5, 0.8, 0.3))), 0.0);
     float rim = pow(1.0 - max(dot(normal, toEye), 0.0), 4.0);
-    vec3 light = Albedo * (open * vec3(0.10, 0.13, 0.20) + open * moon * vec3(0.55, 0.60, 0.72));
-    light += (Albedo + 0.04) * near * (9.0 / float(Counts.z));
+    vec3 light = Albedo * (open * vec3(0.05, 0.07, 0.12) + open * moon * vec3(0.16, 0.20, 0.30));
+    light += (Albedo + 0.04) * near * (10.0 * Lens.z);
     light += rim * open * vec3(0.08, 0.13, 0.22);
     float clear = exp(-0.0022 * reach * reach);
     Color = vec4(Develop(mix(Sky(-toEye), light, clear) + Glow(-toEye, reach), gl_FragCoord.xy), 1.0);
