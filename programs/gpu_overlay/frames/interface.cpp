@@ -1,8 +1,8 @@
 #include "frames/interface.h"
 
-#include <imgui.h>
 #include <backends/imgui_impl_glfw.h>
 #include <backends/imgui_impl_opengl3.h>
+#include <imgui.h>
 
 #include <cmath>
 
