@@ -94,9 +94,10 @@ void DefineOptions(CLI::App* app, CommandLine* commandLine) {
     app->add_option("--load", options->Loads, "Work of the scene, 1 to 100; with --frames,\nalso several: 1,10,100")
         ->type_name("LOAD")
         ->delimiter(',')
+        ->allow_extra_args(false)
         ->check(WholeNumberError)
         ->check(InRange(kLeastLoad, kMostLoad))
-        ->capture_default_str();
+        ->default_str("10");
     app->add_option("--size", commandLine->Size, "Size of the window in pixels")
         ->type_name("WxH")
         ->check(SizeError)

@@ -1,5 +1,6 @@
 #include "run/run_report.h"
 
+#include <cmath>
 #include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -19,8 +20,13 @@ void AddDistribution(Json* json, const char* name, const std::vector<LoggedFrame
     }
     const std::optional<Distribution> found = DistributionOf(values);
     if (!found) return;
-    (*json)[name] = {{"frames", found->Count},     {"mean", found->Mean},        {"median", found->Median},
-                     {"p90", found->Percentile90}, {"p99", found->Percentile99}, {"worst", found->Worst}};
+    const auto microseconds = [](double value) { return std::round(value * 1e3) / 1e3; };
+    (*json)[name] = {{"frames", found->Count},
+                     {"mean", microseconds(found->Mean)},
+                     {"median", microseconds(found->Median)},
+                     {"p90", microseconds(found->Percentile90)},
+                     {"p99", microseconds(found->Percentile99)},
+                     {"worst", microseconds(found->Worst)}};
 }
 
 void AddFrames(Json* json, const std::vector<LoggedFrame>& frames) {

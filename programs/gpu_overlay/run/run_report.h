@@ -3,9 +3,9 @@
 
 #include <string>
 
+#include "frames/frame_log.h"
 #include "frames/stage.h"
 #include "gpu_feed/feed_data.h"
-#include "run/frame_log.h"
 
 /// How a run was.
 struct RunFacts {

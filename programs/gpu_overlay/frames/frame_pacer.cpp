@@ -1,4 +1,4 @@
-#include "run/frame_pacer.h"
+#include "frames/frame_pacer.h"
 
 #include <algorithm>
 #include <thread>

@@ -1,4 +1,4 @@
-#include "run/frame_log.h"
+#include "frames/frame_log.h"
 
 #include <algorithm>
 #include <cmath>
