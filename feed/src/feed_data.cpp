@@ -1,6 +1,7 @@
 #include "gpu_feed/feed_data.h"
 
 #include <algorithm>
+#include <iterator>
 
 namespace gpu_feed {
 
@@ -32,6 +33,18 @@ const TuningRecord* FeedData::FindTuning(const std::string& gpuKey, TuningContro
         return each.GpuKey == gpuKey && each.Before.Control() == control;
     });
     return record == Tuning.end() ? nullptr : &*record;
+}
+
+const TuningRecord* FeedData::FindOutstanding(const std::string& gpuKey, TuningControl control) const {
+    const TuningRecord* record = FindTuning(gpuKey, control);
+    return record == nullptr || !record->IsOutstanding() ? nullptr : record;
+}
+
+std::vector<TuningRecord> OutstandingChanges(const FeedData& data) {
+    std::vector<TuningRecord> records;
+    std::copy_if(data.Tuning.begin(), data.Tuning.end(), std::back_inserter(records),
+                 [](const TuningRecord& record) { return record.IsOutstanding(); });
+    return records;
 }
 
 GpuState StateOf(const FeedMoment& moment, const FeedGpu& gpu) {

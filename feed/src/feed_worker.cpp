@@ -172,6 +172,14 @@ void FeedWorker::Resume() {
     }
 }
 
+void FeedWorker::Rescan() {
+    Monitor.Stop();
+    NextLook.reset();
+    PublishState(FeedState::Starting, "");
+    Shared.SignalChange();
+    Resume();
+}
+
 void FeedWorker::SetInterval(milliseconds interval) {
     Next.Interval = Clamped(interval);
     Monitor.SetSampleInterval(Next.Interval);

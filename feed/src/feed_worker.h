@@ -45,6 +45,7 @@ public:
     std::shared_ptr<const FeedGpu> Find(const std::string& gpuKey) const { return Next.Find(gpuKey); }
     void Pause();
     void Resume();
+    void Rescan();
     void SetInterval(std::chrono::milliseconds interval);
     TuningCapabilities QueryTuning(const FeedGpu& gpu);
     TuningResult Tune(const FeedGpu& gpu, const TuningChange& change, double keepSeconds);

@@ -94,6 +94,10 @@ void MonitorFeed::Resume() {
     Post(*Worker, [](FeedWorker& worker) { worker.Resume(); });
 }
 
+void MonitorFeed::Rescan() {
+    Post(*Worker, [](FeedWorker& worker) { worker.Rescan(); });
+}
+
 std::future<TuningCapabilities> MonitorFeed::QueryTuning(const std::string& gpuKey) {
     return Ask<TuningCapabilities>(*Worker, gpuKey,
                                    [](FeedWorker& worker, const FeedGpu& gpu) { return worker.QueryTuning(gpu); });

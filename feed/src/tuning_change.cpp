@@ -30,6 +30,14 @@ bool IsSameLimit(double watts, double otherWatts) {
     return std::llround(watts * 1000.0) == std::llround(otherWatts * 1000.0);
 }
 
+bool CanSetPower(const GpuPowerCapabilities& capabilities) {
+    return capabilities.State == GpuCapabilityState::Supported;
+}
+
+bool CanSetDefaultPower(const GpuPowerCapabilities& capabilities) {
+    return CanSetPower(capabilities) && capabilities.DefaultWatts > 0.0;
+}
+
 bool IsInRange(double watts, const GpuPowerCapabilities& capabilities) {
     return watts >= capabilities.MinimumWatts && watts <= capabilities.MaximumWatts;
 }

@@ -6,19 +6,18 @@
 #include <sstream>
 
 #include "gpu_feed/clock.h"
+#include "gpu_feed/reading_text.h"
+#include "gpu_feed/tuning_text.h"
 #include "text/change_report.h"
-#include "text/change_text.h"
 #include "text/csv_format.h"
-#include "text/gpu_names.h"
 #include "text/json_format.h"
 #include "text/stream_format.h"
 #include "text/table_format.h"
-#include "text/text_layout.h"
 
 namespace {
 
 using namespace testing;
-using gpu_feed::TuningChange;
+using namespace gpu_feed;
 using Kind = TuningChange::Kind;
 
 constexpr uint64_t kMiB = 1U << 20U;
@@ -108,7 +107,7 @@ TEST(TextTest, JsonHasWhatWasReadUnderItsUnit) {
         "frame_time_ms": 8.333, "performance_limit_reasons": 36, "performance_limits": [ "power cap", "thermal" ],
         "processes": [] } ] })"));
     // A name that is not UTF-8 does not spoil the line.
-    const std::vector<gpu_feed::FeedProcess> processes = {{7, 1, "a\xff", "user", "a -b", 12.5, 4096}, {8, 2, "", ""}};
+    const std::vector<FeedProcess> processes = {{7, 1, "a\xff", "user", "a -b", 12.5, 4096}, {8, 2, "", ""}};
     EXPECT_EQ(Words(StreamJson(SilentGpu().Device, {}, &processes)),
               R"({"index":12,"name":"Old","timestamp_seconds":0.0,"processes":[{"pid":7,"vram_used_bytes":1,)"
               R"("name":"a�","user":"user","command_line":"a -b","cpu_percent":12.5,"memory_bytes":4096},)"
@@ -131,7 +130,7 @@ TEST(TextTest, JsonTimeIsTheTimeOfDayOfTheSample) {
     for (int tenth = 0; tenth < 10; ++tenth) {
         const double age = 7000.0 + 0.1 * tenth;
         GpuTelemetrySample sample;
-        sample.TimestampSeconds = gpu_feed::NowSeconds() - age;
+        sample.TimestampSeconds = NowSeconds() - age;
         const std::string json = StreamJson({}, sample, nullptr);
         tm utc{};
         const char* const end = strptime(json.c_str(), R"({"index":0,"name":"","time":"%Y-%m-%dT%H:%M:%S)", &utc);

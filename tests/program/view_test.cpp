@@ -10,7 +10,7 @@
 #include <utility>
 
 #include "commands/view_control.h"
-#include "text/change_text.h"
+#include "gpu_feed/tuning_text.h"
 #include "view/gauge.h"
 #include "view/gpu_overview.h"
 #include "view/keys.h"
@@ -72,6 +72,7 @@ protected:
     }
     void Pause() override { Requests += "pause "; }
     void Resume() override { Requests += "resume "; }
+    void Rescan() override { Requests += "rescan "; }
     std::future<TuningCapabilities> QueryTuning(const std::string&) override {
         return (Capabilities = {}).get_future();
     }
@@ -263,8 +264,8 @@ TEST_F(ViewTest, ManyGpusAreListedAroundTheSelectedOne) {
     FeedGpu dumb = MadeGpu(2);
     dumb.Latest = {kNow};
     SetGpus({MadeGpu(0), silent, dumb, MadeGpu(3), MadeGpu(4)});
-    std::vector<GpuOnPage> pages;
-    for (const auto& gpu : Data.Gpus) pages.push_back(OnPage(Moment(), gpu));
+    std::vector<GpuSummary> pages;
+    for (const auto& gpu : Data.Gpus) pages.push_back(SummaryOf(Moment(), gpu));
     Canvas table(100, 4, GlyphSet::Braille);
     DrawGpuTable(&table, table.Whole(), pages, 2);
     EXPECT_EQ(table.Text(),
@@ -287,12 +288,12 @@ GPU 3: Made Board    100 %   3072 MiB  150.0 W  225.0 W  75 °C   10 %  2100 MHz
 }
 
 TEST_F(ViewTest, ProcessesAreSortedScrolledCutAndNamed) {
-    GpuOnPage page = OnPage(Moment(), Data.Gpus[0]);
-    GpuOnPage simulated = OnPage(Moment(), Data.Gpus[1]);
+    GpuSummary page = SummaryOf(Moment(), Data.Gpus[0]);
+    GpuSummary simulated = SummaryOf(Moment(), Data.Gpus[1]);
     simulated.bSimulated = true;
-    const std::vector<GpuOnPage> one = {page};
-    const std::vector<GpuOnPage> two = {page, simulated};
-    const std::tuple<std::vector<GpuOnPage>, ProcessView, int, const char*> cases[] = {
+    const std::vector<GpuSummary> one = {page};
+    const std::vector<GpuSummary> two = {page, simulated};
+    const std::tuple<std::vector<GpuSummary>, ProcessView, int, const char*> cases[] = {
         {one, {ProcessOrder::Memory}, 8, "     PID\n     300\n      20\n    1000\n"},
         {one, {ProcessOrder::Cpu}, 8, "     PID\n      20\n     300\n    1000\n"},
         {one, {ProcessOrder::Pid}, 8, "    PID*\n      20\n     300\n    1000\n"},

@@ -108,7 +108,12 @@ struct FeedData {
     std::shared_ptr<const FeedGpu> Find(const std::string& key) const;
     /// Null when the program has not touched this setting.
     const TuningRecord* FindTuning(const std::string& gpuKey, TuningControl control) const;
+    /// The same, but null also when there is nothing to take back.
+    const TuningRecord* FindOutstanding(const std::string& gpuKey, TuningControl control) const;
 };
+
+/// The changes that would outlast the program.
+std::vector<TuningRecord> OutstandingChanges(const FeedData& data);
 
 /// Everything that a view draws from: what the feed has published, as seen at one moment. A view that draws from this
 /// alone needs neither the feed nor a clock.

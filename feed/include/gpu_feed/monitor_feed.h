@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "gpu_feed/feed_data.h"
+#include "gpu_feed/feed_requests.h"
 #include "gpu_feed/tuning_change.h"
 #include "nvml_gpu_monitor.h"
 
@@ -26,16 +27,6 @@
 namespace gpu_feed {
 
 class FeedWorker;
-
-/// What can be changed on one GPU.
-struct TuningCapabilities {
-    /// As `NvmlGpuMonitor::GetClockCapabilities` fills it.
-    GpuClockCapabilities Clocks;
-    /// As `NvmlGpuMonitor::GetPowerCapabilities` fills it.
-    GpuPowerCapabilities Power;
-    /// Whether this process seems to have the rights to make a change.
-    bool bRights = true;
-};
 
 struct FeedOptions {
     /// As `NvmlGpuMonitor::SetSampleInterval` takes it.
@@ -69,46 +60,47 @@ struct FeedOptions {
 ///
 /// Failure: only the standard library's exceptions pass out of an operation, when the caller's thread runs out of
 /// memory or no thread can be started. The feed's own thread survives a lack of memory.
-class MonitorFeed {
+class MonitorFeed final : public FeedRequests {
 public:
     /// Returns at once; `FeedData::State` shows when NVML has been started.
     explicit MonitorFeed(FeedOptions options);
 
     /// Calls `Stop` with its default patience. When that gives false, the program must end as `Stop` says.
-    ~MonitorFeed();
-
-    MonitorFeed(const MonitorFeed&) = delete;
-    MonitorFeed& operator=(const MonitorFeed&) = delete;
+    ~MonitorFeed() override;
 
     /// What was published last. Never null, and it does not change any more: the caller may keep it and hand it to any
     /// thread.
     std::shared_ptr<const FeedData> Latest() const;
 
     /// What was published last, and what else a view draws from.
-    FeedMoment Moment() const;
+    FeedMoment Moment() const override;
 
     /// Sets `FeedOptions::Interval`.
-    void SetInterval(std::chrono::milliseconds interval);
+    void SetInterval(std::chrono::milliseconds interval) override;
 
     /// Stops sampling. The histories stay.
-    void Pause();
+    void Pause() override;
 
     /// Goes on sampling; where that could not be started, tries again.
-    void Resume();
+    void Resume() override;
+
+    /// Looks anew for the driver and its GPUs: shuts NVML down and starts it again. Sampling goes on, also when it was
+    /// paused.
+    void Rescan() override;
 
     /// Asks what can be changed on a GPU. `gpuKey` is a `FeedGpu::Key`. After a failure, both records hold their
     /// defaults, and their `Status` says why.
-    std::future<TuningCapabilities> QueryTuning(const std::string& gpuKey);
+    std::future<TuningCapabilities> QueryTuning(const std::string& gpuKey) override;
 
     /// Makes a change that goes back after `keepSeconds`, if there is a way back: `FeedData::Tuning` then has a record
     /// of it.
-    std::future<TuningResult> Tune(const std::string& gpuKey, const TuningChange& change, double keepSeconds);
+    std::future<TuningResult> Tune(const std::string& gpuKey, const TuningChange& change, double keepSeconds) override;
 
     /// Lets the latest change of a setting stay.
-    void Keep(const std::string& gpuKey, TuningControl control);
+    void Keep(const std::string& gpuKey, TuningControl control) override;
 
     /// Takes the latest change of a setting back.
-    std::future<TuningResult> TakeBack(const std::string& gpuKey, TuningControl control);
+    std::future<TuningResult> TakeBack(const std::string& gpuKey, TuningControl control) override;
 
     /// Takes all changes back, those that were kept too. Result: `Success` when that was tried; `TuningRecord::Problem`
     /// then says what could not go back. Otherwise nothing was tried.

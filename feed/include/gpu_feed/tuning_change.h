@@ -29,6 +29,10 @@ struct TuningChange {
 /// Whether both are the same limit for the driver, which knows milliwatts.
 bool IsSameLimit(double watts, double otherWatts);
 
+/// Whether the driver lets the power limit be set, and whether it has a default to go back to.
+bool CanSetPower(const GpuPowerCapabilities& capabilities);
+bool CanSetDefaultPower(const GpuPowerCapabilities& capabilities);
+
 bool IsInRange(double watts, const GpuPowerCapabilities& capabilities);
 
 /// The change that sets the power limit of `capabilities` again; empty when it is not known or cannot be set.

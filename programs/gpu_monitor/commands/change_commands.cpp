@@ -14,14 +14,14 @@
 #include "commands/silent_driver.h"
 #include "commands/undo.h"
 #include "gpu_feed/clock.h"
+#include "gpu_feed/reading_text.h"
 #include "gpu_feed/tuning_session.h"
+#include "gpu_feed/tuning_text.h"
 #include "terminal/failure.h"
 #include "terminal/output.h"
 #include "terminal/signals.h"
 #include "text/change_report.h"
-#include "text/change_text.h"
 #include "text/json_format.h"
-#include "text/text_layout.h"
 #include "text/tuning_format.h"
 
 using namespace gpu_feed;

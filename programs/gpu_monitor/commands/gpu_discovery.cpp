@@ -10,8 +10,10 @@
 #include <tuple>
 
 #include "commands/simulate.h"
+#include "gpu_feed/reading_text.h"
 #include "terminal/failure.h"
-#include "text/text_layout.h"
+
+using namespace gpu_feed;
 
 namespace {
 

@@ -10,12 +10,12 @@
 #include "commands/gpu_discovery.h"
 #include "commands/polled_feed.h"
 #include "commands/silent_driver.h"
+#include "gpu_feed/reading_text.h"
 #include "nvml_gpu_monitor.h"
 #include "terminal/failure.h"
 #include "terminal/output.h"
 #include "text/json_format.h"
 #include "text/table_format.h"
-#include "text/text_layout.h"
 #include "text/tuning_format.h"
 
 using namespace gpu_feed;

@@ -13,13 +13,13 @@
 #include "commands/polled_feed.h"
 #include "commands/silent_driver.h"
 #include "gpu_feed/clock.h"
+#include "gpu_feed/reading_text.h"
 #include "terminal/failure.h"
 #include "terminal/output.h"
 #include "terminal/signals.h"
 #include "text/csv_format.h"
 #include "text/json_format.h"
 #include "text/stream_format.h"
-#include "text/text_layout.h"
 
 using namespace gpu_feed;
 

@@ -8,10 +8,10 @@
 #include <vector>
 
 #include "gpu_feed/clock.h"
+#include "gpu_feed/reading_text.h"
+#include "gpu_feed/tuning_text.h"
 #include "terminal/failure.h"
 #include "terminal/signals.h"
-#include "text/change_text.h"
-#include "text/text_layout.h"
 #include "view/leaving_dialog.h"
 
 using namespace gpu_feed;

@@ -6,8 +6,8 @@
 #include <optional>
 #include <string>
 
-#include "commands/feed_requests.h"
 #include "commands/tuning_panel.h"
+#include "gpu_feed/feed_requests.h"
 #include "view/live_view.h"
 
 /// How the user ends the live view.
@@ -20,7 +20,7 @@ enum class ViewEnd {
 class ViewControl {
 public:
     /// `interval`: that of the feed. `simulateOption`: for the commands that the user may type later.
-    ViewControl(FeedRequests* feed, std::chrono::milliseconds interval, std::string simulateOption);
+    ViewControl(gpu_feed::FeedRequests* feed, std::chrono::milliseconds interval, std::string simulateOption);
 
     /// Selects the GPU with this key, unless a GPU is selected already.
     void SelectFirst(const std::string& gpuKey);
@@ -78,7 +78,7 @@ private:
     void Zoom(int step);
     void SetInterval(std::chrono::milliseconds interval);
 
-    FeedRequests* const Feed;
+    gpu_feed::FeedRequests* const Feed;
     const std::string SimulateOption;
     std::chrono::milliseconds Interval;
     ViewChoice Choice;

@@ -17,7 +17,6 @@
 #include "terminal/screen.h"
 #include "terminal/signals.h"
 #include "view/keys.h"
-#include "view/leaving_dialog.h"
 
 using namespace gpu_feed;
 
@@ -29,30 +28,6 @@ constexpr int kQuickStartMs = 300;
 constexpr int kRedrawMs = 1500;
 constexpr int kQuickRedrawMs = 100;
 
-/// The feed as the view's keys use it.
-class RequestsToFeed : public FeedRequests {
-public:
-    explicit RequestsToFeed(MonitorFeed* feed) : Feed(feed) {}
-
-    FeedMoment Moment() const override { return Feed->Moment(); }
-    void SetInterval(std::chrono::milliseconds interval) override { Feed->SetInterval(interval); }
-    void Pause() override { Feed->Pause(); }
-    void Resume() override { Feed->Resume(); }
-    std::future<TuningCapabilities> QueryTuning(const std::string& gpuKey) override {
-        return Feed->QueryTuning(gpuKey);
-    }
-    std::future<TuningResult> Tune(const std::string& gpuKey, const TuningChange& change, double keepSeconds) override {
-        return Feed->Tune(gpuKey, change, keepSeconds);
-    }
-    void Keep(const std::string& gpuKey, TuningControl control) override { Feed->Keep(gpuKey, control); }
-    std::future<TuningResult> TakeBack(const std::string& gpuKey, TuningControl control) override {
-        return Feed->TakeBack(gpuKey, control);
-    }
-
-private:
-    MonitorFeed* const Feed;
-};
-
 /// The live view on the terminal, from its start to its end.
 class Watch {
 public:
@@ -60,9 +35,8 @@ public:
         : Options(options),
           StopDescriptor(stopDescriptor),
           Feed(options.Interval),
-          Requests(Feed.Get()),
           Log(options.LogPath),
-          Control(&Requests, options.Interval, options.SimulateOption) {}
+          Control(Feed.Get(), options.Interval, options.SimulateOption) {}
 
     int Run() {
         if (!Feed.WaitForNews(kQuickStartMs, StopDescriptor)) return kExitSuccess;
@@ -143,7 +117,6 @@ private:
     const WatchOptions Options;
     const int StopDescriptor;
     PolledFeed Feed;
-    RequestsToFeed Requests;
     CsvLog Log;
     ViewControl Control;
     bool bLogProblemShown = false;

@@ -4,9 +4,9 @@
 
 #include "commands/polled_feed.h"
 #include "commands/watch.h"
+#include "gpu_feed/reading_text.h"
 #include "terminal/failure.h"
 #include "terminal/output.h"
-#include "text/text_layout.h"
 #include "view/gpu_page.h"
 #include "view/live_view.h"
 #include "view/process_list.h"
@@ -15,7 +15,7 @@ using namespace gpu_feed;
 
 namespace {
 
-std::string PageText(const GpuOnPage& page, int width) {
+std::string PageText(const GpuSummary& page, int width) {
     const int summary = SummaryHeight(width);
     const int processes = 1 + static_cast<int>(page.Gpu->Processes.size());
     Canvas canvas(width, summary + processes, OutputGlyphs());
@@ -36,7 +36,7 @@ int PrintView(const WatchOptions& options) {
     };
     const FeedMoment moment = feed.WaitUntil(options.Gpu, isKnown);
     for (const auto& gpu : PolledFeed::Wanted(*moment.Data, options.Gpu)) {
-        const GpuOnPage page = OnPage(moment, gpu);
+        const GpuSummary page = SummaryOf(moment, gpu);
         text += (text.empty() ? "" : "\n") + PageText(page, width);
         if (!page.bSilent) continue;
         std::cerr << GpuInSentence(gpu->Device) << " gave no reading.\n";

@@ -5,9 +5,8 @@
 #include <optional>
 #include <vector>
 
-#include "text/change_text.h"
-#include "text/reading_text.h"
-#include "text/text_layout.h"
+#include "gpu_feed/reading_text.h"
+#include "gpu_feed/tuning_text.h"
 
 using namespace gpu_feed;
 

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "gpu_feed/tuning_change.h"
+#include "gpu_feed/tuning_text.h"
 #include "text/tuning_format.h"
 
 /// What a command did to one GPU.

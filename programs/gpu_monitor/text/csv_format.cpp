@@ -5,9 +5,8 @@
 #include <cstdint>
 #include <optional>
 
+#include "gpu_feed/reading_text.h"
 #include "gpu_feed/readings.h"
-#include "text/reading_text.h"
-#include "text/text_layout.h"
 #include "text/utc_time.h"
 
 using namespace gpu_feed;

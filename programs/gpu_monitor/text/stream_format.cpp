@@ -1,7 +1,7 @@
 #include "text/stream_format.h"
 
+#include "gpu_feed/reading_text.h"
 #include "gpu_feed/readings.h"
-#include "text/reading_text.h"
 #include "text/text_layout.h"
 
 using namespace gpu_feed;

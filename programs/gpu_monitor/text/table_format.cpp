@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <optional>
 
+#include "gpu_feed/reading_text.h"
 #include "gpu_feed/readings.h"
 #include "text/identity.h"
-#include "text/reading_text.h"
 #include "text/text_layout.h"
 
 using namespace gpu_feed;

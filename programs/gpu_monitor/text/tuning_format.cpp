@@ -5,6 +5,8 @@
 #include <cstddef>
 
 #include "gpu_feed/clock_groups.h"
+#include "gpu_feed/reading_text.h"
+#include "gpu_feed/tuning_text.h"
 #include "text/text_layout.h"
 
 using namespace gpu_feed;
@@ -45,10 +47,6 @@ std::string ClockListText(const std::vector<int>& clocks) {
     return clocks.size() == 1 ? text : text + " (" + std::to_string(clocks.size()) + " clocks)";
 }
 
-std::string MegahertzText(int megahertz) {
-    return megahertz < 0 ? kNotRead : std::to_string(megahertz) + " MHz";
-}
-
 Details ClockDetails(const GpuClockCapabilities& capabilities) {
     const std::string heading = "Memory MHz";
     const int width = static_cast<int>(heading.size());
@@ -87,30 +85,6 @@ Details PowerQueryDetails(const GpuPowerCapabilities& capabilities) {
 }
 
 }  // namespace
-
-std::string ClocksText(int graphicsMHz, int memoryMHz) {
-    if (graphicsMHz < 0 && memoryMHz < 0) return kNotRead;
-    return MegahertzText(graphicsMHz) + " graphics, " + MegahertzText(memoryMHz) + " memory";
-}
-
-std::string WattsNumber(double watts) {
-    std::string text = Number(watts, 3);
-    text.erase(text.find_last_not_of('0') + 1);
-    if (text.back() == '.') text.pop_back();
-    return text;
-}
-
-std::string WattsText(double watts) {
-    return watts < 0.0 ? kNotRead : WattsNumber(watts) + " W";
-}
-
-std::string RangeText(double minimumWatts, double maximumWatts) {
-    return minimumWatts < 0.0 ? kNotRead : WattsNumber(minimumWatts) + " to " + WattsText(maximumWatts);
-}
-
-std::string RangeText(const GpuPowerCapabilities& capabilities) {
-    return RangeText(capabilities.MinimumWatts, capabilities.MaximumWatts);
-}
 
 Details PowerDetails(const GpuPowerCapabilities& capabilities) {
     return {{"In force", WattsText(capabilities.CurrentWatts)},

@@ -17,20 +17,6 @@ struct Detail {
 };
 using Details = std::vector<Detail>;
 
-// A value that was not read shows as a dash. Texts for a part of a line have no line break.
-
-/// A pair of clocks.
-std::string ClocksText(int graphicsMHz, int memoryMHz);
-
-/// Watts to the milliwatt, without zeros at the end. As a value of `set-power` it sets the same limit again.
-std::string WattsNumber(double watts);
-
-std::string WattsText(double watts);
-
-/// The driver gives both ends of a range or neither.
-std::string RangeText(double minimumWatts, double maximumWatts);
-std::string RangeText(const GpuPowerCapabilities& capabilities);
-
 /// The limit in force, the default and the range.
 Details PowerDetails(const GpuPowerCapabilities& capabilities);
 

@@ -5,9 +5,8 @@
 #include <optional>
 #include <string>
 
+#include "gpu_feed/reading_text.h"
 #include "gpu_feed/readings.h"
-#include "text/gpu_names.h"
-#include "text/reading_text.h"
 #include "view/cut_text.h"
 #include "view/limits.h"
 
@@ -73,15 +72,15 @@ int WidthOf(const std::vector<Column>& columns) {
 }
 
 /// The columns that the longest of the short names takes.
-int ShortNameWidth(const std::vector<GpuOnPage>& pages) {
+int ShortNameWidth(const std::vector<GpuSummary>& pages) {
     int width = kShortestName;
-    for (const GpuOnPage& page : pages) {
+    for (const GpuSummary& page : pages) {
         width = std::max(width, ColumnsOf(ShortGpuTitle(page.Gpu->Device, kLongestShortName)));
     }
     return std::min(width, kLongestShortName);
 }
 
-Table PlainTable(int width, const std::vector<GpuOnPage>& pages) {
+Table PlainTable(int width, const std::vector<GpuSummary>& pages) {
     Table table = {{std::begin(kColumns), std::end(kColumns)}, ShortNameWidth(pages)};
     const auto roomForWords = [&] { return width - table.NameWidth - WidthOf(table.Columns) - kColumnGap; };
     // What limits the clocks is more useful than the memory clock.
@@ -90,7 +89,7 @@ Table PlainTable(int width, const std::vector<GpuOnPage>& pages) {
     return table;
 }
 
-Table TableWithPlots(int width, const std::vector<GpuOnPage>& pages, int rows, const PlotView& view) {
+Table TableWithPlots(int width, const std::vector<GpuSummary>& pages, int rows, const PlotView& view) {
     Table table = {{std::begin(kColumnsWithPlots), std::end(kColumnsWithPlots)}, ShortNameWidth(pages), rows, 0, &view};
     const auto plotWidth = [&] { return (width - table.NameWidth - WidthOf(table.Columns)) / kPlotCountInTable - 1; };
     while (table.Columns.size() > kPlotCountInTable && plotWidth() < width / kPlotShare) table.Columns.pop_back();
@@ -112,7 +111,7 @@ int ForEachColumn(const Table& table, const Area& area, const Draw& draw) {
     return x + kColumnGap;
 }
 
-void DrawReadings(Canvas* canvas, const Area& area, const GpuOnPage& page, const Table& table) {
+void DrawReadings(Canvas* canvas, const Area& area, const GpuSummary& page, const Table& table) {
     const int x = ForEachColumn(table, area, [&](const Column& column, int end) {
         canvas->PutRight(end, area.Y, ReadingText(column.Id, page.Now, canvas->IsUnicode()));
         if (column.Plot) {
@@ -128,7 +127,7 @@ void DrawReadings(Canvas* canvas, const Area& area, const GpuOnPage& page, const
     }
 }
 
-void DrawGpu(Canvas* canvas, const Area& area, const GpuOnPage& page, const Table& table, bool bSelected) {
+void DrawGpu(Canvas* canvas, const Area& area, const GpuSummary& page, const Table& table, bool bSelected) {
     const std::string name = ShortGpuTitle(page.Gpu->Device, table.NameWidth);
     PutCut(canvas, {area.X, area.Y, table.NameWidth, 1}, name, bSelected ? Style::Selected : Style::Normal);
     if (page.IsChanged()) canvas->PutGlyph(area.X + table.NameWidth, area.Y, L'*', Style::Warning);
@@ -153,7 +152,7 @@ void DrawHeading(Canvas* canvas, const Area& area, const std::string& shown, con
     if (table.View == nullptr) PutCut(canvas, {x, area.Y, area.X + area.Width - x, 1}, "limited by", Style::Heading);
 }
 
-void DrawTable(Canvas* canvas, const Area& area, const std::vector<GpuOnPage>& pages, size_t selected,
+void DrawTable(Canvas* canvas, const Area& area, const std::vector<GpuSummary>& pages, size_t selected,
                const Table& table) {
     const size_t room = std::min(static_cast<size_t>(std::max(area.Height - 1, 0) / table.Rows), pages.size());
     const size_t first = FirstShown(pages.size(), room, selected);
@@ -167,23 +166,23 @@ void DrawTable(Canvas* canvas, const Area& area, const std::vector<GpuOnPage>& p
 }
 
 /// A GPU in the strip: its index and its utilization, or an exclamation mark when it gives no data.
-std::string StripWord(const GpuOnPage& page) {
+std::string StripWord(const GpuSummary& page) {
     const std::string busy = page.bSilent ? "!" : ReadingNumber(ReadingId::GpuUtilization, page.Now);
     return std::to_string(page.Gpu->Device.Index) + ':' + busy;
 }
 
 }  // namespace
 
-void DrawGpuTable(Canvas* canvas, const Area& area, const std::vector<GpuOnPage>& pages, size_t selected) {
+void DrawGpuTable(Canvas* canvas, const Area& area, const std::vector<GpuSummary>& pages, size_t selected) {
     DrawTable(canvas, area, pages, selected, PlainTable(area.Width, pages));
 }
 
-void DrawGpuPlots(Canvas* canvas, const Area& area, const std::vector<GpuOnPage>& pages, size_t selected, int rows,
+void DrawGpuPlots(Canvas* canvas, const Area& area, const std::vector<GpuSummary>& pages, size_t selected, int rows,
                   const PlotView& view) {
     DrawTable(canvas, area, pages, selected, TableWithPlots(area.Width, pages, rows, view));
 }
 
-void DrawGpuStrip(Canvas* canvas, const Area& area, const std::vector<GpuOnPage>& pages, size_t selected) {
+void DrawGpuStrip(Canvas* canvas, const Area& area, const std::vector<GpuSummary>& pages, size_t selected) {
     constexpr int kWordWidth = 7;
     constexpr int kShownWidth = 14;
     int x = canvas->Put(area.X, area.Y, "GPU util % ", Style::Normal);

@@ -7,11 +7,9 @@
 #include <utility>
 #include <vector>
 
+#include "gpu_feed/reading_text.h"
 #include "gpu_feed/readings.h"
-#include "text/gpu_names.h"
-#include "text/reading_text.h"
-#include "text/text_layout.h"
-#include "text/tuning_format.h"
+#include "gpu_feed/tuning_text.h"
 #include "view/cut_text.h"
 #include "view/gauge.h"
 #include "view/limits.h"
@@ -45,7 +43,7 @@ std::string TrafficText(const GpuTelemetrySample& now) {
 }
 
 /// Title and state; between them the driver's version if the title is not cut for it.
-void DrawTitle(Canvas* canvas, const Area& area, const GpuOnPage& page) {
+void DrawTitle(Canvas* canvas, const Area& area, const GpuSummary& page) {
     const GpuDeviceInfo& device = page.Gpu->Device;
     const int end = area.X + area.Width;
     canvas->PutRight(end, area.Y, page.State, page.bSilent ? Style::Alarm : Style::Strong);
@@ -58,7 +56,7 @@ void DrawTitle(Canvas* canvas, const Area& area, const GpuOnPage& page) {
     if (bWithDriver) canvas->Put(x, area.Y, driver);
 }
 
-void DrawHeader(Canvas* canvas, const Area& area, const GpuOnPage& page) {
+void DrawHeader(Canvas* canvas, const Area& area, const GpuSummary& page) {
     DrawTitle(canvas, area, page);
     const std::string limitsLabel = kFactGap + std::string("Limited by: ");
     std::string facts = PerformanceStateText(page.Now) + kFactGap + LinkText(page.Now);
@@ -147,7 +145,7 @@ void DrawGauges(Canvas* canvas, const Area& area, const GpuTelemetrySample& now)
 
 // ---- Clocks and limits ----
 
-std::vector<StyledText> ClockParts(const GpuOnPage& page) {
+std::vector<StyledText> ClockParts(const GpuSummary& page) {
     std::vector<StyledText> parts;
     if (page.Locked) {
         parts.push_back({"locked to " + std::to_string(page.Locked->GraphicsClockMHz) + " / " +
@@ -162,7 +160,7 @@ std::vector<StyledText> ClockParts(const GpuOnPage& page) {
     return parts;
 }
 
-std::vector<StyledText> LimitParts(const GpuOnPage& page) {
+std::vector<StyledText> LimitParts(const GpuSummary& page) {
     const GpuTelemetrySample& now = page.Now;
     const std::string limit = "power " + WattsText(now.PowerLimitWatts);
     return {page.bLimitChanged ? StyledText{limit + " (changed)", Style::Warning} : StyledText{limit},
@@ -181,7 +179,7 @@ int SummaryHeight(int width) {
     return 4 + GaugeRows(width);
 }
 
-void DrawSummary(Canvas* canvas, const Area& area, const GpuOnPage& page) {
+void DrawSummary(Canvas* canvas, const Area& area, const GpuSummary& page) {
     DrawHeader(canvas, area, page);
     DrawGauges(canvas, {area.X, area.Y + 2, area.Width, 0}, page.Now);
     const int y = area.Y + 2 + GaugeRows(area.Width);

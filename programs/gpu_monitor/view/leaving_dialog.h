@@ -1,13 +1,8 @@
 #ifndef GPU_MONITOR_LEAVING_DIALOG_H
 #define GPU_MONITOR_LEAVING_DIALOG_H
 
-#include <vector>
-
 #include "gpu_feed/feed_data.h"
 #include "view/canvas.h"
-
-/// The changes that would outlast the program.
-std::vector<gpu_feed::TuningRecord> OutstandingChanges(const gpu_feed::FeedData& data);
 
 /// Draws the dialog that asks whether to take these changes back or keep them.
 void DrawLeaving(Canvas* canvas, const gpu_feed::FeedData& data);

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "gpu_feed/limit_reasons.h"
-#include "text/text_layout.h"
+#include "gpu_feed/reading_text.h"
 #include "view/cut_text.h"
 
 using namespace gpu_feed;

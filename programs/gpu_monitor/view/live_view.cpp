@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <vector>
 
-#include "text/text_layout.h"
+#include "gpu_feed/reading_text.h"
 #include "view/cut_text.h"
 #include "view/gpu_overview.h"
 #include "view/gpu_page.h"
@@ -64,9 +64,9 @@ void DrawStarting(Canvas* canvas, const Area& area, double wait) {
     canvas->Put(area.X + (area.Width - ColumnsOf(text)) / 2, area.Y + area.Height / 2, text, Style::Strong, area.Width);
 }
 
-std::vector<GpuOnPage> PagesOf(const FeedMoment& moment) {
-    std::vector<GpuOnPage> pages;
-    for (const auto& gpu : moment.Data->Gpus) pages.push_back(OnPage(moment, gpu));
+std::vector<GpuSummary> PagesOf(const FeedMoment& moment) {
+    std::vector<GpuSummary> pages;
+    for (const auto& gpu : moment.Data->Gpus) pages.push_back(SummaryOf(moment, gpu));
     return pages;
 }
 
@@ -78,7 +78,7 @@ PlotView PlotViewOf(const FeedMoment& moment, const ViewChoice& choice) {
 }
 
 /// `room`: for the table, in rows.
-void DrawOverview(Canvas* canvas, Area* rest, const std::vector<GpuOnPage>& pages, size_t selected, int room) {
+void DrawOverview(Canvas* canvas, Area* rest, const std::vector<GpuSummary>& pages, size_t selected, int room) {
     if (pages.size() < 2) return;
     if (canvas->Height() < kTableHeight) {
         DrawGpuStrip(canvas, TakeTop(rest, 1), pages, selected);
@@ -91,9 +91,9 @@ void DrawOverview(Canvas* canvas, Area* rest, const std::vector<GpuOnPage>& page
 }
 
 /// The page of one GPU. What processes and table do not need is left to the plots.
-ListRoom DrawPage(Canvas* canvas, Area rest, const std::vector<GpuOnPage>& pages, size_t selected,
+ListRoom DrawPage(Canvas* canvas, Area rest, const std::vector<GpuSummary>& pages, size_t selected,
                   const FeedMoment& moment, const ViewChoice& choice) {
-    const GpuOnPage& page = pages[selected];
+    const GpuSummary& page = pages[selected];
     const int share = canvas->Height() < kTableHeight ? kProcessShare : kLargeProcessShare;
     const int wanted = CountProcesses({page}) + 1;
     const int least = std::min(wanted, canvas->Height() / share + 1);
@@ -108,7 +108,7 @@ ListRoom DrawPage(Canvas* canvas, Area rest, const std::vector<GpuOnPage>& pages
 }
 
 /// The page of all GPUs. What the processes do not need is left to the GPUs, as long as they can use it.
-ListRoom DrawAllGpus(Canvas* canvas, Area rest, const std::vector<GpuOnPage>& pages, size_t selected,
+ListRoom DrawAllGpus(Canvas* canvas, Area rest, const std::vector<GpuSummary>& pages, size_t selected,
                      const FeedMoment& moment, const ViewChoice& choice) {
     const int count = static_cast<int>(pages.size());
     const int most = std::max(rest.Height - 1 - count, rest.Height / kAllGpusProcessShare);
@@ -139,8 +139,8 @@ ListRoom DrawView(Canvas* canvas, const FeedMoment& moment, const ViewChoice& ch
         const Area line = TakeTop(&rest, 1);
         canvas->Put(line.X, line.Y, DriverSilenceText(moment.DriverSilence), Style::Alarm, line.Width);
     }
-    const std::vector<GpuOnPage> pages = PagesOf(moment);
-    const auto isSelected = [&choice](const GpuOnPage& page) { return page.Gpu->Key == choice.Gpu; };
+    const std::vector<GpuSummary> pages = PagesOf(moment);
+    const auto isSelected = [&choice](const GpuSummary& page) { return page.Gpu->Key == choice.Gpu; };
     const auto found = std::find_if(pages.begin(), pages.end(), isSelected);
     const auto selected = found == pages.end() ? size_t{0} : static_cast<size_t>(found - pages.begin());
     return (choice.bAllGpus ? DrawAllGpus : DrawPage)(canvas, rest, pages, selected, moment, choice);

@@ -7,13 +7,11 @@
 #include <string>
 #include <utility>
 
-#include "text/reading_text.h"
-#include "text/text_layout.h"
+#include "gpu_feed/reading_text.h"
 #include "view/cut_text.h"
 #include "view/plot_field.h"
 
-using gpu_feed::EnergyCount;
-using gpu_feed::SampleHistory;
+using namespace gpu_feed;
 
 namespace {
 

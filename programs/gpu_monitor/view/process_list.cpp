@@ -4,8 +4,8 @@
 #include <optional>
 #include <string>
 
-#include "text/reading_text.h"
-#include "text/text_layout.h"
+#include "gpu_feed/reading_text.h"
+#include "gpu_feed/tuning_text.h"
 #include "view/cut_text.h"
 
 using namespace gpu_feed;
@@ -14,14 +14,14 @@ namespace {
 
 struct ListedProcess {
     const FeedProcess* Process;
-    const GpuOnPage* Page;
+    const GpuSummary* Page;
 };
 
 using ProcessLines = std::vector<ListedProcess>;
 
-ProcessLines ListOf(const std::vector<GpuOnPage>& pages) {
+ProcessLines ListOf(const std::vector<GpuSummary>& pages) {
     ProcessLines list;
-    for (const GpuOnPage& page : pages) {
+    for (const GpuSummary& page : pages) {
         if (page.bSilent) continue;
         for (const FeedProcess& process : page.Gpu->Processes) list.push_back({&process, &page});
     }
@@ -133,11 +133,12 @@ std::string RangeText(int first, int last, int count) {
 
 }  // namespace
 
-int CountProcesses(const std::vector<GpuOnPage>& pages) {
+int CountProcesses(const std::vector<GpuSummary>& pages) {
     return static_cast<int>(ListOf(pages).size());
 }
 
-ListRoom DrawProcesses(Canvas* canvas, const Area& area, const std::vector<GpuOnPage>& pages, const ProcessView& view) {
+ListRoom DrawProcesses(Canvas* canvas, const Area& area, const std::vector<GpuSummary>& pages,
+                       const ProcessView& view) {
     ProcessLines processes = ListOf(pages);
     Sort(&processes, view.Order);
     const ListRoom room = {static_cast<int>(processes.size()), std::max(area.Height - 1, 0)};

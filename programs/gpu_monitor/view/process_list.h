@@ -4,8 +4,8 @@
 #include <algorithm>
 #include <vector>
 
+#include "gpu_feed/gpu_summary.h"
 #include "view/canvas.h"
-#include "view/gpu_on_page.h"
 
 enum class ProcessOrder { Memory, Cpu, Pid, User, Name };
 
@@ -26,9 +26,10 @@ struct ListRoom {
 };
 
 /// How many processes use these GPUs, one that uses several counted for each. Those of GPUs without data are not known.
-int CountProcesses(const std::vector<GpuOnPage>& pages);
+int CountProcesses(const std::vector<gpu_feed::GpuSummary>& pages);
 
 /// Draws a heading and, below it, as many processes of these GPUs as there is room for.
-ListRoom DrawProcesses(Canvas* canvas, const Area& area, const std::vector<GpuOnPage>& pages, const ProcessView& view);
+ListRoom DrawProcesses(Canvas* canvas, const Area& area, const std::vector<gpu_feed::GpuSummary>& pages,
+                       const ProcessView& view);
 
 #endif  // GPU_MONITOR_PROCESS_LIST_H

@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <iterator>
 
-#include "text/tuning_format.h"
+#include "gpu_feed/tuning_text.h"
 #include "view/keys.h"
 
 using namespace gpu_feed;

@@ -1,12 +1,12 @@
-#include "view/gpu_on_page.h"
+#include "gpu_feed/gpu_summary.h"
 
 #include <time.h>
 
 #include <chrono>
 
-#include "text/text_layout.h"
+#include "gpu_feed/reading_text.h"
 
-using namespace gpu_feed;
+namespace gpu_feed {
 
 namespace {
 
@@ -47,11 +47,10 @@ std::string StateText(const FeedMoment& moment, const FeedGpu& gpu) {
 
 }  // namespace
 
-GpuOnPage OnPage(const FeedMoment& moment, const std::shared_ptr<const FeedGpu>& gpu) {
+GpuSummary SummaryOf(const FeedMoment& moment, const std::shared_ptr<const FeedGpu>& gpu) {
     const GpuState state = StateOf(moment, *gpu);
     const bool bKnown = state == GpuState::Live || state == GpuState::Paused;
     const TuningRecord* clocks = moment.Data->FindTuning(gpu->Key, TuningControl::Clocks);
-    const TuningRecord* power = moment.Data->FindTuning(gpu->Key, TuningControl::Power);
     const bool bLocked = clocks != nullptr && clocks->InForce.What == TuningChange::Kind::LockClocks;
     return {gpu,
             bKnown ? gpu->Latest : GpuTelemetrySample(),
@@ -59,5 +58,7 @@ GpuOnPage OnPage(const FeedMoment& moment, const std::shared_ptr<const FeedGpu>&
             state == GpuState::NoData,
             moment.bSimulated,
             bLocked ? std::optional(clocks->InForce.Pair) : std::nullopt,
-            power != nullptr && power->IsOutstanding()};
+            moment.Data->FindOutstanding(gpu->Key, TuningControl::Power) != nullptr};
 }
+
+}  // namespace gpu_feed

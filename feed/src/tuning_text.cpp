@@ -1,18 +1,58 @@
-#include "text/change_text.h"
+#include "gpu_feed/tuning_text.h"
 
-#include "text/tuning_format.h"
+#include "gpu_feed/reading_text.h"
 
-using namespace gpu_feed;
+namespace gpu_feed {
 
 namespace {
 
 using Kind = TuningChange::Kind;
+
+std::string MegahertzText(int megahertz) {
+    return megahertz < 0 ? kNotRead : std::to_string(megahertz) + " MHz";
+}
 
 std::string PairText(const TuningChange& change) {
     return ClocksText(change.Pair.GraphicsClockMHz, change.Pair.MemoryClockMHz);
 }
 
 }  // namespace
+
+std::string ClocksText(int graphicsMHz, int memoryMHz) {
+    if (graphicsMHz < 0 && memoryMHz < 0) return kNotRead;
+    return MegahertzText(graphicsMHz) + " graphics, " + MegahertzText(memoryMHz) + " memory";
+}
+
+std::string WattsNumber(double watts) {
+    std::string text = Number(watts, 3);
+    text.erase(text.find_last_not_of('0') + 1);
+    if (text.back() == '.') text.pop_back();
+    return text;
+}
+
+std::string WattsText(double watts) {
+    return watts < 0.0 ? kNotRead : WattsNumber(watts) + " W";
+}
+
+std::string RangeText(double minimumWatts, double maximumWatts) {
+    return minimumWatts < 0.0 ? kNotRead : WattsNumber(minimumWatts) + " to " + WattsText(maximumWatts);
+}
+
+std::string RangeText(const GpuPowerCapabilities& capabilities) {
+    return RangeText(capabilities.MinimumWatts, capabilities.MaximumWatts);
+}
+
+std::string RunningText(const GpuClockCapabilities& capabilities) {
+    return "Running " + ClocksText(capabilities.CurrentGraphicsClockMHz, capabilities.CurrentMemoryClockMHz);
+}
+
+std::string CanLockText(const GpuClockCapabilities& capabilities) {
+    return capabilities.CanControl ? "Can be locked." : "Cannot be locked: " + capabilities.Status;
+}
+
+std::string CanSetText(const GpuPowerCapabilities& capabilities) {
+    return CanSetPower(capabilities) ? "Can be set." : "Cannot be set: " + capabilities.Status;
+}
 
 std::string ActionText(const TuningChange& change) {
     switch (change.What) {
@@ -63,3 +103,5 @@ std::string CommandOf(const TuningChange& change, unsigned int gpu, const std::s
     }
     return line("reset-power");
 }
+
+}  // namespace gpu_feed

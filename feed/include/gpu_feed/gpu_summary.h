@@ -1,5 +1,5 @@
-#ifndef GPU_MONITOR_GPU_ON_PAGE_H
-#define GPU_MONITOR_GPU_ON_PAGE_H
+#ifndef GPU_FEED_GPU_SUMMARY_H
+#define GPU_FEED_GPU_SUMMARY_H
 
 #include <memory>
 #include <optional>
@@ -7,9 +7,11 @@
 
 #include "gpu_feed/feed_data.h"
 
+namespace gpu_feed {
+
 /// One GPU as it is to be shown.
-struct GpuOnPage {
-    std::shared_ptr<const gpu_feed::FeedGpu> Gpu;
+struct GpuSummary {
+    std::shared_ptr<const FeedGpu> Gpu;
     /// Its readings now; without any while it gives no data.
     GpuTelemetrySample Now;
     /// What it does, in words.
@@ -25,6 +27,8 @@ struct GpuOnPage {
 };
 
 /// `gpu` of `moment.Data`, with its state in words and what the program has changed.
-GpuOnPage OnPage(const gpu_feed::FeedMoment& moment, const std::shared_ptr<const gpu_feed::FeedGpu>& gpu);
+GpuSummary SummaryOf(const FeedMoment& moment, const std::shared_ptr<const FeedGpu>& gpu);
 
-#endif  // GPU_MONITOR_GPU_ON_PAGE_H
+}  // namespace gpu_feed
+
+#endif  // GPU_FEED_GPU_SUMMARY_H
