@@ -97,7 +97,7 @@ void DefineOptions(CLI::App* app, CommandLine* commandLine) {
         ->allow_extra_args(false)
         ->check(WholeNumberError)
         ->check(InRange(kLeastLoad, kMostLoad))
-        ->default_str("10");
+        ->default_str("1");
     app->add_option("--size", commandLine->Size, "Size of the window in pixels")
         ->type_name("WxH")
         ->check(SizeError)
