@@ -16,11 +16,12 @@
 #include "commands/change_commands.h"
 #include "commands/gpu_discovery.h"
 #include "commands/query_commands.h"
-#include "commands/simulate.h"
 #include "commands/stream.h"
 #include "commands/undo.h"
 #include "commands/watch.h"
-#include "terminal/failure.h"
+#include "common/failure.h"
+#include "common/left_changes.h"
+#include "common/simulate_option.h"
 #include "terminal/output.h"
 #include "text/json_format.h"
 
@@ -262,12 +263,7 @@ void DefineCommands(CLI::App* app, CommandLine* commandLine) {
     app->fallthrough();
     app->require_subcommand(1);
     app->set_version_flag("--version", std::string("gpu_monitor ") + GPU_MONITOR_VERSION);
-    app->add_option("--simulate", commandLine->SimulatedBoards,
-                    "Simulate so many GPUs, or kinds: desktop,\nlaptop,datacenter,old,workstation")
-        ->type_name("[GPUS]")
-        ->expected(0, 1)
-        ->default_str("1")
-        ->check(SimulationError);
+    AddSimulateOption(app, &commandLine->SimulatedBoards);
 
     AddWatch(app, commandLine);
     AddQuery(app, commandLine, "list", "Show which GPUs there are", RunList);
@@ -284,13 +280,7 @@ void DefineCommands(CLI::App* app, CommandLine* commandLine) {
 
 /// Result: the exit status. Throws `Failure`.
 int RunCommand(CommandLine* commandLine) {
-    if (const std::optional<std::string>& boards = commandLine->SimulatedBoards) {
-        // The parser does not check an empty text.
-        if (boards->empty()) throw Failure(SimulationError(*boards) + '.', kExitUsage);
-        UseSimulatedNvml(*boards);
-        std::cerr << SimulationNotice(commandLine->bChanges);
-        commandLine->Change.SimulateOption = "--simulate=" + *boards;
-    }
+    commandLine->Change.SimulateOption = Simulate(commandLine->SimulatedBoards, commandLine->bChanges);
     return commandLine->Run();
 }
 
