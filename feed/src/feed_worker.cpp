@@ -151,6 +151,12 @@ std::vector<GpuTelemetryHistory> FeedWorker::TakeNews() {
 
 // ---- What requests ask for ----
 
+std::shared_ptr<const FeedGpu> FeedWorker::Find(const std::string& gpuKey) const {
+    // The monitor may start NVML for a request, and nothing is known of the GPUs' indices then.
+    const bool bFound = Next.State == FeedState::Sampling || Next.State == FeedState::Paused;
+    return bFound ? Tracker.Find(gpuKey) : nullptr;
+}
+
 void FeedWorker::Pause() {
     if (Next.State != FeedState::Sampling) return;
     Monitor.PauseSampling();
@@ -166,17 +172,28 @@ void FeedWorker::Resume() {
         const bool bSampling = Monitor.ResumeSampling();
         if (bSampling) LookSoon();
         Tracker.Begin(Monitor.Snapshot(), Next.SamplingSince);
+        if (bSampling) FindGpus();
         PublishState(bSampling ? FeedState::Sampling : FeedState::Unavailable, Monitor.Status());
     } catch (const std::exception& error) {
         PublishState(FeedState::Unavailable, ExplainFailure(error));
     }
 }
 
+void FeedWorker::FindGpus() {
+    Session.FindGpus([this](const std::string& gpuKey) {
+        const std::shared_ptr<const FeedGpu> gpu = Tracker.Find(gpuKey);
+        return gpu == nullptr || LastingName(gpu->Device).empty() ? nullptr : &gpu->Device;
+    });
+}
+
 void FeedWorker::Rescan() {
-    Monitor.Stop();
+    Session.LoseGpus();
     NextLook.reset();
-    PublishState(FeedState::Starting, "");
+    Next.State = FeedState::Starting;
+    Next.Status.clear();
+    Publish();
     Shared.SignalChange();
+    Monitor.Stop();
     Resume();
 }
 

@@ -41,8 +41,8 @@ public:
 
     // ---- What requests ask for, on the feed's thread ----
 
-    /// Null when no GPU has this key.
-    std::shared_ptr<const FeedGpu> Find(const std::string& gpuKey) const { return Next.Find(gpuKey); }
+    /// Null when no GPU has this key, or NVML has not found its GPUs.
+    std::shared_ptr<const FeedGpu> Find(const std::string& gpuKey) const;
     void Pause();
     void Resume();
     void Rescan();
@@ -60,6 +60,7 @@ private:
     void CarryOutRequest();
     void DoWhatIsDue();
     void TakeBackOverdue(double now);
+    void FindGpus();
     void LookSoon();
     void Look();
     std::vector<GpuTelemetryHistory> TakeNews();

@@ -9,17 +9,13 @@ namespace gpu_feed {
 
 namespace {
 
-std::string KeyOf(const GpuDeviceInfo& device) {
-    if (!device.Uuid.empty()) return device.Uuid;
-    return !device.PciBusId.empty() ? device.PciBusId : std::to_string(device.Index);
-}
-
-/// A key that none of `others` has: drivers have given several GPUs one UUID.
-std::string FreeKey(const GpuDeviceInfo& device, const std::vector<FeedGpu>& others) {
-    const std::string key = KeyOf(device);
-    const bool bTaken =
-        std::any_of(others.begin(), others.end(), [&key](const FeedGpu& gpu) { return gpu.Key == key; });
-    return bTaken ? key + ' ' + device.PciBusId + '#' + std::to_string(device.Index) : key;
+/// A key that no other GPU of `histories` has: drivers have given several GPUs one UUID.
+std::string KeyOf(const GpuDeviceInfo& device, const std::vector<GpuTelemetryHistory>& histories) {
+    const std::string& name = LastingName(device);
+    if (name.empty()) return std::to_string(device.Index);
+    const auto hasName = [&name](const GpuTelemetryHistory& each) { return LastingName(each.Device) == name; };
+    const bool bShared = std::count_if(histories.begin(), histories.end(), hasName) > 1;
+    return bShared ? name + ' ' + device.PciBusId + '#' + std::to_string(device.Index) : name;
 }
 
 /// Whether a history, which begins empty when NVML is started, still has the newest of the samples that are known.
@@ -30,6 +26,10 @@ bool GoesOn(const SampleHistory& known, const std::deque<GpuTelemetrySample>& hi
 }
 
 }  // namespace
+
+const std::string& LastingName(const GpuDeviceInfo& device) {
+    return device.Uuid.empty() ? device.PciBusId : device.Uuid;
+}
 
 GpuTracker::GpuTracker(std::chrono::milliseconds interval, DescribeProcesses describe)
     : Interval(interval), Describe(std::move(describe)), LongestInterval(interval) {}
@@ -55,11 +55,12 @@ std::vector<FeedGpu> GpuTracker::Follow(std::vector<GpuTelemetryHistory> histori
     const double longestPeriod = LongestPeriod(histories, now);
     std::vector<FeedGpu> gpus;
     gpus.reserve(histories.size());
-    for (GpuTelemetryHistory& history : histories) {
-        FeedGpu& gpu = gpus.emplace_back(Recall(FreeKey(history.Device, gpus)));
-        gpu.Device = std::move(history.Device);
+    for (const GpuTelemetryHistory& history : histories) {
+        FeedGpu& gpu = gpus.emplace_back(Recall(KeyOf(history.Device, histories)));
+        gpu.Device = history.Device;
         gpu.Processes = Describe(history.ProcessMemory);
-        if (bWhole && !GoesOn(gpu.Samples, history.Samples)) gpu.Samples = {};
+        const bool bSameGpu = !bWhole || !LastingName(gpu.Device).empty() || GoesOn(gpu.Samples, history.Samples);
+        if (!bSameGpu) gpu.Samples = {};
         if (AddNew(history.Samples, longestPeriod, &gpu)) {
             gpu.SilentSince = 0.0;
         } else if (gpu.SilentSince == 0.0) {
@@ -73,17 +74,22 @@ std::vector<FeedGpu> GpuTracker::Follow(std::vector<GpuTelemetryHistory> histori
     return gpus;
 }
 
+std::shared_ptr<const FeedGpu> GpuTracker::Find(const std::string& key) const {
+    const auto gpu =
+        std::find_if(Published.begin(), Published.end(), [&key](const auto& each) { return each->Key == key; });
+    return gpu == Published.end() ? nullptr : *gpu;
+}
+
 FeedGpu GpuTracker::Recall(const std::string& key) const {
     FeedGpu gpu;
     gpu.Key = key;
-    const auto before =
-        std::find_if(Published.begin(), Published.end(), [&key](const auto& each) { return each->Key == key; });
-    if (before == Published.end()) return gpu;
-    gpu.Samples = (*before)->Samples;
-    gpu.Latest = (*before)->Latest;
-    gpu.PeriodSeconds = (*before)->PeriodSeconds;
-    gpu.SilentSince = (*before)->SilentSince;
-    gpu.Energy = (*before)->Energy;
+    const std::shared_ptr<const FeedGpu> before = Find(key);
+    if (before == nullptr) return gpu;
+    gpu.Samples = before->Samples;
+    gpu.Latest = before->Latest;
+    gpu.PeriodSeconds = before->PeriodSeconds;
+    gpu.SilentSince = before->SilentSince;
+    gpu.Energy = before->Energy;
     return gpu;
 }
 

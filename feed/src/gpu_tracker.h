@@ -13,6 +13,9 @@
 
 namespace gpu_feed {
 
+/// What names a GPU also after a new start of NVML, which can give GPUs other indices; empty when nothing does.
+const std::string& LastingName(const GpuDeviceInfo& device);
+
 /// Follows the GPUs from one look to the next, and makes what the feed publishes of each.
 ///
 /// It knows no thread, no clock and no monitor: the caller hands in the histories, and the moment of each call in
@@ -29,8 +32,8 @@ public:
     void SetInterval(std::chrono::milliseconds interval, double now);
 
     /// Takes over the whole `histories` when sampling begins or goes on at `now`. What is known of a GPU's samples goes
-    /// on if its history still has the newest of them; otherwise NVML has been started anew, and it begins again. No
-    /// GPU counts as silent then, and periods are measured anew.
+    /// on. Only for a GPU without a lasting name it begins again when NVML has been started anew: when the history has
+    /// lost the newest of these samples. No GPU counts as silent then, and periods are measured anew.
     void Begin(std::vector<GpuTelemetryHistory> histories, double now);
 
     /// Takes over what a look at `now` has found: histories with at least the samples that are newer than
@@ -43,6 +46,9 @@ public:
 
     /// In the order of the latest histories.
     const GpuList& Gpus() const { return Published; }
+
+    /// Null when no GPU has this key.
+    std::shared_ptr<const FeedGpu> Find(const std::string& key) const;
 
 private:
     /// The GPUs of `histories`, with what is known of them from before. `bWhole`: the histories are whole.

@@ -13,7 +13,6 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr const char* kNoSuchGpu = "The GPU is not there any more.";
 constexpr const char* kFeedEnded = "The program is ending.";
 
 /// The answer to a request that is not carried out.
@@ -60,7 +59,7 @@ std::future<Answer> Ask(FeedWorker& worker, const std::string& gpuKey,
                         std::function<Answer(FeedWorker& worker, const FeedGpu& gpu)> operation) {
     return Ask<Answer>(worker, [gpuKey, operation = std::move(operation)](FeedWorker& carrier) {
         const std::shared_ptr<const FeedGpu> gpu = carrier.Find(gpuKey);
-        return gpu == nullptr ? Failure<Answer>(kNoSuchGpu) : operation(carrier, *gpu);
+        return gpu == nullptr ? Failure<Answer>(kGpuIsGone) : operation(carrier, *gpu);
     });
 }
 

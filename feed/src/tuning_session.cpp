@@ -86,6 +86,8 @@ TuningResult TuningSession::MakeNoted(NvmlGpuMonitor* monitor, const TuningRecor
                                       const std::function<void()>& onNoted) {
     TuningRecord* record = Find(firstRecord.GpuKey, change.Control());
     if (record == nullptr) record = &Changes.emplace_back(firstRecord);
+    record->Device = firstRecord.Device;
+    record->bGpuGone = false;
     const TuningRecord before = *record;
     std::string warning = Notes.Note(before, change);
     record->InForce = change;
@@ -122,7 +124,8 @@ void TuningSession::Keep(const std::string& gpuKey, TuningControl control) {
 
 TuningResult TuningSession::GoBack(NvmlGpuMonitor* monitor, TuningRecord* record) {
     record->Deadline = NowSeconds() + kMemoryWaitSeconds;
-    TuningResult result = Apply(monitor, record->Device.Index, record->Previous);
+    TuningResult result = record->bGpuGone ? TuningResult{GpuClockOperationResult::Error, kGpuIsGone}
+                                           : Apply(monitor, record->Device.Index, record->Previous);
     record->InForce = InForceAfter(result, record->Previous, record->InForce);
     record->Problem = result.Error;
     Settle(record);
@@ -157,6 +160,19 @@ void TuningSession::TakeAllBack(NvmlGpuMonitor* monitor) {
         record.Deadline = record.IsOutstanding() ? NowSeconds() : 0.0;
     }
     TakeBackOverdue(monitor, std::numeric_limits<double>::infinity());
+}
+
+void TuningSession::LoseGpus() {
+    for (TuningRecord& record : Changes) record.bGpuGone = true;
+}
+
+void TuningSession::FindGpus(const std::function<const GpuDeviceInfo*(const std::string& gpuKey)>& find) {
+    for (TuningRecord& record : Changes) {
+        const GpuDeviceInfo* device = record.bGpuGone ? find(record.GpuKey) : nullptr;
+        if (device == nullptr) continue;
+        record.Device.Index = device->Index;
+        record.bGpuGone = false;
+    }
 }
 
 std::optional<double> TuningSession::NextDeadline() const {

@@ -1,12 +1,17 @@
 #include "look.h"
 
 #include <algorithm>
+#include <string_view>
 
 namespace gpu_panel {
 
 namespace {
 
 constexpr const char* kDots = "...";
+
+float GridGap() {
+    return ImGui::GetFontSize() * 1.5F;
+}
 
 bool IsDark(const ImVec4& color) {
     return 0.3F * color.x + 0.6F * color.y + 0.1F * color.z < 0.5F;
@@ -42,7 +47,7 @@ ImU32 WithAlpha(ImU32 color, float alpha) {
     return ImGui::ColorConvertFloat4ToU32(parts);
 }
 
-float PutFitted(ImVec2 position, float width, ImU32 color, const std::string& text) {
+float PutFitted(ImVec2 position, float width, ImU32 color, std::string_view text) {
     ImDrawList* const list = ImGui::GetWindowDrawList();
     const char* const begin = text.data();
     const char* end = begin + text.size();
@@ -61,35 +66,34 @@ float PutFitted(ImVec2 position, float width, ImU32 color, const std::string& te
     return position.x + kept + dots;
 }
 
-void FittedText(float width, ImU32 color, const std::string& text) {
+void FittedText(float width, ImU32 color, std::string_view text) {
     const ImVec2 position = ImGui::GetCursorScreenPos();
     const float end = PutFitted(position, width, color, text);
     ImGui::Dummy({end - position.x, ImGui::GetTextLineHeight()});
 }
 
-void Banner(ImU32 color, const std::string& text) {
+void Banner(ImU32 color, const char* text) {
     const ImGuiStyle& style = ImGui::GetStyle();
     const float edge = ImGui::GetFontSize() * 0.25F;
     const ImVec2 from = ImGui::GetCursorScreenPos();
     const float width = ImGui::GetContentRegionAvail().x;
     const ImVec2 inset = {edge + style.FramePadding.x * 2.0F, style.FramePadding.y * 1.5F};
     const float textWidth = std::max(width - 2.0F * inset.x, ImGui::GetFontSize());
-    const char* const end = text.data() + text.size();
-    const ImVec2 size = ImGui::CalcTextSize(text.data(), end, false, textWidth);
+    const ImVec2 size = ImGui::CalcTextSize(text, nullptr, false, textWidth);
     const ImVec2 to = {from.x + width, from.y + size.y + 2.0F * inset.y};
     ImDrawList* const list = ImGui::GetWindowDrawList();
     list->AddRectFilled(from, to, WithAlpha(color, 0.16F), style.FrameRounding);
     list->AddRectFilled(from, {from.x + edge, to.y}, color, style.FrameRounding);
     list->AddText(ImGui::GetFont(), ImGui::GetFontSize(), {from.x + inset.x, from.y + inset.y},
-                  ImGui::GetColorU32(ImGuiCol_Text), text.data(), end, textWidth);
+                  ImGui::GetColorU32(ImGuiCol_Text), text, nullptr, textWidth);
     ImGui::Dummy({width, to.y - from.y});
 }
 
-float ChipWidth(const std::string& word) {
+float ChipWidth(std::string_view word) {
     return ImGui::CalcTextSize(word.data(), word.data() + word.size()).x + ImGui::GetFontSize() * 0.8F;
 }
 
-void Chip(ImU32 color, const std::string& word) {
+void Chip(ImU32 color, std::string_view word) {
     const ImVec2 from = ImGui::GetCursorScreenPos();
     const ImVec2 to = {from.x + ChipWidth(word), from.y + ImGui::GetTextLineHeight()};
     const float height = to.y - from.y;
@@ -110,14 +114,13 @@ float ButtonWidth(const char* label) {
 
 Grid::Grid(int count, float leastWidth, float cellHeight)
     : Origin(ImGui::GetCursorScreenPos()), Height(cellHeight), Count(count) {
-    const float gap = ImGui::GetFontSize() * 1.5F;
+    const float gap = GridGap();
     const float available = ImGui::GetContentRegionAvail().x;
     const int most = std::clamp(static_cast<int>((available + gap) / (leastWidth + gap)), 1, count);
     // Rows of the same length where possible: as few rows, and then as few columns, as there is room for.
     const int rows = (count + most - 1) / most;
     Columns = (count + rows - 1) / rows;
-    Width = std::max((available + gap) / static_cast<float>(Columns), 1.0F);
-    Width = std::max(Width - gap, 1.0F);
+    Width = std::max((available + gap) / static_cast<float>(Columns) - gap, 1.0F);
 }
 
 Grid::~Grid() {
@@ -126,7 +129,7 @@ Grid::~Grid() {
 }
 
 ImVec2 Grid::Next() {
-    const float gap = ImGui::GetFontSize() * 1.5F;
+    const float gap = GridGap();
     const auto column = static_cast<float>(Placed % Columns);
     const auto row = static_cast<float>(Placed / Columns);
     ++Placed;

@@ -1,7 +1,7 @@
 #ifndef GPU_PANEL_LOOK_H
 #define GPU_PANEL_LOOK_H
 
-#include <string>
+#include <string_view>
 
 #include "imgui.h"
 
@@ -27,17 +27,17 @@ Palette CurrentPalette();
 ImU32 WithAlpha(ImU32 color, float alpha);
 
 /// Draws one line, with three dots at its end where it is wider than `width`. Result: where the text ends.
-float PutFitted(ImVec2 position, float width, ImU32 color, const std::string& text);
+float PutFitted(ImVec2 position, float width, ImU32 color, std::string_view text);
 
 /// The same as an item of the window.
-void FittedText(float width, ImU32 color, const std::string& text);
+void FittedText(float width, ImU32 color, std::string_view text);
 
 /// A message in whole lines across the window's content.
-void Banner(ImU32 color, const std::string& text);
+void Banner(ImU32 color, const char* text);
 
 /// A word on a background of its color.
-void Chip(ImU32 color, const std::string& word);
-float ChipWidth(const std::string& word);
+void Chip(ImU32 color, std::string_view word);
+float ChipWidth(std::string_view word);
 
 /// Puts the next item beside the latest one where it has room for `width`.
 void SameLineIfRoomFor(float width);

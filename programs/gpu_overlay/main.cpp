@@ -5,10 +5,12 @@
 
 #include <cstdlib>
 
-#include "commands/silent_driver.h"
+#include "common/left_driver.h"
+#include "common/standard_streams.h"
 #include "run/command_line.h"
 
 int main(int argc, char** argv) {
+    OccupyStandardStreams();
     // When the reader of the output ends early, writing returns an error instead.
     signal(SIGPIPE, SIG_IGN);
     const int status = RunCommandLine(argc, argv);

@@ -58,7 +58,7 @@ protected:
 TEST_F(GpuTrackerTest, EveryGpuHasAKeyOfItsOwn) {
     Tracker.Look(
         {History("a", {}, "0:1"), History("a", {}, "0:2", 3), History("", {}, "0:3", 4), History("", {}, "", 5)}, 3.0);
-    EXPECT_THAT(Tracker.Gpus(), ElementsAre(HasKey("a"), HasKey("a 0:2#3"), HasKey("0:3"), HasKey("5")));
+    EXPECT_THAT(Tracker.Gpus(), ElementsAre(HasKey("a 0:1#0"), HasKey("a 0:2#3"), HasKey("0:3"), HasKey("5")));
 }
 
 TEST_F(GpuTrackerTest, LatestIsTheNewestSampleWithAReadingAndSilenceBeginsWithALookThatFindsNone) {
@@ -98,23 +98,23 @@ TEST_F(GpuTrackerTest, PeriodsAreMeasuredFromNewSamplesAndBoundedAfterASuspensio
     EXPECT_THAT(Tracker.Gpus(), ElementsAre(HasPeriod(10.25)));
 }
 
-TEST_F(GpuTrackerTest, HistoryAndEnergyGoOnByKeyAndANewStartOfNvmlEmptiesTheHistory) {
+TEST_F(GpuTrackerTest, HistoryAndEnergyGoOnByKeyAndANewStartOfNvmlEmptiesWhatOnlyAnIndexNames) {
     // Whether sampling begins or goes on, what the monitor gives, and what is known then: the newest moment, and of
     // each GPU its key, its index, its energy and the moments of its samples.
     const std::tuple<bool, std::vector<GpuTelemetryHistory>, const char*> steps[] = {
-        {true, {History("a", {}), History("b", {}, "", 1)}, "0; a 0: 0 J; b 1: 0 J"},
-        {false, {History("a", {Sample(2.0)}), History("b", {Sample(2.5)}, "", 1)}, "2.5; a 0: 0 J 2; b 1: 0 J 2.5"},
-        // "b" is lost. Then a pause begins and ends, with a sample that no look has seen.
-        {false, {History("a", {Sample(3.0)}), History("b", {}, "", 1)}, "3; a 0: 200 J 2 3; b 1: 0 J 2.5"},
+        {true, {History("a", {}), History("", {}, "", 1)}, "0; a 0: 0 J; 1 1: 0 J"},
+        {false, {History("a", {Sample(2.0)}), History("", {Sample(2.5)}, "", 1)}, "2.5; a 0: 0 J 2; 1 1: 0 J 2.5"},
+        // The second one is lost. Then a pause begins and ends, with a sample that no look has seen.
+        {false, {History("a", {Sample(3.0)}), History("", {}, "", 1)}, "3; a 0: 200 J 2 3; 1 1: 0 J 2.5"},
         {true,
-         {History("a", {Sample(3.0), Sample(4.0)}), History("b", {Sample(2.5)}, "", 1)},
-         "4; a 0: 400 J 2 3 4; b 1: 0 J 2.5"},
-        // NVML is started anew and gives the GPUs other indices.
-        {true, {History("b", {}), History("a", {Sample(7.0)}, "", 1)}, "7; b 0: 0 J; a 1: 400 J 7"},
-        // "b" gives a sample without a moment first.
+         {History("a", {Sample(3.0), Sample(4.0)}), History("", {Sample(2.5)}, "", 1)},
+         "4; a 0: 400 J 2 3 4; 1 1: 0 J 2.5"},
+        // NVML is started anew and gives the GPUs other indices, and one of them a history that has begun already.
+        {true, {History("", {}, "", 1), History("a", {Sample(9.0)}, "", 2)}, "9; 1 1: 0 J; a 2: 1400 J 2 3 4 9"},
+        // The other one gives a sample without a moment first.
         {false,
-         {History("b", {Sample(0.0), Sample(8.0)}), History("a", {Sample(8.0)}, "", 1)},
-         "8; b 0: 0 J 8; a 1: 600 J 7 8"}};
+         {History("", {Sample(0.0), Sample(10.0)}, "", 1), History("a", {Sample(10.0)}, "", 2)},
+         "10; 1 1: 0 J 10; a 2: 1600 J 2 3 4 9 10"}};
     for (const auto& [bBegins, histories, expected] : steps) {
         // Memory runs out after the first GPU: nothing is lost, and nothing comes twice.
         DescriptionsLeft = 1;

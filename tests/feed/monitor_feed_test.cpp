@@ -234,6 +234,34 @@ TEST_F(FeedTest, ChangesGoBackAtTheirDeadlinesUnlessTheyAreKept) {
     EXPECT_EQ(Feed->QueryTuning(Key).get().Power.CurrentWatts, 320.0);
 }
 
+TEST_F(FeedTest, RescanFindsGpusAtOtherIndicesAndTheirHistoriesAndChangesFollowThem) {
+    Start(milliseconds(100));
+    EXPECT_TRUE(WaitForSamples(2));
+    EXPECT_EQ(Tune(kLimit), "");
+    const double oldest = Feed->Latest()->Find(SecondKey)->Samples[0].TimestampSeconds;
+    const simulated_nvml::Board boards[] = {simulated_nvml::DesktopBoard(0), simulated_nvml::DesktopBoard(1)};
+    // Which boards the driver finds, none being a driver that does not start, what taking back answers, and what the
+    // driver was asked for. Sampling is paused before.
+    const std::tuple<std::vector<simulated_nvml::Board>, const char*, const char*> scans[] = {
+        {{boards[1]}, kGpuIsGone, ""},
+        {{}, kGpuIsGone, ""},
+        {{boards[1], boards[0]}, "", "DeviceSetPowerManagementLimit(1, 320000) "}};
+    for (const auto& [found, error, calls] : scans) {
+        Feed->Pause();
+        Feed->QueryTuning(Key).get();
+        Sim.SetBoards(found);
+        const size_t calledBefore = Sim.Log().size();
+        Feed->Rescan();
+        EXPECT_EQ(Feed->TakeBack(Key, TuningControl::Power).get().Error, error);
+        EXPECT_EQ(Feed->Latest()->State, found.empty() ? FeedState::Unavailable : FeedState::Sampling);
+        EXPECT_EQ(Log(calledBefore, {"SetPowerManagementLimit("}), calls);
+        EXPECT_EQ(Record(TuningControl::Power).IsOutstanding(), *error != '\0');
+        EXPECT_EQ(Feed->QueryTuning(SecondKey).get().Power.MaximumWatts, found.empty() ? -1.0 : 352.0);
+    }
+    EXPECT_EQ(Gpu()->Key, SecondKey);
+    EXPECT_EQ(Gpu()->Samples[0].TimestampSeconds, oldest);
+}
+
 TEST_F(FeedTest, WayBackLeadsPastChangesThatNobodyHasKeptAndThoseThatFailed) {
     Start(milliseconds(10000));
     EXPECT_TRUE(WaitForSamples(1));

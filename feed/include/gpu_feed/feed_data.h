@@ -66,13 +66,13 @@ struct FeedProcess {
 
 /// One GPU at the feed's latest look at it.
 struct FeedGpu {
-    /// Names the GPU for as long as the program runs: its UUID. Where that was not read, or another GPU has the same,
-    /// the PCI bus id and the index are used.
+    /// Names the GPU for as long as the program runs: its UUID or, where that was not read, its PCI bus id. The index
+    /// is used where both are missing, and with both where several GPUs have the same UUID.
     std::string Key;
     /// Which GPU this is.
     GpuDeviceInfo Device;
-    /// The history, without samples that have no moment (`TimestampSeconds` 0). A new start of NVML empties it, a pause
-    /// does not.
+    /// The history, without samples that have no moment (`TimestampSeconds` 0). A pause does not empty it, nor does a
+    /// new start of NVML, unless only the index names the GPU, which can be that of another one then.
     SampleHistory Samples;
     /// Those that used video memory at the latest look, largest first.
     std::vector<FeedProcess> Processes;

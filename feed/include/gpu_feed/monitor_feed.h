@@ -84,8 +84,13 @@ public:
     /// Goes on sampling; where that could not be started, tries again.
     void Resume() override;
 
-    /// Looks anew for the driver and its GPUs: shuts NVML down and starts it again. Sampling goes on, also when it was
-    /// paused.
+    /// Looks anew for the driver and its GPUs: shuts NVML down and starts it again, as a user wants it who has plugged
+    /// a GPU in or installed a driver. Sampling goes on, also when it was paused or could not be started.
+    ///
+    /// The histories of the GPUs that are found again go on, also when they have other indices now: see
+    /// `FeedGpu::Samples`. So do their changes, which can be taken back as before. The changes of a GPU that is missing
+    /// stay outstanding: taking them back gives a sentence, until another rescan finds the GPU. The data shows the GPUs
+    /// of before until NVML has been started.
     void Rescan() override;
 
     /// Asks what can be changed on a GPU. `gpuKey` is a `FeedGpu::Key`. After a failure, both records hold their

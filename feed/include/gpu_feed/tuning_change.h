@@ -62,6 +62,9 @@ struct TuningResult {
     GpuPowerCapabilities PowerBefore = {};
 };
 
+/// The answer to a request for a GPU that was not found.
+constexpr const char* kGpuIsGone = "The GPU is not there any more.";
+
 /// A setting that the program has changed.
 struct TuningRecord {
     std::string GpuKey;
@@ -80,6 +83,9 @@ struct TuningRecord {
     std::string Problem = {};
     /// A warning of the journal about the latest change, for the user; usually empty. See `ChangeJournal`.
     std::string Warning = {};
+    /// Whether NVML was started anew and did not find the GPU. Nothing is asked of it then, because its index may be
+    /// that of another one now.
+    bool bGpuGone = false;
 
     /// Whether there is anything to take back.
     bool IsOutstanding() const { return InForce != Before; }

@@ -40,6 +40,12 @@ public:
     /// Takes back all changes, those that were kept too. `TuningRecord::Problem` says why one could not go back.
     void TakeAllBack(NvmlGpuMonitor* monitor);
 
+    /// To be called before NVML is started anew: until `FindGpus` finds its GPU, no change is taken back.
+    void LoseGpus();
+
+    /// Takes over where the lost GPUs are now. `find` gives the GPU with a key, or null.
+    void FindGpus(const std::function<const GpuDeviceInfo*(const std::string& gpuKey)>& find);
+
     /// When the next change is overdue; empty when all were kept or went back.
     std::optional<double> NextDeadline() const;
 

@@ -8,7 +8,7 @@
 #include <fstream>
 #include <utility>
 
-#include "terminal/failure.h"
+#include "common/failure.h"
 #include "text/csv_format.h"
 
 namespace {

@@ -9,9 +9,9 @@
 #include <system_error>
 #include <tuple>
 
-#include "commands/simulate.h"
+#include "common/failure.h"
+#include "common/simulate.h"
 #include "gpu_feed/reading_text.h"
-#include "terminal/failure.h"
 
 using namespace gpu_feed;
 

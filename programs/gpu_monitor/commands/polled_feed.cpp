@@ -9,9 +9,9 @@
 
 #include "commands/gpu_discovery.h"
 #include "commands/silent_driver.h"
-#include "commands/simulate.h"
-#include "commands/undo.h"
-#include "terminal/failure.h"
+#include "common/failure.h"
+#include "common/left_changes.h"
+#include "common/simulate.h"
 
 using namespace gpu_feed;
 
@@ -39,7 +39,7 @@ PolledFeed::PolledFeed(std::chrono::milliseconds interval)
       Feed({interval, IsNvmlSimulated(), [descriptor = NewsDescriptor] { SignalNews(descriptor); }, JournalFolder()}) {}
 
 PolledFeed::~PolledFeed() {
-    if (!Feed.Stop()) NoteDriverLeftBehind();
+    StopFeed(&Feed);
     close(NewsDescriptor);
 }
 
@@ -76,8 +76,4 @@ FeedMoment PolledFeed::WaitUntil(const std::string& selector,
         WaitForNews(kLookMs, -1);
         TakeNews();
     }
-}
-
-void PolledFeed::LeaveDriverBehind() {
-    if (!Feed.Stop(std::chrono::milliseconds(0))) NoteDriverLeftBehind();
 }

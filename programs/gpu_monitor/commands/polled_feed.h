@@ -41,9 +41,6 @@ public:
         const std::string& selector,
         const std::function<bool(const gpu_feed::FeedMoment&, const gpu_feed::FeedGpu&)>& isKnown);
 
-    /// Ends the feed at once, because the driver does not answer.
-    void LeaveDriverBehind();
-
 private:
     const int NewsDescriptor;
     gpu_feed::MonitorFeed Feed;

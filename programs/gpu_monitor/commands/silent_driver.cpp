@@ -3,7 +3,6 @@
 #include <poll.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 
 #include "gpu_feed/clock.h"
@@ -13,20 +12,10 @@ namespace {
 constexpr auto kLookForStop = std::chrono::milliseconds(100);
 constexpr double kSecondsAfterStop = 2.0;
 
-std::atomic<bool> bLeftBehind{false};
-
 }  // namespace
 
 Failure DriverIsSilent() {
     return Failure("The driver does not answer.");
-}
-
-void NoteDriverLeftBehind() {
-    bLeftBehind = true;
-}
-
-bool IsDriverLeftBehind() {
-    return bLeftBehind;
 }
 
 bool PatientMonitor::HasAnswered(const std::function<bool(std::chrono::milliseconds wait)>& hasCome) const {

@@ -8,20 +8,15 @@
 #include <thread>
 #include <utility>
 
+#include "common/failure.h"
+#include "common/left_driver.h"
 #include "nvml_gpu_monitor.h"
-#include "terminal/failure.h"
 
 /// A command that needs an answer waits this long: NVML can take seconds to start.
 constexpr double kLongestDriverSilenceSeconds = 20.0;
 
 /// The failure of a command that has waited for that time.
 Failure DriverIsSilent();
-
-/// To be called when a thread was left in a driver call that does not return.
-void NoteDriverLeftBehind();
-
-/// Whether there is such a thread: the program must not run its destructors.
-bool IsDriverLeftBehind();
 
 /// The monitor of a command that runs once. It asks on a thread of its own, so that the command goes on without the
 /// answer of a driver that hangs.

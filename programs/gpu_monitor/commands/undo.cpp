@@ -8,12 +8,12 @@
 #include "commands/change_commands.h"
 #include "commands/gpu_discovery.h"
 #include "commands/silent_driver.h"
-#include "commands/simulate.h"
-#include "gpu_feed/change_journal.h"
+#include "common/failure.h"
+#include "common/left_changes.h"
+#include "common/simulate.h"
 #include "gpu_feed/reading_text.h"
 #include "gpu_feed/tuning_session.h"
 #include "gpu_feed/tuning_text.h"
-#include "terminal/failure.h"
 #include "terminal/output.h"
 #include "text/change_report.h"
 #include "text/json_format.h"
@@ -22,33 +22,7 @@ using namespace gpu_feed;
 
 namespace {
 
-namespace fs = std::filesystem;
 using OperationResult = GpuClockOperationResult;
-
-/// Null when the user has not named a folder.
-const char* NamedFolder() {
-    return std::getenv("GPU_MONITOR_JOURNAL");
-}
-
-struct LeftChange {
-    ChangeJournal Journal;
-    NotedChange Noted;
-};
-
-/// Where changes are noted that concern this user.
-std::vector<fs::path> JournalFolders() {
-    const bool bUsual = NamedFolder() == nullptr && !IsNvmlSimulated();
-    return bUsual ? DefaultJournalFolders() : std::vector{JournalFolder()};
-}
-
-std::vector<LeftChange> LeftChanges() {
-    std::vector<LeftChange> left;
-    for (const fs::path& folder : JournalFolders()) {
-        const ChangeJournal journal(folder);
-        for (const NotedChange& noted : journal.LeftChanges()) left.push_back({journal, noted});
-    }
-    return left;
-}
 
 bool IsInForce(const TuningChange& change, const GpuPowerCapabilities& power) {
     return IsSameLimit(AskedWatts(change, power), power.CurrentWatts);
@@ -130,32 +104,9 @@ private:
 
 }  // namespace
 
-fs::path JournalFolder() {
-    if (const char* const named = NamedFolder()) return named;
-    return IsNvmlSimulated() ? fs::path() : DefaultJournalFolder();
-}
-
-bool HasLeftChanges() {
-    return !LeftChanges().empty();
-}
-
-void PrintLeftChanges(const std::string& simulateOption) {
-    const std::vector<LeftChange> left = LeftChanges();
-    for (const LeftChange& change : left) {
-        std::cerr << GpuInSentence(change.Noted.Device)
-                  << ": a program that has ended left this changed: " << OutcomeText(change.Noted.Set) << ".\n";
-    }
-    if (left.empty()) return;
-    std::cerr << "To undo it: gpu_monitor undo" << (simulateOption.empty() ? "" : ' ' + simulateOption) << '\n';
-}
-
 int RunUndo(bool bJson) {
     const std::vector<LeftChange> left = LeftChanges();
     if (!left.empty()) return UndoCommand().Run(left, bJson);
     WriteOutput(bJson ? UndoneJson({}) : "Nothing to undo.\n");
     return kExitSuccess;
-}
-
-void ForgetLeftChanges(const GpuDeviceInfo& device, TuningControl control) {
-    for (const fs::path& folder : JournalFolders()) ChangeJournal(folder).ForgetLeftChanges(device, control);
 }

@@ -10,12 +10,12 @@
 
 #include "commands/csv_log.h"
 #include "commands/polled_feed.h"
-#include "commands/take_back.h"
-#include "commands/undo.h"
 #include "commands/view_control.h"
-#include "terminal/failure.h"
+#include "common/failure.h"
+#include "common/left_changes.h"
+#include "common/signals.h"
+#include "common/take_back.h"
 #include "terminal/screen.h"
-#include "terminal/signals.h"
 #include "view/keys.h"
 
 using namespace gpu_feed;
@@ -43,12 +43,12 @@ public:
         // Fails before the screen is opened if there is no such GPU.
         PolledFeed::Wanted(*Feed->Latest(), Options.Gpu);
         // The sentences on standard error are behind the view.
-        if (HasLeftChanges()) Control.ShowNotice("A killed program left changes. See gpu_monitor undo.");
+        if (!LeftChanges().empty()) Control.ShowNotice("A killed program left changes. See gpu_monitor undo.");
         int status = kExitSuccess;
         if (ShowUntilEnd() == ViewEnd::TakeChangesBack) {
             status = TakeBack();
         } else {
-            LeaveChanges(&Feed, Options.SimulateOption);
+            LeaveChanges(Feed.Get(), Options.SimulateOption);
         }
         return std::max(status, EndLog());
     }
@@ -111,7 +111,7 @@ private:
     bool HasChanges(const FeedData& data) const { return Control.IsTuning() || !OutstandingChanges(data).empty(); }
 
     int TakeBack() {
-        return HasChanges(*Feed->Latest()) ? TakeChangesBack(&Feed, Options.SimulateOption) : kExitSuccess;
+        return HasChanges(*Feed->Latest()) ? TakeChangesBack(Feed.Get(), Options.SimulateOption) : kExitSuccess;
     }
 
     const WatchOptions Options;

@@ -4,8 +4,8 @@
 
 #include "commands/polled_feed.h"
 #include "commands/watch.h"
+#include "common/failure.h"
 #include "gpu_feed/reading_text.h"
-#include "terminal/failure.h"
 #include "terminal/output.h"
 #include "view/gpu_page.h"
 #include "view/live_view.h"

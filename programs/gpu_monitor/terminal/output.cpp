@@ -10,7 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "terminal/failure.h"
+#include "common/failure.h"
 
 namespace {
 

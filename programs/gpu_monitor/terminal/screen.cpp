@@ -20,10 +20,10 @@
 #include <string>
 #include <utility>
 
-#include "terminal/failure.h"
+#include "common/failure.h"
+#include "common/signals.h"
 #include "terminal/output.h"
 #include "terminal/painter.h"
-#include "terminal/signals.h"
 #include "view/keys.h"
 
 namespace {

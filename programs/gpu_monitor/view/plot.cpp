@@ -2,11 +2,11 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdint>
 #include <initializer_list>
 #include <string>
 #include <utility>
 
+#include "gpu_feed/plotting.h"
 #include "gpu_feed/reading_text.h"
 #include "view/cut_text.h"
 #include "view/plot_field.h"
@@ -18,22 +18,12 @@ namespace {
 /// Columns of the vertical axis and its labels, the same for all plots, so that their time axes have the same scale.
 constexpr int kMargin = 6;
 constexpr int kLeastFieldWidth = 10;
-constexpr double kGapFactor = 2.5;
 /// Values that are older than so many intervals are not shown as current.
 constexpr double kStaleIntervals = 4.0;
 
 using SamplePointers = std::vector<const GpuTelemetrySample*>;
 
 // ---- Scales ----
-
-/// The smallest of 1, 2, 2.5, 5, 10, ... and their decimal multiples and fractions that is not below `least`.
-double RoundStep(double least) {
-    const double power = std::pow(10.0, std::floor(std::log10(least)));
-    for (const double factor : {1.0, 2.0, 2.5, 5.0}) {
-        if (factor * power >= least) return factor * power;
-    }
-    return 10.0 * power;
-}
 
 /// The labels of the vertical axis, which begins at 0 in the lowest row.
 struct ValueAxis {
@@ -146,11 +136,11 @@ double TimeBefore(const SamplePointers& samples, size_t i) {
     return samples[i]->TimestampSeconds - samples[i - 1]->TimestampSeconds;
 }
 
-/// Whether samples are missing before sample `i`. The times around it decide, because the interval may have changed.
+/// Whether samples are missing before sample `i`.
 bool IsBehindGap(const SamplePointers& samples, size_t i, double interval) {
     const double earlier = i >= 2 ? TimeBefore(samples, i - 1) : interval;
     const double later = i + 1 < samples.size() ? TimeBefore(samples, i + 1) : interval;
-    return TimeBefore(samples, i) > kGapFactor * std::max(earlier, later);
+    return IsGap(TimeBefore(samples, i), earlier, later);
 }
 
 Trace TraceOf(const CurveFacts& facts, const ShownHistory& shown, const Scale& scale) {
@@ -170,23 +160,6 @@ Trace TraceOf(const CurveFacts& facts, const ShownHistory& shown, const Scale& s
 }
 
 // ---- Heading ----
-
-/// A duration in its largest units: 45 s, 5 min, 1 h 30 min.
-std::string DurationText(double duration) {
-    constexpr int64_t kMinute = 60;
-    constexpr int64_t kHour = 60 * kMinute;
-    constexpr int64_t kDay = 24 * kHour;
-    const auto seconds = static_cast<int64_t>(duration);
-    const std::pair<int64_t, const char*> parts[] = {{seconds / kDay, " d"},
-                                                     {seconds % kDay / kHour, " h"},
-                                                     {seconds % kHour / kMinute, " min"},
-                                                     {seconds % kMinute, " s"}};
-    std::string text;
-    for (const auto& [count, unit] : parts) {
-        if (count > 0) text += (text.empty() ? "" : " ") + std::to_string(count) + unit;
-    }
-    return text;
-}
 
 int WidthOf(const std::vector<StyledText>& texts) {
     int width = 0;
@@ -225,9 +198,7 @@ std::string FactText(const char* word, const std::vector<CurveFacts>& curves, in
 }
 
 std::string EnergyText(const EnergyCount& energy) {
-    if (energy.Seconds < 1.0) return {};
-    const double wattHours = energy.Joules / 3600.0;
-    return Number(wattHours, wattHours < 10.0 ? 2 : 0) + " Wh in " + DurationText(energy.Seconds);
+    return energy.Seconds < 1.0 ? "" : WattHoursText(energy) + " in " + DurationText(energy.Seconds);
 }
 
 /// What was over the time shown, as much as there is room for.
@@ -270,15 +241,6 @@ void DrawHeading(Canvas* canvas, const Area& area, const Plot& plot, const std::
 
 // ---- Axes ----
 
-int DecimalsOf(double step) {
-    int decimals = 0;
-    while (decimals < 3 && std::fabs(step - std::round(step)) > 1e-6) {
-        step *= 10.0;
-        ++decimals;
-    }
-    return decimals;
-}
-
 /// Labels in the columns before `field`, and the axis beside it.
 void DrawValueAxis(Canvas* canvas, const Area& field, const ValueAxis& axis) {
     const int end = field.X - 1;
@@ -293,17 +255,6 @@ void DrawValueAxis(Canvas* canvas, const Area& field, const ValueAxis& axis) {
     }
 }
 
-/// The shortest of the usual steps, in seconds, that leaves room for labels.
-double TimeStep(double columnsPerSecond) {
-    constexpr double kSteps[] = {1, 2, 5, 10, 15, 30, 60, 120, 300, 600, 900, 1800, 3600, 7200, 10800, 21600, 43200};
-    constexpr double kLeastColumns = 14.0;
-    constexpr double kDay = 86400.0;
-    const auto* const step = std::find_if(std::begin(kSteps), std::end(kSteps), [columnsPerSecond](double seconds) {
-        return seconds * columnsPerSecond >= kLeastColumns;
-    });
-    return step != std::end(kSteps) ? *step : kDay * RoundStep(kLeastColumns / columnsPerSecond / kDay);
-}
-
 /// How long ago a moment was: -45 s, -5 min, -1 h 30 min.
 std::string AgoText(double secondsAgo, bool bInSeconds) {
     if (secondsAgo < 1.0) return "now";
@@ -313,9 +264,10 @@ std::string AgoText(double secondsAgo, bool bInSeconds) {
 /// From now to the left; each label is centered below its column where the area allows it.
 void DrawTimeAxis(Canvas* canvas, const Area& area, const Area& field, const TimeSpan& span) {
     constexpr double kLongestInSeconds = 120.5;
+    constexpr double kLeastColumns = 14.0;
     const double seconds = span.To - span.From;
     const double columnsPerSecond = field.Width / seconds;
-    const double step = TimeStep(columnsPerSecond);
+    const double step = RoundTimeStep(kLeastColumns / columnsPerSecond);
     const int end = area.X + area.Width;
     // Half a column more, because the length of a span is not exact.
     for (int i = 0; i * step * columnsPerSecond < field.Width + 0.5; ++i) {

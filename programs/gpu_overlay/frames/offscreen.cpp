@@ -5,7 +5,7 @@
 
 #include <iterator>
 
-#include "terminal/failure.h"
+#include "common/failure.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 
 #include <cstddef>
 
-#include "terminal/failure.h"
+#include "common/failure.h"
 
 namespace {
 

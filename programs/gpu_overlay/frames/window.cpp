@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "terminal/failure.h"
+#include "common/failure.h"
 
 namespace {
 

@@ -11,10 +11,11 @@
 #include <string>
 #include <vector>
 
-#include "commands/simulate.h"
+#include "common/failure.h"
+#include "common/options.h"
+#include "common/simulate.h"
 #include "frames/scene_window.h"
 #include "run/overlay.h"
-#include "terminal/failure.h"
 
 namespace {
 
@@ -49,20 +50,6 @@ struct CommandLine {
     OverlayOptions Options;
 };
 
-std::string WholeNumberError(const std::string& text) {
-    const bool bDigits = !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
-    const bool bWhole = bDigits && (text == "0" || text.front() != '0');
-    return bWhole ? "" : "'" + text + "' is not a whole number";
-}
-
-CLI::Validator InRange(int lowest, int highest) {
-    return CLI::Range(lowest, highest).description("");
-}
-
-std::string FileNameError(const std::string& path) {
-    return path.empty() ? "the name of the file is empty" : "";
-}
-
 bool ReadSize(const std::string& text, PixelSize* size) {
     char end = 0;
     const bool bNumbers = text.find_first_not_of("0123456789x") == std::string::npos;
@@ -80,31 +67,23 @@ void DefineOptions(CLI::App* app, CommandLine* commandLine) {
     OverlayOptions* const options = &commandLine->Options;
     app->get_formatter()->column_width(kHelpColumn);
     app->set_version_flag("--version", std::string("gpu_overlay ") + GPU_OVERLAY_VERSION);
-    app->add_option("--simulate", commandLine->SimulatedBoards,
-                    "Simulate so many GPUs, or kinds: desktop,\nlaptop,datacenter,old,workstation")
-        ->type_name("[GPUS]")
-        ->expected(0, 1)
-        ->default_str("1")
-        ->check(SimulationError);
-    app->add_option("--interval", commandLine->IntervalMs, "Wait between two readings, 100 to 10000 milliseconds")
-        ->type_name("MS")
-        ->check(WholeNumberError)
-        ->check(InRange(100, 10000))
-        ->capture_default_str();
+    AddSimulateOption(app, &commandLine->SimulatedBoards);
+    AddIntervalOption(app, &commandLine->IntervalMs);
     app->add_option("--load", options->Loads, "Work of the scene, 1 to 100; with --frames,\nalso several: 1,10,100")
         ->type_name("LOAD")
         ->delimiter(',')
         ->allow_extra_args(false)
         ->check(WholeNumberError)
         ->check(InRange(kLeastLoad, kMostLoad))
-        ->default_str("10");
+        ->default_str("1");
     app->add_option("--size", commandLine->Size, "Size of the window in pixels")
         ->type_name("WxH")
         ->check(SizeError)
         ->default_str("1280x800");
     app->add_option("--scale", options->Scale, "Size of texts, 0.5 to 4; default: as the desktop\nwants it")
         ->type_name("FACTOR")
-        ->check(CLI::Range(0.5, 4.0).description(""));
+        ->check(DecimalError)
+        ->check(InRange(0.5, 4.0));
     app->add_option("--frames", options->FramesPerLoad,
                     "Draw so many frames with each load, without a\nwindow and without waiting, and end")
         ->type_name("N")
@@ -127,13 +106,7 @@ int Run(CommandLine* commandLine) {
     }
     options->Interval = std::chrono::milliseconds(commandLine->IntervalMs);
     if (!commandLine->Size.empty()) ReadSize(commandLine->Size, &options->Size);
-    if (const std::optional<std::string>& boards = commandLine->SimulatedBoards) {
-        // The parser does not check an empty text.
-        if (boards->empty()) throw Failure(SimulationError(*boards) + '.', kExitUsage);
-        UseSimulatedNvml(*boards);
-        std::cerr << SimulationNotice(true);
-        options->SimulateOption = "--simulate=" + *boards;
-    }
+    options->SimulateOption = Simulate(commandLine->SimulatedBoards, true);
     return RunOverlay(*options);
 }
 

@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <cstddef>
 
-#include "terminal/failure.h"
+#include "common/failure.h"
 
 namespace {
 

@@ -5,12 +5,15 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <iostream>
 #include <memory>
 #include <optional>
 
-#include "commands/silent_driver.h"
-#include "commands/simulate.h"
+#include "common/failure.h"
+#include "common/left_changes.h"
+#include "common/left_driver.h"
+#include "common/signals.h"
+#include "common/simulate.h"
+#include "common/take_back.h"
 #include "frames/frame_log.h"
 #include "frames/frame_pacer.h"
 #include "frames/scene_window.h"
@@ -21,8 +24,6 @@
 #include "gpu_profiler.h"
 #include "run/output_file.h"
 #include "run/run_report.h"
-#include "terminal/failure.h"
-#include "terminal/signals.h"
 
 using namespace gpu_feed;
 
@@ -35,6 +36,8 @@ constexpr double kMostOfRefreshRate = 1.1;
 /// Frames that are counted begin when every GPU has been read, but not later than this.
 constexpr double kLongestWarmUpSeconds = 3.0;
 constexpr uint64_t kLeastWarmUpFrames = 8;
+/// The sentences on standard error are not seen where a desktop has started the program.
+constexpr const char* kLeftChanges = "A killed program left changes. See gpu_monitor undo.";
 /// The first readings come soon after the start, if they come.
 constexpr double kSilenceSeconds = 0.5;
 
@@ -44,28 +47,11 @@ std::unique_ptr<OutputFile> Open(const std::string& path) {
 
 /// Whether there is nothing more to wait for before frames are counted.
 bool IsWarm(const FeedMoment& moment) {
-    if (moment.DriverSilence > kSilenceSeconds) return true;
     if (moment.Data->State == FeedState::Starting) return false;
+    if (moment.DriverSilence > kSilenceSeconds) return true;
     const auto isStarting = [&moment](const auto& gpu) { return StateOf(moment, *gpu) == GpuState::Starting; };
     return std::none_of(moment.Data->Gpus.begin(), moment.Data->Gpus.end(), isStarting);
 }
-
-/// The feed of a program that must not wait for the driver at its end.
-class OwnedFeed {
-public:
-    explicit OwnedFeed(std::chrono::milliseconds interval) : Feed(FeedOptions{interval, IsNvmlSimulated()}) {}
-    ~OwnedFeed() {
-        if (!Feed.Stop()) NoteDriverLeftBehind();
-    }
-    OwnedFeed(const OwnedFeed&) = delete;
-    OwnedFeed& operator=(const OwnedFeed&) = delete;
-
-    MonitorFeed* operator->() { return &Feed; }
-    MonitorFeed* Get() { return &Feed; }
-
-private:
-    MonitorFeed Feed;
-};
 
 class Overlay {
 public:
@@ -75,19 +61,30 @@ public:
           Screenshot(Open(options.ScreenshotPath)),
           Report(Open(options.ReportPath)),
           Frames({options.Size, static_cast<float>(options.Scale), IsHeadless(), true}),
-          Feed(options.Interval),
-          Panel(Feed.Get()),
-          OwnWindow(Frames.Renderer(), ""),
+          Feed(FeedOptions{options.Interval, IsNvmlSimulated(), [] {}, JournalFolder()}),
+          Panel(&Feed),
+          OwnWindow(Frames.Renderer(), LeftChanges().empty() ? "" : kLeftChanges),
           Controls{options.Loads.front(), !IsHeadless()} {}
 
+    ~Overlay() { StopFeed(&Feed); }
+
+    Overlay(const Overlay&) = delete;
+    Overlay& operator=(const Overlay&) = delete;
+
+    /// Result: the exit status. Throws `Failure`.
     int Run() {
-        if (IsHeadless()) {
-            DrawAllFrames();
-        } else {
-            DrawUntilEnd();
+        try {
+            if (IsHeadless()) {
+                DrawAllFrames();
+            } else {
+                DrawUntilEnd();
+            }
+            WriteFiles();
+        } catch (...) {
+            TakeBack();
+            throw;
         }
-        WriteFiles();
-        return kExitSuccess;
+        return TakeBack();
     }
 
 private:
@@ -98,10 +95,18 @@ private:
         return poll(&stop, 1, 0) > 0;
     }
 
+    /// Result: the exit status.
+    int TakeBack() {
+        // It cannot be used any more, and taking back can take seconds.
+        Frames.Shown().Hide();
+        return OutstandingChanges(*Feed.Latest()).empty() ? kExitSuccess
+                                                          : TakeChangesBack(&Feed, Options.SimulateOption);
+    }
+
     void DrawAllFrames() {
         const double latestStart = NowSeconds() + kLongestWarmUpSeconds;
         while (!IsStopRequested() &&
-               (Frames.FrameNumber() < kLeastWarmUpFrames || (!IsWarm(Feed->Moment()) && NowSeconds() < latestStart))) {
+               (Frames.FrameNumber() < kLeastWarmUpFrames || (!IsWarm(Feed.Moment()) && NowSeconds() < latestStart))) {
             DrawFrame();
         }
         BeginLog();
@@ -183,7 +188,7 @@ private:
             Screenshot->Write(EncodePng(picture));
         }
         if (Report != nullptr) {
-            const FeedMoment moment = Feed->Moment();
+            const FeedMoment moment = Feed.Moment();
             const RunFacts facts = {Frames.Renderer(), Frames.OpenGlVersion(), Frames.Size(), Frames.Shown().HasVsync(),
                                     moment.bSimulated};
             Report->Write(ReportJson(facts, Log, *moment.Data));
@@ -195,7 +200,7 @@ private:
     const std::unique_ptr<OutputFile> Screenshot;
     const std::unique_ptr<OutputFile> Report;
     Stage Frames;
-    OwnedFeed Feed;
+    MonitorFeed Feed;
     gpu_panel::GpuPanel Panel;
     SceneWindow OwnWindow;
     SceneControls Controls;
@@ -213,5 +218,6 @@ private:
 }  // namespace
 
 int RunOverlay(const OverlayOptions& options) {
+    PrintLeftChanges(options.SimulateOption);
     return Overlay(options).Run();
 }

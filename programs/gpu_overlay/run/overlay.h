@@ -9,7 +9,7 @@
 
 struct OverlayOptions {
     /// The loads of the scene, at least one. Without `FramesPerLoad`, the first is only where the slider begins.
-    std::vector<int> Loads{10};
+    std::vector<int> Loads{1};
     /// Above 0: draws so many frames with each load into memory, and ends.
     int FramesPerLoad = 0;
     /// Gets the last frame as PNG; empty: no file.

@@ -1,4 +1,4 @@
-#include "terminal/signals.h"
+#include "common/signals.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -12,7 +12,7 @@
 #include <cstdint>
 #include <iterator>
 
-#include "terminal/failure.h"
+#include "common/failure.h"
 
 namespace {
 

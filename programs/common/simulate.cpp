@@ -1,4 +1,4 @@
-#include "commands/simulate.h"
+#include "common/simulate.h"
 
 #include <dlfcn.h>
 #include <stdlib.h>
@@ -6,10 +6,11 @@
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
+#include <iostream>
 #include <sstream>
 #include <system_error>
 
-#include "terminal/failure.h"
+#include "common/failure.h"
 
 namespace {
 
@@ -50,14 +51,6 @@ fs::path SimulatorPath() {
     return {};
 }
 
-}  // namespace
-
-std::string SimulationError(const std::string& boards) {
-    if (IsBoardCount(boards) || IsBoardKindList(boards)) return {};
-    return "'" + boards +
-           "' is neither a number from 1 to 64 nor a list of kinds such as desktop,laptop,datacenter,old,workstation";
-}
-
 void UseSimulatedNvml(const std::string& boards) {
     const fs::path path = SimulatorPath();
     if (path.empty()) throw Failure("The simulated NVML is not installed with this program.");
@@ -69,18 +62,35 @@ void UseSimulatedNvml(const std::string& boards) {
     }
 }
 
-bool IsNvmlSimulated() {
-    void* library = dlopen(kNvmlLibrary, RTLD_LAZY);
-    if (library == nullptr) return false;
-    const bool bSimulator = dlsym(library, "kSimulatedNvml") != nullptr;
-    dlclose(library);
-    return bSimulator;
-}
-
 std::string SimulationNotice(bool bChanges) {
     std::string notice = "Simulated GPUs: readings do not come from hardware.";
     if (bChanges && std::getenv("NVML_SIM_STATE") == nullptr) {
         notice += " Changes vanish with this process; NVML_SIM_STATE=FILE keeps them.";
     }
     return notice + '\n';
+}
+
+}  // namespace
+
+std::string SimulationError(const std::string& boards) {
+    if (IsBoardCount(boards) || IsBoardKindList(boards)) return {};
+    return "'" + boards +
+           "' is neither a number from 1 to 64 nor a list of kinds such as desktop,laptop,datacenter,old,workstation";
+}
+
+std::string Simulate(const std::optional<std::string>& boards, bool bChanges) {
+    if (!boards) return {};
+    // The parser does not check an empty text.
+    if (boards->empty()) throw Failure(SimulationError(*boards) + '.', kExitUsage);
+    UseSimulatedNvml(*boards);
+    std::cerr << SimulationNotice(bChanges);
+    return "--simulate=" + *boards;
+}
+
+bool IsNvmlSimulated() {
+    void* library = dlopen(kNvmlLibrary, RTLD_LAZY);
+    if (library == nullptr) return false;
+    const bool bSimulator = dlsym(library, "kSimulatedNvml") != nullptr;
+    dlclose(library);
+    return bSimulator;
 }

@@ -1,5 +1,5 @@
-#ifndef GPU_MONITOR_FAILURE_H
-#define GPU_MONITOR_FAILURE_H
+#ifndef COMMON_FAILURE_H
+#define COMMON_FAILURE_H
 
 #include <cerrno>
 #include <stdexcept>
@@ -31,4 +31,4 @@ inline Failure SystemFailure(const std::string& what) {
     return Failure(what + ": " + std::generic_category().message(errno) + '.');
 }
 
-#endif  // GPU_MONITOR_FAILURE_H
+#endif  // COMMON_FAILURE_H

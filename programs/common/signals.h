@@ -1,5 +1,5 @@
-#ifndef GPU_MONITOR_SIGNALS_H
-#define GPU_MONITOR_SIGNALS_H
+#ifndef COMMON_SIGNALS_H
+#define COMMON_SIGNALS_H
 
 /// Afterwards the first SIGINT, SIGQUIT, SIGTERM or SIGHUP asks for a clean end. A second one of the same kind, except
 /// SIGHUP, kills the process even while the main thread hangs in a driver call, unless it comes right after the first.
@@ -17,4 +17,4 @@ bool HasFurtherStopCome();
 /// stop signal, or one that the program cannot survive. Null: nothing is called.
 void CallBeforeDeath(void (*restore)());
 
-#endif  // GPU_MONITOR_SIGNALS_H
+#endif  // COMMON_SIGNALS_H

@@ -1,4 +1,4 @@
-#include "commands/take_back.h"
+#include "common/take_back.h"
 
 #include <algorithm>
 #include <chrono>
@@ -7,12 +7,12 @@
 #include <memory>
 #include <vector>
 
+#include "common/failure.h"
+#include "common/left_driver.h"
+#include "common/signals.h"
 #include "gpu_feed/clock.h"
 #include "gpu_feed/reading_text.h"
 #include "gpu_feed/tuning_text.h"
-#include "terminal/failure.h"
-#include "terminal/signals.h"
-#include "view/leaving_dialog.h"
 
 using namespace gpu_feed;
 
@@ -37,11 +37,11 @@ double PatienceWith(const FeedMoment& moment) {
     return patience;
 }
 
-std::future<TuningResult> RequestTakeAllBack(PolledFeed* feed) {
-    const std::vector<TuningRecord> records = OutstandingChanges(*(*feed)->Latest());
+std::future<TuningResult> RequestTakeAllBack(MonitorFeed* feed) {
+    const std::vector<TuningRecord> records = OutstandingChanges(*feed->Latest());
     // Otherwise a cycle could come first.
-    (*feed)->Pause();
-    std::future<TuningResult> answer = (*feed)->TakeAllBack();
+    feed->Pause();
+    std::future<TuningResult> answer = feed->TakeAllBack();
     for (const TuningRecord& record : records) {
         std::cerr << GpuInSentence(record.Device) << ": going back to: " << OutcomeText(record.Before) << " ...\n";
     }
@@ -59,17 +59,17 @@ bool WaitForAnswer(const std::future<TuningResult>& answer, double patienceSecon
 
 }  // namespace
 
-int TakeChangesBack(PolledFeed* feed, const std::string& simulateOption) {
+int TakeChangesBack(MonitorFeed* feed, const std::string& simulateOption) {
     // A second signal must not end the program without a message.
     ExpectFurtherStop();
     const std::future<TuningResult> answer = RequestTakeAllBack(feed);
-    const bool bAnswered = WaitForAnswer(answer, PatienceWith((*feed)->Moment()));
-    const std::shared_ptr<const FeedData> data = (*feed)->Latest();
+    const bool bAnswered = WaitForAnswer(answer, PatienceWith(feed->Moment()));
+    const std::shared_ptr<const FeedData> data = feed->Latest();
     const std::vector<TuningRecord> left = OutstandingChanges(*data);
     for (const TuningRecord& record : data->Tuning) {
         if (!record.IsOutstanding() && !record.Warning.empty()) std::cerr << record.Warning << '\n';
     }
-    if (!bAnswered) feed->LeaveDriverBehind();
+    if (!bAnswered) StopFeed(feed, milliseconds(0));
     for (const TuningRecord& record : left) {
         std::cerr << GpuInSentence(record.Device)
                   << ": did not go back: " << (bAnswered ? record.Problem : "The driver has not answered.")
@@ -78,11 +78,11 @@ int TakeChangesBack(PolledFeed* feed, const std::string& simulateOption) {
     return left.empty() ? kExitSuccess : kExitFailure;
 }
 
-void LeaveChanges(PolledFeed* feed, const std::string& simulateOption) {
-    for (const TuningRecord& record : OutstandingChanges(*(*feed)->Latest())) {
+void LeaveChanges(MonitorFeed* feed, const std::string& simulateOption) {
+    for (const TuningRecord& record : OutstandingChanges(*feed->Latest())) {
         std::cerr << GpuInSentence(record.Device) << ": kept: " << OutcomeText(record.InForce)
                   << "\nTo undo it: " << CommandOf(record.Before, record.Device.Index, simulateOption) << '\n';
     }
-    const std::string problem = (*feed)->LeaveChanges();
+    const std::string problem = feed->LeaveChanges();
     if (!problem.empty()) std::cerr << problem << '\n';
 }

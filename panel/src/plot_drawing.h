@@ -1,0 +1,49 @@
+#ifndef GPU_PANEL_PLOT_DRAWING_H
+#define GPU_PANEL_PLOT_DRAWING_H
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "imgui.h"
+#include "plot_table.h"
+
+namespace gpu_panel {
+
+/// What a curve shows in one column of pixels.
+struct CurvePoint {
+    float X;
+    /// The highest and the lowest value; `Top` is above `Bottom` or at it.
+    float Top;
+    float Bottom;
+    /// Whether a line leads here from the point before.
+    bool bConnected;
+};
+
+/// Draws a curve, smoothed at its edges. Where points are side by side, it fills all that lies between their values.
+void DrawCurve(ImDrawList* list, const std::vector<CurvePoint>& points, ImU32 color, float thickness);
+
+/// Fills what is below a curve, fading towards `base`.
+void FillBelow(ImDrawList* list, const std::vector<CurvePoint>& points, ImU32 color, float base);
+
+// ---- Colors, for people with any color vision, on the host's dark or light style ----
+
+ImU32 ColorOf(CurveRole role);
+/// The color of the limiting reason with this bit.
+ImU32 ColorOfReason(size_t bit);
+/// The color of lines behind curves; `strength` 1 is that of text.
+ImU32 FaintColor(float strength);
+
+// ---- Text ----
+
+/// Where the text begins that ends at `end`.
+float LeftOf(const char* text, float end);
+/// Draws as much of `text` as fits into `width`, with three points when that is not all.
+void DrawShortened(ImDrawList* list, ImVec2 position, float width, ImU32 color, const char* text);
+
+/// The limiting reason with this bit, in words.
+const char* ReasonWord(size_t bit);
+
+}  // namespace gpu_panel
+
+#endif  // GPU_PANEL_PLOT_DRAWING_H
