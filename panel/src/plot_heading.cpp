@@ -77,7 +77,7 @@ Parts ValuesOf(const PlotFrame& frame, const PlotKind& plot, bool bNamed) {
         const Curve& curve = kCurves[i];
         const bool bCeiling = curve.Role == CurveRole::Ceiling;
         if (bCeiling && !bNamed) continue;
-        if (!bCeiling) parts.Add(bSquares ? ColorOf(curve.Role) : 0);
+        if (!bCeiling) parts.Add(bSquares ? ColorOf(curve.Role, CurrentPalette()) : 0);
         parts.Append(bNamed ? curve.Name : "");
         parts.Append(ValueText(curve, plot, frame.Shown).c_str());
     }
@@ -92,12 +92,12 @@ void DrawLine(const PlotFrame& frame, ImVec2 position, const char* title, const 
     const float gap = frame.Font * 0.8F;
     const float partsLeft = position.x + frame.Width - parts.Width();
     const float room = partsLeft - gap - position.x;
-    DrawShortened(list, position, room, ImGui::GetColorU32(ImGuiCol_Text), title);
+    PutFitted(position, room, ImGui::GetColorU32(ImGuiCol_Text), title);
     parts.Draw(list, ImVec2(partsLeft, position.y));
     const float factLeft = position.x + ImGui::CalcTextSize(title).x + gap;
     for (const char* text : {frame.When.data(), frame.Ago.data(), frame.bHovered ? "" : fact}) {
         if (*text == '\0' || ImGui::CalcTextSize(text).x > partsLeft - gap - factLeft) continue;
-        list->AddText(ImVec2(factLeft, position.y), ImGui::GetColorU32(ImGuiCol_TextDisabled), text);
+        list->AddText(ImVec2(factLeft, position.y), CurrentPalette().Dim, text);
         return;
     }
 }
@@ -115,13 +115,13 @@ void DrawHeading(const PlotFrame& frame, size_t plot, ImVec2 position) {
 
 void DrawReasonHeading(const PlotFrame& frame, uint64_t reasons, ImVec2 position) {
     static constexpr const char* kTitle = "Limited by";
-    const float room = frame.Width - ImGui::CalcTextSize(kTitle).x - frame.Font;
+    const float room = frame.Width - ImGui::CalcTextSize("Limited by  +99 ").x;
     Parts parts(frame.Font);
     int left = 0;
-    for (size_t bit = 0; bit < 64; ++bit) {
+    for (size_t bit = 0; bit < kReasonBits; ++bit) {
         if ((reasons >> bit & 1U) == 0) continue;
         Parts longer = parts;
-        longer.Add(ColorOfReason(bit));
+        longer.Add(ColorOfReason(bit, CurrentPalette()));
         longer.Append(ReasonWord(bit));
         if (longer.Width() > room) {
             ++left;

@@ -21,7 +21,7 @@
 #include "commands/watch.h"
 #include "common/failure.h"
 #include "common/left_changes.h"
-#include "common/simulate_option.h"
+#include "common/options.h"
 #include "terminal/output.h"
 #include "text/json_format.h"
 
@@ -92,21 +92,6 @@ std::string UsageSentence(const CLI::App* app, const CLI::Error& error) {
     return problem + ". Run gpu_monitor --help for usage.";
 }
 
-/// Empty when `text` is a whole number, otherwise why it is not. The parser would read a number with a leading zero as
-/// an octal one, and would ignore an option with an empty text, as a shell variable that is not set gives it.
-std::string WholeNumberError(const std::string& text) {
-    const bool bDigits = !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
-    const bool bWhole = bDigits && (text == "0" || text.front() != '0');
-    return bWhole ? "" : "'" + text + "' is not a whole number";
-}
-
-/// Empty when `text` has only the characters of a decimal number, otherwise what is wrong. The parser would also take
-/// infinity, for example.
-std::string DecimalError(const std::string& text) {
-    const bool bDecimal = !text.empty() && text.find_first_not_of("0123456789.") == std::string::npos;
-    return bDecimal ? "" : "'" + text + "' is not a decimal number";
-}
-
 /// Adds a command that `run` carries out.
 CLI::App* AddCommand(CLI::App* app, CommandLine* commandLine, const char* name, const char* description,
                      std::function<int()> run) {
@@ -160,35 +145,22 @@ int RunStreamCommand(CommandLine* commandLine) {
     return kExitSuccess;
 }
 
-/// A range that the help does not mention: the description of the option does.
-CLI::Validator InRange(int lowest, int highest) {
-    return CLI::Range(lowest, highest).description("");
-}
-
-void AddIntervalOption(CLI::App* command, CommandLine* commandLine) {
-    command->add_option("--interval", commandLine->IntervalMs, "Wait between two cycles, 100 to 10000 milliseconds")
-        ->type_name("MS")
-        ->check(WholeNumberError)
-        ->check(InRange(100, 10000))
-        ->capture_default_str();
-}
-
 void AddWatch(CLI::App* app, CommandLine* commandLine) {
     CLI::App* watch = AddCommand(app, commandLine, "watch", "Show and tune GPUs in a live view",
                                  [commandLine] { return RunWatchCommand(commandLine); });
     AddGpuOption(watch, &commandLine->Watch.Gpu, "Begin with this GPU; with --once, only it");
-    AddIntervalOption(watch, commandLine);
+    AddIntervalOption(watch, &commandLine->IntervalMs);
     watch->add_flag("--once", commandLine->bOnce, "Print the view as text, once, and end");
     watch->add_option("--log", commandLine->Watch.LogPath, "Append every reading to this CSV file")
         ->type_name("FILE")
-        ->check([](const std::string& path) { return path.empty() ? "the name of the file is empty" : ""; });
+        ->check(FileNameError);
 }
 
 void AddStream(CLI::App* app, CommandLine* commandLine) {
     CLI::App* stream = AddCommand(app, commandLine, "stream", "Show a line per GPU and sampling cycle until Ctrl-C",
                                   [commandLine] { return RunStreamCommand(commandLine); });
     AddGpuOption(stream, &commandLine->Stream.Gpu);
-    AddIntervalOption(stream, commandLine);
+    AddIntervalOption(stream, &commandLine->IntervalMs);
     stream->add_option("--count", commandLine->Stream.Count, "End after this many cycles")
         ->type_name("N")
         ->check(WholeNumberError)

@@ -1,0 +1,26 @@
+#ifndef GPU_OVERLAY_OUTPUT_FILE_H
+#define GPU_OVERLAY_OUTPUT_FILE_H
+
+#include <string>
+
+/// A file that is written at the end of the run, and opened at its beginning, so that a wrong path is found out before.
+class OutputFile {
+public:
+    /// Throws `Failure` when the file cannot be opened for writing. What it holds stays until `Write`.
+    explicit OutputFile(const std::string& path);
+    /// Removes a file that was created and never written.
+    ~OutputFile();
+
+    OutputFile(const OutputFile&) = delete;
+    OutputFile& operator=(const OutputFile&) = delete;
+
+    /// Makes `bytes` the content of the file. Throws `Failure`.
+    void Write(const std::string& bytes);
+
+private:
+    const std::string Path;
+    int Descriptor = -1;
+    bool bEmptyAndNew = false;
+};
+
+#endif  // GPU_OVERLAY_OUTPUT_FILE_H

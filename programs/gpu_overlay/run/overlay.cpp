@@ -1,0 +1,223 @@
+#include "run/overlay.h"
+
+#include <imgui.h>
+#include <poll.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <memory>
+#include <optional>
+
+#include "common/failure.h"
+#include "common/left_changes.h"
+#include "common/left_driver.h"
+#include "common/signals.h"
+#include "common/simulate.h"
+#include "common/take_back.h"
+#include "frames/frame_log.h"
+#include "frames/frame_pacer.h"
+#include "frames/scene_window.h"
+#include "frames/stage.h"
+#include "gpu_feed/clock.h"
+#include "gpu_feed/monitor_feed.h"
+#include "gpu_panel/gpu_panel.h"
+#include "gpu_profiler.h"
+#include "run/output_file.h"
+#include "run/run_report.h"
+
+using namespace gpu_feed;
+
+namespace {
+
+/// Without a display to wait for.
+constexpr double kFramesPerSecond = 60.0;
+/// More than the display shows, so that waiting for it decides where the driver does that.
+constexpr double kMostOfRefreshRate = 1.1;
+/// Frames that are counted begin when every GPU has been read, but not later than this.
+constexpr double kLongestWarmUpSeconds = 3.0;
+constexpr uint64_t kLeastWarmUpFrames = 8;
+/// The sentences on standard error are not seen where a desktop has started the program.
+constexpr const char* kLeftChanges = "A killed program left changes. See gpu_monitor undo.";
+/// The first readings come soon after the start, if they come.
+constexpr double kSilenceSeconds = 0.5;
+
+std::unique_ptr<OutputFile> Open(const std::string& path) {
+    return path.empty() ? nullptr : std::make_unique<OutputFile>(path);
+}
+
+/// Whether there is nothing more to wait for before frames are counted.
+bool IsWarm(const FeedMoment& moment) {
+    if (moment.Data->State == FeedState::Starting) return false;
+    if (moment.DriverSilence > kSilenceSeconds) return true;
+    const auto isStarting = [&moment](const auto& gpu) { return StateOf(moment, *gpu) == GpuState::Starting; };
+    return std::none_of(moment.Data->Gpus.begin(), moment.Data->Gpus.end(), isStarting);
+}
+
+class Overlay {
+public:
+    explicit Overlay(const OverlayOptions& options)
+        : Options(options),
+          StopDescriptor(CatchStopSignals()),
+          Screenshot(Open(options.ScreenshotPath)),
+          Report(Open(options.ReportPath)),
+          Frames({options.Size, static_cast<float>(options.Scale), IsHeadless(), true}),
+          Feed(FeedOptions{options.Interval, IsNvmlSimulated(), [] {}, JournalFolder()}),
+          Panel(&Feed),
+          OwnWindow(Frames.Renderer(), LeftChanges().empty() ? "" : kLeftChanges),
+          Controls{options.Loads.front(), !IsHeadless()} {}
+
+    ~Overlay() { StopFeed(&Feed); }
+
+    Overlay(const Overlay&) = delete;
+    Overlay& operator=(const Overlay&) = delete;
+
+    /// Result: the exit status. Throws `Failure`.
+    int Run() {
+        try {
+            if (IsHeadless()) {
+                DrawAllFrames();
+            } else {
+                DrawUntilEnd();
+            }
+            WriteFiles();
+        } catch (...) {
+            TakeBack();
+            throw;
+        }
+        return TakeBack();
+    }
+
+private:
+    bool IsHeadless() const { return Options.FramesPerLoad > 0; }
+
+    bool IsStopRequested() const {
+        pollfd stop = {StopDescriptor, POLLIN, 0};
+        return poll(&stop, 1, 0) > 0;
+    }
+
+    /// Result: the exit status.
+    int TakeBack() {
+        // It cannot be used any more, and taking back can take seconds.
+        Frames.Shown().Hide();
+        return OutstandingChanges(*Feed.Latest()).empty() ? kExitSuccess
+                                                          : TakeChangesBack(&Feed, Options.SimulateOption);
+    }
+
+    void DrawAllFrames() {
+        const double latestStart = NowSeconds() + kLongestWarmUpSeconds;
+        while (!IsStopRequested() &&
+               (Frames.FrameNumber() < kLeastWarmUpFrames || (!IsWarm(Feed.Moment()) && NowSeconds() < latestStart))) {
+            DrawFrame();
+        }
+        BeginLog();
+        for (const int load : Options.Loads) {
+            Controls.Load = load;
+            for (int i = 0; i < Options.FramesPerLoad && !IsStopRequested(); ++i) LogFrame(DrawFrame());
+        }
+    }
+
+    void DrawUntilEnd() {
+        FramePacer pacer;
+        BeginLog();
+        while (!Frames.Shown().IsClosing() && !IsStopRequested()) {
+            if (Frames.Shown().IsMinimised()) {
+                Window::WaitForInput();
+                continue;
+            }
+            if (Frames.Shown().HasVsync() != Controls.bVsync) Frames.Shown().SetVsync(Controls.bVsync);
+            const FrameCost cost = DrawFrame();
+            pacer.Wait(Controls.bVsync ? kMostOfRefreshRate * Window::RefreshRate() : kFramesPerSecond);
+            if (Report != nullptr) LogFrame(cost);
+        }
+    }
+
+    FrameCost DrawFrame(Picture* picture = nullptr) {
+        const FrameCost cost = Frames.Draw(
+            Controls.Load, [this] { DrawWindows(); }, picture);
+        GPUProfiler::FrameSnapshot& latest = LatestFrame;
+        if (GPUProfiler::Get()->GetLatestSnapshot(&latest)) Log.NoteGpuTime(latest.FrameNumber, latest.GpuFrameTimeMs);
+        return cost;
+    }
+
+    void BeginLog() {
+        Log.Begin(Frames.FrameNumber() + 1);
+        FrameEnd = NowSeconds();
+    }
+
+    void LogFrame(const FrameCost& cost) {
+        const double now = NowSeconds();
+        Log.Add({Controls.Load, (now - FrameEnd) * 1e3, cost, 0.0});
+        FrameEnd = now;
+    }
+
+    void DrawWindows() {
+        if (!Frames.Shown().AreToolsShown()) return;
+        PlaceWindows();
+        ImGui::SetNextWindowPos(OwnPlace, PlaceNow);
+        ImGui::SetNextWindowSize(OwnSize, PlaceNow);
+        ImGui::Begin("Scene");
+        OwnWindow.Draw(&Controls);
+        ImGui::End();
+        ImGui::SetNextWindowPos(PanelPlace, PlaceNow);
+        ImGui::SetNextWindowSize(PanelSize, PlaceNow);
+        ImGui::Begin("GPUs");
+        Panel.Draw();
+        ImGui::End();
+    }
+
+    /// The scene's window on the left, the panel on the right; the user may move them, until the window's size changes.
+    void PlaceWindows() {
+        const ImVec2 space = ImGui::GetIO().DisplaySize;
+        const bool bSame = space.x == Space.x && space.y == Space.y;
+        PlaceNow = bSame ? ImGuiCond_FirstUseEver : ImGuiCond_Always;
+        if (bSame) return;
+        Space = space;
+        const float em = ImGui::GetFontSize();
+        const float gap = 0.6F * em;
+        OwnSize = {std::min(20.0F * em, 0.4F * space.x), std::min(28.0F * em, space.y - 2.0F * gap)};
+        OwnPlace = {gap, gap};
+        const float room = space.x - OwnSize.x - 3.0F * gap;
+        PanelSize = {std::min(std::max(0.5F * space.x, 40.0F * em), room), space.y - 2.0F * gap};
+        PanelPlace = {space.x - PanelSize.x - gap, gap};
+    }
+
+    void WriteFiles() {
+        if (Screenshot != nullptr) {
+            Picture picture;
+            DrawFrame(&picture);
+            Screenshot->Write(EncodePng(picture));
+        }
+        if (Report != nullptr) {
+            const FeedMoment moment = Feed.Moment();
+            const RunFacts facts = {Frames.Renderer(), Frames.OpenGlVersion(), Frames.Size(), Frames.Shown().HasVsync(),
+                                    moment.bSimulated};
+            Report->Write(ReportJson(facts, Log, *moment.Data));
+        }
+    }
+
+    const OverlayOptions Options;
+    const int StopDescriptor;
+    const std::unique_ptr<OutputFile> Screenshot;
+    const std::unique_ptr<OutputFile> Report;
+    Stage Frames;
+    MonitorFeed Feed;
+    gpu_panel::GpuPanel Panel;
+    SceneWindow OwnWindow;
+    SceneControls Controls;
+    FrameLog Log;
+    double FrameEnd = 0.0;
+    GPUProfiler::FrameSnapshot LatestFrame;
+    ImVec2 Space;
+    ImVec2 OwnPlace;
+    ImVec2 OwnSize;
+    ImVec2 PanelPlace;
+    ImVec2 PanelSize;
+    ImGuiCond PlaceNow = ImGuiCond_Always;
+};
+
+}  // namespace
+
+int RunOverlay(const OverlayOptions& options) {
+    PrintLeftChanges(options.SimulateOption);
+    return Overlay(options).Run();
+}
