@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "terminal/failure.h"
+#include "common/failure.h"
 
 namespace {
 
