@@ -188,10 +188,9 @@ private:
             Screenshot->Write(EncodePng(picture));
         }
         if (Report != nullptr) {
-            const FeedMoment moment = Feed.Moment();
-            const RunFacts facts = {Frames.Renderer(), Frames.OpenGlVersion(), Frames.Size(), Frames.Shown().HasVsync(),
-                                    moment.bSimulated};
-            Report->Write(ReportJson(facts, Log, *moment.Data));
+            const RunFacts facts = {Frames.Renderer(), Frames.OpenGlVersion(), Frames.Size(),
+                                    Frames.Shown().HasVsync()};
+            Report->Write(ReportJson(facts, Log, Feed.Moment()));
         }
     }
 
