@@ -106,7 +106,7 @@ std::size_t GPUProfiler::BeginScope(const char* name) {
 }
 
 void GPUProfiler::EndScope(std::size_t position) {
-    if (position == kNoScope || Current == nullptr) return;
+    if (Current == nullptr || position >= Current->Spans.size()) return;
     Current->Spans[position].End = IssueTimestamp();
     --Depth;
 }

@@ -1,14 +1,15 @@
 #include "scene/gl_objects.h"
 
-#include <stdexcept>
 #include <string>
+
+#include "common/failure.h"
 
 namespace {
 
 // Throws the first line of the driver's log when `status` says that something failed.
 void RequireSuccess(GLint status, const std::string& what, const std::string& log) {
     if (status != GL_FALSE) return;
-    throw std::runtime_error("OpenGL cannot " + what + ": " + log.substr(0, log.find('\n')) + '.');
+    throw Failure("OpenGL cannot " + what + ": " + log.substr(0, log.find('\n')) + '.');
 }
 
 constexpr GLsizei kLogBytes = 1024;
