@@ -129,8 +129,9 @@ void DrawBackground(const GlProgram& program) {
 Scene::Scene()
     : Background(MakeProgram(kBackgroundVertexShader, kBackgroundFragmentShader)),
       Solids(MakeProgram(kSolidVertexShader, kSolidFragmentShader)) {
-    for (const GlProgram* const program : {&Background, &Solids})
+    for (const GlProgram* const program : {&Background, &Solids}) {
         glUniformBlockBinding(program->Name, glGetUniformBlockIndex(program->Name, "Frame"), kFrameBinding);
+    }
 }
 
 // Two triangles for each cell; the shader computes where the vertices are.
@@ -139,11 +140,14 @@ void Scene::MakeSolidMesh(int cells) {
     MeshCells = cells;
     const int side = cells + 1;
     std::vector<std::uint16_t> indices;
-    for (int first = 0; first < kFaces * side * side; first += side * side)
-        for (int row = 0; row < cells; ++row)
-            for (int column = 0; column < cells; ++column)
-                for (const int corner : {0, 1, side + 1, 0, side + 1, side})
-                    indices.push_back(static_cast<std::uint16_t>(first + row * side + column + corner));
+    for (int cell = 0; cell < kFaces * cells * cells; ++cell) {
+        // Faces lie one after the other, so the rows of all faces count on.
+        const int row = cell / cells;
+        const int first = (row + row / cells) * side + cell % cells;
+        for (const int corner : {0, 1, side + 1, 0, side + 1, side}) {
+            indices.push_back(static_cast<std::uint16_t>(first + corner));
+        }
+    }
     glBufferData(GL_ELEMENT_ARRAY_BUFFER, static_cast<GLsizeiptr>(indices.size() * sizeof indices[0]), indices.data(),
                  GL_STATIC_DRAW);
 }
