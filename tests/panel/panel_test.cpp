@@ -53,7 +53,7 @@ protected:
 
     /// Draws frames, as a host does, until a text is there or, with `bThere` false, is not.
     bool WaitToSee(const std::string& text, bool bThere = true) {
-        const auto giveUp = std::chrono::system_clock::now() + std::chrono::seconds(60);
+        const auto giveUp = std::chrono::system_clock::now() + std::chrono::seconds(20);
         do {
             Frame();
             if (Seen(text).empty() != bThere) return true;
@@ -62,13 +62,14 @@ protected:
         return false;
     }
 
-    /// Clicks on the first text that is just `text`, or on what is right of it.
+    /// Clicks on the first text that is just `text`, or on what is right of it. What is new can move it meanwhile.
     void Click(const std::string& text, float right = 0.0F) {
-        const std::vector<SeenText> seen = Seen(text);
-        const auto found = std::find_if(seen.begin(), seen.end(), [&](const auto& each) { return each.Text == text; });
-        ASSERT_NE(found, seen.end()) << text;
-        ImGui::GetIO().MousePos = {found->Place.x + right, found->Place.y};
         for (const bool bDown : {false, true, false}) {
+            const std::vector<SeenText> seen = Seen(text);
+            const auto isText = [&text](const SeenText& each) { return each.Text == text; };
+            const auto found = std::find_if(seen.begin(), seen.end(), isText);
+            ASSERT_NE(found, seen.end()) << text;
+            ImGui::GetIO().MousePos = {found->Place.x + right, found->Place.y};
             ImGui::GetIO().MouseDown[0] = bDown;
             Frame();
         }
@@ -104,7 +105,7 @@ TEST_F(PanelTest, ChangeIsMadeByApplyAloneAndStaysMarkedUntilItIsTakenBack) {
     EXPECT_TRUE(WaitToSee("hanged", false));
     EXPECT_EQ(ChangesMade(),
               "DeviceSetGpuLockedClocks(0, 1500, 1500) DeviceSetMemoryLockedClocks(0, 5001, 5001) "
-              "DeviceResetGpuLockedClocks(0) DeviceResetMemoryLockedClocks(0) ");
+              "DeviceResetMemoryLockedClocks(0) DeviceResetGpuLockedClocks(0) ");
 }
 
 TEST_F(PanelTest, ChangeThatIsNotKeptGoesBackAndTheUserReadsSo) {
@@ -210,7 +211,8 @@ TEST_F(PanelTest, WarmFramesAllocateNothingWithNewSamplesEither) {
     Panel = std::make_unique<GpuPanel>(&feed);
     Frame();
     EXPECT_THAT(Seen("Looking for GPUs"), SizeIs(1));
-    feed.Made.Now = 1000.0;
+    // As long as what plots show, so that curves do not get longer any more.
+    while (feed.Made.Now < 200.0) feed.AddSamples(8);
     constexpr uint64_t kMany = 1'000'000;
     for (int second = 0; second < 20; ++second) {
         feed.AddSamples(8);
