@@ -70,13 +70,13 @@ std::string ValueText(const Curve& curve, const PlotKind& plot, const GpuTelemet
     return value ? Number(*value / curve.Divisor, plot.Decimals) : kNotRead;
 }
 
-Parts ValuesOf(const PlotFrame& frame, const PlotKind& plot, bool bNamed) {
+Parts ValuesOf(const PlotFrame& frame, const PlotColumns& columns, const PlotKind& plot, bool bNamed) {
     Parts parts(frame.Font);
     const bool bSquares = plot.EndCurve - plot.FirstCurve > 1 && kCurves[plot.EndCurve - 1].Role != CurveRole::Ceiling;
     for (size_t i = plot.FirstCurve; i < plot.EndCurve; ++i) {
         const Curve& curve = kCurves[i];
         const bool bCeiling = curve.Role == CurveRole::Ceiling;
-        if (bCeiling && !bNamed) continue;
+        if (!columns.HasValues(i) || (bCeiling && !bNamed)) continue;
         if (!bCeiling) parts.Add(bSquares ? ColorOf(curve.Role, CurrentPalette()) : 0);
         parts.Append(bNamed ? curve.Name : "");
         parts.Append(ValueText(curve, plot, frame.Shown).c_str());
@@ -104,11 +104,11 @@ void DrawLine(const PlotFrame& frame, ImVec2 position, const char* title, const 
 
 }  // namespace
 
-void DrawHeading(const PlotFrame& frame, size_t plot, ImVec2 position) {
+void DrawHeading(const PlotFrame& frame, const PlotColumns& columns, size_t plot, ImVec2 position) {
     const PlotKind& kind = kPlots[plot];
-    Parts values = ValuesOf(frame, kind, true);
+    Parts values = ValuesOf(frame, columns, kind, true);
     const float titleWidth = ImGui::CalcTextSize(kind.Title).x + frame.Font;
-    if (titleWidth + values.Width() > frame.Width) values = ValuesOf(frame, kind, false);
+    if (titleWidth + values.Width() > frame.Width) values = ValuesOf(frame, columns, kind, false);
     const EnergyCount energy = plot == kPowerPlot && !frame.bHovered ? frame.Energy() : EnergyCount();
     DrawLine(frame, position, kind.Title, values, energy.Seconds < 1.0 ? "" : WattHoursText(energy).c_str());
 }
