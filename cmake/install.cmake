@@ -68,7 +68,7 @@ configure_file(cmake/nvml_gpu_monitor.pc.in "${CMAKE_CURRENT_BINARY_DIR}/package
 install(FILES "${CMAKE_CURRENT_BINARY_DIR}/package/nvml_gpu_monitor.pc"
     DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig" COMPONENT development)
 
-# ---- The program and the simulator ----
+# ---- The programs and the simulator ----
 
 if(TARGET gpu_monitor)
     file(RELATIVE_PATH library_from_programs
@@ -87,6 +87,14 @@ if(TARGET gpu_monitor)
     endif()
     install(FILES programs/gpu_monitor/install/_gpu_monitor
         DESTINATION "${CMAKE_INSTALL_DATADIR}/zsh/${zsh_folder}" COMPONENT tools)
+endif()
+if(TARGET gpu_overlay)
+    # It has the library in it, compiled with its own profiler.
+    install(TARGETS gpu_overlay RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT overlay)
+    install(FILES programs/gpu_overlay/install/gpu_overlay.1
+        DESTINATION "${CMAKE_INSTALL_MANDIR}/man1" COMPONENT overlay)
+    install(FILES programs/gpu_overlay/install/gpu_overlay.desktop
+        DESTINATION "${CMAKE_INSTALL_DATADIR}/applications" COMPONENT overlay)
 endif()
 if(TARGET simulated_nvml)
     # In a folder of its own, where no loader looks by itself: it must never replace a driver by accident.

@@ -1,5 +1,7 @@
-# `cpack` makes Debian packages of what is built: the library when it is shared, the development files, the program, and
-# the simulator.
+# `cpack` makes Debian packages of what is built: the library when it is shared, the development files, the programs, and
+# the simulator. The target `packaged` builds all of it.
+add_custom_target(packaged)
+add_dependencies(packaged nvml_gpu_monitor nvml_gpu_monitor_feed)
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_VENDOR "nvml_gpu_monitor")
 set(CPACK_PACKAGE_CONTACT "nvml_gpu_monitor developers")
@@ -20,9 +22,15 @@ if(NVML_GPU_MONITOR_LIBRARY_TYPE STREQUAL "SHARED_LIBRARY")
 endif()
 if(TARGET gpu_monitor)
     list(APPEND CPACK_COMPONENTS_ALL tools)
+    add_dependencies(packaged gpu_monitor)
+endif()
+if(TARGET gpu_overlay)
+    list(APPEND CPACK_COMPONENTS_ALL overlay)
+    add_dependencies(packaged gpu_overlay)
 endif()
 if(TARGET simulated_nvml)
     list(APPEND CPACK_COMPONENTS_ALL simulator)
+    add_dependencies(packaged simulated_nvml)
 endif()
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME "${library_package}")
@@ -44,6 +52,17 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS nvml-gpu-monitor-simulator)
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION "Shows and tunes the NVIDIA GPUs of this machine
 Readings once or continuously, as text or JSON, and changes of clocks and
 power limits.")
+
+set(CPACK_DEBIAN_OVERLAY_PACKAGE_NAME gpu-overlay)
+set(CPACK_DEBIAN_OVERLAY_PACKAGE_SECTION utils)
+# Opened by name at run time.
+set(CPACK_DEBIAN_OVERLAY_PACKAGE_DEPENDS libgl1)
+# What a killed program has left is undone by gpu_monitor.
+set(CPACK_DEBIAN_OVERLAY_PACKAGE_RECOMMENDS gpu-monitor)
+set(CPACK_DEBIAN_OVERLAY_PACKAGE_SUGGESTS nvml-gpu-monitor-simulator)
+set(CPACK_DEBIAN_OVERLAY_DESCRIPTION "Shows how NVIDIA GPUs follow a scene that is drawn
+Draws a scene whose work a slider sets, and shows the GPU time of its frames over
+power, temperature, clocks and limits, which can be changed.")
 
 set(CPACK_DEBIAN_SIMULATOR_PACKAGE_NAME nvml-gpu-monitor-simulator)
 set(CPACK_DEBIAN_SIMULATOR_PACKAGE_SECTION devel)

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Checks what gets installed: hosts build against the shared library in every way, it exports its class and nothing
-# else, and hosts of the library and of the feed build and run against the unpacked Debian packages too.
+# else, hosts of the library and of the feed build and run against the unpacked Debian packages too, and so do the
+# programs.
 set -euo pipefail
 
 cd -- "$(CDPATH='' cd -- "$(dirname -- "${BASH_SOURCE[0]}")/.." && pwd)"
@@ -34,3 +35,4 @@ for library in nvml_gpu_monitor feed; do
     "$host/host" "$simulator"
 done
 "$packed/root/usr/bin/gpu_monitor" list --simulate
+xvfb-run -a "$packed/root/usr/bin/gpu_overlay" --simulate --frames 3 --size 300x300

@@ -63,7 +63,7 @@ TEST_F(ProfilerTest, AFrameArrivesWithScopesAndCountersWhenTheGpuHasFinishedIt) 
     DrawFrame();
     ASSERT_EQ(LatestNumber(), 1U);
     EXPECT_EQ(Latest.GpuFrameTimeMs, 2.0);
-    for (const std::size_t scope : {0, 1, 2}) EXPECT_EQ(Latest.Scopes.at(scope).Depth, scope == 1 ? 1 : 0);
+    for (const unsigned scope : {0U, 1U, 2U}) EXPECT_EQ(Latest.Scopes.at(scope).Depth, scope == 1U ? 1 : 0);
 }
 
 TEST_F(ProfilerTest, AFullRingSkipsFramesAndGivesLostOnesUp) {

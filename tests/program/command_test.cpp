@@ -1,35 +1,17 @@
 // The commands of gpu_monitor, run as a user runs them: what they print on both streams and how they end.
 
 #include <gmock/gmock.h>
-#include <sys/wait.h>
 
-#include <cstdlib>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <sstream>
+
+#include "shell.h"
 
 namespace {
 
 using nlohmann::json;
 using namespace testing;
-
-struct Result {
-    int Status;
-    std::string Output;
-    std::string Errors;
-};
-
-/// Runs a shell script in which `gpu_monitor` is the program and `on_simulator` lets it find the simulator as any NVML
-/// client does.
-Result Shell(const std::string& script) {
-    const std::string setUp = "PATH='" PROGRAM_DIR
-                              "':$PATH; unset LD_LIBRARY_PATH; "
-                              "on_simulator() { env LD_LIBRARY_PATH='" SIMULATOR_DIR "' \"$@\"; }; ";
-    internal::CaptureStdout();
-    internal::CaptureStderr();
-    const int status = std::system((setUp + script).c_str());
-    return {WEXITSTATUS(status), internal::GetCapturedStdout(), internal::GetCapturedStderr()};
-}
 
 /// Begins a script in which simulated GPUs keep their settings from one `gpu_monitor` to the next.
 constexpr const char* kKeepState =

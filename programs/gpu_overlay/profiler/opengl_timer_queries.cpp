@@ -11,8 +11,9 @@ namespace {
 bool IsSoftwareRenderer() {
     const auto* const text = reinterpret_cast<const char*>(glGetString(GL_RENDERER));
     const std::string_view renderer = text != nullptr ? text : "";
-    for (const std::string_view name : {"llvmpipe", "softpipe", "Software Rasterizer"})
+    for (const std::string_view name : {"llvmpipe", "softpipe", "Software Rasterizer"}) {
         if (renderer.find(name) != std::string_view::npos) return true;
+    }
     return false;
 }
 

@@ -62,7 +62,7 @@ public:
           Report(Open(options.ReportPath)),
           Frames({options.Size, static_cast<float>(options.Scale), IsHeadless(), true}),
           Feed(FeedOptions{options.Interval, IsNvmlSimulated(), [] {}, JournalFolder()}),
-          Panel(&Feed),
+          Panel(&Feed, options.SimulateOption),
           OwnWindow(Frames.Renderer(), LeftChanges().empty() ? "" : kLeftChanges),
           Controls{options.Loads.front(), !IsHeadless()} {}
 
@@ -160,9 +160,7 @@ private:
         ImGui::End();
         ImGui::SetNextWindowPos(PanelPlace, PlaceNow);
         ImGui::SetNextWindowSize(PanelSize, PlaceNow);
-        ImGui::Begin("GPUs");
-        Panel.Draw();
-        ImGui::End();
+        Panel.DrawWindow("GPUs");
     }
 
     /// The scene's window on the left, the panel on the right; the user may move them, until the window's size changes.
@@ -188,10 +186,9 @@ private:
             Screenshot->Write(EncodePng(picture));
         }
         if (Report != nullptr) {
-            const FeedMoment moment = Feed.Moment();
-            const RunFacts facts = {Frames.Renderer(), Frames.OpenGlVersion(), Frames.Size(), Frames.Shown().HasVsync(),
-                                    moment.bSimulated};
-            Report->Write(ReportJson(facts, Log, *moment.Data));
+            const RunFacts facts = {Frames.Renderer(), Frames.OpenGlVersion(), Frames.Size(),
+                                    Frames.Shown().HasVsync()};
+            Report->Write(ReportJson(facts, Log, Feed.Moment()));
         }
     }
 

@@ -7,6 +7,7 @@
 #include <vector>
 
 using gpu_feed::FeedData;
+using gpu_feed::FeedMoment;
 using Json = nlohmann::ordered_json;
 
 namespace {
@@ -67,13 +68,18 @@ Json Gpus(const FeedData& data) {
 
 }  // namespace
 
-std::string ReportJson(const RunFacts& facts, const FrameLog& log, const FeedData& data) {
-    Json json = {{"renderer", facts.Renderer},  {"opengl", facts.OpenGl}, {"width", facts.Size.Width},
-                 {"height", facts.Size.Height}, {"vsync", facts.bVsync},  {"simulated", facts.bSimulated}};
+std::string ReportJson(const RunFacts& facts, const FrameLog& log, const FeedMoment& moment) {
+    Json json = {{"renderer", facts.Renderer},
+                 {"opengl", facts.OpenGl},
+                 {"width", facts.Size.Width},
+                 {"height", facts.Size.Height},
+                 {"vsync", facts.bVsync},
+                 {"simulated", moment.bSimulated},
+                 {"driver_silence_seconds", moment.DriverSilence}};
     AddFrames(&json, log.All());
     json["load_steps"] = LoadSteps(log.All());
     json["gpu_frame_times_ms"] = log.GpuTimes();
-    json["gpus"] = Gpus(data);
+    json["gpus"] = Gpus(*moment.Data);
     // Names come from drivers, and need not be valid text.
     return json.dump(2, ' ', false, Json::error_handler_t::replace) + '\n';
 }

@@ -13,10 +13,9 @@ struct RunFacts {
     std::string OpenGl;
     PixelSize Size;
     bool bVsync;
-    bool bSimulated;
 };
 
 /// What a run has measured, as JSON. A value that was not measured is left out.
-std::string ReportJson(const RunFacts& facts, const FrameLog& log, const gpu_feed::FeedData& data);
+std::string ReportJson(const RunFacts& facts, const FrameLog& log, const gpu_feed::FeedMoment& moment);
 
 #endif  // GPU_OVERLAY_RUN_REPORT_H

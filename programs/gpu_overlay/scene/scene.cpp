@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "profiler/gpu_profiler.h"
@@ -17,6 +18,9 @@ constexpr int kLightsPerLoad = 6;
 constexpr int kLights = kLightsPerLoad * Scene::kGreatestLoad;
 constexpr int kFaces = 6;
 constexpr GLuint kFrameBinding = 0;
+// Every speed is a multiple of 0.01 radians a second, so that all movements begin again after this time. Single
+// precision would make them jerky after some hours.
+constexpr double kPeriodSeconds = 200.0 * 3.14159265358979;
 
 using Vector3 = std::array<float, 3>;
 using Matrix4 = std::array<float, 16>;
@@ -30,6 +34,7 @@ struct SceneFrame {
     std::array<std::int32_t, 4> Counts = {};
     std::array<std::array<float, 4>, kLights> Lights = {};
 };
+static_assert(sizeof(SceneFrame) <= 16384, "OpenGL promises no larger uniform block");
 
 Vector3 Cross(const Vector3& a, const Vector3& b) {
     return {a[1] * b[2] - a[2] * b[1], a[2] * b[0] - a[0] * b[2], a[0] * b[1] - a[1] * b[0]};
@@ -80,7 +85,8 @@ void PlaceLights(SceneFrame* frame, float seconds, int count) {
         const auto number = static_cast<float>(i);
         const auto fraction = [&](float step) { return number * step - std::floor(number * step); };
         const float radius = 9.0F * std::sqrt(fraction(0.7548777F) * 0.95F + 0.05F);
-        const float angle = 6.2831853F * fraction(0.5698403F) + seconds * (0.10F + 0.25F * fraction(0.3247180F));
+        const float angle =
+            6.2831853F * fraction(0.5698403F) + seconds * 0.01F * std::floor(10.0F + 25.0F * fraction(0.3247180F));
         const float height = 0.9F + 0.9F * fraction(0.8191725F) + 0.35F * std::sin(seconds * 0.6F + number);
         frame->Lights[static_cast<std::size_t>(i)] = {radius * std::cos(angle), height, radius * std::sin(angle),
                                                       0.5F + 0.5F * std::sin(angle)};
@@ -88,8 +94,26 @@ void PlaceLights(SceneFrame* frame, float seconds, int count) {
 }
 
 GlProgram MakeProgram(const char* vertexText, const char* fragmentText) {
-    return GlProgram(GlShader(GL_VERTEX_SHADER, {kCommonShader, vertexText}),
-                     GlShader(GL_FRAGMENT_SHADER, {kCommonShader, fragmentText}));
+    const std::string head = "#version 330 core\n#define kLights " + std::to_string(kLights);
+    return GlProgram(GlShader(GL_VERTEX_SHADER, {head.c_str(), kCommonShader, vertexText}),
+                     GlShader(GL_FRAGMENT_SHADER, {head.c_str(), kCommonShader, fragmentText}));
+}
+
+void PrepareFramebuffer(int width, int height) {
+    glViewport(0, 0, width, height);
+    glDisable(GL_BLEND);
+    glDisable(GL_SCISSOR_TEST);
+    glEnable(GL_CULL_FACE);
+    glEnable(GL_DEPTH_TEST);
+    glDepthFunc(GL_LESS);
+    glDepthMask(GL_TRUE);
+    glClear(GL_DEPTH_BUFFER_BIT);
+}
+
+void DrawSolids(const GlProgram& program, int solids, int trianglesPerSolid) {
+    const GPUProfiler::Scope scope("solids");
+    glUseProgram(program.Name);
+    glDrawElementsInstanced(GL_TRIANGLES, trianglesPerSolid * 3, GL_UNSIGNED_SHORT, nullptr, solids);
 }
 
 void DrawBackground(const GlProgram& program) {
@@ -105,8 +129,9 @@ void DrawBackground(const GlProgram& program) {
 Scene::Scene()
     : Background(MakeProgram(kBackgroundVertexShader, kBackgroundFragmentShader)),
       Solids(MakeProgram(kSolidVertexShader, kSolidFragmentShader)) {
-    for (const GlProgram* const program : {&Background, &Solids})
+    for (const GlProgram* const program : {&Background, &Solids}) {
         glUniformBlockBinding(program->Name, glGetUniformBlockIndex(program->Name, "Frame"), kFrameBinding);
+    }
 }
 
 // Two triangles for each cell; the shader computes where the vertices are.
@@ -115,45 +140,39 @@ void Scene::MakeSolidMesh(int cells) {
     MeshCells = cells;
     const int side = cells + 1;
     std::vector<std::uint16_t> indices;
-    for (int first = 0; first < kFaces * side * side; first += side * side)
-        for (int row = 0; row < cells; ++row)
-            for (int column = 0; column < cells; ++column)
-                for (const int corner : {0, 1, side + 1, 0, side + 1, side})
-                    indices.push_back(static_cast<std::uint16_t>(first + row * side + column + corner));
+    for (int cell = 0; cell < kFaces * cells * cells; ++cell) {
+        // Faces lie one after the other, so the rows of all faces count on.
+        const int row = cell / cells;
+        const int first = (row + row / cells) * side + cell % cells;
+        for (const int corner : {0, 1, side + 1, 0, side + 1, side}) {
+            indices.push_back(static_cast<std::uint16_t>(first + corner));
+        }
+    }
     glBufferData(GL_ELEMENT_ARRAY_BUFFER, static_cast<GLsizeiptr>(indices.size() * sizeof indices[0]), indices.data(),
                  GL_STATIC_DRAW);
 }
 
 void Scene::Draw(int width, int height, double seconds, int load) {
     if (width <= 0 || height <= 0) return;
+    load = std::clamp(load, kLeastLoad, kGreatestLoad);
     const int solids = kSolidsPerLoad * load;
     const int lights = kLightsPerLoad * load;
     const int cells = 4 + 2 * (load / 20);
     const int trianglesPerSolid = kFaces * cells * cells * 2;
+    const auto time = static_cast<float>(std::fmod(seconds, kPeriodSeconds));
     SceneFrame frame;
-    PlaceCamera(&frame, static_cast<float>(seconds), static_cast<float>(width) / static_cast<float>(height));
-    PlaceLights(&frame, static_cast<float>(seconds), lights);
+    PlaceCamera(&frame, time, static_cast<float>(width) / static_cast<float>(height));
+    PlaceLights(&frame, time, lights);
     frame.Lens[2] = std::pow(static_cast<float>(lights), -0.8F);
     frame.Counts = {solids, cells, lights, 0};
 
-    glViewport(0, 0, width, height);
-    glDisable(GL_BLEND);
-    glDisable(GL_SCISSOR_TEST);
-    glEnable(GL_DEPTH_TEST);
-    glEnable(GL_CULL_FACE);
-    glDepthFunc(GL_LESS);
-    glDepthMask(GL_TRUE);
-    glClear(GL_DEPTH_BUFFER_BIT);
+    PrepareFramebuffer(width, height);
     glBindBufferBase(GL_UNIFORM_BUFFER, kFrameBinding, FrameValues.Name);
     glBufferData(GL_UNIFORM_BUFFER, sizeof frame, &frame, GL_STREAM_DRAW);
     glBindVertexArray(SolidMesh.Name);
     glBindBuffer(GL_ELEMENT_ARRAY_BUFFER, SolidIndices.Name);
     MakeSolidMesh(cells);
-    {
-        const GPUProfiler::Scope scope("solids");
-        glUseProgram(Solids.Name);
-        glDrawElementsInstanced(GL_TRIANGLES, trianglesPerSolid * 3, GL_UNSIGNED_SHORT, nullptr, solids);
-    }
+    DrawSolids(Solids, solids, trianglesPerSolid);
     DrawBackground(Background);
     glDisable(GL_DEPTH_TEST);
     glDisable(GL_CULL_FACE);

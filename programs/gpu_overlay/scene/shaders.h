@@ -1,17 +1,17 @@
 #ifndef GPU_OVERLAY_SHADERS_H
 #define GPU_OVERLAY_SHADERS_H
 
-// The shaders of the scene. Each one is `kCommonShader` followed by its own text.
+// The shaders of the scene. Each one is a head with `kLights`, `kCommonShader`, and its own text.
 
 /// What all share: the values of a frame, and how light travels through the haze. `Frame` is SceneFrame of scene.cpp.
-constexpr const char* kCommonShader = R"(#version 330 core
+constexpr const char* kCommonShader = R"(
 layout(std140) uniform Frame {
     mat4 ViewProjection;
     mat4 ViewToWorld;
     vec4 Eye;      // w: seconds
     vec4 Lens;     // xy: half the picture at distance 1, z: strength of each light
     ivec4 Counts;     // x: solids, y: cells along an edge of a face, z: lights
-    vec4 Lights[600];  // w: 0 is cool, 1 is warm
+    vec4 Lights[kLights];  // w: 0 is cool, 1 is warm
 };
 const float kFieldRadius = 10.0;
 const vec3 kCool = vec3(0.05, 0.46, 1.00);
