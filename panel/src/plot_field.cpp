@@ -98,7 +98,7 @@ void PlotField::DrawTimeLines() {
 
 void DrawTimeLabels(const PlotFrame& frame, ImVec2 corner) {
     ImDrawList* const list = ImGui::GetWindowDrawList();
-    const ImU32 color = ImGui::GetColorU32(ImGuiCol_TextDisabled);
+    const ImU32 color = CurrentPalette().Dim;
     const float end = corner.x + frame.FieldWidth;
     ForTimeLines(frame, [&](double moment, double step) {
         char text[32];
