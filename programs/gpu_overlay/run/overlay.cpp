@@ -5,8 +5,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <memory>
-#include <optional>
 
 #include "common/failure.h"
 #include "common/left_changes.h"
@@ -46,10 +44,6 @@ constexpr float kOwnEms = 20.0F;
 constexpr float kPanelEms = 40.0F;
 constexpr float kLeastEmsForBoth = 50.0F;
 
-std::unique_ptr<OutputFile> Open(const std::string& path) {
-    return path.empty() ? nullptr : std::make_unique<OutputFile>(path);
-}
-
 /// Whether there is nothing more to wait for before frames are counted.
 bool IsWarm(const FeedMoment& moment) {
     if (moment.Data->State == FeedState::Starting) return false;
@@ -63,8 +57,8 @@ public:
     explicit Overlay(const OverlayOptions& options)
         : Options(options),
           StopDescriptor(CatchStopSignals()),
-          Screenshot(Open(options.ScreenshotPath)),
-          Report(Open(options.ReportPath)),
+          Screenshot(options.ScreenshotPath),
+          Report(options.ReportPath),
           Frames({options.Size, static_cast<float>(options.Scale), IsHeadless(), true}),
           Feed(FeedOptions{options.Interval, IsNvmlSimulated(), [] {}, JournalFolder()}),
           Panel(&Feed, options.SimulateOption),
@@ -132,7 +126,7 @@ private:
             if (Frames.Shown().HasVsync() != Controls.bVsync) Frames.Shown().SetVsync(Controls.bVsync);
             const FrameCost cost = DrawFrame();
             pacer.Wait(Controls.bVsync ? kMostOfRefreshRate * Window::RefreshRate() : kFramesPerSecond);
-            if (Report != nullptr) LogFrame(cost);
+            if (Report.IsWanted()) LogFrame(cost);
         }
     }
 
@@ -193,22 +187,22 @@ private:
     }
 
     void WriteFiles() {
-        if (Screenshot != nullptr) {
+        if (Screenshot.IsWanted()) {
             Picture picture;
             DrawFrame(&picture);
-            Screenshot->Write(EncodePng(picture));
+            Screenshot.Write(EncodePng(picture));
         }
-        if (Report != nullptr) {
+        if (Report.IsWanted()) {
             const RunFacts facts = {Frames.Renderer(), Frames.OpenGlVersion(), Frames.Size(),
                                     Frames.Shown().HasVsync()};
-            Report->Write(ReportJson(facts, Log, Feed.Moment()));
+            Report.Write(ReportJson(facts, Log, Feed.Moment()));
         }
     }
 
     const OverlayOptions Options;
     const int StopDescriptor;
-    const std::unique_ptr<OutputFile> Screenshot;
-    const std::unique_ptr<OutputFile> Report;
+    OutputFile Screenshot;
+    OutputFile Report;
     Stage Frames;
     MonitorFeed Feed;
     gpu_panel::GpuPanel Panel;
