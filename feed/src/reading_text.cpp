@@ -1,13 +1,11 @@
 #include "gpu_feed/reading_text.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <initializer_list>
 #include <limits>
 #include <optional>
-#include <vector>
-
-#include "gpu_feed/limit_reasons.h"
 
 namespace gpu_feed {
 
@@ -120,6 +118,16 @@ std::string ShortLimitText(const GpuTelemetrySample& sample, size_t width) {
         text = Joined(reasons, kept) + " +" + std::to_string(reasons.size() - kept);
     }
     return text;
+}
+
+std::vector<LimitReason> ShownLimits(const GpuTelemetrySample& sample) {
+    std::vector<LimitReason> limits = LimitReasons(sample.PerformanceLimitReasons);
+    const bool bGiven = !limits.empty();
+    limits.erase(std::remove_if(limits.begin(), limits.end(), [](const LimitReason& each) { return each.bIdle; }),
+                 limits.end());
+    std::stable_partition(limits.begin(), limits.end(), [](const LimitReason& each) { return each.bDanger; });
+    if (limits.empty()) limits.push_back({bGiven ? "nothing, idle" : kNotRead, true});
+    return limits;
 }
 
 }  // namespace gpu_feed

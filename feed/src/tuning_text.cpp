@@ -46,6 +46,11 @@ std::string RunningText(const GpuClockCapabilities& capabilities) {
     return "Running " + ClocksText(capabilities.CurrentGraphicsClockMHz, capabilities.CurrentMemoryClockMHz);
 }
 
+std::string PowerText(const GpuPowerCapabilities& capabilities) {
+    return "In force " + WattsText(capabilities.CurrentWatts) + ", default " + WattsText(capabilities.DefaultWatts) +
+           ", range " + RangeText(capabilities);
+}
+
 std::string CanLockText(const GpuClockCapabilities& capabilities) {
     return capabilities.CanControl ? "Can be locked." : "Cannot be locked: " + capabilities.Status;
 }
@@ -62,6 +67,14 @@ std::string ActionText(const TuningChange& change) {
         case Kind::ResetPower: break;
     }
     return "set the power limit back to the default";
+}
+
+std::string IntentText(const TuningChange& change) {
+    return "This will " + ActionText(change) + ", for every program that uses this GPU.";
+}
+
+std::string TakenText(const TuningChange& change) {
+    return "The driver took it: " + OutcomeText(change) + '.';
 }
 
 std::string OutcomeText(const TuningChange& change) {

@@ -5,7 +5,6 @@
 #include <optional>
 
 #include "gpu_feed/gpu_summary.h"
-#include "gpu_feed/limit_reasons.h"
 #include "gpu_feed/reading_text.h"
 
 using namespace gpu_feed;
@@ -175,11 +174,9 @@ void GpuFacts::UpdateValues() {
 void GpuFacts::UpdateLimits() {
     LimitMask = Shown->Latest.PerformanceLimitReasons;
     Limits.clear();
-    const std::vector<LimitReason> reasons = LimitReasons(LimitMask);
-    for (const LimitReason& reason : reasons) {
-        if (!reason.bIdle) Limits.push_back({reason.Word, reason.bDanger ? Tone::Danger : Tone::Warning});
+    for (const LimitReason& limit : ShownLimits(Shown->Latest)) {
+        Limits.push_back({limit.Word, limit.bDanger ? Tone::Danger : limit.bIdle ? Tone::Quiet : Tone::Warning});
     }
-    if (Limits.empty()) Limits.push_back({reasons.empty() ? kNotRead : "nothing, idle", Tone::Quiet});
 }
 
 void GpuFacts::UpdateState(const FeedMoment& moment) {

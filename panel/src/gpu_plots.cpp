@@ -25,25 +25,27 @@ float YOf(double value, double top, float highest, float height) {
 
 /// Labels beside the field, or in its corner where there is no room beside it.
 void DrawValueLabels(const PlotFrame& frame, const ValueAxis& axis, ImVec2 corner, ImDrawList* list) {
-    const ImU32 color = ImGui::GetColorU32(ImGuiCol_TextDisabled);
+    const ImU32 color = CurrentPalette().Dim;
     const int decimals = DecimalsOf(axis.Step());
     if (frame.Gutter == 0.0F) {
         list->AddText(ImVec2(corner.x + 2.0F, corner.y), color, Number(axis.Top(), decimals).c_str());
         return;
     }
-    for (double value = 0.0; value <= axis.Top() * 1.001; value += axis.Step()) {
+    const float right = corner.x - frame.Font * 0.3F;
+    for (int i = 0; i <= axis.Steps(); ++i) {
+        const double value = i * axis.Step();
         const std::string text = Number(value, decimals);
         const float y = YOf(value, axis.Top(), corner.y, frame.FieldHeight()) - frame.Font / 2.0F;
         const float lowest = corner.y + frame.FieldHeight() - frame.Font;
-        list->AddText(ImVec2(LeftOf(text.c_str(), corner.x - frame.Font * 0.3F), std::clamp(y, corner.y, lowest)),
-                      color, text.c_str());
+        list->AddText(ImVec2(right - ImGui::CalcTextSize(text.c_str()).x, std::clamp(y, corner.y, lowest)), color,
+                      text.c_str());
     }
 }
 
 void DrawValueLines(const PlotFrame& frame, const ValueAxis& axis, ImVec2 corner, ImDrawList* list) {
     const ImU32 color = FaintColor(0.1F);
-    for (double value = axis.Step(); value < axis.Top() * 0.999; value += axis.Step()) {
-        const float y = std::floor(YOf(value, axis.Top(), corner.y, frame.FieldHeight()));
+    for (int i = 1; i <= axis.Steps(); ++i) {
+        const float y = std::floor(YOf(i * axis.Step(), axis.Top(), corner.y, frame.FieldHeight()));
         list->AddLine(ImVec2(corner.x, y), ImVec2(corner.x + frame.FieldWidth, y), color);
     }
 }
@@ -125,7 +127,7 @@ void GpuPlots::DrawPlot(const PlotFrame& frame, size_t plot, ImVec2 position) {
     const ImVec2 corner(position.x + frame.Gutter, position.y + frame.HeadingHeight());
     const ImVec2 end(corner.x + frame.FieldWidth, corner.y + frame.FieldHeight());
     if (!ImGui::IsRectVisible(position, end)) return;
-    DrawHeading(frame, plot, position);
+    DrawHeading(frame, Columns, plot, position);
     FitAxis(plot);
     const ValueAxis& axis = Axes[plot];
     if (frame.Gutter > 0.0F) DrawValueLabels(frame, axis, corner, ImGui::GetWindowDrawList());
@@ -139,10 +141,11 @@ void GpuPlots::DrawPlot(const PlotFrame& frame, size_t plot, ImVec2 position) {
 void GpuPlots::DrawCurves(const PlotFrame& frame, size_t plot, ImVec2 corner) {
     const double top = Axes[plot].Top();
     ImDrawList* const list = ImGui::GetWindowDrawList();
+    const Palette palette = CurrentPalette();
     for (size_t curve = kPlots[plot].FirstCurve; curve < kPlots[plot].EndCurve; ++curve) {
         const Curve& drawn = kCurves[curve];
         if (drawn.Role == CurveRole::Ceiling) continue;
-        const ImU32 color = ColorOf(drawn.Role);
+        const ImU32 color = ColorOf(drawn.Role, palette);
         PlaceCurve(frame, curve, corner, top);
         if (drawn.Role == CurveRole::First) FillBelow(list, Points, color, corner.y + frame.FieldHeight());
         DrawCurve(list, Points, color, frame.LineThickness());
@@ -189,6 +192,7 @@ void GpuPlots::DrawReasons(const PlotFrame& frame, ImVec2 position) const {
 
 void GpuPlots::DrawReasonBand(const PlotFrame& frame, ImVec2 corner) const {
     ImDrawList* const list = ImGui::GetWindowDrawList();
+    const Palette palette = CurrentPalette();
     for (size_t first = FirstColumn; first < EndColumn;) {
         const uint64_t reasons = Columns.ReasonsAt(first);
         size_t end = first + 1;
@@ -201,9 +205,9 @@ void GpuPlots::DrawReasonBand(const PlotFrame& frame, ImVec2 corner) const {
         for (uint64_t rest = reasons; rest != 0; rest &= rest - 1) ++count;
         const float height = frame.BandHeight() / static_cast<float>(std::max(count, 1));
         float top = corner.y;
-        for (size_t bit = 0; bit < 64; ++bit) {
+        for (size_t bit = 0; bit < kReasonBits; ++bit) {
             if ((reasons >> bit & 1U) == 0) continue;
-            list->AddRectFilled(ImVec2(left, top), ImVec2(right, top + height), ColorOfReason(bit));
+            list->AddRectFilled(ImVec2(left, top), ImVec2(right, top + height), ColorOfReason(bit, palette));
             top += height;
         }
     }

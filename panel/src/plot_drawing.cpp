@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
+#include <iterator>
 #include <string>
 
 #include "gpu_feed/limit_reasons.h"
@@ -14,12 +16,6 @@ namespace {
 constexpr float kSideBySide = 2.5F;
 /// Points per reservation: buffers of 16-bit indices are changed between reservations only.
 constexpr size_t kChunk = 128;
-constexpr size_t kReasonBits = 64;
-
-ImU32 WithAlpha(ImU32 color, float share) {
-    const auto alpha = static_cast<float>(color >> IM_COL32_A_SHIFT & 0xFF) * share;
-    return (color & ~IM_COL32_A_MASK) | static_cast<ImU32>(alpha + 0.5F) << IM_COL32_A_SHIFT;
-}
 
 /// Writes rows of vertices from left to right, each connected with the one before it.
 template <size_t Rows>
@@ -91,31 +87,15 @@ void DrawConnection(ImDrawList* list, const CurvePoint& from, const CurvePoint& 
     list->AddLine(ImVec2(from.X - 0.5F, fromY - 0.5F), ImVec2(to.X - 0.5F, toY - 0.5F), color, thickness);
 }
 
-/// Whether the host's style has light text.
-bool IsDark() {
-    const ImVec4& text = ImGui::GetStyleColorVec4(ImGuiCol_Text);
-    return text.x + text.y + text.z > 1.5F;
-}
-
-ImU32 ForStyle(ImU32 onDark, ImU32 onLight) {
-    return ImGui::GetColorU32(IsDark() ? onDark : onLight);
-}
+/// How a limiting reason looks.
+enum class ReasonKind { Idle, Harmless, Danger };
 
 struct Reason {
     std::string Word;
-    ImU32 OnDark;
-    ImU32 OnLight;
+    ReasonKind Kind = ReasonKind::Harmless;
+    /// Among those that are harmless.
+    size_t Place = 0;
 };
-
-constexpr ImU32 kDangerOnDark = IM_COL32(255, 77, 77, 255);
-constexpr ImU32 kDangerOnLight = IM_COL32(200, 20, 20, 255);
-constexpr ImU32 kIdleOnDark = IM_COL32(110, 115, 125, 255);
-constexpr ImU32 kIdleOnLight = IM_COL32(170, 175, 182, 255);
-/// Those that are no danger, by bit.
-constexpr ImU32 kReasonOnDark[] = {IM_COL32(86, 180, 233, 255), IM_COL32(240, 228, 66, 255),
-                                   IM_COL32(204, 121, 167, 255), IM_COL32(0, 190, 140, 255)};
-constexpr ImU32 kReasonOnLight[] = {IM_COL32(0, 114, 178, 255), IM_COL32(190, 150, 0, 255), IM_COL32(170, 70, 130, 255),
-                                    IM_COL32(0, 140, 100, 255)};
 
 const std::array<Reason, kReasonBits>& Reasons() {
     static const std::array<Reason, kReasonBits> kReasons = [] {
@@ -123,11 +103,9 @@ const std::array<Reason, kReasonBits>& Reasons() {
         size_t harmless = 0;
         for (size_t bit = 0; bit < kReasonBits; ++bit) {
             const gpu_feed::LimitReason reason = gpu_feed::LimitReasons(uint64_t{1} << bit).front();
-            reasons[bit] = {reason.Word, kDangerOnDark, kDangerOnLight};
-            if (reason.bIdle) reasons[bit] = {reason.Word, kIdleOnDark, kIdleOnLight};
-            if (reason.bIdle || reason.bDanger) continue;
-            const size_t color = harmless++ % std::size(kReasonOnDark);
-            reasons[bit] = {reason.Word, kReasonOnDark[color], kReasonOnLight[color]};
+            const ReasonKind other = reason.bDanger ? ReasonKind::Danger : ReasonKind::Harmless;
+            const ReasonKind kind = reason.bIdle ? ReasonKind::Idle : other;
+            reasons[bit] = {reason.Word, kind, kind == ReasonKind::Harmless ? harmless++ : 0};
         }
         return reasons;
     }();
@@ -167,37 +145,31 @@ void FillBelow(ImDrawList* list, const std::vector<CurvePoint>& points, ImU32 co
     }
 }
 
-ImU32 ColorOf(CurveRole role) {
+ImU32 ColorOf(CurveRole role, const Palette& palette) {
     switch (role) {
-        case CurveRole::First: return ForStyle(IM_COL32(86, 180, 233, 255), IM_COL32(0, 100, 175, 255));
-        case CurveRole::Second: return ForStyle(IM_COL32(240, 160, 40, 255), IM_COL32(200, 95, 0, 255));
+        case CurveRole::First: return palette.Accent;
+        case CurveRole::Second: return palette.Warning;
         case CurveRole::Limit:
         case CurveRole::Ceiling: break;
     }
-    return ForStyle(IM_COL32(235, 100, 60, 255), IM_COL32(205, 60, 10, 255));
+    return palette.Danger;
 }
 
-ImU32 ColorOfReason(size_t bit) {
-    return ForStyle(Reasons()[bit].OnDark, Reasons()[bit].OnLight);
+ImU32 ColorOfReason(size_t bit, const Palette& palette) {
+    // Of about the same lightness, so that they differ from both backgrounds.
+    const ImU32 harmless[] = {palette.Accent, IM_COL32(205, 165, 0, 255), IM_COL32(190, 110, 170, 255),
+                              IM_COL32(0, 158, 115, 255)};
+    const Reason& reason = Reasons()[bit];
+    switch (reason.Kind) {
+        case ReasonKind::Idle: return WithAlpha(palette.Dim, 0.5F);
+        case ReasonKind::Danger: return palette.Danger;
+        case ReasonKind::Harmless: break;
+    }
+    return harmless[reason.Place % std::size(harmless)];
 }
 
 ImU32 FaintColor(float strength) {
     return ImGui::GetColorU32(ImGuiCol_Text, strength);
-}
-
-float LeftOf(const char* text, float end) {
-    return end - ImGui::CalcTextSize(text).x;
-}
-
-void DrawShortened(ImDrawList* list, ImVec2 position, float width, ImU32 color, const char* text) {
-    static constexpr const char* kMore = "...";
-    const char* end = text + std::char_traits<char>::length(text);
-    if (ImGui::CalcTextSize(text, end).x <= width) return list->AddText(position, color, text, end);
-    const float room = width - ImGui::CalcTextSize(kMore).x;
-    while (end > text && ImGui::CalcTextSize(text, end).x > room) --end;
-    if (end == text) return;
-    list->AddText(position, color, text, end);
-    list->AddText(ImVec2(position.x + ImGui::CalcTextSize(text, end).x, position.y), color, kMore);
 }
 
 const char* ReasonWord(size_t bit) {

@@ -2,10 +2,10 @@
 #define GPU_PANEL_PLOT_DRAWING_H
 
 #include <cstddef>
-#include <cstdint>
 #include <vector>
 
 #include "imgui.h"
+#include "look.h"
 #include "plot_table.h"
 
 namespace gpu_panel {
@@ -26,22 +26,16 @@ void DrawCurve(ImDrawList* list, const std::vector<CurvePoint>& points, ImU32 co
 /// Fills what is below a curve, fading towards `base`.
 void FillBelow(ImDrawList* list, const std::vector<CurvePoint>& points, ImU32 color, float base);
 
-// ---- Colors, for people with any color vision, on the host's dark or light style ----
+// ---- Colors, for people with any color vision ----
 
-ImU32 ColorOf(CurveRole role);
-/// The color of the limiting reason with this bit.
-ImU32 ColorOfReason(size_t bit);
-/// The color of lines behind curves; `strength` 1 is that of text.
+ImU32 ColorOf(CurveRole role, const Palette& palette);
+/// Of lines and areas behind curves; `strength` 1 is that of text.
 ImU32 FaintColor(float strength);
 
-// ---- Text ----
+// ---- Limiting reasons, by the number of their bit ----
 
-/// Where the text begins that ends at `end`.
-float LeftOf(const char* text, float end);
-/// Draws as much of `text` as fits into `width`, with three points when that is not all.
-void DrawShortened(ImDrawList* list, ImVec2 position, float width, ImU32 color, const char* text);
-
-/// The limiting reason with this bit, in words.
+constexpr size_t kReasonBits = 64;
+ImU32 ColorOfReason(size_t bit, const Palette& palette);
 const char* ReasonWord(size_t bit);
 
 }  // namespace gpu_panel

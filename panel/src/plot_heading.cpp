@@ -70,14 +70,14 @@ std::string ValueText(const Curve& curve, const PlotKind& plot, const GpuTelemet
     return value ? Number(*value / curve.Divisor, plot.Decimals) : kNotRead;
 }
 
-Parts ValuesOf(const PlotFrame& frame, const PlotKind& plot, bool bNamed) {
+Parts ValuesOf(const PlotFrame& frame, const PlotColumns& columns, const PlotKind& plot, bool bNamed) {
     Parts parts(frame.Font);
     const bool bSquares = plot.EndCurve - plot.FirstCurve > 1 && kCurves[plot.EndCurve - 1].Role != CurveRole::Ceiling;
     for (size_t i = plot.FirstCurve; i < plot.EndCurve; ++i) {
         const Curve& curve = kCurves[i];
         const bool bCeiling = curve.Role == CurveRole::Ceiling;
-        if (bCeiling && !bNamed) continue;
-        if (!bCeiling) parts.Add(bSquares ? ColorOf(curve.Role) : 0);
+        if (!columns.HasValues(i) || (bCeiling && !bNamed)) continue;
+        if (!bCeiling) parts.Add(bSquares ? ColorOf(curve.Role, CurrentPalette()) : 0);
         parts.Append(bNamed ? curve.Name : "");
         parts.Append(ValueText(curve, plot, frame.Shown).c_str());
     }
@@ -92,36 +92,36 @@ void DrawLine(const PlotFrame& frame, ImVec2 position, const char* title, const 
     const float gap = frame.Font * 0.8F;
     const float partsLeft = position.x + frame.Width - parts.Width();
     const float room = partsLeft - gap - position.x;
-    DrawShortened(list, position, room, ImGui::GetColorU32(ImGuiCol_Text), title);
+    PutFitted(position, room, ImGui::GetColorU32(ImGuiCol_Text), title);
     parts.Draw(list, ImVec2(partsLeft, position.y));
     const float factLeft = position.x + ImGui::CalcTextSize(title).x + gap;
     for (const char* text : {frame.When.data(), frame.Ago.data(), frame.bHovered ? "" : fact}) {
         if (*text == '\0' || ImGui::CalcTextSize(text).x > partsLeft - gap - factLeft) continue;
-        list->AddText(ImVec2(factLeft, position.y), ImGui::GetColorU32(ImGuiCol_TextDisabled), text);
+        list->AddText(ImVec2(factLeft, position.y), CurrentPalette().Dim, text);
         return;
     }
 }
 
 }  // namespace
 
-void DrawHeading(const PlotFrame& frame, size_t plot, ImVec2 position) {
+void DrawHeading(const PlotFrame& frame, const PlotColumns& columns, size_t plot, ImVec2 position) {
     const PlotKind& kind = kPlots[plot];
-    Parts values = ValuesOf(frame, kind, true);
+    Parts values = ValuesOf(frame, columns, kind, true);
     const float titleWidth = ImGui::CalcTextSize(kind.Title).x + frame.Font;
-    if (titleWidth + values.Width() > frame.Width) values = ValuesOf(frame, kind, false);
+    if (titleWidth + values.Width() > frame.Width) values = ValuesOf(frame, columns, kind, false);
     const EnergyCount energy = plot == kPowerPlot && !frame.bHovered ? frame.Energy() : EnergyCount();
     DrawLine(frame, position, kind.Title, values, energy.Seconds < 1.0 ? "" : WattHoursText(energy).c_str());
 }
 
 void DrawReasonHeading(const PlotFrame& frame, uint64_t reasons, ImVec2 position) {
     static constexpr const char* kTitle = "Limited by";
-    const float room = frame.Width - ImGui::CalcTextSize(kTitle).x - frame.Font;
+    const float room = frame.Width - ImGui::CalcTextSize("Limited by  +99 ").x;
     Parts parts(frame.Font);
     int left = 0;
-    for (size_t bit = 0; bit < 64; ++bit) {
+    for (size_t bit = 0; bit < kReasonBits; ++bit) {
         if ((reasons >> bit & 1U) == 0) continue;
         Parts longer = parts;
-        longer.Add(ColorOfReason(bit));
+        longer.Add(ColorOfReason(bit, CurrentPalette()));
         longer.Append(ReasonWord(bit));
         if (longer.Width() > room) {
             ++left;

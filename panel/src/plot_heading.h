@@ -4,13 +4,15 @@
 #include <cstdint>
 
 #include "imgui.h"
+#include "plot_columns.h"
 #include "plot_frame.h"
 #include "plot_table.h"
 
 namespace gpu_panel {
 
 /// Draws the line above a plot: its title, what its curves look like, and the values of the sample that `frame` shows.
-void DrawHeading(const PlotFrame& frame, size_t plot, ImVec2 position);
+/// Curves that have no value in `columns` are left out.
+void DrawHeading(const PlotFrame& frame, const PlotColumns& columns, size_t plot, ImVec2 position);
 
 /// The same for the band of limiting reasons: those in `reasons`, with their colors.
 void DrawReasonHeading(const PlotFrame& frame, uint64_t reasons, ImVec2 position);

@@ -3,7 +3,7 @@
 #include <string>
 
 #include "imgui.h"
-#include "plot_drawing.h"
+#include "look.h"
 #include "plot_frame.h"
 
 namespace gpu_panel {
@@ -13,14 +13,8 @@ namespace {
 /// The length has this much room, so that the buttons beside it stay where they are.
 constexpr const char* kLongestText = "16 h 40 min";
 
-/// Goes on in the row, if there is room for `width` in it.
-void ContinueRow(float width) {
-    ImGui::SameLine();
-    if (ImGui::GetContentRegionAvail().x < width) ImGui::NewLine();
-}
-
 bool RowButton(const char* label, const char* help) {
-    ContinueRow(ImGui::CalcTextSize(label).x + 2.0F * ImGui::GetStyle().FramePadding.x);
+    SameLineIfRoomFor(ButtonWidth(label));
     const bool bPressed = ImGui::SmallButton(label);
     if (ImGui::IsItemHovered()) ImGui::SetTooltip("%s", help);
     return bPressed;
@@ -29,7 +23,7 @@ bool RowButton(const char* label, const char* help) {
 void DrawLength(double seconds) {
     const std::string text = ShortDuration(seconds + 0.5);
     const ImVec2 room = ImGui::CalcTextSize(kLongestText);
-    ContinueRow(room.x);
+    SameLineIfRoomFor(room.x);
     const ImVec2 start = ImGui::GetCursorScreenPos();
     const float left = start.x + (room.x - ImGui::CalcTextSize(text.c_str()).x) / 2.0F;
     ImGui::GetWindowDrawList()->AddText(ImVec2(left, start.y), ImGui::GetColorU32(ImGuiCol_Text), text.c_str());
@@ -50,9 +44,9 @@ void DrawTimeRow(TimeAxis* axis) {
     if (RowButton("Follow", "the present again (double click on a plot)")) axis->Follow();
     ImGui::EndDisabled();
     const char* const state = bFollows ? "following" : "paused view";
-    ContinueRow(ImGui::CalcTextSize(state).x);
-    const ImU32 color = bFollows ? ImGui::GetColorU32(ImGuiCol_TextDisabled) : ColorOf(CurveRole::Limit);
-    ImGui::PushStyleColor(ImGuiCol_Text, color);
+    SameLineIfRoomFor(ImGui::CalcTextSize(state).x);
+    const Palette palette = CurrentPalette();
+    ImGui::PushStyleColor(ImGuiCol_Text, bFollows ? palette.Dim : palette.Warning);
     ImGui::TextUnformatted(state);
     ImGui::PopStyleColor();
     ImGui::PopID();

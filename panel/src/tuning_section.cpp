@@ -91,7 +91,7 @@ void TuningSection::Prepare(double now) {
     if (!bAnswered) return;
     PrepareClocks(Flow.Capabilities().Clocks);
     PreparePower(Flow.Capabilities().Power);
-    StepLine = "The driver took it: " + OutcomeText(Flow.Change()) + '.';
+    StepLine = TakenText(Flow.Change());
     ReadBackLine = Flow.ReadBackText();
     Hint.clear();
 }
@@ -114,8 +114,7 @@ void TuningSection::PreparePower(const GpuPowerCapabilities& power) {
         PowerLine = CanSetText(power);
         return;
     }
-    PowerLine = "In force " + WattsText(power.CurrentWatts) + ", default " + WattsText(power.DefaultWatts) +
-                ", range " + RangeText(power);
+    PowerLine = PowerText(power);
     if (Watts < 0.0) Watts = power.CurrentWatts;
     PowerProblem = WhyNotPower(Watts, power);
 }
@@ -175,9 +174,7 @@ void TuningSection::DrawApply(const char* label, const FeedMoment& moment, const
     if (!ImGui::IsItemHovered(ImGuiHoveredFlags_AllowWhenDisabled)) return;
     if (Hint.empty() || HintFor != change) {
         HintFor = change;
-        Hint = problem.empty() ? "This will " + ActionText(change) + ", for every program that uses this GPU. " +
-                                     Flow.WayBackText(*moment.Data, change)
-                               : problem;
+        Hint = problem.empty() ? IntentText(change) + ' ' + Flow.WayBackText(*moment.Data, change) : problem;
     }
     ImGui::BeginTooltip();
     ImGui::PushTextWrapPos(ImGui::GetFontSize() * 26.0F);

@@ -10,6 +10,7 @@
 #include <mutex>
 
 #include "failing_memory.h"
+#include "gpu_feed/tuning_flow.h"
 #include "monitor_test.h"
 
 namespace {
@@ -256,6 +257,8 @@ TEST_F(FeedTest, RescanFindsGpusAtOtherIndicesAndTheirHistoriesAndChangesFollowT
         EXPECT_EQ(Feed->Latest()->State, found.empty() ? FeedState::Unavailable : FeedState::Sampling);
         EXPECT_EQ(Log(calledBefore, {"SetPowerManagementLimit("}), calls);
         EXPECT_EQ(Record(TuningControl::Power).IsOutstanding(), *error != '\0');
+        // From here on a request would start the driver, with other indices than those that are known.
+        if (found.empty()) Sim.SetBoards({boards[0]});
         EXPECT_EQ(Feed->QueryTuning(SecondKey).get().Power.MaximumWatts, found.empty() ? -1.0 : 352.0);
     }
     EXPECT_EQ(Gpu()->Key, SecondKey);
@@ -336,6 +339,30 @@ TEST_F(FeedTest, OutOfMemoryAChangeGoesBackLater) {
     } while (failing_memory::bAllocationFailed && !HasFailure());
     EXPECT_GT(nth, 1U) << "no allocation has failed";
     failing_memory::bChecking = false;
+}
+
+TEST_F(FeedTest, FlowOfAChangeAllocatesNothingWhileNothingIsNew) {
+    StartPaused();
+    sampler_clock::Hold();
+    TuningFlow flow(Feed.get(), Key);
+    // What the user does, and how far that leads.
+    const std::tuple<std::function<void()>, TuningStep, const char*> steps[] = {
+        {[] {}, TuningStep::Ready, ""},
+        {[&flow] { flow.Apply(kLimit); }, TuningStep::Keeping, "In force 200 W"},
+        {[&flow] { flow.TakeBack(); }, TuningStep::Ended, "It went back to: default power limit."}};
+    for (const auto& [act, step, text] : steps) {
+        act();
+        EXPECT_TRUE(WaitFor([&, expected = step, words = text] {
+            flow.Update();
+            return flow.Step() == expected &&
+                   (*words == '\0' || flow.ReadBackText() == words || flow.Ending().Sentence == words);
+        })) << text;
+        failing_memory::bAllocationFailed = false;
+        failing_memory::AllocationsUntilFailure = 1;
+        flow.Update();
+        failing_memory::AllocationsUntilFailure = 0;
+        EXPECT_FALSE(failing_memory::bAllocationFailed) << text;
+    }
 }
 
 TEST(PowerWayBackTest, IsWhatWasInForceOrElseTheDefault) {

@@ -4,7 +4,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <vector>
 
+#include "gpu_feed/limit_reasons.h"
 #include "gpu_feed/readings.h"
 #include "nvml_gpu_monitor.h"
 
@@ -66,6 +68,10 @@ std::string LimitText(const GpuTelemetrySample& sample);
 
 /// As many of these reasons as fit into `width`, at least one, and then the number of the others.
 std::string ShortLimitText(const GpuTelemetrySample& sample, size_t width);
+
+/// What limits the clocks, with dangers first. Where nothing does, or the driver gives no reason, one entry says so and
+/// is `bIdle`.
+std::vector<LimitReason> ShownLimits(const GpuTelemetrySample& sample);
 
 }  // namespace gpu_feed
 

@@ -37,6 +37,9 @@ std::string RangeText(const GpuPowerCapabilities& capabilities);
 /// The clocks that run: "Running ...".
 std::string RunningText(const GpuClockCapabilities& capabilities);
 
+/// The limit in force and what else it could be: "In force ...".
+std::string PowerText(const GpuPowerCapabilities& capabilities);
+
 /// Whether the setting can be changed, and otherwise why not, as a sentence.
 std::string CanLockText(const GpuClockCapabilities& capabilities);
 std::string CanSetText(const GpuPowerCapabilities& capabilities);
@@ -45,6 +48,12 @@ std::string CanSetText(const GpuPowerCapabilities& capabilities);
 
 /// What a change does: "lock the clocks to ...".
 std::string ActionText(const TuningChange& change);
+
+/// What the user is asked to agree to, as a sentence.
+std::string IntentText(const TuningChange& change);
+
+/// What the driver has agreed to, as a sentence.
+std::string TakenText(const TuningChange& change);
 
 /// What is in force after a change: "clocks locked to ...".
 std::string OutcomeText(const TuningChange& change);

@@ -1,10 +1,8 @@
 #include "view/limits.h"
 
-#include <algorithm>
 #include <string>
 #include <vector>
 
-#include "gpu_feed/limit_reasons.h"
 #include "gpu_feed/reading_text.h"
 #include "view/cut_text.h"
 
@@ -13,14 +11,11 @@ using namespace gpu_feed;
 namespace {
 
 /// What limits the clocks, in the order in which it is shown.
-std::vector<StyledText> ShownLimits(const GpuTelemetrySample& now) {
-    std::vector<LimitReason> reasons = LimitReasons(now.PerformanceLimitReasons);
-    std::stable_partition(reasons.begin(), reasons.end(), [](const LimitReason& reason) { return reason.bDanger; });
+std::vector<StyledText> StyledLimits(const GpuTelemetrySample& now) {
     std::vector<StyledText> limits;
-    for (const LimitReason& reason : reasons) {
-        if (!reason.bIdle) limits.push_back({reason.Word, reason.bDanger ? Style::Alarm : Style::Strong});
+    for (const LimitReason& limit : ShownLimits(now)) {
+        limits.push_back({limit.Word, limit.bDanger ? Style::Alarm : Style::Strong});
     }
-    if (limits.empty()) limits.push_back({reasons.empty() ? kNotRead : "nothing, idle"});
     return limits;
 }
 
@@ -33,12 +28,12 @@ std::string FirstWords(const std::string& text, int columns) {
 }  // namespace
 
 int WidthOfLimits(const GpuTelemetrySample& now) {
-    return WidthOfParts(ShownLimits(now));
+    return WidthOfParts(StyledLimits(now));
 }
 
 void DrawLimits(Canvas* canvas, const Area& area, const GpuTelemetrySample& now) {
     if (area.Width <= 0) return;
-    std::vector<StyledText> limits = ShownLimits(now);
+    std::vector<StyledText> limits = StyledLimits(now);
     if (WidthOfParts(limits) <= area.Width) {
         PutParts(canvas, area, limits);
         return;

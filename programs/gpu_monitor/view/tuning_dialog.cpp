@@ -46,8 +46,7 @@ Dialog MenuDialog(const FeedMoment& moment, const TuningDialog& dialog) {
     lines.push_back({""});
     beginPart("Power limit", CanSetText(power), TuningControl::Power);
     if (CanSetPower(power)) {
-        lines.push_back({"In force " + WattsText(power.CurrentWatts) + ", default " + WattsText(power.DefaultWatts) +
-                         ", range " + RangeText(power)});
+        lines.push_back({PowerText(power)});
         lines.push_back({CanSetDefaultPower(power) ? "p  set a limit         d  set the default" : "p  set a limit",
                          Style::Strong});
     }
@@ -83,9 +82,7 @@ Dialog PowerDialog(const TuningDialog& dialog) {
 }
 
 Dialog ConfirmDialog(const FeedData& data, const TuningDialog& dialog) {
-    DialogLines lines = {
-        {"This will " + ActionText(dialog.Chosen) + ", for every program that uses this GPU.", Style::Strong},
-        {dialog.Flow.WayBackText(data, dialog.Chosen)}};
+    DialogLines lines = {{IntentText(dialog.Chosen), Style::Strong}, {dialog.Flow.WayBackText(data, dialog.Chosen)}};
     if (dialog.Chosen.What == Kind::LockClocks) {
         lines.push_back({"A lock that another program has set cannot be brought back: NVML does not show it."});
     }
@@ -95,7 +92,7 @@ Dialog ConfirmDialog(const FeedData& data, const TuningDialog& dialog) {
 Dialog KeepDialog(const FeedMoment& moment, const TuningFlow& flow) {
     const TuningRecord* record = flow.RecordIn(moment);
     DialogLines lines = {
-        {"The driver took it: " + OutcomeText(flow.Change()) + '.'},
+        {TakenText(flow.Change())},
         {flow.ReadBackText(), Style::Strong},
         {""},
         {"Keep it? It goes back in " + Number(std::ceil(flow.SecondsLeft(moment)), 0) + " s.", Style::Warning},
