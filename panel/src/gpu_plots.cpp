@@ -108,6 +108,7 @@ void GpuPlots::FindColumns(const PlotFrame& frame) {
     EndColumn = Columns.Find(frame.LastColumn + 1);
     if (FirstColumn > Columns.Begin()) --FirstColumn;
     if (EndColumn < Columns.End()) ++EndColumn;
+    Points.reserve(static_cast<size_t>(frame.FieldWidth) + 2);
 }
 
 void GpuPlots::FitAxis(size_t plot) {
