@@ -69,7 +69,7 @@ compare() {
 }
 
 table() {
-    local boards processes run
+    local boards processes run width which
     line 'what: compared with what' unit measured compared ratio target
     line --- --- --- --- --- ---
     compare 'one sample: by hand' us 'SampleOfMonitor cpu_time' 'SampleByHand cpu_time' 1.10
@@ -89,6 +89,12 @@ table() {
     compare 'memory per GPU, full: its samples' KiB 'FullHistory/8 bytes_per_gpu' 'FullHistory/8 bytes_of_samples'
     compare 'memory per GPU, full, with the feed: 2.2 MiB' KiB 'FullHistoryAndFeed/8 bytes_per_gpu' 'allowed bytes' 1.00
     compare 'look of the feed, 8 GPU, full: 60 to 600' us 'LookWith/6000 real_time' 'LookWith/60 real_time' 1.10
+    for width in 400 1000 1900; do
+        for which in median worst; do
+            run=PanelBesidePlotLines/$width
+            compare "panel, 8 GPU, $width pixels, $which: PlotLines" us "$run panel_${which}_ns" "$run lines_${which}_ns" 4.00
+        done
+    done
     for run in SnapshotWait/{1,4}/{1000,100}; do
         compare "${run//\// }: median, 99th percentile" ms "$run median_ms" "$run p99_ms"
     done
@@ -98,7 +104,8 @@ table() {
 "$root/scripts/setup.sh" test
 echo 'bench: building' >&2
 (cd -- "$root" && quietly cmake --preset release &&
-    quietly cmake --build "$build" --target sample_bench cycle_bench snapshot_bench memory_bench look_bench wait_bench)
+    quietly cmake --build "$build" --target sample_bench cycle_bench snapshot_bench memory_bench look_bench wait_bench \
+        panel_bench)
 measure_library
 
 measure sample_bench --benchmark_repetitions=40 --benchmark_min_time=0.02
@@ -107,6 +114,7 @@ measure snapshot_bench --benchmark_repetitions=40 --benchmark_min_time=0.02
 measure memory_bench
 measured['allowed bytes']=$((22 * 1024 * 1024 / 10))
 measure look_bench --benchmark_repetitions=20
+measure panel_bench
 # Times that a driver's delays decide: not repeated, but many calls.
 measure wait_bench --benchmark_min_time=10
 table

@@ -133,8 +133,8 @@ void FeedWorker::LookSoon() {
 void FeedWorker::Look() {
     std::shared_ptr<const FeedGpu> newest;
     Attempt([&] {
-        std::vector<GpuTelemetryHistory> histories = TakeNews();
-        newest = Tracker.Look(std::move(histories), NowSeconds());
+        const std::vector<GpuTelemetryHistory> histories = TakeNews();
+        newest = Tracker.Look(histories, NowSeconds());
     });
     const double now = NowSeconds();
     NextLook = newest == nullptr

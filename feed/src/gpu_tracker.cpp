@@ -40,18 +40,19 @@ void GpuTracker::SetInterval(std::chrono::milliseconds interval, double now) {
     PeriodsSince = now;
 }
 
-void GpuTracker::Begin(std::vector<GpuTelemetryHistory> histories, double now) {
+void GpuTracker::Begin(const std::vector<GpuTelemetryHistory>& histories, double now) {
     PeriodsSince = now;
-    std::vector<FeedGpu> gpus = Follow(std::move(histories), true, now);
+    std::vector<FeedGpu> gpus = Follow(histories, true, now);
     for (FeedGpu& gpu : gpus) gpu.SilentSince = 0.0;
     Publish(std::move(gpus));
 }
 
-std::shared_ptr<const FeedGpu> GpuTracker::Look(std::vector<GpuTelemetryHistory> histories, double now) {
-    return Publish(Follow(std::move(histories), false, now));
+std::shared_ptr<const FeedGpu> GpuTracker::Look(const std::vector<GpuTelemetryHistory>& histories, double now) {
+    return Publish(Follow(histories, false, now));
 }
 
-std::vector<FeedGpu> GpuTracker::Follow(std::vector<GpuTelemetryHistory> histories, bool bWhole, double now) const {
+std::vector<FeedGpu> GpuTracker::Follow(const std::vector<GpuTelemetryHistory>& histories, bool bWhole,
+                                        double now) const {
     const double longestPeriod = LongestPeriod(histories, now);
     std::vector<FeedGpu> gpus;
     gpus.reserve(histories.size());

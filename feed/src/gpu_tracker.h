@@ -34,12 +34,12 @@ public:
     /// Takes over the whole `histories` when sampling begins or goes on at `now`. What is known of a GPU's samples goes
     /// on. Only for a GPU without a lasting name it begins again when NVML has been started anew: when the history has
     /// lost the newest of these samples. No GPU counts as silent then, and periods are measured anew.
-    void Begin(std::vector<GpuTelemetryHistory> histories, double now);
+    void Begin(const std::vector<GpuTelemetryHistory>& histories, double now);
 
     /// Takes over what a look at `now` has found: histories with at least the samples that are newer than
     /// `NewestMoment`. Result: the GPU with the newest sample; null when no sample is new. After an exception,
     /// everything is as before.
-    std::shared_ptr<const FeedGpu> Look(std::vector<GpuTelemetryHistory> histories, double now);
+    std::shared_ptr<const FeedGpu> Look(const std::vector<GpuTelemetryHistory>& histories, double now);
 
     /// The timestamp of the newest sample of any GPU; 0 while there is no sample.
     double NewestMoment() const { return NewestSeen; }
@@ -52,7 +52,7 @@ public:
 
 private:
     /// The GPUs of `histories`, with what is known of them from before. `bWhole`: the histories are whole.
-    std::vector<FeedGpu> Follow(std::vector<GpuTelemetryHistory> histories, bool bWhole, double now) const;
+    std::vector<FeedGpu> Follow(const std::vector<GpuTelemetryHistory>& histories, bool bWhole, double now) const;
     /// What is known of a GPU from before, without its device and its processes.
     FeedGpu Recall(const std::string& key) const;
     /// Adds the new ones of `samples`. Result: whether one of them has a reading.

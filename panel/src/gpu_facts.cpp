@@ -63,6 +63,7 @@ void WritePart(ReadingId part, ReadingId whole, const Sample& sample, std::strin
 void WriteGauge(const Gauge& gauge, const Sample& sample, GaugeFact* fact) {
     const std::optional<double> value = ReadingValue(gauge.Shown, sample);
     const std::optional<double> whole = gauge.Whole ? ReadingValue(*gauge.Whole, sample) : std::nullopt;
+    fact->Label = gauge.Label;
     fact->Value.clear();
     if (gauge.Whole) {
         WritePart(gauge.Shown, *gauge.Whole, sample, &fact->Value);
@@ -131,17 +132,7 @@ constexpr std::array<Detail, GpuFacts::kDetailCount> kDetails = {{
     {"Energy", WriteEnergy},
 }};
 
-template <typename Entry, size_t Count>
-std::array<const char*, Count> LabelsOf(const std::array<Entry, Count>& entries) {
-    std::array<const char*, Count> labels{};
-    std::transform(entries.begin(), entries.end(), labels.begin(), [](const Entry& entry) { return entry.Label; });
-    return labels;
-}
-
 }  // namespace
-
-const std::array<const char*, GpuFacts::kGaugeCount> GpuFacts::kGaugeLabels = LabelsOf(kGauges);
-const std::array<const char*, GpuFacts::kDetailCount> GpuFacts::kDetailLabels = LabelsOf(kDetails);
 
 bool GpuFacts::IsCurrent() const {
     return LatestState == GpuState::Live || LatestState == GpuState::Paused;
@@ -162,8 +153,9 @@ void GpuFacts::UpdateValues() {
     const Sample& sample = Shown->Latest;
     for (size_t i = 0; i < kGauges.size(); ++i) WriteGauge(kGauges[i], sample, &Gauges[i]);
     for (size_t i = 0; i < kDetails.size(); ++i) {
-        Details[i].clear();
-        kDetails[i].Write(*Shown, &Details[i]);
+        Details[i].Label = kDetails[i].Label;
+        Details[i].Value.clear();
+        kDetails[i].Write(*Shown, &Details[i].Value);
     }
     constexpr ReadingId kKeyReadings[] = {ReadingId::Power, ReadingId::Temperature, ReadingId::GpuUtilization};
     for (size_t i = 0; i < KeyFigures.size(); ++i) KeyFigures[i] = ReadingText(kKeyReadings[i], sample);

@@ -12,11 +12,16 @@
 namespace gpu_panel {
 
 /// How much a value or a state needs attention.
-enum class Tone { Quiet, Normal, Good, Warning, Danger };
+enum class Tone { Quiet, Normal, Warning, Danger };
+
+/// A value in words.
+struct LabelledFact {
+    const char* Label = "";
+    std::string Value;
+};
 
 /// A value that is a part of a whole.
-struct GaugeFact {
-    std::string Value;
+struct GaugeFact : LabelledFact {
     /// From 0 to 1; negative when it was not read.
     float Fraction = -1.0F;
     /// A limit of the value, likewise.
@@ -36,13 +41,10 @@ class GpuFacts {
 public:
     static constexpr int kGaugeCount = 8;
     static constexpr int kDetailCount = 11;
-    static const std::array<const char*, kGaugeCount> kGaugeLabels;
-    static const std::array<const char*, kDetailCount> kDetailLabels;
 
     /// To be called once per frame; works only where something has changed. `gpu` is one of `moment.Data`.
     void Update(const gpu_feed::FeedMoment& moment, const std::shared_ptr<const gpu_feed::FeedGpu>& gpu);
 
-    const gpu_feed::FeedGpu& Gpu() const { return *Shown; }
     gpu_feed::GpuState State() const { return LatestState; }
     /// Whether the values are those of now. Otherwise they are the last known ones.
     bool IsCurrent() const;
@@ -55,7 +57,7 @@ public:
     std::array<std::string, 3> KeyFigures;
     float Utilization = 0.0F;
     std::array<GaugeFact, kGaugeCount> Gauges;
-    std::array<std::string, kDetailCount> Details;
+    std::array<LabelledFact, kDetailCount> Details;
     std::vector<TonedWord> Limits;
     /// What the program has changed and not taken back.
     std::vector<OutstandingChange> Outstanding;

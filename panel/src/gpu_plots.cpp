@@ -32,7 +32,8 @@ void DrawValueLabels(const PlotFrame& frame, const ValueAxis& axis, ImVec2 corne
         return;
     }
     const float right = corner.x - frame.Font * 0.3F;
-    for (double value = 0.0; value <= axis.Top() * 1.001; value += axis.Step()) {
+    for (int i = 0; i <= axis.Steps(); ++i) {
+        const double value = i * axis.Step();
         const std::string text = Number(value, decimals);
         const float y = YOf(value, axis.Top(), corner.y, frame.FieldHeight()) - frame.Font / 2.0F;
         const float lowest = corner.y + frame.FieldHeight() - frame.Font;
@@ -43,8 +44,8 @@ void DrawValueLabels(const PlotFrame& frame, const ValueAxis& axis, ImVec2 corne
 
 void DrawValueLines(const PlotFrame& frame, const ValueAxis& axis, ImVec2 corner, ImDrawList* list) {
     const ImU32 color = FaintColor(0.1F);
-    for (double value = axis.Step(); value < axis.Top() * 0.999; value += axis.Step()) {
-        const float y = std::floor(YOf(value, axis.Top(), corner.y, frame.FieldHeight()));
+    for (int i = 1; i <= axis.Steps(); ++i) {
+        const float y = std::floor(YOf(i * axis.Step(), axis.Top(), corner.y, frame.FieldHeight()));
         list->AddLine(ImVec2(corner.x, y), ImVec2(corner.x + frame.FieldWidth, y), color);
     }
 }
@@ -107,6 +108,7 @@ void GpuPlots::FindColumns(const PlotFrame& frame) {
     EndColumn = Columns.Find(frame.LastColumn + 1);
     if (FirstColumn > Columns.Begin()) --FirstColumn;
     if (EndColumn < Columns.End()) ++EndColumn;
+    Points.reserve(static_cast<size_t>(frame.FieldWidth) + 2);
 }
 
 void GpuPlots::FitAxis(size_t plot) {

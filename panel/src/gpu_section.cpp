@@ -18,7 +18,7 @@ namespace {
 
 // In font sizes.
 constexpr float kCellWidth = 12.6F;
-constexpr float kFigureWidth = 3.6F;
+constexpr float kFigureWidth = 4.2F;
 
 constexpr ImGuiTreeNodeFlags kPartFlags = ImGuiTreeNodeFlags_SpanAvailWidth | ImGuiTreeNodeFlags_NoTreePushOnOpen;
 /// Marks a GPU whose settings the program has changed.
@@ -28,7 +28,6 @@ constexpr std::string_view kUnknown = kNotRead;
 ImU32 ColorOf(Tone tone, const Palette& palette) {
     switch (tone) {
         case Tone::Quiet: return palette.Dim;
-        case Tone::Good: return palette.Good;
         case Tone::Warning: return palette.Warning;
         case Tone::Danger: return palette.Danger;
         case Tone::Normal: break;
@@ -65,15 +64,21 @@ float PutRight(ImVec2 end, ImU32 color, std::string_view text) {
     return end.x - width;
 }
 
-void PutGauge(ImVec2 from, float width, const char* label, const GaugeFact& fact, bool bCurrent) {
+/// Puts a label at the left end of a cell and its value at the right end.
+void PutLabelled(ImVec2 from, float width, const LabelledFact& fact, bool bCurrent) {
+    const Palette palette = CurrentPalette();
+    ImGui::GetWindowDrawList()->AddText(from, palette.Dim, fact.Label);
+    const float room = width - ImGui::CalcTextSize(fact.Label).x - 0.5F * ImGui::GetFontSize();
+    const float valueWidth = std::min(ImGui::CalcTextSize(fact.Value.c_str()).x, room);
+    PutFitted({from.x + width - valueWidth, from.y}, valueWidth + 1.0F, bCurrent ? palette.Text : palette.Dim,
+              fact.Value);
+}
+
+void PutGauge(ImVec2 from, float width, const GaugeFact& fact, bool bCurrent) {
+    PutLabelled(from, width, fact, bCurrent);
     const Palette palette = CurrentPalette();
     const float em = ImGui::GetFontSize();
     ImDrawList* const list = ImGui::GetWindowDrawList();
-    list->AddText(from, palette.Dim, label);
-    const float labelEnd = from.x + ImGui::CalcTextSize(label).x;
-    const float valueWidth = std::min(ImGui::CalcTextSize(fact.Value.c_str()).x, from.x + width - labelEnd - 0.5F * em);
-    PutFitted({from.x + width - valueWidth, from.y}, valueWidth + 1.0F, bCurrent ? palette.Text : palette.Dim,
-              fact.Value);
     const float top = from.y + ImGui::GetTextLineHeight() + 0.15F * em;
     const float bottom = top + 0.4F * em;
     const float rounding = 0.15F * em;
@@ -214,19 +219,13 @@ void GpuSection::DrawLimits() {
 void GpuSection::DrawGauges() {
     const float em = ImGui::GetFontSize();
     Grid grid(GpuFacts::kGaugeCount, kCellWidth * em, ImGui::GetTextLineHeight() + 1.1F * em);
-    for (size_t i = 0; i < Facts.Gauges.size(); ++i) {
-        PutGauge(grid.Next(), grid.CellWidth(), GpuFacts::kGaugeLabels[i], Facts.Gauges[i], Facts.IsCurrent());
-    }
+    for (const GaugeFact& gauge : Facts.Gauges) PutGauge(grid.Next(), grid.CellWidth(), gauge, Facts.IsCurrent());
 }
 
 void GpuSection::DrawDetails() {
-    const Palette palette = CurrentPalette();
-    const float em = ImGui::GetFontSize();
-    Grid grid(GpuFacts::kDetailCount, kCellWidth * em, ImGui::GetTextLineHeightWithSpacing());
-    for (size_t i = 0; i < Facts.Details.size(); ++i) {
-        const ImVec2 from = grid.Next();
-        ImGui::GetWindowDrawList()->AddText(from, palette.Dim, GpuFacts::kDetailLabels[i]);
-        PutRight({from.x + grid.CellWidth(), from.y}, Facts.IsCurrent() ? palette.Text : palette.Dim, Facts.Details[i]);
+    Grid grid(GpuFacts::kDetailCount, kCellWidth * ImGui::GetFontSize(), ImGui::GetTextLineHeightWithSpacing());
+    for (const LabelledFact& detail : Facts.Details) {
+        PutLabelled(grid.Next(), grid.CellWidth(), detail, Facts.IsCurrent());
     }
 }
 

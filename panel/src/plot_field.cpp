@@ -35,12 +35,13 @@ template <typename DrawAt>
 void ForTimeLines(const PlotFrame& frame, const DrawAt& draw) {
     const double step = RoundTimeStep(static_cast<double>(kLeastFontsBetweenTimes * frame.Font) * frame.ColumnSeconds);
     const TimeAxis& axis = *frame.Axis;
-    double moment = axis.To();
+    double newest = axis.To();
     if (!axis.IsFollowing()) {
         const double timeOfDay = std::chrono::duration<double>(frame.Moment.TimeOfDay.time_since_epoch()).count();
-        moment -= std::fmod(timeOfDay - (frame.Moment.Now - moment), step);
+        newest -= std::fmod(timeOfDay - (frame.Moment.Now - newest), step);
     }
-    for (; moment >= axis.From(); moment -= step) draw(moment, step);
+    const int count = static_cast<int>((newest - axis.From()) / step + 1e-6);
+    for (int i = 0; i <= count; ++i) draw(newest - i * step, step);
 }
 
 }  // namespace

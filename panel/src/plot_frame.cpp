@@ -104,8 +104,10 @@ EnergyCount PlotFrame::Energy() const {
 }
 
 std::array<char, 16> PlotFrame::TimeOfDay(double moment, bool bWithSeconds) const {
+    // Rounded, because whole seconds are not exact on the steady clock.
+    constexpr double kHalfSecond = 0.5;
     const auto sinceThen = std::chrono::duration_cast<std::chrono::system_clock::duration>(
-        std::chrono::duration<double>(Moment.Now - moment));
+        std::chrono::duration<double>(Moment.Now - moment - kHalfSecond));
     const std::time_t time = std::chrono::system_clock::to_time_t(Moment.TimeOfDay - sinceThen);
     std::tm parts{};
     localtime_r(&time, &parts);

@@ -17,7 +17,7 @@ enum Column { Pid, Command, User, Vram, Cpu, Memory, ColumnCount };
 
 /// Rows that are shown at once; more of them scroll.
 constexpr size_t kMostRows = 12;
-/// In widths of the letter m: narrower tables leave columns out.
+/// In font sizes: narrower tables leave columns out.
 constexpr float kWideEnoughForUser = 42.0F;
 constexpr float kWideEnoughForMemory = 52.0F;
 
@@ -106,7 +106,7 @@ void ProcessTable::Draw(const std::shared_ptr<const FeedGpu>& gpu, bool bSimulat
     const auto shownRows = static_cast<float>(std::min(Rows.size(), kMostRows) + 1);
     constexpr ImGuiTableFlags kFlags = ImGuiTableFlags_Sortable | ImGuiTableFlags_RowBg | ImGuiTableFlags_ScrollY |
                                        ImGuiTableFlags_SizingFixedFit | ImGuiTableFlags_NoSavedSettings;
-    // The child window of a table has no border, but half a row is easier to read than a cut one.
+    // A little more than whole rows, so that they need no scroll bar.
     if (!ImGui::BeginTable("processes", ColumnCount, kFlags, {width, shownRows * rowHeight + 0.2F * em})) return;
     const auto shownFrom = [&](float ems) { return width < ems * em ? ImGuiTableColumnFlags_Disabled : 0; };
     const ImGuiTableColumnFlags number = ImGuiTableColumnFlags_PreferSortDescending;

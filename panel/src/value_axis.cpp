@@ -16,11 +16,11 @@ double StepFor(double highest) {
     return gpu_feed::RoundStep(highest / kSpaces);
 }
 
-double TopFor(double highest) {
-    return std::ceil(highest / StepFor(highest) - 1e-6) * StepFor(highest);
-}
-
 }  // namespace
+
+double ValueAxis::TopFor(double highest) {
+    return std::ceil(highest / StepFor(highest) - kTolerance) * StepFor(highest);
+}
 
 void ValueAxis::Reach(double highest) {
     if (highest <= Highest && TopFor(highest * kReserve) >= Highest) return;

@@ -13,10 +13,15 @@ public:
     void EndAt(double top);
 
     double Top() const { return Highest; }
-    /// From one line with a label to the next; at most three of them are above 0.
+    /// From one line with a label to the next, and how many of them are above 0: at most three.
     double Step() const { return Distance; }
+    int Steps() const { return static_cast<int>(Highest / Distance + kTolerance); }
 
 private:
+    static constexpr double kTolerance = 1e-6;
+
+    static double TopFor(double highest);
+
     double Highest = 0.0;
     double Distance = 1.0;
 };

@@ -257,6 +257,8 @@ TEST_F(FeedTest, RescanFindsGpusAtOtherIndicesAndTheirHistoriesAndChangesFollowT
         EXPECT_EQ(Feed->Latest()->State, found.empty() ? FeedState::Unavailable : FeedState::Sampling);
         EXPECT_EQ(Log(calledBefore, {"SetPowerManagementLimit("}), calls);
         EXPECT_EQ(Record(TuningControl::Power).IsOutstanding(), *error != '\0');
+        // From here on a request would start the driver, with other indices than those that are known.
+        if (found.empty()) Sim.SetBoards({boards[0]});
         EXPECT_EQ(Feed->QueryTuning(SecondKey).get().Power.MaximumWatts, found.empty() ? -1.0 : 352.0);
     }
     EXPECT_EQ(Gpu()->Key, SecondKey);

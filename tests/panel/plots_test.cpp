@@ -8,7 +8,6 @@
 #include <cmath>
 #include <functional>
 #include <map>
-#include <random>
 #include <utility>
 
 #include "gpu_feed/plotting.h"
@@ -33,7 +32,7 @@ GpuTelemetrySample PowerSample(double moment, double watts) {
 // Some samples come one by one, as from a feed, the others at once; the interval changes, samples are missing, and some
 // have no power.
 TEST(PlotColumnsTest, ColumnsHoldTheExtremesAndGapsOfTheirSamplesHoweverTheyCame) {
-    std::mt19937 random(7);
+    auto random = [seed = 7U]() mutable { return (seed = seed * 1664525U + 1013904223U) >> 16U; };
     SampleHistory history;
     PlotColumns columns;
     double moment = kNow;

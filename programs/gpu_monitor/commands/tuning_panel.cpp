@@ -13,7 +13,7 @@ using Stage = TuningStage;
 
 }  // namespace
 
-TuningPanel::TuningPanel(FeedRequests* feed, std::shared_ptr<const FeedGpu> gpu, std::string simulateOption)
+TuningPanel::TuningPanel(FeedRequests* feed, const std::shared_ptr<const FeedGpu>& gpu, std::string simulateOption)
     : Shown{gpu, TuningFlow(feed, gpu->Key, std::move(simulateOption))} {}
 
 void TuningPanel::OnTime() {

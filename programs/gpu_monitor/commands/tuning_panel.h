@@ -12,7 +12,8 @@
 class TuningPanel {
 public:
     /// `simulateOption`: for the commands that the user may type later.
-    TuningPanel(gpu_feed::FeedRequests* feed, std::shared_ptr<const gpu_feed::FeedGpu> gpu, std::string simulateOption);
+    TuningPanel(gpu_feed::FeedRequests* feed, const std::shared_ptr<const gpu_feed::FeedGpu>& gpu,
+                std::string simulateOption);
 
     void OnKey(int key);
 
