@@ -151,22 +151,27 @@ private:
     Costs WithoutAgain;
 };
 
-}  // namespace
-
-int main(int argc, char** argv) {
+/// Throws what the parser, the window and the simulator throw.
+void Run(int argc, char** argv) {
     CLI::App app("Compares frames with a feed and frames without one.", "frame_bench");
     Options options;
     app.add_option("--alternations", options.Alternations, "Turns of each kind")->capture_default_str();
     app.add_option("--frames", options.Frames, "Frames of each turn")->capture_default_str();
     app.add_flag("--no-panel", options.bNoPanel, "Draw the scene alone");
-    CLI11_PARSE(app, argc, argv);
+    app.parse(argc, argv);
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread runs yet.
+    setenv("NVML_SIM_DELAYS", "realistic", 1);
+    Simulate(kBoards, false);
+    Measurement measurement(options);
+    measurement.Run();
+    measurement.Print();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
     try {
-        // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread runs yet.
-        setenv("NVML_SIM_DELAYS", "realistic", 1);
-        Simulate(kBoards, false);
-        Measurement measurement(options);
-        measurement.Run();
-        measurement.Print();
+        Run(argc, argv);
     } catch (const std::exception& error) {
         std::fprintf(stderr, "%s\n", error.what());
         return 1;

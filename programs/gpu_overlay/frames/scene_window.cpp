@@ -63,6 +63,9 @@ void SceneWindow::DrawFrameTimes() {
 
 void SceneWindow::DrawScopes() const {
     if (!ImGui::BeginTable("times", 2, kTwoColumns)) return;
+    char framesPerSecond[32];
+    std::snprintf(framesPerSecond, sizeof framesPerSecond, "%.1f", static_cast<double>(ImGui::GetIO().Framerate));
+    DrawRow("Frames per second", 0, framesPerSecond);
     DrawTime("GPU", 0, Latest.GpuFrameTimeMs);
     for (const GPUProfiler::ScopeTime& scope : Latest.Scopes) DrawTime(scope.Name, scope.Depth + 1, scope.GpuTimeMs);
     DrawTime("CPU", 0, Latest.CpuFrameTimeMs);

@@ -15,11 +15,11 @@ constexpr double kUsualRefreshRate = 60.0;
 /// A signal that asks for an end is noticed after this time.
 constexpr double kLongestWaitSeconds = 0.1;
 
-/// The failure that GLFW has just reported; `what` begins the sentence.
-Failure WindowFailure(const std::string& what) {
+/// What GLFW has just reported, as a sentence that `what` begins.
+std::string ProblemSentence(const std::string& what) {
     const char* description = nullptr;
     glfwGetError(&description);
-    return Failure(description == nullptr ? what + '.' : what + " (" + description + ").");
+    return description == nullptr ? what + '.' : what + " (" + description + ").";
 }
 
 GLFWwindow* CreateWindow(PixelSize size, bool bVisible) {
@@ -36,12 +36,12 @@ GLFWwindow* CreateWindow(PixelSize size, bool bVisible) {
 }  // namespace
 
 Window::Window(PixelSize size, bool bVisible) {
-    if (glfwInit() != GLFW_TRUE) throw WindowFailure("No window can be opened: there is no display");
+    if (glfwInit() != GLFW_TRUE) throw Failure(ProblemSentence("No window can be opened: there is no display"));
     Created = CreateWindow(size, bVisible);
     if (Created == nullptr) {
-        const Failure failure = WindowFailure("No window can be opened: OpenGL 3.3 is missing");
+        const std::string problem = ProblemSentence("No window can be opened: OpenGL 3.3 is missing");
         glfwTerminate();
-        throw failure;
+        throw Failure(problem);
     }
     glfwMakeContextCurrent(Created);
     glfwSetWindowUserPointer(Created, this);

@@ -51,7 +51,7 @@ void GPUProfiler::Open(std::unique_ptr<TimerQueries> queries) {
 
 void GPUProfiler::Close() {
     Queries.reset();
-    BegunFrames = CollectedFrames = FrameNumber = 0;
+    EndedFrames = CollectedFrames = FrameNumber = 0;
     Current = nullptr;
     const std::lock_guard<std::mutex> lock(LatestMutex);
     bLatest = false;
@@ -60,7 +60,7 @@ void GPUProfiler::Close() {
 void GPUProfiler::BeginFrame() {
     ++FrameNumber;
     CollectFrames();
-    Current = BegunFrames - CollectedFrames < kRingFrames ? &InRing(BegunFrames) : nullptr;
+    Current = EndedFrames - CollectedFrames < kRingFrames ? &InRing(EndedFrames) : nullptr;
     if (Current == nullptr) return;
     Current->Snapshot.FrameNumber = FrameNumber;
     Current->Snapshot.GpuFrameTimeMs = 0.0;
@@ -79,7 +79,7 @@ void GPUProfiler::EndFrame() {
     const auto cpuTime = std::chrono::steady_clock::now() - Current->Start;
     Current->Snapshot.CpuFrameTimeMs = std::chrono::duration<double, std::milli>(cpuTime).count();
     if (Queries != nullptr) {
-        ++BegunFrames;
+        ++EndedFrames;
     } else {
         Publish(&Current->Snapshot);
     }
@@ -117,12 +117,12 @@ std::size_t GPUProfiler::Slot(std::uint64_t measuredFrame, std::size_t timestamp
 
 std::size_t GPUProfiler::IssueTimestamp() {
     const std::size_t timestamp = Current->TimestampCount++;
-    if (Queries != nullptr) Queries->Issue(Slot(BegunFrames, timestamp));
+    if (Queries != nullptr) Queries->Issue(Slot(EndedFrames, timestamp));
     return timestamp;
 }
 
 void GPUProfiler::CollectFrames() {
-    for (; CollectedFrames < BegunFrames; ++CollectedFrames) {
+    for (; CollectedFrames < EndedFrames; ++CollectedFrames) {
         Frame& oldest = InRing(CollectedFrames);
         if (Queries->IsReady(Slot(CollectedFrames, oldest.TimestampCount - 1))) {
             if (ReadTimes(CollectedFrames)) Publish(&oldest.Snapshot);

@@ -12,7 +12,7 @@
 class TimerQueries;
 
 /// Measures this program's frames on the GPU, with named nested scopes, and never waits for the GPU: the times of a
-/// frame arrive two to three frames later. Once warm, a frame allocates nothing.
+/// frame arrive one to three frames later. Once warm, a frame allocates nothing.
 ///
 /// Threads: `Get` and `GetLatestSnapshot` may be called by any thread, also by one that holds the monitor's mutex: the
 /// profiler's own lock is taken after it, is held only for a copy, and the profiler never calls the monitor. Everything
@@ -47,7 +47,7 @@ public:
     };
 
     /// Measures what is drawn during its lifetime. Outside a frame, or in a frame that is not measured, it does
-    /// nothing.
+    /// nothing. It ends before its frame does; a frame that ends within a scope is dropped.
     class Scope {
     public:
         explicit Scope(const char* name) : Position(Get()->BeginScope(name)) {}
@@ -62,8 +62,6 @@ public:
     /// The profiler of this process, created at the first call. It lives until the process exits.
     static GPUProfiler* Get();
 
-    GPUProfiler();
-    ~GPUProfiler();
     GPUProfiler(const GPUProfiler&) = delete;
     GPUProfiler& operator=(const GPUProfiler&) = delete;
 
@@ -97,6 +95,9 @@ private:
     };
     static constexpr std::size_t kRingFrames = 4;
 
+    GPUProfiler();
+    ~GPUProfiler();
+
     std::size_t BeginScope(const char* name);
     void EndScope(std::size_t position);
     Frame& InRing(std::uint64_t measuredFrame) { return Ring[measuredFrame % kRingFrames]; }
@@ -108,8 +109,8 @@ private:
 
     std::unique_ptr<TimerQueries> Queries;
     std::array<Frame, kRingFrames> Ring;
-    /// Measured frames that were begun, and those whose results were read or given up. The rest is in the ring.
-    std::uint64_t BegunFrames = 0;
+    /// Measured frames that have ended, and those whose results were read or given up. The rest is in the ring.
+    std::uint64_t EndedFrames = 0;
     std::uint64_t CollectedFrames = 0;
     std::uint64_t FrameNumber = 0;
     /// The frame between `BeginFrame` and `EndFrame`; null outside it and when it is not measured.

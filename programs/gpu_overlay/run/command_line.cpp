@@ -1,14 +1,14 @@
 #include "run/command_line.h"
 
 #include <CLI/CLI.hpp>
+#include <charconv>
 #include <chrono>
 #include <cstddef>
-#include <cstdio>
 #include <exception>
 #include <iostream>
 #include <optional>
-#include <sstream>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "common/failure.h"
@@ -50,12 +50,16 @@ struct CommandLine {
     OverlayOptions Options;
 };
 
+/// False: `text` is no size in the range; `size` is then undefined.
 bool ReadSize(const std::string& text, PixelSize* size) {
-    char end = 0;
-    const bool bNumbers = text.find_first_not_of("0123456789x") == std::string::npos;
-    const auto isInRange = [](int pixels) { return pixels >= kLeastPixels && pixels <= kMostPixels; };
-    return bNumbers && std::sscanf(text.c_str(), "%5dx%5d%c", &size->Width, &size->Height, &end) == 2 &&
-           isInRange(size->Width) && isInRange(size->Height);
+    const char* const end = text.data() + text.size();
+    const auto read = [end](const char* begin, int* pixels) {
+        const auto [after, problem] = std::from_chars(begin, end, *pixels);
+        return problem == std::errc() && *pixels >= kLeastPixels && *pixels <= kMostPixels ? after : nullptr;
+    };
+    const char* const afterWidth = read(text.data(), &size->Width);
+    if (afterWidth == nullptr || afterWidth == end || *afterWidth != 'x') return false;
+    return read(afterWidth + 1, &size->Height) == end;
 }
 
 std::string SizeError(const std::string& text) {

@@ -16,6 +16,7 @@ constexpr mode_t kEveryoneReads = 0666;
 }  // namespace
 
 OutputFile::OutputFile(const std::string& path) : Path(path) {
+    if (Path.empty()) return;
     bEmptyAndNew = access(path.c_str(), F_OK) != 0;
     Descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, kEveryoneReads);
     if (Descriptor < 0) throw SystemFailure("Cannot write " + Path);
@@ -23,7 +24,7 @@ OutputFile::OutputFile(const std::string& path) : Path(path) {
 
 OutputFile::~OutputFile() {
     if (bEmptyAndNew) unlink(Path.c_str());
-    close(Descriptor);
+    if (IsWanted()) close(Descriptor);
 }
 
 void OutputFile::Write(const std::string& bytes) {

@@ -6,7 +6,8 @@
 /// A file that is written at the end of the run, and opened at its beginning, so that a wrong path is found out before.
 class OutputFile {
 public:
-    /// Throws `Failure` when the file cannot be opened for writing. What it holds stays until `Write`.
+    /// Throws `Failure` when the file cannot be opened for writing. What it holds stays until `Write`. With an empty
+    /// path there is no file.
     explicit OutputFile(const std::string& path);
     /// Removes a file that was created and never written.
     ~OutputFile();
@@ -14,7 +15,9 @@ public:
     OutputFile(const OutputFile&) = delete;
     OutputFile& operator=(const OutputFile&) = delete;
 
-    /// Makes `bytes` the content of the file. Throws `Failure`.
+    bool IsWanted() const { return Descriptor >= 0; }
+
+    /// Only where it is wanted: makes `bytes` the content of the file. Throws `Failure`.
     void Write(const std::string& bytes);
 
 private:

@@ -5,8 +5,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <memory>
-#include <optional>
 
 #include "common/failure.h"
 #include "common/left_changes.h"
@@ -41,9 +39,10 @@ constexpr const char* kLeftChanges = "A killed program left changes. See gpu_mon
 /// The first readings come soon after the start, if they come.
 constexpr double kSilenceSeconds = 0.5;
 
-std::unique_ptr<OutputFile> Open(const std::string& path) {
-    return path.empty() ? nullptr : std::make_unique<OutputFile>(path);
-}
+// Widths of windows, in heights of a line.
+constexpr float kOwnEms = 20.0F;
+constexpr float kPanelEms = 40.0F;
+constexpr float kLeastEmsForBoth = 50.0F;
 
 /// Whether there is nothing more to wait for before frames are counted.
 bool IsWarm(const FeedMoment& moment) {
@@ -58,8 +57,8 @@ public:
     explicit Overlay(const OverlayOptions& options)
         : Options(options),
           StopDescriptor(CatchStopSignals()),
-          Screenshot(Open(options.ScreenshotPath)),
-          Report(Open(options.ReportPath)),
+          Screenshot(options.ScreenshotPath),
+          Report(options.ReportPath),
           Frames({options.Size, static_cast<float>(options.Scale), IsHeadless(), true}),
           Feed(FeedOptions{options.Interval, IsNvmlSimulated(), [] {}, JournalFolder()}),
           Panel(&Feed, options.SimulateOption),
@@ -127,7 +126,7 @@ private:
             if (Frames.Shown().HasVsync() != Controls.bVsync) Frames.Shown().SetVsync(Controls.bVsync);
             const FrameCost cost = DrawFrame();
             pacer.Wait(Controls.bVsync ? kMostOfRefreshRate * Window::RefreshRate() : kFramesPerSecond);
-            if (Report != nullptr) LogFrame(cost);
+            if (Report.IsWanted()) LogFrame(cost);
         }
     }
 
@@ -154,13 +153,17 @@ private:
         if (!Frames.Shown().AreToolsShown()) return;
         PlaceWindows();
         ImGui::SetNextWindowPos(OwnPlace, PlaceNow);
-        ImGui::SetNextWindowSize(OwnSize, PlaceNow);
-        ImGui::Begin("Scene");
+        // As high as what it shows.
+        ImGui::SetNextWindowSizeConstraints({OwnWidth, 0.0F}, {OwnWidth, PanelSize.y});
+        ImGui::SetNextWindowCollapsed(bNarrow, PlaceNow);
+        ImGui::Begin("Scene", nullptr, ImGuiWindowFlags_AlwaysAutoResize);
         OwnWindow.Draw(&Controls);
         ImGui::End();
         ImGui::SetNextWindowPos(PanelPlace, PlaceNow);
         ImGui::SetNextWindowSize(PanelSize, PlaceNow);
-        Panel.DrawWindow("GPUs");
+        ImGui::Begin("GPUs");
+        Panel.Draw();
+        ImGui::End();
     }
 
     /// The scene's window on the left, the panel on the right; the user may move them, until the window's size changes.
@@ -172,30 +175,34 @@ private:
         Space = space;
         const float em = ImGui::GetFontSize();
         const float gap = 0.6F * em;
-        OwnSize = {std::min(20.0F * em, 0.4F * space.x), std::min(28.0F * em, space.y - 2.0F * gap)};
+        // Where there is no room for both, the scene's window is only its title, above the panel.
+        bNarrow = space.x < kLeastEmsForBoth * em;
+        const ImVec2 room = {space.x - 2.0F * gap, space.y - 2.0F * gap};
         OwnPlace = {gap, gap};
-        const float room = space.x - OwnSize.x - 3.0F * gap;
-        PanelSize = {std::min(std::max(0.5F * space.x, 40.0F * em), room), space.y - 2.0F * gap};
-        PanelPlace = {space.x - PanelSize.x - gap, gap};
+        OwnWidth = bNarrow ? room.x : kOwnEms * em;
+        const float above = bNarrow ? ImGui::GetFrameHeight() + gap : 0.0F;
+        const float beside = bNarrow ? 0.0F : OwnWidth + gap;
+        PanelSize = {std::min(std::max(0.5F * space.x, kPanelEms * em), room.x - beside), room.y - above};
+        PanelPlace = {space.x - PanelSize.x - gap, gap + above};
     }
 
     void WriteFiles() {
-        if (Screenshot != nullptr) {
+        if (Screenshot.IsWanted()) {
             Picture picture;
             DrawFrame(&picture);
-            Screenshot->Write(EncodePng(picture));
+            Screenshot.Write(EncodePng(picture));
         }
-        if (Report != nullptr) {
+        if (Report.IsWanted()) {
             const RunFacts facts = {Frames.Renderer(), Frames.OpenGlVersion(), Frames.Size(),
                                     Frames.Shown().HasVsync()};
-            Report->Write(ReportJson(facts, Log, Feed.Moment()));
+            Report.Write(ReportJson(facts, Log, Feed.Moment()));
         }
     }
 
     const OverlayOptions Options;
     const int StopDescriptor;
-    const std::unique_ptr<OutputFile> Screenshot;
-    const std::unique_ptr<OutputFile> Report;
+    OutputFile Screenshot;
+    OutputFile Report;
     Stage Frames;
     MonitorFeed Feed;
     gpu_panel::GpuPanel Panel;
@@ -206,7 +213,8 @@ private:
     GPUProfiler::FrameSnapshot LatestFrame;
     ImVec2 Space;
     ImVec2 OwnPlace;
-    ImVec2 OwnSize;
+    float OwnWidth = 0.0F;
+    bool bNarrow = false;
     ImVec2 PanelPlace;
     ImVec2 PanelSize;
     ImGuiCond PlaceNow = ImGuiCond_Always;
