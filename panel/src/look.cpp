@@ -130,10 +130,10 @@ Grid::~Grid() {
 
 ImVec2 Grid::Next() {
     const float gap = GridGap();
-    const auto column = static_cast<float>(Placed % Columns);
-    const auto row = static_cast<float>(Placed / Columns);
+    const int column = Placed % Columns;
+    const int row = Placed / Columns;
     ++Placed;
-    return {Origin.x + column * (Width + gap), Origin.y + row * Height};
+    return {Origin.x + static_cast<float>(column) * (Width + gap), Origin.y + static_cast<float>(row) * Height};
 }
 
 }  // namespace gpu_panel

@@ -20,8 +20,8 @@ constexpr float kGoesBackWidth = 10.0F;
 }  // namespace
 
 void OutstandingChange::Update(const TuningRecord& record, const char* prefix) {
-    if (Text.empty() || GpuKey != record.GpuKey || InForce != record.InForce)
-        Text = prefix + OutcomeText(record.InForce);
+    const bool bSame = GpuKey == record.GpuKey && InForce == record.InForce;
+    if (!bSame || Text.empty()) Text = prefix + OutcomeText(record.InForce);
     GpuKey = record.GpuKey;
     InForce = record.InForce;
     Deadline = record.Deadline;

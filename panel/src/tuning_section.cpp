@@ -66,8 +66,7 @@ void TuningSection::Draw(const FeedMoment& moment) {
     Prepare(moment.Now);
     if (!bAnswered) {
         ImGui::TextDisabled("Asking what can be changed ...");
-        if (moment.DriverSilence >= 1.0)
-            ImGui::TextDisabled("The driver has not answered for %.0f s.", moment.DriverSilence);
+        if (moment.DriverSilence >= 1.0) ImGui::TextDisabled("Waiting for the driver: %.0f s", moment.DriverSilence);
         return;
     }
     // Simulated GPUs ask for no rights.

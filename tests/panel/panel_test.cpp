@@ -198,12 +198,12 @@ public:
     FeedMoment Made;
 };
 
-std::atomic<uint64_t> imGuiAllocations{0};
+std::atomic<uint64_t> ImGuiAllocations{0};
 
 TEST_F(PanelTest, WarmFramesAllocateNothingWithNewSamplesEither) {
     ImGui::SetAllocatorFunctions(
         [](size_t bytes, void*) {
-            ++imGuiAllocations;
+            ++ImGuiAllocations;
             return std::malloc(bytes);
         },
         [](void* memory, void*) { std::free(memory); });
@@ -216,10 +216,10 @@ TEST_F(PanelTest, WarmFramesAllocateNothingWithNewSamplesEither) {
     constexpr uint64_t kMany = 1'000'000;
     for (int second = 0; second < 20; ++second) {
         feed.AddSamples(8);
-        const uint64_t before = imGuiAllocations;
+        const uint64_t before = ImGuiAllocations;
         failing_memory::AllocationsUntilFailure = kMany;
         for (int frame = 0; frame < 3; ++frame) Frame();
-        const uint64_t allocations = kMany - failing_memory::AllocationsUntilFailure + imGuiAllocations - before;
+        const uint64_t allocations = kMany - failing_memory::AllocationsUntilFailure + ImGuiAllocations - before;
         // The first frames warm up.
         EXPECT_TRUE(second > 0 || allocations > 0);
         EXPECT_TRUE(second < 10 || allocations == 0) << allocations << " in second " << second;

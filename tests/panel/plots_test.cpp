@@ -5,6 +5,7 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <cmath>
 #include <functional>
 #include <map>
@@ -147,6 +148,20 @@ protected:
         MoveTo(field.x + static_cast<float>(share) * (field.z - field.x), (field.y + field.w) / 2.0F);
     }
 
+    /// Whether the first plot's curve, or what is filled below it, has a triangle at a moment.
+    bool HasCurve(double ago) const {
+        const ImDrawList& field = *ImGui::GetDrawData()->CmdLists[1];
+        const ImVec4& place = field.CmdBuffer[0].ClipRect;
+        const auto x = place.z - static_cast<float>(ago / Axis.Length()) * (place.z - place.x);
+        for (int i = 0; i < field.IdxBuffer.Size; i += 3) {
+            const auto corner = [&](int n) { return field.VtxBuffer[field.IdxBuffer[i + n]]; };
+            const auto [left, right] = std::minmax({corner(0).pos.x, corner(1).pos.x, corner(2).pos.x});
+            const bool bOfCurve = ((corner(0).col ^ CurrentPalette().Accent) & ~IM_COL32_A_MASK) == 0;
+            if (bOfCurve && left < x && x < right) return true;
+        }
+        return false;
+    }
+
     FeedGpu Gpu;
     FeedMoment Moment;
     TimeAxis Axis;
@@ -154,7 +169,7 @@ protected:
     float ScrollY = 0.0F;
 };
 
-TEST_F(GpuPlotsTest, HeadingsShowTheSampleAtThePointerInAllPlotsAndNothingInAGap) {
+TEST_F(GpuPlotsTest, HeadingsShowTheSampleAtThePointerInAllPlotsAndAGapHasNeitherValueNorLine) {
     EXPECT_EQ(Seen("100.5 W").size(), 2U);
     EXPECT_TRUE(Seen("Temperature").empty());
     PointAt(37.2);
@@ -162,6 +177,8 @@ TEST_F(GpuPlotsTest, HeadingsShowTheSampleAtThePointerInAllPlotsAndNothingInAGap
     EXPECT_EQ(Seen("37 s ago").size(), 2U);
     PointAt(50.0);
     EXPECT_EQ(Seen("- W").size(), 2U);
+    EXPECT_FALSE(HasCurve(50.0));
+    EXPECT_TRUE(HasCurve(30.0));
 }
 
 TEST_F(GpuPlotsTest, WheelOverAPlotZoomsAboutThePointerAndElsewhereScrolls) {
