@@ -252,7 +252,12 @@ TEST_F(FeedTest, RescanFindsGpusAtOtherIndicesAndTheirHistoriesAndChangesFollowT
         Feed->QueryTuning(Key).get();
         Sim.SetBoards(found);
         const size_t calledBefore = Sim.Log().size();
+        Sim.Block("nvmlInit_v2");
         Feed->Rescan();
+        EXPECT_TRUE(WaitForState(FeedState::Starting));
+        const FeedMoment moment = Feed->Moment();
+        for (const auto& gpu : moment.Data->Gpus) EXPECT_EQ(StateOf(moment, *gpu), GpuState::Starting);
+        Sim.Unblock();
         EXPECT_EQ(Feed->TakeBack(Key, TuningControl::Power).get().Error, error);
         EXPECT_EQ(Feed->Latest()->State, found.empty() ? FeedState::Unavailable : FeedState::Sampling);
         EXPECT_EQ(Log(calledBefore, {"SetPowerManagementLimit("}), calls);
