@@ -3,6 +3,8 @@
 #include "gpu_panel/gpu_panel.h"
 
 #include <atomic>
+#include <chrono>
+#include <cmath>
 #include <cstdlib>
 #include <memory>
 
@@ -110,6 +112,9 @@ TEST_F(PanelTest, ChangeThatIsNotKeptGoesBackAndTheUserReadsSo) {
     sampler_clock::Hold();
     Feed->SetInterval(std::chrono::milliseconds(100));
     LockClocks();
+    // Until the feed waits for the end of the time to answer.
+    const std::chrono::duration<double> deadline(Feed->Latest()->Tuning.at(0).Deadline);
+    while (std::abs((sampler_clock::LatestWait().Deadline - deadline).count()) > 1e-6) Frame();
     sampler_clock::PassWaits();
     WaitToSee("It went back to: clocks released.");
     WaitToSee("hanged", false);
