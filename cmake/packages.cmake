@@ -61,8 +61,8 @@ set(CPACK_DEBIAN_OVERLAY_PACKAGE_DEPENDS libgl1)
 set(CPACK_DEBIAN_OVERLAY_PACKAGE_RECOMMENDS gpu-monitor)
 set(CPACK_DEBIAN_OVERLAY_PACKAGE_SUGGESTS nvml-gpu-monitor-simulator)
 set(CPACK_DEBIAN_OVERLAY_DESCRIPTION "Shows how NVIDIA GPUs follow a scene that is drawn
-Draws a scene whose work a slider sets, and shows the GPU time of its frames over
-power, temperature, clocks and limits, which can be changed.")
+Draws a scene whose work a slider sets, and shows the GPU time of its frames
+over power, temperature, clocks and limits, which can be changed.")
 
 set(CPACK_DEBIAN_SIMULATOR_PACKAGE_NAME nvml-gpu-monitor-simulator)
 set(CPACK_DEBIAN_SIMULATOR_PACKAGE_SECTION devel)

@@ -61,7 +61,7 @@ protected:
 
 TEST_F(OverlayTest, FramesAreMeasuredAndReachSamplesAndScreenshot) {
     const Result result =
-        Shell(kDisplay + ("gpu_overlay --simulate=2 --interval 100 --size 1000x400 --frames 12 --load 1,10 --report " +
+        Shell(kDisplay + ("gpu_overlay --simulate=2 --interval 100 --size 1000x300 --frames 10 --load 1,10 --report " +
                           Report + " --screenshot " + Screenshot));
     ASSERT_EQ(result.Status, 0) << result.Errors;
     const json report = ReadReport();

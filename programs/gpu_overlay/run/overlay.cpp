@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstdlib>
+#include <string>
 
 #include "common/failure.h"
 #include "common/left_changes.h"
@@ -52,6 +54,11 @@ bool IsWarm(const FeedMoment& moment) {
     return std::none_of(moment.Data->Gpus.begin(), moment.Data->Gpus.end(), isStarting);
 }
 
+/// Takes the feed's changes back, where there are some. Result: the exit status.
+int TakeBack(MonitorFeed* feed, const std::string& simulateOption) {
+    return OutstandingChanges(*feed->Latest()).empty() ? kExitSuccess : TakeChangesBack(feed, simulateOption);
+}
+
 class Overlay {
 public:
     explicit Overlay(const OverlayOptions& options)
@@ -63,9 +70,15 @@ public:
           Feed(FeedOptions{options.Interval, IsNvmlSimulated(), [] {}, JournalFolder()}),
           Panel(&Feed, options.SimulateOption),
           OwnWindow(Frames.Renderer(), LeftChanges().empty() ? "" : kLeftChanges),
-          Controls{options.Loads.front(), !IsHeadless()} {}
+          Controls{options.Loads.front(), !IsHeadless()} {
+        Running = this;
+        std::atexit(EndWithoutDisplay);
+    }
 
-    ~Overlay() { StopFeed(&Feed); }
+    ~Overlay() {
+        Running = nullptr;
+        StopFeed(&Feed);
+    }
 
     Overlay(const Overlay&) = delete;
     Overlay& operator=(const Overlay&) = delete;
@@ -80,10 +93,10 @@ public:
             }
             WriteFiles();
         } catch (...) {
-            TakeBack();
+            End();
             throw;
         }
-        return TakeBack();
+        return End();
     }
 
 private:
@@ -95,11 +108,17 @@ private:
     }
 
     /// Result: the exit status.
-    int TakeBack() {
+    int End() {
         // It cannot be used any more, and taking back can take seconds.
         Frames.Shown().Hide();
-        return OutstandingChanges(*Feed.Latest()).empty() ? kExitSuccess
-                                                          : TakeChangesBack(&Feed, Options.SimulateOption);
+        return TakeBack(&Feed, Options.SimulateOption);
+    }
+
+    /// When the display goes away, its library calls `exit`.
+    static void EndWithoutDisplay() {
+        if (Running == nullptr) return;
+        TakeBack(&Running->Feed, Running->Options.SimulateOption);
+        std::_Exit(kExitFailure);
     }
 
     void DrawAllFrames() {
@@ -199,6 +218,8 @@ private:
         }
     }
 
+    static Overlay* Running;
+
     const OverlayOptions Options;
     const int StopDescriptor;
     OutputFile Screenshot;
@@ -219,6 +240,8 @@ private:
     ImVec2 PanelSize;
     ImGuiCond PlaceNow = ImGuiCond_Always;
 };
+
+Overlay* Overlay::Running = nullptr;
 
 }  // namespace
 
