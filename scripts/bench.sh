@@ -114,7 +114,7 @@ measure snapshot_bench --benchmark_repetitions=40 --benchmark_min_time=0.02
 measure memory_bench
 measured['allowed bytes']=$((22 * 1024 * 1024 / 10))
 measure look_bench --benchmark_repetitions=20
-measure panel_bench
+measure panel_bench --benchmark_min_time=3
 # Times that a driver's delays decide: not repeated, but many calls.
 measure wait_bench --benchmark_min_time=10
 table

@@ -76,7 +76,7 @@ Parts ValuesOf(const PlotFrame& frame, const PlotColumns& columns, const PlotKin
     for (size_t i = plot.FirstCurve; i < plot.EndCurve; ++i) {
         const Curve& curve = kCurves[i];
         const bool bCeiling = curve.Role == CurveRole::Ceiling;
-        if (!columns.HasValues(i) || (bCeiling && !bNamed)) continue;
+        if (!columns.HasValues(i) || (bCeiling && (!bNamed || frame.Shown == nullptr))) continue;
         if (!bCeiling) parts.Add(bSquares ? ColorOf(curve.Role, CurrentPalette()) : 0);
         parts.Append(bNamed ? curve.Name : "");
         parts.Append(ValueText(curve, plot, frame.Shown).c_str());
