@@ -1,8 +1,6 @@
 # The Dear ImGui that the panel is compiled with, as the target nvml_gpu_monitor_imgui: core only, no backend. Without
-# it there is no panel.
-set(NVML_GPU_MONITOR_IMGUI "" CACHE STRING
-    "Dear ImGui of the host: a CMake target or the folder of its sources; empty: the one that this system has")
-
+# it there is no panel. The host names its ImGui with NVML_GPU_MONITOR_IMGUI: a CMake target or the folder of its
+# sources; empty: the one that this system has. It is no cache entry, because making one would hide a host's variable.
 if(TARGET "${NVML_GPU_MONITOR_IMGUI}")
     add_library(nvml_gpu_monitor_imgui INTERFACE)
     target_link_libraries(nvml_gpu_monitor_imgui INTERFACE "${NVML_GPU_MONITOR_IMGUI}")
@@ -16,6 +14,7 @@ elseif(NVML_GPU_MONITOR_IMGUI)
         "${imgui_dir}/imgui.cpp" "${imgui_dir}/imgui_draw.cpp"
         "${imgui_dir}/imgui_tables.cpp" "${imgui_dir}/imgui_widgets.cpp")
     target_include_directories(nvml_gpu_monitor_imgui SYSTEM PUBLIC "${imgui_dir}")
+    set_target_properties(nvml_gpu_monitor_imgui PROPERTIES POSITION_INDEPENDENT_CODE ON)
 else()
     find_path(NVML_GPU_MONITOR_IMGUI_INCLUDE_DIR imgui.h PATH_SUFFIXES imgui)
     find_library(NVML_GPU_MONITOR_IMGUI_LIBRARY imgui)

@@ -25,6 +25,8 @@ have_fuzzer() {
         clang++ -fsanitize=fuzzer,address,undefined -x c++ - -o /dev/null 2>/dev/null
 }
 
+have_opengl() { compgen -G '/usr/lib*/libOpenGL.so' || compgen -G '/usr/lib/*/libOpenGL.so'; } >/dev/null
+
 have_software_opengl() { compgen -G '/usr/lib*/dri/swrast_dri.so' || compgen -G '/usr/lib/*/dri/swrast_dri.so'; } >/dev/null
 
 # set | package of Debian and Ubuntu | command that succeeds when the package's files are there
@@ -41,7 +43,8 @@ needs=(
     "test|libbenchmark-dev|header benchmark/benchmark.h"
     "test|libimgui-dev|header imgui/imgui.h"
     "test|libglfw3-dev|header GLFW/glfw3.h"
-    "test|libopengl-dev|header GL/glcorearb.h"
+    "test|libgl-dev|header GL/glcorearb.h"
+    "test|libopengl-dev|have_opengl"
     "test|libpng-dev|header png.h"
     "test|xvfb|have Xvfb"
     "test|xauth|have xauth" # xvfb-run needs it

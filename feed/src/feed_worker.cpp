@@ -189,9 +189,9 @@ void FeedWorker::FindGpus() {
 void FeedWorker::Rescan() {
     Session.LoseGpus();
     NextLook.reset();
-    Next.State = FeedState::Starting;
-    Next.Status.clear();
-    Publish();
+    // From here on, earlier readings are not current any more.
+    Next.SamplingSince = NowSeconds();
+    PublishState(FeedState::Starting, "");
     Shared.SignalChange();
     Monitor.Stop();
     Resume();

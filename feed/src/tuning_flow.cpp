@@ -108,12 +108,16 @@ void TuningFlow::TakeResult(const TuningResult& result) {
     Now = Step::Keeping;
 }
 
-/// The feed takes the change back by itself.
+/// The feed takes the change back by itself, and another part of the interface may have kept it or taken it back.
 void TuningFlow::WatchDeadline() {
     const FeedMoment moment = Feed->Moment();
     const TuningRecord* record = RecordIn(moment);
     if (record == nullptr || record->Deadline != 0.0) return;
     const bool bFailed = !record->Problem.empty();
+    if (!bFailed && record->InForce == Made) {
+        Ask();
+        return;
+    }
     EndBack({bFailed ? GpuClockOperationResult::Error : GpuClockOperationResult::Success, record->Problem});
 }
 
@@ -126,7 +130,7 @@ void TuningFlow::EndBack(const TuningResult& result) {
         return;
     }
     EndWith({TuningEnding::Kind::DidNotGoBack, "It could not go back:", result.Error,
-             "To try again: " + CommandOf(record->Previous, record->Device.Index, SimulateOption)});
+             TryAgainText(*record, record->Previous, SimulateOption)});
 }
 
 void TuningFlow::EndWith(TuningEnding ending) {

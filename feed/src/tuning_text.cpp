@@ -117,4 +117,8 @@ std::string CommandOf(const TuningChange& change, unsigned int gpu, const std::s
     return line("reset-power");
 }
 
+std::string TryAgainText(const TuningRecord& record, const TuningChange& back, const std::string& simulateOption) {
+    return record.bGpuGone ? "" : "To try again: " + CommandOf(back, record.Device.Index, simulateOption);
+}
+
 }  // namespace gpu_feed

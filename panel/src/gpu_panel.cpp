@@ -184,7 +184,10 @@ void GpuPanel::Content::DrawControls(const FeedMoment& moment) {
     if (ImGui::Button(PauseLabel(state))) bPaused ? Feed->Resume() : Feed->Pause();
     ImGui::EndDisabled();
     SameLineIfRoomFor(ButtonWidth(kRescan));
+    // One at a time: each would start NVML once more.
+    ImGui::BeginDisabled(state == FeedState::Starting);
     if (ImGui::Button(kRescan)) Feed->Rescan();
+    ImGui::EndDisabled();
     if (ImGui::IsItemHovered()) ImGui::SetTooltip("Looks anew for the driver and its GPUs.");
 }
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <system_error>
 
-// Exit statuses of the program, listed in its help too.
+// Exit statuses of the programs, listed in their help too.
 constexpr int kExitSuccess = 0;
 /// No usable driver or GPU, a reading or change that failed, or output that could not be written.
 constexpr int kExitFailure = 1;

@@ -72,8 +72,9 @@ int TakeChangesBack(MonitorFeed* feed, const std::string& simulateOption) {
     if (!bAnswered) StopFeed(feed, milliseconds(0));
     for (const TuningRecord& record : left) {
         std::cerr << GpuInSentence(record.Device)
-                  << ": did not go back: " << (bAnswered ? record.Problem : "The driver has not answered.")
-                  << "\nTo try again: " << CommandOf(record.Before, record.Device.Index, simulateOption) << '\n';
+                  << ": did not go back: " << (bAnswered ? record.Problem : "The driver has not answered.") << '\n';
+        const std::string again = TryAgainText(record, record.Before, simulateOption);
+        if (!again.empty()) std::cerr << again << '\n';
     }
     return left.empty() ? kExitSuccess : kExitFailure;
 }

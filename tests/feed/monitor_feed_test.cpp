@@ -252,7 +252,12 @@ TEST_F(FeedTest, RescanFindsGpusAtOtherIndicesAndTheirHistoriesAndChangesFollowT
         Feed->QueryTuning(Key).get();
         Sim.SetBoards(found);
         const size_t calledBefore = Sim.Log().size();
+        Sim.Block("nvmlInit_v2");
         Feed->Rescan();
+        EXPECT_TRUE(WaitForState(FeedState::Starting));
+        const FeedMoment moment = Feed->Moment();
+        for (const auto& gpu : moment.Data->Gpus) EXPECT_EQ(StateOf(moment, *gpu), GpuState::Starting);
+        Sim.Unblock();
         EXPECT_EQ(Feed->TakeBack(Key, TuningControl::Power).get().Error, error);
         EXPECT_EQ(Feed->Latest()->State, found.empty() ? FeedState::Unavailable : FeedState::Sampling);
         EXPECT_EQ(Log(calledBefore, {"SetPowerManagementLimit("}), calls);
@@ -341,7 +346,7 @@ TEST_F(FeedTest, OutOfMemoryAChangeGoesBackLater) {
     failing_memory::bChecking = false;
 }
 
-TEST_F(FeedTest, FlowOfAChangeAllocatesNothingWhileNothingIsNew) {
+TEST_F(FeedTest, FlowOfAChangeFollowsTheFeedAndAllocatesNothingWhileNothingIsNew) {
     StartPaused();
     sampler_clock::Hold();
     TuningFlow flow(Feed.get(), Key);
@@ -349,7 +354,10 @@ TEST_F(FeedTest, FlowOfAChangeAllocatesNothingWhileNothingIsNew) {
     const std::tuple<std::function<void()>, TuningStep, const char*> steps[] = {
         {[] {}, TuningStep::Ready, ""},
         {[&flow] { flow.Apply(kLimit); }, TuningStep::Keeping, "In force 200 W"},
-        {[&flow] { flow.TakeBack(); }, TuningStep::Ended, "It went back to: default power limit."}};
+        {[&flow] { flow.TakeBack(); }, TuningStep::Ended, "It went back to: default power limit."},
+        {[&flow] { flow.Dismiss(); }, TuningStep::Ready, ""},
+        {[&flow] { flow.Apply(kLimit); }, TuningStep::Keeping, "In force 200 W"},
+        {[this] { Feed->Keep(Key, TuningControl::Power); }, TuningStep::Ready, ""}};
     for (const auto& [act, step, text] : steps) {
         act();
         EXPECT_TRUE(WaitFor([&, expected = step, words = text] {

@@ -68,6 +68,10 @@ std::string CommandLineFor(const std::string& command, unsigned int gpu, const s
 /// The command line of gpu_monitor that makes a change.
 std::string CommandOf(const TuningChange& change, unsigned int gpu, const std::string& simulateOption);
 
+/// What the user can do about a change that did not go back to `back`: the command that makes `back`. Empty when the
+/// GPU is gone, because its index may be that of another one now.
+std::string TryAgainText(const TuningRecord& record, const TuningChange& back, const std::string& simulateOption);
+
 }  // namespace gpu_feed
 
 #endif  // GPU_FEED_TUNING_TEXT_H
