@@ -102,6 +102,7 @@ TEST_F(OverlayTest, WhatCannotWorkGetsOneSentenceAndAStatus) {
         {"MESA_GL_VERSION_OVERRIDE=2.1 gpu_overlay", 1, "No window can be opened: OpenGL 3.3 is missing [(].*[)][.]"},
         {"gpu_overlay --report /nowhere/report", 1, "Cannot write /nowhere/report: No such file or directory[.]"},
         {"gpu_overlay --frames 1 --screenshot /dev/full", 1, "Cannot write /dev/full: No space left on device[.]"},
+        {"gpu_overlay --help >/dev/full", 1, "Cannot write to standard output[.]"},
         {"gpu_overlay --load 101", 2, "--load: .*101.* Run gpu_overlay --help for usage[.]"},
         {"gpu_overlay --load 1,2", 2, "Several loads need --frames[.] Run gpu_overlay --help for usage[.]"},
         {"gpu_overlay --size 100x", 2, "--size: .*200x200.* Run gpu_overlay --help for usage[.]"},

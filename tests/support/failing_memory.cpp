@@ -19,6 +19,14 @@ void* operator new(size_t bytes) {
     // Not zero, so that a test notices bytes that were never written.
     return std::memset(memory, 0xA5, bytes);
 }
+// Sanitizers have one of their own, whose memory the functions below must not release.
+void* operator new(size_t bytes, const std::nothrow_t&) noexcept {
+    try {
+        return operator new(bytes);
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
 void operator delete(void* memory) noexcept {
     std::free(memory);
 }

@@ -126,7 +126,9 @@ int ParseAndRun(int argc, char** argv) {
         if (error.get_exit_code() != 0) {
             throw Failure(std::string(error.what()) + ". Run gpu_overlay --help for usage.", kExitUsage);
         }
-        return app.exit(error, std::cout);
+        app.exit(error, std::cout);
+        if (!std::cout.flush()) throw Failure("Cannot write to standard output.");
+        return kExitSuccess;
     }
     return Run(&commandLine);
 }

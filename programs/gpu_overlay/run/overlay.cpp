@@ -24,6 +24,7 @@
 #include "gpu_profiler.h"
 #include "run/output_file.h"
 #include "run/run_report.h"
+#include "run/window_places.h"
 
 using namespace gpu_feed;
 
@@ -40,11 +41,6 @@ constexpr uint64_t kLeastWarmUpFrames = 8;
 constexpr const char* kLeftChanges = "A killed program left changes. See gpu_monitor undo.";
 /// The first readings come soon after the start, if they come.
 constexpr double kSilenceSeconds = 0.5;
-
-// Widths of windows, in heights of a line.
-constexpr float kOwnEms = 20.0F;
-constexpr float kPanelEms = 40.0F;
-constexpr float kLeastEmsForBoth = 50.0F;
 
 /// Whether there is nothing more to wait for before frames are counted.
 bool IsWarm(const FeedMoment& moment) {
@@ -140,6 +136,7 @@ private:
         while (!Frames.Shown().IsClosing() && !IsStopRequested()) {
             if (Frames.Shown().IsMinimised()) {
                 Window::WaitForInput();
+                FrameEnd = NowSeconds();
                 continue;
             }
             if (Frames.Shown().HasVsync() != Controls.bVsync) Frames.Shown().SetVsync(Controls.bVsync);
@@ -152,8 +149,9 @@ private:
     FrameCost DrawFrame(Picture* picture = nullptr) {
         const FrameCost cost = Frames.Draw(
             Controls.Load, [this] { DrawWindows(); }, picture);
-        GPUProfiler::FrameSnapshot& latest = LatestFrame;
-        if (GPUProfiler::Get()->GetLatestSnapshot(&latest)) Log.NoteGpuTime(latest.FrameNumber, latest.GpuFrameTimeMs);
+        if (Report.IsWanted() && GPUProfiler::Get()->GetLatestSnapshot(&LatestFrame)) {
+            Log.NoteGpuTime(LatestFrame.FrameNumber, LatestFrame.GpuFrameTimeMs);
+        }
         return cost;
     }
 
@@ -170,39 +168,15 @@ private:
 
     void DrawWindows() {
         if (!Frames.Shown().AreToolsShown()) return;
-        PlaceWindows();
-        ImGui::SetNextWindowPos(OwnPlace, PlaceNow);
-        // As high as what it shows.
-        ImGui::SetNextWindowSizeConstraints({OwnWidth, 0.0F}, {OwnWidth, PanelSize.y});
-        ImGui::SetNextWindowCollapsed(bNarrow, PlaceNow);
+        Places.Update();
+        Places.PlaceScene();
         ImGui::Begin("Scene", nullptr, ImGuiWindowFlags_AlwaysAutoResize);
         OwnWindow.Draw(&Controls);
         ImGui::End();
-        ImGui::SetNextWindowPos(PanelPlace, PlaceNow);
-        ImGui::SetNextWindowSize(PanelSize, PlaceNow);
+        Places.PlacePanel();
         ImGui::Begin("GPUs");
         Panel.Draw();
         ImGui::End();
-    }
-
-    /// The scene's window on the left, the panel on the right; the user may move them, until the window's size changes.
-    void PlaceWindows() {
-        const ImVec2 space = ImGui::GetIO().DisplaySize;
-        const bool bSame = space.x == Space.x && space.y == Space.y;
-        PlaceNow = bSame ? ImGuiCond_FirstUseEver : ImGuiCond_Always;
-        if (bSame) return;
-        Space = space;
-        const float em = ImGui::GetFontSize();
-        const float gap = 0.6F * em;
-        // Where there is no room for both, the scene's window is only its title, above the panel.
-        bNarrow = space.x < kLeastEmsForBoth * em;
-        const ImVec2 room = {space.x - 2.0F * gap, space.y - 2.0F * gap};
-        OwnPlace = {gap, gap};
-        OwnWidth = bNarrow ? room.x : kOwnEms * em;
-        const float above = bNarrow ? ImGui::GetFrameHeight() + gap : 0.0F;
-        const float beside = bNarrow ? 0.0F : OwnWidth + gap;
-        PanelSize = {std::min(std::max(0.5F * space.x, kPanelEms * em), room.x - beside), room.y - above};
-        PanelPlace = {space.x - PanelSize.x - gap, gap + above};
     }
 
     void WriteFiles() {
@@ -232,13 +206,7 @@ private:
     FrameLog Log;
     double FrameEnd = 0.0;
     GPUProfiler::FrameSnapshot LatestFrame;
-    ImVec2 Space;
-    ImVec2 OwnPlace;
-    float OwnWidth = 0.0F;
-    bool bNarrow = false;
-    ImVec2 PanelPlace;
-    ImVec2 PanelSize;
-    ImGuiCond PlaceNow = ImGuiCond_Always;
+    WindowPlaces Places;
 };
 
 Overlay* Overlay::Running = nullptr;
