@@ -138,7 +138,8 @@ bool GpuFacts::IsCurrent() const {
 
 void GpuFacts::Update(const FeedMoment& moment, const std::shared_ptr<const FeedGpu>& gpu) {
     if (Data != moment.Data) {
-        if (Title.empty()) Title = GpuTitle(gpu->Device);
+        // A rescan can give the GPU another index.
+        if (Title.empty() || gpu->Device.Index != Shown->Device.Index) Title = GpuTitle(gpu->Device);
         Data = moment.Data;
         Shown = gpu;
         UpdateValues();

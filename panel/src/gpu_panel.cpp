@@ -104,7 +104,8 @@ void GpuPanel::Content::Draw() {
         TakeGpus(data);
         TakeMissing(data);
     }
-    Axis.Update(moment.Now);
+    // Plots do not move while sampling is paused, so that the user can study them.
+    Axis.Update(data.State == FeedState::Paused ? data.PausedAt : moment.Now);
     DrawTop(moment);
     DrawNotice(moment);
     for (size_t i = 0; i < Missing.size(); ++i) {

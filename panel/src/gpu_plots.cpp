@@ -151,9 +151,9 @@ void GpuPlots::DrawCurves(const PlotFrame& frame, size_t plot, ImVec2 corner) {
         if (drawn.Role == CurveRole::First) FillBelow(list, Points, color, corner.y + frame.FieldHeight());
         DrawCurve(list, Points, color, frame.LineThickness());
         if (!frame.bHovered || frame.Shown == nullptr) continue;
-        if (const std::optional<double> value = ShownValue(drawn.Id, *frame.Shown)) {
+        if (const std::optional<double> value = PlottedValue(drawn, *frame.Shown)) {
             const ImVec2 center(frame.XOf(Columns.ColumnOf(frame.Shown->TimestampSeconds), corner.x),
-                                YOf(*value / drawn.Divisor, top, corner.y, frame.FieldHeight()));
+                                YOf(*value, top, corner.y, frame.FieldHeight()));
             list->AddCircleFilled(center, frame.Font * 0.25F, color);
         }
     }

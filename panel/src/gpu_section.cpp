@@ -176,8 +176,10 @@ bool GpuSection::DrawHeading(bool bAlone, bool bOpenAtFirst) {
 // ---- Body ----
 
 void GpuSection::DrawBody(const FeedMoment& moment, TimeAxis* axis) {
-    // An open part for clocks and power asks there.
-    for (const OutstandingChange& change : Facts.Outstanding) change.Draw(Feed, moment.Now, !bTuningOpen);
+    // An open part for clocks and power asks about its own change.
+    for (const OutstandingChange& change : Facts.Outstanding) {
+        change.Draw(Feed, moment.Now, !bTuningOpen || !Tuning->IsChanging(change.Control()));
+    }
     // The panel says it once for all GPUs when the driver hangs.
     if (Facts.State() == GpuState::NoData && !IsDriverHanging(moment)) {
         Banner(CurrentPalette().Danger, Facts.HasValues()
@@ -192,11 +194,12 @@ void GpuSection::DrawBody(const FeedMoment& moment, TimeAxis* axis) {
         DrawDetails();
         if (ImGui::TreeNodeEx("History", kPartFlags | ImGuiTreeNodeFlags_DefaultOpen)) Plots.Draw(*Gpu, moment, axis);
     }
+    // Above the processes: these come and go, and buttons that change a GPU must not move below the pointer.
+    DrawTuning(moment);
     if (ImGui::TreeNodeEx("processes", kPartFlags | ImGuiTreeNodeFlags_DefaultOpen, "Processes (%zu)",
                           Gpu->Processes.size())) {
         Processes.Draw(Gpu, moment.bSimulated, Facts.IsCurrent());
     }
-    DrawTuning(moment);
     if (ImGui::TreeNodeEx("About this GPU", kPartFlags)) DrawIdentity();
 }
 

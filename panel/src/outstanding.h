@@ -13,6 +13,8 @@ public:
     /// Takes what is published of it. Allocates nothing while that is the same. `prefix`: before what is in force.
     void Update(const gpu_feed::TuningRecord& record, const char* prefix);
 
+    gpu_feed::TuningControl Control() const { return InForce.Control(); }
+
     /// `bAsking`: asks here whether to keep a change that goes back by itself.
     void Draw(gpu_feed::FeedRequests* feed, double now, bool bAsking) const;
 

@@ -16,8 +16,8 @@ constexpr size_t kRoom = gpu_feed::SampleHistory::kMostSamples * 5 / 4;
 constexpr float kNotRead = std::numeric_limits<float>::quiet_NaN();
 
 float ValueOf(const Curve& curve, const GpuTelemetrySample& sample) {
-    const std::optional<double> value = gpu_feed::ShownValue(curve.Id, sample);
-    return value ? static_cast<float>(*value / curve.Divisor) : kNotRead;
+    const std::optional<double> value = PlottedValue(curve, sample);
+    return value ? static_cast<float>(*value) : kNotRead;
 }
 
 bool IsRead(const PlotColumns::Range& range) {

@@ -29,14 +29,14 @@ constexpr float kLeastFontsBetweenTimes = 7.5F;
 /// On a longer axis, minutes are written as such.
 constexpr double kLongestInSeconds = 120.0;
 
-/// Calls `draw` with each moment that has a line. While the axis follows the present they stay where they are on the
-/// screen, else they move with the curves.
+/// Calls `draw` with each moment that has a line. While the axis ends now they stay where they are on the screen, else
+/// they move with the curves.
 template <typename DrawAt>
 void ForTimeLines(const PlotFrame& frame, const DrawAt& draw) {
     const double step = RoundTimeStep(static_cast<double>(kLeastFontsBetweenTimes * frame.Font) * frame.ColumnSeconds);
     const TimeAxis& axis = *frame.Axis;
     double newest = axis.To();
-    if (!axis.IsFollowing()) {
+    if (!frame.EndsNow()) {
         const double timeOfDay = std::chrono::duration<double>(frame.Moment.TimeOfDay.time_since_epoch()).count();
         newest -= std::fmod(timeOfDay - (frame.Moment.Now - newest), step);
     }
@@ -104,7 +104,7 @@ void DrawTimeLabels(const PlotFrame& frame, ImVec2 corner) {
     ForTimeLines(frame, [&](double moment, double step) {
         char text[32];
         const double ago = frame.Axis->To() - moment;
-        if (!frame.Axis->IsFollowing()) {
+        if (!frame.EndsNow()) {
             std::snprintf(text, sizeof(text), "%s", frame.TimeOfDay(moment, step < 60.0).data());
         } else if (ago < 1.0) {
             std::snprintf(text, sizeof(text), "now");

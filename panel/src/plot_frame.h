@@ -51,6 +51,8 @@ public:
     }
     float XOf(double moment, float left) const;
     double MomentAt(float x, float left) const;
+    /// Whether the axis ends now: it follows the present, and sampling is not paused.
+    bool EndsNow() const { return Axis->To() >= Moment.Now; }
 
     // ---- What headings say ----
 

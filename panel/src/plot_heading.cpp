@@ -66,8 +66,8 @@ private:
 };
 
 std::string ValueText(const Curve& curve, const PlotKind& plot, const GpuTelemetrySample* sample) {
-    const std::optional<double> value = sample != nullptr ? ShownValue(curve.Id, *sample) : std::nullopt;
-    return value ? Number(*value / curve.Divisor, plot.Decimals) : kNotRead;
+    const std::optional<double> value = sample != nullptr ? PlottedValue(curve, *sample) : std::nullopt;
+    return value ? Number(*value, plot.Decimals) : kNotRead;
 }
 
 Parts ValuesOf(const PlotFrame& frame, const PlotColumns& columns, const PlotKind& plot, bool bNamed) {

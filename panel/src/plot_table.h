@@ -1,8 +1,10 @@
 #ifndef GPU_PANEL_PLOT_TABLE_H
 #define GPU_PANEL_PLOT_TABLE_H
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
+#include <optional>
 
 #include "gpu_feed/readings.h"
 
@@ -26,6 +28,14 @@ struct Curve {
     /// `ShownValue` divided by this is in the unit of the plot.
     double Divisor = 1.0;
 };
+
+/// What `curve` shows of a sample, in the unit of its plot. The host's profiler may give any frame time; what no screen
+/// can show is cut.
+inline std::optional<double> PlottedValue(const Curve& curve, const GpuTelemetrySample& sample) {
+    constexpr double kHighest = 1e30;
+    const std::optional<double> value = gpu_feed::ShownValue(curve.Id, sample);
+    return value ? std::optional(std::min(*value / curve.Divisor, kHighest)) : std::nullopt;
+}
 
 /// A quantity over time.
 struct PlotKind {

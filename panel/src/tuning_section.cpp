@@ -79,6 +79,11 @@ void TuningSection::Draw(const FeedMoment& moment) {
     ImGui::EndDisabled();
 }
 
+bool TuningSection::IsChanging(TuningControl control) const {
+    const TuningStep step = Flow.Step();
+    return step != TuningStep::Ready && step != TuningStep::Ended && Flow.Change().Control() == control;
+}
+
 // ---- Texts ----
 
 void TuningSection::Prepare(double now) {

@@ -20,6 +20,9 @@ public:
 
     void Draw(const gpu_feed::FeedMoment& moment);
 
+    /// Whether a change of this setting is being made here, up to its end. Other panels make changes, too.
+    bool IsChanging(gpu_feed::TuningControl control) const;
+
 private:
     void Prepare(double now);
     void PrepareClocks(const GpuClockCapabilities& clocks);

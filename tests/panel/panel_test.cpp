@@ -136,6 +136,8 @@ TEST_F(PanelTest, LostGpuShowsItsLastValuesNotAsCurrentAndKeepsItsChanges) {
     Sim.SetBoards({simulated_nvml::DesktopBoard(1)});
     Click("Rescan");
     WaitToSee("GPU 0 (NVIDIA GeForce RTX 4080): clocks locked to");
+    // The GPU that is left has another index now.
+    EXPECT_THAT(Seen("GPU 1: "), IsEmpty());
 }
 
 TEST_F(PanelTest, FramesGoOnWhileTheDriverHangsOrIsMissing) {

@@ -23,8 +23,7 @@ namespace gpu_panel {
 ///
 /// Nothing changes a GPU but the buttons that say so. A change goes back unless the user keeps it in time, also when
 /// the panel is not drawn any more; see `MonitorFeed`. Taking back what was kept, before the program ends, is up to the
-/// host
-/// (`MonitorFeed::TakeAllBack`).
+/// host (`MonitorFeed::TakeAllBack`).
 ///
 /// Threads: all calls, construction and destruction included, on the thread that uses the ImGui context.
 ///
