@@ -18,10 +18,10 @@ using Sample = GpuTelemetrySample;
 
 constexpr double kFullMemory = 0.95;
 
-float Part(std::optional<double> value, std::optional<double> whole) {
-    const double all = whole.value_or(0.0);
-    if (!value || all <= 0.0) return -1.0F;
-    return static_cast<float>(std::clamp(*value / all, 0.0, 1.0));
+/// Negative where one of the two was not read and so is negative.
+float Part(double value, double whole) {
+    if (value < 0.0 || whole <= 0.0) return -1.0F;
+    return static_cast<float>(std::min(value / whole, 1.0));
 }
 
 /// The power that the whole gauge stands for.
@@ -60,8 +60,9 @@ void WritePart(ReadingId part, ReadingId whole, const Sample& sample, std::strin
 }
 
 void WriteGauge(const Gauge& gauge, const Sample& sample, GaugeFact* fact) {
-    const std::optional<double> value = ReadingValue(gauge.Shown, sample);
-    const std::optional<double> whole = gauge.Whole ? ReadingValue(*gauge.Whole, sample) : std::nullopt;
+    constexpr double kUnread = -1.0;
+    const double value = ReadingValue(gauge.Shown, sample).value_or(kUnread);
+    const double whole = gauge.Whole ? ReadingValue(*gauge.Whole, sample).value_or(kUnread) : 100.0;
     fact->Label = gauge.Label;
     fact->Value.clear();
     if (gauge.Whole) {
@@ -69,7 +70,7 @@ void WriteGauge(const Gauge& gauge, const Sample& sample, GaugeFact* fact) {
     } else {
         fact->Value += ReadingText(gauge.Shown, sample);
     }
-    fact->Fraction = Part(value, gauge.Whole ? whole : 100.0);
+    fact->Fraction = Part(value, whole);
     fact->Look = (sample.PerformanceLimitReasons & gauge.Reasons) != 0 ? gauge.Reasoned : Tone::Normal;
     if (gauge.Shown == ReadingId::Power) {
         fact->Fraction = Part(value, HighestPower(sample));
