@@ -9,6 +9,11 @@ foreach(target_and_package IN ITEMS "nvml_gpu_monitor_imgui Dear ImGui" "glfw GL
         list(APPEND overlay_missing "${CMAKE_MATCH_2}")
     endif()
 endforeach()
+# What a host names as its ImGui need not have backends.
+if(TARGET nvml_gpu_monitor_imgui AND (NVML_GPU_MONITOR_IMGUI OR
+        NOT EXISTS "${NVML_GPU_MONITOR_IMGUI_INCLUDE_DIR}/backends/imgui_impl_glfw.h"))
+    list(APPEND overlay_missing "backends of Dear ImGui")
+endif()
 if(overlay_missing)
     list(JOIN overlay_missing ", " overlay_missing)
     message(STATUS "gpu_overlay is left out: not found: ${overlay_missing}")

@@ -5,6 +5,7 @@
 #include <optional>
 
 #include "gpu_feed/gpu_summary.h"
+#include "gpu_feed/limit_reasons.h"
 #include "gpu_feed/reading_text.h"
 
 using namespace gpu_feed;
@@ -15,9 +16,6 @@ namespace {
 
 using Sample = GpuTelemetrySample;
 
-/// Of `GpuTelemetrySample::PerformanceLimitReasons`.
-constexpr uint64_t kPowerReasons = 0x4 | 0x80;
-constexpr uint64_t kThermalReasons = 0x8 | 0x20 | 0x40;
 constexpr double kFullMemory = 0.95;
 
 float Part(std::optional<double> value, std::optional<double> whole) {

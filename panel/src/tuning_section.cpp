@@ -3,9 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 
 #include "gpu_feed/tuning_text.h"
 #include "imgui.h"
@@ -125,12 +123,7 @@ void TuningSection::PreparePower(const GpuPowerCapabilities& power) {
 }
 
 size_t TuningSection::GraphicsPlace() const {
-    const std::vector<int>& clocks = GraphicsClocks();
-    // Wide enough for the difference of any two numbers that a driver gives.
-    const int64_t wanted = Chosen.GraphicsClockMHz;
-    const auto nearest = std::min_element(
-        clocks.begin(), clocks.end(), [wanted](int a, int b) { return std::abs(a - wanted) < std::abs(b - wanted); });
-    return static_cast<size_t>(nearest - clocks.begin());
+    return NearestPlace(GraphicsClocks(), Chosen.GraphicsClockMHz);
 }
 
 // ---- How far a change has come ----

@@ -104,6 +104,8 @@ TEST_F(OverlayTest, WhatCannotWorkGetsOneSentenceAndAStatus) {
         {"gpu_overlay --frames 1 --screenshot /dev/full", 1, "Cannot write /dev/full: No space left on device[.]"},
         {"gpu_overlay --help >/dev/full", 1, "Cannot write to standard output[.]"},
         {"gpu_overlay --load 101", 2, "--load: .*101.* Run gpu_overlay --help for usage[.]"},
+        {"gpu_overlay --report x --screenshot x", 2,
+         "--report and --screenshot .* Run gpu_overlay --help for usage[.]"},
         {"gpu_overlay --load 1,2", 2, "Several loads need --frames[.] Run gpu_overlay --help for usage[.]"},
         {"gpu_overlay --size 100x", 2, "--size: .*200x200.* Run gpu_overlay --help for usage[.]"},
         {"gpu_overlay --frame", 2, ".*--frame[.] Run gpu_overlay --help for usage[.]"}};

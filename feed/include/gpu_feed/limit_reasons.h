@@ -7,6 +7,10 @@
 
 namespace gpu_feed {
 
+/// The bits of `GpuTelemetrySample::PerformanceLimitReasons` that stand for the power drawn, and those for heat.
+constexpr uint64_t kPowerReasons = 0x4 | 0x80;
+constexpr uint64_t kThermalReasons = 0x8 | 0x20 | 0x40;
+
 /// One reason why the clocks are not higher.
 struct LimitReason {
     /// For people.

@@ -1,7 +1,6 @@
 #include "commands/undo.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <iostream>
 #include <vector>
 
@@ -10,7 +9,6 @@
 #include "commands/silent_driver.h"
 #include "common/failure.h"
 #include "common/left_changes.h"
-#include "common/simulate.h"
 #include "gpu_feed/reading_text.h"
 #include "gpu_feed/tuning_session.h"
 #include "gpu_feed/tuning_text.h"

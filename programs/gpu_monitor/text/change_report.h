@@ -4,7 +4,6 @@
 #include <string>
 
 #include "gpu_feed/tuning_change.h"
-#include "gpu_feed/tuning_text.h"
 #include "text/tuning_format.h"
 
 /// What a command did to one GPU.

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdlib>
 #include <iterator>
 
 #include "gpu_feed/tuning_text.h"
@@ -33,12 +32,6 @@ std::ptrdiff_t StepOf(int key) {
         case EndKey: return kFar;
         default: return 0;
     }
-}
-
-size_t NearestPlace(const std::vector<int>& clocks, int wanted) {
-    const auto nearest = std::min_element(
-        clocks.begin(), clocks.end(), [wanted](int a, int b) { return std::abs(a - wanted) < std::abs(b - wanted); });
-    return static_cast<size_t>(nearest - clocks.begin());
 }
 
 const ClockGroups::value_type& GroupAt(const ClockGroups& groups, size_t place) {

@@ -3,6 +3,7 @@
 #define GLFW_INCLUDE_NONE
 #include <GLFW/glfw3.h>
 
+#include <algorithm>
 #include <string>
 
 #include "common/failure.h"
@@ -12,6 +13,7 @@ namespace {
 constexpr int kOpenGlMajor = 3;
 constexpr int kOpenGlMinor = 3;
 constexpr double kUsualRefreshRate = 60.0;
+constexpr double kRateSeconds = 5.0;
 /// A signal that asks for an end is noticed after this time.
 constexpr double kLongestWaitSeconds = 0.1;
 
@@ -97,9 +99,18 @@ void Window::Hide() {
 }
 
 double Window::RefreshRate() {
-    GLFWmonitor* const monitor = glfwGetPrimaryMonitor();
-    const GLFWvidmode* const mode = monitor == nullptr ? nullptr : glfwGetVideoMode(monitor);
-    return mode == nullptr || mode->refreshRate <= 0 ? kUsualRefreshRate : mode->refreshRate;
+    // The question waits for the display's server, so not every frame asks it.
+    if (glfwGetTime() < AskRateAt) return KnownRate;
+    AskRateAt = glfwGetTime() + kRateSeconds;
+    KnownRate = 0.0;
+    int count = 0;
+    GLFWmonitor* const* const monitors = glfwGetMonitors(&count);
+    for (int i = 0; i < count; ++i) {
+        const GLFWvidmode* const mode = glfwGetVideoMode(monitors[i]);
+        if (mode != nullptr) KnownRate = std::max(KnownRate, static_cast<double>(mode->refreshRate));
+    }
+    if (KnownRate <= 0.0) KnownRate = kUsualRefreshRate;
+    return KnownRate;
 }
 
 void Window::SetVsync(bool bOn) {

@@ -36,8 +36,8 @@ public:
     /// How much larger than usual the desktop wants texts.
     float ContentScale() const;
 
-    /// Frames per second of the display that the window is on, as far as that is known.
-    static double RefreshRate();
+    /// Frames per second of the fastest display, as far as that is known.
+    double RefreshRate();
     /// Whether `Show` waits for the display. The driver may ignore it.
     void SetVsync(bool bOn);
     bool HasVsync() const { return bVsync; }
@@ -51,6 +51,8 @@ private:
     GLFWwindow* Created = nullptr;
     bool bToolsShown = true;
     bool bVsync = false;
+    double KnownRate = 0.0;
+    double AskRateAt = 0.0;
 };
 
 #endif  // GPU_OVERLAY_WINDOW_H

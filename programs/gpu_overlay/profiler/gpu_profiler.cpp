@@ -10,6 +10,8 @@ namespace {
 
 /// A longer time comes from a clock that was set anew between two timestamps.
 constexpr double kLongestFrameMs = 60'000.0;
+/// The GPU may hardly have begun a younger frame, and a driver that is asked about it may hand its work over early.
+constexpr std::uint64_t kLeastFramesLate = 2;
 /// When the oldest frame in the ring is this old, its results have been lost.
 constexpr std::uint64_t kLostAfterFrames = 600;
 /// The position of a scope that is not measured.
@@ -121,15 +123,20 @@ std::size_t GPUProfiler::IssueTimestamp() {
     return timestamp;
 }
 
+// Publishes only the latest of the frames that have arrived.
 void GPUProfiler::CollectFrames() {
+    Frame* latest = nullptr;
     for (; CollectedFrames < EndedFrames; ++CollectedFrames) {
         Frame& oldest = InRing(CollectedFrames);
+        const std::uint64_t framesLate = FrameNumber - oldest.Snapshot.FrameNumber;
+        if (framesLate < kLeastFramesLate) break;
         if (Queries->IsReady(Slot(CollectedFrames, oldest.TimestampCount - 1))) {
-            if (ReadTimes(CollectedFrames)) Publish(&oldest.Snapshot);
-        } else if (FrameNumber - oldest.Snapshot.FrameNumber < kLostAfterFrames) {
+            if (ReadTimes(CollectedFrames)) latest = &oldest;
+        } else if (framesLate < kLostAfterFrames) {
             break;
         }
     }
+    if (latest != nullptr) Publish(&latest->Snapshot);
 }
 
 // False when the times cannot be true.

@@ -12,7 +12,8 @@
 class TimerQueries;
 
 /// Measures this program's frames on the GPU, with named nested scopes, and never waits for the GPU: the times of a
-/// frame arrive one to three frames later. Once warm, a frame allocates nothing.
+/// frame arrive two or three frames later, and frames that the GPU cannot follow are not measured. Once warm, a frame
+/// allocates nothing.
 ///
 /// Threads: `Get` and `GetLatestSnapshot` may be called by any thread, also by one that holds the monitor's mutex: the
 /// profiler's own lock is taken after it, is held only for a copy, and the profiler never calls the monitor. Everything

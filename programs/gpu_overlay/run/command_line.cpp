@@ -102,11 +102,19 @@ void DefineOptions(CLI::App* app, CommandLine* commandLine) {
     app->footer(kFooter);
 }
 
+/// `what` is a sentence without its period.
+Failure UsageFailure(const std::string& what) {
+    return Failure(what + ". Run gpu_overlay --help for usage.", kExitUsage);
+}
+
 /// Result: the exit status. Throws `Failure`.
 int Run(CommandLine* commandLine) {
     OverlayOptions* const options = &commandLine->Options;
     if (options->Loads.size() > 1 && options->FramesPerLoad == 0) {
-        throw Failure("Several loads need --frames. Run gpu_overlay --help for usage.", kExitUsage);
+        throw UsageFailure("Several loads need --frames");
+    }
+    if (!options->ReportPath.empty() && options->ReportPath == options->ScreenshotPath) {
+        throw UsageFailure("--report and --screenshot name the same file");
     }
     options->Interval = std::chrono::milliseconds(commandLine->IntervalMs);
     if (!commandLine->Size.empty()) ReadSize(commandLine->Size, &options->Size);
@@ -123,9 +131,7 @@ int ParseAndRun(int argc, char** argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        if (error.get_exit_code() != 0) {
-            throw Failure(std::string(error.what()) + ". Run gpu_overlay --help for usage.", kExitUsage);
-        }
+        if (error.get_exit_code() != 0) throw UsageFailure(error.what());
         app.exit(error, std::cout);
         if (!std::cout.flush()) throw Failure("Cannot write to standard output.");
         return kExitSuccess;

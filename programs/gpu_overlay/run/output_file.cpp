@@ -17,14 +17,22 @@ constexpr mode_t kEveryoneReads = 0666;
 
 OutputFile::OutputFile(const std::string& path) : Path(path) {
     if (Path.empty()) return;
-    bEmptyAndNew = access(path.c_str(), F_OK) != 0;
-    Descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, kEveryoneReads);
-    if (Descriptor < 0) throw SystemFailure("Cannot write " + Path);
+    constexpr int kToWrite = O_WRONLY | O_CREAT | O_CLOEXEC;
+    Descriptor = open(path.c_str(), kToWrite | O_EXCL, kEveryoneReads);
+    bEmptyAndNew = IsWanted();
+    if (!IsWanted()) Descriptor = open(path.c_str(), kToWrite, kEveryoneReads);
+    if (!IsWanted()) throw SystemFailure("Cannot write " + Path);
 }
 
 OutputFile::~OutputFile() {
+    Abandon();
+}
+
+void OutputFile::Abandon() {
     if (bEmptyAndNew) unlink(Path.c_str());
+    bEmptyAndNew = false;
     if (IsWanted()) close(Descriptor);
+    Descriptor = -1;
 }
 
 void OutputFile::Write(const std::string& bytes) {

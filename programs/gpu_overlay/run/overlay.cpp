@@ -37,6 +37,8 @@ constexpr double kMostOfRefreshRate = 1.1;
 /// Frames that are counted begin when every GPU has been read, but not later than this.
 constexpr double kLongestWarmUpSeconds = 3.0;
 constexpr uint64_t kLeastWarmUpFrames = 8;
+/// So many frames later, the GPU time of the last frame that counts has come.
+constexpr int kFramesForLastTime = 4;
 /// The sentences on standard error are not seen where a desktop has started the program.
 constexpr const char* kLeftChanges = "A killed program left changes. See gpu_monitor undo.";
 /// The first readings come soon after the start, if they come.
@@ -114,6 +116,8 @@ private:
     static void EndWithoutDisplay() {
         if (Running == nullptr) return;
         TakeBack(&Running->Feed, Running->Options.SimulateOption);
+        Running->Screenshot.Abandon();
+        Running->Report.Abandon();
         std::_Exit(kExitFailure);
     }
 
@@ -128,6 +132,7 @@ private:
             Controls.Load = load;
             for (int i = 0; i < Options.FramesPerLoad && !IsStopRequested(); ++i) LogFrame(DrawFrame());
         }
+        for (int i = 0; Report.IsWanted() && i < kFramesForLastTime && !IsStopRequested(); ++i) DrawFrame();
     }
 
     void DrawUntilEnd() {
@@ -141,7 +146,7 @@ private:
             }
             if (Frames.Shown().HasVsync() != Controls.bVsync) Frames.Shown().SetVsync(Controls.bVsync);
             const FrameCost cost = DrawFrame();
-            pacer.Wait(Controls.bVsync ? kMostOfRefreshRate * Window::RefreshRate() : kFramesPerSecond);
+            pacer.Wait(Controls.bVsync ? kMostOfRefreshRate * Frames.Shown().RefreshRate() : kFramesPerSecond);
             if (Report.IsWanted()) LogFrame(cost);
         }
     }
@@ -180,15 +185,15 @@ private:
     }
 
     void WriteFiles() {
-        if (Screenshot.IsWanted()) {
-            Picture picture;
-            DrawFrame(&picture);
-            Screenshot.Write(EncodePng(picture));
-        }
         if (Report.IsWanted()) {
             const RunFacts facts = {Frames.Renderer(), Frames.OpenGlVersion(), Frames.Size(),
                                     Frames.Shown().HasVsync()};
             Report.Write(ReportJson(facts, Log, Feed.Moment()));
+        }
+        if (Screenshot.IsWanted()) {
+            Picture picture;
+            DrawFrame(&picture);
+            Screenshot.Write(EncodePng(picture));
         }
     }
 
