@@ -19,8 +19,9 @@ using Sample = GpuTelemetrySample;
 constexpr double kFullMemory = 0.95;
 
 float Part(std::optional<double> value, std::optional<double> whole) {
-    if (!value || !whole || *whole <= 0.0) return -1.0F;
-    return static_cast<float>(std::clamp(*value / *whole, 0.0, 1.0));
+    const double all = whole.value_or(0.0);
+    if (!value || all <= 0.0) return -1.0F;
+    return static_cast<float>(std::clamp(*value / all, 0.0, 1.0));
 }
 
 /// The power that the whole gauge stands for.

@@ -11,8 +11,8 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
@@ -80,11 +80,12 @@ int PlainKey(int character) {
 
 // ---- Showing ----
 
-/// Whether the program has been stopped and goes on: the screen may show anything then.
-volatile std::sig_atomic_t bContinued = 0;
+/// Whether the program has been stopped and goes on: the screen may show anything then. The handler may run on any
+/// thread.
+std::atomic<bool> bContinued{false};
 
 extern "C" void NoteContinuing(int /*signalNumber*/) {
-    bContinued = 1;
+    bContinued = true;
 }
 
 /// In one piece as far as the terminal takes it, so that no half of a change is seen.
@@ -200,8 +201,7 @@ Canvas Screen::Blank() const {
 
 void Screen::Show(Canvas canvas) {
     std::string text;
-    if (bContinued != 0 || canvas.Width() != Shown.Width() || canvas.Height() != Shown.Height()) {
-        bContinued = 0;
+    if (bContinued.exchange(false) || canvas.Width() != Shown.Width() || canvas.Height() != Shown.Height()) {
         text = ControlSequence(clear_screen);
         Shown = {canvas.Width(), canvas.Height(), GlyphSet::Ascii};
     }
