@@ -1,6 +1,7 @@
 #include "process_table.h"
 
 #include <algorithm>
+#include <cmath>
 #include <numeric>
 #include <utility>
 
@@ -51,6 +52,16 @@ void RightAligned(const std::string& text) {
     const float width = ImGui::CalcTextSize(text.data(), text.data() + text.size()).x;
     ImGui::SetCursorPosX(ImGui::GetCursorPosX() + std::max(ImGui::GetContentRegionAvail().x - width, 0.0F));
     ImGui::TextUnformatted(text.data(), text.data() + text.size());
+}
+
+/// Moves the cursor to a whole pixel. Result: whether anything of the next item would be seen, which is so high.
+/// ImGui's check rounds in another way, and an assertion fails where it begins a scrolling table that nobody can see.
+bool GoToVisible(float height) {
+    const ImVec2 cursor = ImGui::GetCursorScreenPos();
+    const float top = std::floor(cursor.y);
+    ImGui::SetCursorScreenPos({cursor.x, top});
+    const ImDrawList& window = *ImGui::GetWindowDrawList();
+    return std::max(top, window.GetClipRectMin().y) < std::min(top + height, window.GetClipRectMax().y);
 }
 
 }  // namespace
@@ -104,10 +115,12 @@ void ProcessTable::Draw(const std::shared_ptr<const FeedGpu>& gpu, bool bSimulat
     const float rowHeight = ImGui::GetTextLineHeight() + 2.0F * ImGui::GetStyle().CellPadding.y;
     const float width = ImGui::GetContentRegionAvail().x;
     const auto shownRows = static_cast<float>(std::min(Rows.size(), kMostRows) + 1);
+    // A little more than whole rows, so that they need no scroll bar.
+    const ImVec2 size = {width, std::floor(shownRows * rowHeight + 0.2F * em)};
+    if (!GoToVisible(size.y)) return ImGui::Dummy(size);
     constexpr ImGuiTableFlags kFlags = ImGuiTableFlags_Sortable | ImGuiTableFlags_RowBg | ImGuiTableFlags_ScrollY |
                                        ImGuiTableFlags_SizingFixedFit | ImGuiTableFlags_NoSavedSettings;
-    // A little more than whole rows, so that they need no scroll bar.
-    if (!ImGui::BeginTable("processes", ColumnCount, kFlags, {width, shownRows * rowHeight + 0.2F * em})) return;
+    if (!ImGui::BeginTable("processes", ColumnCount, kFlags, size)) return;
     const auto shownFrom = [&](float ems) { return width < ems * em ? ImGuiTableColumnFlags_Disabled : 0; };
     const ImGuiTableColumnFlags number = ImGuiTableColumnFlags_PreferSortDescending;
     ImGui::TableSetupScrollFreeze(0, 1);

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 #include <functional>
 #include <map>
@@ -24,8 +25,10 @@ inline ClockGroups GroupByMemoryClock(const std::vector<GpuClockPair>& pairs) {
 
 /// Where in `clocks`, which is not empty, the one nearest to `wanted` is.
 inline size_t NearestPlace(const std::vector<int>& clocks, int wanted) {
-    const auto nearest = std::min_element(
-        clocks.begin(), clocks.end(), [wanted](int a, int b) { return std::abs(a - wanted) < std::abs(b - wanted); });
+    // Wide enough for the difference of any two numbers that a driver gives.
+    const auto distance = [wanted](int clock) { return std::abs(int64_t{clock} - wanted); };
+    const auto nearest =
+        std::min_element(clocks.begin(), clocks.end(), [&distance](int a, int b) { return distance(a) < distance(b); });
     return static_cast<size_t>(nearest - clocks.begin());
 }
 
