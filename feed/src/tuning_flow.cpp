@@ -51,7 +51,7 @@ void TuningFlow::Update() {
 }
 
 void TuningFlow::RefreshCapabilities() {
-    const bool bRefreshed = Now == Step::Ready || Now == Step::Keeping;
+    const bool bRefreshed = Now == Step::Ready || Now == Step::Keeping || Now == Step::Ended;
     if ((bRefreshed || Now == Step::Asking) && IsReady(CapabilityAnswer)) {
         Latest = CapabilityAnswer.get();
         bReadBack = Now == Step::Keeping;
