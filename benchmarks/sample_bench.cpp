@@ -115,12 +115,12 @@ struct Nvml {
         Monitor.SetInitialSampleDelay(std::chrono::seconds(10));
         Monitor.Start();
     }
-    ~Nvml() { dlclose(Library); }
+    ~Nvml() { dlclose(Handle); }
     Nvml(const Nvml&) = delete;
     Nvml& operator=(const Nvml&) = delete;
 
     NvmlGpuMonitor Monitor;
-    void* Library = dlopen("libnvidia-ml.so.1", RTLD_LAZY);
+    void* Handle = dlopen("libnvidia-ml.so.1", RTLD_LAZY);
 };
 
 /// The calls of NVML that `read` makes, in order.
@@ -161,7 +161,7 @@ BENCHMARK(SampleOfMonitor);
 
 void SampleByHand(benchmark::State& state) {
     const Nvml started;
-    HandMadeSample reader(started.Library, Queries());
+    HandMadeSample reader(started.Handle, Queries());
     for ([[maybe_unused]] auto _ : state) {
         reader.LookUp();
         reader.Call();
@@ -171,7 +171,7 @@ BENCHMARK(SampleByHand);
 
 void SampleLookedUpOnce(benchmark::State& state) {
     const Nvml started;
-    HandMadeSample reader(started.Library, Queries());
+    HandMadeSample reader(started.Handle, Queries());
     reader.LookUp();
     for ([[maybe_unused]] auto _ : state) reader.Call();
 }
@@ -182,7 +182,7 @@ bool MakeTheSameCalls() {
     const std::vector<std::string> ofMonitor = CallsOfMonitor();
     const std::vector<Query>& queries = Queries();
     const Nvml started;
-    HandMadeSample reader(started.Library, queries);
+    HandMadeSample reader(started.Handle, queries);
     reader.LookUp();
     return !ofMonitor.empty() && CallsOf([&] { reader.Call(); }) == ofMonitor;
 }
