@@ -107,9 +107,9 @@ if(TARGET gpu_exporter)
         DESTINATION lib/systemd/system COMPONENT exporter)
     install(FILES ${exporter_dir}/install/gpu-exporter.sysusers
         DESTINATION lib/sysusers.d RENAME gpu-exporter.conf COMPONENT exporter)
-    # In /etc where the prefix is /usr.
+    # Outside the prefix, so only packages bring it. The unit does without it.
     install(FILES ${exporter_dir}/install/gpu-exporter.default
-        DESTINATION "${CMAKE_INSTALL_FULL_SYSCONFDIR}/default" RENAME gpu-exporter COMPONENT exporter)
+        DESTINATION /etc/default RENAME gpu-exporter COMPONENT exporter EXCLUDE_FROM_ALL)
     install(FILES
         ${exporter_dir}/prometheus/scrape.yml
         ${exporter_dir}/prometheus/gpu_rules.yml
