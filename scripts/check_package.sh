@@ -52,9 +52,11 @@ systemd-analyze security --offline=true --threshold=20 --no-pager "$unit"
 exporter=$!
 trap 'kill "$exporter"' EXIT
 page=$packed/metrics.txt
+tries=0
 until url=$(grep -oE 'http://.*/metrics' "$packed/exporter.log") && curl -sSf -o "$page" "$url" &&
     grep -q '^gpu_energy_joules_total' "$page"; do
     kill -0 "$exporter"
+    ((++tries < 300))
     sleep 0.1
 done
 promtool check metrics <"$page"
