@@ -32,7 +32,7 @@ struct MetricsTest : testing::Test {
         for (std::string line; std::getline(page, line);) {
             if (line.rfind(prefix, 0) == 0) lines += line.substr(prefix.size()) + ", ";
         }
-        return std::regex_replace(lines, std::regex("\"?[{,][a-z_]+=\"|\"\\}"), "/");
+        return std::regex_replace(lines, std::regex(R"re("?[{,][a-z_]+="|"\})re"), "/");
     }
 
     FeedMoment Moment{nullptr, 1000.0, {}, 0.25, true};
