@@ -179,7 +179,7 @@ Page GpuMetrics::Collect() const {
 
 std::shared_ptr<const GpuRoster> GpuMetrics::RosterOf(const std::shared_ptr<const gpu_feed::FeedData>& data) const {
     const std::lock_guard<std::mutex> lock(Mutex);
-    if (Roster == nullptr || Roster->Data != data) {
+    if (Roster == nullptr || Roster->Data.lock() != data) {
         Roster = std::make_shared<const GpuRoster>(NextRoster(Roster.get(), data));
     }
     return Roster;

@@ -6,11 +6,11 @@ using gpu_feed::FeedGpu;
 
 namespace {
 
-RosterGpu EntryOf(const std::shared_ptr<const FeedGpu>& gpu) {
-    const GpuDeviceInfo& device = gpu->Device;
+RosterGpu EntryOf(const FeedGpu& gpu) {
+    const GpuDeviceInfo& device = gpu.Device;
     RosterGpu entry;
-    entry.Gpu = gpu;
-    entry.Key = gpu->Key;
+    entry.Gpu = &gpu;
+    entry.Key = gpu.Key;
     entry.Labels = {{"gpu", std::to_string(device.Index)}, {"uuid", LabelText(device.Uuid)}};
     entry.InfoLabels = entry.Labels;
     const MetricLabels description = {{"name", LabelText(device.Name)},
@@ -19,7 +19,7 @@ RosterGpu EntryOf(const std::shared_ptr<const FeedGpu>& gpu) {
                                       {"architecture", LabelText(device.Architecture)},
                                       {"pci_bus_id", LabelText(device.PciBusId)}};
     entry.InfoLabels.insert(entry.InfoLabels.end(), description.begin(), description.end());
-    entry.LatestReading = gpu->Latest.TimestampSeconds;
+    entry.LatestReading = gpu.Latest.TimestampSeconds;
     return entry;
 }
 
@@ -27,7 +27,7 @@ RosterGpu EntryOf(const std::shared_ptr<const FeedGpu>& gpu) {
 
 GpuRoster NextRoster(const GpuRoster* before, const std::shared_ptr<const gpu_feed::FeedData>& data) {
     GpuRoster next{data, {}};
-    for (const auto& gpu : data->Gpus) next.Gpus.push_back(EntryOf(gpu));
+    for (const auto& gpu : data->Gpus) next.Gpus.push_back(EntryOf(*gpu));
     if (before == nullptr) return next;
     for (const RosterGpu& gpu : before->Gpus) {
         const auto known = std::find_if(next.Gpus.begin(), next.Gpus.end(), [&gpu](const RosterGpu& each) {

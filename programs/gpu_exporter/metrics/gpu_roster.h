@@ -11,8 +11,8 @@
 
 /// One GPU that the exporter has seen.
 struct RosterGpu {
-    /// Null when the roster's data does not have it any more.
-    std::shared_ptr<const gpu_feed::FeedGpu> Gpu;
+    /// One of the roster's data, and valid as long as that; null when that does not have the GPU any more.
+    const gpu_feed::FeedGpu* Gpu = nullptr;
     /// `FeedGpu::Key`.
     std::string Key;
     /// The labels of every series of this GPU: its index and UUID. No other GPU of the roster has the same ones.
@@ -25,7 +25,8 @@ struct RosterGpu {
 
 /// The GPUs that the feed's data has, and behind them those that only earlier data had.
 struct GpuRoster {
-    std::shared_ptr<const gpu_feed::FeedData> Data;
+    /// Does not keep the data, whose histories are large, beyond the scrapes that use it.
+    std::weak_ptr<const gpu_feed::FeedData> Data;
     std::vector<RosterGpu> Gpus;
 };
 
