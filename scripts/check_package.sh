@@ -47,14 +47,14 @@ if [[ -n $complaints ]]; then
 fi
 systemd-analyze security --offline=true --threshold=20 --no-pager "$unit"
 
-# The first page can come before the first reading.
+# Some series come with the second reading.
 "$packed/root/usr/bin/gpu_exporter" --simulate=4 --processes --listen 127.0.0.1:0 2>"$packed/exporter.log" &
 exporter=$!
 trap 'kill "$exporter"' EXIT
 page=$packed/metrics.txt
 tries=0
 until url=$(grep -oE 'http://.*/metrics' "$packed/exporter.log") && curl -sSf -o "$page" "$url" &&
-    grep -q '^gpu_energy_joules_total' "$page"; do
+    grep -q '^gpu_exporter_cycle_duration_seconds' "$page"; do
     kill -0 "$exporter"
     ((++tries < 300))
     sleep 0.1

@@ -31,7 +31,7 @@ promtool check rules "$work/dashboard_rules.yml"
 
 # ---- What the dashboard and the tests of the rules name is on the page, or a rule makes it ----
 
-sed -n 's/^\([a-z_]*\)[{ ].*/\1/p' "$page" >"$work/known"
+sed -n 's/^\([a-z0-9_]*\)[{ ].*/\1/p' "$page" >"$work/known"
 sed -n 's/^ *- record: //p' "$folder/gpu_rules.yml" >>"$work/known"
 printf '%s\n' up ALERTS >>"$work/known"
 {
