@@ -126,11 +126,15 @@ Server::Server(const ServerOptions& options, const std::vector<std::shared_ptr<p
                                                "listen_backlog",     kBacklog,
                                                "enable_keep_alive",  "no",
                                                "tcp_nodelay",        "1"};
-    const std::string serving = "Cannot serve on " + ListenAddressText(Listen) + ": ";
+    FirstProblem.clear();
     try {
         Web = std::make_unique<prometheus::Exposer>(settings, &callbacks);
     } catch (const std::exception& error) {
-        throw Failure(serving + (FirstProblem.empty() ? error.what() : ReasonIn(FirstProblem)) + '.');
+        if (FirstProblem.empty()) FirstProblem = error.what();
+    }
+    // The web server also starts when it gets too few threads, and then maybe without the one that takes connections.
+    if (!FirstProblem.empty()) {
+        throw Failure("Cannot serve on " + ListenAddressText(Listen) + ": " + ReasonIn(FirstProblem) + '.');
     }
     Listen.Port = static_cast<uint16_t>(Web->GetListeningPorts().at(0));
     if (options.Users) {
