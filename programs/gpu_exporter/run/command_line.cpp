@@ -16,12 +16,12 @@ namespace {
 constexpr const char* kFooter =
     "Pages:\n"
     "  /metrics  the metrics, in Prometheus's text format\n"
-    "  /healthz  \"ok\" while the program runs, also without a password\n"
+    "  /healthz  ok while the program runs, never asks for a password\n"
     "\n"
     "Examples:\n"
     "  gpu_exporter                          for a Prometheus on this machine\n"
     "  gpu_exporter --listen :9836 --auth-file /etc/gpu-exporter.users\n"
-    "                                        for others, who need a password\n"
+    "                                        for Prometheus on another machine\n"
     "  gpu_exporter --simulate=4             without any GPU\n"
     "\n"
     "Without NVIDIA's driver it runs too, and looks for the driver again and again.\n"
@@ -49,7 +49,7 @@ void DefineOptions(CLI::App* app, CommandLine* commandLine) {
         ->check(ListenAddressError)
         ->capture_default_str();
     app->add_option("--auth-file", commandLine->Options.AuthFile,
-                    "Serve metrics only to who sends the user and\npassword of one of this file's lines")
+                    "Give metrics only for a user and password that\nare a line user:password of this file")
         ->type_name("FILE")
         ->check(FileNameError);
     app->add_flag("--processes", commandLine->Options.bProcesses, "Export the video memory of each process, too");

@@ -19,8 +19,9 @@ namespace {
 
 constexpr const char* kMetricsPath = "/metrics";
 
-/// Each connection holds a thread until its answer is sent. So many clients that are silent or slow keep a scrape
-/// waiting no longer than the time-out of their requests.
+/// Each connection holds a thread until its answer is sent: as many silent or slow clients as there are threads keep a
+/// scrape waiting for one time-out. A connection ends with its answer, because each idle one would hold a thread, too,
+/// and a new one takes a fraction of a millisecond.
 constexpr const char* kThreads = "128";
 /// For a whole request; while an answer is sent, for each part of it that the client takes.
 constexpr const char* kTimeoutMs = "3000";
@@ -42,8 +43,8 @@ constexpr const char* kFrontPage =
     "</body></html>\n";
 
 thread_local double ScrapeBegan = 0.0;
-/// What the web server has reported first on this thread.
-thread_local std::string FirstProblem;
+/// Where to put what the web server reports first on this thread; null on its own threads.
+thread_local std::string* FirstProblem = nullptr;
 
 struct Answer {
     int Status;
@@ -90,7 +91,7 @@ std::string ReasonIn(const std::string& problem) {
 /// Called by the web server with its messages. Those that clients cause later, on its own threads, would only fill the
 /// journal. Result: that the message needs no other place.
 int NoteProblem(const mg_connection* /*connection*/, const char* problem) {
-    if (FirstProblem.empty()) FirstProblem = problem;
+    if (FirstProblem != nullptr && FirstProblem->empty()) *FirstProblem = problem;
     return 1;
 }
 
@@ -114,24 +115,7 @@ Server::Server(const ServerOptions& options, const std::vector<std::shared_ptr<p
                std::function<void(double seconds)> onScrape)
     : Listen(options.Listen), OnScrape(std::move(onScrape)) {
     Running = this;
-    CivetCallbacks callbacks;
-    callbacks.begin_request = BeginRequest;
-    callbacks.end_request = EndRequest;
-    callbacks.log_message = NoteProblem;
-    const std::vector<std::string> settings = {"listening_ports",    ListenAddressText(Listen),
-                                               "num_threads",        kThreads,
-                                               "request_timeout_ms", kTimeoutMs,
-                                               "max_request_size",   kRequestBytes,
-                                               "connection_queue",   kWaitingConnections,
-                                               "listen_backlog",     kBacklog,
-                                               "enable_keep_alive",  "no",
-                                               "tcp_nodelay",        "1"};
-    const std::string serving = "Cannot serve on " + ListenAddressText(Listen) + ": ";
-    try {
-        Web = std::make_unique<prometheus::Exposer>(settings, &callbacks);
-    } catch (const std::exception& error) {
-        throw Failure(serving + (FirstProblem.empty() ? error.what() : ReasonIn(FirstProblem)) + '.');
-    }
+    Start();
     Listen.Port = static_cast<uint16_t>(Web->GetListeningPorts().at(0));
     if (options.Users) {
         const auto admit = [users = *options.Users](const std::string& user, const std::string& password) {
@@ -149,6 +133,32 @@ Server::~Server() {
     while (stopped.wait_for(std::chrono::milliseconds(20)) == std::future_status::timeout) Knock(Listen);
     stopped.get();
     Running = nullptr;
+}
+
+void Server::Start() {
+    CivetCallbacks callbacks;
+    callbacks.begin_request = BeginRequest;
+    callbacks.end_request = EndRequest;
+    callbacks.log_message = NoteProblem;
+    const std::string address = ListenAddressText(Listen);
+    const std::vector<std::string> settings = {"listening_ports",    address,
+                                               "num_threads",        kThreads,
+                                               "request_timeout_ms", kTimeoutMs,
+                                               "max_request_size",   kRequestBytes,
+                                               "connection_queue",   kWaitingConnections,
+                                               "listen_backlog",     kBacklog,
+                                               "enable_keep_alive",  "no",
+                                               "tcp_nodelay",        "1"};
+    std::string problem;
+    FirstProblem = &problem;
+    try {
+        Web = std::make_unique<prometheus::Exposer>(settings, &callbacks);
+    } catch (const std::exception& error) {
+        NoteProblem(nullptr, error.what());
+    }
+    FirstProblem = nullptr;
+    // The web server also starts when it gets too few threads, and then maybe without the one that takes connections.
+    if (!problem.empty()) throw Failure("Cannot serve on " + address + ": " + ReasonIn(problem) + '.');
 }
 
 /// Called by the web server for each request, before it looks for a handler and for a password. Result: 0 when the web

@@ -46,6 +46,9 @@ public:
     const ListenAddress& Address() const { return Listen; }
 
 private:
+    /// Starts the web server. Throws `Failure`.
+    void Start();
+
     static int BeginRequest(mg_connection* connection);
     static void EndRequest(const mg_connection* connection, int status);
 
