@@ -36,7 +36,8 @@ sed -n 's/^ *- record: //p' "$folder/gpu_rules.yml" >>"$work/known"
 printf '%s\n' up ALERTS >>"$work/known"
 {
     jq -r '.groups[].rules[].expr' "$work/dashboard_rules.yml" |
-        sed -E 's/\{[^}]*\}//g; s/\b(by|on|group_left) *\([^)]*\)//g' | grep -oE '\b(gpu|process|up|job|instance|ALERTS)\w*[a-z0-9_:]*'
+        sed -E 's/\{[^}]*\}//g; s/\b(by|on|group_left) *\([^)]*\)//g' |
+        grep -oE '\b(gpu|process|up|job|instance|ALERTS)[a-z0-9_:]*'
     sed -nE "s/.*\{series: '([^{]*)\{.*/\1/p" "$folder/gpu_rules_test.yml"
 } >"$work/used"
 (($(wc -l <"$work/used") > 100)) || fail 'the names of series were not found'

@@ -100,19 +100,21 @@ require_recent_cmake() {
     exit 1
 }
 
-# Debian starts and enables the services that it installs. Prometheus is only a tool of the checks here: it is not started
-# now, nor when the machine starts again. One that was installed before is left as it is.
+# Debian starts and enables the services that it installs. Prometheus is only a tool of the checks here: it is not
+# started now, nor when the machine starts again. One that was installed before is left as it is.
 start_policy=/usr/sbin/policy-rc.d
 
 forbid_prometheus() {
     [[ " ${missing[*]} " == *' prometheus '* ]] || return 0
+    if have prometheus || [[ -e /etc/systemd/system/prometheus.service ]] ||
+        { [[ -e $start_policy ]] && { [[ ! -x $start_policy ]] || "$start_policy" prometheus start; }; }; then
+        echo "setup: install the package prometheus by hand: here its service could start or replace another one" >&2
+        exit 1
+    fi
     trap disable_prometheus EXIT
     if [[ ! -e $start_policy ]]; then
-        printf '#!/bin/sh\nexit 101\n' | "${as_root[@]}" install -m 755 /dev/stdin "$start_policy"
         trap 'disable_prometheus; "${as_root[@]}" rm -f -- "$start_policy"' EXIT
-    elif [[ ! -x $start_policy ]] || "$start_policy" prometheus start; then
-        echo "setup: $start_policy would let Prometheus start: install the package prometheus by hand" >&2
-        exit 1
+        printf '#!/bin/sh\nexit 101\n' | "${as_root[@]}" install -m 755 /dev/stdin "$start_policy"
     fi
 }
 
