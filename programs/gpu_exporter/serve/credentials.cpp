@@ -30,7 +30,9 @@ std::string TextOf(int descriptor, const std::string& reading) {
     std::string text;
     std::array<char, 4096> piece{};
     ssize_t size = 0;
-    while ((size = read(descriptor, piece.data(), piece.size())) > 0) text.append(piece.data(), size);
+    while ((size = read(descriptor, piece.data(), piece.size())) > 0) {
+        text.append(piece.data(), static_cast<size_t>(size));
+    }
     if (size < 0) throw SystemFailure(reading);
     return text;
 }
