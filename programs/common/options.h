@@ -2,9 +2,13 @@
 #define COMMON_OPTIONS_H
 
 #include <CLI/CLI.hpp>
+#include <iostream>
 #include <optional>
+#include <sstream>
 #include <string>
+#include <vector>
 
+#include "common/failure.h"
 #include "common/simulate.h"
 
 // What command lines of the programs have in common.
@@ -52,6 +56,34 @@ inline void AddSimulateOption(CLI::App* app, std::optional<std::string>* boards)
         ->expected(0, 1)
         ->default_str("1")
         ->check(SimulationError);
+}
+
+/// A command line that the program does not take. `problem` is a sentence without its period.
+inline Failure UsageFailure(const CLI::App& app, const std::string& problem) {
+    return Failure(problem + ". Run " + app.get_name() + " --help for usage.", kExitUsage);
+}
+
+/// Reads the command line. Result: the help or the version where that is asked for, which is then all that the program
+/// prints; otherwise empty. Throws `Failure`.
+inline std::string ReadCommandLine(CLI::App* app, int argc, char** argv) {
+    std::ostringstream help;
+    try {
+        app->parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        // The parser reports a misspelt command as a missing one, which would not help the user.
+        const std::vector<std::string> unexpected = app->remaining();
+        const bool bNoCommand = error.get_name() == "RequiredError" && app->get_subcommands().empty();
+        if (bNoCommand && !unexpected.empty()) throw UsageFailure(*app, "Not a command: " + unexpected.front());
+        if (error.get_exit_code() != 0) throw UsageFailure(*app, error.what());
+        app->exit(error, help);
+    }
+    return help.str();
+}
+
+/// Prints the help or the version on standard output. Result: the exit status. Throws `Failure`.
+inline int PrintHelp(const std::string& help) {
+    if (!(std::cout << help).flush()) throw Failure("Cannot write to standard output.");
+    return kExitSuccess;
 }
 
 #endif  // COMMON_OPTIONS_H

@@ -2,22 +2,21 @@
 // and changes their clocks and power limits. failure.h lists the exit statuses.
 
 #include <locale.h>
-#include <signal.h>
 
-#include <cstdlib>
+#include <algorithm>
+#include <string>
 
 #include "commands/command_line.h"
-#include "common/left_driver.h"
-#include "common/standard_streams.h"
+#include "common/run_program.h"
 
 int main(int argc, char** argv) {
-    OccupyStandardStreams();
-    // Only the character set of the terminal: numbers keep the decimal point.
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread runs yet.
-    setlocale(LC_CTYPE, "");
-    // When the reader of the output ends early, writing returns an error instead.
-    signal(SIGPIPE, SIG_IGN);
-    const int status = RunCommandLine(argc, argv);
-    if (IsDriverLeftBehind()) std::_Exit(status);
-    return status;
+    // Not from the parser, because a command line that it refuses fails in JSON too.
+    const bool bJson = std::find(argv, argv + argc, std::string("--json")) != argv + argc;
+    const auto run = [argc, argv] {
+        // Only the character set of the terminal: numbers keep the decimal point.
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread runs yet.
+        setlocale(LC_CTYPE, "");
+        return RunCommandLine(argc, argv);
+    };
+    return RunProgram(run, bJson ? PrintFailureJson : nullptr);
 }

@@ -21,6 +21,15 @@ struct LimitReason {
     bool bDanger = false;
 };
 
+/// A bit of `GpuTelemetrySample::PerformanceLimitReasons`, and the reason that it stands for.
+struct NamedLimitReason {
+    uint64_t Bit;
+    LimitReason Reason;
+};
+
+/// Every bit that has a name, in the order of NVML's bits.
+const std::vector<NamedLimitReason>& NamedLimitReasons();
+
 /// The reasons in `mask`, which is `GpuTelemetrySample::PerformanceLimitReasons`, in the order of NVML's bits. Bits
 /// without a name come last, together, as one hexadecimal number.
 std::vector<LimitReason> LimitReasons(uint64_t mask);

@@ -1,14 +1,10 @@
 #include "commands/command_line.h"
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
 #include <chrono>
 #include <cstddef>
-#include <exception>
 #include <functional>
-#include <iostream>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -82,15 +78,6 @@ struct CommandLine {
     /// Whether that command changes GPUs.
     bool bChanges = false;
 };
-
-std::string UsageSentence(const CLI::App* app, const CLI::Error& error) {
-    std::string problem = error.what();
-    // The parser reports a misspelt command as a missing one, which would not help the user.
-    const std::vector<std::string> unexpected = app->remaining();
-    const bool bNoCommand = error.get_name() == "RequiredError" && app->get_subcommands().empty();
-    if (bNoCommand && !unexpected.empty()) problem = "Not a command: " + unexpected.front();
-    return problem + ". Run gpu_monitor --help for usage.";
-}
 
 /// Adds a command that `run` carries out.
 CLI::App* AddCommand(CLI::App* app, CommandLine* commandLine, const char* name, const char* description,
@@ -256,46 +243,22 @@ int RunCommand(CommandLine* commandLine) {
     return commandLine->Run();
 }
 
-/// Reads the command line and runs its command. Result: the exit status. Throws `Failure`.
-int ParseAndRun(int argc, char** argv) {
-    CLI::App app("Shows what the NVIDIA GPUs of this machine are doing, and tunes them.", "gpu_monitor");
-    CommandLine commandLine;
-    DefineCommands(&app, &commandLine);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        if (error.get_exit_code() != 0) throw Failure(UsageSentence(&app, error), kExitUsage);
-        std::ostringstream help;
-        app.exit(error, help);
-        WriteOutput(help.str());
-        return kExitSuccess;
-    }
-    return RunCommand(&commandLine);
-}
-
-/// Prints why the command fails: a sentence on standard error and, with `bJson`, an object on standard output. Result:
-/// `exitStatus`.
-int PrintFailure(const std::string& sentence, int exitStatus, bool bJson) {
-    // In one piece: programs that run at the same time may share standard error.
-    std::cerr << sentence + '\n';
-    try {
-        if (bJson) WriteOutput(FailureJson(sentence, exitStatus));
-    } catch (const Failure&) {
-        // Standard error has it.
-    }
-    return exitStatus;
-}
-
 }  // namespace
 
 int RunCommandLine(int argc, char** argv) {
-    // Not from the parser, because a command line that it refuses fails in JSON too.
-    const bool bJson = std::find(argv, argv + argc, std::string("--json")) != argv + argc;
+    CLI::App app("Shows what the NVIDIA GPUs of this machine are doing, and tunes them.", "gpu_monitor");
+    CommandLine commandLine;
+    DefineCommands(&app, &commandLine);
+    const std::string help = ReadCommandLine(&app, argc, argv);
+    if (help.empty()) return RunCommand(&commandLine);
+    WriteOutput(help);
+    return kExitSuccess;
+}
+
+void PrintFailureJson(const std::string& sentence, int exitStatus) {
     try {
-        return ParseAndRun(argc, argv);
-    } catch (const Failure& failure) {
-        return PrintFailure(failure.what(), failure.ExitStatus, bJson);
-    } catch (const std::exception& error) {
-        return PrintFailure(std::string("Unexpected failure: ") + error.what() + '.', kExitFailure, bJson);
+        WriteOutput(FailureJson(sentence, exitStatus));
+    } catch (const Failure&) {
+        // Standard error has it.
     }
 }

@@ -4,14 +4,11 @@
 #include <charconv>
 #include <chrono>
 #include <cstddef>
-#include <exception>
-#include <iostream>
 #include <optional>
 #include <string>
 #include <system_error>
 #include <vector>
 
-#include "common/failure.h"
 #include "common/options.h"
 #include "common/simulate.h"
 #include "frames/scene_window.h"
@@ -102,19 +99,14 @@ void DefineOptions(CLI::App* app, CommandLine* commandLine) {
     app->footer(kFooter);
 }
 
-/// `what` is a sentence without its period.
-Failure UsageFailure(const std::string& what) {
-    return Failure(what + ". Run gpu_overlay --help for usage.", kExitUsage);
-}
-
 /// Result: the exit status. Throws `Failure`.
-int Run(CommandLine* commandLine) {
+int Run(const CLI::App& app, CommandLine* commandLine) {
     OverlayOptions* const options = &commandLine->Options;
     if (options->Loads.size() > 1 && options->FramesPerLoad == 0) {
-        throw UsageFailure("Several loads need --frames");
+        throw UsageFailure(app, "Several loads need --frames");
     }
     if (!options->ReportPath.empty() && options->ReportPath == options->ScreenshotPath) {
-        throw UsageFailure("--report and --screenshot name the same file");
+        throw UsageFailure(app, "--report and --screenshot name the same file");
     }
     options->Interval = std::chrono::milliseconds(commandLine->IntervalMs);
     if (!commandLine->Size.empty()) ReadSize(commandLine->Size, &options->Size);
@@ -122,33 +114,13 @@ int Run(CommandLine* commandLine) {
     return RunOverlay(*options);
 }
 
-/// Reads the command line and runs. Result: the exit status. Throws `Failure`.
-int ParseAndRun(int argc, char** argv) {
+}  // namespace
+
+int RunCommandLine(int argc, char** argv) {
     CLI::App app("Draws a scene, measures its frames, and shows them over the power, clocks and limits of\nthe GPUs.",
                  "gpu_overlay");
     CommandLine commandLine;
     DefineOptions(&app, &commandLine);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        if (error.get_exit_code() != 0) throw UsageFailure(error.what());
-        app.exit(error, std::cout);
-        if (!std::cout.flush()) throw Failure("Cannot write to standard output.");
-        return kExitSuccess;
-    }
-    return Run(&commandLine);
-}
-
-}  // namespace
-
-int RunCommandLine(int argc, char** argv) {
-    try {
-        return ParseAndRun(argc, argv);
-    } catch (const Failure& failure) {
-        std::cerr << std::string(failure.what()) + '\n';
-        return failure.ExitStatus;
-    } catch (const std::exception& error) {
-        std::cerr << std::string("Unexpected failure: ") + error.what() + ".\n";
-        return kExitFailure;
-    }
+    const std::string help = ReadCommandLine(&app, argc, argv);
+    return help.empty() ? Run(app, &commandLine) : PrintHelp(help);
 }

@@ -1,8 +1,7 @@
 #ifndef GPU_OVERLAY_COMMAND_LINE_H
 #define GPU_OVERLAY_COMMAND_LINE_H
 
-/// Reads the command line and does what it says. Prints failures as one sentence on standard error. Result: the exit
-/// status.
+/// Reads the command line and does what it says. Result: the exit status. Throws `Failure`.
 int RunCommandLine(int argc, char** argv);
 
 #endif  // GPU_OVERLAY_COMMAND_LINE_H
