@@ -19,6 +19,7 @@ finish() {
     local status=$?
     if ((status != 0)); then tail -n 20 -- "$scratch"/*.log; fi
     if ((${#started[@]} > 0)); then
+        kill -CONT "${started[@]}" || true
         kill "${started[@]}" || true
         wait "${started[@]}" || true
     fi
@@ -55,12 +56,20 @@ answers() {
     [[ $answer != *$'\n'* && $answer == ${2-} ]]
 }
 
-expect() { await "$1 is ${2-nothing}; it is $(ask "$1")" answers "$@"; }
+expect() {
+    if ! await "$1 is ${2-nothing}" answers "$@"; then
+        echo "it is: $(ask "$1")"
+        return 1
+    fi
+}
 
 LD_LIBRARY_PATH=$2 NVML_SIM_BOARDS=datacenter,desktop NVML_SIM_LOSE=1@1000 \
     "$1" --listen 127.0.0.1:0 --interval 100 2>"$scratch/exporter.log" &
-started+=($!)
+exporter=$!
+started+=("$exporter")
 await 'gpu_exporter listens' listens exporter.log 'Listening on'
+# Until Prometheus scrapes, which it begins after some seconds: GPU 1 must not be lost before that.
+kill -STOP "$exporter"
 cat >"$scratch/prometheus.yml" <<END
 global:
   scrape_interval: 500ms
@@ -74,6 +83,8 @@ prometheus --config.file="$scratch/prometheus.yml" --storage.tsdb.path="$scratch
 started+=($!)
 await 'Prometheus listens' listens prometheus.log 'Listening on'
 prometheus=http://127.0.0.1:$port
+expect 'up{job="gpu"}' '* => 0 @*'
+kill -CONT "$exporter"
 
 expect 'gpu_up{gpu="0"}' '*uuid="GPU-233110de-51a7-4e5f-8d0c-0000a1b2c300"} => 1 @*'
 expect 'up{job="gpu"}' '* => 1 @*'
