@@ -108,6 +108,7 @@ public:
     void PrintLoad() {
         std::vector<Scrapes> ofScrapers(static_cast<size_t>(Chosen.Scrapers));
         std::vector<std::thread> scrapers;
+        scrapers.reserve(ofScrapers.size());
         const auto end = Clock::now() + Seconds(Chosen.LoadSeconds);
         for (Scrapes& scrapes : ofScrapers) {
             scrapers.emplace_back([this, &scrapes, end] {

@@ -14,9 +14,10 @@ namespace {
 
 using namespace testing;
 
-const std::string kSimulator = "LD_LIBRARY_PATH='" SIMULATOR_DIR "' ";
-const std::string kHead = "GET /metrics HTTP/1.1\r\nHost: localhost\r\n";
-const std::string kPost = "POST /metrics HTTP/1.1\r\nHost: localhost\r\n";
+/// The environment in which the exporter finds the simulator as any NVML client does, with these variables.
+std::string OnSimulator(const std::string& variables) {
+    return "LD_LIBRARY_PATH='" SIMULATOR_DIR "' " + variables;
+}
 
 /// Asks until a page is as wanted; gives that page, or the last one.
 std::string PageThat(const Matcher<const std::string&>& wanted, const ExporterProcess& exporter) {
@@ -41,7 +42,7 @@ std::string SeriesOf(const std::string& gpu, const std::string& page) {
 
 TEST(ExporterTest, PageHasTheSimulatedValuesAndIsWellFormed) {
     const ExporterProcess exporter("--simulate=desktop,laptop,datacenter,old --processes");
-    const std::string third = "{gpu=\"2\",uuid=\"GPU-233110de-51a7-4e5f-8d0c-0000a1b2c302\"";
+    const std::string third = R"({gpu="2",uuid="GPU-233110de-51a7-4e5f-8d0c-0000a1b2c302")";
     const std::string page = PageThat(HasSubstr("gpu_up" + third + "} 1\n"), exporter);
     EXPECT_THAT(page, AllOf(HasSubstr("\ngpu_memory_size_bytes" + third + "} 85520809984\n"),
                             HasSubstr("\ngpu_power_limit_minimum_watts" + third + "} 200\n"),
@@ -56,7 +57,7 @@ TEST(ExporterTest, PageHasTheSimulatedValuesAndIsWellFormed) {
 }
 
 TEST(ExporterTest, LostGpuIsDownAndItsSeriesGo) {
-    ExporterProcess exporter("--interval 100", kSimulator + "NVML_SIM_BOARDS=2 NVML_SIM_LOSE=1@100");
+    ExporterProcess exporter("--interval 100", OnSimulator("NVML_SIM_BOARDS=2 NVML_SIM_LOSE=1@100"));
     const std::string page = PageThat(ContainsRegex("\ngpu_up[{]gpu=\"1\"[^\n]* 0\n"), exporter);
     EXPECT_THAT(SeriesOf("1", page), MatchesRegex("gpu_up[^\n]* 0\ngpu_reading_age_seconds[^\n]* [0-9.]+\n"));
     EXPECT_THAT(SeriesOf("0", page), AllOf(ContainsRegex("gpu_up[^\n]* 1\n"), HasSubstr("gpu_power_watts")));
@@ -67,7 +68,7 @@ TEST(ExporterTest, LostGpuIsDownAndItsSeriesGo) {
 TEST(ExporterTest, NeitherScrapesNorTheEndWaitForADriverThatHangs) {
     // A call that hangs never returns, so whatever waits for it does not end.
     for (const std::string calls : {"0", "100"}) {
-        ExporterProcess exporter("--interval 100", kSimulator + "NVML_SIM_HANG=0@" + calls);
+        ExporterProcess exporter("--interval 100", OnSimulator("NVML_SIM_HANG=0@" + calls));
         const auto isSilent = ContainsRegex("\ngpu_exporter_driver_silence_seconds ([1-9]|0[.][3-9])");
         EXPECT_THAT(PageThat(isSilent, exporter), isSilent) << calls;
         EXPECT_EQ(exporter.Stop(), 0) << calls << exporter.Log;
@@ -135,25 +136,27 @@ TEST(ExporterTest, FailuresHaveOneSentenceAndTheirStatus) {
 }
 
 TEST(ExporterTest, HostileClientsStopNeitherScrapesNorTheEnd) {
-    ExporterProcess exporter("--interval 100", kSimulator + "NVML_SIM_BOARDS=64");
+    ExporterProcess exporter("--interval 100", OnSimulator("NVML_SIM_BOARDS=64"));
     const auto isWhole = ContainsRegex("\ngpu_up[{]gpu=\"63\"[^\n]* 1\n");
     EXPECT_THAT(PageThat(isWhole, exporter), isWhole);
-    std::string manyFields = kHead;
+    const std::string head = "GET /metrics HTTP/1.1\r\nHost: localhost\r\n";
+    const std::string post = "POST /metrics HTTP/1.1\r\nHost: localhost\r\n";
+    std::string manyFields = head;
     for (int i = 0; i < 2000; ++i) manyFields += "A: b\r\n";
     const std::pair<std::string, std::string> clients[] = {
         {"half-open connections", ""},
-        {"slow senders", kHead},
-        {"slow readers", kHead + "\r\n" + kHead + "\r\n"},
+        {"slow senders", head},
+        {"slow readers", head + "\r\n" + head + "\r\n"},
         {"no HTTP", "\x16\x03\x01\xff\r\n\r\n"},
         {"no version", "GET /metrics\r\n\r\n"},
         {"a long path", "GET /" + std::string(100000, 'a') + " HTTP/1.1\r\n\r\n"},
         {"a path outside", "GET /../../../../etc/passwd HTTP/1.1\r\nHost: localhost\r\n\r\n"},
-        {"a long field", kHead + "A: " + std::string(1 << 20, 'a') + "\r\n\r\n"},
+        {"a long field", head + "A: " + std::string(1 << 20, 'a') + "\r\n\r\n"},
         {"many fields", manyFields + "\r\n"},
-        {"a body that does not come", kPost + "Content-Length: 1000000000\r\n\r\n"},
-        {"a length that is not one", kPost + "Content-Length: -1\r\n\r\n"},
-        {"bad chunks", kPost + "Transfer-Encoding: chunked\r\n\r\nzzzz\r\n"},
-        {"an upgrade", kHead + "Connection: Upgrade\r\nUpgrade: websocket\r\nSec-WebSocket-Version: 13\r\n\r\n"},
+        {"a body that does not come", post + "Content-Length: 1000000000\r\n\r\n"},
+        {"a length that is not one", post + "Content-Length: -1\r\n\r\n"},
+        {"bad chunks", post + "Transfer-Encoding: chunked\r\n\r\nzzzz\r\n"},
+        {"an upgrade", head + "Connection: Upgrade\r\nUpgrade: websocket\r\nSec-WebSocket-Version: 13\r\n\r\n"},
     };
     std::list<HttpConnection> open;
     for (const auto& [name, bytes] : clients) {

@@ -14,11 +14,11 @@ class ExporterProcess {
 public:
     /// `options` and, before the program, `environment` (assignments) are written as for a shell. Returns when the
     /// program serves, or has ended without that.
-    explicit ExporterProcess(const std::string& options, const std::string& environment = {})
-        : Output(popen(("echo $$; exec setpriv --pdeathsig KILL env " + environment +
-                        " '" PROGRAM_DIR "/gpu_exporter' --listen 127.0.0.1:0 " + options + " 2>&1")
-                           .c_str(),
-                       "r")) {
+    explicit ExporterProcess(const std::string& options, const std::string& environment = {}) {
+        const std::string command = "echo $$; exec setpriv --pdeathsig KILL env " + environment +
+                                    " '" PROGRAM_DIR "/gpu_exporter' --listen 127.0.0.1:0 " + options + " 2>&1";
+        // NOLINTNEXTLINE(cert-env33-c): a shell, as for a user
+        Output = popen(command.c_str(), "r");
         while (Port == 0 && ReadLine()) {
         }
     }
@@ -59,7 +59,7 @@ private:
         return true;
     }
 
-    FILE* Output;
+    FILE* Output = nullptr;
 };
 
 #endif  // EXPORTER_PROCESS_H

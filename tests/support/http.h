@@ -53,7 +53,8 @@ public:
         if (text.size() < headBytes) return {};
         const std::string length = "Content-Length: " + std::to_string(text.size() - headBytes) + "\r\n";
         if (text.find(length) > headBytes) return {};
-        return {std::atoi(text.c_str() + std::strlen("HTTP/1.1 ")), text.substr(0, headBytes), text.substr(headBytes)};
+        return {static_cast<int>(std::strtol(text.c_str() + std::strlen("HTTP/1.1 "), nullptr, 10)),
+                text.substr(0, headBytes), text.substr(headBytes)};
     }
 
 private:
