@@ -51,7 +51,7 @@ constexpr const char* kPlainText = "text/plain; charset=utf-8";
 struct Answer {
     int Status;
     /// Empty: what the status means.
-    std::string Body = "";
+    std::string Body = {};
     const char* ContentType = kPlainText;
     const char* Header = "";
 };
