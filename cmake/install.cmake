@@ -70,9 +70,8 @@ install(FILES "${CMAKE_CURRENT_BINARY_DIR}/package/nvml_gpu_monitor.pc"
 
 # ---- The programs and the simulator ----
 
+file(RELATIVE_PATH library_from_programs "${CMAKE_INSTALL_FULL_BINDIR}" "${CMAKE_INSTALL_FULL_LIBDIR}")
 if(TARGET gpu_monitor)
-    file(RELATIVE_PATH library_from_programs
-        "${CMAKE_INSTALL_FULL_BINDIR}" "${CMAKE_INSTALL_FULL_LIBDIR}")
     set_target_properties(gpu_monitor PROPERTIES INSTALL_RPATH "$ORIGIN/${library_from_programs}")
     install(TARGETS gpu_monitor RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT tools)
     install(FILES programs/gpu_monitor/install/gpu_monitor.1 DESTINATION "${CMAKE_INSTALL_MANDIR}/man1" COMPONENT tools)
@@ -95,6 +94,27 @@ if(TARGET gpu_overlay)
         DESTINATION "${CMAKE_INSTALL_MANDIR}/man1" COMPONENT overlay)
     install(FILES programs/gpu_overlay/install/gpu_overlay.desktop
         DESTINATION "${CMAKE_INSTALL_DATADIR}/applications" COMPONENT overlay)
+endif()
+if(TARGET gpu_exporter)
+    set(exporter_dir programs/gpu_exporter)
+    set_target_properties(gpu_exporter PROPERTIES INSTALL_RPATH "$ORIGIN/${library_from_programs}")
+    install(TARGETS gpu_exporter RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT exporter)
+    install(FILES ${exporter_dir}/install/gpu_exporter.1 DESTINATION "${CMAKE_INSTALL_MANDIR}/man1" COMPONENT exporter)
+    # systemd looks for units and users below /usr and /usr/local alike.
+    configure_file(${exporter_dir}/install/gpu-exporter.service.in
+        "${CMAKE_CURRENT_BINARY_DIR}/package/gpu-exporter.service" @ONLY)
+    install(FILES "${CMAKE_CURRENT_BINARY_DIR}/package/gpu-exporter.service"
+        DESTINATION lib/systemd/system COMPONENT exporter)
+    install(FILES ${exporter_dir}/install/gpu-exporter.sysusers
+        DESTINATION lib/sysusers.d RENAME gpu-exporter.conf COMPONENT exporter)
+    # Outside the prefix, so only packages bring it. The unit does without it.
+    install(FILES ${exporter_dir}/install/gpu-exporter.default
+        DESTINATION /etc/default RENAME gpu-exporter COMPONENT exporter EXCLUDE_FROM_ALL)
+    install(FILES
+        ${exporter_dir}/prometheus/scrape.yml
+        ${exporter_dir}/prometheus/gpu_rules.yml
+        ${exporter_dir}/prometheus/dashboard.json
+        DESTINATION "${CMAKE_INSTALL_DATADIR}/gpu_exporter" COMPONENT exporter)
 endif()
 if(TARGET simulated_nvml)
     # In a folder of its own, where no loader looks by itself: it must never replace a driver by accident.

@@ -19,6 +19,7 @@ if(NVML_GPU_MONITOR_LIBRARY_TYPE STREQUAL "SHARED_LIBRARY")
     set(library_package "libnvml-gpu-monitor${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR}")
     set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${library_package} (= ${PROJECT_VERSION})")
     set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${library_package} (= ${PROJECT_VERSION})")
+    set(CPACK_DEBIAN_EXPORTER_PACKAGE_DEPENDS "${library_package} (= ${PROJECT_VERSION}), ")
 endif()
 if(TARGET gpu_monitor)
     list(APPEND CPACK_COMPONENTS_ALL tools)
@@ -27,6 +28,10 @@ endif()
 if(TARGET gpu_overlay)
     list(APPEND CPACK_COMPONENTS_ALL overlay)
     add_dependencies(packaged gpu_overlay)
+endif()
+if(TARGET gpu_exporter)
+    list(APPEND CPACK_COMPONENTS_ALL exporter)
+    add_dependencies(packaged gpu_exporter)
 endif()
 if(TARGET simulated_nvml)
     list(APPEND CPACK_COMPONENTS_ALL simulator)
@@ -63,6 +68,20 @@ set(CPACK_DEBIAN_OVERLAY_PACKAGE_SUGGESTS nvml-gpu-monitor-simulator)
 set(CPACK_DEBIAN_OVERLAY_DESCRIPTION "Shows how NVIDIA GPUs follow a scene that is drawn
 Draws a scene whose work a slider sets, and shows the GPU time of its frames
 over power, temperature, clocks and limits, which can be changed.")
+
+set(CPACK_DEBIAN_EXPORTER_PACKAGE_NAME gpu-exporter)
+set(CPACK_DEBIAN_EXPORTER_PACKAGE_SECTION net)
+# The user is made by systemd-sysusers.
+string(APPEND CPACK_DEBIAN_EXPORTER_PACKAGE_DEPENDS "systemd | systemd-standalone-sysusers | systemd-sysusers")
+set(CPACK_DEBIAN_EXPORTER_PACKAGE_SUGGESTS "prometheus, nvml-gpu-monitor-simulator")
+set(exporter_control_dir "${CMAKE_CURRENT_SOURCE_DIR}/programs/gpu_exporter/install/debian")
+set(CPACK_DEBIAN_EXPORTER_PACKAGE_CONTROL_EXTRA
+    "${exporter_control_dir}/conffiles;${exporter_control_dir}/postinst"
+    "${exporter_control_dir}/prerm;${exporter_control_dir}/postrm")
+set(CPACK_DEBIAN_EXPORTER_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+set(CPACK_DEBIAN_EXPORTER_DESCRIPTION "Exports the telemetry of NVIDIA GPUs to Prometheus
+Serves the readings of all GPUs of this machine over HTTP, as a service with a
+user of its own. Brings rules, alerts and a dashboard for Grafana.")
 
 set(CPACK_DEBIAN_SIMULATOR_PACKAGE_NAME nvml-gpu-monitor-simulator)
 set(CPACK_DEBIAN_SIMULATOR_PACKAGE_SECTION devel)

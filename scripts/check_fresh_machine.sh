@@ -53,4 +53,13 @@ inside '
     done
     c++ -std=c++17 "$hosts/nvml_gpu_monitor_host.cpp" $(pkg-config --cflags --libs nvml_gpu_monitor) -ldl -o /linked
     /linked "$simulator"'
+begin 'the service of the exporter: enabled, installed again, removed'
+# shellcheck disable=SC2016
+inside '
+    getent passwd gpu-exporter
+    systemctl is-enabled gpu-exporter
+    dpkg --install /project/build/package/packed/gpu-exporter_*.deb
+    dpkg --purge gpu-exporter
+    [[ -z $(find /etc /var/lib -name "gpu[-_]exporter*") ]]
+    ! systemctl is-enabled prometheus'
 begin "passed; the system is in $root"

@@ -29,6 +29,8 @@ have_opengl() { compgen -G '/usr/lib*/libOpenGL.so' || compgen -G '/usr/lib/*/li
 
 have_software_opengl() { compgen -G '/usr/lib*/dri/swrast_dri.so' || compgen -G '/usr/lib/*/dri/swrast_dri.so'; } >/dev/null
 
+have_prometheus() { have prometheus && have promtool; }
+
 # set | package of Debian and Ubuntu | command that succeeds when the package's files are there
 needs=(
     "run|g++|have ${compiler%% *}"
@@ -46,6 +48,8 @@ needs=(
     "test|libgl-dev|header GL/glcorearb.h"
     "test|libopengl-dev|have_opengl"
     "test|libpng-dev|header png.h"
+    "test|prometheus-cpp-dev|header prometheus/exposer.h"
+    "test|libcivetweb-dev|header CivetServer.h"
     "test|xvfb|have Xvfb"
     "test|xauth|have xauth" # xvfb-run needs it
     "test|libgl1-mesa-dri|have_software_opengl"
@@ -59,6 +63,10 @@ needs=(
     "ci|dpkg-dev|have dpkg-shlibdeps"
     "ci|git|have git" # names the sources whose format is checked
     "ci|file|have file" # cpack looks for dependencies in what it calls an executable
+    "ci|systemd|have systemd-analyze"
+    "ci|curl|have curl"
+    "ci|jq|have jq"
+    "ci|prometheus|have_prometheus"
 )
 
 # Fills `missing` with the packages whose probe fails. Headers cannot be probed without a compiler, so the packages with
@@ -92,8 +100,30 @@ require_recent_cmake() {
     exit 1
 }
 
+# Debian starts and enables the services that it installs. Prometheus is only a tool of the checks here: it is not
+# started now, nor when the machine starts again. One that was installed before is left as it is.
+start_policy=/usr/sbin/policy-rc.d
+
+forbid_prometheus() {
+    [[ " ${missing[*]} " == *' prometheus '* ]] || return 0
+    if have prometheus || [[ -e /etc/systemd/system/prometheus.service ]] ||
+        { [[ -e $start_policy ]] && { [[ ! -x $start_policy ]] || "$start_policy" prometheus start; }; }; then
+        echo "setup: install the package prometheus by hand: here its service could start or replace another one" >&2
+        exit 1
+    fi
+    trap disable_prometheus EXIT
+    if [[ ! -e $start_policy ]]; then
+        trap 'disable_prometheus; "${as_root[@]}" rm -f -- "$start_policy"' EXIT
+        printf '#!/bin/sh\nexit 101\n' | "${as_root[@]}" install -m 755 /dev/stdin "$start_policy"
+    fi
+}
+
+disable_prometheus() {
+    if have prometheus; then "${as_root[@]}" update-rc.d prometheus disable; fi
+}
+
+as_root=()
 install_missing() {
-    local as_root=()
     local install=(apt-get install --yes --no-install-recommends "${missing[@]}")
     if ((EUID != 0)); then
         if ! have sudo; then
@@ -110,6 +140,7 @@ install_missing() {
     # Everything goes to standard error, because the calling script prints its answer to standard output. An update that
     # fails may not matter, so only the installation decides. Automatic updates often hold the lock for a moment.
     local apt_environment=(env DEBIAN_FRONTEND=noninteractive)
+    forbid_prometheus
     "${as_root[@]}" "${apt_environment[@]}" apt-get -q update </dev/null >&2 ||
         echo "setup: apt-get update failed; going on with the package lists at hand" >&2
     if ! "${as_root[@]}" "${apt_environment[@]}" "${install[@]}" -q -o DPkg::Lock::Timeout=120 </dev/null >&2; then
