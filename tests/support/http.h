@@ -14,7 +14,6 @@
 struct HttpAnswer {
     /// 0 when no complete answer came.
     int Status = 0;
-    std::string Head = {};
     std::string Body = {};
 };
 
@@ -24,9 +23,7 @@ public:
     explicit HttpConnection(int port, int receiveBytes = 1 << 18)
         : Socket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
         const timeval patience{10, 0};
-        for (const int option : {SO_RCVTIMEO, SO_SNDTIMEO}) {
-            setsockopt(Socket, SOL_SOCKET, option, &patience, sizeof patience);
-        }
+        setsockopt(Socket, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
         setsockopt(Socket, SOL_SOCKET, SO_RCVBUF, &receiveBytes, sizeof receiveBytes);
         const sockaddr_in server{AF_INET, htons(static_cast<uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
         // Without a connection nothing can be sent, and no answer comes.
@@ -46,15 +43,14 @@ public:
         Send("GET " + path + " HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n" + fields + "\r\n");
         std::string text;
         char part[1 << 16];
-        for (ssize_t count = 1; count > 0; text.append(part, static_cast<size_t>(count > 0 ? count : 0))) {
-            count = recv(Socket, part, sizeof part, 0);
-        }
+        ssize_t count = 0;
+        while ((count = recv(Socket, part, sizeof part, 0)) > 0) text.append(part, static_cast<size_t>(count));
         const size_t headBytes = text.find("\r\n\r\n") + 4;
         if (text.size() < headBytes) return {};
         const std::string length = "Content-Length: " + std::to_string(text.size() - headBytes) + "\r\n";
         if (text.find(length) > headBytes) return {};
-        return {static_cast<int>(std::strtol(text.c_str() + std::strlen("HTTP/1.1 "), nullptr, 10)),
-                text.substr(0, headBytes), text.substr(headBytes)};
+        const char* status = text.c_str() + std::strlen("HTTP/1.1 ");
+        return {static_cast<int>(std::strtol(status, nullptr, 10)), text.substr(headBytes)};
     }
 
 private:
