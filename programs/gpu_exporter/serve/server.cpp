@@ -92,7 +92,7 @@ std::string ReasonIn(const std::string& problem) {
 }
 
 /// Called by the web server with its messages. Those that clients cause later, on its own threads, would only fill the
-/// journal. Result: that the message needs no other place.
+/// journal. Result: 1, so that the web server does not write the message elsewhere, too.
 int NoteProblem(const mg_connection* /*connection*/, const char* problem) {
     if (FirstProblem != nullptr && FirstProblem->empty()) *FirstProblem = problem;
     return 1;
