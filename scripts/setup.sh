@@ -50,6 +50,7 @@ needs=(
     "test|libpng-dev|header png.h"
     "test|prometheus-cpp-dev|header prometheus/exposer.h"
     "test|libcivetweb-dev|header CivetServer.h"
+    "test|curl|have curl"
     "test|xvfb|have Xvfb"
     "test|xauth|have xauth" # xvfb-run needs it
     "test|libgl1-mesa-dri|have_software_opengl"
@@ -64,7 +65,6 @@ needs=(
     "ci|git|have git" # names the sources whose format is checked
     "ci|file|have file" # cpack looks for dependencies in what it calls an executable
     "ci|systemd|have systemd-analyze"
-    "ci|curl|have curl"
     "ci|jq|have jq"
     "ci|prometheus|have_prometheus"
 )
