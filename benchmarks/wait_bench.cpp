@@ -3,9 +3,7 @@
 
 #include <benchmark/benchmark.h>
 
-#include <algorithm>
 #include <chrono>
-#include <cstddef>
 #include <cstdint>
 #include <random>
 #include <thread>
@@ -13,6 +11,7 @@
 
 #include "boards.h"
 #include "nvml_gpu_monitor.h"
+#include "quantile.h"
 #include "sampler.h"
 #include "simulated_nvml.h"
 
@@ -49,12 +48,6 @@ private:
     Clock::time_point Moment = Clock::now();
     Clock::time_point LatestEnd = Moment;
 };
-
-double Quantile(std::vector<double>* values, double share) {
-    const auto place = static_cast<std::ptrdiff_t>(static_cast<double>(values->size() - 1) * share);
-    std::nth_element(values->begin(), values->begin() + place, values->end());
-    return (*values)[static_cast<size_t>(place)];
-}
 
 /// A sampler with this interval whose histories are full already.
 void StartFull(NvmlGpuMonitor* monitor, int64_t boards, std::chrono::milliseconds interval) {

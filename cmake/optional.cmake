@@ -1,5 +1,5 @@
-# nvml_gpu_monitor_add_optional_program(NAME MISSING...): adds the program, unless something is missing that it needs. The names of what is
-# missing are printed.
+# nvml_gpu_monitor_add_optional_program(NAME MISSING...): adds the program, unless something is missing that it needs.
+# The names of what is missing are printed.
 function(nvml_gpu_monitor_add_optional_program name)
     if(ARGN)
         list(JOIN ARGN ", " missing)

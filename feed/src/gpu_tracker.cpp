@@ -1,6 +1,7 @@
 #include "gpu_tracker.h"
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "gpu_feed/readings.h"
@@ -8,6 +9,12 @@
 namespace gpu_feed {
 
 namespace {
+
+/// Null when no GPU of `gpus` has this key.
+std::shared_ptr<const FeedGpu> FindIn(const GpuTracker::GpuList& gpus, const std::string& key) {
+    const auto gpu = std::find_if(gpus.begin(), gpus.end(), [&key](const auto& each) { return each->Key == key; });
+    return gpu == gpus.end() ? nullptr : *gpu;
+}
 
 /// A key that no other GPU of `histories` has: drivers have given several GPUs one UUID.
 std::string KeyOf(const GpuDeviceInfo& device, const std::vector<GpuTelemetryHistory>& histories) {
@@ -76,15 +83,14 @@ std::vector<FeedGpu> GpuTracker::Follow(const std::vector<GpuTelemetryHistory>& 
 }
 
 std::shared_ptr<const FeedGpu> GpuTracker::Find(const std::string& key) const {
-    const auto gpu =
-        std::find_if(Published.begin(), Published.end(), [&key](const auto& each) { return each->Key == key; });
-    return gpu == Published.end() ? nullptr : *gpu;
+    return FindIn(Published, key);
 }
 
 FeedGpu GpuTracker::Recall(const std::string& key) const {
     FeedGpu gpu;
     gpu.Key = key;
-    const std::shared_ptr<const FeedGpu> before = Find(key);
+    std::shared_ptr<const FeedGpu> before = Find(key);
+    if (before == nullptr) before = FindIn(Missing, key);
     if (before == nullptr) return gpu;
     gpu.Samples = before->Samples;
     gpu.Latest = before->Latest;
@@ -129,10 +135,16 @@ double GpuTracker::LongestPeriod(const std::vector<GpuTelemetryHistory>& histori
 }
 
 std::shared_ptr<const FeedGpu> GpuTracker::Publish(std::vector<FeedGpu> gpus) {
-    std::vector<std::shared_ptr<const FeedGpu>> published;
+    GpuList published;
     published.reserve(gpus.size());
     for (FeedGpu& gpu : gpus) published.push_back(std::make_shared<const FeedGpu>(std::move(gpu)));
+    GpuList missing;
+    for (const GpuList* list : {&Published, &Missing}) {
+        std::copy_if(list->begin(), list->end(), std::back_inserter(missing),
+                     [&published](const auto& gpu) { return FindIn(published, gpu->Key) == nullptr; });
+    }
     Published = std::move(published);
+    Missing = std::move(missing);
     std::shared_ptr<const FeedGpu> newest;
     for (const auto& gpu : Published) {
         if (gpu->Samples.empty() || gpu->Samples.back().TimestampSeconds <= NewestSeen) continue;

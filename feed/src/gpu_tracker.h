@@ -32,8 +32,9 @@ public:
     void SetInterval(std::chrono::milliseconds interval, double now);
 
     /// Takes over the whole `histories` when sampling begins or goes on at `now`. What is known of a GPU's samples goes
-    /// on. Only for a GPU without a lasting name it begins again when NVML has been started anew: when the history has
-    /// lost the newest of these samples. No GPU counts as silent then, and periods are measured anew.
+    /// on, also where the histories before did not have the GPU. Only for a GPU without a lasting name it begins again
+    /// when NVML has been started anew: when the history has lost the newest of these samples. No GPU counts as silent
+    /// then, and periods are measured anew.
     void Begin(const std::vector<GpuTelemetryHistory>& histories, double now);
 
     /// Takes over what a look at `now` has found: histories with at least the samples that are newer than
@@ -65,6 +66,8 @@ private:
     std::chrono::duration<double> Interval;
     const DescribeProcesses Describe;
     GpuList Published;
+    /// As they were last: the GPUs that the latest histories do not have.
+    GpuList Missing;
     /// Older samples say nothing about the period.
     double PeriodsSince = 0.0;
     double NewestSeen = 0.0;

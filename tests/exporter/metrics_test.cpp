@@ -76,9 +76,9 @@ TEST_F(MetricsTest, AGpuThatIsNotLiveHasOnlyItsStateAndItsAge) {
     EXPECT_EQ(Page(Gpus, "gpu_"),
               "up/0/A/ 0, up/1/D/ 0, up/1/B/ 0, up/2/C/ 0, reading_age_seconds/0/A/ 0.5, "
               "reading_age_seconds/1/B/ 0.5, reading_age_seconds/2/C/ 1.5, ");
-    Publish({MakeGpu(0, "B", 0.0)}, FeedState::Sampling, 999.0);
+    Publish({MakeGpu(0, "B", 998.5)}, FeedState::Sampling, 999.0);
     EXPECT_EQ(Page(Gpus, "gpu_up") + Page(Gpus, "gpu_reading_age_seconds{gpu=\"0\",uuid=\"B\""),
-              "/0/B/ 0, /0/A/ 0, /1/D/ 0, /2/C/ 0, } 0.5, ");
+              "/0/B/ 0, /0/A/ 0, /1/D/ 0, /2/C/ 0, } 1.5, ");
 }
 
 TEST_F(MetricsTest, ForeignTextsDoNotSpoilThePage) {

@@ -109,7 +109,9 @@ TEST_F(GpuTrackerTest, HistoryAndEnergyGoOnByKeyAndANewStartOfNvmlEmptiesWhatOnl
         {true,
          {History("a", {Sample(3.0), Sample(4.0)}), History("", {Sample(2.5)}, "", 1)},
          "4; a 0: 400 J 2 3 4; 1 1: 0 J 2.5"},
-        // NVML is started anew and gives the GPUs other indices, and one of them a history that has begun already.
+        // NVML is started anew, and the first one is missing.
+        {true, {History("", {}, "", 1), History("b", {})}, "4; 1 1: 0 J; b 0: 0 J"},
+        // Another start gives the GPUs other indices, and one of them a history that has begun already.
         {true, {History("", {}, "", 1), History("a", {Sample(9.0)}, "", 2)}, "9; 1 1: 0 J; a 2: 1400 J 2 3 4 9"},
         // The other one gives a sample without a moment first.
         {false,

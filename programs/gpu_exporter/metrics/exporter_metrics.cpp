@@ -40,6 +40,7 @@ void AddStatus(const FeedMoment& moment, Page* page) {
         AddSeries({{"state", word}}, moment.Data->State == state ? 1.0 : 0.0, &family);
     }
     AddFamily(std::move(family), page);
+    if (moment.Data->Status.empty()) return;
     AddSingle(MakeFamily("gpu_exporter_status_info", "What the exporter says of the driver; always 1."),
               {{"status", LabelText(moment.Data->Status)}}, 1.0, page);
 }
@@ -58,9 +59,10 @@ void AddCycle(const FeedMoment& moment, Page* page) {
         AddSingle(MakeFamily("gpu_exporter_cycle_duration_seconds", "How long the latest cycle over all GPUs took."),
                   {}, std::max(0.0, period - interval), page);
     }
-    AddSingle(MakeFamily("gpu_exporter_driver_silence_seconds",
-                         "How long the exporter has been waiting for an answer of the driver; 0 while it is not."),
-              {}, moment.DriverSilence, page);
+    AddSingle(
+        MakeFamily("gpu_exporter_driver_silence_seconds",
+                   "How long the exporter has been waiting for an answer of the driver; 0 while it does not wait."),
+        {}, moment.DriverSilence, page);
 }
 
 void AddProcess(double startedAt, Page* page) {
@@ -90,10 +92,9 @@ ExporterMetrics::ExporterMetrics(std::function<FeedMoment()> moment, std::string
 Page ExporterMetrics::Collect() const {
     const FeedMoment moment = Moment();
     Page page;
-    AddSingle(MakeFamily("gpu_exporter_build_info",
-                         "Version of the exporter, and whether its GPUs are simulated; "
-                         "always 1."),
-              {{"version", Version}, {"simulated", moment.bSimulated ? "true" : "false"}}, 1.0, &page);
+    AddSingle(
+        MakeFamily("gpu_exporter_build_info", "Version of the exporter, and whether its GPUs are simulated; always 1."),
+        {{"version", Version}, {"simulated", moment.bSimulated ? "true" : "false"}}, 1.0, &page);
     AddStatus(moment, &page);
     AddCycle(moment, &page);
     MetricFamily scrapes = MakeFamily("gpu_exporter_scrape_duration_seconds",

@@ -111,8 +111,8 @@ void AddLimitReasons(const GpuList& gpus, Page* page) {
     MetricFamily family = MakeFamily("gpu_clock_limit_reason",
                                      "1 while this is a reason why the clocks are not higher, otherwise 0. Every "
                                      "reason is 0 when nothing limits the clocks and also when the reasons could not "
-                                     "be read, because the driver's answer does not differ. The reason idle means "
-                                     "that the GPU has nothing to do.");
+                                     "be read, because the driver answers the same in both cases. The reason idle "
+                                     "means that the GPU has nothing to do.");
     family.metric.reserve(gpus.size() * gpu_feed::NamedLimitReasons().size());
     for (const auto& [bit, reason] : gpu_feed::NamedLimitReasons()) {
         std::string word = reason.Word;
@@ -143,8 +143,8 @@ void AddProcesses(const GpuList& gpus, Page* page) {
 GpuList AddPresence(const FeedMoment& moment, const GpuRoster& roster, Page* page) {
     MetricFamily up = MakeFamily("gpu_up",
                                  "1 while readings of the GPU come in time, 0 when they are overdue, the GPU "
-                                 "is missing or the driver is unavailable. Without a series: the first "
-                                 "reading is still awaited.");
+                                 "is missing or the driver is unavailable. It has no series while the "
+                                 "first reading is awaited.");
     MetricFamily age = MakeFamily("gpu_reading_age_seconds", "Age of the latest reading of the GPU.");
     GpuList live;
     for (const RosterGpu& gpu : roster.Gpus) {

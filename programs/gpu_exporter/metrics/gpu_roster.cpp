@@ -30,16 +30,10 @@ GpuRoster NextRoster(const GpuRoster* before, const std::shared_ptr<const gpu_fe
     for (const auto& gpu : data->Gpus) next.Gpus.push_back(EntryOf(*gpu));
     if (before == nullptr) return next;
     for (const RosterGpu& gpu : before->Gpus) {
-        const auto known = std::find_if(next.Gpus.begin(), next.Gpus.end(), [&gpu](const RosterGpu& each) {
-            return each.Key == gpu.Key || each.Labels == gpu.Labels;
-        });
-        if (known == next.Gpus.end()) {
-            next.Gpus.push_back(gpu);
-            next.Gpus.back().Gpu = nullptr;
-        } else if (known->Key == gpu.Key) {
-            // The feed knows no earlier readings of a GPU that comes back.
-            known->LatestReading = std::max(known->LatestReading, gpu.LatestReading);
-        }
+        const auto isSame = [&gpu](const RosterGpu& each) { return each.Key == gpu.Key || each.Labels == gpu.Labels; };
+        if (std::any_of(next.Gpus.begin(), next.Gpus.end(), isSame)) continue;
+        next.Gpus.push_back(gpu);
+        next.Gpus.back().Gpu = nullptr;
     }
     return next;
 }

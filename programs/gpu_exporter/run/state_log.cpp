@@ -8,7 +8,7 @@ using namespace gpu_feed;
 
 namespace {
 
-/// While the driver has been silent for longer, it is not the GPUs that give no readings.
+/// While the driver is silent for longer, missing readings are no fault of single GPUs.
 constexpr double kShortSilenceSeconds = 1.0;
 
 void Print(const std::string& sentence) {

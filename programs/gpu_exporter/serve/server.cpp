@@ -47,39 +47,42 @@ thread_local double ScrapeBegan = 0.0;
 /// Where to put what the web server reports first on this thread; null on its own threads.
 thread_local std::string* FirstProblem = nullptr;
 
+constexpr const char* kPlainText = "text/plain; charset=utf-8";
+
 struct Answer {
     int Status;
-    const char* Reason;
-    const char* ContentType;
-    std::string Body;
+    /// Empty: what the status means.
+    std::string Body = {};
+    const char* ContentType = kPlainText;
     const char* Header = "";
 };
-
-constexpr const char* kPlainText = "text/plain; charset=utf-8";
 
 /// The answer to a request, unless it is one for the metrics.
 std::optional<Answer> AnswerTo(const std::string& method, const std::string& path) {
     const bool bMetrics = path == kMetricsPath;
     const bool bFrontPage = path == "/";
-    if (!bMetrics && !bFrontPage && path != "/healthz") return Answer{404, "Not Found", kPlainText, "not found\n"};
-    if (bMetrics && method != "GET") {
-        return Answer{405, "Method Not Allowed", kPlainText, "method not allowed\n", "Allow: GET\r\n"};
-    }
-    if (method != "GET" && method != "HEAD") {
-        return Answer{405, "Method Not Allowed", kPlainText, "method not allowed\n", "Allow: GET, HEAD\r\n"};
-    }
+    const Answer refusal = {405, "", kPlainText, bMetrics ? "Allow: GET\r\n" : "Allow: GET, HEAD\r\n"};
+    if (!bMetrics && !bFrontPage && path != "/healthz") return Answer{404};
+    if (method != "GET" && (bMetrics || method != "HEAD")) return refusal;
     if (bMetrics) return std::nullopt;
-    if (bFrontPage) return Answer{200, "OK", "text/html; charset=utf-8", kFrontPage};
-    return Answer{200, "OK", kPlainText, "ok\n"};
+    return bFrontPage ? Answer{200, kFrontPage, "text/html; charset=utf-8"} : Answer{200, "ok\n"};
 }
 
 void Send(mg_connection* connection, const Answer& answer, bool bWithBody) {
-    std::string text = "HTTP/1.1 " + std::to_string(answer.Status) + ' ' + answer.Reason +
-                       "\r\nContent-Type: " + answer.ContentType +
-                       "\r\nContent-Length: " + std::to_string(answer.Body.size()) + "\r\n" + answer.Header +
-                       "Connection: close\r\n\r\n";
-    if (bWithBody) text += answer.Body;
+    const std::string reason = mg_get_response_code_text(connection, answer.Status);
+    const std::string body = answer.Body.empty() ? reason + '\n' : answer.Body;
+    std::string text =
+        "HTTP/1.1 " + std::to_string(answer.Status) + ' ' + reason + "\r\nContent-Type: " + answer.ContentType +
+        "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n" + answer.Header + "Connection: close\r\n\r\n";
+    if (bWithBody) text += body;
     mg_write(connection, text.data(), text.size());
+}
+
+/// Called by the web server for a request that it refuses itself. Its own answer would repeat parts of the request.
+/// Result: that the answer is sent.
+int AnswerError(mg_connection* connection, int status, const char* /*problem*/) {
+    Send(connection, {status}, true);
+    return 0;
 }
 
 /// The reason in a message of the web server such as "cannot bind to ADDRESS: 98 (Address already in use)"; the whole
@@ -92,7 +95,7 @@ std::string ReasonIn(const std::string& problem) {
 }
 
 /// Called by the web server with its messages. Those that clients cause later, on its own threads, would only fill the
-/// journal. Result: that the message needs no other place.
+/// journal. Result: 1, so that the web server does not write the message elsewhere, too.
 int NoteProblem(const mg_connection* /*connection*/, const char* problem) {
     if (FirstProblem != nullptr && FirstProblem->empty()) *FirstProblem = problem;
     return 1;
@@ -142,6 +145,7 @@ void Server::Start() {
     CivetCallbacks callbacks;
     callbacks.begin_request = BeginRequest;
     callbacks.end_request = EndRequest;
+    callbacks.http_error = AnswerError;
     callbacks.log_message = NoteProblem;
     const std::string address = ListenAddressText(Listen);
     const std::vector<std::string> settings = {"listening_ports",    address,
@@ -173,7 +177,7 @@ int Server::BeginRequest(mg_connection* connection) {
     const mg_request_info* const request = mg_get_request_info(connection);
     const std::string method = request->request_method;
     std::optional<Answer> answer = AnswerTo(method, request->local_uri);
-    if (!answer && !Running->bServing) answer = {503, "Service Unavailable", kPlainText, "starting\n"};
+    if (!answer && !Running->bServing) answer = Answer{503};
     if (!answer) return 0;
     Send(connection, *answer, method != "HEAD");
     return answer->Status;
