@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <chrono>
 #include <cstring>
 #include <exception>
@@ -84,11 +85,13 @@ int AnswerError(mg_connection* connection, int status, const char* /*problem*/) 
     return 0;
 }
 
-/// The reason in a message of the web server such as "cannot bind to ADDRESS: 98 (Address already in use)".
+/// The reason in a message of the web server such as "cannot bind to ADDRESS: 98 (Address already in use)"; the whole
+/// message where it gives no error number, as in "cannot create socket (entry 1)".
 std::string ReasonIn(const std::string& problem) {
-    const size_t open = problem.rfind('(');
-    const bool bReason = open != std::string::npos && problem.back() == ')';
-    return bReason ? problem.substr(open + 1, problem.size() - open - 2) : problem;
+    const size_t open = problem.rfind(" (");
+    const bool bReason = open != std::string::npos && open > 0 && problem.back() == ')' &&
+                         std::isdigit(static_cast<unsigned char>(problem[open - 1])) != 0;
+    return bReason ? problem.substr(open + 2, problem.size() - open - 3) : problem;
 }
 
 /// Called by the web server with its messages. Those that clients cause later, on its own threads, would only fill the

@@ -36,7 +36,8 @@ public:
     Server(const ServerOptions& options, const std::vector<std::shared_ptr<prometheus::Collectable>>& collectables,
            std::function<void(double seconds)> onScrape);
 
-    /// Ends the requests in progress. Clients that are slow delay that, by two seconds at most.
+    /// Ends the requests in progress. Clients that are slow delay that: by two seconds when they do not send, by up to
+    /// two time-outs when they do not read.
     ~Server();
 
     Server(const Server&) = delete;
