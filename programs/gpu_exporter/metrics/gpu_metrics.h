@@ -27,6 +27,10 @@ public:
 
     std::vector<prometheus::MetricFamily> Collect() const override;
 
+    /// Remembers the GPUs of a moment; each page does the same. Without it, a GPU that goes missing while nobody asks
+    /// for a page would be unknown.
+    void Remember(const gpu_feed::FeedMoment& moment) const { RosterOf(moment.Data); }
+
 private:
     std::shared_ptr<const GpuRoster> RosterOf(const std::shared_ptr<const gpu_feed::FeedData>& data) const;
 

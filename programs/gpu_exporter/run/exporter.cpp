@@ -38,13 +38,14 @@ struct ScopedFeed {
 };
 
 /// Looks after the feed until the stop is requested.
-void WatchDriver(MonitorFeed* feed, int stopDescriptor) {
+void WatchDriver(MonitorFeed* feed, const GpuMetrics& metrics, int stopDescriptor) {
     Retry retry;
     StateLog log;
     pollfd stop = {stopDescriptor, POLLIN, 0};
     while (poll(&stop, 1, kLookMs) <= 0) {
         const FeedMoment moment = feed->Moment();
         log.Note(moment);
+        metrics.Remember(moment);
         const RetryStep step = retry.Next(moment);
         if (step == RetryStep::Resume) feed->Resume();
         if (step == RetryStep::Rescan) feed->Rescan();
@@ -63,6 +64,6 @@ int RunExporter(const ExporterOptions& options) {
     const auto gpus = std::make_shared<GpuMetrics>(moment, options.bProcesses);
     const Server server({options.Listen, users}, {gpus, own}, [own](double seconds) { own->NoteScrape(seconds); });
     std::cerr << "Listening on http://" + ListenAddressText(server.Address()) + "/metrics\n";
-    WatchDriver(&running.Feed, stopDescriptor);
+    WatchDriver(&running.Feed, *gpus, stopDescriptor);
     return kExitSuccess;
 }
