@@ -62,8 +62,8 @@ public:
     explicit Measurement(const Options& options)
         : Chosen(options), Exporter("--simulate=" + std::to_string(options.Boards), "NVML_SIM_DELAYS=realistic") {
         if (Exporter.Port == 0) throw std::runtime_error(Exporter.Log);
-        while (CountLines(Exporter.Get("/metrics").Body, "gpu_temperature_celsius{") <
-               static_cast<size_t>(Chosen.Boards)) {
+        // The duration of a cycle is known after the second one.
+        while (CountLines(Exporter.Get("/metrics").Body, "gpu_exporter_cycle_duration_seconds ") == 0) {
             std::this_thread::sleep_for(std::chrono::milliseconds(100));
         }
     }
