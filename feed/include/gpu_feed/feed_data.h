@@ -83,8 +83,8 @@ struct FeedGpu {
     double PeriodSeconds = 0.0;
     /// Since when the feed has found no new reading; 0 while it finds some.
     double SilentSince = 0.0;
-    /// What the GPU has used since the feed began; it goes on over a new start of NVML, also when some starts before did
-    /// not find the GPU.
+    /// What the GPU has used since the feed began; it goes on over a new start of NVML, also when some starts before
+    /// did not find the GPU.
     EnergyCount Energy;
 };
 
