@@ -56,6 +56,7 @@ needs=(
     "test|libgl1-mesa-dri|have_software_opengl"
     "test|pkg-config|have pkg-config"
     "ci|g++|have g++" # the sanitizer builds name it; the compiler above may be another one
+    "ci|ccache|have ccache"
     "ci|clang|have clang++"
     "ci|libclang-rt-dev|have_fuzzer"
     "ci|clang-format|have clang-format"
