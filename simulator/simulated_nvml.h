@@ -45,6 +45,8 @@ constexpr uint64_t kReasonDisplayClocks = 0x100;
 struct Process {
     unsigned int Pid = 0;
     uint64_t UsedBytes = 0;
+    /// Its share of the board's own percentage.
+    unsigned int GpuPercent = 0;
 };
 
 /// A board's readings at one moment, in NVML's own units.
@@ -113,6 +115,8 @@ struct Board {
     Workload Load = Workload::Game;
     /// Whether programs on it draw, so that the graphics process list has them.
     bool bDraws = true;
+    /// Ids that a living workload's processes have. Empty: those of this system's own processes, the client among them.
+    std::vector<unsigned int> ProcessIds;
     /// Entry points that answer "not supported" on this board. Only queries and changes of a board can.
     std::set<std::string> Unsupported;
     /// Always answered in place of a living workload's readings.
