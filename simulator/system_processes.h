@@ -15,20 +15,22 @@ namespace simulated_nvml {
 /// once.
 class SystemProcesses {
 public:
-    size_t Count();
-    /// The process id at `place`, which is less than `Count()`; 0 when that program has ended.
+    size_t Count() { return 1 + Listed().size(); }
+    /// The process id at a place before `Count()`; 0 when that program has ended.
     unsigned int IdAt(size_t place);
 
 private:
     struct Program {
-        unsigned int Pid;
-        /// In the kernel's own unit. It tells the program from a later one with the same id.
-        uint64_t Start;
-        bool bOfOtherUser;
+        unsigned int Pid = 0;
+        /// Tells the program from a later one with the same id.
+        uint64_t Start = 0;
+        bool bOfOtherUser = false;
     };
-    /// What runs under an id; nothing when that has ended or is a thread of the kernel.
-    static std::optional<Program> ProgramOf(unsigned int pid);
     static std::vector<Program> LongLived();
+    const std::vector<Program>& Listed() {
+        if (!Others) Others = LongLived();
+        return *Others;
+    }
 
     /// Without the client, whose id changes when it forks.
     std::optional<std::vector<Program>> Others;
