@@ -29,6 +29,8 @@ public:
     void AdvanceTo(double seconds);
     const Readings& Now() const { return Current; }
 
+    uint64_t EnergyMillijoules() const { return 0; }
+
     const BoardSettings& Settings() const { return InForce; }
     /// The readings follow from the next tick on.
     void Apply(const BoardSettings& settings) { InForce = settings; }

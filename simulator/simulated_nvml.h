@@ -29,6 +29,7 @@ constexpr unsigned int kNoPermission = 4;
 constexpr unsigned int kNotFound = 6;
 constexpr unsigned int kInsufficientSize = 7;
 constexpr unsigned int kGpuIsLost = 15;
+constexpr unsigned int kArgumentVersionMismatch = 25;
 constexpr unsigned int kUnknown = 999;
 
 /// Bits of `Readings::LimitReasons`.
@@ -45,6 +46,8 @@ constexpr uint64_t kReasonDisplayClocks = 0x100;
 struct Process {
     unsigned int Pid = 0;
     uint64_t UsedBytes = 0;
+    /// Its share of the board's load.
+    unsigned int GpuPercent = 0;
 };
 
 /// A board's readings at one moment, in NVML's own units.
@@ -94,6 +97,11 @@ struct Board {
     unsigned int PciSubSystemId = 0;
     /// NVML's code: 2 Kepler to 10 Blackwell.
     unsigned int Architecture = 0;
+    /// NVML's code, such as 5 for GeForce.
+    unsigned int Brand = 0;
+    /// Empty: the board has no serial number.
+    std::string Serial;
+    unsigned int FanCount = 0;
     uint64_t VramTotalBytes = 0;
     uint64_t Bar1TotalBytes = 0;
     /// Highest memory clock first.
@@ -195,8 +203,9 @@ public:
     void UseUnterminatedText();
     /// Makes the list that `name` reports longer or shorter by `entries` each time its size has been asked for.
     void ChangeListAfterSizeQuery(const std::string& name, int entries);
-    /// Writes process records of 24 bytes, or of the 32 of some drivers.
-    void SetProcessRecordBytes(size_t bytes);
+    /// Makes `name` write process records of 16, 24 or 32 bytes. By default the names without a version write 16, as
+    /// drivers of their time did, the others 24; some drivers write 32.
+    void SetProcessRecordBytes(const std::string& name, size_t bytes);
     /// With false, every change of a setting answers `kNoPermission`.
     void SetAdministratorRights(bool bAllowed);
     /// Makes queries that fail by `FailFrom` fill their outputs as if they had succeeded.

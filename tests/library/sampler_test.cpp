@@ -136,7 +136,7 @@ TEST_F(SamplerTest, ProcessListThatOverstatesItsLengthIsReadAsFarAsItWasWritten)
 }
 
 TEST_F(SamplerTest, DriverThatWritesLongerRecordsStaysWithinTheBuffer) {
-    Sim.SetProcessRecordBytes(32);
+    Sim.SetProcessRecordBytes("nvmlDeviceGetComputeRunningProcesses_v3", 32);
     for (const unsigned int processes : {1U, 2U, 3U, 4096U}) {
         EXPECT_EQ(ListedOf(ManyProcesses(processes))[1], 1000U) << "the first record is at the same place";
     }
