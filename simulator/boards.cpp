@@ -119,7 +119,7 @@ Board DataCenterBoard(unsigned int index) {
     board.MaxPcieWidth = 16;
     board.Load = Workload::Training;
     board.bDraws = false;
-    board.Unsupported = {"nvmlDeviceGetFanSpeed", "nvmlDeviceGetFanSpeed_v2"};
+    board.Unsupported = {"nvmlDeviceGetFanSpeed"};
     return board;
 }
 
@@ -149,8 +149,6 @@ Board OldBoard(unsigned int index) {
                          "nvmlDeviceGetPcieThroughput",
                          "nvmlDeviceGetCurrentClocksThrottleReasons",
                          "nvmlDeviceGetPowerUsage",
-                         "nvmlDeviceGetTotalEnergyConsumption",
-                         "nvmlDeviceGetProcessUtilization",
                          "nvmlDeviceGetEnforcedPowerLimit",
                          "nvmlDeviceGetPowerManagementLimit",
                          "nvmlDeviceGetPowerManagementDefaultLimit",
@@ -163,11 +161,7 @@ Board OldBoard(unsigned int index) {
                          "nvmlDeviceSetMemoryLockedClocks",
                          "nvmlDeviceResetMemoryLockedClocks",
                          "nvmlDeviceGetComputeRunningProcesses_v3",
-                         "nvmlDeviceGetComputeRunningProcesses_v2",
-                         "nvmlDeviceGetComputeRunningProcesses",
-                         "nvmlDeviceGetGraphicsRunningProcesses_v3",
-                         "nvmlDeviceGetGraphicsRunningProcesses_v2",
-                         "nvmlDeviceGetGraphicsRunningProcesses"};
+                         "nvmlDeviceGetGraphicsRunningProcesses_v3"};
     return board;
 }
 

@@ -33,10 +33,9 @@ bool StartsNvml(EntryPoint name) {
 /// How long an entry point takes on hardware.
 std::chrono::microseconds RealisticDelay(EntryPoint name) {
     if (ShapeOf(name) == Shape::Processes) return std::chrono::microseconds(4500);
-    switch (name) {
+    switch (QueryOf(name)) {
         case EntryPoint::nvmlDeviceGetPcieThroughput: return std::chrono::milliseconds(20);
-        case EntryPoint::nvmlDeviceGetFanSpeed:
-        case EntryPoint::nvmlDeviceGetFanSpeed_v2: return std::chrono::microseconds(100);
+        case EntryPoint::nvmlDeviceGetFanSpeed: return std::chrono::microseconds(100);
         default: return std::chrono::microseconds(3);
     }
 }
@@ -118,40 +117,32 @@ NvmlReturn Engine::Shutdown() {
     return result;
 }
 
-NvmlReturn Engine::HandleCall(EntryPoint name, unsigned int index, NvmlDevice* device) {
-    return Run(name, [&](Visit& visit) { return GiveHandle(visit, index, device); });
-}
-
-NvmlReturn Engine::HandleCall(EntryPoint name, const char* text, NvmlDevice* device) {
+NvmlReturn Engine::HandleCall(EntryPoint name, std::optional<unsigned int> index, const char* text,
+                              NvmlDevice* device) {
     return Run(name, [&](Visit& visit) {
-        if (text == nullptr) AddMisuse(std::string(NameOf(name)) + "() without a text to look for.");
-        return GiveHandle(visit, BoardNamed(name, text), device);
+        if (!index.has_value() && text != nullptr) index = BoardNamed(name, text);
+        Note(visit, index, {});
+        const NvmlReturn verdict = Admit(visit, index);
+        if (verdict != kSuccess) return verdict;
+        if (device == nullptr || text == nullptr) {
+            const char* const missing = device == nullptr ? "a place for the answer." : "a text to look for.";
+            AddMisuse(std::string(NameOf(name)) + "() without " + missing);
+            return kInvalidArgument;
+        }
+        if (!index.has_value()) return kNotFound;
+        const std::optional<Answer> answer = Answers.Next(name);
+        const bool bMadeUp = answer.has_value() && answer->Value.has_value();
+        if (*index >= Boards.size() && !(bMadeUp && Answers.Afford(kWorkPerBoard))) return kInvalidArgument;
+        const NvmlReturn code = Answers.Complete({name, {}, {device}}, answer, [&] {
+            *device = answer.has_value() ? MakeUpHandle(*answer, *index) : HandleOf(*index);
+            return kSuccess;
+        });
+        if (code == kSuccess && *device == nullptr) Answers.NoteNullGiven(true);
+        return code;
     });
-}
-
-NvmlReturn Engine::GiveHandle(Visit& visit, std::optional<unsigned int> index, NvmlDevice* device) {
-    const EntryPoint name = visit.Name;
-    Note(visit, index, {});
-    const NvmlReturn verdict = Admit(visit, index);
-    if (verdict != kSuccess) return verdict;
-    if (device == nullptr) {
-        AddMisuse(std::string(NameOf(name)) + "() without a place for the answer.");
-        return kInvalidArgument;
-    }
-    if (!index.has_value()) return kNotFound;
-    const std::optional<Answer> answer = Answers.Next(name);
-    const bool bMadeUp = answer.has_value() && answer->Value.has_value();
-    if (*index >= Boards.size() && !(bMadeUp && Answers.Afford(kWorkPerBoard))) return kInvalidArgument;
-    const NvmlReturn code = Answers.Complete({name, {}, {device}}, answer, [&] {
-        *device = answer.has_value() ? MakeUpHandle(*answer, *index) : HandleOf(*index);
-        return kSuccess;
-    });
-    if (code == kSuccess && *device == nullptr) Answers.NoteNullGiven(true);
-    return code;
 }
 
 std::optional<unsigned int> Engine::BoardNamed(EntryPoint name, const char* text) const {
-    if (text == nullptr) return std::nullopt;
     const std::optional<uint64_t> address = PciAddressOf(text);
     const auto isNamed = [&](const BoardModel& board) {
         if (name == EntryPoint::nvmlDeviceGetHandleByUUID) return board.Identity().Uuid == text;

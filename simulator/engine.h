@@ -97,10 +97,8 @@ public:
         });
     }
 
-    /// Gives the handle of the board at `index`.
-    NvmlReturn HandleCall(EntryPoint name, unsigned int index, NvmlDevice* device);
-    /// Gives the handle of the board that has this bus id or UUID.
-    NvmlReturn HandleCall(EntryPoint name, const char* text, NvmlDevice* device);
+    /// Gives the handle of the board at `index` or, without an index, of the one that `text` names.
+    NvmlReturn HandleCall(EntryPoint name, std::optional<unsigned int> index, const char* text, NvmlDevice* device);
 
     /// Runs `body` with the board of the handle `device`, brought to this moment.
     template <typename Body>
@@ -124,7 +122,9 @@ public:
     /// Changes settings of a board that a call is about.
     NvmlReturn Change(BoardModel* board, const SettingsEdit& edit);
 
-    unsigned int IndexOfBoard(const BoardModel& board) const { return static_cast<unsigned int>(&board - Boards.data()); }
+    unsigned int IndexOfBoard(const BoardModel& board) const {
+        return static_cast<unsigned int>(&board - Boards.data());
+    }
     unsigned int BoardCount() const { return static_cast<unsigned int>(Boards.size()); }
 
     // ---- For the script; the caller holds Mutex ----
@@ -207,8 +207,7 @@ private:
     bool StartFromEnvironment();
     bool TakeOverEnvironment();
 
-    NvmlReturn GiveHandle(Visit& visit, std::optional<unsigned int> index, NvmlDevice* device);
-    /// The board that `text` names; without a text, no board.
+    /// The board whose UUID or bus id `text` is, as `name` takes it.
     std::optional<unsigned int> BoardNamed(EntryPoint name, const char* text) const;
 
     bool IsInitialized() const { return Observed.Use.Initializations != 0; }

@@ -40,7 +40,7 @@
     X(nvmlDeviceGetClockInfo, Selected)                             \
     X(nvmlDeviceGetMaxClockInfo, Selected)                          \
     X(nvmlDeviceGetPerformanceState, Value)                         \
-    X(nvmlDeviceGetIndex, Value)                                    \
+    X(nvmlDeviceGetPowerState, Value)                               \
     X(nvmlDeviceGetCurrPcieLinkGeneration, Value)                   \
     X(nvmlDeviceGetCurrPcieLinkWidth, Value)                        \
     X(nvmlDeviceGetMaxPcieLinkGeneration, Value)                    \
@@ -67,12 +67,14 @@
     X(nvmlDeviceGetGraphicsRunningProcesses, Processes)             \
     X(nvmlInitWithFlags, FlaggedInit)                               \
     X(nvmlSystemGetNVMLVersion, SystemText)                         \
+    X(nvmlSystemGetCudaDriverVersion_v2, SystemValue)               \
     X(nvmlSystemGetCudaDriverVersion, SystemValue)                  \
     X(nvmlDeviceGetHandleByPciBusId_v2, NamedHandle)                \
     X(nvmlDeviceGetHandleByUUID, NamedHandle)                       \
     X(nvmlDeviceGetSerial, Text)                                    \
     X(nvmlDeviceGetPciInfo_v2, Pci)                                 \
     X(nvmlDeviceGetPciInfo, Pci)                                    \
+    X(nvmlDeviceGetIndex, Value)                                    \
     X(nvmlDeviceGetMinorNumber, Value)                              \
     X(nvmlDeviceGetBrand, Value)                                    \
     X(nvmlDeviceGetComputeMode, Value)                              \
@@ -93,7 +95,6 @@
     X(nvmlDeviceGetNvLinkVersion, Unsupported)                      \
     X(nvmlDeviceGetNvLinkCapability, Unsupported)                   \
     X(nvmlDeviceGetNvLinkRemotePciInfo_v2, Unsupported)             \
-    X(nvmlDeviceGetNvLinkRemotePciInfo, Unsupported)                \
     X(nvmlDeviceGetNvLinkErrorCounter, Unsupported)                 \
     X(nvmlDeviceGetNvLinkUtilizationCounter, Unsupported)           \
     X(nvmlDeviceGetEccMode, Unsupported)                            \
@@ -109,7 +110,11 @@
     X(nvmlDeviceGetCpuAffinity, Unsupported)                        \
     X(nvmlDeviceSetCpuAffinity, Unsupported)                        \
     X(nvmlDeviceClearCpuAffinity, Unsupported)                      \
-    X(nvmlDeviceGetMemoryAffinity, Unsupported)
+    X(nvmlDeviceGetAttributes_v2, Unsupported)                      \
+    X(nvmlDeviceGetAccountingPids, Unsupported)                     \
+    X(nvmlDeviceGetAccountingStats, Unsupported)                    \
+    X(nvmlDeviceSetAccountingMode, Unsupported)                     \
+    X(nvmlDeviceSetPersistenceMode, Unsupported)
 // clang-format on
 
 namespace simulated_nvml {
@@ -190,6 +195,25 @@ constexpr bool IsList(EntryPoint name) {
 /// Whether a call says how many boards there are.
 constexpr bool IsDeviceCount(EntryPoint name) {
     return name == EntryPoint::nvmlDeviceGetCount_v2 || name == EntryPoint::nvmlDeviceGetCount;
+}
+
+/// The name that stands for all names of one query: a board supports all of them or none of them.
+constexpr EntryPoint QueryOf(EntryPoint name) {
+    switch (name) {
+        case EntryPoint::nvmlDeviceGetComputeRunningProcesses_v2:
+        case EntryPoint::nvmlDeviceGetComputeRunningProcesses:
+        case EntryPoint::nvmlDeviceGetProcessUtilization: return EntryPoint::nvmlDeviceGetComputeRunningProcesses_v3;
+        case EntryPoint::nvmlDeviceGetGraphicsRunningProcesses_v2:
+        case EntryPoint::nvmlDeviceGetGraphicsRunningProcesses:
+            return EntryPoint::nvmlDeviceGetGraphicsRunningProcesses_v3;
+        case EntryPoint::nvmlDeviceGetPciInfo_v2:
+        case EntryPoint::nvmlDeviceGetPciInfo: return EntryPoint::nvmlDeviceGetPciInfo_v3;
+        case EntryPoint::nvmlDeviceGetMemoryInfo_v2: return EntryPoint::nvmlDeviceGetMemoryInfo;
+        case EntryPoint::nvmlDeviceGetFanSpeed_v2: return EntryPoint::nvmlDeviceGetFanSpeed;
+        case EntryPoint::nvmlDeviceGetPowerState: return EntryPoint::nvmlDeviceGetPerformanceState;
+        case EntryPoint::nvmlDeviceGetTotalEnergyConsumption: return EntryPoint::nvmlDeviceGetPowerUsage;
+        default: return name;
+    }
 }
 
 std::optional<EntryPoint> FindEntryPoint(std::string_view name);

@@ -40,7 +40,8 @@ unsigned int ValueOf(EntryPoint name, const BoardModel& model) {
         case EntryPoint::nvmlDeviceGetComputeMode: return 0;
         case EntryPoint::nvmlDeviceGetNumFans: return board.FanCount;
         case EntryPoint::nvmlDeviceGetFanSpeed: return now.FanPercent;
-        case EntryPoint::nvmlDeviceGetPerformanceState: return now.PerformanceState;
+        case EntryPoint::nvmlDeviceGetPerformanceState:
+        case EntryPoint::nvmlDeviceGetPowerState: return now.PerformanceState;
         case EntryPoint::nvmlDeviceGetCurrPcieLinkGeneration: return now.PcieGeneration;
         case EntryPoint::nvmlDeviceGetCurrPcieLinkWidth: return now.PcieWidth;
         case EntryPoint::nvmlDeviceGetMaxPcieLinkGeneration: return board.MaxPcieGeneration;
@@ -97,11 +98,10 @@ NvmlReturn Selected(EntryPoint name, NvmlDevice device, unsigned int selector, u
 
 NvmlReturn Clock(EntryPoint name, NvmlDevice device, unsigned int type, unsigned int which, unsigned int* clock) {
     return Nvml().DeviceCall(name, device, {type, which}, {clock}, [&](const BoardModel& board) {
-        switch (which) {
-            case kClockNow: return StoreSelected(EntryPoint::nvmlDeviceGetClockInfo, type, board, clock);
-            case kClockHighest: return StoreSelected(EntryPoint::nvmlDeviceGetMaxClockInfo, type, board, clock);
-            default: return kNotSupported;
-        }
+        const EntryPoint query =
+            which == kClockNow ? EntryPoint::nvmlDeviceGetClockInfo : EntryPoint::nvmlDeviceGetMaxClockInfo;
+        const bool bAnswered = (which == kClockNow || which == kClockHighest) && board.Supports(query);
+        return bAnswered ? StoreSelected(query, type, board, clock) : kNotSupported;
     });
 }
 
@@ -290,14 +290,9 @@ NvmlReturn GraphicsClocks(EntryPoint name, NvmlDevice device, unsigned int memor
     });
 }
 
-/// Which list a query gives: its newer and older names give the same list.
 const std::vector<Process>& ProcessesOf(EntryPoint name, const Readings& now) {
-    switch (name) {
-        case EntryPoint::nvmlDeviceGetComputeRunningProcesses_v3:
-        case EntryPoint::nvmlDeviceGetComputeRunningProcesses_v2:
-        case EntryPoint::nvmlDeviceGetComputeRunningProcesses: return now.ComputeProcesses;
-        default: return now.GraphicsProcesses;
-    }
+    const bool bCompute = QueryOf(name) == EntryPoint::nvmlDeviceGetComputeRunningProcesses_v3;
+    return bCompute ? now.ComputeProcesses : now.GraphicsProcesses;
 }
 
 NvmlReturn Processes(EntryPoint name, NvmlDevice device, unsigned int* count, ProcessRecord* output) {
@@ -405,11 +400,11 @@ NvmlReturn Shutdown(EntryPoint) {
 }
 
 NvmlReturn Handle(EntryPoint name, unsigned int index, NvmlDevice* device) {
-    return Nvml().HandleCall(name, index, device);
+    return Nvml().HandleCall(name, index, "", device);
 }
 
 NvmlReturn NamedHandle(EntryPoint name, const char* text, NvmlDevice* device) {
-    return Nvml().HandleCall(name, text, device);
+    return Nvml().HandleCall(name, std::nullopt, text, device);
 }
 
 NvmlReturn Unsupported(EntryPoint name, NvmlDevice device) {

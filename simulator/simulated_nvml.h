@@ -46,7 +46,7 @@ constexpr uint64_t kReasonDisplayClocks = 0x100;
 struct Process {
     unsigned int Pid = 0;
     uint64_t UsedBytes = 0;
-    /// Its share of the board's load.
+    /// Its share of the board's own percentage.
     unsigned int GpuPercent = 0;
 };
 
@@ -121,7 +121,8 @@ struct Board {
     Workload Load = Workload::Game;
     /// Whether programs on it draw, so that the graphics process list has them.
     bool bDraws = true;
-    /// Entry points that answer "not supported" on this board. Only queries and changes of a board can.
+    /// Entry points that answer "not supported" on this board; one name stands for all versions of its query. Only
+    /// queries and changes of a board can.
     std::set<std::string> Unsupported;
     /// Always answered in place of a living workload's readings.
     std::optional<Readings> Fixed;
