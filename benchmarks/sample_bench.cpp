@@ -71,7 +71,7 @@ NvmlReturn Ask(const Query& query, void* entryPoint, Answers* to) {
         case Shape::Value: return As<shapes::Value>(entryPoint)(to->Device, &to->First);
         case Shape::Selected: return As<shapes::Selected>(entryPoint)(to->Device, query.Selector, &to->First);
         case Shape::Pair: return As<shapes::Pair>(entryPoint)(to->Device, &to->First, &to->Second);
-        case Shape::Mask: return As<shapes::Mask>(entryPoint)(to->Device, &to->Mask);
+        case Shape::LongValue: return As<shapes::LongValue>(entryPoint)(to->Device, &to->Mask);
         case Shape::Memory: return As<shapes::Memory>(entryPoint)(to->Device, &to->Memory);
         case Shape::Utilization: return As<shapes::Utilization>(entryPoint)(to->Device, &to->Utilization);
         default: return simulated_nvml::kUnknown;

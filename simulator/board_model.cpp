@@ -100,7 +100,7 @@ BoardModel::BoardModel(Board board, unsigned int index, uint64_t seed, std::shar
       Milliwatts(Description.IdlePowerMilliwatts),
       TemperatureC(kAmbientC) {
     if (Description.Fixed.has_value()) Current = *Description.Fixed;
-    for (const std::string& name : Description.Unsupported) Unsupported[IndexOf(EntryPointOf(name))] = true;
+    for (const std::string& name : Description.Unsupported) Unsupported[IndexOf(QueryOf(EntryPointOf(name)))] = true;
 }
 
 void BoardModel::AdvanceTo(double seconds) {

@@ -27,7 +27,7 @@ public:
     BoardModel(Board board, unsigned int index, uint64_t seed, std::shared_ptr<SystemProcesses> processes);
 
     const Board& Identity() const { return Description; }
-    bool Supports(EntryPoint name) const { return !Unsupported[IndexOf(name)]; }
+    bool Supports(EntryPoint name) const { return !Unsupported[IndexOf(QueryOf(name))]; }
     /// Brings the readings to `seconds` after the board's start; negative before it. The clock may have been set back.
     void AdvanceTo(double seconds);
     const Readings& Now() const { return Current; }

@@ -11,6 +11,11 @@ namespace {
 constexpr uint64_t kMiB = uint64_t{1} << 20;
 constexpr uint64_t kGiB = uint64_t{1} << 30;
 
+/// NVML's codes for brands.
+constexpr unsigned int kGeForce = 5;
+constexpr unsigned int kQuadroRtx = 12;
+constexpr unsigned int kNvidia = 14;
+
 std::vector<unsigned int> Steps(unsigned int highest, unsigned int lowest, unsigned int step) {
     std::vector<unsigned int> clocks;
     for (unsigned int clock = highest; clock >= lowest; clock -= step) clocks.push_back(clock);
@@ -43,6 +48,8 @@ Board DesktopBoard(unsigned int index) {
     Board board = BoardAt(index, "NVIDIA GeForce RTX 4080", 0x270410DEU);
     board.VbiosVersion = "95.03.1E.00.60";
     board.Architecture = 8;
+    board.Brand = kGeForce;
+    board.FanCount = 2;
     board.VramTotalBytes = 16376 * kMiB;
     board.Bar1TotalBytes = 16 * kGiB;
     const std::vector<unsigned int> graphics = Steps(3105, 210, 15);
@@ -66,6 +73,7 @@ Board LaptopBoard(unsigned int index) {
     Board board = BoardAt(index, "NVIDIA GeForce RTX 3070 Laptop GPU", 0x24DD10DEU);
     board.VbiosVersion = "94.04.43.00.4F";
     board.Architecture = 7;
+    board.Brand = kGeForce;
     board.VramTotalBytes = 8 * kGiB;
     board.Bar1TotalBytes = 8 * kGiB;
     const std::vector<unsigned int> graphics = Steps(2100, 210, 15);
@@ -81,8 +89,11 @@ Board LaptopBoard(unsigned int index) {
     board.MaxPcieGeneration = 4;
     board.MaxPcieWidth = 8;
     board.Load = Workload::Video;
-    board.Unsupported = {"nvmlDeviceGetFanSpeed", "nvmlDeviceGetPowerManagementLimit",
-                         "nvmlDeviceGetPowerManagementDefaultLimit", "nvmlDeviceGetPowerManagementLimitConstraints",
+    board.Unsupported = {"nvmlDeviceGetFanSpeed",
+                         "nvmlDeviceGetFanSpeed_v2",
+                         "nvmlDeviceGetPowerManagementLimit",
+                         "nvmlDeviceGetPowerManagementDefaultLimit",
+                         "nvmlDeviceGetPowerManagementLimitConstraints",
                          "nvmlDeviceSetPowerManagementLimit"};
     return board;
 }
@@ -91,6 +102,8 @@ Board DataCenterBoard(unsigned int index) {
     Board board = BoardAt(index, "NVIDIA H100 PCIe", 0x233110DEU);
     board.VbiosVersion = "96.00.30.00.01";
     board.Architecture = 9;
+    board.Brand = kNvidia;
+    board.Serial = Format("16512230%05u", 40117 + index);
     board.VramTotalBytes = 81559 * kMiB;
     board.Bar1TotalBytes = 128 * kGiB;
     board.Clocks = {{1593, Steps(1755, 210, 15)}};
@@ -114,6 +127,8 @@ Board OldBoard(unsigned int index) {
     Board board = BoardAt(index, "NVIDIA GeForce GTX 680", 0x118010DEU);
     board.VbiosVersion = "80.04.09.00.01";
     board.Architecture = 2;
+    board.Brand = kGeForce;
+    board.FanCount = 1;
     board.VramTotalBytes = 2048 * kMiB;
     board.Bar1TotalBytes = 128 * kMiB;
     board.Clocks = {{3004, Steps(1058, 549, 13)}, {810, Steps(549, 549, 13)}, {324, Steps(324, 324, 13)}};
@@ -146,11 +161,7 @@ Board OldBoard(unsigned int index) {
                          "nvmlDeviceSetMemoryLockedClocks",
                          "nvmlDeviceResetMemoryLockedClocks",
                          "nvmlDeviceGetComputeRunningProcesses_v3",
-                         "nvmlDeviceGetComputeRunningProcesses_v2",
-                         "nvmlDeviceGetComputeRunningProcesses",
-                         "nvmlDeviceGetGraphicsRunningProcesses_v3",
-                         "nvmlDeviceGetGraphicsRunningProcesses_v2",
-                         "nvmlDeviceGetGraphicsRunningProcesses"};
+                         "nvmlDeviceGetGraphicsRunningProcesses_v3"};
     return board;
 }
 
@@ -158,6 +169,8 @@ Board WorkstationBoard(unsigned int index) {
     Board board = BoardAt(index, "Quadro RTX 5000", 0x1EB010DEU);
     board.VbiosVersion = "90.04.4F.00.07";
     board.Architecture = 6;
+    board.Brand = kQuadroRtx;
+    board.FanCount = 1;
     board.VramTotalBytes = 16 * kGiB;
     board.Bar1TotalBytes = 256 * kMiB;
     const std::vector<unsigned int> graphics = Steps(2100, 300, 15);

@@ -1,5 +1,7 @@
 #include "engine.h"
 
+#include <algorithm>
+#include <charconv>
 #include <stdexcept>
 #include <thread>
 #include <unordered_map>
@@ -26,17 +28,44 @@ std::string CallText(EntryPoint name, std::optional<unsigned int> board, Argumen
 }
 
 bool StartsNvml(EntryPoint name) {
-    return ShapeOf(name) == Shape::Init;
+    return ShapeOf(name) == Shape::Init || ShapeOf(name) == Shape::FlaggedInit;
 }
 
 /// How long an entry point takes on hardware.
 std::chrono::microseconds RealisticDelay(EntryPoint name) {
     if (ShapeOf(name) == Shape::Processes) return std::chrono::microseconds(4500);
-    switch (name) {
+    switch (QueryOf(name)) {
         case EntryPoint::nvmlDeviceGetPcieThroughput: return std::chrono::milliseconds(20);
         case EntryPoint::nvmlDeviceGetFanSpeed: return std::chrono::microseconds(100);
         default: return std::chrono::microseconds(3);
     }
+}
+
+/// The number in 16 that `text` is as a whole, up to `highest`.
+std::optional<uint64_t> HexNumber(std::string_view text, uint64_t highest) {
+    uint64_t number = 0;
+    const char* const end = text.data() + text.size();
+    const auto [rest, error] = std::from_chars(text.data(), end, number, 16);
+    return error == std::errc() && rest == end && number <= highest ? std::optional(number) : std::nullopt;
+}
+
+/// Takes what is behind the last `separator` off the end of `*text`; all of it where there is no separator.
+std::string_view TakeLast(std::string_view* text, char separator) {
+    const size_t at = text->rfind(separator);
+    const std::string_view last = text->substr(at + 1);
+    *text = at != std::string_view::npos ? text->substr(0, at) : std::string_view();
+    return last;
+}
+
+/// What "0000:01:00.0" says, as one number. Domain and function may be left out; they are then 0.
+std::optional<uint64_t> PciAddressOf(std::string_view text) {
+    const bool bFunction = text.find('.') != std::string_view::npos;
+    const auto function = bFunction ? HexNumber(TakeLast(&text, '.'), 7) : uint64_t{0};
+    const auto device = HexNumber(TakeLast(&text, ':'), 31);
+    const auto bus = HexNumber(TakeLast(&text, ':'), UINT8_MAX);
+    const auto domain = text.empty() ? uint64_t{0} : HexNumber(text, UINT32_MAX);
+    if (!function || !device || !bus || !domain) return std::nullopt;
+    return *domain << 16 | *bus << 8 | *device << 3 | *function;
 }
 
 void Wait(std::chrono::microseconds duration) {
@@ -71,8 +100,8 @@ Engine::Visit::~Visit() {
     Visited.ThreadsInside.fetch_sub(1);
 }
 
-NvmlReturn Engine::Initialize(EntryPoint name) {
-    return SystemCall(name, {}, {}, [this] {
+NvmlReturn Engine::Initialize(EntryPoint name, Arguments arguments) {
+    return SystemCall(name, arguments, {}, [this] {
         if (!IsInitialized() && !bScripted && !StartFromEnvironment()) return kUnknown;
         if (Observed.Use.Initializations++ == 0) BeginGeneration();
         return kSuccess;
@@ -89,25 +118,39 @@ NvmlReturn Engine::Shutdown() {
     return result;
 }
 
-NvmlReturn Engine::HandleCall(EntryPoint name, unsigned int index, NvmlDevice* device) {
+NvmlReturn Engine::HandleCall(EntryPoint name, std::optional<unsigned int> index, const char* text,
+                              NvmlDevice* device) {
     return Run(name, [&](Visit& visit) {
+        if (!index.has_value() && text != nullptr) index = BoardNamed(name, text);
         Note(visit, index, {});
         const NvmlReturn verdict = Admit(visit, index);
         if (verdict != kSuccess) return verdict;
-        if (device == nullptr) {
-            AddMisuse(std::string(NameOf(name)) + "() without a place for the answer.");
+        if (device == nullptr || text == nullptr) {
+            const char* const missing = device == nullptr ? "a place for the answer." : "a text to look for.";
+            AddMisuse(std::string(NameOf(name)) + "() without " + missing);
             return kInvalidArgument;
         }
+        if (!index.has_value()) return kNotFound;
         const std::optional<Answer> answer = Answers.Next(name);
         const bool bMadeUp = answer.has_value() && answer->Value.has_value();
-        if (index >= Boards.size() && !(bMadeUp && Answers.Afford(kWorkPerBoard))) return kInvalidArgument;
+        if (*index >= Boards.size() && !(bMadeUp && Answers.Afford(kWorkPerBoard))) return kInvalidArgument;
         const NvmlReturn code = Answers.Complete({name, {}, {device}}, answer, [&] {
-            *device = answer.has_value() ? MakeUpHandle(*answer, index) : HandleOf(index);
+            *device = answer.has_value() ? MakeUpHandle(*answer, *index) : HandleOf(*index);
             return kSuccess;
         });
         if (code == kSuccess && *device == nullptr) Answers.NoteNullGiven(true);
         return code;
     });
+}
+
+std::optional<unsigned int> Engine::BoardNamed(EntryPoint name, const char* text) const {
+    const std::optional<uint64_t> address = PciAddressOf(text);
+    const auto isNamed = [&](const BoardModel& board) {
+        if (name == EntryPoint::nvmlDeviceGetHandleByUUID) return board.Identity().Uuid == text;
+        return address.has_value() && PciAddressOf(board.Identity().BusId) == address;
+    };
+    const auto found = std::find_if(Boards.begin(), Boards.end(), isNamed);
+    return found != Boards.end() ? std::optional(IndexOfBoard(*found)) : std::nullopt;
 }
 
 void Engine::NoteTextCall(EntryPoint name) {

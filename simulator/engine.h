@@ -50,7 +50,8 @@ struct ScriptRules {
     std::map<unsigned int, uint64_t> CallsUntilHang;
     PerEntryPoint<bool> Blocked{};
     std::optional<double> HeldSeconds;
-    size_t ProcessRecordBytes = sizeof(ProcessRecord);
+    /// Where a name is to write longer or shorter records than its own.
+    PerEntryPoint<std::optional<size_t>> ProcessRecordBytes{};
     uint64_t Seed = 0;
     bool bUnterminatedText = false;
     bool bAdministrator = true;
@@ -81,7 +82,7 @@ public:
 
     // ---- For entry points ----
 
-    NvmlReturn Initialize(EntryPoint name);
+    NvmlReturn Initialize(EntryPoint name, Arguments arguments);
     NvmlReturn Shutdown();
 
     /// Runs `body` as one call that is about no board.
@@ -96,8 +97,8 @@ public:
         });
     }
 
-    /// Gives the handle of the board at `index`.
-    NvmlReturn HandleCall(EntryPoint name, unsigned int index, NvmlDevice* device);
+    /// Gives the handle of the board at `index` or, without an index, of the one that `text` names.
+    NvmlReturn HandleCall(EntryPoint name, std::optional<unsigned int> index, const char* text, NvmlDevice* device);
 
     /// Runs `body` with the board of the handle `device`, brought to this moment.
     template <typename Body>
@@ -121,6 +122,9 @@ public:
     /// Changes settings of a board that a call is about.
     NvmlReturn Change(BoardModel* board, const SettingsEdit& edit);
 
+    unsigned int IndexOfBoard(const BoardModel& board) const {
+        return static_cast<unsigned int>(&board - Boards.data());
+    }
     unsigned int BoardCount() const { return static_cast<unsigned int>(Boards.size()); }
 
     // ---- For the script; the caller holds Mutex ----
@@ -202,6 +206,9 @@ private:
     /// Sets NVML up as the environment wants it. False: it makes no sense, and stderr says why.
     bool StartFromEnvironment();
     bool TakeOverEnvironment();
+
+    /// The board whose UUID or bus id `text` is, as `name` takes it.
+    std::optional<unsigned int> BoardNamed(EntryPoint name, const char* text) const;
 
     bool IsInitialized() const { return Observed.Use.Initializations != 0; }
     NvmlDevice HandleOf(unsigned int index) const;

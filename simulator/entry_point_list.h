@@ -20,8 +20,8 @@
     X(nvmlShutdown, Shutdown)                                       \
     X(nvmlErrorString, ErrorText)                                   \
     X(nvmlSystemGetDriverVersion, SystemText)                       \
-    X(nvmlDeviceGetCount_v2, Count)                                 \
-    X(nvmlDeviceGetCount, Count)                                    \
+    X(nvmlDeviceGetCount_v2, SystemValue)                           \
+    X(nvmlDeviceGetCount, SystemValue)                              \
     X(nvmlDeviceGetHandleByIndex_v2, Handle)                        \
     X(nvmlDeviceGetHandleByIndex, Handle)                           \
     X(nvmlDeviceGetName, Text)                                      \
@@ -46,7 +46,7 @@
     X(nvmlDeviceGetMaxPcieLinkGeneration, Value)                    \
     X(nvmlDeviceGetMaxPcieLinkWidth, Value)                         \
     X(nvmlDeviceGetPcieThroughput, Selected)                        \
-    X(nvmlDeviceGetCurrentClocksThrottleReasons, Mask)              \
+    X(nvmlDeviceGetCurrentClocksThrottleReasons, LongValue)         \
     X(nvmlDeviceGetPowerUsage, Value)                               \
     X(nvmlDeviceGetEnforcedPowerLimit, Value)                       \
     X(nvmlDeviceGetPowerManagementLimit, Value)                     \
@@ -64,7 +64,57 @@
     X(nvmlDeviceGetComputeRunningProcesses, Processes)              \
     X(nvmlDeviceGetGraphicsRunningProcesses_v3, Processes)          \
     X(nvmlDeviceGetGraphicsRunningProcesses_v2, Processes)          \
-    X(nvmlDeviceGetGraphicsRunningProcesses, Processes)
+    X(nvmlDeviceGetGraphicsRunningProcesses, Processes)             \
+    X(nvmlInitWithFlags, FlaggedInit)                               \
+    X(nvmlSystemGetNVMLVersion, SystemText)                         \
+    X(nvmlSystemGetCudaDriverVersion_v2, SystemValue)               \
+    X(nvmlSystemGetCudaDriverVersion, SystemValue)                  \
+    X(nvmlDeviceGetHandleByPciBusId_v2, NamedHandle)                \
+    X(nvmlDeviceGetHandleByUUID, NamedHandle)                       \
+    X(nvmlDeviceGetSerial, Text)                                    \
+    X(nvmlDeviceGetPciInfo_v2, Pci)                                 \
+    X(nvmlDeviceGetPciInfo, Pci)                                    \
+    X(nvmlDeviceGetIndex, Value)                                    \
+    X(nvmlDeviceGetMinorNumber, Value)                              \
+    X(nvmlDeviceGetBrand, Value)                                    \
+    X(nvmlDeviceGetComputeMode, Value)                              \
+    X(nvmlDeviceGetNumFans, Value)                                  \
+    X(nvmlDeviceGetFanSpeed_v2, Selected)                           \
+    X(nvmlDeviceGetClock, Clock)                                    \
+    X(nvmlDeviceGetMemoryInfo_v2, VersionedMemory)                  \
+    X(nvmlDeviceGetTotalEnergyConsumption, LongValue)               \
+    X(nvmlDeviceGetProcessUtilization, ProcessUtilization)          \
+    X(nvmlDeviceGetMigMode, Unsupported)                            \
+    X(nvmlDeviceGetMaxMigDeviceCount, Unsupported)                  \
+    X(nvmlDeviceGetMigDeviceHandleByIndex, Unsupported)             \
+    X(nvmlDeviceGetDeviceHandleFromMigDeviceHandle, Unsupported)    \
+    X(nvmlDeviceIsMigDeviceHandle, Unsupported)                     \
+    X(nvmlDeviceGetGpuInstanceId, Unsupported)                      \
+    X(nvmlDeviceGetComputeInstanceId, Unsupported)                  \
+    X(nvmlDeviceGetNvLinkState, Unsupported)                        \
+    X(nvmlDeviceGetNvLinkVersion, Unsupported)                      \
+    X(nvmlDeviceGetNvLinkCapability, Unsupported)                   \
+    X(nvmlDeviceGetNvLinkRemotePciInfo_v2, Unsupported)             \
+    X(nvmlDeviceGetNvLinkErrorCounter, Unsupported)                 \
+    X(nvmlDeviceGetNvLinkUtilizationCounter, Unsupported)           \
+    X(nvmlDeviceGetEccMode, Unsupported)                            \
+    X(nvmlDeviceGetTotalEccErrors, Unsupported)                     \
+    X(nvmlDeviceGetDetailedEccErrors, Unsupported)                  \
+    X(nvmlDeviceGetMemoryErrorCounter, Unsupported)                 \
+    X(nvmlDeviceGetApplicationsClock, Unsupported)                  \
+    X(nvmlDeviceGetDefaultApplicationsClock, Unsupported)           \
+    X(nvmlDeviceSetApplicationsClocks, Unsupported)                 \
+    X(nvmlDeviceResetApplicationsClocks, Unsupported)               \
+    X(nvmlDeviceGetSamples, Unsupported)                            \
+    X(nvmlUnitGetFanSpeedInfo, Unsupported)                         \
+    X(nvmlDeviceGetCpuAffinity, Unsupported)                        \
+    X(nvmlDeviceSetCpuAffinity, Unsupported)                        \
+    X(nvmlDeviceClearCpuAffinity, Unsupported)                      \
+    X(nvmlDeviceGetAttributes_v2, Unsupported)                      \
+    X(nvmlDeviceGetAccountingPids, Unsupported)                     \
+    X(nvmlDeviceGetAccountingStats, Unsupported)                    \
+    X(nvmlDeviceSetAccountingMode, Unsupported)                     \
+    X(nvmlDeviceSetPersistenceMode, Unsupported)
 // clang-format on
 
 namespace simulated_nvml {
@@ -84,25 +134,32 @@ constexpr const char* kEntryPointNames[] = {
 /// What the parameters of a call are.
 enum class Shape : unsigned char {
     Init,
+    FlaggedInit,
     Shutdown,
     ErrorText,
     SystemText,
-    Count,
+    SystemValue,
     Handle,
+    NamedHandle,
     Text,
     Pci,
     Value,
+    LongValue,
     Selected,
+    Clock,
     Pair,
-    Mask,
     Memory,
+    VersionedMemory,
     Utilization,
     MemoryClocks,
     GraphicsClocks,
     Processes,
+    ProcessUtilization,
     Lock,
     Reset,
-    SetLimit
+    SetLimit,
+    /// No board supports it. The call has further arguments, which the simulator ignores.
+    Unsupported
 };
 
 constexpr Shape kEntryPointShapes[] = {
@@ -133,6 +190,30 @@ constexpr Shape ShapeOf(EntryPoint name) {
 constexpr bool IsList(EntryPoint name) {
     const Shape shape = ShapeOf(name);
     return shape == Shape::MemoryClocks || shape == Shape::GraphicsClocks || shape == Shape::Processes;
+}
+
+/// Whether a call says how many boards there are.
+constexpr bool IsDeviceCount(EntryPoint name) {
+    return name == EntryPoint::nvmlDeviceGetCount_v2 || name == EntryPoint::nvmlDeviceGetCount;
+}
+
+/// The name that stands for all names of one query: a board supports all of them or none of them.
+constexpr EntryPoint QueryOf(EntryPoint name) {
+    switch (name) {
+        case EntryPoint::nvmlDeviceGetComputeRunningProcesses_v2:
+        case EntryPoint::nvmlDeviceGetComputeRunningProcesses:
+        case EntryPoint::nvmlDeviceGetProcessUtilization: return EntryPoint::nvmlDeviceGetComputeRunningProcesses_v3;
+        case EntryPoint::nvmlDeviceGetGraphicsRunningProcesses_v2:
+        case EntryPoint::nvmlDeviceGetGraphicsRunningProcesses:
+            return EntryPoint::nvmlDeviceGetGraphicsRunningProcesses_v3;
+        case EntryPoint::nvmlDeviceGetPciInfo_v2:
+        case EntryPoint::nvmlDeviceGetPciInfo: return EntryPoint::nvmlDeviceGetPciInfo_v3;
+        case EntryPoint::nvmlDeviceGetMemoryInfo_v2: return EntryPoint::nvmlDeviceGetMemoryInfo;
+        case EntryPoint::nvmlDeviceGetFanSpeed_v2: return EntryPoint::nvmlDeviceGetFanSpeed;
+        case EntryPoint::nvmlDeviceGetPowerState: return EntryPoint::nvmlDeviceGetPerformanceState;
+        case EntryPoint::nvmlDeviceGetTotalEnergyConsumption: return EntryPoint::nvmlDeviceGetPowerUsage;
+        default: return name;
+    }
 }
 
 std::optional<EntryPoint> FindEntryPoint(std::string_view name);

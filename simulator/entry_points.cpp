@@ -2,8 +2,11 @@
 // function here that answers for all its names from the board.
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
+#include <map>
 #include <optional>
+#include <tuple>
 #include <utility>
 
 #include "engine.h"
@@ -11,6 +14,8 @@
 using namespace simulated_nvml;  // NOLINT(google-build-using-namespace): the exports are in no namespace
 
 namespace {
+
+constexpr unsigned int kSamplingPeriodMicroseconds = 167000;
 
 Engine& Nvml() {
     return Engine::Get();
@@ -27,7 +32,13 @@ unsigned int ValueOf(EntryPoint name, const BoardModel& model) {
     const Board& board = model.Identity();
     const Readings& now = model.Now();
     switch (name) {
+        case EntryPoint::nvmlDeviceGetIndex:
+        case EntryPoint::nvmlDeviceGetMinorNumber: return Nvml().IndexOfBoard(model);
         case EntryPoint::nvmlDeviceGetArchitecture: return board.Architecture;
+        case EntryPoint::nvmlDeviceGetBrand: return board.Brand;
+        // Any number of programs may compute on a simulated board.
+        case EntryPoint::nvmlDeviceGetComputeMode: return 0;
+        case EntryPoint::nvmlDeviceGetNumFans: return board.FanCount;
         case EntryPoint::nvmlDeviceGetFanSpeed: return now.FanPercent;
         case EntryPoint::nvmlDeviceGetPerformanceState:
         case EntryPoint::nvmlDeviceGetPowerState: return now.PerformanceState;
@@ -67,26 +78,50 @@ unsigned int SelectedOf(EntryPoint name, unsigned int selector, const BoardModel
             return selector == kThresholdShutdown ? board.ShutdownTemperatureC : board.SlowdownTemperatureC;
         case EntryPoint::nvmlDeviceGetPcieThroughput:
             return selector == kPcieTransmit ? now.PcieTransmitKiBPerSecond : now.PcieReceiveKiBPerSecond;
+        case EntryPoint::nvmlDeviceGetFanSpeed_v2: return now.FanPercent;
         case EntryPoint::nvmlDeviceGetMaxClockInfo: return MaxClockOf(board.Clocks.front(), selector);
         default: return ClockOf(selector, now.GraphicsMHz, now.SmMHz, now.MemoryMHz, now.VideoMHz);
     }
 }
 
+NvmlReturn StoreSelected(EntryPoint name, unsigned int selector, const BoardModel& board, unsigned int* value) {
+    const bool bLacksClocks = name == EntryPoint::nvmlDeviceGetMaxClockInfo && board.Identity().Clocks.empty();
+    if (bLacksClocks) return kNotSupported;
+    if (name == EntryPoint::nvmlDeviceGetFanSpeed_v2 && selector >= board.Identity().FanCount) return kInvalidArgument;
+    return Store(value, SelectedOf(name, selector, board));
+}
+
 NvmlReturn Selected(EntryPoint name, NvmlDevice device, unsigned int selector, unsigned int* value) {
-    return Nvml().DeviceCall(name, device, {selector}, {value}, [&](const BoardModel& board) {
-        const bool bLacksClocks = name == EntryPoint::nvmlDeviceGetMaxClockInfo && board.Identity().Clocks.empty();
-        return bLacksClocks ? kNotSupported : Store(value, SelectedOf(name, selector, board));
+    return Nvml().DeviceCall(name, device, {selector}, {value},
+                             [&](const BoardModel& board) { return StoreSelected(name, selector, board, value); });
+}
+
+NvmlReturn Clock(EntryPoint name, NvmlDevice device, unsigned int type, unsigned int which, unsigned int* clock) {
+    return Nvml().DeviceCall(name, device, {type, which}, {clock}, [&](const BoardModel& board) {
+        const EntryPoint query =
+            which == kClockNow ? EntryPoint::nvmlDeviceGetClockInfo : EntryPoint::nvmlDeviceGetMaxClockInfo;
+        const bool bAnswered = (which == kClockNow || which == kClockHighest) && board.Supports(query);
+        return bAnswered ? StoreSelected(query, type, board, clock) : kNotSupported;
     });
 }
 
-NvmlReturn Count(EntryPoint name, unsigned int* count) {
-    return Nvml().SystemCall(name, {}, {count}, [&] { return Store(count, Nvml().BoardCount()); });
+NvmlReturn LongValue(EntryPoint name, NvmlDevice device, unsigned long long* value) {
+    return Nvml().DeviceCall(name, device, {}, {value}, [&](const BoardModel& board) {
+        const bool bEnergy = name == EntryPoint::nvmlDeviceGetTotalEnergyConsumption;
+        *value = bEnergy ? board.EnergyMillijoules() : board.Now().LimitReasons;
+        return kSuccess;
+    });
+}
+
+NvmlReturn SystemValue(EntryPoint name, unsigned int* value) {
+    constexpr unsigned int kCudaVersion = 12040;
+    return Nvml().SystemCall(name, {}, {value},
+                             [&] { return Store(value, IsDeviceCount(name) ? Nvml().BoardCount() : kCudaVersion); });
 }
 
 // ---- Values that come together ----
 
 std::pair<unsigned int, unsigned int> PairOf(EntryPoint name, const BoardModel& model) {
-    constexpr unsigned int kSamplingPeriodMicroseconds = 167000;
     const Readings& now = model.Now();
     switch (name) {
         case EntryPoint::nvmlDeviceGetUtilizationRates: return {now.GpuPercent, now.MemoryPercent};
@@ -109,19 +144,23 @@ NvmlReturn Utilization(EntryPoint name, NvmlDevice device, UtilizationRecord* ra
     return Pair(name, device, &rates->GpuPercent, &rates->MemoryPercent);
 }
 
-NvmlReturn Mask(EntryPoint name, NvmlDevice device, unsigned long long* reasons) {
-    return Nvml().DeviceCall(name, device, {}, {reasons}, [&](const BoardModel& board) {
-        *reasons = board.Now().LimitReasons;
-        return kSuccess;
-    });
-}
-
 NvmlReturn Memory(EntryPoint name, NvmlDevice device, MemoryRecord* memory) {
     return Nvml().DeviceCall(name, device, {}, {memory}, [&](const BoardModel& board) {
         const bool bVram = name == EntryPoint::nvmlDeviceGetMemoryInfo;
         const uint64_t total = bVram ? board.Identity().VramTotalBytes : board.Identity().Bar1TotalBytes;
         const uint64_t used = std::min(bVram ? board.Now().VramUsedBytes : board.Now().Bar1UsedBytes, total);
         *memory = {total, total - used, used};
+        return kSuccess;
+    });
+}
+
+NvmlReturn VersionedMemory(EntryPoint name, NvmlDevice device, VersionedMemoryRecord* memory) {
+    return Nvml().DeviceCall(name, device, {}, {memory}, [&](const BoardModel& board) {
+        if (memory->Version != kMemoryRecordVersion) return kArgumentVersionMismatch;
+        const uint64_t total = board.Identity().VramTotalBytes;
+        const uint64_t taken = std::min(board.Now().VramUsedBytes, total);
+        const uint64_t reserved = std::min(kReservedVramBytes, taken);
+        *memory = {kMemoryRecordVersion, total, reserved, total - taken, taken - reserved};
         return kSuccess;
     });
 }
@@ -150,29 +189,35 @@ const std::string& TextOf(EntryPoint name, const Board& board) {
     switch (name) {
         case EntryPoint::nvmlDeviceGetName: return board.Name;
         case EntryPoint::nvmlDeviceGetUUID: return board.Uuid;
+        case EntryPoint::nvmlDeviceGetSerial: return board.Serial;
         default: return board.VbiosVersion;
     }
 }
 
 NvmlReturn SystemText(EntryPoint name, char* text, unsigned int size) {
-    return Nvml().SystemCall(name, {size}, {text, nullptr, size}, [&] { return StoreText(text, size, "550.120"); });
+    const char* const version = name == EntryPoint::nvmlSystemGetNVMLVersion ? "12.550.120" : "550.120";
+    return Nvml().SystemCall(name, {size}, {text, nullptr, size}, [&] { return StoreText(text, size, version); });
 }
 
 NvmlReturn Text(EntryPoint name, NvmlDevice device, char* text, unsigned int size) {
     return Nvml().DeviceCall(name, device, {size}, {text, nullptr, size}, [&](const BoardModel& board) {
-        return StoreText(text, size, TextOf(name, board.Identity()));
+        const std::string& found = TextOf(name, board.Identity());
+        const bool bLacksSerial = name == EntryPoint::nvmlDeviceGetSerial && found.empty();
+        return bLacksSerial ? kNotSupported : StoreText(text, size, found);
     });
 }
 
 NvmlReturn Pci(EntryPoint name, NvmlDevice device, PciRecord* pci) {
     return Nvml().DeviceCall(name, device, {}, {pci}, [&](const BoardModel& model) {
         const Board& board = model.Identity();
-        *pci = PciRecord{};
-        FillField(pci->BusIdLegacy, board.BusIdLegacy);
-        FillField(pci->BusId, board.BusId);
-        pci->Bus = board.PciBus;
-        pci->DeviceAndVendorId = board.PciDeviceId;
-        pci->SubSystemId = board.PciSubSystemId;
+        PciRecord record{};
+        FillField(record.BusIdLegacy, board.BusIdLegacy);
+        // The older record has reserved bytes there.
+        if (name == EntryPoint::nvmlDeviceGetPciInfo_v3) FillField(record.BusId, board.BusId);
+        record.Bus = board.PciBus;
+        record.DeviceAndVendorId = board.PciDeviceId;
+        record.SubSystemId = board.PciSubSystemId;
+        std::memcpy(pci, &record, RecordBytesOf(name));
         return kSuccess;
     });
 }
@@ -188,6 +233,7 @@ const char* ErrorText(EntryPoint name, NvmlReturn result) {
         case kNotFound: return "Not found";
         case kInsufficientSize: return "Insufficient size";
         case kGpuIsLost: return "GPU is lost";
+        case kArgumentVersionMismatch: return "Argument version mismatch";
         default: return "Unknown error";
     }
 }
@@ -244,27 +290,60 @@ NvmlReturn GraphicsClocks(EntryPoint name, NvmlDevice device, unsigned int memor
     });
 }
 
-/// Which list a query gives: its newer and older names give the same list, with the same records.
 const std::vector<Process>& ProcessesOf(EntryPoint name, const Readings& now) {
-    switch (name) {
-        case EntryPoint::nvmlDeviceGetComputeRunningProcesses_v3:
-        case EntryPoint::nvmlDeviceGetComputeRunningProcesses_v2:
-        case EntryPoint::nvmlDeviceGetComputeRunningProcesses: return now.ComputeProcesses;
-        default: return now.GraphicsProcesses;
-    }
+    const bool bCompute = QueryOf(name) == EntryPoint::nvmlDeviceGetComputeRunningProcesses_v3;
+    return bCompute ? now.ComputeProcesses : now.GraphicsProcesses;
 }
 
 NvmlReturn Processes(EntryPoint name, NvmlDevice device, unsigned int* count, ProcessRecord* output) {
     return Nvml().DeviceCall(name, device, {RoomArgument(count)}, {count, output}, [&](const BoardModel& board) {
-        const size_t recordBytes = Nvml().Rules.ProcessRecordBytes;
+        const size_t recordBytes = Nvml().Rules.ProcessRecordBytes[IndexOf(name)].value_or(RecordBytesOf(name));
         auto* bytes = reinterpret_cast<unsigned char*>(output);
         const auto write = [bytes, recordBytes](size_t i, const Process& process) {
             constexpr uint32_t kNoInstance = UINT32_MAX;
             const ProcessRecord record = {process.Pid, process.UsedBytes, kNoInstance, kNoInstance};
             std::memset(bytes + i * recordBytes, 0, recordBytes);
-            std::memcpy(bytes + i * recordBytes, &record, sizeof record);
+            std::memcpy(bytes + i * recordBytes, &record, std::min(recordBytes, sizeof record));
         };
         return StoreList(name, ProcessesOf(name, board.Now()), count, write);
+    });
+}
+
+/// What each process does to the board: its share of everything is its share of the load.
+std::vector<ProcessUtilizationRecord> UtilizationsOf(const Readings& now, uint64_t timestamp) {
+    std::map<unsigned int, unsigned int> loads;
+    for (const auto* list : {&now.ComputeProcesses, &now.GraphicsProcesses}) {
+        for (const Process& process : *list) loads[process.Pid] = process.GpuPercent;
+    }
+    std::vector<ProcessUtilizationRecord> utilizations;
+    for (const auto& [pid, load] : loads) {
+        const auto share = [&now, load = load](unsigned int percent) {
+            return now.GpuPercent != 0 ? percent * load / now.GpuPercent : 0;
+        };
+        utilizations.push_back(
+            {pid, timestamp, load, share(now.MemoryPercent), share(now.EncoderPercent), share(now.DecoderPercent)});
+    }
+    return utilizations;
+}
+
+/// When the latest sampling period of the system clock ended.
+uint64_t LatestSampleMicroseconds() {
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    const auto microseconds = static_cast<uint64_t>(std::chrono::floor<std::chrono::microseconds>(now).count());
+    return microseconds - microseconds % kSamplingPeriodMicroseconds;
+}
+
+NvmlReturn ProcessUtilization(EntryPoint name, NvmlDevice device, ProcessUtilizationRecord* output, unsigned int* count,
+                              unsigned long long lastSeen) {
+    const Outputs outputs{count, output};
+    return Nvml().DeviceCall(name, device, {RoomArgument(count), lastSeen}, outputs, [&](const BoardModel& board) {
+        const uint64_t latest = LatestSampleMicroseconds();
+        const std::vector<ProcessUtilizationRecord> utilizations = UtilizationsOf(board.Now(), latest);
+        if (latest <= lastSeen || utilizations.empty()) return kNotFound;
+        // Without a place for the samples, whatever the count says asks for the size.
+        if (output == nullptr) *count = 0;
+        return StoreList(name, utilizations, count,
+                         [output](size_t i, const ProcessUtilizationRecord& record) { output[i] = record; });
     });
 }
 
@@ -308,7 +387,12 @@ NvmlReturn SetLimit(EntryPoint name, NvmlDevice device, unsigned int milliwatts)
 // ---- The rest of the shapes ----
 
 NvmlReturn Init(EntryPoint name) {
-    return Nvml().Initialize(name);
+    return Nvml().Initialize(name, {});
+}
+
+/// The flags say what to do without GPUs and where not to attach to them, so that here they change nothing.
+NvmlReturn FlaggedInit(EntryPoint name, unsigned int flags) {
+    return Nvml().Initialize(name, {flags});
 }
 
 NvmlReturn Shutdown(EntryPoint) {
@@ -316,8 +400,26 @@ NvmlReturn Shutdown(EntryPoint) {
 }
 
 NvmlReturn Handle(EntryPoint name, unsigned int index, NvmlDevice* device) {
-    return Nvml().HandleCall(name, index, device);
+    return Nvml().HandleCall(name, index, "", device);
 }
+
+NvmlReturn NamedHandle(EntryPoint name, const char* text, NvmlDevice* device) {
+    return Nvml().HandleCall(name, std::nullopt, text, device);
+}
+
+NvmlReturn Unsupported(EntryPoint name, NvmlDevice device) {
+    const auto refuse = [](const auto&...) { return kNotSupported; };
+    // The unit is no board.
+    if (name == EntryPoint::nvmlUnitGetFanSpeedInfo) return Nvml().SystemCall(name, {}, {}, refuse);
+    return Nvml().DeviceCall(name, device, {}, {}, refuse);
+}
+
+template <typename Result, typename... Parameters>
+std::tuple<Parameters...> ParametersOf(Result (*shape)(Parameters...));
+
+/// What the parameter at this place of a call of this shape is.
+template <typename Shape, size_t Place>
+using Parameter = std::tuple_element_t<Place, decltype(ParametersOf(std::declval<Shape*>()))>;
 
 }  // namespace
 
@@ -325,38 +427,50 @@ NvmlReturn Handle(EntryPoint name, unsigned int index, NvmlDevice* device) {
 
 // NOLINTBEGIN(readability-identifier-naming): the list gives the ends of these names.
 // clang-format off
-#define EXPORT_Init(name) NvmlReturn name() { return Init(EntryPoint::name); }
-#define EXPORT_Shutdown(name) NvmlReturn name() { return Shutdown(EntryPoint::name); }
-#define EXPORT_ErrorText(name) const char* name(NvmlReturn result) { return ErrorText(EntryPoint::name, result); }
-#define EXPORT_SystemText(name) \
-    NvmlReturn name(char* text, unsigned int size) { return SystemText(EntryPoint::name, text, size); }
-#define EXPORT_Count(name) NvmlReturn name(unsigned int* count) { return Count(EntryPoint::name, count); }
-#define EXPORT_Handle(name) \
-    NvmlReturn name(unsigned int index, NvmlDevice* device) { return Handle(EntryPoint::name, index, device); }
-#define EXPORT_DeviceCall(name, shape, type) \
-    NvmlReturn name(NvmlDevice device, type output) { return shape(EntryPoint::name, device, output); }
-#define EXPORT_Pci(name) EXPORT_DeviceCall(name, Pci, PciRecord*)
-#define EXPORT_Value(name) EXPORT_DeviceCall(name, Value, unsigned int*)
-#define EXPORT_Mask(name) EXPORT_DeviceCall(name, Mask, unsigned long long*)
-#define EXPORT_Memory(name) EXPORT_DeviceCall(name, Memory, MemoryRecord*)
-#define EXPORT_Utilization(name) EXPORT_DeviceCall(name, Utilization, UtilizationRecord*)
-#define EXPORT_SetLimit(name) EXPORT_DeviceCall(name, SetLimit, unsigned int)
-#define EXPORT_Reset(name) NvmlReturn name(NvmlDevice device) { return Reset(EntryPoint::name, device); }
-#define EXPORT_DeviceCall2(name, shape, type1, type2) \
-    NvmlReturn name(NvmlDevice device, type1 a, type2 b) { return shape(EntryPoint::name, device, a, b); }
-#define EXPORT_Text(name) EXPORT_DeviceCall2(name, Text, char*, unsigned int)
-#define EXPORT_Selected(name) EXPORT_DeviceCall2(name, Selected, unsigned int, unsigned int*)
-#define EXPORT_Pair(name) EXPORT_DeviceCall2(name, Pair, unsigned int*, unsigned int*)
-#define EXPORT_MemoryClocks(name) EXPORT_DeviceCall2(name, MemoryClocks, unsigned int*, unsigned int*)
-#define EXPORT_Processes(name) EXPORT_DeviceCall2(name, Processes, unsigned int*, ProcessRecord*)
-#define EXPORT_Lock(name) EXPORT_DeviceCall2(name, Lock, unsigned int, unsigned int)
-#define EXPORT_GraphicsClocks(name) \
-    NvmlReturn name(NvmlDevice device, unsigned int memory, unsigned int* count, unsigned int* clocks) { \
-        return GraphicsClocks(EntryPoint::name, device, memory, count, clocks); \
+#define PARAMETER(shape, place) Parameter<shapes::shape, place>
+#define EXPORT_0(name, shape) NvmlReturn name() { return shape(EntryPoint::name); }
+#define EXPORT_1(name, shape) \
+    auto name(PARAMETER(shape, 0) a) -> decltype(shape(EntryPoint::name, a)) { return shape(EntryPoint::name, a); }
+#define EXPORT_2(name, shape) \
+    NvmlReturn name(PARAMETER(shape, 0) a, PARAMETER(shape, 1) b) { return shape(EntryPoint::name, a, b); }
+#define EXPORT_3(name, shape) \
+    NvmlReturn name(PARAMETER(shape, 0) a, PARAMETER(shape, 1) b, PARAMETER(shape, 2) c) { \
+        return shape(EntryPoint::name, a, b, c); \
     }
+#define EXPORT_4(name, shape) \
+    NvmlReturn name(PARAMETER(shape, 0) a, PARAMETER(shape, 1) b, PARAMETER(shape, 2) c, PARAMETER(shape, 3) d) { \
+        return shape(EntryPoint::name, a, b, c, d); \
+    }
+// How many parameters each shape has.
+#define EXPORT_Init EXPORT_0
+#define EXPORT_FlaggedInit EXPORT_1
+#define EXPORT_Shutdown EXPORT_0
+#define EXPORT_ErrorText EXPORT_1
+#define EXPORT_SystemText EXPORT_2
+#define EXPORT_SystemValue EXPORT_1
+#define EXPORT_Handle EXPORT_2
+#define EXPORT_NamedHandle EXPORT_2
+#define EXPORT_Text EXPORT_3
+#define EXPORT_Pci EXPORT_2
+#define EXPORT_Value EXPORT_2
+#define EXPORT_LongValue EXPORT_2
+#define EXPORT_Selected EXPORT_3
+#define EXPORT_Clock EXPORT_4
+#define EXPORT_Pair EXPORT_3
+#define EXPORT_Memory EXPORT_2
+#define EXPORT_VersionedMemory EXPORT_2
+#define EXPORT_Utilization EXPORT_2
+#define EXPORT_MemoryClocks EXPORT_3
+#define EXPORT_GraphicsClocks EXPORT_4
+#define EXPORT_Processes EXPORT_3
+#define EXPORT_ProcessUtilization EXPORT_4
+#define EXPORT_Lock EXPORT_3
+#define EXPORT_Reset EXPORT_1
+#define EXPORT_SetLimit EXPORT_2
+#define EXPORT_Unsupported EXPORT_1
 // clang-format on
 
-#define EXPORT(name, shape) EXPORT_##shape(name)
+#define EXPORT(name, shape) EXPORT_##shape(name, shape)
 SIMULATED_NVML_ENTRY_POINTS(EXPORT)
 // NOLINTEND(readability-identifier-naming)
 

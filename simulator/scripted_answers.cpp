@@ -33,10 +33,11 @@ bool IsPair(Shape shape) {
     return shape == Shape::Pair || shape == Shape::Utilization;
 }
 
-/// Calls that start, end or change something, and the one that cannot fail.
+/// Calls that start, end or change something, the one that cannot fail, and those that no board supports.
 bool HasNoOutput(Shape shape) {
-    return shape == Shape::Init || shape == Shape::Shutdown || shape == Shape::ErrorText || shape == Shape::Lock ||
-           shape == Shape::Reset || shape == Shape::SetLimit;
+    return shape == Shape::Init || shape == Shape::FlaggedInit || shape == Shape::Shutdown ||
+           shape == Shape::ErrorText || shape == Shape::Lock || shape == Shape::Reset || shape == Shape::SetLimit ||
+           shape == Shape::Unsupported;
 }
 
 // ---- Writing what an answer says ----
@@ -55,11 +56,13 @@ void WriteText(const Answer& answer, char* text, size_t size) {
     if (bTerminated) text[length] = '\0';
 }
 
-void WritePci(const Answer& answer, PciRecord* record) {
-    std::memset(record, Letter(answer.Form), sizeof *record);
-    WriteText(answer, record->BusIdLegacy, sizeof record->BusIdLegacy);
-    WriteText(answer, record->BusId, sizeof record->BusId);
-    if (HasForm(answer, 3)) record->BusId[0] = '\0';
+void WritePci(const Answer& answer, const Call& call) {
+    PciRecord record;
+    std::memset(&record, Letter(answer.Form), sizeof record);
+    WriteText(answer, record.BusIdLegacy, sizeof record.BusIdLegacy);
+    WriteText(answer, record.BusId, sizeof record.BusId);
+    if (HasForm(answer, 3)) record.BusId[0] = '\0';
+    std::memcpy(call.Written.First, &record, RecordBytesOf(call.Name));
 }
 
 uint64_t Shifted(uint32_t value, const Answer& answer) {
@@ -80,7 +83,7 @@ void WriteEntry(const Answer& answer, const Call& call, uint32_t position) {
         static_cast<uint32_t*>(call.Written.Second)[position] = entry;
         return;
     }
-    const size_t bytes = HasForm(answer, 3) ? 32 : sizeof(ProcessRecord);
+    const size_t bytes = HasForm(answer, 3) ? kLongProcessRecordBytes : RecordBytesOf(call.Name);
     const uint64_t used = entry % 5 == 0 ? UINT64_MAX : uint64_t{entry % 7} << 20;
     const uint64_t record[] = {entry, used, 0, 0};
     std::memcpy(static_cast<char*>(call.Written.Second) + position * bytes, record, bytes);
@@ -99,7 +102,7 @@ std::pair<uint64_t, uint64_t> ValuesOf(const Call& call) {
     switch (ShapeOf(call.Name)) {
         case Shape::Lock:
         case Shape::SetLimit: return {Argument(call, 0), Argument(call, 1)};
-        case Shape::Count: return {OutputOf<uint32_t>(first), 0};
+        case Shape::SystemValue: return {OutputOf<uint32_t>(first), 0};
         case Shape::Pair: return {OutputOf<uint32_t>(first), OutputOf<uint32_t>(call.Written.Second)};
         default: return {0, 0};
     }
@@ -110,10 +113,12 @@ std::pair<uint64_t, uint64_t> ValuesOf(const Call& call) {
 /// The last sensor, clock or counter that a call can ask for.
 unsigned int HighestSelector(EntryPoint name) {
     switch (name) {
+        case EntryPoint::nvmlDeviceGetClock:
         case EntryPoint::nvmlDeviceGetClockInfo:
         case EntryPoint::nvmlDeviceGetMaxClockInfo: return kClockVideo;
         case EntryPoint::nvmlDeviceGetTemperatureThreshold: return kThresholdSlowdown;
         case EntryPoint::nvmlDeviceGetPcieThroughput: return kPcieReceive;
+        case EntryPoint::nvmlDeviceGetFanSpeed_v2: return UINT32_MAX;
         default: return kSensorGpu;
     }
 }
@@ -141,7 +146,8 @@ std::optional<Complaint> ScriptedAnswers::Judge(const Call& call) const {
     if (outputs.First == nullptr || (IsPair(shape) && outputs.Second == nullptr)) {
         return Complaint{"without a place for the answer", true};
     }
-    if (shape == Shape::Selected && Argument(call, 0) > HighestSelector(call.Name)) {
+    const bool bSelects = shape == Shape::Selected || shape == Shape::Clock;
+    if (bSelects && Argument(call, 0) > HighestSelector(call.Name)) {
         return Complaint{"with a selector that does not exist", true};
     }
     const bool bText = shape == Shape::Text || shape == Shape::SystemText;
@@ -240,15 +246,15 @@ void ScriptedAnswers::Write(const Call& call, const Answer& answer, uint32_t roo
     switch (shape) {
         case Shape::SystemText:
         case Shape::Text: WriteText(answer, static_cast<char*>(outputs.First), outputs.TextBytes); break;
-        case Shape::Pci: WritePci(answer, static_cast<PciRecord*>(outputs.First)); break;
+        case Shape::Pci: WritePci(answer, call); break;
         case Shape::Memory: WriteMemory(answer, static_cast<MemoryRecord*>(outputs.First)); break;
-        case Shape::Mask:
+        case Shape::LongValue:
             if (answer.Value) OutputOf<unsigned long long>(outputs.First) = Shifted(*answer.Value, answer);
             break;
         default:
             if (!answer.Value || HasNoOutput(shape) || shape == Shape::Handle) break;
             OutputOf<uint32_t>(outputs.First) =
-                shape == Shape::Count ? std::min(*answer.Value, kMostDevices) : *answer.Value;
+                IsDeviceCount(call.Name) ? std::min(*answer.Value, kMostDevices) : *answer.Value;
     }
 }
 
@@ -266,7 +272,7 @@ void ScriptedAnswers::Observe(const Call& call, NvmlReturn code, bool bWrites, u
     last.Code = code;
     last.bAnswered = code == kSuccess && bWrites;
     std::tie(last.First, last.Second) = ValuesOf(call);
-    if (shape == Shape::Count) Devices = last.bAnswered ? static_cast<uint32_t>(last.First) : 0;
+    if (IsDeviceCount(call.Name)) Devices = last.bAnswered ? static_cast<uint32_t>(last.First) : 0;
     if (shape == Shape::MemoryClocks || shape == Shape::GraphicsClocks) ObserveClocks(call, room);
 }
 

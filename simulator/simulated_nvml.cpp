@@ -194,11 +194,11 @@ void SimulatedNvml::ChangeListAfterSizeQuery(const std::string& name, int entrie
     Rules().ListChanges[IndexOf(EntryPointOf(name))] = entries;
 }
 
-void SimulatedNvml::SetProcessRecordBytes(size_t bytes) {
-    constexpr size_t kLongRecordBytes = 32;
-    Require(bytes == sizeof(ProcessRecord) || bytes == kLongRecordBytes, "A process record has 24 or 32 bytes.");
+void SimulatedNvml::SetProcessRecordBytes(const std::string& name, size_t bytes) {
+    Require(ShapeOf(EntryPointOf(name)) == Shape::Processes, "Only a list of processes has process records.");
+    Require(bytes == 16 || bytes == 24 || bytes == 32, "A process record has 16, 24 or 32 bytes.");
     const auto lock = Scripting();
-    Rules().ProcessRecordBytes = bytes;
+    Rules().ProcessRecordBytes[IndexOf(EntryPointOf(name))] = bytes;
 }
 
 void SimulatedNvml::SetAdministratorRights(bool bAllowed) {

@@ -29,6 +29,7 @@ constexpr unsigned int kNoPermission = 4;
 constexpr unsigned int kNotFound = 6;
 constexpr unsigned int kInsufficientSize = 7;
 constexpr unsigned int kGpuIsLost = 15;
+constexpr unsigned int kArgumentVersionMismatch = 25;
 constexpr unsigned int kUnknown = 999;
 
 /// Bits of `Readings::LimitReasons`.
@@ -96,6 +97,11 @@ struct Board {
     unsigned int PciSubSystemId = 0;
     /// NVML's code: 2 Kepler to 10 Blackwell.
     unsigned int Architecture = 0;
+    /// NVML's code, such as 5 for GeForce.
+    unsigned int Brand = 0;
+    /// Empty: the board has no serial number.
+    std::string Serial;
+    unsigned int FanCount = 0;
     uint64_t VramTotalBytes = 0;
     uint64_t Bar1TotalBytes = 0;
     /// Highest memory clock first.
@@ -117,7 +123,8 @@ struct Board {
     bool bDraws = true;
     /// Ids that a living workload's processes have. Empty: those of this system's own processes, the client among them.
     std::vector<unsigned int> ProcessIds;
-    /// Entry points that answer "not supported" on this board. Only queries and changes of a board can.
+    /// Entry points that answer "not supported" on this board; one name stands for all versions of its query. Only
+    /// queries and changes of a board can.
     std::set<std::string> Unsupported;
     /// Always answered in place of a living workload's readings.
     std::optional<Readings> Fixed;
@@ -199,8 +206,9 @@ public:
     void UseUnterminatedText();
     /// Makes the list that `name` reports longer or shorter by `entries` each time its size has been asked for.
     void ChangeListAfterSizeQuery(const std::string& name, int entries);
-    /// Writes process records of 24 bytes, or of the 32 of some drivers.
-    void SetProcessRecordBytes(size_t bytes);
+    /// Makes `name` write process records of 16, 24 or 32 bytes. By default the names without a version write 16, as
+    /// drivers of their time did, the others 24; some drivers write 32.
+    void SetProcessRecordBytes(const std::string& name, size_t bytes);
     /// With false, every change of a setting answers `kNoPermission`.
     void SetAdministratorRights(bool bAllowed);
     /// Makes queries that fail by `FailFrom` fill their outputs as if they had succeeded.
