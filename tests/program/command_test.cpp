@@ -30,9 +30,10 @@ TEST(CommandTest, QueriesAnswerForTheWantedGpusInTextAndJson) {
         {"clocks", "\nLocking     impossible: NVML did not expose supported memory clocks.\n", "supported"},
         {"power", "\nRange     -\n", "state"}};
     for (const auto& [command, text, key] : queries) {
-        EXPECT_THAT(Shell("gpu_monitor " + command + " --simulate=old,laptop").Output, HasSubstr(text));
+        EXPECT_THAT(Shell("NVML_SIM_BOARDS=3 gpu_monitor " + command + " --simulate=old,laptop").Output,
+                    HasSubstr(text));
         const json document =
-            json::parse(Shell("gpu_monitor --simulate=4 " + command + " --gpu gpu-2331 --json").Output);
+            json::parse(Shell("NVML_SIM_BOARDS=4 gpu_monitor --simulate " + command + " --gpu gpu-2331 --json").Output);
         EXPECT_EQ(document.at("driver_version"), "550.120");
         ASSERT_THAT(document.at("gpus"), SizeIs(1)) << command;
         EXPECT_EQ(document["gpus"][0].at("index"), 2);
@@ -161,6 +162,9 @@ TEST(CommandTest, FailuresAreExplainedAndHaveTheirStatus) {
         {1, " makes no sense", "on_simulator NVML_SIM_# gpu_monitor list",
          {"BOARDS=0", "BOARDS=65", "BOARDS=desktop,", "DELAYS=slow", "RIGHTS=root", "SEED=-1", "LOSE=1@5", "LOSE=0@",
           "LOSE=0", "HANG=1@0"}},
+        {1, "NVML: NVML_SIM_BOARDS=", "NVML_SIM_BOARDS=65 gpu_monitor list --simulate#", {"", "=recording:/"}},
+        {1, " nvml-gpu-monitor-simulator.\n", "cd $(mktemp -d); cp $(which gpu_monitor) .; ./gpu_monitor # --simulate; "
+         "status=$?; rm -r $PWD; exit $status", {"list"}},
         {1, "There is no variable NVML_SIM_BORDS", "on_simulator NVML_SIM_# gpu_monitor list", {"BORDS=2"}},
         {2, ".\n", "gpu_monitor # --simulate=1",
          {"", "list --jsn", "sample --gpu one", "sample --gpu -1", "sample --gpu 00", "stream --interval 99",

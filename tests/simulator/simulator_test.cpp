@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <stdexcept>
 #include <thread>
@@ -119,17 +120,44 @@ TEST_F(SimulatorTest, ProcessesShareWhatTheirBoardDoes) {
     EXPECT_EQ(nvmlDeviceGetProcessUtilization(Handle(0), records, &Output, UINT64_MAX), kNotFound);
 }
 
+TEST_F(SimulatorTest, ProcessesAreOfThisSystemUnlessScripted) {
+    ProcessRecord records[5] = {};
+    EXPECT_EQ(nvmlDeviceGetComputeRunningProcesses_v3(Handle(2), &(Output = 5), records), kSuccess);
+    EXPECT_EQ(records[0].Pid, static_cast<uint32_t>(getpid()));
+    for (unsigned int i = 0; i < Output; ++i) EXPECT_NE(getpgid(static_cast<pid_t>(records[i].Pid)), -1);
+    Board board = DataCenterBoard(2);
+    board.ProcessIds = {7, 8, 9, 10, 11};
+    Sim.SetBoards({board});
+    EXPECT_EQ(nvmlDeviceGetComputeRunningProcesses_v3(Handle(0), &(Output = 5), records), kSuccess);
+    EXPECT_THAT(records, ElementsAre(FieldsAre(7, _, _, _), FieldsAre(8, _, _, _), _, _, _));
+}
+
 TEST_F(SimulatorTest, BoardsOfASeedLiveTheSameLifeHoweverOftenTheyAreAsked) {
     const auto readings = [](void* device) {
+        MemoryRecord memory = {};
+        EXPECT_EQ(nvmlDeviceGetMemoryInfo(device, &memory), kSuccess);
         return std::tuple(Value(nvmlDeviceGetPowerUsage, device), Value(nvmlDeviceGetTemperature, device, kSensorGpu),
-                          Value(nvmlDeviceGetClockInfo, device, kClockMemory));
+                          Value(nvmlDeviceGetClockInfo, device, kClockMemory), memory.UsedBytes >> 16U);
     };
-    for (int seconds = 1; seconds <= 100; ++seconds) ReasonsAfter(1.0);
-    EXPECT_EQ(readings(Handle(0)), std::tuple(302849, 75, 11201));
-    EXPECT_EQ(readings(Handle(1)), std::tuple(48767, 55, 7001));
-    EXPECT_EQ(readings(Handle(2)), std::tuple(345770, 72, 1593));
+    const auto energy = [] {
+        unsigned long long millijoules = 0;
+        EXPECT_EQ(nvmlDeviceGetTotalEnergyConsumption(Handle(0), &millijoules), kSuccess);
+        return static_cast<double>(millijoules);
+    };
+    double expected = energy();
+    for (int seconds = 1; seconds <= 100; ++seconds) {
+        ReasonsAfter(1.0);
+        expected += Value(nvmlDeviceGetPowerUsage, Handle(0));
+    }
+    EXPECT_NEAR(energy(), expected, 0.01 * expected);
+    EXPECT_EQ(readings(Handle(0)), std::tuple(302849, 75, 11201, 163036));
+    EXPECT_EQ(readings(Handle(1)), std::tuple(48767, 55, 7001, 21601));
+    EXPECT_EQ(readings(Handle(2)), std::tuple(345770, 72, 1593, 654522));
     Sim.SetSeed(8);
-    EXPECT_NE(readings(Handle(2)), std::tuple(345770, 72, 1593));
+    EXPECT_NE(readings(Handle(2)), std::tuple(345770, 72, 1593, 654522));
+    expected = energy() + 14000.0 * 86400.0;
+    ReasonsAfter(86400.0);
+    EXPECT_GT(energy(), expected) << "what is not simulated counts, too";
 }
 
 TEST_F(SimulatorTest, LimitsActOnTheBoardAndTheReasonsSaySo) {
