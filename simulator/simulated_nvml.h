@@ -101,7 +101,8 @@ struct Board {
     unsigned int Brand = 0;
     /// Empty: the board has no serial number.
     std::string Serial;
-    unsigned int FanCount = 0;
+    /// A board without a fan reading has no fans for NVML.
+    unsigned int FanCount = 1;
     uint64_t VramTotalBytes = 0;
     uint64_t Bar1TotalBytes = 0;
     /// Highest memory clock first.
