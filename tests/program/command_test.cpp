@@ -162,8 +162,7 @@ TEST(CommandTest, FailuresAreExplainedAndHaveTheirStatus) {
          {"BOARDS=0", "BOARDS=65", "BOARDS=desktop,", "DELAYS=slow", "RIGHTS=root", "SEED=-1", "LOSE=1@5", "LOSE=0@",
           "LOSE=0", "HANG=1@0"}},
         {1, "NVML: NVML_SIM_BOARDS=", "NVML_SIM_BOARDS=65 gpu_monitor list --simulate#", {"", "=recording:/"}},
-        {1, " nvml-gpu-monitor-simulator.\n", "cd $(mktemp -d); cp $(which gpu_monitor) .; ./gpu_monitor # --simulate; "
-         "status=$?; rm -r $PWD; exit $status", {"list"}},
+        {1, " nvml-gpu-monitor-simulator.\n", "cp $(which gpu_monitor) m; ./m # --simulate; s=$?; rm m; exit $s", {"list"}},
         {1, "There is no variable NVML_SIM_BORDS", "on_simulator NVML_SIM_# gpu_monitor list", {"BORDS=2"}},
         {2, ".\n", "gpu_monitor # --simulate=1",
          {"", "list --jsn", "sample --gpu one", "sample --gpu -1", "sample --gpu 00", "stream --interval 99",

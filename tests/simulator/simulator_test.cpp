@@ -123,13 +123,13 @@ TEST_F(SimulatorTest, ProcessesShareWhatTheirBoardDoes) {
 TEST_F(SimulatorTest, ProcessesAreOfThisSystemUnlessScripted) {
     ProcessRecord records[5] = {};
     EXPECT_EQ(nvmlDeviceGetComputeRunningProcesses_v3(Handle(2), &(Output = 5), records), kSuccess);
-    EXPECT_EQ(records[0].Pid, static_cast<uint32_t>(getpid()));
+    EXPECT_EQ(getpid(), static_cast<pid_t>(records[0].Pid));
     for (unsigned int i = 0; i < Output; ++i) EXPECT_NE(getpgid(static_cast<pid_t>(records[i].Pid)), -1);
     Board board = DataCenterBoard(2);
-    board.ProcessIds = {7, 8, 9, 10, 11};
+    board.ProcessIds = {7};
     Sim.SetBoards({board});
     EXPECT_EQ(nvmlDeviceGetComputeRunningProcesses_v3(Handle(0), &(Output = 5), records), kSuccess);
-    EXPECT_THAT(records, ElementsAre(FieldsAre(7, _, _, _), FieldsAre(8, _, _, _), _, _, _));
+    EXPECT_THAT(std::pair(Output, records[0].Pid), Pair(1, 7));
 }
 
 TEST_F(SimulatorTest, BoardsOfASeedLiveTheSameLifeHoweverOftenTheyAreAsked) {
@@ -139,20 +139,19 @@ TEST_F(SimulatorTest, BoardsOfASeedLiveTheSameLifeHoweverOftenTheyAreAsked) {
         return std::tuple(Value(nvmlDeviceGetPowerUsage, device), Value(nvmlDeviceGetTemperature, device, kSensorGpu),
                           Value(nvmlDeviceGetClockInfo, device, kClockMemory), memory.UsedBytes >> 16U);
     };
-    auto energy = [millijoules = 0ULL]() mutable {
-        EXPECT_EQ(nvmlDeviceGetTotalEnergyConsumption(Handle(0), &millijoules), kSuccess);
-        return static_cast<double>(millijoules);
-    };
-    double expected = energy();
-    for (; Seconds < 100.0; expected += Value(nvmlDeviceGetPowerUsage, Handle(0))) ReasonsAfter(1.0);
-    EXPECT_NEAR(energy(), expected, 0.01 * expected);
+    unsigned long long used[2] = {};
+    EXPECT_EQ(nvmlDeviceGetTotalEnergyConsumption(Handle(0), &used[0]), kSuccess);
+    for (int seconds = 1; seconds <= 100; ++seconds) {
+        ReasonsAfter(1.0);
+        used[0] += Value(nvmlDeviceGetPowerUsage, Handle(0));
+    }
+    EXPECT_EQ(nvmlDeviceGetTotalEnergyConsumption(Handle(0), &used[1]), kSuccess);
+    EXPECT_THAT(used[1], AllOf(Gt(used[0] / 1000 * 997), Lt(used[0] / 1000 * 1003)));
     EXPECT_EQ(readings(Handle(0)), std::tuple(302849, 75, 11201, 163036));
     EXPECT_EQ(readings(Handle(1)), std::tuple(48767, 55, 7001, 21601));
     EXPECT_EQ(readings(Handle(2)), std::tuple(345770, 72, 1593, 654522));
     Sim.SetSeed(8);
     EXPECT_NE(readings(Handle(2)), std::tuple(345770, 72, 1593, 654522));
-    ReasonsAfter(86400.0);
-    EXPECT_GT(energy(), 14000.0 * 86400.0) << "what is not simulated counts, too";
 }
 
 TEST_F(SimulatorTest, LimitsActOnTheBoardAndTheReasonsSaySo) {
