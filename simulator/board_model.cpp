@@ -299,7 +299,7 @@ void BoardModel::PublishProcesses() {
     const auto freeBytes = static_cast<double>(Description.VramTotalBytes - kReservedVramBytes);
     unsigned int percentLeft = Current.GpuPercent;
     for (size_t slot = 0; slot < kSlots; ++slot) {
-        // Every slot runs one program after another, each for its own time; the first slot always runs the client.
+        // Every slot runs one program after another, each for its own time; the first slot is never empty.
         const double lifeSeconds = 40.0 + 23.0 * static_cast<double>(slot);
         const auto life = slot == 0 ? 0 : static_cast<int64_t>(std::floor(Seconds() / lifeSeconds));
         const uint64_t stream = kProcesses + 3 * slot;
