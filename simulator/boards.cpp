@@ -1,6 +1,7 @@
 // The catalogue of boards: data, nothing else.
 
 #include <cstdio>
+#include <utility>
 
 #include "simulated_nvml.h"
 
@@ -29,10 +30,11 @@ std::string Format(const char* format, Values... values) {
     return text;
 }
 
-/// A board with the identity that belongs to its place in the machine.
-Board BoardAt(unsigned int index, const char* name, unsigned int pciDeviceId) {
+}  // namespace
+
+Board BoardAt(unsigned int index, std::string name, unsigned int pciDeviceId) {
     Board board;
-    board.Name = name;
+    board.Name = std::move(name);
     board.PciBus = index + 1;
     board.PciDeviceId = pciDeviceId;
     board.PciSubSystemId = 0x000110DEU + (index << 16U);
@@ -41,8 +43,6 @@ Board BoardAt(unsigned int index, const char* name, unsigned int pciDeviceId) {
     board.Uuid = Format("GPU-%08x-51a7-4e5f-8d0c-%012x", pciDeviceId, 0xA1B2C300U + index);
     return board;
 }
-
-}  // namespace
 
 Board DesktopBoard(unsigned int index) {
     Board board = BoardAt(index, "NVIDIA GeForce RTX 4080", 0x270410DEU);

@@ -39,7 +39,7 @@ unsigned int ValueOf(EntryPoint name, const BoardModel& model) {
         // Any number of programs may compute on a simulated board.
         case EntryPoint::nvmlDeviceGetComputeMode: return 0;
         case EntryPoint::nvmlDeviceGetNumFans:
-            return model.Supports(EntryPoint::nvmlDeviceGetFanSpeed) ? board.FanCount : 0;
+            return model.Verdict(EntryPoint::nvmlDeviceGetFanSpeed, {}) != kNotSupported ? board.FanCount : 0;
         case EntryPoint::nvmlDeviceGetFanSpeed: return now.FanPercent;
         case EntryPoint::nvmlDeviceGetPerformanceState:
         case EntryPoint::nvmlDeviceGetPowerState: return now.PerformanceState;
@@ -99,10 +99,11 @@ NvmlReturn Selected(EntryPoint name, NvmlDevice device, unsigned int selector, u
 
 NvmlReturn Clock(EntryPoint name, NvmlDevice device, unsigned int type, unsigned int which, unsigned int* clock) {
     return Nvml().DeviceCall(name, device, {type, which}, {clock}, [&](const BoardModel& board) {
+        if (which != kClockNow && which != kClockHighest) return kNotSupported;
         const EntryPoint query =
             which == kClockNow ? EntryPoint::nvmlDeviceGetClockInfo : EntryPoint::nvmlDeviceGetMaxClockInfo;
-        const bool bAnswered = (which == kClockNow || which == kClockHighest) && board.Supports(query);
-        return bAnswered ? StoreSelected(query, type, board, clock) : kNotSupported;
+        const NvmlReturn refusal = board.Verdict(query, {type});
+        return refusal != kSuccess ? refusal : StoreSelected(query, type, board, clock);
     });
 }
 

@@ -354,10 +354,10 @@ void CloseEnds(Gpu* gpu, int64_t periodMs) {
     if (first.StartMs <= longest) first.LastsMs += std::exchange(first.StartMs, 0);
 }
 
-Board BoardOf(Gpu* gpu, int64_t periodMs) {
+Board BoardOf(Gpu* gpu, unsigned int index, int64_t periodMs) {
     CloseEnds(gpu, periodMs);
-    Board board;
-    board.Name = gpu->Name;
+    // A recording does not say where the GPU was: clients that look for it by its bus id get a place here.
+    Board board = BoardAt(index, gpu->Name, 0);
     board.Uuid = gpu->Uuid;
     if (board.Uuid.empty()) board.Unsupported = {"nvmlDeviceGetUUID"};
     board.Recorded = std::make_shared<const RecordedGpu>(std::move(gpu->Rows), periodMs);
@@ -372,7 +372,7 @@ std::vector<Board> BoardsOf(std::vector<Gpu> gpus) {
     for (const Gpu& gpu : gpus) periodMs = std::max(periodMs, gpu.Rows.back().StartMs + gpu.UsualMs);
     std::vector<Board> boards;
     boards.reserve(gpus.size());
-    for (Gpu& gpu : gpus) boards.push_back(BoardOf(&gpu, periodMs));
+    for (Gpu& gpu : gpus) boards.push_back(BoardOf(&gpu, static_cast<unsigned int>(boards.size()), periodMs));
     return boards;
 }
 
@@ -396,9 +396,21 @@ const RecordedGpu::Row* RecordedGpu::RowAt(double seconds) const {
 }
 
 NvmlReturn RecordedGpu::Verdict(const Row& row, EntryPoint name, Arguments arguments) const {
-    if (name == E::nvmlDeviceGetName || name == E::nvmlDeviceGetUUID || name == E::nvmlDeviceGetIndex) return kSuccess;
-    // The power of moments does not give the energy since the driver was loaded.
-    if (name == E::nvmlDeviceGetTotalEnergyConsumption) return kNotSupported;
+    switch (name) {
+        case E::nvmlDeviceGetName:
+        case E::nvmlDeviceGetUUID:
+        case E::nvmlDeviceGetIndex:
+        case E::nvmlDeviceGetMinorNumber:
+        case E::nvmlDeviceGetPciInfo_v3:
+        case E::nvmlDeviceGetPciInfo_v2:
+        case E::nvmlDeviceGetPciInfo:
+        // These two give what other queries give, and ask for their verdicts.
+        case E::nvmlDeviceGetNumFans:
+        case E::nvmlDeviceGetClock: return kSuccess;
+        // The power of moments does not give the energy since the driver was loaded.
+        case E::nvmlDeviceGetTotalEnergyConsumption: return kNotSupported;
+        default: break;
+    }
     const uint32_t given = ColumnsWith([&](const Column& column) {
         return column.Query == QueryOf(name) && (!column.Selector.has_value() || column.Selector == *arguments.begin());
     });

@@ -136,6 +136,8 @@ struct Board {
     std::shared_ptr<const RecordedGpu> Recorded;
 };
 
+/// A board that has only a name and what belongs to its place in the machine: PCI bus id and UUID.
+SIMULATED_NVML_EXPORT Board BoardAt(unsigned int index, std::string name, unsigned int pciDeviceId);
 /// A desktop card: everything can be read and set.
 SIMULATED_NVML_EXPORT Board DesktopBoard(unsigned int index);
 /// A laptop card: no fan, and a power limit that only the laptop itself controls.

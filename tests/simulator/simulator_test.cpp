@@ -217,6 +217,8 @@ TEST_F(SimulatorTest, RecordedBoardsPlayRowsGapsAndMissingFieldsAndBeginAgain) {
     void* const a = Handle(0);
     void* b = nullptr;
     EXPECT_EQ(nvmlDeviceGetPowerUsage(Handle(1), &Output), kNotSupported) << "in no row of this GPU";
+    EXPECT_EQ(nvmlDeviceGetHandleByPciBusId_v2("02:00.0", &b), kSuccess) << "a place that was not recorded";
+    EXPECT_EQ(Value(nvmlDeviceGetNumFans, b), 0);
     const auto answer = [this](NvmlReturn code) { return code == kSuccess ? Output : code; };
     // Seconds, and what the two GPUs answer then: a value, or why there is none.
     // clang-format off
@@ -229,6 +231,7 @@ TEST_F(SimulatorTest, RecordedBoardsPlayRowsGapsAndMissingFieldsAndBeginAgain) {
         EXPECT_EQ(nvmlDeviceGetHandleByUUID(R"(b, "x")", &b), clock == kGpuIsLost ? kGpuIsLost : kSuccess) << seconds;
         EXPECT_EQ(answer(nvmlDeviceGetPowerUsage(a, &Output)), power) << seconds;
         EXPECT_EQ(answer(nvmlDeviceGetClockInfo(b, kClockSm, &Output)), clock) << seconds;
+        EXPECT_EQ(answer(nvmlDeviceGetClock(b, kClockSm, kClockNow, &Output)), clock) << seconds;
     }
 }
 
