@@ -25,7 +25,7 @@ constexpr const char* kBoardsVariable = "NVML_SIM_BOARDS";
 constexpr std::string_view kRecording = "recording:";
 
 bool IsRecording(const std::string& boards) {
-    return boards.compare(0, kRecording.size(), kRecording) == 0;
+    return boards.size() > kRecording.size() && boards.compare(0, kRecording.size(), kRecording) == 0;
 }
 
 bool IsBoardCount(const std::string& text) {
@@ -76,8 +76,9 @@ void UseSimulatedNvml(const std::string& boards) {
 }
 
 std::string SimulationNotice(const std::string& boards, bool bChanges) {
+    // Recorded GPUs refuse every change.
+    if (IsRecording(boards)) return "Simulated GPUs: readings come from " + boards.substr(kRecording.size()) + ".\n";
     std::string notice = "Simulated GPUs: readings do not come from hardware.";
-    if (IsRecording(boards)) notice = "Simulated GPUs: readings come from " + boards.substr(kRecording.size()) + ".";
     if (bChanges && std::getenv("NVML_SIM_STATE") == nullptr) {
         notice += " Changes vanish with this process; NVML_SIM_STATE=FILE keeps them.";
     }
