@@ -105,7 +105,7 @@ BoardModel::BoardModel(Board board, unsigned int index, uint64_t seed, std::shar
 }
 
 NvmlReturn BoardModel::Verdict(EntryPoint name, Arguments arguments) const {
-    if (!Supports(name)) return kNotSupported;
+    if (Unsupported[IndexOf(QueryOf(name))]) return kNotSupported;
     return RowInForce == nullptr ? kSuccess : Description.Recorded->Verdict(*RowInForce, name, arguments);
 }
 

@@ -29,7 +29,6 @@ public:
     BoardModel(Board board, unsigned int index, uint64_t seed, std::shared_ptr<SystemProcesses> processes);
 
     const Board& Identity() const { return Description; }
-    bool Supports(EntryPoint name) const { return !Unsupported[IndexOf(QueryOf(name))]; }
     /// Whether the board answers a call now: success, or the code with which it refuses.
     NvmlReturn Verdict(EntryPoint name, Arguments arguments) const;
     /// Brings the readings to `seconds` after the board's start; negative before it. The clock may have been set back.

@@ -343,7 +343,7 @@ NvmlReturn ProcessUtilization(EntryPoint name, NvmlDevice device, ProcessUtiliza
         const uint64_t latest = LatestSampleMicroseconds();
         const std::vector<ProcessUtilizationRecord> utilizations = UtilizationsOf(board.Now(), latest);
         if (latest <= lastSeen || utilizations.empty()) return kNotFound;
-        // Without a place for the samples, whatever the count says asks for the size.
+        // Without a place for the samples the call asks how many there are, whatever the count says.
         if (output == nullptr) *count = 0;
         return StoreList(name, utilizations, count,
                          [output](size_t i, const ProcessUtilizationRecord& record) { output[i] = record; });
@@ -393,7 +393,7 @@ NvmlReturn Init(EntryPoint name) {
     return Nvml().Initialize(name, {});
 }
 
-/// The flags say what to do without GPUs and where not to attach to them, so that here they change nothing.
+/// The flags say what to do without GPUs and where not to attach to them, so here they change nothing.
 NvmlReturn FlaggedInit(EntryPoint name, unsigned int flags) {
     return Nvml().Initialize(name, {flags});
 }

@@ -16,7 +16,6 @@ namespace simulated_nvml {
 
 namespace {
 
-constexpr uint64_t kMaxBoards = 64;
 constexpr const char* kRecording = "recording:";
 
 using BoardMaker = Board (*)(unsigned int index);

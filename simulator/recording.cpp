@@ -30,7 +30,6 @@ using Row = RecordedGpu::Row;
 /// Three days of one GPU that is recorded once per second. To read more would take longer than some clients wait.
 constexpr size_t kMostLines = 300000;
 constexpr size_t kMostLineBytes = 4096;
-constexpr size_t kMostGpus = 64;
 constexpr const char* kDamaged = "is cut off or damaged";
 /// A gap is longer than so many usual distances of two rows.
 constexpr int64_t kGapDistances = 3;
@@ -277,7 +276,7 @@ private:
         const std::string& index = fields[Places["index"]];
         const auto [known, bNew] = Known.emplace(uuid.empty() ? index : uuid, Gpus.size());
         if (bNew) {
-            if (Gpus.size() == kMostGpus) Fail("it has more than " + std::to_string(kMostGpus) + " GPUs");
+            if (Gpus.size() == kMaxBoards) Fail("it has more than " + std::to_string(kMaxBoards) + " GPUs");
             const std::string name = Places.count("name") != 0 ? fields[Places["name"]] : "";
             Gpus.push_back(
                 {name.empty() ? "Recorded GPU" : name, uuid, Needed(NumberIn<unsigned int>(index), "index"), {}});

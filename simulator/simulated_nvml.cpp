@@ -13,8 +13,6 @@ namespace simulated_nvml {
 
 namespace {
 
-constexpr size_t kMaxBoards = 64;
-
 std::unique_lock<std::mutex> Locked() {
     return std::unique_lock<std::mutex>(Engine::Get().Mutex);
 }

@@ -136,6 +136,9 @@ struct Board {
     std::shared_ptr<const RecordedGpu> Recorded;
 };
 
+/// How many boards there can be at once.
+constexpr size_t kMaxBoards = 64;
+
 /// A board that has only a name and what belongs to its place in the machine: PCI bus id and UUID.
 SIMULATED_NVML_EXPORT Board BoardAt(unsigned int index, std::string name, unsigned int pciDeviceId);
 /// A desktop card: everything can be read and set.
@@ -183,7 +186,7 @@ public:
 
     // ---- Boards and time ----
 
-    /// Replaces all boards, lost ones too; handles of the old ones become stale. At most 64.
+    /// Replaces all boards, lost ones too; handles of the old ones become stale. At most `kMaxBoards`.
     void SetBoards(std::vector<Board> boards);
     /// Boards with the same seed have the same readings at the same moment. Makes the boards anew: locks, limits and
     /// handles are gone.
