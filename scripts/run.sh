@@ -36,8 +36,9 @@ if (($# == 0)); then
         set -- stream
     fi
     if ! "$gpu_monitor" list >/dev/null 2>&1; then
-        echo "No NVIDIA GPU can be read here: showing 4 simulated ones." >&2
-        set -- "$@" --simulate=4
+        echo "No NVIDIA GPU can be read here: showing simulated ones." >&2
+        export NVML_SIM_BOARDS=${NVML_SIM_BOARDS:-4}
+        set -- "$@" --simulate
     fi
 fi
 exec "$gpu_monitor" "$@"

@@ -31,12 +31,16 @@ constexpr double kHeatSeconds = 20.0;
 constexpr double kFanSeconds = 4.0;
 constexpr double kAveragingSeconds = 0.4;
 
+/// How many processes a board has at most.
+constexpr size_t kSlots = 5;
+
 /// Streams of random numbers; each process slot takes three of its own from `kProcesses` on.
 constexpr uint64_t kPhases = 0;
 constexpr uint64_t kRipple = 1;
 constexpr uint64_t kPcie = 2;
 constexpr uint64_t kCoders = 3;
 constexpr uint64_t kProcesses = 4;
+constexpr uint64_t kProcessLoad = kProcesses + 3 * kSlots;
 
 /// One phase of a workload: up to which random number it is taken, and what it asks of the board.
 struct Phase {
@@ -87,10 +91,11 @@ unsigned int Rounded(double value) {
 
 }  // namespace
 
-BoardModel::BoardModel(Board board, unsigned int index, uint64_t seed)
+BoardModel::BoardModel(Board board, unsigned int index, uint64_t seed, std::shared_ptr<SystemProcesses> processes)
     : Description(std::move(board)),
       Seed(Mix(seed * 64 + index)),
       PhaseOffsetSeconds(kPhaseSeconds * Random(kPhases, -1)),
+      System(std::move(processes)),
       Ticks(-kWarmUpTicks),
       Milliwatts(Description.IdlePowerMilliwatts),
       TemperatureC(kAmbientC) {
@@ -102,11 +107,19 @@ void BoardModel::AdvanceTo(double seconds) {
     if (Description.Fixed.has_value()) return;
     const auto target = static_cast<int64_t>(std::floor(seconds / kTickSeconds));
     if (target == Ticks) return;
-    if (target < Ticks || target - Ticks > kMemoryTicks) Ticks = target - kMemoryTicks;
+    const bool bSetBack = target < Ticks;
+    const double used = Millijoules;
+    const int64_t skipped = target - kMemoryTicks - Ticks;
+    if (bSetBack || skipped > 0) {
+        Ticks += skipped;
+        Millijoules += Milliwatts * kTickSeconds * static_cast<double>(skipped);
+    }
     while (Ticks < target) {
         ++Ticks;
         Step();
     }
+    // What is simulated again has been counted already.
+    if (bSetBack) Millijoules = used;
     Publish();
 }
 
@@ -225,6 +238,7 @@ unsigned int BoardModel::HighestClockWithin(double highestMHz, double demand) {
 void BoardModel::UpdatePowerAndHeat(double demand) {
     const double highest = Description.Clocks.front().GraphicsMHz.front();
     Milliwatts = Approach(Milliwatts, PowerAt(GraphicsMHz, demand), kAveragingSeconds);
+    Millijoules += Milliwatts * kTickSeconds;
     // What keeps an idle board busy is too little to show at its low clock either.
     const double busy = IsIdle(demand) ? demand : std::min(1.0, demand * highest / GraphicsMHz);
     GpuPercent = Approach(GpuPercent, 100.0 * busy, kAveragingSeconds);
@@ -278,28 +292,42 @@ void BoardModel::PublishPcie(double demand) {
 }
 
 void BoardModel::PublishProcesses() {
-    constexpr int64_t kSlots = 5;
     Current.ComputeProcesses.clear();
     Current.GraphicsProcesses.clear();
     Current.VramUsedBytes = kReservedVramBytes;
     Current.Bar1UsedBytes = std::min<uint64_t>(kReservedVramBytes / 32, Description.Bar1TotalBytes);
     const auto freeBytes = static_cast<double>(Description.VramTotalBytes - kReservedVramBytes);
-    for (int64_t slot = 0; slot < kSlots; ++slot) {
+    unsigned int percentLeft = Current.GpuPercent;
+    for (size_t slot = 0; slot < kSlots; ++slot) {
         // Every slot runs one program after another, each for its own time; the first slot is never empty.
         const double lifeSeconds = 40.0 + 23.0 * static_cast<double>(slot);
         const auto life = slot == 0 ? 0 : static_cast<int64_t>(std::floor(Seconds() / lifeSeconds));
-        const uint64_t stream = kProcesses + 3 * static_cast<uint64_t>(slot);
+        const uint64_t stream = kProcesses + 3 * slot;
         if (slot != 0 && Random(stream, life) > 0.6) continue;
         Process process;
-        // Each slot has process ids of its own, so that no id belongs to two programs.
-        process.Pid = static_cast<unsigned int>(1000 + 6000 * slot) + Rounded(5999.0 * Random(stream + 1, life));
+        process.Pid = ProcessIdAt(slot, Random(stream + 1, life));
         const double share = slot == 1 ? 0.5 : 0.1;
         process.UsedBytes =
             static_cast<uint64_t>(freeBytes * share * (0.3 + 0.7 * Random(stream + 2, life))) & ~uint64_t{0xFFFF};
+        process.GpuPercent = static_cast<unsigned int>(percentLeft * Random(kProcessLoad + slot, life));
         Current.VramUsedBytes += process.UsedBytes;
+        percentLeft -= process.GpuPercent;
+        // The seed alone decides about memory and load, whichever processes this system has.
+        if (process.Pid == 0) continue;
         if (!Description.bDraws || slot % 2 == 1) Current.ComputeProcesses.push_back(process);
         if (Description.bDraws) Current.GraphicsProcesses.push_back(process);
     }
+}
+
+unsigned int BoardModel::ProcessIdAt(size_t slot, double choice) {
+    const std::vector<unsigned int>& scripted = Description.ProcessIds;
+    const size_t count = scripted.empty() ? System->Count() : scripted.size();
+    if (slot >= count) return 0;
+    // The first id is for the first slot; the other slots share the rest, so that a board lists no id twice.
+    constexpr size_t kSharing = kSlots - 1;
+    const size_t choices = slot == 0 ? 1 : (count - 1 - slot) / kSharing + 1;
+    const size_t place = slot + kSharing * static_cast<size_t>(choice * static_cast<double>(choices));
+    return scripted.empty() ? System->IdAt(place) : scripted[place];
 }
 
 }  // namespace simulated_nvml

@@ -2,10 +2,12 @@
 #define BOARD_MODEL_H
 
 #include <cstdint>
+#include <memory>
 
 #include "board_settings.h"
 #include "entry_point_list.h"
 #include "simulated_nvml.h"
+#include "system_processes.h"
 
 namespace simulated_nvml {
 
@@ -21,15 +23,17 @@ public:
     /// The clock of the video engines that goes with a graphics clock.
     static unsigned int VideoClockMHz(unsigned int graphicsMHz) { return graphicsMHz * 85 / 100; }
 
-    BoardModel(Board board, unsigned int index, uint64_t seed);
+    /// `processes` are those that the boards of this system have in common.
+    BoardModel(Board board, unsigned int index, uint64_t seed, std::shared_ptr<SystemProcesses> processes);
 
     const Board& Identity() const { return Description; }
     bool Supports(EntryPoint name) const { return !Unsupported[IndexOf(QueryOf(name))]; }
     /// Brings the readings to `seconds` after the board's start; negative before it. The clock may have been set back.
     void AdvanceTo(double seconds);
     const Readings& Now() const { return Current; }
-
-    uint64_t EnergyMillijoules() const { return 0; }
+    /// What a living board has used since its start, its warm-up included; it never falls. What is not simulated of a
+    /// long gap counts with the power at its beginning.
+    uint64_t EnergyMillijoules() const { return static_cast<uint64_t>(Millijoules); }
 
     const BoardSettings& Settings() const { return InForce; }
     /// The readings follow from the next tick on.
@@ -60,6 +64,9 @@ private:
     void PublishLoad(double demand);
     void PublishPcie(double demand);
     void PublishProcesses();
+    /// The id of the process in `slot`; `choice`, less than 1, chooses among those that only this slot shows. 0 when
+    /// there is no such process.
+    unsigned int ProcessIdAt(size_t slot, double choice);
     bool IsIdle(double demand) const;
     /// The workload's own time: the boards of one machine do not change their phases together.
     double Seconds() const;
@@ -68,6 +75,7 @@ private:
     PerEntryPoint<bool> Unsupported{};
     uint64_t Seed;
     double PhaseOffsetSeconds;
+    std::shared_ptr<SystemProcesses> System;
     BoardSettings InForce;
     Readings Current;
 
@@ -76,6 +84,7 @@ private:
     unsigned int GraphicsMHz = 0;
     uint64_t Reasons = 0;
     double Milliwatts;
+    double Millijoules = 0.0;
     double TemperatureC;
     double FanPercent = 0.0;
     /// How far heat lets the clock go, as a share of the highest.

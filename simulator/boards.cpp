@@ -89,11 +89,8 @@ Board LaptopBoard(unsigned int index) {
     board.MaxPcieGeneration = 4;
     board.MaxPcieWidth = 8;
     board.Load = Workload::Video;
-    board.Unsupported = {"nvmlDeviceGetFanSpeed",
-                         "nvmlDeviceGetFanSpeed_v2",
-                         "nvmlDeviceGetPowerManagementLimit",
-                         "nvmlDeviceGetPowerManagementDefaultLimit",
-                         "nvmlDeviceGetPowerManagementLimitConstraints",
+    board.Unsupported = {"nvmlDeviceGetFanSpeed", "nvmlDeviceGetPowerManagementLimit",
+                         "nvmlDeviceGetPowerManagementDefaultLimit", "nvmlDeviceGetPowerManagementLimitConstraints",
                          "nvmlDeviceSetPowerManagementLimit"};
     return board;
 }
@@ -128,7 +125,6 @@ Board OldBoard(unsigned int index) {
     board.VbiosVersion = "80.04.09.00.01";
     board.Architecture = 2;
     board.Brand = kGeForce;
-    board.FanCount = 1;
     board.VramTotalBytes = 2048 * kMiB;
     board.Bar1TotalBytes = 128 * kMiB;
     board.Clocks = {{3004, Steps(1058, 549, 13)}, {810, Steps(549, 549, 13)}, {324, Steps(324, 324, 13)}};
@@ -170,7 +166,6 @@ Board WorkstationBoard(unsigned int index) {
     board.VbiosVersion = "90.04.4F.00.07";
     board.Architecture = 6;
     board.Brand = kQuadroRtx;
-    board.FanCount = 1;
     board.VramTotalBytes = 16 * kGiB;
     board.Bar1TotalBytes = 256 * kMiB;
     const std::vector<unsigned int> graphics = Steps(2100, 300, 15);

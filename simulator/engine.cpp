@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "environment.h"
+#include "system_processes.h"
 
 namespace simulated_nvml {
 
@@ -191,9 +192,10 @@ void Engine::TakeOverScript() {
 
 void Engine::MakeBoards(std::vector<Board> boards) {
     std::vector<BoardModel> models;
+    const auto processes = std::make_shared<SystemProcesses>();
     models.reserve(boards.size());
     for (Board& board : boards) {
-        models.emplace_back(std::move(board), static_cast<unsigned int>(models.size()), Rules.Seed);
+        models.emplace_back(std::move(board), static_cast<unsigned int>(models.size()), Rules.Seed, processes);
     }
     Boards = std::move(models);
     BoardsSince = std::chrono::steady_clock::now();

@@ -38,7 +38,8 @@ unsigned int ValueOf(EntryPoint name, const BoardModel& model) {
         case EntryPoint::nvmlDeviceGetBrand: return board.Brand;
         // Any number of programs may compute on a simulated board.
         case EntryPoint::nvmlDeviceGetComputeMode: return 0;
-        case EntryPoint::nvmlDeviceGetNumFans: return board.FanCount;
+        case EntryPoint::nvmlDeviceGetNumFans:
+            return model.Supports(EntryPoint::nvmlDeviceGetFanSpeed) ? board.FanCount : 0;
         case EntryPoint::nvmlDeviceGetFanSpeed: return now.FanPercent;
         case EntryPoint::nvmlDeviceGetPerformanceState:
         case EntryPoint::nvmlDeviceGetPowerState: return now.PerformanceState;

@@ -61,9 +61,6 @@ struct ProcessRecord {
 };
 static_assert(sizeof(ProcessRecord) == 24);
 
-/// Some drivers write process records of this length.
-constexpr size_t kLongProcessRecordBytes = 32;
-
 /// How much of a process or PCI record a name writes: older names know only the beginning.
 constexpr size_t RecordBytesOf(EntryPoint name) {
     switch (name) {

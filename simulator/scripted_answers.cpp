@@ -33,6 +33,10 @@ bool IsPair(Shape shape) {
     return shape == Shape::Pair || shape == Shape::Utilization;
 }
 
+bool IsHandle(Shape shape) {
+    return shape == Shape::Handle || shape == Shape::NamedHandle;
+}
+
 /// Calls that start, end or change something, the one that cannot fail, and those that no board supports.
 bool HasNoOutput(Shape shape) {
     return shape == Shape::Init || shape == Shape::FlaggedInit || shape == Shape::Shutdown ||
@@ -83,7 +87,7 @@ void WriteEntry(const Answer& answer, const Call& call, uint32_t position) {
         static_cast<uint32_t*>(call.Written.Second)[position] = entry;
         return;
     }
-    const size_t bytes = HasForm(answer, 3) ? kLongProcessRecordBytes : RecordBytesOf(call.Name);
+    const size_t bytes = HasForm(answer, 3) ? 32 : RecordBytesOf(call.Name);
     const uint64_t used = entry % 5 == 0 ? UINT64_MAX : uint64_t{entry % 7} << 20;
     const uint64_t record[] = {entry, used, 0, 0};
     std::memcpy(static_cast<char*>(call.Written.Second) + position * bytes, record, bytes);
@@ -252,7 +256,7 @@ void ScriptedAnswers::Write(const Call& call, const Answer& answer, uint32_t roo
             if (answer.Value) OutputOf<unsigned long long>(outputs.First) = Shifted(*answer.Value, answer);
             break;
         default:
-            if (!answer.Value || HasNoOutput(shape) || shape == Shape::Handle) break;
+            if (!answer.Value || HasNoOutput(shape) || IsHandle(shape)) break;
             OutputOf<uint32_t>(outputs.First) =
                 IsDeviceCount(call.Name) ? std::min(*answer.Value, kMostDevices) : *answer.Value;
     }

@@ -101,7 +101,8 @@ struct Board {
     unsigned int Brand = 0;
     /// Empty: the board has no serial number.
     std::string Serial;
-    unsigned int FanCount = 0;
+    /// A board without a fan reading has no fans for NVML.
+    unsigned int FanCount = 1;
     uint64_t VramTotalBytes = 0;
     uint64_t Bar1TotalBytes = 0;
     /// Highest memory clock first.
@@ -121,6 +122,8 @@ struct Board {
     Workload Load = Workload::Game;
     /// Whether programs on it draw, so that the graphics process list has them.
     bool bDraws = true;
+    /// Ids that a living workload's processes have. Empty: those of this system's own processes, the client among them.
+    std::vector<unsigned int> ProcessIds;
     /// Entry points that answer "not supported" on this board; one name stands for all versions of its query. Only
     /// queries and changes of a board can.
     std::set<std::string> Unsupported;

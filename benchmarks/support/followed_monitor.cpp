@@ -12,7 +12,7 @@ using namespace gpu_feed;
 FollowedMonitor::FollowedMonitor(int64_t boards, int64_t samples)
     : Sampler(&Monitor, boards),
       Tracker(std::chrono::seconds(1),
-              [this](const std::vector<GpuProcessMemory>& processes) { return Names.Describe(processes, false); }),
+              [this](const std::vector<GpuProcessMemory>& processes) { return Names.Describe(processes); }),
       Exchange([] {}) {
     Look();
     for (int64_t taken = 1; taken < samples; ++taken) {

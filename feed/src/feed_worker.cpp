@@ -59,9 +59,8 @@ private:
 FeedWorker::FeedWorker(FeedOptions options)
     : bSimulated(options.bSimulated),
       Shared(std::move(options.OnChange)),
-      Tracker(
-          Clamped(options.Interval),
-          [this](const std::vector<GpuProcessMemory>& processes) { return Names.Describe(processes, !bSimulated); }),
+      Tracker(Clamped(options.Interval),
+              [this](const std::vector<GpuProcessMemory>& processes) { return Names.Describe(processes); }),
       SamplerRhythm(Clamped(options.Interval)),
       Session(ChangeJournal(std::move(options.JournalFolder))) {
     Next.Interval = Clamped(options.Interval);

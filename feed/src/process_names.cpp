@@ -71,14 +71,14 @@ std::string NameOfUser(uid_t userId) {
 
 }  // namespace
 
-std::vector<FeedProcess> ProcessNames::Describe(const std::vector<GpuProcessMemory>& processes, bool bOfThisSystem) {
+std::vector<FeedProcess> ProcessNames::Describe(const std::vector<GpuProcessMemory>& processes) {
     const double now = NowSeconds();
     std::vector<FeedProcess> described;
     for (const GpuProcessMemory& process : processes) {
         FeedProcess& entry = described.emplace_back();
         entry.Pid = process.Pid;
         entry.VramUsedBytes = process.VramUsedBytes;
-        if (bOfThisSystem) AddDetails(&entry, now);
+        AddDetails(&entry, now);
     }
     ForgetOld(now);
     std::sort(described.begin(), described.end(), [](const FeedProcess& a, const FeedProcess& b) {

@@ -16,8 +16,8 @@ namespace gpu_feed {
 /// Adds to processes what the system knows of them.
 class ProcessNames {
 public:
-    /// Lists `processes`, largest first; with what the system knows if they are its processes.
-    std::vector<FeedProcess> Describe(const std::vector<GpuProcessMemory>& processes, bool bOfThisSystem);
+    /// Lists `processes` with what the system knows of them, largest first.
+    std::vector<FeedProcess> Describe(const std::vector<GpuProcessMemory>& processes);
 
 private:
     /// A process at an earlier look.

@@ -198,7 +198,7 @@ void GpuSection::DrawBody(const FeedMoment& moment, TimeAxis* axis) {
     DrawTuning(moment);
     if (ImGui::TreeNodeEx("processes", kPartFlags | ImGuiTreeNodeFlags_DefaultOpen, "Processes (%zu)",
                           Gpu->Processes.size())) {
-        Processes.Draw(Gpu, moment.bSimulated, Facts.IsCurrent());
+        Processes.Draw(Gpu, Facts.IsCurrent());
     }
     if (ImGui::TreeNodeEx("About this GPU", kPartFlags)) DrawIdentity();
 }

@@ -23,12 +23,11 @@ constexpr float kWideEnoughForUser = 42.0F;
 constexpr float kWideEnoughForMemory = 52.0F;
 
 /// Without the folder of the program, which would take the room of the arguments.
-void WriteCommand(const FeedProcess& process, bool bSimulated, std::string* text) {
+void WriteCommand(const FeedProcess& process, std::string* text) {
     const std::string& line = process.CommandLine.empty() ? process.Name : process.CommandLine;
     const size_t slash = line.rfind('/', line.find(' '));
     text->assign(line, slash == std::string::npos ? 0 : slash + 1);
-    // Processes of simulated GPUs are not this system's.
-    if (text->empty()) *text = bSimulated ? "(simulated)" : kNotRead;
+    if (text->empty()) *text = kNotRead;
     *text = Printable(std::move(*text));
 }
 
@@ -66,13 +65,13 @@ bool GoToVisible(float height) {
 
 }  // namespace
 
-void ProcessTable::Prepare(bool bSimulated) {
+void ProcessTable::Prepare() {
     Rows.resize(Gpu->Processes.size());
     for (size_t i = 0; i < Rows.size(); ++i) {
         const FeedProcess& process = Gpu->Processes[i];
         Row& row = Rows[i];
         row.Process = &process;
-        WriteCommand(process, bSimulated, &row.Command);
+        WriteCommand(process, &row.Command);
         row.User = process.User.empty() ? kNotRead : process.User.c_str();
         row.Vram = MemoryText(process.VramUsedBytes);
         row.Cpu = process.CpuPercent ? Number(*process.CpuPercent, 0) + " %" : kNotRead;
@@ -102,10 +101,10 @@ void ProcessTable::TakeOrder() {
     Sort();
 }
 
-void ProcessTable::Draw(const std::shared_ptr<const FeedGpu>& gpu, bool bSimulated, bool bCurrent) {
+void ProcessTable::Draw(const std::shared_ptr<const FeedGpu>& gpu, bool bCurrent) {
     if (Gpu != gpu) {
         Gpu = gpu;
-        Prepare(bSimulated);
+        Prepare();
     }
     if (Rows.empty()) {
         ImGui::TextDisabled("No process uses its memory.");

@@ -15,7 +15,7 @@ namespace gpu_panel {
 class ProcessTable {
 public:
     /// Draws the table. `gpu` is the GPU as last published.
-    void Draw(const std::shared_ptr<const gpu_feed::FeedGpu>& gpu, bool bSimulated, bool bCurrent);
+    void Draw(const std::shared_ptr<const gpu_feed::FeedGpu>& gpu, bool bCurrent);
 
 private:
     struct Row {
@@ -27,7 +27,7 @@ private:
         std::string Memory;
     };
 
-    void Prepare(bool bSimulated);
+    void Prepare();
     void Sort();
     void TakeOrder();
     static void DrawRow(const Row& row);

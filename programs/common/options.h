@@ -50,11 +50,12 @@ inline void AddIntervalOption(CLI::App* app, int* milliseconds) {
 
 /// Adds the option --simulate, whose value `Simulate` takes.
 inline void AddSimulateOption(CLI::App* app, std::optional<std::string>* boards) {
-    app->add_option("--simulate", *boards,
-                    "Simulate so many GPUs, or kinds: desktop,\nlaptop,datacenter,old,workstation")
+    app->add_option(
+           "--simulate", *boards,
+           "Simulate so many GPUs, or kinds: desktop,\nlaptop,datacenter,old,workstation; or play\nrecording:FILE")
         ->type_name("[GPUS]")
         ->expected(0, 1)
-        ->default_str("1")
+        ->default_str(DefaultBoards())
         ->check(SimulationError);
 }
 

@@ -4,10 +4,13 @@
 #include <stdlib.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <iostream>
 #include <sstream>
+#include <string_view>
 #include <system_error>
 
 #include "common/failure.h"
@@ -17,6 +20,13 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr int kMaxBoards = 64;
+constexpr const char* kBoardsVariable = "NVML_SIM_BOARDS";
+/// Begins a value that names a recording to play.
+constexpr std::string_view kRecording = "recording:";
+
+bool IsRecording(const std::string& boards) {
+    return boards.compare(0, kRecording.size(), kRecording) == 0;
+}
 
 bool IsBoardCount(const std::string& text) {
     if (text.empty() || text.size() > 2) return false;
@@ -53,29 +63,50 @@ fs::path SimulatorPath() {
 
 void UseSimulatedNvml(const std::string& boards) {
     const fs::path path = SimulatorPath();
-    if (path.empty()) throw Failure("The simulated NVML is not installed with this program.");
+    if (path.empty()) {
+        throw Failure(
+            "The simulated NVML is not installed with this program: it is in the package nvml-gpu-monitor-simulator.");
+    }
     // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread runs yet.
-    setenv("NVML_SIM_BOARDS", boards.c_str(), 1);
+    setenv(kBoardsVariable, boards.c_str(), 1);
     // The monitor's own dlopen finds the library that is loaded already, because it has the soname that is asked for.
     if (dlopen(path.c_str(), RTLD_LAZY | RTLD_LOCAL) == nullptr) {
         throw Failure(std::string("The simulated NVML cannot be loaded: ") + dlerror() + '.');
     }
 }
 
-std::string SimulationNotice(bool bChanges) {
+std::string SimulationNotice(const std::string& boards, bool bChanges) {
     std::string notice = "Simulated GPUs: readings do not come from hardware.";
+    if (IsRecording(boards)) notice = "Simulated GPUs: readings come from " + boards.substr(kRecording.size()) + ".";
     if (bChanges && std::getenv("NVML_SIM_STATE") == nullptr) {
         notice += " Changes vanish with this process; NVML_SIM_STATE=FILE keeps them.";
     }
     return notice + '\n';
 }
 
+/// As the user has to type it in a shell. Only the path of a recording can need quotes.
+std::string SimulateOption(const std::string& boards) {
+    const auto isPlain = [](unsigned char c) { return std::isalnum(c) != 0 || std::strchr(",:./_-", c) != nullptr; };
+    if (std::all_of(boards.begin(), boards.end(), isPlain)) return "--simulate=" + boards;
+    std::string quoted = "--simulate='";
+    for (const char character : boards) quoted += character == '\'' ? "'\\''" : std::string(1, character);
+    return quoted + '\'';
+}
+
 }  // namespace
 
+std::string DefaultBoards() {
+    const char* const boards = std::getenv(kBoardsVariable);
+    return boards == nullptr || *boards == '\0' ? "1" : boards;
+}
+
 std::string SimulationError(const std::string& boards) {
+    // The simulator itself says what is wrong with a recording and with the environment variable.
+    if (IsRecording(boards) || boards == DefaultBoards()) return {};
     if (IsBoardCount(boards) || IsBoardKindList(boards)) return {};
     return "'" + boards +
-           "' is neither a number from 1 to 64 nor a list of kinds such as desktop,laptop,datacenter,old,workstation";
+           "' is neither a number from 1 to 64 nor a list of kinds such as desktop,laptop,datacenter,old,workstation "
+           "nor recording:FILE";
 }
 
 std::string Simulate(const std::optional<std::string>& boards, bool bChanges) {
@@ -83,8 +114,8 @@ std::string Simulate(const std::optional<std::string>& boards, bool bChanges) {
     // The parser does not check an empty text.
     if (boards->empty()) throw Failure(SimulationError(*boards) + '.', kExitUsage);
     UseSimulatedNvml(*boards);
-    std::cerr << SimulationNotice(bChanges);
-    return "--simulate=" + *boards;
+    std::cerr << SimulationNotice(*boards, bChanges);
+    return SimulateOption(*boards);
 }
 
 bool IsNvmlSimulated() {

@@ -7,8 +7,11 @@
 /// The file name of NVML, under which the monitor finds the simulator too.
 constexpr const char* kNvmlLibrary = "libnvidia-ml.so.1";
 
-/// Empty when `boards` names the GPUs to simulate, by their number or their kinds. Otherwise why it does not, for the
-/// user.
+/// The GPUs that --simulate without a value simulates: those of NVML_SIM_BOARDS, or one.
+std::string DefaultBoards();
+
+/// Empty when `boards` names the GPUs to simulate, by their number, their kinds or the file of a recording, or is the
+/// default. Otherwise why it does not, for the user.
 std::string SimulationError(const std::string& boards);
 
 /// With a value of the option --simulate, makes every monitor that starts afterwards find the simulated NVML, with

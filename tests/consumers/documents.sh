@@ -79,9 +79,9 @@ for command in $commands; do
     expected=$program_options$'\n'${options_of[$command]}
     expect_same "the completion of $command" "$(grep . <<<"$expected")" "$(offered "$command" --)"
 done
-# An unknown kind is refused with a list of the kinds.
+# An unknown kind is refused with a list of the kinds and of what else there is.
 refusal=$("$program" list --simulate=none 2>&1 || true)
-kinds=$(grep -oE '[a-z]+(,[a-z]+)+' <<<"$refusal" | tr , '\n')
+kinds=$(grep -oE '[a-z]+(,[a-z]+)+|recording:' <<<"$refusal" | tr , '\n')
 expect_same "the completion of --simulate=" "$kinds" "$(offered list --simulate =)"
 expect_same "the completion of --interval" '' "$(offered stream --interval '')"
 

@@ -26,6 +26,9 @@ using Result = GpuClockOperationResult;
 using Sample = GpuTelemetrySample;
 
 constexpr size_t kMostInstructions = 200;
+/// Inputs choose among the first entry points of the list, which the monitor uses. With another number, the kept inputs
+/// would mean something else.
+constexpr unsigned int kChosenEntryPoints = 50;
 /// For the message of a failure.
 const char* Operation = "nothing";
 size_t StepNumber = 0;
@@ -212,12 +215,7 @@ private:
 
     // ---- Scripting the driver ----
 
-    /// One of the entry points that the monitor uses. They come first in the list, and inputs name them by position, so
-    /// their number stays as it is.
-    EntryPoint AnyEntryPoint() {
-        constexpr unsigned int kChosenEntryPoints = 50;
-        return EntryPoint{Bytes.Byte() % kChosenEntryPoints};
-    }
+    EntryPoint AnyEntryPoint() { return EntryPoint{Bytes.Byte() % kChosenEntryPoints}; }
 
     void ScriptAnswer() {
         const EntryPoint name = AnyEntryPoint();

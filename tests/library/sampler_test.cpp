@@ -140,11 +140,17 @@ TEST_F(SamplerTest, DriverThatWritesLongerRecordsStaysWithinTheBuffer) {
     for (const unsigned int processes : {1U, 2U, 3U, 4096U}) {
         EXPECT_EQ(ListedOf(ManyProcesses(processes))[1], 1000U) << "the first record is at the same place";
     }
+    EXPECT_EQ(ListedOf({{10, 300}, {11, 301}, {12, 302}, {13, 303}, {14, 304}}), (ProcessBytes{{10, 300}, {13, 303}}));
 }
 
 TEST_F(SamplerTest, OlderProcessQueriesAreUsedWhenNewerOnesAreMissing) {
+    const std::vector<Process> compute = {{10, 300}, {11, 301}, {12, 302}, {13, 303}, {14, 304}};
+    ProcessBytes expected = {{10, 300}, {11, 301}, {12, 302}, {13, 303}, {14, 304}, {15, 400}};
     for (const std::string version : {"_v3", "_v2", ""}) {
-        EXPECT_EQ(ListedOf({{10, 300}}, {{11, 400}}), (ProcessBytes{{10, 300}, {11, 400}})) << version;
+        // Of 16-byte records each third one is where it is looked for. Between them, one's size is taken for an id and
+        // the next one's id for a size.
+        if (version.empty()) expected = {{10, 300}, {301, 12}, {13, 303}, {15, 400}};
+        EXPECT_EQ(ListedOf(compute, {{15, 400}}), expected) << version;
         EXPECT_EQ(Sim.Calls("nvmlDeviceGetComputeRunningProcesses" + version), 2) << version;
         EXPECT_EQ(Sim.Calls("nvmlDeviceGetGraphicsRunningProcesses" + version), 2) << version;
         Sim.HideEntryPoint("nvmlDeviceGetComputeRunningProcesses" + version);

@@ -32,7 +32,7 @@ TEST(CommandTest, QueriesAnswerForTheWantedGpusInTextAndJson) {
     for (const auto& [command, text, key] : queries) {
         EXPECT_THAT(Shell("gpu_monitor " + command + " --simulate=old,laptop").Output, HasSubstr(text));
         const json document =
-            json::parse(Shell("gpu_monitor --simulate=4 " + command + " --gpu gpu-2331 --json").Output);
+            json::parse(Shell("NVML_SIM_BOARDS=4 gpu_monitor --simulate " + command + " --gpu gpu-2331 --json").Output);
         EXPECT_EQ(document.at("driver_version"), "550.120");
         ASSERT_THAT(document.at("gpus"), SizeIs(1)) << command;
         EXPECT_EQ(document["gpus"][0].at("index"), 2);
@@ -161,6 +161,8 @@ TEST(CommandTest, FailuresAreExplainedAndHaveTheirStatus) {
         {1, " makes no sense", "on_simulator NVML_SIM_# gpu_monitor list",
          {"BOARDS=0", "BOARDS=65", "BOARDS=desktop,", "DELAYS=slow", "RIGHTS=root", "SEED=-1", "LOSE=1@5", "LOSE=0@",
           "LOSE=0", "HANG=1@0"}},
+        {1, "NVML: NVML_SIM_BOARDS=", "NVML_SIM_BOARDS=65 gpu_monitor list --simulate#", {"", "=recording:/"}},
+        {1, " nvml-gpu-monitor-simulator.\n", "cp $(which gpu_monitor) m; ./m # --simulate; s=$?; rm m; exit $s", {"list"}},
         {1, "There is no variable NVML_SIM_BORDS", "on_simulator NVML_SIM_# gpu_monitor list", {"BORDS=2"}},
         {2, ".\n", "gpu_monitor # --simulate=1",
          {"", "list --jsn", "sample --gpu one", "sample --gpu -1", "sample --gpu 00", "stream --interval 99",
@@ -191,7 +193,7 @@ TEST(CommandTest, FailuresAreExplainedAndHaveTheirStatus) {
             EXPECT_THAT(result.Errors, AllOf(HasSubstr(sentence), Not(HasSubstr("kernel module")))) << script;
         }
     }
-    const Result oneReset = Shell("gpu_monitor reset-clocks --simulate=old,desktop,desktop");
+    const Result oneReset = Shell("NVML_SIM_BOARDS=1 gpu_monitor reset-clocks --simulate=old,desktop,desktop");
     EXPECT_EQ(oneReset.Status, 4);
     EXPECT_THAT(oneReset.Errors, AllOf(HasSubstr("Changes vanish"), HasSubstr("GPU 0 (NVIDIA GeForce GTX 680)")));
     EXPECT_THAT(oneReset.Output, HasSubstr(" --simulate=old,desktop,desktop\n\nGPU 2"));

@@ -289,10 +289,8 @@ GPU 3: Made Board    100 %   3072 MiB  150.0 W  225.0 W  75 °C   10 %  2100 MHz
 
 TEST_F(ViewTest, ProcessesAreSortedScrolledCutAndNamed) {
     GpuSummary page = SummaryOf(Moment(), Data.Gpus[0]);
-    GpuSummary simulated = SummaryOf(Moment(), Data.Gpus[1]);
-    simulated.bSimulated = true;
     const std::vector<GpuSummary> one = {page};
-    const std::vector<GpuSummary> two = {page, simulated};
+    const std::vector<GpuSummary> two = {page, SummaryOf(Moment(), Data.Gpus[1])};
     const std::tuple<std::vector<GpuSummary>, ProcessView, int, const char*> cases[] = {
         {one, {ProcessOrder::Memory}, 8, "     PID\n     300\n      20\n    1000\n"},
         {one, {ProcessOrder::Cpu}, 8, "     PID\n      20\n     300\n    1000\n"},
@@ -303,7 +301,7 @@ TEST_F(ViewTest, ProcessesAreSortedScrolledCutAndNamed) {
 )"},
         {two, {ProcessOrder::User, 2}, 60, R"(     PID  GPU        VRAM    CPU  USER*      COMMA… 3-4 of 6
       20    0     600 MiB  250 %  adam       train
-      20    1     600 MiB  250 %  adam       (simulated)
+      20    1     600 MiB  250 %  adam       train
 )"},
         {one, {}, 55, R"(     PID       VRAM*    CPU  USER       COMMA… 1-1 of 3
      300     700 MiB    2 %  zoe        render /tmp/sc…

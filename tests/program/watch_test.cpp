@@ -91,7 +91,7 @@ TEST_F(WatchTest, TakesTheColorsAndCharactersThatTheTerminalHas) {
                                                              {"NO_COLOR=1 LC_ALL=C", false, false}};
     for (const auto& [variables, bColored, bUnicode] : terminals) {
         View view(Watch("", variables));
-        view.Press("", {"GPU 0: NVIDIA GeForce RTX 4080  ", "  live", "VRAM GiB", "(simulated)", "q quit"});
+        view.Press("", {"GPU 0: NVIDIA GeForce RTX 4080  ", "  live", "VRAM GiB", "  gpu_monitor watch ", "q quit"});
         view.Press("t", {"Power limit"});
         EXPECT_EQ(view.IsColored(), bColored) << view.Screen();
         EXPECT_EQ(view.Screen().find_first_of("\x80\xe2") != std::string::npos, bUnicode) << view.Screen();

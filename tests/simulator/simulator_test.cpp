@@ -2,10 +2,12 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <stdexcept>
 #include <thread>
 
+#include "fixed_boards.h"
 #include "nvml_abi.h"
 #include "simulated_nvml.h"
 
@@ -50,7 +52,7 @@ protected:
 };
 
 TEST_F(SimulatorTest, InitializationIsCountedAndCallsOutsideItAreMisuse) {
-    nvmlInit_v2();
+    nvmlInitWithFlags(1);
     EXPECT_EQ(nvmlShutdown(), kSuccess);
     void* const device = Handle(0);
     EXPECT_EQ(nvmlShutdown(), kSuccess);
@@ -65,7 +67,7 @@ TEST_F(SimulatorTest, InitializationIsCountedAndCallsOutsideItAreMisuse) {
 }
 
 TEST_F(SimulatorTest, WrongArgumentsAreRefused) {
-    void* const device = Handle(0);
+    void* device = Handle(0);
     const auto listClocks = nvmlDeviceGetSupportedMemoryClocks;
     const std::vector<unsigned int> results = {
         nvmlDeviceGetHandleByIndex_v2(0, nullptr), nvmlDeviceGetPowerUsage(device, nullptr),
@@ -73,25 +75,83 @@ TEST_F(SimulatorTest, WrongArgumentsAreRefused) {
         listClocks(device, nullptr, &Output), listClocks(device, &(Output = 4), nullptr),
         nvmlDeviceGetTemperature(device, 1, &Output), nvmlDeviceGetTemperatureThreshold(device, 2, &Output),
         nvmlDeviceGetPcieThroughput(device, 2, &Output), nvmlDeviceGetClockInfo(device, 4, &Output),
+        nvmlDeviceGetClock(device, 4, kClockNow, &Output), nvmlDeviceGetHandleByUUID(nullptr, &device),
+        nvmlDeviceGetMigMode(nullptr),
         // A board may refuse these, so they are no misuse.
         nvmlDeviceSetGpuLockedClocks(device, 900, 800), nvmlDeviceSetPowerManagementLimit(device, 149999),
-        nvmlDeviceSetPowerManagementLimit(device, 352001)};
+        nvmlDeviceSetPowerManagementLimit(device, 352001), nvmlDeviceGetFanSpeed_v2(device, 2, &Output)};
     EXPECT_THAT(results, Each(kInvalidArgument));
-    EXPECT_THAT(Sim.Misuse(), SizeIs(results.size() - 3));
+    EXPECT_THAT(Sim.Misuse(), SizeIs(results.size() - 4));
     EXPECT_THROW(Sim.FailFrom("nvmlDeviceGetFanSped", kUnknown), std::invalid_argument);
+}
+
+TEST_F(SimulatorTest, WhatABoardLacksIsNotSupported) {
+    char serial[96];
+    // A board that lacks a query lacks it under each of its names.
+    const std::vector<unsigned int> results = {
+        nvmlDeviceGetClock(Handle(0), kClockGraphics, 1, &Output), nvmlDeviceGetSerial(Handle(0), serial, 96),
+        nvmlUnitGetFanSpeedInfo(nullptr), nvmlDeviceGetProcessUtilization(Handle(3), nullptr, &Output, 0)};
+    EXPECT_THAT(results, Each(kNotSupported));
+    EXPECT_THAT(Sim.Misuse(), IsEmpty());
+}
+
+TEST_F(SimulatorTest, BoardsAreFoundByBusIdInAnyFormAndByUuid) {
+    void* device = nullptr;
+    for (const char* busId : {"00000000:03:00.0", "0000:03:00.0", "0:3:0", "03:00.0"}) {
+        EXPECT_EQ(nvmlDeviceGetHandleByPciBusId_v2(busId, &device), kSuccess) << busId;
+        EXPECT_EQ(device, Handle(2)) << busId;
+    }
+    for (const char* busId : {"1:03:00.0", "03:00.1", "03:01.0", "103:00.0", "03", "03:00.0 ", "", "0:3:", "0:0:3:0"}) {
+        EXPECT_EQ(nvmlDeviceGetHandleByPciBusId_v2(busId, &device), kNotFound) << busId;
+    }
+    EXPECT_EQ(nvmlDeviceGetHandleByUUID(LaptopBoard(1).Uuid.c_str(), &device), kSuccess);
+    EXPECT_EQ(Value(nvmlDeviceGetIndex, device), 1);
+}
+
+TEST_F(SimulatorTest, ProcessesShareWhatTheirBoardDoes) {
+    Readings now = fixed_boards::DistinctReadings();
+    now.ComputeProcesses = {{7, 0, 31}};
+    now.GraphicsProcesses = {{7, 0, 31}, {5, 0, 62}};
+    Sim.SetBoards(fixed_boards::FixedBoards(1, now));
+    ProcessUtilizationRecord records[2] = {};
+    EXPECT_EQ(nvmlDeviceGetProcessUtilization(Handle(0), nullptr, &(Output = 9), 0), kInsufficientSize);
+    EXPECT_EQ(nvmlDeviceGetProcessUtilization(Handle(0), records, &Output, 0), kSuccess);
+    EXPECT_THAT(records, ElementsAre(FieldsAre(5, _, 62, 63, 64, 65), FieldsAre(7, _, 31, 31, 32, 32)));
+    EXPECT_EQ(nvmlDeviceGetProcessUtilization(Handle(0), records, &Output, UINT64_MAX), kNotFound);
+}
+
+TEST_F(SimulatorTest, ProcessesAreOfThisSystemUnlessScripted) {
+    ProcessRecord records[5] = {};
+    EXPECT_EQ(nvmlDeviceGetComputeRunningProcesses_v3(Handle(2), &(Output = 5), records), kSuccess);
+    EXPECT_EQ(getpid(), static_cast<pid_t>(records[0].Pid));
+    for (unsigned int i = 0; i < Output; ++i) EXPECT_NE(getpgid(static_cast<pid_t>(records[i].Pid)), -1);
+    Board board = DataCenterBoard(2);
+    board.ProcessIds = {7};
+    Sim.SetBoards({board});
+    EXPECT_EQ(nvmlDeviceGetComputeRunningProcesses_v3(Handle(0), &(Output = 5), records), kSuccess);
+    EXPECT_THAT(std::pair(Output, records[0].Pid), Pair(1, 7));
 }
 
 TEST_F(SimulatorTest, BoardsOfASeedLiveTheSameLifeHoweverOftenTheyAreAsked) {
     const auto readings = [](void* device) {
+        MemoryRecord memory = {};
+        EXPECT_EQ(nvmlDeviceGetMemoryInfo(device, &memory), kSuccess);
         return std::tuple(Value(nvmlDeviceGetPowerUsage, device), Value(nvmlDeviceGetTemperature, device, kSensorGpu),
-                          Value(nvmlDeviceGetClockInfo, device, kClockMemory));
+                          Value(nvmlDeviceGetClockInfo, device, kClockMemory), memory.UsedBytes >> 16U);
     };
-    for (int seconds = 1; seconds <= 100; ++seconds) ReasonsAfter(1.0);
-    EXPECT_EQ(readings(Handle(0)), std::tuple(302849, 75, 11201));
-    EXPECT_EQ(readings(Handle(1)), std::tuple(48767, 55, 7001));
-    EXPECT_EQ(readings(Handle(2)), std::tuple(345770, 72, 1593));
+    unsigned long long used[2] = {};
+    EXPECT_EQ(nvmlDeviceGetTotalEnergyConsumption(Handle(0), &used[0]), kSuccess);
+    for (int seconds = 1; seconds <= 100; ++seconds) {
+        ReasonsAfter(1.0);
+        used[0] += Value(nvmlDeviceGetPowerUsage, Handle(0));
+    }
+    EXPECT_EQ(nvmlDeviceGetTotalEnergyConsumption(Handle(0), &used[1]), kSuccess);
+    EXPECT_THAT(used[1], AllOf(Gt(used[0] / 1000 * 997), Lt(used[0] / 1000 * 1003)));
+    EXPECT_EQ(readings(Handle(0)), std::tuple(302849, 75, 11201, 163036));
+    EXPECT_EQ(readings(Handle(1)), std::tuple(48767, 55, 7001, 21601));
+    EXPECT_EQ(readings(Handle(2)), std::tuple(345770, 72, 1593, 654522));
     Sim.SetSeed(8);
-    EXPECT_NE(readings(Handle(2)), std::tuple(345770, 72, 1593));
+    EXPECT_NE(readings(Handle(2)), std::tuple(345770, 72, 1593, 654522));
 }
 
 TEST_F(SimulatorTest, LimitsActOnTheBoardAndTheReasonsSaySo) {

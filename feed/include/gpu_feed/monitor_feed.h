@@ -31,7 +31,7 @@ class FeedWorker;
 struct FeedOptions {
     /// As `NvmlGpuMonitor::SetSampleInterval` takes it.
     std::chrono::milliseconds Interval{1000};
-    /// Whether the GPUs are simulated. Their processes do not run on this system, so they get no names.
+    /// Whether the GPUs are simulated: interfaces then say so and ask for no rights.
     bool bSimulated = false;
     /// Called when there is something new: data or an answer. It runs on the feed's thread with a lock of the feed
     /// held, so it must not call the feed, nor wait for a thread that does; let it wake the interface. It must not

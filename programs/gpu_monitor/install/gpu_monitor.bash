@@ -17,14 +17,14 @@ _gpu_monitor_options_with_value() {
     sed -n 's/^  \(--[a-z-]*\) [A-Z].*/\1/p'
 }
 
-# The kinds of simulated GPUs that the help $1 names.
+# The kinds of simulated GPUs that the help $1 names, and what begins the path of a recording.
 _gpu_monitor_kinds() {
-    [[ $1 =~ kinds:([a-z,[:space:]]+) ]] && echo "${BASH_REMATCH[1]//,/ }"
+    [[ $1 =~ kinds:([a-z,[:space:]]+) ]] && echo "${BASH_REMATCH[1]//,/ } recording:"
 }
 
 _gpu_monitor() {
     local IFS=$' \t\n'
-    local program=${1/#'~/'/"${HOME-}/"} current=$2 option=$3 joined='' prefix='' help commands command word
+    local program=${1/#'~/'/"${HOME-}/"} line=${COMP_LINE-} current=$2 option=$3 joined='' prefix='' help commands command word
     COMPREPLY=()
 
     # As a rule, bash makes three words of --option=value.
@@ -34,6 +34,11 @@ _gpu_monitor() {
         joined=yes option=${COMP_WORDS[COMP_CWORD - 2]}
     elif [[ $2 == --*=* ]]; then
         joined=yes option=${2%%=*} current=${2#*=} prefix=$option=
+    fi
+
+    # A recording is a file like that of --log. As a rule, bash breaks the word at the colon, too.
+    if [[ ${line:0:${COMP_POINT:-0}} =~ [=\ ]recording:([^\ ]*)$ ]]; then
+        option=--log current=${BASH_REMATCH[1]} prefix=${2%"$current"}
     fi
 
     help=$("$program" --help 2>/dev/null) || return 0

@@ -39,7 +39,7 @@ end
 function __gpu_monitor_kinds
     set -l before (string match -r -- '^--simulate=(?:.*,)?' (commandline -ct)); or return
     set -l kinds (string match -r 'kinds:([a-z,\s]+)' -- (__gpu_monitor_help | string join ' '))[2]
-    printf '%s\n' $before(string match -a -r '[a-z]+' -- $kinds)
+    printf '%s\n' $before(string match -a -r '[a-z]+' -- $kinds) --simulate=recording:
 end
 
 complete -c gpu_monitor -f
@@ -47,3 +47,4 @@ complete -c gpu_monitor -n 'not __gpu_monitor_command' -a '(__gpu_monitor_comman
 complete -c gpu_monitor -a '(__gpu_monitor_options)'
 complete -c gpu_monitor -a '(__gpu_monitor_kinds)'
 complete -c gpu_monitor -n 'string match -q -- --log (commandline -opc)[-1]' -F
+complete -c gpu_monitor -n "string match -q -- '--simulate=recording:*' (commandline -ct)" -F

@@ -57,8 +57,6 @@ std::string HostMemoryText(const ListedProcess& listed) {
 
 /// Without the folder of the program, which would take the room of the arguments.
 std::string CommandText(const ListedProcess& listed) {
-    // Processes of simulated GPUs are not this system's.
-    if (listed.Page->bSimulated) return "(simulated)";
     const FeedProcess& process = *listed.Process;
     const std::string& line = process.CommandLine.empty() ? process.Name : process.CommandLine;
     const size_t slash = line.rfind('/', line.find(' '));
