@@ -13,7 +13,7 @@
 // Without a prototype: each query is called with the arguments that its clients know.
 typedef unsigned int Query();
 
-enum { kRoom = 32, kGuard = 0x55, kNotSupported = 3, kInsufficientSize = 7, kOtherVersion = 25 };
+enum { Room = 32, Guard = 0x55, NotSupported = 3, InsufficientSize = 7, OtherVersion = 25 };
 
 #define FIND(name) ((Query*)(uintptr_t)dlsym(RTLD_DEFAULT, name))
 #define ASK(name, ...) FIND("nvml" #name)(__VA_ARGS__)
@@ -21,12 +21,14 @@ enum { kRoom = 32, kGuard = 0x55, kNotSupported = 3, kInsufficientSize = 7, kOth
 
 static int Failures;
 
+// NOLINTBEGIN(readability-isolate-declaration): the outputs of one call after the other are declared together.
+
 // Each version of the record has its own size, and the id in each leads back to the board.
 static void CheckPci(void* device, const char* name, size_t bytes, size_t idAt) {
     char record[80];
     void* found = NULL;
-    memset(record, kGuard, sizeof record);
-    EXPECT(FIND(name)(device, record) == 0 && record[bytes - 1] != kGuard && record[bytes] == kGuard);
+    memset(record, Guard, sizeof record);
+    EXPECT(FIND(name)(device, record) == 0 && record[bytes - 1] != Guard && record[bytes] == Guard);
     EXPECT(strtol(strchr(record + idAt, ':') + 1, NULL, 16) == record[20]);
     EXPECT(ASK(DeviceGetHandleByPciBusId_v2, record + idAt, &found) == 0 && found == device);
 }
@@ -34,11 +36,11 @@ static void CheckPci(void* device, const char* name, size_t bytes, size_t idAt) 
 // Records of 16 bytes under the old name, of 24 under the new one; the processes are this system's. Result: how often
 // they list this client.
 static unsigned int CheckProcesses(void* device, const char* name, const char* newName) {
-    uint64_t old[kRoom + 1][2] = {{0}}, now[kRoom][3];
-    unsigned int count = 0, newCount = kRoom, listed = 0;
+    uint64_t old[Room + 1][2] = {{0}}, now[Room][3];
+    unsigned int count = 0, newCount = Room, listed = 0;
     const unsigned int needed = FIND(name)(device, &count, NULL), result = FIND(newName)(device, &newCount, now);
-    if (result == kNotSupported && needed == kNotSupported) return 0;
-    EXPECT(result == 0 && count == newCount && needed == (count > 0 ? kInsufficientSize : 0));
+    if (result == NotSupported && needed == NotSupported) return 0;
+    EXPECT(result == 0 && count == newCount && needed == (count > 0 ? InsufficientSize : 0));
     EXPECT(FIND(name)(device, &count, old) == 0 && old[count][0] == 0 && old[count][1] == 0);
     for (unsigned int i = 0; i < count; ++i) {
         EXPECT((uint32_t)old[i][0] == (uint32_t)now[i][0] && old[i][1] == now[i][1] && getpgid((pid_t)now[i][0]) >= 0);
@@ -55,8 +57,8 @@ static unsigned int CheckProcesses(void* device, const char* name, const char* n
 static unsigned int CheckBoard(unsigned int i) {
     char id[96];
     void *device = NULL, *found = NULL;
-    uint64_t memory[3], newMemory[5] = {0x02000028}, samples[kRoom + 1][4] = {{0}}, lastSeen = 0;
-    unsigned int value = ~0U, other = ~0U, room = kRoom;
+    uint64_t memory[3], newMemory[5] = {0x02000028}, samples[Room + 1][4] = {{0}}, lastSeen = 0;
+    unsigned int value = ~0U, other = ~0U, room = Room;
     EXPECT(ASK(DeviceGetHandleByIndex_v2, i, &device) == 0 && ASK(DeviceGetIndex, device, &value) == 0 && value == i);
     EXPECT(ASK(DeviceGetUUID, device, id, 96U) == 0 && ASK(DeviceGetHandleByUUID, id, &found) == 0 && found == device);
     CheckPci(device, "nvmlDeviceGetPciInfo", 32, 0);
@@ -64,13 +66,13 @@ static unsigned int CheckBoard(unsigned int i) {
     CheckPci(device, "nvmlDeviceGetPciInfo_v3", 68, 36);
     EXPECT(ASK(DeviceGetMemoryInfo, device, memory) == 0 && ASK(DeviceGetMemoryInfo_v2, device, newMemory) == 0);
     EXPECT(newMemory[1] == memory[0] && newMemory[3] == memory[1] && newMemory[2] + newMemory[4] == memory[2]);
-    EXPECT(ASK(DeviceGetMemoryInfo_v2, device, memory) == kOtherVersion);
+    EXPECT(ASK(DeviceGetMemoryInfo_v2, device, memory) == OtherVersion);
     EXPECT(ASK(DeviceGetFanSpeed_v2, device, 0U, &value) == ASK(DeviceGetFanSpeed, device, &value));
     EXPECT(ASK(DeviceGetTotalEnergyConsumption, device, memory) == ASK(DeviceGetPowerUsage, device, &value));
     EXPECT(ASK(DeviceGetClock, device, 0U, 3U, &value) == ASK(DeviceGetMaxClockInfo, device, 0U, &other));
-    EXPECT(value == other && ASK(DeviceGetMigMode, device, &value, &other) == kNotSupported);
+    EXPECT(value == other && ASK(DeviceGetMigMode, device, &value, &other) == NotSupported);
     const unsigned int listed = CHECK_LIST("Compute") + CHECK_LIST("Graphics");
-    EXPECT(ASK(DeviceGetProcessUtilization, device, samples, &room, lastSeen) == (listed > 0 ? 0 : kNotSupported));
+    EXPECT(ASK(DeviceGetProcessUtilization, device, samples, &room, lastSeen) == (listed > 0 ? 0 : NotSupported));
     EXPECT(listed == 0 || (samples[room - 1][1] > 0 && (uint32_t)samples[0][2] <= 100 && samples[room][1] == 0));
     return listed;
 }
@@ -83,3 +85,5 @@ int main(int argc, char** argv) {
     EXPECT(listing == strtoul(argv[1], NULL, 10) && ASK(Shutdown, ) == 0);
     return Failures != 0;
 }
+
+// NOLINTEND(readability-isolate-declaration)
