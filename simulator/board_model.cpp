@@ -101,9 +101,23 @@ BoardModel::BoardModel(Board board, unsigned int index, uint64_t seed, std::shar
       TemperatureC(kAmbientC) {
     if (Description.Fixed.has_value()) Current = *Description.Fixed;
     for (const std::string& name : Description.Unsupported) Unsupported[IndexOf(QueryOf(EntryPointOf(name)))] = true;
+    if (Description.Recorded != nullptr) RowInForce = &Description.Recorded->FirstRow();
+}
+
+NvmlReturn BoardModel::Verdict(EntryPoint name, Arguments arguments) const {
+    if (!Supports(name)) return kNotSupported;
+    return RowInForce == nullptr ? kSuccess : Description.Recorded->Verdict(*RowInForce, name, arguments);
+}
+
+void BoardModel::PlayTo(double seconds) {
+    const RecordedGpu::Row* row = Description.Recorded->RowAt(seconds);
+    if (row == nullptr) return;
+    RowInForce = row;
+    PutOnBoard(*row, &Description, &Current, &InForce);
 }
 
 void BoardModel::AdvanceTo(double seconds) {
+    if (Description.Recorded != nullptr) return PlayTo(seconds);
     if (Description.Fixed.has_value()) return;
     const auto target = static_cast<int64_t>(std::floor(seconds / kTickSeconds));
     if (target == Ticks) return;

@@ -6,6 +6,8 @@
 
 #include "board_settings.h"
 #include "entry_point_list.h"
+#include "nvml_abi.h"
+#include "recording.h"
 #include "simulated_nvml.h"
 #include "system_processes.h"
 
@@ -28,6 +30,8 @@ public:
 
     const Board& Identity() const { return Description; }
     bool Supports(EntryPoint name) const { return !Unsupported[IndexOf(QueryOf(name))]; }
+    /// Whether the board answers a call now: success, or the code with which it refuses.
+    NvmlReturn Verdict(EntryPoint name, Arguments arguments) const;
     /// Brings the readings to `seconds` after the board's start; negative before it. The clock may have been set back.
     void AdvanceTo(double seconds);
     const Readings& Now() const { return Current; }
@@ -43,6 +47,9 @@ public:
     }
 
 private:
+    /// Brings a recorded board to `seconds`; where it is lost, the latest row stays.
+    void PlayTo(double seconds);
+
     /// A random number from 0 to 1: always the same one for this board, this `stream` and this place in the stream.
     double Random(uint64_t stream, int64_t place) const;
     /// How much the workload asks of the board at a moment, 0 to 1.
@@ -78,6 +85,8 @@ private:
     std::shared_ptr<SystemProcesses> System;
     BoardSettings InForce;
     Readings Current;
+    /// Of a recorded board.
+    const RecordedGpu::Row* RowInForce = nullptr;
 
     int64_t Ticks;
     size_t MemoryGroup = 0;

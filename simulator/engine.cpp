@@ -274,7 +274,8 @@ NvmlReturn Engine::Admit(Visit& visit, std::optional<unsigned int> board) {
     }
     if (board.has_value() && !SpendCall(&Rules.CallsLeft, *board)) return kGpuIsLost;
     if (failure.has_value()) return *failure;
-    return !IsInitialized() && !StartsNvml(visit.Name) ? kUninitialized : kSuccess;
+    if (!IsInitialized() && !StartsNvml(visit.Name)) return kUninitialized;
+    return IsInGap(board) ? kGpuIsLost : kSuccess;
 }
 
 std::optional<NvmlReturn> Engine::CountAgainstRules(EntryPoint name, std::optional<unsigned int> board) {

@@ -109,8 +109,9 @@ public:
             BoardModel* board = FindBoard(name, device);
             if (verdict != kSuccess && (board == nullptr || !WritesWhenFailing(name))) return verdict;
             if (board == nullptr) return kInvalidArgument;
-            if (!board->Supports(name)) return kNotSupported;
             BringToNow(board);
+            const NvmlReturn refusal = board->Verdict(name, arguments);
+            if (refusal != kSuccess) return refusal;
             const NvmlReturn answer = Complete({name, arguments, outputs}, [&] { return body(*board); });
             return verdict != kSuccess ? verdict : answer;
         });
@@ -195,6 +196,12 @@ private:
     /// Waits as long as the script wants. Result: success, or the code with which the script or the state of NVML ends
     /// the call.
     NvmlReturn Admit(Visit& visit, std::optional<unsigned int> board);
+    /// Whether the playback of a recorded board has come to a stretch without rows.
+    bool IsInGap(std::optional<unsigned int> board) const {
+        if (!board.has_value() || *board >= Boards.size()) return false;
+        const std::shared_ptr<const RecordedGpu>& recorded = Boards[*board].Identity().Recorded;
+        return recorded != nullptr && recorded->RowAt(ElapsedSeconds()) == nullptr;
+    }
     /// Counts a call against the failure rules; the code of one that applies.
     std::optional<NvmlReturn> CountAgainstRules(EntryPoint name, std::optional<unsigned int> board);
     /// Whether a failing call of this query still fills its outputs.

@@ -160,7 +160,8 @@ NvmlReturn VersionedMemory(EntryPoint name, NvmlDevice device, VersionedMemoryRe
         if (memory->Version != kMemoryRecordVersion) return kArgumentVersionMismatch;
         const uint64_t total = board.Identity().VramTotalBytes;
         const uint64_t taken = std::min(board.Now().VramUsedBytes, total);
-        const uint64_t reserved = std::min(kReservedVramBytes, taken);
+        // A recording does not say how much the driver keeps.
+        const uint64_t reserved = board.Identity().Recorded != nullptr ? 0 : std::min(kReservedVramBytes, taken);
         *memory = {kMemoryRecordVersion, total, reserved, total - taken, taken - reserved};
         return kSuccess;
     });

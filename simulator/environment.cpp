@@ -6,15 +6,18 @@
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <iterator>
 #include <optional>
+#include <stdexcept>
 
 namespace simulated_nvml {
 
 namespace {
 
 constexpr uint64_t kMaxBoards = 64;
+constexpr const char* kRecording = "recording:";
 
 using BoardMaker = Board (*)(unsigned int index);
 struct BoardKind {
@@ -74,7 +77,12 @@ std::vector<BoardMaker> BoardMakers(const std::string& value) {
 }
 
 bool ReadBoards(Environment* environment) {
-    for (const BoardMaker make : BoardMakers(Variable("NVML_SIM_BOARDS").value_or("1"))) {
+    const std::string value = Variable("NVML_SIM_BOARDS").value_or("1");
+    if (value.rfind(kRecording, 0) == 0) {
+        environment->Boards = RecordedBoards(value.substr(std::strlen(kRecording)));
+        return true;
+    }
+    for (const BoardMaker make : BoardMakers(value)) {
         environment->Boards.push_back(make(static_cast<unsigned int>(environment->Boards.size())));
     }
     return !environment->Boards.empty();
@@ -142,7 +150,7 @@ constexpr const char* kCallCounts = "GPU@CALLS with the index of a simulated GPU
 /// Boards come first: later variables may only name boards that exist.
 constexpr Setting kSettings[] = {
     {"NVML_SIM_BOARDS", ReadBoards,
-     "a number from 1 to 64, or up to 64 of desktop, laptop, datacenter, old, workstation"},
+     "a number from 1 to 64, or up to 64 of desktop, laptop, datacenter, old, workstation, or recording:FILE"},
     {"NVML_SIM_SEED", ReadSeed, "a whole number"},
     {"NVML_SIM_DELAYS", ReadDelays, "realistic or none"},
     {"NVML_SIM_RIGHTS", ReadRights, "user or admin"},
@@ -171,9 +179,13 @@ bool ReadEnvironment(Environment* environment, std::string* problem) {
         return false;
     }
     for (const Setting& setting : kSettings) {
-        if (setting.Read(environment)) continue;
-        *problem = std::string(setting.Name) + "=" + Variable(setting.Name).value_or("") +
-                   " makes no sense: expected " + setting.Expected + ".";
+        *problem = std::string(setting.Name) + "=";
+        try {
+            if (setting.Read(environment)) continue;
+            *problem += Variable(setting.Name).value_or("") + " makes no sense: expected " + setting.Expected + ".";
+        } catch (const std::invalid_argument& unplayable) {
+            *problem += kRecording + std::string(unplayable.what());
+        }
         return false;
     }
     return true;

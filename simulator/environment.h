@@ -12,7 +12,7 @@ namespace simulated_nvml {
 
 /// What the `NVML_SIM_...` environment variables ask for.
 struct Environment {
-    /// NVML_SIM_BOARDS: a number of boards, or their kinds; default one desktop board.
+    /// NVML_SIM_BOARDS: a number of boards, their kinds, or recording:FILE; default one desktop board.
     std::vector<Board> Boards;
     /// NVML_SIM_SEED: a whole number. With the default, much happens from the first moment on.
     uint64_t Seed = 3;

@@ -71,7 +71,7 @@ void CheckBoard(const Board& board) {
                     name.rfind("nvmlDeviceGetHandle", 0) != 0,
                 "Only a query or a change of a board can be one that it does not support.");
     }
-    if (!board.Fixed.has_value()) CheckLivingBoard(board);
+    if (!board.Fixed.has_value() && board.Recorded == nullptr) CheckLivingBoard(board);
 }
 
 /// A loader inside the simulator.

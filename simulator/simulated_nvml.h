@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
@@ -84,8 +85,10 @@ struct ClockGroup {
 /// What keeps a board busy.
 enum class Workload { Game, Training, Video, Office };
 
+class RecordedGpu;
+
 /// What never changes about a board. A living board needs clocks, more than 320 MiB of video memory, and powers and
-/// temperatures in a sensible order; a board with fixed readings may leave all of that out.
+/// temperatures in a sensible order; a board with fixed or recorded readings may leave all of that out.
 struct Board {
     std::string Name;
     std::string Uuid;
@@ -129,6 +132,8 @@ struct Board {
     std::set<std::string> Unsupported;
     /// Always answered in place of a living workload's readings.
     std::optional<Readings> Fixed;
+    /// Played in place of a living workload's readings; `RecordedBoards` makes such boards.
+    std::shared_ptr<const RecordedGpu> Recorded;
 };
 
 /// A desktop card: everything can be read and set.
@@ -142,6 +147,10 @@ SIMULATED_NVML_EXPORT Board OldBoard(unsigned int index);
 
 /// A workstation card: its graphics clocks can be locked, its memory clocks cannot.
 SIMULATED_NVML_EXPORT Board WorkstationBoard(unsigned int index);
+
+/// The boards of a CSV file that `gpu_monitor stream --csv` or `watch --log` wrote: one per GPU, in the order of their
+/// indices. Throws `std::invalid_argument` with a sentence when the file cannot be played.
+SIMULATED_NVML_EXPORT std::vector<Board> RecordedBoards(const std::string& path);
 
 /// How the caller has used the library, where a loader asks the simulator.
 struct LibraryUse {

@@ -75,7 +75,7 @@ TEST(CommandTest, StreamPrintsEveryCycleOnce) {
 TEST(CommandTest, CsvStreamHasOneHeadingAndAFieldForEachOfItsNames) {
     const Result fields =
         Shell("gpu_monitor stream --simulate=2 --csv --interval 100 --count 2 | awk -F , '{print NF}'");
-    EXPECT_THAT(fields.Output, MatchesRegex("30\n(30\n|31\n){4}")) << "two reasons are one field with a comma";
+    EXPECT_THAT(fields.Output, MatchesRegex("31\n(31\n|32\n){4}")) << "two reasons are one field with a comma";
 }
 
 TEST(CommandTest, StreamEndsCleanlyOnSignalsAndOnAClosedPipe) {
@@ -161,6 +161,7 @@ TEST(CommandTest, FailuresAreExplainedAndHaveTheirStatus) {
         {1, " makes no sense", "on_simulator NVML_SIM_# gpu_monitor list",
          {"BOARDS=0", "BOARDS=65", "BOARDS=desktop,", "DELAYS=slow", "RIGHTS=root", "SEED=-1", "LOSE=1@5", "LOSE=0@",
           "LOSE=0", "HANG=1@0"}},
+        {1, ":/bin cannot be played: it is no regular file.", "on_simulator NVML_SIM_BOARDS=recording:# gpu_monitor list", {"/bin"}},
         {1, "NVML: NVML_SIM_BOARDS=", "NVML_SIM_BOARDS=65 gpu_monitor list --simulate#", {"", "=recording:/"}},
         {1, " nvml-gpu-monitor-simulator.\n", "cp $(which gpu_monitor) m; ./m # --simulate; s=$?; rm m; exit $s", {"list"}},
         {1, "There is no variable NVML_SIM_BORDS", "on_simulator NVML_SIM_# gpu_monitor list", {"BORDS=2"}},

@@ -117,12 +117,12 @@ TEST(TextTest, JsonHasWhatWasReadUnderItsUnit) {
 TEST(TextTest, CsvHasAllDigitsAndQuotesWhatNeedsIt) {
     const std::string line = CsvLine(FullGpu().Device, FullGpu().Sample);
     EXPECT_EQ(line.substr(line.find(',')),
-              ",GPU-1,3,7,8,9,10,1048576000,2097152000,16777216,268435456,99.96,320,300,100,350.5,61,41,1500,1501,5001,"
-              "1200,2,4,16,1.5,12.25,8.333,36,\"power cap, thermal\"\n");
-    EXPECT_THAT(CsvLine(SilentGpu().Device, {}), EndsWith("Z,,12" + std::string(27, ',') + '\n'));
+              ",GPU-1,3,Board?,7,8,9,10,1048576000,2097152000,16777216,268435456,99.96,320,300,100,350.5,61,41,1500,"
+              "1501,5001,1200,2,4,16,1.5,12.25,8.333,36,\"power cap, thermal\"\n");
+    EXPECT_THAT(CsvLine(SilentGpu().Device, {}), EndsWith("Z,,12,Old" + std::string(27, ',') + '\n'));
     GpuDeviceInfo hostile;
     hostile.Uuid = "a\",\n";
-    EXPECT_THAT(CsvLine(hostile, {}), HasSubstr("Z,\"a\"\",?\",0,"));
+    EXPECT_THAT(CsvLine(hostile, {}), HasSubstr("Z,\"a\"\",?\",0,,"));
 }
 
 TEST(TextTest, JsonTimeIsTheTimeOfDayOfTheSample) {

@@ -111,6 +111,7 @@ TEST_F(WatchTest, FollowsTheSizeOfTheTerminal) {
 }
 
 TEST_F(WatchTest, WhatCannotBeShownIsSaidInASentence) {
+    std::ofstream(State) << "time,uuid,index\n";
     const std::tuple<std::string, int, std::string> cases[] = {
         {Watch("", "TERM=dumb"), 1, "The live view cannot be shown on"},
         {Watch("", "TERM=no-such-terminal"), 1, "The live view cannot be shown on"},
@@ -118,6 +119,7 @@ TEST_F(WatchTest, WhatCannotBeShownIsSaidInASentence) {
         {Watch(" | cat; false"), 1, "The live view needs a terminal"},
         {Watch("=2 --gpu 2"), 2, "no GPU 2"},
         {Watch(" --log /dev/full"), 1, "Cannot write to /dev/full: No space left on device."},
+        {Watch(" --log " + State), 1, " is no log with the columns of this version: choose another file."},
         {Watch("", "NVML_SIM_LOSE=0@0"), 1, "No NVIDIA GPU found."}};
     for (const auto& [command, status, sentence] : cases) View(command, 200).ExpectEnd(status, sentence);
 }

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <stdexcept>
 #include <thread>
 
@@ -23,6 +24,8 @@ protected:
         Sim.SetBoards({DesktopBoard(0), LaptopBoard(1), DataCenterBoard(2), OldBoard(3)});
         EXPECT_EQ(nvmlInit_v2(), kSuccess);
     }
+
+    ~SimulatorTest() override { unlink(Path.c_str()); }
 
     static void* Handle(unsigned int index) {
         void* device = nullptr;
@@ -46,6 +49,12 @@ protected:
         return reasons;
     }
 
+    std::vector<Board> Recorded(const std::string& text) const {
+        std::ofstream(Path) << text;
+        return RecordedBoards(Path);
+    }
+
+    const std::string Path = TempDir() + "simulator_test_" + std::to_string(getpid());
     SimulatedNvml& Sim = SimulatedNvml::Get();
     double Seconds = 0.0;
     unsigned int Output = 0;
@@ -194,6 +203,48 @@ TEST_F(SimulatorTest, TwoThreadsInsideAreMisuseOnlyWhereForbidden) {
         other.join();
     }
     EXPECT_THAT(Sim.Misuse(), ElementsAre(HasSubstr("while another thread was inside")));
+}
+
+TEST_F(SimulatorTest, RecordedBoardsPlayRowsGapsAndMissingFieldsAndBeginAgain) {
+    // One GPU is not recorded after two seconds, the other one for 100 seconds. One row comes late.
+    std::string text = "time,uuid,index,name,power_watts,sm_clock_mhz\n";
+    for (const char* row : {R"(8:00.000Z,"b, ""x""",3,,,300)", "8:00.004Z,GPU-a,2,,100.5,", "8:01.000Z,GPU-a,2,,,",
+                            "8:03.000Z,GPU-a,2,,103,", R"(8:01.000Z,"b, ""x""",3,,,301)", "8:02.000Z,GPU-a,2,,102,",
+                            "9:43.000Z,GPU-a,2,,143.0004,"}) {
+        text += std::string("2026-02-28T23:5") + row + '\n';
+    }
+    Sim.SetBoards(Recorded(text));
+    void* const a = Handle(0);
+    void* b = nullptr;
+    EXPECT_EQ(nvmlDeviceGetPowerUsage(Handle(1), &Output), kNotSupported) << "in no row of this GPU";
+    const auto answer = [this](NvmlReturn code) { return code == kSuccess ? Output : code; };
+    // Seconds, and what the two GPUs answer then: a value, or why there is none.
+    // clang-format off
+    const std::tuple<double, unsigned int, unsigned int> moments[] = {
+        {0.0, 100500, 300}, {1.0, kUnknown, 301}, {2.1, 102000, kGpuIsLost}, {4.1, kGpuIsLost, kGpuIsLost},
+        {33.9, kGpuIsLost, kGpuIsLost}, {34.0, 143000, kGpuIsLost}, {35.0, 100500, 300}, {71.1, kUnknown, 301}};
+    // clang-format on
+    for (const auto& [seconds, power, clock] : moments) {
+        Sim.HoldTimeAt(seconds);
+        EXPECT_EQ(nvmlDeviceGetHandleByUUID(R"(b, "x")", &b), clock == kGpuIsLost ? kGpuIsLost : kSuccess) << seconds;
+        EXPECT_EQ(answer(nvmlDeviceGetPowerUsage(a, &Output)), power) << seconds;
+        EXPECT_EQ(answer(nvmlDeviceGetClockInfo(b, kClockSm, &Output)), clock) << seconds;
+    }
+}
+
+TEST_F(SimulatorTest, RecordingThatCannotBePlayedIsSaidInASentence) {
+    const std::string row = "time,uuid,index,fan_percent,power_watts\n2026-01-31T12:00:00.000Z,";
+    // clang-format off
+    const std::pair<std::string, const char*> files[] = {
+        {"", "it is empty."}, {row.substr(0, 40), "it has no readings."}, {"fun\n", "columns than a recording has."},
+        {row + ",0,30\n", "line 2 is cut off or damaged."}, {row + ",0,30,", "2 is cut off or damaged."},
+        {row + "\",0,30,\n", "cut off or damaged."}, {row + std::string(5000, 'u') + ",0,30,\n", "cut off or damaged."},
+        {row + ",0,,nan\n", "line 2 has no sensible value of power_watts."},
+        {row + ",0,1e99,\n", "line 2 has no sensible value of fan_percent."}};
+    // clang-format on
+    for (const auto& [text, end] : files) {
+        EXPECT_THAT(([this, &text = text] { Recorded(text); }), ThrowsMessage<std::invalid_argument>(EndsWith(end)));
+    }
 }
 
 }  // namespace

@@ -21,6 +21,12 @@ bool EndsWithinLine(const std::string& path) {
     return file.good() && last != '\n';
 }
 
+bool HasTodaysHeading(const std::string& path) {
+    const std::string heading = CsvHeading();
+    std::string start(heading.size(), '\0');
+    return std::ifstream(path).read(start.data(), static_cast<std::streamsize>(start.size())) && start == heading;
+}
+
 }  // namespace
 
 CsvLog::CsvLog(std::string path) : Path(std::move(path)) {
@@ -31,7 +37,11 @@ CsvLog::CsvLog(std::string path) : Path(std::move(path)) {
     struct stat status {};
     const bool bNew = fstat(File, &status) == 0 && status.st_size == 0;
     if (bNew) Pending = CsvHeading();
-    if (S_ISREG(status.st_mode) && EndsWithinLine(Path)) Pending = "\n";
+    if (!bNew && S_ISREG(status.st_mode)) {
+        if (!HasTodaysHeading(Path))
+            throw Failure(Path + " is no log with the columns of this version: choose another file.");
+        if (EndsWithinLine(Path)) Pending = "\n";
+    }
     WritePending();
     if (!LastProblem.empty()) throw Failure(LastProblem);
 }

@@ -36,14 +36,14 @@ std::string ValueField(const Reading& reading, const GpuTelemetrySample& sample)
 }  // namespace
 
 std::string CsvHeading() {
-    std::string line = "time,uuid,index";
+    std::string line = "time,uuid,index,name";
     for (const Reading& reading : Readings()) line += std::string(",") + reading.Key;
     return line + ",performance_limit_reasons,performance_limits\n";
 }
 
 std::string CsvLine(const GpuDeviceInfo& device, const GpuTelemetrySample& sample) {
-    std::string line =
-        UtcTime(sample.TimestampSeconds) + ',' + Field(Printable(device.Uuid)) + ',' + std::to_string(device.Index);
+    std::string line = UtcTime(sample.TimestampSeconds) + ',' + Field(Printable(device.Uuid)) + ',' +
+                       std::to_string(device.Index) + ',' + Field(Printable(device.Name));
     for (const Reading& reading : Readings()) line += ',' + ValueField(reading, sample);
     const uint64_t limits = sample.PerformanceLimitReasons;
     return line + (limits == 0 ? ",," : ',' + std::to_string(limits) + ',' + Field(LimitText(sample))) + '\n';
