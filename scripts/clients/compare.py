@@ -11,6 +11,7 @@ boards share locks, limits and processes with gpu_monitor and only what lasts is
 
 import argparse
 import collections
+import itertools
 import json
 import os
 import pathlib
@@ -70,7 +71,12 @@ class Monitor:
         return readings
 
 
-class Pcp:
+class Client:
+    def close(self):
+        """Ends what the client needed while it was compared."""
+
+
+class Pcp(Client):
     """The agent of Performance Co-Pilot, asked without its daemon."""
 
     name = "PCP's agent"
@@ -123,7 +129,7 @@ class Pcp:
         return readings
 
 
-class RustWrapper:
+class RustWrapper(Client):
     """The Rust wrapper of NVML, in a program of ours that prints a line "GPU NAME VALUE" for each reading."""
 
     name = "Rust wrapper"
@@ -152,7 +158,7 @@ class RustWrapper:
         return readings
 
 
-class Nvtop:
+class Nvtop(Client):
     """nvtop, which shows its readings on a terminal only: one of tmux."""
 
     name = "nvtop"
@@ -182,12 +188,16 @@ class Nvtop:
     def __init__(self, program):
         self.program = program
         self.version = run([program, "--version"])[0].split()[-1]
-        self.tmux = ["tmux", "-L", f"nvtop-{os.getpid()}", "-f", "/dev/null"]
+        self.folder = tempfile.TemporaryDirectory()
+        self.tmux = ["tmux", "-S", f"{self.folder.name}/socket", "-f", "/dev/null"]
         # The server is there before anything is compared, because it is one more process that boards could show.
         self.run_tmux("new-session", "-d", "sleep", "infinity")
+        # What it says at its end can be read, too.
+        self.run_tmux("set-option", "-g", "remain-on-exit", "on")
 
     def close(self):
         self.run_tmux("kill-server")
+        self.folder.cleanup()
 
     def shows(self, gpu, name, value):
         hidden = name in self.HIDDEN_ZEROS and value == 0 or (gpu, name) == (0, "process client")
@@ -281,6 +291,17 @@ def states(monitor, build, folder):
     return [State("held", held, lambda gpu, name: True), State("living", living, lasts_while_living)]
 
 
+def compare_all(monitor, clients, build):
+    """The lines of the table, and what differs."""
+    table, problems = [], []
+    with tempfile.TemporaryDirectory() as folder:
+        for client, state in itertools.product(clients, states(monitor, build, pathlib.Path(folder))):
+            count, found = compare(monitor, client, state)
+            table.append((client.name, client.version, state.name, f"{count} readings", "differs" if found else "same"))
+            problems += [f"{client.name}, {state.name}: {problem}" for problem in found]
+    return table, problems
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--build", type=pathlib.Path, required=True)
@@ -289,20 +310,15 @@ def main():
     parser.add_argument("--nvtop", dest="clients", action="append", type=Nvtop)
     options = parser.parse_args()
     monitor = Monitor(options.build)
-    table, problems = [], []
-    with tempfile.TemporaryDirectory() as folder:
-        for state in states(monitor, options.build, pathlib.Path(folder)):
-            for client in options.clients:
-                count, found = compare(monitor, client, state)
-                table.append((client.name, client.version, state.name, f"{count} readings", "differs" if found else "same"))
-                problems += [f"{client.name}, {state.name}: {problem}" for problem in found]
+    try:
+        table, problems = compare_all(monitor, options.clients, options.build)
+    finally:
+        for client in options.clients:
+            client.close()
     for line in problems:
         print(line)
-    for row in sorted(table):
-        print("{:14}{:10}{:8}{:>13}  {}".format(*row))
-    for client in options.clients:
-        if isinstance(client, Nvtop):
-            client.close()
+    for row in table:
+        print("{:14}{:8}{:8}{:>13}  {}".format(*row))
     return 1 if problems else 0
 
 
