@@ -17,12 +17,15 @@ clients=()
 
 say() { echo "check_clients: $1" >&2; }
 
-# unpack CLIENT PACKAGE...: the packages' files are then in $work/CLIENT. False when the package sources lack one.
+# unpack CLIENT PACKAGE...: the packages' files are then in $work/CLIENT. False when one cannot be had.
 unpack() {
     local folder=$work/$1 package
     rm -rf -- "$folder"
     mkdir -p -- "$folder"
-    (cd -- "$folder" && apt-get -q download "${@:2}") >"$folder.log" 2>&1 || return 1
+    if ! (cd -- "$folder" && apt-get -q download "${@:2}") >"$folder.log" 2>&1; then
+        say "$1 is left out, because a package cannot be had: $(grep '^E:' "$folder.log" || cat "$folder.log")"
+        return 1
+    fi
     for package in "$folder"/*.deb; do dpkg-deb --extract "$package" "$folder"; done
 }
 
@@ -49,13 +52,13 @@ case "$#:${1-}" in
 esac
 "$root/scripts/setup.sh" clients || say 'going on with what is installed'
 
-if unpack pcp pcp pcp-conf libpcp3 libpcp-pmda3; then clients+=(--pcp "$work/pcp"); else say "PCP's agent is left out"; fi
-if unpack nvtop nvtop; then clients+=(--nvtop "$work/nvtop/usr/bin/nvtop"); else say 'nvtop is left out'; fi
+if unpack pcp pcp pcp-conf libpcp3 libpcp-pmda3; then clients+=(--pcp "$work/pcp"); fi
+if unpack nvtop nvtop; then clients+=(--nvtop "$work/nvtop/usr/bin/nvtop"); fi
 if compgen -G '/usr/share/cargo/registry/nvml-wrapper-0*' >/dev/null; then
     compile_rust_client
     clients+=(--rust-wrapper "$work/rust_wrapper/target/release/wrapper_client")
 else
-    say 'the Rust wrapper is left out'
+    say 'the Rust wrapper is left out, because its package is not installed'
 fi
 if ((${#clients[@]} == 0)); then
     say 'no client could be checked'
