@@ -280,7 +280,8 @@ def lasts_while_living(gpu, name):
 
 
 def states(monitor, build, folder):
-    simulated = os.environ | {"LD_LIBRARY_PATH": str(build / "simulator")}
+    outside = {name: value for name, value in os.environ.items() if not name.startswith("NVML_SIM_")}
+    simulated = outside | {"LD_LIBRARY_PATH": str(build / "simulator")}
     recording = folder / "held.csv"
     row, _ = run([monitor.program, "stream", "--csv", "--count", "1"], simulated | {"NVML_SIM_BOARDS": KINDS})
     recording.write_text(row)
