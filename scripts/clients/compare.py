@@ -256,7 +256,9 @@ def agrees(expected, shown):
 def differences(expected, shown):
     for key in sorted(expected.keys() | shown.keys()):
         if key not in expected or key not in shown or not agrees(expected[key], shown[key]):
-            yield f"GPU {key[0]} {key[1]}: gpu_monitor {expected.get(key)}, client {shown.get(key)}"
+            value = shown.get(key)
+            value = value.value if isinstance(value, Number) else value
+            yield f"GPU {key[0]} {key[1]}: gpu_monitor {expected.get(key)}, client {value}"
 
 
 def compare(monitor, client, state):
@@ -280,8 +282,7 @@ def lasts_while_living(gpu, name):
 
 
 def states(monitor, build, folder):
-    outside = {name: value for name, value in os.environ.items() if not name.startswith("NVML_SIM_")}
-    simulated = outside | {"LD_LIBRARY_PATH": str(build / "simulator")}
+    simulated = os.environ | {"LD_LIBRARY_PATH": str(build / "simulator")}
     recording = folder / "held.csv"
     row, _ = run([monitor.program, "stream", "--csv", "--count", "1"], simulated | {"NVML_SIM_BOARDS": KINDS})
     recording.write_text(row)
@@ -304,6 +305,8 @@ def compare_all(monitor, clients, build):
 
 
 def main():
+    for name in [name for name in os.environ if name.startswith("NVML_SIM_")]:
+        del os.environ[name]
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--build", type=pathlib.Path, required=True)
     parser.add_argument("--pcp", dest="clients", action="append", type=Pcp)
