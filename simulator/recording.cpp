@@ -21,6 +21,8 @@
 #include <tuple>
 #include <utility>
 
+#include "board_model.h"
+
 namespace simulated_nvml {
 
 namespace {
@@ -353,10 +355,12 @@ void CloseEnds(Gpu* gpu, int64_t periodMs) {
     if (first.StartMs <= longest) first.LastsMs += std::exchange(first.StartMs, 0);
 }
 
-Board BoardOf(Gpu* gpu, unsigned int index, int64_t periodMs) {
+Board BoardOf(unsigned int index, Gpu* gpu, int64_t periodMs) {
     CloseEnds(gpu, periodMs);
-    // A recording does not say where the GPU was: clients that look for it by its bus id get a place here.
-    Board board = BoardAt(index, gpu->Name, 0);
+    Board board;
+    // A recording has no PCI places, but some clients refuse boards that have none.
+    PutIntoSlot(index, &board);
+    board.Name = gpu->Name;
     board.Uuid = gpu->Uuid;
     if (board.Uuid.empty()) board.Unsupported = {"nvmlDeviceGetUUID"};
     board.Recorded = std::make_shared<const RecordedGpu>(std::move(gpu->Rows), periodMs);
@@ -371,7 +375,7 @@ std::vector<Board> BoardsOf(std::vector<Gpu> gpus) {
     for (const Gpu& gpu : gpus) periodMs = std::max(periodMs, gpu.Rows.back().StartMs + gpu.UsualMs);
     std::vector<Board> boards;
     boards.reserve(gpus.size());
-    for (Gpu& gpu : gpus) boards.push_back(BoardOf(&gpu, static_cast<unsigned int>(boards.size()), periodMs));
+    for (unsigned int i = 0; i < gpus.size(); ++i) boards.push_back(BoardOf(i, &gpus[i], periodMs));
     return boards;
 }
 

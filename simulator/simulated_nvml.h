@@ -139,8 +139,6 @@ struct Board {
 /// How many boards there can be at once.
 constexpr size_t kMaxBoards = 64;
 
-/// A board that has only a name and what belongs to its place in the machine: PCI bus id and UUID.
-SIMULATED_NVML_EXPORT Board BoardAt(unsigned int index, std::string name, unsigned int pciDeviceId);
 /// A desktop card: everything can be read and set.
 SIMULATED_NVML_EXPORT Board DesktopBoard(unsigned int index);
 /// A laptop card: no fan, and a power limit that only the laptop itself controls.
