@@ -76,6 +76,10 @@ TEST(CommandTest, CsvStreamHasOneHeadingAndAFieldForEachOfItsNames) {
     const Result fields =
         Shell("gpu_monitor stream --simulate=2 --csv --interval 100 --count 2 | awk -F , '{print NF}'");
     EXPECT_THAT(fields.Output, MatchesRegex("31\n(31\n|32\n){4}")) << "two reasons are one field with a comma";
+    const Result played = Shell(
+        "s='gpu_monitor stream --csv --count 1 --simulate'; $s=5 > r.csv; $s=recording:r.csv | cut -d , -f 2- > p.csv;"
+        "cut -d , -f 2- r.csv | diff - p.csv; rm r.csv p.csv");
+    EXPECT_EQ(played.Output, "") << "the simulator plays each column as it was recorded";
 }
 
 TEST(CommandTest, StreamEndsCleanlyOnSignalsAndOnAClosedPipe) {
