@@ -218,7 +218,6 @@ TEST_F(SimulatorTest, RecordedBoardsPlayRowsGapsAndMissingFieldsAndBeginAgain) {
     void* b = nullptr;
     EXPECT_EQ(nvmlDeviceGetPowerUsage(Handle(1), &Output), kNotSupported) << "in no row of this GPU";
     EXPECT_EQ(nvmlDeviceGetHandleByPciBusId_v2("02:00.0", &b), kSuccess) << "a place that was not recorded";
-    EXPECT_EQ(Value(nvmlDeviceGetNumFans, b), 0);
     unsigned long long energy = 0;
     EXPECT_EQ(nvmlDeviceGetTotalEnergyConsumption(a, &energy), kNotSupported) << "power is recorded, energy is not";
     const auto answer = [this](NvmlReturn code) { return code == kSuccess ? Output : code; };
