@@ -117,9 +117,10 @@ if(TARGET gpu_exporter)
         DESTINATION "${CMAKE_INSTALL_DATADIR}/gpu_exporter" COMPONENT exporter)
 endif()
 if(TARGET simulated_nvml)
-    # In a folder of its own, where no loader looks by itself: it must never replace a driver by accident.
+    # In a folder of its own, where no loader looks by itself: it must never replace a driver by accident. With the link
+    # libnvidia-ml.so, because some clients open that name.
     install(TARGETS simulated_nvml
-        LIBRARY DESTINATION lib/nvml_gpu_monitor/simulator COMPONENT simulator NAMELINK_SKIP)
+        LIBRARY DESTINATION lib/nvml_gpu_monitor/simulator COMPONENT simulator)
 endif()
 
 # A host makes packages of its own.

@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
 # Installs what this project is built with, where it is missing. Prints nothing when everything is there.
 #
-#   scripts/setup.sh [run|test|ci]     default: test
+#   scripts/setup.sh [run|test|ci|clients]     default: test
 #
 # run: to build and run the terminal program. test: also to build and run the tests and benchmarks. ci: also for every
-# check of .ci/run.
+# check of .ci/run. clients: what check_clients.sh needs, apart from what it unpacks itself.
 set -euo pipefail
 
 compiler=${CXX:-c++}
@@ -30,6 +30,8 @@ have_opengl() { compgen -G '/usr/lib*/libOpenGL.so' || compgen -G '/usr/lib/*/li
 have_software_opengl() { compgen -G '/usr/lib*/dri/swrast_dri.so' || compgen -G '/usr/lib/*/dri/swrast_dri.so'; } >/dev/null
 
 have_prometheus() { have prometheus && have promtool; }
+
+have_rust_wrapper() { [[ -x /usr/bin/cargo ]] && compgen -G '/usr/share/cargo/registry/nvml-wrapper-0*' >/dev/null; }
 
 # set | package of Debian and Ubuntu | command that succeeds when the package's files are there
 needs=(
@@ -68,6 +70,10 @@ needs=(
     "ci|systemd|have systemd-analyze"
     "ci|jq|have jq"
     "ci|prometheus|have_prometheus"
+    "clients|python3|have python3"
+    "clients|tmux|have tmux"
+    "clients|cargo|have_rust_wrapper"
+    "clients|librust-nvml-wrapper-dev|have_rust_wrapper"
 )
 
 # Fills `missing` with the packages whose probe fails. Headers cannot be probed without a compiler, so the packages with
@@ -157,8 +163,9 @@ case "${1:-test}" in
     run) wanted=' run ' ;;
     test) wanted=' run test ' ;;
     ci) wanted=' run test ci ' ;;
+    clients) wanted=' clients ' ;;
     *)
-        echo "usage: ${0##*/} [run|test|ci]" >&2
+        echo "usage: ${0##*/} [run|test|ci|clients]" >&2
         exit 2
         ;;
 esac

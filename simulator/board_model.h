@@ -16,6 +16,9 @@ namespace simulated_nvml {
 /// Video memory that the driver keeps for itself: a living board has more than that.
 constexpr uint64_t kReservedVramBytes = uint64_t{320} << 20;
 
+/// Gives a board the PCI place that belongs to its index in the machine.
+void PutIntoSlot(unsigned int index, Board* board);
+
 /// A living board: a workload keeps it busy, and load, limits and heat decide its clocks and its power.
 ///
 /// Time runs in fixed steps from the board's start, so the same seed gives the same readings at the same moment,

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "board_model.h"
 #include "simulated_nvml.h"
 
 namespace simulated_nvml {
@@ -32,17 +33,21 @@ std::string Format(const char* format, Values... values) {
 /// A board with the identity that belongs to its place in the machine.
 Board BoardAt(unsigned int index, const char* name, unsigned int pciDeviceId) {
     Board board;
+    PutIntoSlot(index, &board);
     board.Name = name;
-    board.PciBus = index + 1;
     board.PciDeviceId = pciDeviceId;
     board.PciSubSystemId = 0x000110DEU + (index << 16U);
-    board.BusId = Format("00000000:%02X:00.0", board.PciBus);
-    board.BusIdLegacy = Format("0000:%02X:00.0", board.PciBus);
     board.Uuid = Format("GPU-%08x-51a7-4e5f-8d0c-%012x", pciDeviceId, 0xA1B2C300U + index);
     return board;
 }
 
 }  // namespace
+
+void PutIntoSlot(unsigned int index, Board* board) {
+    board->PciBus = index + 1;
+    board->BusId = Format("00000000:%02X:00.0", board->PciBus);
+    board->BusIdLegacy = Format("0000:%02X:00.0", board->PciBus);
+}
 
 Board DesktopBoard(unsigned int index) {
     Board board = BoardAt(index, "NVIDIA GeForce RTX 4080", 0x270410DEU);

@@ -21,6 +21,8 @@
 #include <tuple>
 #include <utility>
 
+#include "board_model.h"
+
 namespace simulated_nvml {
 
 namespace {
@@ -371,9 +373,11 @@ void CloseEnds(Gpu* gpu, int64_t periodMs) {
     if (first.StartMs <= longest) first.LastsMs += std::exchange(first.StartMs, 0);
 }
 
-Board BoardOf(Gpu* gpu, int64_t periodMs) {
+Board BoardOf(unsigned int index, Gpu* gpu, int64_t periodMs) {
     CloseEnds(gpu, periodMs);
     Board board;
+    // A recording has no PCI places, but some clients refuse boards that have none.
+    PutIntoSlot(index, &board);
     board.Name = gpu->Name;
     board.Uuid = gpu->Uuid;
     board.Unsupported = {"nvmlDeviceSetPowerManagementLimit", "nvmlDeviceSetGpuLockedClocks",
@@ -391,7 +395,7 @@ std::vector<Board> BoardsOf(std::vector<Gpu> gpus) {
     for (const Gpu& gpu : gpus) periodMs = std::max(periodMs, gpu.Rows.back().StartMs + gpu.UsualMs);
     std::vector<Board> boards;
     boards.reserve(gpus.size());
-    for (Gpu& gpu : gpus) boards.push_back(BoardOf(&gpu, periodMs));
+    for (unsigned int i = 0; i < gpus.size(); ++i) boards.push_back(BoardOf(i, &gpus[i], periodMs));
     return boards;
 }
 
@@ -415,11 +419,21 @@ const RecordedGpu::Row* RecordedGpu::RowAt(double seconds) const {
 }
 
 NvmlReturn RecordedGpu::Verdict(const Row& row, EntryPoint name, Arguments arguments) const {
-    if (name == E::nvmlDeviceGetName || name == E::nvmlDeviceGetUUID || name == E::nvmlDeviceGetIndex) return kSuccess;
-    // The power of moments does not give the energy since the driver was loaded.
-    if (name == E::nvmlDeviceGetTotalEnergyConsumption) return kNotSupported;
+    const bool bClock = name == E::nvmlDeviceGetClock;
+    if (bClock && *std::next(arguments.begin()) != kClockNow) return kNotSupported;
+    const EntryPoint query = bClock ? E::nvmlDeviceGetClockInfo : QueryOf(name);
+    switch (query) {
+        case E::nvmlDeviceGetName:
+        case E::nvmlDeviceGetUUID:
+        case E::nvmlDeviceGetIndex:
+        case E::nvmlDeviceGetMinorNumber:
+        case E::nvmlDeviceGetPciInfo_v3: return kSuccess;
+        // The power of moments does not give the energy since the driver was loaded.
+        case E::nvmlDeviceGetTotalEnergyConsumption: return kNotSupported;
+        default: break;
+    }
     const uint32_t given = ColumnsWith([&](const Column& column) {
-        return column.Query == QueryOf(name) && (!column.Selector.has_value() || column.Selector == *arguments.begin());
+        return column.Query == query && (!column.Selector.has_value() || column.Selector == *arguments.begin());
     });
     if (given == 0 || (given & ~EverHas) != 0) return kNotSupported;
     return (given & ~row.Has) != 0 ? kUnknown : kSuccess;
