@@ -419,6 +419,8 @@ const RecordedGpu::Row* RecordedGpu::RowAt(double seconds) const {
 }
 
 NvmlReturn RecordedGpu::Verdict(const Row& row, EntryPoint name, Arguments arguments) const {
+    // The power of moments does not give the energy since the driver was loaded.
+    if (name == E::nvmlDeviceGetTotalEnergyConsumption) return kNotSupported;
     const bool bClock = name == E::nvmlDeviceGetClock;
     if (bClock && *std::next(arguments.begin()) != kClockNow) return kNotSupported;
     const EntryPoint query = bClock ? E::nvmlDeviceGetClockInfo : QueryOf(name);
@@ -428,8 +430,6 @@ NvmlReturn RecordedGpu::Verdict(const Row& row, EntryPoint name, Arguments argum
         case E::nvmlDeviceGetIndex:
         case E::nvmlDeviceGetMinorNumber:
         case E::nvmlDeviceGetPciInfo_v3: return kSuccess;
-        // The power of moments does not give the energy since the driver was loaded.
-        case E::nvmlDeviceGetTotalEnergyConsumption: return kNotSupported;
         default: break;
     }
     const uint32_t given = ColumnsWith([&](const Column& column) {

@@ -219,6 +219,8 @@ TEST_F(SimulatorTest, RecordedBoardsPlayRowsGapsAndMissingFieldsAndBeginAgain) {
     Sim.SetBoards(Recorded(text));
     void* const a = Handle(0);
     EXPECT_EQ(nvmlDeviceGetPowerUsage(Handle(1), &Output), kNotSupported) << "in no row of this GPU";
+    unsigned long long energy = 0;
+    EXPECT_EQ(nvmlDeviceGetTotalEnergyConsumption(a, &energy), kNotSupported);
     const auto answer = [this](NvmlReturn code) { return code == kSuccess ? Output : code; };
     // Seconds, and what the two GPUs answer then: a value, or why there is none.
     // clang-format off
