@@ -146,7 +146,8 @@ NvmlReturn Engine::HandleCall(EntryPoint name, std::optional<unsigned int> index
 std::optional<unsigned int> Engine::BoardNamed(EntryPoint name, const char* text) const {
     const std::optional<uint64_t> address = PciAddressOf(text);
     const auto isNamed = [&](const BoardModel& board) {
-        if (name == EntryPoint::nvmlDeviceGetHandleByUUID) return board.Identity().Uuid == text;
+        // A recorded board may have no UUID.
+        if (name == EntryPoint::nvmlDeviceGetHandleByUUID) return *text != '\0' && board.Identity().Uuid == text;
         return address.has_value() && PciAddressOf(board.Identity().BusId) == address;
     };
     const auto found = std::find_if(Boards.begin(), Boards.end(), isNamed);

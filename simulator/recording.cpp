@@ -32,6 +32,8 @@ using Row = RecordedGpu::Row;
 /// Three days of one GPU that is recorded once per second. To read more would take longer than some clients wait.
 constexpr size_t kMostLines = 300000;
 constexpr size_t kMostLineBytes = 4096;
+/// Clients have no room for longer names and UUIDs.
+constexpr size_t kMostTextBytes = 95;
 constexpr const char* kDamaged = "is cut off or damaged";
 /// A gap is longer than so many usual distances of two rows.
 constexpr int64_t kGapDistances = 3;
@@ -180,7 +182,11 @@ std::optional<int64_t> MomentIn(const std::string& text) {
     const std::string_view fraction(rest, static_cast<size_t>(text.data() + text.size() - rest));
     if (fraction.size() != 4 || fraction.back() != 'Z') return std::nullopt;
     const auto milliseconds = NumberIn<uint16_t>(fraction.substr(0, 3));
-    return milliseconds ? std::optional<int64_t>(int64_t{timegm(&utc)} * 1000 + *milliseconds) : std::nullopt;
+    const int day = utc.tm_mday;
+    const int64_t seconds = timegm(&utc);
+    // A day that its month does not have has become one of the next month.
+    if (!milliseconds || utc.tm_mday != day) return std::nullopt;
+    return seconds * 1000 + *milliseconds;
 }
 
 // ---- The file ----
@@ -234,6 +240,9 @@ private:
         if (++LineNumber > kMostLines) Fail("it has more than " + std::to_string(kMostLines) + " lines");
         if (!File.good()) FailHere(kDamaged);
         line->assign(text, static_cast<size_t>(File.gcount()) - 1);
+        if (line->find('\0') != std::string::npos) FailHere(kDamaged);
+        // Mail programs and editors of other systems write CRLF.
+        if (!line->empty() && line->back() == '\r') line->pop_back();
         return true;
     }
 
@@ -272,14 +281,22 @@ private:
         return *value;
     }
 
+    /// What a line says in a column; empty where the recording does not have the column.
+    std::string Text(const std::vector<std::string>& fields, const char* column) const {
+        const auto place = Places.find(column);
+        std::string text = place != Places.end() ? fields[place->second] : "";
+        if (text.size() > kMostTextBytes) FailHere(std::string("has too long a ") + column);
+        return text;
+    }
+
     /// A GPU without a UUID is known by its index.
     Gpu& GpuOf(const std::vector<std::string>& fields) {
-        const std::string& uuid = fields[Places["uuid"]];
+        const std::string uuid = Text(fields, "uuid");
         const std::string& index = fields[Places["index"]];
         const auto [known, bNew] = Known.emplace(uuid.empty() ? index : uuid, Gpus.size());
         if (bNew) {
             if (Gpus.size() == kMaxBoards) Fail("it has more than " + std::to_string(kMaxBoards) + " GPUs");
-            const std::string name = Places.count("name") != 0 ? fields[Places["name"]] : "";
+            const std::string name = Text(fields, "name");
             Gpus.push_back(
                 {name.empty() ? "Recorded GPU" : name, uuid, Needed(NumberIn<unsigned int>(index), "index"), {}});
         }
@@ -362,7 +379,9 @@ Board BoardOf(unsigned int index, Gpu* gpu, int64_t periodMs) {
     PutIntoSlot(index, &board);
     board.Name = gpu->Name;
     board.Uuid = gpu->Uuid;
-    if (board.Uuid.empty()) board.Unsupported = {"nvmlDeviceGetUUID"};
+    board.Unsupported = {"nvmlDeviceSetPowerManagementLimit", "nvmlDeviceSetGpuLockedClocks",
+                         "nvmlDeviceSetMemoryLockedClocks"};
+    if (board.Uuid.empty()) board.Unsupported.insert("nvmlDeviceGetUUID");
     board.Recorded = std::make_shared<const RecordedGpu>(std::move(gpu->Rows), periodMs);
     return board;
 }

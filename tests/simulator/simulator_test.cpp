@@ -211,11 +211,13 @@ TEST_F(SimulatorTest, RecordedBoardsPlayRowsGapsAndMissingFieldsAndBeginAgain) {
     for (const char* row : {R"(8:00.000Z,"b, ""x""",3,,,300)", "8:00.004Z,GPU-a,2,,100.5,", "8:01.000Z,GPU-a,2,,,",
                             "8:03.000Z,GPU-a,2,,103,", R"(8:01.000Z,"b, ""x""",3,,,301)", "8:02.000Z,GPU-a,2,,102,",
                             "9:43.000Z,GPU-a,2,,143.0004,"}) {
-        text += std::string("2026-02-28T23:5") + row + '\n';
+        text += std::string("2026-02-28T23:5") + row + "\r\n";
     }
+    void* b = nullptr;
+    Sim.SetBoards(Recorded("time,uuid,index\n2026-01-31T12:00:00.000Z,,0\n"));
+    EXPECT_EQ(nvmlDeviceGetHandleByUUID("", &b), kNotFound) << "a board without a UUID";
     Sim.SetBoards(Recorded(text));
     void* const a = Handle(0);
-    void* b = nullptr;
     EXPECT_EQ(nvmlDeviceGetPowerUsage(Handle(1), &Output), kNotSupported) << "in no row of this GPU";
     EXPECT_EQ(nvmlDeviceGetHandleByPciBusId_v2("02:00.0", &b), kSuccess) << "a place that was not recorded";
     unsigned long long energy = 0;
@@ -243,7 +245,9 @@ TEST_F(SimulatorTest, RecordingThatCannotBePlayedIsSaidInASentence) {
         {"", "it is empty."}, {row.substr(0, 40), "it has no readings."}, {"fun\n", "columns than a recording has."},
         {row + ",0,30\n", "line 2 is cut off or damaged."}, {row + ",0,30,", "2 is cut off or damaged."},
         {row + "\",0,30,\n", "cut off or damaged."}, {row + std::string(5000, 'u') + ",0,30,\n", "cut off or damaged."},
+        {row + std::string(96, 'u') + ",0,30,\n", "line 2 has too long a uuid."},
         {row + ",0,,nan\n", "line 2 has no sensible value of power_watts."},
+        {"time,uuid,index\n2026-02-30T12:00:00.000Z,,0\n", "line 2 has no sensible value of time."},
         {row + ",0,1e99,\n", "line 2 has no sensible value of fan_percent."}};
     // clang-format on
     for (const auto& [text, end] : files) {
