@@ -61,6 +61,21 @@ fs::path SimulatorPath() {
     return {};
 }
 
+/// Whether `boards` makes sense without a look at a file or at what the environment variable says.
+bool IsCountOrKinds(const std::string& boards) {
+    return IsBoardCount(boards) || IsBoardKindList(boards);
+}
+
+/// The simulator prints why it does not start. A program that waits for a driver would have it print that again and
+/// again.
+void RequireStart(void* simulator) {
+    const auto call = [simulator](const char* name) {
+        return reinterpret_cast<unsigned int (*)()>(dlsym(simulator, name))();
+    };
+    if (call("nvmlInit_v2") != 0) throw Failure("NVML initialization failed.");
+    call("nvmlShutdown");
+}
+
 void UseSimulatedNvml(const std::string& boards) {
     const fs::path path = SimulatorPath();
     if (path.empty()) {
@@ -70,9 +85,9 @@ void UseSimulatedNvml(const std::string& boards) {
     // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread runs yet.
     setenv(kBoardsVariable, boards.c_str(), 1);
     // The monitor's own dlopen finds the library that is loaded already, because it has the soname that is asked for.
-    if (dlopen(path.c_str(), RTLD_LAZY | RTLD_LOCAL) == nullptr) {
-        throw Failure(std::string("The simulated NVML cannot be loaded: ") + dlerror() + '.');
-    }
+    void* const simulator = dlopen(path.c_str(), RTLD_LAZY | RTLD_LOCAL);
+    if (simulator == nullptr) throw Failure(std::string("The simulated NVML cannot be loaded: ") + dlerror() + '.');
+    if (!IsCountOrKinds(boards)) RequireStart(simulator);
 }
 
 std::string SimulationNotice(const std::string& boards, bool bChanges) {
@@ -103,8 +118,7 @@ std::string DefaultBoards() {
 
 std::string SimulationError(const std::string& boards) {
     // The simulator itself says what is wrong with a recording and with the environment variable.
-    if (IsRecording(boards) || boards == DefaultBoards()) return {};
-    if (IsBoardCount(boards) || IsBoardKindList(boards)) return {};
+    if (IsRecording(boards) || boards == DefaultBoards() || IsCountOrKinds(boards)) return {};
     return "'" + boards +
            "' is neither a number from 1 to 64 nor a list of kinds such as desktop,laptop,datacenter,old,workstation "
            "nor recording:FILE";
