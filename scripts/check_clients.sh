@@ -53,7 +53,11 @@ esac
 "$root/scripts/setup.sh" clients || say 'going on with what is installed'
 
 if unpack pcp pcp pcp-conf libpcp3 libpcp-pmda3; then clients+=(--pcp "$work/pcp"); fi
-if unpack nvtop nvtop; then clients+=(--nvtop "$work/nvtop/usr/bin/nvtop"); fi
+if ! command -v tmux >/dev/null; then
+    say 'nvtop is left out, because tmux is not installed'
+elif unpack nvtop nvtop; then
+    clients+=(--nvtop "$work/nvtop/usr/bin/nvtop")
+fi
 if compgen -G '/usr/share/cargo/registry/nvml-wrapper-0*' >/dev/null; then
     compile_rust_client
     clients+=(--rust-wrapper "$work/rust_wrapper/target/release/wrapper_client")

@@ -1,6 +1,7 @@
 #ifndef SYSTEM_PROCESSES_H
 #define SYSTEM_PROCESSES_H
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -25,9 +26,11 @@ private:
         /// Tells the program from a later one with the same id.
         uint64_t Start = 0;
         bool bOfOtherUser = false;
+        bool bRuns = true;
+        std::chrono::steady_clock::time_point LookedAt;
     };
     static std::vector<Program> LongLived();
-    const std::vector<Program>& Listed() {
+    std::vector<Program>& Listed() {
         if (!Others) Others = LongLived();
         return *Others;
     }
