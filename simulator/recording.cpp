@@ -29,8 +29,8 @@ namespace {
 
 using Row = RecordedGpu::Row;
 
-/// Three days of one GPU that is recorded once per second. To read more would take longer than some clients wait.
-constexpr size_t kMostLines = 300000;
+/// A day of four GPUs that are recorded once per second. To read more would take longer than some clients wait.
+constexpr size_t kMostLines = 400000;
 constexpr size_t kMostLineBytes = 4096;
 /// Clients have no room for longer names and UUIDs.
 constexpr size_t kMostTextBytes = 95;

@@ -38,8 +38,9 @@ CsvLog::CsvLog(std::string path) : Path(std::move(path)) {
     const bool bNew = fstat(File, &status) == 0 && status.st_size == 0;
     if (bNew) Pending = CsvHeading();
     if (!bNew && S_ISREG(status.st_mode)) {
-        if (!HasTodaysHeading(Path))
+        if (!HasTodaysHeading(Path)) {
             throw Failure(Path + " is no log with the columns of this version: choose another file.");
+        }
         if (EndsWithinLine(Path)) Pending = "\n";
     }
     WritePending();
