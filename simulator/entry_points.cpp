@@ -304,7 +304,7 @@ NvmlReturn Processes(EntryPoint name, NvmlDevice device, unsigned int* count, Pr
         auto* bytes = reinterpret_cast<unsigned char*>(output);
         const auto write = [bytes, recordBytes](size_t i, const Process& process) {
             constexpr uint32_t kNoInstance = UINT32_MAX;
-            const ProcessRecord record = {process.Pid, process.UsedBytes, kNoInstance, kNoInstance};
+            const ProcessRecord record = {process.Pid, 0, process.UsedBytes, kNoInstance, kNoInstance};
             std::memset(bytes + i * recordBytes, 0, recordBytes);
             std::memcpy(bytes + i * recordBytes, &record, std::min(recordBytes, sizeof record));
         };

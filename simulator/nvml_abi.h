@@ -55,6 +55,8 @@ static_assert(sizeof(PciRecord) == 68);
 /// The newer of two records that begin alike (`RecordBytesOf`).
 struct ProcessRecord {
     uint32_t Pid;
+    /// Always 0, so that a client which takes the record for another one sees the same every time.
+    uint32_t Gap;
     uint64_t UsedBytes;
     uint32_t GpuInstanceId;
     uint32_t ComputeInstanceId;
