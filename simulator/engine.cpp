@@ -41,7 +41,7 @@ std::chrono::microseconds RealisticDelay(EntryPoint name) {
     }
 }
 
-/// The number in 16 that `text` is as a whole, up to `highest`.
+/// Reads all of `text` as a hexadecimal number; nothing when that fails or the number is above `highest`.
 std::optional<uint64_t> HexNumber(std::string_view text, uint64_t highest) {
     uint64_t number = 0;
     const char* const end = text.data() + text.size();
