@@ -123,7 +123,6 @@ if(TARGET simulated_nvml)
         LIBRARY DESTINATION lib/nvml_gpu_monitor/simulator COMPONENT simulator)
 endif()
 
-# A host makes packages of its own.
-if(NVML_GPU_MONITOR_TOP_LEVEL)
+if(NVML_GPU_MONITOR_PACKAGES)
     include(cmake/packages.cmake)
 endif()
