@@ -5,16 +5,10 @@
 set -euo pipefail
 
 cd -- "$(CDPATH='' cd -- "$(dirname -- "${BASH_SOURCE[0]}")/.." && pwd)"
-build=$PWD/build/package
-packed=$build/packed
+packed=$PWD/build/package/packed
 
-cmake --preset package
-cmake --build --preset package
+scripts/package.sh -DNVML_GPU_MONITOR_BUILD_TESTS=ON
 ctest --preset package -L consumer
-
-rm -rf -- "$packed"
-mkdir -- "$packed"
-(cd -- "$build" && cpack -B "$packed")
 for package in "$packed"/*.deb; do
     dpkg-deb --extract "$package" "$packed/root"
 done
