@@ -129,6 +129,7 @@ inside root bash -euc '
 begin 'the service of the exporter: enabled, installed again, removed'
 # shellcheck disable=SC2016
 inside root bash -euc '
+    rm -f /etc/gpu-exporter.users # the visitor has made it
     getent passwd gpu-exporter
     systemctl is-enabled gpu-exporter
     dpkg --install "$1"/build/package/packed/gpu-exporter_*.deb

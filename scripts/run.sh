@@ -21,7 +21,7 @@ configure_and_build() {
 }
 
 "$root/scripts/setup.sh" run
-[[ -x $gpu_monitor ]] || echo "Building gpu_monitor in build/run takes about $(duration 100), only this time." >&2
+[[ -x $gpu_monitor ]] || echo "Building gpu_monitor in build/run takes about $(duration 150), only this time." >&2
 with_progress 'Building gpu_monitor' "$build/build.log" configure_and_build
 
 if (($# == 0)); then
