@@ -25,23 +25,24 @@ with_progress() {
 # Finds the percentage in what ninja and apt print. On a terminal it is one line, which vanishes in the end; elsewhere it
 # is a line for each quarter.
 show_percent() {
-    local line percent quarter=0
+    local line percent shown=0 step=25
+    if [[ -t 2 && ${TERM-dumb} != dumb ]]; then step=1; fi
     while IFS= read -r line; do
         if [[ $line =~ ^\[([0-9]+)/([0-9]+)\] ]]; then
             percent=$((100 * BASH_REMATCH[1] / BASH_REMATCH[2]))
-        elif [[ $line =~ ^dlstatus:[^:]*:([0-9]+) ]]; then
-            percent=$((BASH_REMATCH[1] / 2))
-        elif [[ $line =~ ^pmstatus:[^:]*:([0-9]+) ]]; then
-            percent=$((50 + BASH_REMATCH[1] / 2))
+        elif [[ $line =~ ^(dl|pm)status:[^:]*:([0-9]+) ]]; then
+            percent=$((BASH_REMATCH[2] / 2)) # downloading is the first half
+            if [[ ${BASH_REMATCH[1]} == pm ]]; then percent=$((percent + 50)); fi
         else
             continue
         fi
-        if [[ -t 2 && ${TERM-dumb} != dumb ]]; then
+        ((percent >= shown + step)) || continue
+        shown=$((percent / step * step))
+        if ((step == 1)); then
             printf '\r%s: %d %%\e[K' "$1" "$percent" >&2
-        elif ((percent / 25 > quarter)); then
-            quarter=$((percent / 25))
+        else
             printf '%s: %d %%\n' "$1" "$percent" >&2
         fi
     done
-    if [[ -t 2 && ${TERM-dumb} != dumb ]]; then printf '\r\e[K' >&2; fi
+    if ((step == 1)); then printf '\r\e[K' >&2; fi
 }
