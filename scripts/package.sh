@@ -18,7 +18,7 @@ build_and_pack() {
 
 scripts/setup.sh package
 [[ -e build/package/build.ninja ]] ||
-    echo "Building the packages in build/package takes about $(duration 400)." >&2
+    echo "Building the packages in build/package takes about $(duration 225)." >&2
 with_progress 'Building the packages' build/package/build.log build_and_pack "$@"
 printf '%s\n' "$packed"/*.deb
 echo
