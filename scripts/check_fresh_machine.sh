@@ -82,8 +82,14 @@ run_block() {
     fi
 }
 
+# A reader of a document has the packages that README.md makes, also after another document has removed them.
+install_packages() {
+    # shellcheck disable=SC2016 # the shell in the bare system expands
+    inside root bash -euc '[[ ! -e $1 ]] || apt-get -qq install "$1"/*.deb' bash $project/build/package/packed
+}
+
 run_blocks() {
-    local document file place reason skipped='' count=0
+    local document='' file place reason skipped='' count=0
     rm -rf -- "$root/blocks"
     for document in "$@"; do
         (cd -- "$root$project" && scripts/document_blocks.sh sh "$root/blocks/$document" "$document")
@@ -92,6 +98,8 @@ run_blocks() {
         if [[ -n $reason ]]; then
             skipped+="    $place: $reason"$'\n'
         else
+            [[ $document == "${place%:*}" ]] || install_packages
+            document=${place%:*}
             run_block "${file#"$root"}" "$place"
             count=$((count + 1))
         fi
