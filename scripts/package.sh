@@ -22,4 +22,4 @@ scripts/setup.sh package
 with_progress 'Building the packages' build/package/build.log build_and_pack "$@"
 printf '%s\n' "$packed"/*.deb
 echo
-echo "To install all of them: sudo apt-get install ./$packed/*.deb"
+echo "To install all of them: sudo apt install ./$packed/*.deb"
