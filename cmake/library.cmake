@@ -1,6 +1,9 @@
 find_package(Threads REQUIRED)
 include(cmake/configure.cmake)
 
+if(NOT NVML_GPU_MONITOR_TOP_LEVEL)
+    nvml_gpu_monitor_report_profiler()
+endif()
 if(NVML_GPU_MONITOR_PROFILER_DIR)
     # Part of the host: a shared library hides its inline functions, and would so have another GPUProfiler than the host.
     add_library(nvml_gpu_monitor STATIC src/nvml_gpu_monitor.cpp)
