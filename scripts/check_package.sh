@@ -19,6 +19,13 @@ if others=$(grep -v ' NvmlGpuMonitor::' <<<"$symbols"); then
     printf 'check_package: the shared library exports more than its class:\n%s\n' "$others" >&2
     exit 1
 fi
+# What programs linked with an earlier version of this soname can need: the list only grows.
+exported=$(nm -D --defined-only "$library" | awk '{ print $3 }')
+if missing=$(grep -vxFe "$exported" cmake/exported_symbols.txt); then
+    printf 'check_package: programs linked with an earlier version need, and this library does not have:\n%s\n' \
+        "$(c++filt <<<"$missing")" >&2
+    exit 1
+fi
 
 simulator=$packed/root/usr/lib/nvml_gpu_monitor/simulator/libnvidia-ml.so.1
 for library in nvml_gpu_monitor feed; do
