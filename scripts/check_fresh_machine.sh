@@ -109,7 +109,7 @@ run_blocks() {
 }
 
 begin 'bare Debian'
-if [[ -e $root/etc/debian_version ]]; then enter_system; else make_system; fi
+if [[ -e $root/etc/sudoers.d/visitor ]]; then enter_system; else make_system; fi
 clone_project
 if ((${#documents[@]} > 0)); then
     run_blocks "${documents[@]}"
