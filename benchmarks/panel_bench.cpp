@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "gpu_feed/feed_requests.h"
+#include "gpu_feed/limit_reasons.h"
 #include "gpu_feed/readings.h"
 #include "gpu_panel/gpu_panel.h"
 #include "imgui.h"
@@ -86,7 +87,7 @@ GpuTelemetrySample SampleOf(size_t gpu, int second) {
     sample.MemoryClockMHz = slow > 0.3 ? 9501 : 405;
     sample.PcieReceiveMiBPerSecond = 3000.0 * load;
     sample.PcieTransmitMiBPerSecond = 900.0 * load;
-    sample.PerformanceLimitReasons = load > 0.8 ? 0x4 : load < 0.2 ? 0x1 : 0;
+    sample.PerformanceLimitReasons = load > 0.8 ? kPowerCapReason : load < 0.2 ? kIdleReason : 0;
     sample.FrameTimeMs = 5.0 + 12.0 * load;
     return sample;
 }

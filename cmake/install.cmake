@@ -37,9 +37,8 @@ configure_package_config_file(cmake/nvml_gpu_monitorConfig.cmake.in
     "${CMAKE_CURRENT_BINARY_DIR}/package/nvml_gpu_monitorConfig.cmake"
     INSTALL_DESTINATION "${package_dir}"
     PATH_VARS CMAKE_INSTALL_INCLUDEDIR source_dir)
-# As the soname: before version 1, every minor version may change the interface.
 write_basic_package_version_file("${CMAKE_CURRENT_BINARY_DIR}/package/nvml_gpu_monitorConfigVersion.cmake"
-    COMPATIBILITY SameMinorVersion)
+    COMPATIBILITY SameMajorVersion)
 install(FILES
     "${CMAKE_CURRENT_BINARY_DIR}/package/nvml_gpu_monitorConfig.cmake"
     "${CMAKE_CURRENT_BINARY_DIR}/package/nvml_gpu_monitorConfigVersion.cmake"
@@ -123,7 +122,6 @@ if(TARGET simulated_nvml)
         LIBRARY DESTINATION lib/nvml_gpu_monitor/simulator COMPONENT simulator)
 endif()
 
-# A host makes packages of its own.
-if(NVML_GPU_MONITOR_TOP_LEVEL)
+if(NVML_GPU_MONITOR_PACKAGES)
     include(cmake/packages.cmake)
 endif()

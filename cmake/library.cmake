@@ -1,6 +1,9 @@
 find_package(Threads REQUIRED)
 include(cmake/configure.cmake)
 
+if(NOT NVML_GPU_MONITOR_TOP_LEVEL)
+    nvml_gpu_monitor_report_profiler()
+endif()
 if(NVML_GPU_MONITOR_PROFILER_DIR)
     # Part of the host: a shared library hides its inline functions, and would so have another GPUProfiler than the host.
     add_library(nvml_gpu_monitor STATIC src/nvml_gpu_monitor.cpp)
@@ -13,10 +16,10 @@ add_library(nvml_gpu_monitor::nvml_gpu_monitor ALIAS nvml_gpu_monitor)
 nvml_gpu_monitor_configure(nvml_gpu_monitor "${CMAKE_CURRENT_SOURCE_DIR}/include" "${profiler_dir}")
 
 # A shared library exports its class and nothing else: neither its internals nor templates of the standard library.
-# Before version 1, every minor version may change the class, so the soname has both numbers.
+# All versions with one major number have one binary interface, so the soname has that number alone.
 set_target_properties(nvml_gpu_monitor PROPERTIES
     VERSION ${PROJECT_VERSION}
-    SOVERSION ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR}
+    SOVERSION ${PROJECT_VERSION_MAJOR}
     CXX_VISIBILITY_PRESET hidden
     VISIBILITY_INLINES_HIDDEN ON)
 get_target_property(NVML_GPU_MONITOR_LIBRARY_TYPE nvml_gpu_monitor TYPE)

@@ -23,6 +23,25 @@
 ///     for (const GpuTelemetryHistory& gpu : monitor.Snapshot()) Plot(gpu.Device.Name, gpu.Samples);
 ///
 /// Every record is a plain value that the host owns: nothing in it refers to the monitor.
+///
+/// Frame time: the monitor puts the GPU time of the host's frames beside its readings. It asks a class `GPUProfiler`,
+/// which `gpu_profiler.h` defines when `nvml_gpu_monitor.cpp` is compiled. A host with such a header names the header's
+/// folder in the CMake variable `NVML_GPU_MONITOR_PROFILER_DIR`, before `add_subdirectory` or `find_package`. Without
+/// CMake it compiles `nvml_gpu_monitor.cpp` itself with that folder on the include path. Every other build of the
+/// library has a stand-in without frames, `profiler/gpu_profiler.h`; its comments say what the monitor demands of a
+/// host's own. Installed, that source and that folder are in `share/nvml_gpu_monitor/`.
+///
+/// Exceptions: `nvml_gpu_monitor.cpp` does not compile with `-fno-exceptions`. A host that is compiled so can still
+/// include this header and link the library; an exception that leaves an operation then ends the process. Run-time
+/// type information is not needed.
+///
+/// Versions: as long as the major number stays, the interface only gains, in source and in binary form, and records
+/// keep their fields and layout.
+
+/// The version of this header, three numbers.
+#define NVML_GPU_MONITOR_VERSION_MAJOR 1
+#define NVML_GPU_MONITOR_VERSION_MINOR 0
+#define NVML_GPU_MONITOR_VERSION_PATCH 0
 
 // Xlib has macros of these names, which would change the declarations below.
 #if defined(Status) || defined(Success)
@@ -117,11 +136,12 @@ struct GpuTelemetrySample {
     double PcieTransmitMiBPerSecond = -1.0;
     /// NVML's bit mask of what limits the clocks at this moment; 0 when nothing does and also when not read. 0x1 idle,
     /// which is no limit; 0x2 application clocks; 0x4 power cap; 0x8 hardware slowdown; 0x10 sync boost; 0x20 thermal
-    /// slowdown by the driver, 0x40 by the hardware; 0x80 power brake; 0x100 display clocks. Source:
-    /// `nvmlDeviceGetCurrentClocksThrottleReasons`.
+    /// slowdown by the driver, 0x40 by the hardware; 0x80 power brake; 0x100 display clocks. `gpu_feed/limit_reasons.h`
+    /// of the feed has names for them. Source: `nvmlDeviceGetCurrentClocksThrottleReasons`.
     uint64_t PerformanceLimitReasons = 0;
     /// GPU time of the host's latest frame, milliseconds; -1.0 when the host's profiler has no frame or gives 0 or
-    /// less. Any other value is the profiler's, NaN included. Source: `GPUProfiler`.
+    /// less. Any other value is the profiler's, NaN included. Source: `GPUProfiler` of the `gpu_profiler.h` that the
+    /// library was compiled with; the stand-in has no frames.
     double FrameTimeMs = -1.0;
 };
 

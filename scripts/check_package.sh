@@ -5,16 +5,10 @@
 set -euo pipefail
 
 cd -- "$(CDPATH='' cd -- "$(dirname -- "${BASH_SOURCE[0]}")/.." && pwd)"
-build=$PWD/build/package
-packed=$build/packed
+packed=$PWD/build/package/packed
 
-cmake --preset package
-cmake --build --preset package
+scripts/package.sh -DNVML_GPU_MONITOR_BUILD_TESTS=ON
 ctest --preset package -L consumer
-
-rm -rf -- "$packed"
-mkdir -- "$packed"
-(cd -- "$build" && cpack -B "$packed")
 for package in "$packed"/*.deb; do
     dpkg-deb --extract "$package" "$packed/root"
 done
@@ -23,6 +17,13 @@ library=$(find "$packed/root" -name 'libnvml_gpu_monitor.so.*' -type f)
 symbols=$(nm -DC --defined-only "$library")
 if others=$(grep -v ' NvmlGpuMonitor::' <<<"$symbols"); then
     printf 'check_package: the shared library exports more than its class:\n%s\n' "$others" >&2
+    exit 1
+fi
+# What programs linked with an earlier version of this soname can need: the list only grows.
+exported=$(nm -D --defined-only "$library" | awk '{ print $3 }')
+if missing=$(grep -vxFe "$exported" cmake/exported_symbols.txt); then
+    printf 'check_package: programs linked with an earlier version need, and this library does not have:\n%s\n' \
+        "$(c++filt <<<"$missing")" >&2
     exit 1
 fi
 

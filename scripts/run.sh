@@ -7,8 +7,8 @@ set -euo pipefail
 
 root=$(CDPATH='' cd -- "$(dirname -- "${BASH_SOURCE[0]}")/.." && pwd)
 build=$root/build/run # not a preset's folder: this build is without tests, so it does not need GoogleTest
-log=$build/build.log
 gpu_monitor=$build/bin/gpu_monitor
+source "$root/scripts/progress.sh"
 
 configure_and_build() {
     cd -- "$root" &&
@@ -21,13 +21,8 @@ configure_and_build() {
 }
 
 "$root/scripts/setup.sh" run
-mkdir -p -- "$build"
-[[ -x $gpu_monitor ]] || echo "Building gpu_monitor in build/run ..." >&2
-if ! (configure_and_build) >"$log" 2>&1; then
-    cat -- "$log" >&2
-    echo "run: the build failed" >&2
-    exit 1
-fi
+[[ -x $gpu_monitor ]] || echo "Building gpu_monitor in build/run takes about $(duration 150), only this time." >&2
+with_progress 'Building gpu_monitor' "$build/build.log" configure_and_build
 
 if (($# == 0)); then
     if [[ -t 0 && -t 1 ]]; then

@@ -1,12 +1,15 @@
 #!/usr/bin/env bash
 # Installs what this project is built with, where it is missing. Prints nothing when everything is there.
 #
-#   scripts/setup.sh [run|test|ci|clients]     default: test
+#   scripts/setup.sh [run|package|test|ci|clients|arm64]...     default: test
 #
-# run: to build and run the terminal program. test: also to build and run the tests and benchmarks. ci: also for every
-# check of .ci/run. clients: what check_clients.sh needs, apart from what it unpacks itself.
+# run: to build and run the terminal program. package: to make packages of all programs. test: to build and run the
+# tests and benchmarks. ci: for every check of .ci/run. clients: what check_clients.sh needs, and
+# arm64: what check_arm64.sh needs, both apart from what they unpack themselves.
 set -euo pipefail
 
+root=$(CDPATH='' cd -- "$(dirname -- "${BASH_SOURCE[0]}")/.." && pwd)
+source "$root/scripts/progress.sh"
 compiler=${CXX:-c++}
 
 have() { command -v -- "$1" >/dev/null; }
@@ -33,7 +36,7 @@ have_prometheus() { have prometheus && have promtool; }
 
 have_rust_wrapper() { [[ -x /usr/bin/cargo ]] && compgen -G '/usr/share/cargo/registry/nvml-wrapper-0*' >/dev/null; }
 
-# set | package of Debian and Ubuntu | command that succeeds when the package's files are there
+# part | package of Debian and Ubuntu | command that succeeds when the package's files are there
 needs=(
     "run|g++|have ${compiler%% *}"
     "run|cmake|have cmake"
@@ -41,17 +44,19 @@ needs=(
     "run|libcli11-dev|header CLI/CLI.hpp"
     "run|nlohmann-json3-dev|header nlohmann/json.hpp"
     "run|libncurses-dev|header ncursesw/curses.h"
+    "all|libimgui-dev|header imgui/imgui.h"
+    "all|libglfw3-dev|header GLFW/glfw3.h"
+    "all|libgl-dev|header GL/glcorearb.h"
+    "all|libopengl-dev|have_opengl"
+    "all|libpng-dev|header png.h"
+    "all|prometheus-cpp-dev|header prometheus/exposer.h"
+    "all|libcivetweb-dev|header CivetServer.h"
+    "package|dpkg-dev|have dpkg-shlibdeps"
+    "package|file|have file" # cpack looks for dependencies in what it calls an executable
     "test|libgtest-dev|header gtest/gtest.h"
     "test|libgmock-dev|header gmock/gmock.h"
     "test|libvterm-dev|header vterm.h"
     "test|libbenchmark-dev|header benchmark/benchmark.h"
-    "test|libimgui-dev|header imgui/imgui.h"
-    "test|libglfw3-dev|header GLFW/glfw3.h"
-    "test|libgl-dev|header GL/glcorearb.h"
-    "test|libopengl-dev|have_opengl"
-    "test|libpng-dev|header png.h"
-    "test|prometheus-cpp-dev|header prometheus/exposer.h"
-    "test|libcivetweb-dev|header CivetServer.h"
     "test|curl|have curl"
     "test|xvfb|have Xvfb"
     "test|xauth|have xauth" # xvfb-run needs it
@@ -64,12 +69,12 @@ needs=(
     "ci|clang-format|have clang-format"
     "ci|clang-tidy|have clang-tidy"
     "ci|shellcheck|have shellcheck"
-    "ci|dpkg-dev|have dpkg-shlibdeps"
     "ci|git|have git" # names the sources whose format is checked
-    "ci|file|have file" # cpack looks for dependencies in what it calls an executable
     "ci|systemd|have systemd-analyze"
     "ci|jq|have jq"
     "ci|prometheus|have_prometheus"
+    "arm64|g++-aarch64-linux-gnu|have aarch64-linux-gnu-g++"
+    "arm64|qemu-user|have qemu-aarch64"
     "clients|python3|have python3"
     "clients|tmux|have tmux"
     "clients|cargo|have_rust_wrapper"
@@ -79,15 +84,32 @@ needs=(
 # Fills `missing` with the packages whose probe fails. Headers cannot be probed without a compiler, so the packages with
 # headers then count as missing, too.
 find_missing() {
-    local need set package probe
+    local need part package probe
     missing=()
     for need in "${needs[@]}"; do
-        IFS='|' read -r set package probe <<<"$need"
-        [[ $wanted == *" $set "* ]] || continue
+        IFS='|' read -r part package probe <<<"$need"
+        [[ $wanted == *" $part "* ]] || continue
         [[ " ${missing[*]-} " == *" $package "* ]] && continue
         read -ra probe <<<"$probe"
         "${probe[@]}" || missing+=("$package")
     done
+}
+
+# CMake would show pages about a compiler that does not work, and no header can be probed with it.
+require_working_compiler() {
+    local program=${compiler%% *} complaint
+    [[ $wanted == *' run '* ]] || return 0
+    if ! have "$program"; then
+        [[ $program != [cg]++ ]] || return 0 # comes with the package g++
+        echo "setup: there is no $program, which CXX asks for: install it, or use another compiler with CXX" >&2
+        exit 1
+    fi
+    # Unquoted: CXX may carry a launcher or flags.
+    # shellcheck disable=SC2086
+    if ! complaint=$(echo '#include <string>' | $compiler -std=c++17 -fsyntax-only -x c++ - 2>&1); then
+        echo "setup: the compiler \"$compiler\" cannot compile C++17: ${complaint%%$'\n'*}" >&2
+        exit 1
+    fi
 }
 
 # An installed CMake can be too old for CMakePresets.json, and would only say that it cannot read that file.
@@ -129,47 +151,65 @@ disable_prometheus() {
     if have prometheus; then "${as_root[@]}" update-rc.d prometheus disable; fi
 }
 
-as_root=()
-install_missing() {
-    local install=(apt-get install --yes --no-install-recommends "${missing[@]}")
-    if ((EUID != 0)); then
-        if ! have sudo; then
-            {
-                echo "setup: missing packages: ${missing[*]}"
-                echo "Installing them takes root, and there is no sudo here. As root, run:"
-                echo "    apt-get update && ${install[*]}"
-            } >&2
-            exit 1
-        fi
+# Fills `as_root` with what starts a command as root.
+become_root() {
+    as_root=()
+    ((EUID != 0)) || return 0
+    local reason='there is no sudo here'
+    if have sudo; then
         as_root=(sudo)
+        if sudo true </dev/null; then return 0; fi
+        reason='sudo refuses it to you'
     fi
-    echo "setup: installing ${missing[*]}" >&2
-    # Everything goes to standard error, because the calling script prints its answer to standard output. An update that
-    # fails may not matter, so only the installation decides. Automatic updates often hold the lock for a moment.
-    local apt_environment=(env DEBIAN_FRONTEND=noninteractive)
+    {
+        echo "setup: missing packages: ${missing[*]}"
+        echo "Installing them takes root, and $reason. As root, run:"
+        echo "    $by_hand"
+    } >&2
+    exit 1
+}
+
+apt_get() { "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -q "$@" </dev/null; }
+
+# An update that fails may not matter, so only the installation decides. Automatic updates often hold the lock for a
+# moment. apt reports its progress in its output, because sudo closes other descriptors.
+update_and_install() {
+    apt_get update || echo 'setup: apt-get update failed; going on with the package lists at hand'
+    apt_get "${install[@]}" -o DPkg::Lock::Timeout=120 -o APT::Status-Fd=1
+}
+
+install_missing() {
+    local install=(install --yes --no-install-recommends "${missing[@]}")
+    local by_hand="apt-get update && apt-get ${install[*]}"
+    become_root
     forbid_prometheus
-    "${as_root[@]}" "${apt_environment[@]}" apt-get -q update </dev/null >&2 ||
-        echo "setup: apt-get update failed; going on with the package lists at hand" >&2
-    if ! "${as_root[@]}" "${apt_environment[@]}" "${install[@]}" -q -o DPkg::Lock::Timeout=120 </dev/null >&2; then
+    echo "Installing, which can take some minutes: ${missing[*]}" >&2
+    if ! with_progress 'Installing packages' "$root/build/setup.log" update_and_install; then
         {
-            echo "setup: could not install ${missing[*]}; to see why, run:"
-            echo "    ${as_root[*]:+sudo }apt-get update && ${as_root[*]:+sudo }${install[*]}"
+            echo 'To see why, run as root:'
+            echo "    $by_hand"
         } >&2
         exit 1
     fi
 }
 
-case "${1:-test}" in
-    run) wanted=' run ' ;;
-    test) wanted=' run test ' ;;
-    ci) wanted=' run test ci ' ;;
-    clients) wanted=' clients ' ;;
-    *)
-        echo "usage: ${0##*/} [run|test|ci|clients]" >&2
-        exit 2
-        ;;
-esac
+wanted=' '
+for set in "${@:-test}"; do
+    case $set in
+        run) wanted+='run ' ;;
+        package) wanted+='run all package ' ;; # all: what every program is built with
+        test) wanted+='run all test ' ;;
+        ci) wanted+='run all package test ci ' ;;
+        clients) wanted+='clients ' ;;
+        arm64) wanted+='run all test arm64 ' ;;
+        *)
+            echo "usage: ${0##*/} [run|package|test|ci|clients|arm64]..." >&2
+            exit 2
+            ;;
+    esac
+done
 
+require_working_compiler
 require_recent_cmake
 find_missing
 if ((${#missing[@]} == 0)); then exit 0; fi

@@ -16,15 +16,15 @@ std::string Hexadecimal(uint64_t value) {
 
 const std::vector<NamedLimitReason>& NamedLimitReasons() {
     static const std::vector<NamedLimitReason> kReasons = {
-        {0x1, {"idle", true}},
-        {0x2, {"application clocks"}},
-        {0x4, {"power cap"}},
-        {0x8, {"hardware slowdown", false, true}},
-        {0x10, {"sync boost"}},
-        {0x20, {"thermal", false, true}},
-        {0x40, {"hardware thermal", false, true}},
-        {0x80, {"power brake", false, true}},
-        {0x100, {"display clocks"}},
+        {kIdleReason, {"idle", true}},
+        {kApplicationClocksReason, {"application clocks"}},
+        {kPowerCapReason, {"power cap"}},
+        {kHardwareSlowdownReason, {"hardware slowdown", false, true}},
+        {kSyncBoostReason, {"sync boost"}},
+        {kDriverThermalReason, {"thermal", false, true}},
+        {kHardwareThermalReason, {"hardware thermal", false, true}},
+        {kPowerBrakeReason, {"power brake", false, true}},
+        {kDisplayClocksReason, {"display clocks"}},
     };
     return kReasons;
 }

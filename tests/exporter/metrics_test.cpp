@@ -3,6 +3,7 @@
 
 #include <sstream>
 
+#include "gpu_feed/limit_reasons.h"
 #include "metrics/exporter_metrics.h"
 #include "metrics/gpu_metrics.h"
 
@@ -53,9 +54,10 @@ struct MetricsTest : testing::Test {
 
 TEST_F(MetricsTest, ReadingsComeInBaseUnitsWithAllTheirDigits) {
     FeedGpu gpu = MakeGpu(3, "A");
-    gpu.Latest = {999.5,   29,  57,    25,           100, 0,    85899345921, 85899345922, 1,    2,
-                  251.375, 300, 310.5, 100,          350, 110,  1410,        1411,        1593, 1275,
-                  0,       4,   16,    0.0009765625, 2.5, 0x44, 16.5};
+    constexpr uint64_t kLimits = kPowerCapReason | kHardwareThermalReason;
+    gpu.Latest = {999.5,   29,  57,    25,           100, 0,       85899345921, 85899345922, 1,    2,
+                  251.375, 300, 310.5, 100,          350, 110,     1410,        1411,        1593, 1275,
+                  0,       4,   16,    0.0009765625, 2.5, kLimits, 16.5};
     gpu.Energy = {1234.5, 10.0};
     Publish({gpu});
     EXPECT_EQ(Replaced(Replaced(Page(Gpus, "gpu_"), "clock_limit_reason/3/A/", ""), "/3/A/", ""),

@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "gpu_feed/clock.h"
+#include "gpu_feed/limit_reasons.h"
 #include "gpu_feed/reading_text.h"
 #include "gpu_feed/tuning_text.h"
 #include "text/change_report.h"
@@ -23,7 +24,7 @@ using Kind = TuningChange::Kind;
 constexpr uint64_t kMiB = 1U << 20U;
 
 /// A GPU that answers everything. A terminal would obey the bell in its name.
-GpuReadings FullGpu(uint64_t limitReasons = 0x24) {
+GpuReadings FullGpu(uint64_t limitReasons = kPowerCapReason | kDriverThermalReason) {
     // clang-format off
     return {{"Board\a", 3, "GPU-1", "00:02.0", "550.1", "94.02", "Ada", 256 * kMiB},
             {0.0, 61, 7, 8, 9, 10, 1000 * kMiB, 2000 * kMiB, 16 * kMiB, 256 * kMiB, 99.96, 320.0, 300.0, 100.0, 350.5,
@@ -87,7 +88,9 @@ TEST(TextTest, StreamHasColumnsWithUnitsAndAsManyLimitsAsFit) {
               "    12.3   3    7    8   1000  100.0   61   41  1500  5001 power cap, thermal\n"
               "     0.0  12    -    -      -      -    -    -     -     - -\n");
     const std::pair<uint64_t, const char*> limits[] = {
-        {0xC, " power cap +1\n"}, {0x64, " power cap, thermal +1\n"}, {0xA2, " application clocks +2\n"}};
+        {kPowerCapReason | kHardwareSlowdownReason, " power cap +1\n"},
+        {kPowerCapReason | kDriverThermalReason | kHardwareThermalReason, " power cap, thermal +1\n"},
+        {kApplicationClocksReason | kDriverThermalReason | kPowerBrakeReason, " application clocks +2\n"}};
     for (const auto& [reasons, words] : limits) {
         EXPECT_THAT(StreamText(FullGpu().Device, FullGpu(reasons).Sample, 0.0), EndsWith(words)) << reasons;
     }

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "commands/view_control.h"
+#include "gpu_feed/limit_reasons.h"
 #include "gpu_feed/tuning_text.h"
 #include "view/gauge.h"
 #include "view/gpu_overview.h"
@@ -35,7 +36,7 @@ FeedGpu MadeGpu(unsigned int index) {
     gpu.PeriodSeconds = 1.0;
     // clang-format off
     gpu.Latest = {kNow, 75, 100, 25, 0, 50, 3072 * kMebibyte, 4096 * kMebibyte, 0, 0, 150.0, 225.0, 250.0, 100.0, 300.0,
-                  10, 2100, 2101, 9501, 1785, 2, 4, 16, 12.5, 3.0, 0x44};
+                  10, 2100, 2101, 9501, 1785, 2, 4, 16, 12.5, 3.0, kPowerCapReason | kHardwareThermalReason};
     // clang-format on
     GpuTelemetrySample sample = gpu.Latest;
     for (int i = 60; i >= 0; --i) {
@@ -200,10 +201,11 @@ TEST_F(ViewTest, GaugesAreFilledFromEndToEnd) {
 }
 
 TEST_F(ViewTest, DangersAmongTheLimitsComeFirstAndAreRed) {
-    const std::tuple<uint64_t, const char*, Style> cases[] = {{0x25, "thermal, power cap\n", Style::Alarm},
-                                                              {0x82, "power brake~\n", Style::Alarm},
-                                                              {0x1, "nothing, idle\n", Style::Strong},
-                                                              {1U << 20U, "0x100000\n", Style::Strong}};
+    const std::tuple<uint64_t, const char*, Style> cases[] = {
+        {kIdleReason | kPowerCapReason | kDriverThermalReason, "thermal, power cap\n", Style::Alarm},
+        {kApplicationClocksReason | kPowerBrakeReason, "power brake~\n", Style::Alarm},
+        {kIdleReason, "nothing, idle\n", Style::Strong},
+        {1U << 20U, "0x100000\n", Style::Strong}};
     for (const auto& [reasons, text, look] : cases) {
         GpuTelemetrySample sample;
         sample.PerformanceLimitReasons = reasons;

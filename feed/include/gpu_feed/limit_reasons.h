@@ -7,9 +7,32 @@
 
 namespace gpu_feed {
 
-/// The bits of `GpuTelemetrySample::PerformanceLimitReasons` that stand for the power drawn, and those for heat.
-constexpr uint64_t kPowerReasons = 0x4 | 0x80;
-constexpr uint64_t kThermalReasons = 0x8 | 0x20 | 0x40;
+/// The bits of `GpuTelemetrySample::PerformanceLimitReasons`, as NVML has them.
+///
+///     if ((sample.PerformanceLimitReasons & gpu_feed::kThermalReasons) != 0) LowerTheQuality();
+///
+/// The GPU is idle, which is no limit.
+constexpr uint64_t kIdleReason = 0x1;
+/// The clocks are those that somebody has set for applications.
+constexpr uint64_t kApplicationClocksReason = 0x2;
+/// The driver keeps the board within its power limit.
+constexpr uint64_t kPowerCapReason = 0x4;
+/// The hardware has lowered the clocks by itself, for heat or power.
+constexpr uint64_t kHardwareSlowdownReason = 0x8;
+/// The GPU keeps to the clocks of the others in its group.
+constexpr uint64_t kSyncBoostReason = 0x10;
+/// The driver lowers the clocks for heat.
+constexpr uint64_t kDriverThermalReason = 0x20;
+/// The hardware lowers the clocks for heat.
+constexpr uint64_t kHardwareThermalReason = 0x40;
+/// The power supply demands lower clocks.
+constexpr uint64_t kPowerBrakeReason = 0x80;
+/// The clocks are those that the display needs.
+constexpr uint64_t kDisplayClocksReason = 0x100;
+
+/// The reasons that stand for the power drawn, and those for heat.
+constexpr uint64_t kPowerReasons = kPowerCapReason | kPowerBrakeReason;
+constexpr uint64_t kThermalReasons = kHardwareSlowdownReason | kDriverThermalReason | kHardwareThermalReason;
 
 /// One reason why the clocks are not higher.
 struct LimitReason {
