@@ -108,7 +108,7 @@ TEST(CommandTest, DriverThatHangsEndsEveryCommand) {
     const Result result = Shell(R"sh(
         hang() { on_simulator NVML_SIM_BOARDS=2 NVML_SIM_HANG=$1 $2 >/dev/null; echo $?; }
         for command in list sample clocks power reset-power stream; do hang 0@0 "gpu_monitor $command" & done
-        hang 1@200 "gpu_monitor stream --interval 100" & hang 0@13 "timeout -s INT 1 gpu_monitor reset-power" &
+        hang 1@200 "gpu_monitor stream --interval 100" & hang 0@13 "timeout -s INT 4 gpu_monitor reset-power" &
         wait)sh");
     EXPECT_EQ(result.Output, "124\n1\n1\n1\n1\n1\n1\n1\n");
     EXPECT_THAT(result.Errors,
