@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
 # Installs what this project is built with, where it is missing. Prints nothing when everything is there.
 #
-#   scripts/setup.sh [run|package|test|ci|clients]...     default: test
+#   scripts/setup.sh [run|package|test|ci|clients|arm64]...     default: test
 #
 # run: to build and run the terminal program. package: to make packages of all programs. test: to build and run the
-# tests and benchmarks. ci: for every check of .ci/run. clients: what check_clients.sh needs, apart from what it unpacks
-# itself.
+# tests and benchmarks. ci: for every check of .ci/run. clients: what check_clients.sh needs, and
+# arm64: what check_arm64.sh needs, both apart from what they unpack themselves.
 set -euo pipefail
 
 root=$(CDPATH='' cd -- "$(dirname -- "${BASH_SOURCE[0]}")/.." && pwd)
@@ -73,6 +73,8 @@ needs=(
     "ci|systemd|have systemd-analyze"
     "ci|jq|have jq"
     "ci|prometheus|have_prometheus"
+    "arm64|g++-aarch64-linux-gnu|have aarch64-linux-gnu-g++"
+    "arm64|qemu-user|have qemu-aarch64"
     "clients|python3|have python3"
     "clients|tmux|have tmux"
     "clients|cargo|have_rust_wrapper"
@@ -199,8 +201,9 @@ for set in "${@:-test}"; do
         test) wanted+='run all test ' ;;
         ci) wanted+='run all package test ci ' ;;
         clients) wanted+='clients ' ;;
+        arm64) wanted+='run all test arm64 ' ;;
         *)
-            echo "usage: ${0##*/} [run|package|test|ci|clients]..." >&2
+            echo "usage: ${0##*/} [run|package|test|ci|clients|arm64]..." >&2
             exit 2
             ;;
     esac

@@ -108,7 +108,7 @@ TEST(CommandTest, DriverThatHangsEndsEveryCommand) {
     const Result result = Shell(R"sh(
         hang() { on_simulator NVML_SIM_BOARDS=2 NVML_SIM_HANG=$1 $2 >/dev/null; echo $?; }
         for command in list sample clocks power reset-power stream; do hang 0@0 "gpu_monitor $command" & done
-        hang 1@200 "gpu_monitor stream --interval 100" & hang 0@13 "timeout -s INT 1 gpu_monitor reset-power" &
+        hang 1@200 "gpu_monitor stream --interval 100" & hang 0@13 "timeout -s INT 4 gpu_monitor reset-power" &
         wait)sh");
     EXPECT_EQ(result.Output, "124\n1\n1\n1\n1\n1\n1\n1\n");
     EXPECT_THAT(result.Errors,
@@ -145,6 +145,12 @@ TEST(CommandTest, AStreamThatRunsBesideShowsEveryChangeAndItsUndo) {
     EXPECT_THAT(result.Output, StartsWith("GPU 0: NVIDIA GeForce RTX 4080\nAsked    1500 MHz graphics, "));
 }
 
+TEST(CommandTest, WithoutTheSimulatorBesideItTheProgramNamesItsPackage) {
+    const Result result = Shell("cp $(which gpu_monitor) m; ./m list --simulate; s=$?; rm m; exit $s");
+    EXPECT_EQ(result.Status, 1);
+    EXPECT_THAT(result.Errors, EndsWith(" nvml-gpu-monitor-simulator.\n"));
+}
+
 TEST(CommandTest, FailuresAreExplainedAndHaveTheirStatus) {
     const std::string withoutRights = std::string(kKeepState) + R"(echo '{"rights": "user"}' >"$NVML_SIM_STATE"; )";
     // The first library found is not one, also where this machine has the driver.
@@ -167,7 +173,6 @@ TEST(CommandTest, FailuresAreExplainedAndHaveTheirStatus) {
           "LOSE=0", "HANG=1@0"}},
         {1, ":/bin cannot be played: it is no regular file.", "on_simulator NVML_SIM_BOARDS=recording:# gpu_monitor list", {"/bin"}},
         {1, "NVML: NVML_SIM_BOARDS=", "NVML_SIM_BOARDS=65 gpu_monitor list --simulate#", {"", "=recording:/"}},
-        {1, " nvml-gpu-monitor-simulator.\n", "cp $(which gpu_monitor) m; ./m # --simulate; s=$?; rm m; exit $s", {"list"}},
         {1, "There is no variable NVML_SIM_BORDS", "on_simulator NVML_SIM_# gpu_monitor list", {"BORDS=2"}},
         {2, ".\n", "gpu_monitor # --simulate=1",
          {"", "list --jsn", "sample --gpu one", "sample --gpu -1", "sample --gpu 00", "stream --interval 99",

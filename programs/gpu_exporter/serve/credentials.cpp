@@ -40,7 +40,7 @@ std::string TextOf(int descriptor, const std::string& reading) {
 /// Whether `line` is a user and a password, both without control characters.
 bool IsUserLine(const std::string& line) {
     const size_t colon = line.find(':');
-    const auto isControl = [](char c) { return (c >= 0 && c < ' ') || c == '\x7f'; };
+    const auto isControl = [](unsigned char c) { return c < ' ' || c == 0x7f; };
     return colon != 0 && colon != std::string::npos && colon + 1 < line.size() &&
            std::none_of(line.begin(), line.end(), isControl);
 }
