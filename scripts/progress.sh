@@ -15,7 +15,7 @@ with_progress() {
     mkdir -p -- "${log%/*}"
     if "$@" 2>&1 | tee -- "$log" | show_percent "$what"; then return 0; fi
     {
-        tail -n 40 -- "$log"
+        sed -E '/^(dl|pm)status:/d' -- "$log" | tail -n 40 # without what apt writes for show_percent
         echo
         echo "${0##*/}: $what failed. The whole output is in $log"
     } >&2
