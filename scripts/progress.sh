@@ -8,12 +8,20 @@ duration() {
 }
 
 # with_progress WHAT LOG COMMAND...: runs the command, whose output goes to LOG, and shows how far it is. When it fails,
-# shows the end of the log. The command must not depend on set -e.
+# shows the end of the log. Waits while another one works in the log's folder. The command must not depend on set -e.
 with_progress() {
-    local what=$1 log=$2
+    local what=$1 log=$2 lock
     shift 2
     mkdir -p -- "${log%/*}"
-    if "$@" 2>&1 | tee -- "$log" | show_percent "$what"; then return 0; fi
+    exec {lock}<"${log%/*}"
+    if ! flock --nonblock "$lock"; then
+        echo "${0##*/}: waiting for another one, which works in ${log%/*}" >&2
+        flock "$lock"
+    fi
+    if "$@" 2>&1 | tee -- "$log" | show_percent "$what"; then
+        exec {lock}<&-
+        return 0
+    fi
     {
         sed -E '/^(dl|pm)status:/d' -- "$log" | tail -n 40 # without what apt writes for show_percent
         echo

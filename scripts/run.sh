@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds the terminal program and shows the GPUs of the driver or, where there is no driver, simulated ones.
 #
-#   scripts/run.sh                          the live view or, where there is no terminal, the stream
+#   scripts/run.sh                          the live view or, without a terminal that can show it, the stream
 #   scripts/run.sh sample --simulate=4      gpu_monitor with these arguments instead
 set -euo pipefail
 
@@ -25,7 +25,7 @@ configure_and_build() {
 with_progress 'Building gpu_monitor' "$build/build.log" configure_and_build
 
 if (($# == 0)); then
-    if [[ -t 0 && -t 1 ]]; then
+    if [[ -t 0 && -t 1 && ${TERM:-dumb} != dumb ]]; then
         set -- watch
     else
         set -- stream

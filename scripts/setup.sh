@@ -97,19 +97,24 @@ find_missing() {
 
 # CMake would show pages about a compiler that does not work, and no header can be probed with it.
 require_working_compiler() {
-    local program=${compiler%% *} complaint
+    local program=${compiler%% *} complaint probe
     [[ $wanted == *' run '* ]] || return 0
     if ! have "$program"; then
         [[ $program != [cg]++ ]] || return 0 # comes with the package g++
         echo "setup: there is no $program, which CXX asks for: install it, or use another compiler with CXX" >&2
         exit 1
     fi
-    # Unquoted: CXX may carry a launcher or flags.
+    probe=$(mktemp)
+    # Links, too, which a compiler of C does without the C++ library. Unquoted: CXX may carry a launcher or flags.
     # shellcheck disable=SC2086
-    if ! complaint=$(echo '#include <string>' | $compiler -std=c++17 -fsyntax-only -x c++ - 2>&1); then
-        echo "setup: the compiler \"$compiler\" cannot compile C++17: ${complaint%%$'\n'*}" >&2
+    complaint=$(printf '#include <string>\nint main() { return std::string(9, 0).empty(); }\n' |
+        $compiler -std=c++17 -x c++ - -o "$probe" 2>&1) || : >"$probe"
+    if [[ ! -s $probe ]]; then
+        rm -f -- "$probe"
+        echo "setup: the compiler \"$compiler\" cannot build a C++17 program: ${complaint%%$'\n'*}" >&2
         exit 1
     fi
+    rm -f -- "$probe"
 }
 
 # An installed CMake can be too old for CMakePresets.json, and would only say that it cannot read that file.
