@@ -111,7 +111,7 @@ require_working_compiler() {
         $compiler -std=c++17 -x c++ - -o "$probe" 2>&1) || : >"$probe"
     if [[ ! -s $probe ]]; then
         rm -f -- "$probe"
-        echo "setup: the compiler \"$compiler\" cannot build a C++17 program: ${complaint%%$'\n'*}" >&2
+        echo "setup: the compiler \"$compiler\" cannot build a C++17 program${complaint:+: }${complaint%%$'\n'*}" >&2
         exit 1
     fi
     rm -f -- "$probe"
