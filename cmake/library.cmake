@@ -1,9 +1,6 @@
 find_package(Threads REQUIRED)
 include(cmake/configure.cmake)
 
-if(NOT NVML_GPU_MONITOR_TOP_LEVEL)
-    nvml_gpu_monitor_report_profiler()
-endif()
 if(NVML_GPU_MONITOR_PROFILER_DIR)
     # Part of the host: a shared library hides its inline functions, and would so have another GPUProfiler than the host.
     add_library(nvml_gpu_monitor STATIC src/nvml_gpu_monitor.cpp)
@@ -14,6 +11,9 @@ else()
 endif()
 add_library(nvml_gpu_monitor::nvml_gpu_monitor ALIAS nvml_gpu_monitor)
 nvml_gpu_monitor_configure(nvml_gpu_monitor "${CMAKE_CURRENT_SOURCE_DIR}/include" "${profiler_dir}")
+if(NOT NVML_GPU_MONITOR_TOP_LEVEL)
+    nvml_gpu_monitor_report_profiler()
+endif()
 
 # A shared library exports its class and nothing else: neither its internals nor templates of the standard library.
 # All versions with one major number have one binary interface, so the soname has that number alone.
