@@ -5,7 +5,8 @@
 #
 # The block whose fence is line 26 of README.md becomes FOLDER/README_26.cpp when the language is cpp. For each block a
 # line is printed, separated by tabs: the file, DOCUMENT:LINE, and REASON when the line before the fence is
-# <!-- not run: REASON -->. Blocks without a fence, without its end or without a language are errors.
+# <!-- not run: REASON -->. Errors are blocks without a fence, without its end or without one of the documents' languages,
+# and markers that mark nothing or have no reason.
 set -euo pipefail
 
 if (($# < 3)); then
@@ -41,7 +42,8 @@ for document in "$@"; do
             fence = NR
             indent = RLENGTH
             file = ""
-            if (text !~ /^```[a-z]+$/) fail(NR, "the code block has no language")
+            if (text !~ /^```(cmake|cpp|nginx|sh|text)$/)
+                fail(NR, "the language of a code block is cmake, cpp, nginx, sh or text")
             if (text == "```" language) {
                 file = prefix NR "." language
                 printf "" >file
@@ -52,9 +54,12 @@ for document in "$@"; do
         }
         reason { fail(NR - 1, "no code block follows \"not run\"") }
         text ~ /^<!-- not run: .+ -->$/ { reason = substr(text, 15, length(text) - 18) }
-        previous == "" && /^    / && NR > 1 { fail(NR, "the code block has no fence") }
+        !reason && tolower(text) ~ /^<!-- *not run/ { fail(NR, "this marker is not <!-- not run: REASON -->") }
+        text ~ /^~~~/ || previous == "" && /^(    |\t)/ && NR > 1 { fail(NR, "the code block has no fence") }
         { previous = $0 }
         END {
-            if (fence && !failed) fail(fence, "the code block has no end")
+            if (failed) exit
+            if (fence) fail(fence, "the code block has no end")
+            if (reason) fail(NR, "no code block follows \"not run\"")
         }' "$document"
 done
