@@ -6,7 +6,7 @@ if(NVML_GPU_MONITOR_PROFILER_DIR)
         BASE_DIR "${CMAKE_SOURCE_DIR}")
 endif()
 
-# Tells a host's developer where the frame time of samples comes from.
+# Prints for a host's developer where the frame time of samples comes from.
 function(nvml_gpu_monitor_report_profiler)
     if(NVML_GPU_MONITOR_PROFILER_DIR)
         message(STATUS "nvml_gpu_monitor: samples get their frame time from "

@@ -4,7 +4,7 @@ set(NVML_GPU_MONITOR_MISSING "")
 set(NVML_GPU_MONITOR_SWITCHES "")
 
 # nvml_gpu_monitor_need(NAME FOUND SWITCH...): FOUND is a target that exists, or a variable that is true, when NAME was
-# found. SWITCH is the end of the name of each option that needs it; one of them is on.
+# found. The options NVML_GPU_MONITOR_SWITCH, of which one at least is on, need NAME.
 function(nvml_gpu_monitor_need name found)
     if(TARGET "${found}" OR ${found})
         return()

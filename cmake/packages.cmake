@@ -55,8 +55,8 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME gpu-monitor)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS nvml-gpu-monitor-simulator)
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION "Shows and tunes the NVIDIA GPUs of this machine
-Readings once or continuously, as text or JSON, and changes of clocks and
-power limits.")
+A live view for the terminal, readings as text, JSON and CSV, and changes of
+clocks and power limits.")
 
 set(CPACK_DEBIAN_OVERLAY_PACKAGE_NAME gpu-overlay)
 set(CPACK_DEBIAN_OVERLAY_PACKAGE_SECTION utils)
@@ -86,7 +86,7 @@ user of its own. Brings rules, alerts and a dashboard for Grafana.")
 set(CPACK_DEBIAN_SIMULATOR_PACKAGE_NAME nvml-gpu-monitor-simulator)
 set(CPACK_DEBIAN_SIMULATOR_PACKAGE_SECTION devel)
 set(CPACK_DEBIAN_SIMULATOR_DESCRIPTION "Simulated NVIDIA management library
-Stands in for libnvidia-ml.so.1 on machines without a GPU, for programs that
-ask for it.")
+A libnvidia-ml.so.1 without hardware, whose boards behave like real ones, for
+programs that ask for it.")
 
 include(CPack)

@@ -35,8 +35,8 @@
 /// include this header and link the library; an exception that leaves an operation then ends the process. Run-time
 /// type information is not needed.
 ///
-/// Versions: as long as the major number stays, the interface only gains, in source and in binary form, and records
-/// keep their fields and layout.
+/// Versions: those with the same major number only add to the interface, in source and in binary form. Records keep
+/// their fields and layout.
 
 /// The version of this header, three numbers.
 #define NVML_GPU_MONITOR_VERSION_MAJOR 1

@@ -101,7 +101,7 @@ require_working_compiler() {
     [[ $wanted == *' run '* ]] || return 0
     if ! have "$program"; then
         [[ $program != [cg]++ ]] || return 0 # comes with the package g++
-        echo "setup: there is no $program, which CXX asks for: install it, or use another compiler with CXX" >&2
+        echo "setup: CXX names $program, which does not exist here: install it, or set CXX to another compiler" >&2
         exit 1
     fi
     probe=$(mktemp)
@@ -160,15 +160,15 @@ disable_prometheus() {
 become_root() {
     as_root=()
     ((EUID != 0)) || return 0
-    local reason='there is no sudo here'
+    local reason='there is no sudo'
     if have sudo; then
         as_root=(sudo)
         if sudo true </dev/null; then return 0; fi
-        reason='sudo refuses it to you'
+        reason='sudo refuses'
     fi
     {
         echo "setup: missing packages: ${missing[*]}"
-        echo "Installing them takes root, and $reason. As root, run:"
+        echo "Only root can install them, and $reason. As root, run:"
         echo "    $by_hand"
     } >&2
     exit 1

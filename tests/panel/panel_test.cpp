@@ -113,8 +113,9 @@ TEST_F(PanelTest, ChangeThatIsNotKeptGoesBackAndTheUserReadsSo) {
     Feed->SetInterval(std::chrono::milliseconds(100));
     LockClocks();
     // Until the feed waits for the end of the time to answer.
-    const std::chrono::duration<double> deadline(Feed->Latest()->Tuning.at(0).Deadline);
-    while (std::abs((sampler_clock::LatestWait().Deadline - deadline).count()) > 1e-6) Frame();
+    const double deadline = Feed->Latest()->Tuning.at(0).Deadline;
+    const auto latest = [] { return std::chrono::duration<double>(sampler_clock::LatestWait().Deadline).count(); };
+    while (std::abs(latest() - deadline) > 1e-6) Frame();
     sampler_clock::PassWaits();
     WaitToSee("It went back to: clocks released.");
     WaitToSee("hanged", false);

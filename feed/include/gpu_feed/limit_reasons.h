@@ -7,10 +7,10 @@
 
 namespace gpu_feed {
 
-/// The bits of `GpuTelemetrySample::PerformanceLimitReasons`, as NVML has them.
-///
-///     if ((sample.PerformanceLimitReasons & gpu_feed::kThermalReasons) != 0) LowerTheQuality();
-///
+// ---- The bits of GpuTelemetrySample::PerformanceLimitReasons, as NVML has them ----
+//
+//     if ((sample.PerformanceLimitReasons & gpu_feed::kThermalReasons) != 0) LowerTheQuality();
+
 /// The GPU is idle, which is no limit.
 constexpr uint64_t kIdleReason = 0x1;
 /// The clocks are those that somebody has set for applications.
@@ -30,8 +30,9 @@ constexpr uint64_t kPowerBrakeReason = 0x80;
 /// The clocks are those that the display needs.
 constexpr uint64_t kDisplayClocksReason = 0x100;
 
-/// The reasons that stand for the power drawn, and those for heat.
+/// All that stand for the power drawn.
 constexpr uint64_t kPowerReasons = kPowerCapReason | kPowerBrakeReason;
+/// All that stand for heat; the hardware's slowdown is among them, although it can also come from power.
 constexpr uint64_t kThermalReasons = kHardwareSlowdownReason | kDriverThermalReason | kHardwareThermalReason;
 
 /// One reason why the clocks are not higher.
