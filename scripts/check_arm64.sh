@@ -42,7 +42,10 @@ fill_sysroot() {
     : >"$build/apt/status"
     arm64_apt_get update || echo 'check_arm64: apt-get update failed; going on with the package lists that came'
     # shellcheck disable=SC2086 # several packages
-    arm64_apt_get install --yes --no-install-recommends --download-only $packages
+    if ! arm64_apt_get install --yes --no-install-recommends --download-only $packages; then
+        echo "check_arm64: the libraries for Arm could not be had: this system's package sources must offer arm64" >&2
+        exit 1
+    fi
     for package in "$build"/apt/cache/archives/*.deb; do dpkg-deb --extract "$package" "$sysroot"; done
     # Absolute links lead to this machine's files.
     find "$sysroot" -lname '/*' -printf '%p\t%l\n' | while IFS=$'\t' read -r link target; do
